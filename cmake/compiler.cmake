@@ -1,0 +1,25 @@
+# The language, the warnings, the sanitizers and the compiler cache of everything that is built.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+find_program(CCACHE ccache)
+if(CCACHE)
+    set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wvla -Werror
+    # no machine's path in the product, and the same objects from any checkout
+    -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+add_compile_definitions(_GNU_SOURCE)
+if(ZENBRAK3_SANITIZE)
+    add_compile_options(-fsanitize=${ZENBRAK3_SANITIZE} -fno-omit-frame-pointer
+        -fno-sanitize-recover=undefined)
+    add_link_options(-fsanitize=${ZENBRAK3_SANITIZE})
+    add_compile_definitions(ZENBRAK3_SANITIZED)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+        # the sanitizers' own code trips these
+        add_compile_options(-Wno-maybe-uninitialized)
+    endif()
+endif()

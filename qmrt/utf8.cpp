@@ -1,0 +1,69 @@
+#include "qmrt/utf8.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace qmrt {
+
+namespace {
+
+/** Length of the well-formed sequence at the beginning of @a text; 0 when there is none. */
+size_t sequence_length(std::string_view text) {
+    auto const byte = [&](size_t at) { return static_cast<unsigned char>(text[at]); };
+    auto const continues = [&](size_t at, unsigned low = 0x80, unsigned high = 0xBF) {
+        return at < text.size() && byte(at) >= low && byte(at) <= high;
+    };
+    unsigned const first = byte(0);
+    if (first < 0x80)
+        return 1;
+    if (first >= 0xC2 && first <= 0xDF)
+        return continues(1) ? 2 : 0;
+    if (first >= 0xE0 && first <= 0xEF) {
+        unsigned const low = first == 0xE0 ? 0xA0 : 0x80;
+        unsigned const high = first == 0xED ? 0x9F : 0xBF;
+        return continues(1, low, high) && continues(2) ? 3 : 0;
+    }
+    if (first >= 0xF0 && first <= 0xF4) {
+        unsigned const low = first == 0xF0 ? 0x90 : 0x80;
+        unsigned const high = first == 0xF4 ? 0x8F : 0xBF;
+        return continues(1, low, high) && continues(2) && continues(3) ? 4 : 0;
+    }
+    return 0;
+}
+
+} // namespace
+
+bool is_utf8(std::string_view text) {
+    while (!text.empty()) {
+        // most text is ASCII: eight bytes at a time
+        uint64_t word;
+        while (text.size() >= sizeof word) {
+            std::memcpy(&word, text.data(), sizeof word);
+            if (word & 0x8080808080808080u)
+                break;
+            text.remove_prefix(sizeof word);
+        }
+        if (text.empty())
+            break;
+        size_t const length = sequence_length(text);
+        if (length == 0)
+            return false;
+        text.remove_prefix(length);
+    }
+    return true;
+}
+
+std::string to_utf8(std::string_view text) {
+    std::string result;
+    while (!text.empty()) {
+        size_t const length = sequence_length(text);
+        if (length == 0)
+            result += "\xEF\xBF\xBD";
+        else
+            result += text.substr(0, length);
+        text.remove_prefix(length ? length : 1);
+    }
+    return result;
+}
+
+} // namespace qmrt
