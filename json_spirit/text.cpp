@@ -57,9 +57,10 @@ private:
         }
         Value& top = *stack_.back();
         if (top.type() == obj_type) {
-            Value& slot = top.get_obj()[std::move(key_)];
-            slot = std::move(value);
-            return &slot;
+            Object& object = top.get_obj();
+            // with the end as a hint, keys that come in ascending order cost no search
+            return &object.insert_or_assign(object.end(), std::move(key_), std::move(value))
+                        ->second;
         }
         // the address stays right: an array does not grow while one of its elements is open
         return &top.get_array().emplace_back(std::move(value));

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <string>
+#include <type_traits>
 
 /** printf into a string of any length. Returns "" when the format cannot be carried out. */
 std::string string_sprintf(char const* format, ...) __attribute__((format(printf, 1, 2)));
@@ -19,10 +20,10 @@ std::string string_vsprintf(char const* format, va_list arguments)
  */
 template <size_t N, typename Char = char>
 class snprintf_t {
-    static_assert(N > 0);
+    static_assert(N > 0 && std::is_same_v<Char, char>);
 
 public:
-    snprintf_t(Char const* format, ...) __attribute__((format(printf, 2, 3))) {
+    snprintf_t(char const* format, ...) __attribute__((format(printf, 2, 3))) {
         va_list arguments;
         va_start(arguments, format);
         int const length = vsnprintf(text_, N, format, arguments);
