@@ -1,0 +1,132 @@
+#include "host/xml/parse_xml.h"
+
+#include "tests/support/log_capture.h"
+#include "tests/support/temporary_directory.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+namespace {
+
+/** Writes down what it is told. */
+struct Recorder : ACEXML_DefaultHandler {
+    void startElement(ACEXML_Char const*, ACEXML_Char const* name, ACEXML_Char const*,
+                      ACEXML_Attributes* atts) override {
+        events += std::string("<") + name;
+        for (size_t index = 0; atts && index < atts->getLength(); ++index)
+            events += std::string(" ") + atts->getQName(index) + "=" + atts->getValue(index);
+        events += ">";
+    }
+    void endElement(ACEXML_Char const*, ACEXML_Char const* name, ACEXML_Char const*) override {
+        events += std::string("</") + name + ">";
+    }
+    void characters(ACEXML_Char const* text, size_t start, size_t length) override {
+        events.append(text + start, length);
+    }
+    std::string events;
+};
+
+class Parse_Xml_Test : public testing::Test {
+protected:
+    bool parse(std::string const& text) {
+        return parse_xml(files_.write("file.xml", text).c_str(), recorder_);
+    }
+    std::string failure() { return "Failed to parse XML " + files_.path("file.xml") + ", "; }
+
+    Temporary_Directory files_;
+    Recorder recorder_;
+};
+
+TEST_F(Parse_Xml_Test, events_come_in_the_order_of_the_file) {
+    EXPECT_TRUE(parse("<?xml version=\"1.0\"?><a x=\"1\" y='2'>t<b/></a>"));
+    EXPECT_EQ("<a x=1 y=2>t<b></b></a>", recorder_.events);
+}
+
+TEST_F(Parse_Xml_Test, a_missing_path_is_a_broken_precondition) {
+    EXPECT_FALSE(parse_xml(nullptr, recorder_));
+    EXPECT_CHECK_LOGGED("path is NULL or \"\"");
+    EXPECT_FALSE(parse_xml("", recorder_));
+    EXPECT_CHECK_LOGGED("path is NULL or \"\"");
+}
+
+TEST_F(Parse_Xml_Test, what_is_no_file_cannot_be_opened) {
+    EXPECT_FALSE(parse_xml(files_.path("none").c_str(), recorder_));
+    EXPECT_LOGGED(LM_ERROR, " Failed to open XML " + files_.path("none") + "\n");
+    EXPECT_FALSE(parse_xml(files_.path().c_str(), recorder_));
+    EXPECT_LOGGED(LM_ERROR, " Failed to open XML " + files_.path() + "\n");
+    ASSERT_EQ(0, mkfifo(files_.path("fifo").c_str(), 0600));
+    EXPECT_FALSE(parse_xml(files_.path("fifo").c_str(), recorder_));
+    EXPECT_LOGGED(LM_ERROR, " Failed to open XML " + files_.path("fifo") + "\n");
+}
+
+TEST_F(Parse_Xml_Test, faults_are_told_and_what_came_before_was_seen) {
+    for (char const* text :
+         {"<a><b></a>", "garbage", "<a x=1/>", "<a x='1' x='2'/>", "<a>", "<a x=\"1", "<a b",
+          "\x01\x02\x03\x04", "<a>&", "<a>&x", "<!DOCTYPE", "<!DOCTYPE r [<!ENTITY"}) {
+        EXPECT_FALSE(parse(text)) << text;
+        EXPECT_LOGGED(LM_ERROR, failure());
+    }
+    recorder_.events.clear();
+    EXPECT_FALSE(parse("<a><b></a>"));
+    EXPECT_LOGGED(LM_ERROR, failure());
+    EXPECT_EQ("<a><b>", recorder_.events);
+}
+
+TEST_F(Parse_Xml_Test, the_end_inside_of_what_is_not_closed_is_a_fault_and_no_endless_loop) {
+    for (char const* text : {"<a><!-- </a>", "<a><![CDATA[ x", "<a><?pi", "<!-- x", "<?pi "}) {
+        EXPECT_FALSE(parse(text)) << text;
+        EXPECT_LOGGED(LM_ERROR, failure());
+    }
+}
+
+TEST_F(Parse_Xml_Test, an_empty_file_cannot_be_read) {
+    EXPECT_FALSE(parse(""));
+    EXPECT_LOGGED(LM_ERROR, "XML " + files_.path("file.xml"));
+}
+
+TEST_F(Parse_Xml_Test, text_cut_anywhere_is_a_fault_and_no_crash) {
+    std::string const text = "<?xml version=\"1.0\" encoding=\"UTF-8\"?><ROOT><CLUSTER>"
+                             "<PARAM name=\"clusterName\" value=\"c\"/></CLUSTER></ROOT>";
+    ASSERT_TRUE(parse(text));
+    for (size_t length = 0; length < text.size(); ++length) {
+        EXPECT_FALSE(parse(text.substr(0, length))) << text.substr(0, length);
+        EXPECT_LOGGED(LM_ERROR, "XML " + files_.path("file.xml"));
+    }
+}
+
+TEST_F(Parse_Xml_Test, deep_nesting_is_a_fault_and_no_crash) {
+    std::string nested;
+    for (int depth = 0; depth < Xml_Guard::MAX_DEPTH; ++depth)
+        nested = "<a>" + nested + "</a>";
+    EXPECT_TRUE(parse(nested));
+    EXPECT_FALSE(parse("<a>" + nested + "</a>"));
+    EXPECT_LOGGED(LM_ERROR, failure() + "Elements are nested too deeply");
+    std::string deep;
+    for (int depth = 0; depth < 200000; ++depth)
+        deep += "<a>";
+    EXPECT_FALSE(parse(deep));
+    EXPECT_LOGGED(LM_ERROR, failure() + "Elements are nested too deeply");
+}
+
+TEST_F(Parse_Xml_Test, entities_bring_nothing_in_from_outside_the_file) {
+    std::string const secret = files_.write("secret", "SECRET");
+    EXPECT_TRUE(parse("<?xml version=\"1.0\"?><!DOCTYPE r [<!ENTITY x SYSTEM \"" + secret +
+                      "\">]><r a=\"1&x;\">&x;</r>"));
+    EXPECT_EQ(std::string::npos, recorder_.events.find("SECRET"));
+    EXPECT_TRUE(parse("<?xml version=\"1.0\"?><!DOCTYPE r SYSTEM \"" + secret + "\"><r>k</r>"));
+    EXPECT_EQ(std::string::npos, recorder_.events.find("SECRET"));
+}
+
+TEST_F(Parse_Xml_Test, entities_that_multiply_stay_small) {
+    std::string text = "<?xml version=\"1.0\"?><!DOCTYPE r [<!ENTITY e0 \"aaaaaaaaaa\">";
+    for (int level = 1; level < 10; ++level) {
+        text += "<!ENTITY e" + std::to_string(level) + " \"";
+        for (int times = 0; times < 10; ++times)
+            text += "&e" + std::to_string(level - 1) + ";";
+        text += "\">";
+    }
+    EXPECT_TRUE(parse(text + "]><r a=\"&e9;\">&e9;</r>"));
+    EXPECT_GT(1000u, recorder_.events.size());
+}
+
+} // namespace
