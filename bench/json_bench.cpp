@@ -13,8 +13,7 @@ using json_spirit::Array_Maker;
 using json_spirit::Object_Maker;
 
 /** A catalog's answer to a query for backup sets, of about 1 MiB. */
-std::string const& catalog_reply()
-{
+std::string const& catalog_reply() {
     static std::string const text = [] {
         json_spirit::Array rows;
         for (int row = 0; row < 1250; ++row) {
@@ -37,13 +36,11 @@ std::string const& catalog_reply()
     return text;
 }
 
-void count_bytes(benchmark::State& state)
-{
+void count_bytes(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(catalog_reply().size()));
 }
 
-void json_parse_ours(benchmark::State& state)
-{
+void json_parse_ours(benchmark::State& state) {
     for (auto _ : state) {
         json_spirit::Value value;
         if (!json_spirit::parse(catalog_reply(), value, nullptr))
@@ -54,16 +51,14 @@ void json_parse_ours(benchmark::State& state)
 }
 BENCHMARK(json_parse_ours);
 
-void json_parse_nlohmann(benchmark::State& state)
-{
+void json_parse_nlohmann(benchmark::State& state) {
     for (auto _ : state)
         benchmark::DoNotOptimize(nlohmann::json::parse(catalog_reply()));
     count_bytes(state);
 }
 BENCHMARK(json_parse_nlohmann);
 
-void json_parse_rapidjson(benchmark::State& state)
-{
+void json_parse_rapidjson(benchmark::State& state) {
     for (auto _ : state) {
         rapidjson::Document document;
         document.Parse<rapidjson::kParseValidateEncodingFlag>(catalog_reply().c_str());
@@ -73,8 +68,7 @@ void json_parse_rapidjson(benchmark::State& state)
 }
 BENCHMARK(json_parse_rapidjson);
 
-void json_dump_ours(benchmark::State& state)
-{
+void json_dump_ours(benchmark::State& state) {
     json_spirit::Value value;
     json_spirit::parse(catalog_reply(), value, nullptr);
     for (auto _ : state)
@@ -83,8 +77,7 @@ void json_dump_ours(benchmark::State& state)
 }
 BENCHMARK(json_dump_ours);
 
-void json_dump_nlohmann(benchmark::State& state)
-{
+void json_dump_nlohmann(benchmark::State& state) {
     auto const value = nlohmann::json::parse(catalog_reply());
     for (auto _ : state)
         benchmark::DoNotOptimize(value.dump());
@@ -92,8 +85,7 @@ void json_dump_nlohmann(benchmark::State& state)
 }
 BENCHMARK(json_dump_nlohmann);
 
-void json_dump_rapidjson(benchmark::State& state)
-{
+void json_dump_rapidjson(benchmark::State& state) {
     rapidjson::Document document;
     document.Parse(catalog_reply().c_str());
     for (auto _ : state) {

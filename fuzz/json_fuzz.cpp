@@ -3,8 +3,7 @@
 #include <cstdlib>
 
 /** Whatever parses is written as text that parses to the same value, and to the same text again. */
-extern "C" int LLVMFuzzerTestOneInput(unsigned char const* data, size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(unsigned char const* data, size_t size) {
     json_spirit::Value value;
     if (!json_spirit::parse(std::string_view(reinterpret_cast<char const*>(data), size), value,
                             nullptr))

@@ -7,8 +7,7 @@
 #include <unistd.h>
 
 /** A shell profile of any content is read to its end, and every value stays within its bound. */
-extern "C" int LLVMFuzzerTestOneInput(unsigned char const* data, size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(unsigned char const* data, size_t size) {
     static int const file = memfd_create("profile", 0);
     static std::string const path = "/proc/self/fd/" + std::to_string(file);
     if (ftruncate(file, 0) == -1 || pwrite(file, data, size, 0) != static_cast<ssize_t>(size))
