@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <string>
+#include <type_traits>
 
 /** printf into a string of any length. Returns "" when the format cannot be carried out. */
 std::string string_sprintf(char const* format, ...) __attribute__((format(printf, 1, 2)));
@@ -20,9 +21,11 @@ std::string string_vsprintf(char const* format, va_list arguments)
 template <size_t N, typename Char = char>
 class snprintf_t {
     static_assert(N > 0);
+    static_assert(std::is_same_v<Char, char>, "printf has no other");
 
 public:
-    snprintf_t(Char const* format, ...) __attribute__((format(printf, 2, 3))) {
+    // clang wants a format that does not depend on the template
+    snprintf_t(char const* format, ...) __attribute__((format(printf, 2, 3))) {
         va_list arguments;
         va_start(arguments, format);
         int const length = vsnprintf(text_, N, format, arguments);

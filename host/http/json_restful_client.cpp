@@ -37,13 +37,6 @@ bool is_pin(std::string const& text) {
                text.size() - 1;
 }
 
-/** A path or a host as it may stand in a log line, whatever was put into it. */
-std::string loggable(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c > 0x7E; }, '?');
-    return text;
-}
-
 /** The value of a response's body, or its beginning as text. @return true for JSON or nothing */
 bool read_body(HTTP_Response& response, json_spirit::Value& value) {
     constexpr size_t MAX_TEXT = 4096;
@@ -152,8 +145,8 @@ bool JSON_RESTful_Client::send(int method, HTTP_Request const& request,
         done = read_body(response, value) && response.ok();
     else
         QMRT_LOG(LM_ERROR, "Failed to send HTTP request '%s %s' to %s:%d, %s\n",
-                 http_method_name(method), loggable(request.path()).c_str(),
-                 loggable(settings_.host).c_str(), static_cast<int>(settings_.port),
+                 http_method_name(method), qmrt::to_one_line(request.path()).c_str(),
+                 qmrt::to_one_line(settings_.host).c_str(), static_cast<int>(settings_.port),
                  response.error().c_str());
     if (result)
         *result = std::move(value);

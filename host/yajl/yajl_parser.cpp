@@ -152,11 +152,9 @@ bool YAJL_Parser_Base::fail_by_yajl(int status, bool at_end) {
 
 bool YAJL_Parser_Base::fail(int code, std::string const& what, size_t at) {
     err_ = code;
-    error_ = what;
-    std::string const key = key_in_messages();
-    if (!key.empty())
-        error_ += " at key \"" + key + "\"";
-    error_ += " near byte " + std::to_string(at) + " (code " + std::to_string(code) + ")";
+    std::string const key = current_key();
+    error_ = qmrt::to_one_line(what + (key.empty() ? "" : " at key \"" + key + "\"")) +
+             " near byte " + std::to_string(at) + " (code " + std::to_string(code) + ")";
     return false;
 }
 
@@ -204,15 +202,10 @@ bool YAJL_Parser_Base::check(char const* text, size_t length) {
     return false;
 }
 
-/** The innermost key whose value is being parsed, fit for one line of a log. */
-std::string YAJL_Parser_Base::key_in_messages() const {
+/** The beginning of the innermost key whose value is being parsed; "" when there is none. */
+std::string YAJL_Parser_Base::current_key() const {
     constexpr size_t MAX_SHOWN = 64;
     auto const found = std::find_if(keys_.rbegin(), keys_.rend(),
                                     [](std::string const& key) { return !key.empty(); });
-    if (found == keys_.rend())
-        return "";
-    std::string text = qmrt::to_utf8(std::string_view(*found).substr(0, MAX_SHOWN));
-    std::replace_if(
-        text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
-    return text;
+    return found == keys_.rend() ? "" : found->substr(0, MAX_SHOWN);
 }

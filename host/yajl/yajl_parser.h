@@ -78,7 +78,7 @@ private:
     bool enter();
     bool leave();
     bool check(char const* text, size_t length);
-    std::string key_in_messages() const;
+    std::string current_key() const;
 
     std::unique_ptr<yajl_handle_t, Handle_Deleter> handle_;
     std::vector<std::string> keys_; ///< for each open level the key that its value is for
