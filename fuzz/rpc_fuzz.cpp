@@ -15,8 +15,8 @@ extern "C" int LLVMFuzzerTestOneInput(unsigned char const* data, size_t size) {
         JSON_RPC_Message again;
         if (objects.empty())
             continue;
-        if (!parse_json_rpc(json_rpc_text(objects, true), again) || !again.batch ||
-            again.objects.size() != objects.size())
+        if (!parse_json_rpc(json_rpc_text(objects, message.batch), again) ||
+            again.batch != message.batch || again.objects.size() != objects.size())
             std::abort();
         for (size_t at = 0; at < objects.size(); ++at)
             if (again.objects[at]->type() != objects[at]->type() ||

@@ -147,7 +147,7 @@ bool JSON_RESTful_Client::send(int method, HTTP_Request const& request,
         QMRT_LOG(LM_ERROR, "Failed to send HTTP request '%s %s' to %s:%d, %s\n",
                  http_method_name(method), qmrt::to_one_line(request.path()).c_str(),
                  qmrt::to_one_line(settings_.host).c_str(), static_cast<int>(settings_.port),
-                 response.error().c_str());
+                 qmrt::to_one_line(response.error()).c_str());
     if (result)
         *result = std::move(value);
     return done;

@@ -15,8 +15,8 @@
  * What is refused, because too many wait already or the handler is closed, is answered with
  * JSON_RPC_BUSY. An exception that leaves handle_object_i is caught: see guard_json_rpc_handler().
  *
- * The owner calls fini() before it destroys the handler: the destructor of the derived class would
- * otherwise run under a message that is being handled.
+ * The most derived class calls fini() in its destructor, or its owner does before it destroys it:
+ * otherwise the object would go under a message that is being handled.
  */
 class JSON_RPC_Thread_Pool_Handler : public JSON_RPC_Handler {
 public:

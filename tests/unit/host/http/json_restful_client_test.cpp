@@ -17,6 +17,19 @@ using Steps = Https_Server::Steps;
 
 namespace {
 
+/** This process's sockets that are connected to that port of 127.0.0.1. */
+std::vector<int> sockets_to(unsigned short port) {
+    std::vector<int> result;
+    for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+        sockaddr_in peer{};
+        socklen_t length = sizeof peer;
+        if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length) == 0 &&
+            peer.sin_family == AF_INET && ntohs(peer.sin_port) == port)
+            result.push_back(descriptor);
+    }
+    return result;
+}
+
 class JSON_RESTful_Client_Test : public JSON_RESTful_Client_Fixture {};
 
 TEST_F(JSON_RESTful_Client_Test, a_json_answer_is_read) {
@@ -287,17 +300,23 @@ TEST_F(JSON_RESTful_Client_Test, no_proxy_of_the_environment_is_used_unless_aske
 TEST_F(JSON_RESTful_Client_Test, no_child_process_inherits_the_connection) {
     server_.on("GET /x", 200, "{}");
     EXPECT_TRUE(get());
-    int found = 0;
-    for (int descriptor = 0; descriptor < 1024; ++descriptor) {
-        sockaddr_in peer{};
-        socklen_t length = sizeof peer;
-        if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length) == -1 ||
-            peer.sin_family != AF_INET || ntohs(peer.sin_port) != server_.port())
-            continue;
-        ++found;
-        EXPECT_TRUE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC);
-    }
-    EXPECT_EQ(1, found);
+    std::vector<int> const sockets = sockets_to(server_.port());
+    ASSERT_EQ(1u, sockets.size());
+    EXPECT_TRUE(fcntl(sockets[0], F_GETFD) & FD_CLOEXEC);
+}
+
+TEST_F(JSON_RESTful_Client_Test, the_connection_to_another_endpoint_is_closed) {
+    server_.on("GET /x", 200, "{}");
+    EXPECT_TRUE(get());
+    client_.reset("localhost", server_.port(), true);
+    EXPECT_EQ(1u, sockets_to(server_.port()).size()) << "the endpoint is the same";
+    client_.reset("127.0.0.1", server_.port(), true);
+    EXPECT_TRUE(sockets_to(server_.port()).empty());
+}
+
+TEST_F(JSON_RESTful_Client_Test, dots_in_the_path_go_out_as_they_are) {
+    server_.on("GET /a/../x/./y", 200, "{}");
+    EXPECT_TRUE(get("/a/../x/./y"));
 }
 
 TEST_F(JSON_RESTful_Client_Test, an_answer_that_takes_its_time_is_awaited) {

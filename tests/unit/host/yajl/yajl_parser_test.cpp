@@ -181,6 +181,16 @@ TEST(YAJL_Parser, quotes_in_strings_and_backslashes_do_not_fool_the_bound) {
     EXPECT_EQ("[ s:\"\"\" s:\\ s:ab s:\\\\ ] ", parser.events);
 }
 
+TEST(YAJL_Parser, behind_an_escaped_quote_or_backslash_a_string_ends_where_it_does) {
+    std::string const blanks(1000, ' ');
+    for (char const* string : {"\"\\\"\"", "\"\\\\\"", "\"a\\\\\\\"\""}) {
+        Recorder parser;
+        parser.max_string_size(10);
+        EXPECT_TRUE(parser.feed("[" + (string + blanks) + "," + blanks + "1]") && parser.complete())
+            << string << parser.error();
+    }
+}
+
 TEST(YAJL_Parser, any_number_of_blanks_and_short_strings_is_within_the_bound) {
     Recorder parser;
     parser.max_string_size(4);
