@@ -213,19 +213,8 @@ private:
     }
 
     void real(double value) {
-        if (!std::isfinite(value)) {
-            yajl_gen_null(generator_.get());
-            return;
-        }
-        char text[40];
-        char* end = std::to_chars(text, text + sizeof text - 2, value).ptr;
-        // 1e300 and 0.5 read back as reals; a plain 1 would come back as a whole number
-        if (std::string_view(text, static_cast<size_t>(end - text)).find_first_of(".e") ==
-            std::string_view::npos) {
-            *end++ = '.';
-            *end++ = '0';
-        }
-        yajl_gen_number(generator_.get(), text, static_cast<size_t>(end - text));
+        std::string const text = real_to_text(value);
+        yajl_gen_number(generator_.get(), text.data(), text.size());
     }
 
     Generator generator_;
@@ -252,6 +241,18 @@ bool parse(std::string_view text, Value& value, std::string* error) {
     }
     value = std::move(builder.result());
     return true;
+}
+
+std::string real_to_text(double value) {
+    if (!std::isfinite(value))
+        return "null";
+    char digits[40];
+    char const* const end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+    std::string text(digits, static_cast<size_t>(end - digits));
+    // 1e300 and 0.5 read back as reals; a plain 1 would come back as a whole number
+    if (text.find_first_of(".e") == std::string::npos)
+        text += ".0";
+    return text;
 }
 
 std::string to_text(Value const& value, bool pretty) {

@@ -37,6 +37,12 @@ bool parse(std::string_view text, Value& value, std::string* error);
  */
 std::string to_text(Value const& value, bool pretty = false);
 
+/**
+ * The text of a real: the shortest that reads back as the same real, never as a whole number;
+ * "null" for what is no number.
+ */
+std::string real_to_text(double value);
+
 } // namespace json_spirit
 
 /**

@@ -1,5 +1,6 @@
 #include "qmrt/utf8.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -63,6 +64,13 @@ std::string to_utf8(std::string_view text) {
             result += text.substr(0, length);
         text.remove_prefix(length ? length : 1);
     }
+    return result;
+}
+
+std::string to_one_line(std::string_view text) {
+    std::string result = to_utf8(text);
+    std::replace_if(
+        result.begin(), result.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
     return result;
 }
 

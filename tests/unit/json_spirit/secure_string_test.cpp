@@ -28,6 +28,11 @@ void* operator new(size_t size) {
     throw std::bad_alloc();
 }
 
+// ACE allocates with this one and gives back by the plain delete, which is replaced too
+void* operator new(size_t size, std::nothrow_t const&) noexcept {
+    return std::malloc(size);
+}
+
 void operator delete(void* memory) noexcept {
     give_back(memory);
 }

@@ -70,6 +70,14 @@ TEST(json_text, reals_read_back_the_same_and_stay_reals) {
     EXPECT_EQ("1.0", to_text(Value(1.0)));
 }
 
+TEST(json_text, the_text_of_a_real_alone) {
+    EXPECT_EQ("0.5", real_to_text(0.5));
+    EXPECT_EQ("-3.0", real_to_text(-3));
+    EXPECT_EQ("1e+300", real_to_text(1e300));
+    EXPECT_EQ("null", real_to_text(std::nan("")));
+    EXPECT_EQ("null", real_to_text(-std::numeric_limits<double>::infinity()));
+}
+
 TEST(json_text, what_is_no_number_is_written_as_null) {
     EXPECT_EQ("null", to_text(Value(std::nan(""))));
     EXPECT_EQ("null", to_text(Value(std::numeric_limits<double>::infinity())));

@@ -30,4 +30,10 @@ TEST(utf8, each_stray_byte_becomes_the_replacement_character) {
     EXPECT_EQ("\xEF\xBF\xBD(", qmrt::to_utf8("\xC3("));
 }
 
+TEST(to_one_line, control_characters_cannot_forge_a_line) {
+    EXPECT_EQ("a?b??c?", qmrt::to_one_line(std::string_view("a\nb\r\0c\x7F", 7)));
+    EXPECT_EQ("\xC3\xA4 \xEF\xBF\xBD", qmrt::to_one_line("\xC3\xA4 \xFF"));
+    EXPECT_EQ("", qmrt::to_one_line(""));
+}
+
 } // namespace
