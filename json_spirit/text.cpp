@@ -30,12 +30,13 @@ public:
                 return of(self).number(std::string_view(text, length));
             },
             [](void* self, unsigned char const* text, size_t length) {
-                return of(self).add(Value(to_string(text, length)));
+                return of(self).whole(text, length) ? of(self).add(Value(to_string(text, length)))
+                                                    : 0;
             },
             [](void* self) { return of(self).open(Value(Object())); },
             [](void* self, unsigned char const* text, size_t length) {
                 of(self).key_ = to_string(text, length);
-                return 1;
+                return of(self).whole(text, length);
             },
             [](void* self) { return of(self).close(); },
             [](void* self) { return of(self).open(Value(Array())); },
@@ -64,6 +65,18 @@ private:
         }
         // the address stays right: an array does not grow while one of its elements is open
         return &top.get_array().emplace_back(std::move(value));
+    }
+
+    /**
+     * The parser checks the bytes that it reads, and makes what no UTF-8 can hold of an escape:
+     * half of a surrogate pair, which would be written as text that nobody can read again.
+     */
+    int whole(unsigned char const* text, size_t length) {
+        std::string_view const view(reinterpret_cast<char const*>(text), length);
+        if (view.find('\xED') == std::string_view::npos || qmrt::is_utf8(view))
+            return 1;
+        error_ = "an escape names half of a surrogate pair";
+        return 0;
     }
 
     int add(Value&& value) {

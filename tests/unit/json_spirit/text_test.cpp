@@ -133,6 +133,12 @@ TEST(json_text, text_must_be_utf8) {
         EXPECT_EQ("text is not UTF-8", fault(text));
 }
 
+TEST(json_text, an_escape_of_half_a_surrogate_pair_is_refused) {
+    for (char const* text : {"\"x\\uDDDDy\"", "\"\\udc00\"", "{\"\\uDFFF\":1}"})
+        EXPECT_NE(std::string::npos, fault(text).find("half of a surrogate pair")) << text;
+    EXPECT_EQ(Value("\xED\x9F\xBF\xEE\x80\x80"), parsed("\"\\uD7FF\\uE000\""));
+}
+
 TEST(json_text, escapes_and_nul) {
     EXPECT_EQ(Value("\xC3\xA4\n\"\\/\t\xF0\x9F\x92\xBE"),
               parsed("\"\\u00e4\\n\\\"\\\\\\/\\t\\ud83d\\udcbe\""));
