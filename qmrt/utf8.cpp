@@ -1,8 +1,13 @@
 #include "qmrt/utf8.h"
 
+#include "qmrt/scoped_deleter.h"
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <iconv.h>
+#include <langinfo.h>
 
 namespace qmrt {
 
@@ -71,6 +76,31 @@ std::string to_one_line(std::string_view text) {
     std::string result = to_utf8(text);
     std::replace_if(
         result.begin(), result.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }, '?');
+    return result;
+}
+
+std::string local_to_utf8(std::string_view text, char const* codeset) {
+    if (is_utf8(text))
+        return std::string(text);
+    iconv_t const converter = iconv_open("UTF-8", codeset ? codeset : nl_langinfo(CODESET));
+    if (converter == reinterpret_cast<iconv_t>(-1))
+        return to_utf8(text);
+    Scoped_Deleter const closer([&] { iconv_close(converter); });
+    std::string result;
+    char* next = const_cast<char*>(text.data()); // iconv does not change it
+    size_t left = text.size();
+    while (left > 0) {
+        char piece[256];
+        char* end = piece;
+        size_t room = sizeof piece;
+        bool const failed = iconv(converter, &next, &left, &end, &room) == static_cast<size_t>(-1);
+        result.append(piece, end);
+        if (failed && errno != E2BIG) {
+            result += "\xEF\xBF\xBD";
+            ++next;
+            --left;
+        }
+    }
     return result;
 }
 

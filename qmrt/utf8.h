@@ -19,6 +19,13 @@ std::string to_utf8(std::string_view text);
  */
 std::string to_one_line(std::string_view text);
 
+/**
+ * The text as UTF-8, whatever it was written in: well-formed UTF-8 stays as it is; else it is taken
+ * as text of @a codeset, a name of iconv_open(), or the locale's when it is null; what is no text
+ * in that either becomes U+FFFD, as does every byte beyond ASCII when iconv does not know the name.
+ */
+std::string local_to_utf8(std::string_view text, char const* codeset = nullptr);
+
 } // namespace qmrt
 
 #endif

@@ -36,4 +36,27 @@ TEST(to_one_line, control_characters_cannot_forge_a_line) {
     EXPECT_EQ("", qmrt::to_one_line(""));
 }
 
+TEST(utf8, local_text_is_converted_from_its_codeset) {
+    EXPECT_EQ("M\xC3\xBCller", qmrt::local_to_utf8("M\xFCller", "ISO-8859-1"));
+    EXPECT_EQ("\xE6\x95\xB0\xE6\x8D\xAE", qmrt::local_to_utf8("\xCA\xFD\xBE\xDD", "GB18030"));
+    std::string const many(1000, '\xFC');
+    EXPECT_EQ(2000u, qmrt::local_to_utf8(many, "ISO-8859-1").size());
+}
+
+TEST(utf8, local_text_that_is_utf8_already_stays) {
+    EXPECT_EQ("gr\xC3\xBC\xC3\x9F", qmrt::local_to_utf8("gr\xC3\xBC\xC3\x9F", "ISO-8859-1"));
+    EXPECT_EQ(std::string("a\0b", 3), qmrt::local_to_utf8(std::string_view("a\0b", 3), "GB18030"));
+}
+
+TEST(utf8, what_is_no_local_text_is_replaced_byte_by_byte) {
+    EXPECT_EQ("a\xEF\xBF\xBD"
+              "b\xEF\xBF\xBD",
+              qmrt::local_to_utf8("a\xFF"
+                                  "b\x81",
+                                  "GB18030"));
+    // the tests run in the C locale, which is ASCII
+    EXPECT_EQ("\xEF\xBF\xBD!", qmrt::local_to_utf8("\xFC!"));
+    EXPECT_EQ("\xEF\xBF\xBD!", qmrt::local_to_utf8("\xFC!", "no such codeset"));
+}
+
 } // namespace
