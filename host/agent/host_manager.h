@@ -1,0 +1,56 @@
+#ifndef HOST_AGENT_HOST_MANAGER_H
+#define HOST_AGENT_HOST_MANAGER_H
+
+#include "json_spirit/secure_string.h"
+
+#include <mutex>
+#include <string>
+
+/**
+ * Who this host is. The agent sets it at its start, from its configuration; any thread may read
+ * and write.
+ */
+class Host_Manager {
+public:
+    /** The program that this process is. */
+    enum Component {
+        CPN_UNKNOWN,
+        CPN_AGENT,
+        CPN_BACKUPD,
+        CPN_CONTROLLER,
+        CPN_STORAGED,
+        CPN_LICENSED
+    };
+
+    static Host_Manager* instance();
+
+    /** The host's uuid; "" until it was set. */
+    std::string uuid() const;
+    void uuid(std::string value);
+    /** The host's name: its node name (uname -n) unless another was set. */
+    std::string name() const;
+    void name(std::string value);
+    /** The key that storage servers know this host by; "" until it was set. */
+    secure_string access_key() const;
+    void access_key(secure_string value);
+    /** The key that is used instead when on_backupd(). */
+    secure_string node_access_key() const;
+    void node_access_key(secure_string value);
+    /** CPN_AGENT unless another was set. */
+    Component component() const;
+    void component(Component value);
+    /** True when this process is the backup server itself. */
+    bool on_backupd() const { return component() == CPN_BACKUPD; }
+
+private:
+    Host_Manager();
+
+    mutable std::mutex mutex_;
+    std::string uuid_;
+    std::string name_;
+    secure_string access_key_;
+    secure_string node_access_key_;
+    Component component_ = CPN_AGENT;
+};
+
+#endif

@@ -1,0 +1,9 @@
+#include "host/job/job_thread_helper.h"
+
+#include "host/job/job.h"
+#include "host/job/thread_log.h"
+
+void Job_Thread_Helper::handle_starting() {
+    if (job_)
+        log_this_thread_to(job_->log_msg_callback());
+}
