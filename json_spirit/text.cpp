@@ -4,6 +4,7 @@
 #include "qmrt/log.h"
 #include "qmrt/utf8.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <memory>
@@ -19,6 +20,11 @@ class Builder {
 public:
     std::string const& error() const { return error_; }
     Value& result() { return root_; }
+
+    /** The parser that this gets its events from. */
+    yajl_handle parser = nullptr;
+    /** Where the text stands behind the value; a number at the very end of the text has no such. */
+    size_t value_end = std::string_view::npos;
 
     static yajl_callbacks const* callbacks() {
         static yajl_callbacks const table = {
@@ -81,6 +87,12 @@ private:
 
     int add(Value&& value) {
         place(std::move(value));
+        return done();
+    }
+
+    int done() {
+        if (stack_.empty() && parser)
+            value_end = yajl_get_bytes_consumed(parser);
         return 1;
     }
 
@@ -95,7 +107,7 @@ private:
 
     int close() {
         stack_.pop_back();
-        return 1;
+        return done();
     }
 
     int number(std::string_view text) {
@@ -246,10 +258,20 @@ bool parse(std::string_view text, Value& value, std::string* error) {
     Parser const parser(yajl_alloc(Builder::callbacks(), nullptr, &builder));
     yajl_config(parser.get(), yajl_dont_validate_strings, 1); // checked above, more strictly
     auto const* const bytes = reinterpret_cast<unsigned char const*>(text.data());
-    if (yajl_parse(parser.get(), bytes, text.size()) != yajl_status_ok ||
-        yajl_complete_parse(parser.get()) != yajl_status_ok) {
+    builder.parser = parser.get();
+    bool ok = yajl_parse(parser.get(), bytes, text.size()) == yajl_status_ok;
+    builder.parser = nullptr; // its count of bytes begins anew with what follows
+    ok = ok && yajl_complete_parse(parser.get()) == yajl_status_ok;
+    if (!ok) {
         if (error)
             *error = describe(parser.get(), builder);
+        return false;
+    }
+    // the parser takes a string that begins behind the value and never ends for blanks
+    size_t const end = std::min(builder.value_end, text.size());
+    if (text.find_first_not_of(" \t\r\n", end) != std::string_view::npos) {
+        if (error)
+            *error = "text behind the value near byte " + std::to_string(end);
         return false;
     }
     value = std::move(builder.result());

@@ -119,6 +119,13 @@ TEST(json_text, faults_say_what_and_where) {
         EXPECT_NE(std::string::npos, fault(text).find("near byte")) << text;
 }
 
+TEST(json_text, nothing_but_blanks_may_follow_the_value) {
+    for (char const* text : {"{}\"", "{}\"abc", "1\"", "[] \"x", "\"a\"\"", "{} {", "null\"e"})
+        EXPECT_NE(std::string::npos, fault(text).find("near byte")) << text;
+    for (char const* text : {"1", " 1 ", "-2.5\n", "\"a\" ", "{}\r\n\t ", "[1]", "true", "null "})
+        parsed(text);
+}
+
 TEST(json_text, text_cut_at_every_byte_is_a_fault) {
     std::string const text = "{\"a\":[1,-2.5e3,true,null,\"x\\u00e4\"],\"b\":{\"c\":\"\xC3\xA4\"}}";
     parsed(text);
