@@ -37,6 +37,25 @@ inline bool deny_system_call(long number, int error) {
            prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
 }
 
+/**
+ * From now on write(2) of at least @a least bytes fails with @a error on the calling thread and its
+ * children. Smaller ones have to work: with them the sanitizers look whether memory can be read,
+ * and end the program with status 0 when they do not.
+ */
+inline bool deny_writes(unsigned least, int error) {
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_write, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[2])),
+        BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, least, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog filter = {sizeof program / sizeof program[0], program};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
 /** The calling thread, of root, becomes another user. */
 inline bool become(uid_t uid, gid_t gid) {
     return syscall(SYS_setgroups, 0, nullptr) == 0 && syscall(SYS_setresgid, gid, gid, gid) == 0 &&

@@ -1,0 +1,125 @@
+#include "host/storage/file_pool_folder.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr mode_t FOLDER_MODE = 0750;
+constexpr int FOLDER_FLAGS = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+Storage_Result::Code code_of(int error) {
+    switch (error) {
+    case ENOENT:
+    case ENOTDIR:
+        return Storage_Result::NOT_FOUND;
+    case EEXIST:
+    case EISDIR:
+        return Storage_Result::EXISTS;
+    case ELOOP:
+    case ENAMETOOLONG:
+        return Storage_Result::BAD_NAME;
+    case ENOSPC:
+    case EDQUOT:
+    case EFBIG:
+        return Storage_Result::NO_SPACE;
+    case ESTALE:
+    case ENOTCONN:
+    case EHOSTDOWN:
+    case ETIMEDOUT:
+        return Storage_Result::UNREACHABLE;
+    default:
+        return Storage_Result::FAILED;
+    }
+}
+
+/** O_DIRECTORY with O_NOFOLLOW calls a link "not a directory"; tells the two apart. */
+int open_error(int parent, char const* name) {
+    int const error = errno;
+    struct stat status;
+    if (error == ENOTDIR && fstatat(parent, name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+        S_ISLNK(status.st_mode))
+        return ELOOP;
+    return error;
+}
+
+/** Opens the folder @a name, made if need be. */
+int enter(int parent, char const* name, bool make) {
+    int fd = openat(parent, name, FOLDER_FLAGS);
+    if (fd != -1 || errno != ENOENT || !make)
+        return fd;
+    bool const made = mkdirat(parent, name, FOLDER_MODE) == 0;
+    if (!made && errno != EEXIST)
+        return -1;
+    fd = openat(parent, name, FOLDER_FLAGS);
+    if (fd != -1 && made && fsync(parent) == -1) {
+        int const error = errno;
+        close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
+}
+
+Storage_Result walk(int pool, File_Pool_Folder::Parts const& parts, size_t depth, bool make,
+                    File_Descriptor& folder) {
+    File_Descriptor at(openat(pool, ".", FOLDER_FLAGS));
+    if (!at)
+        return storage_errno("failed to open the pool's folder", errno);
+    for (size_t i = 0; i < depth; ++i) {
+        File_Descriptor next(enter(at.get(), parts[i].c_str(), make));
+        if (!next)
+            return storage_errno("failed to open folder '" + parts[i] + "'",
+                                 open_error(at.get(), parts[i].c_str()));
+        at = std::move(next);
+    }
+    folder = std::move(at);
+    return {};
+}
+
+} // namespace
+
+Storage_Result storage_errno(std::string const& what, int error) {
+    char buffer[256];
+    char const* const reason =
+        error == ELOOP ? "links are not followed" : strerror_r(error, buffer, sizeof buffer);
+    return {code_of(error), what + ": " + reason};
+}
+
+File_Pool_Folder::Parts File_Pool_Folder::full_parts(std::string const& name) const {
+    Parts parts = prefix_;
+    if (!name.empty())
+        for (std::string& part : split_object_name(name))
+            parts.push_back(std::move(part));
+    return parts;
+}
+
+Storage_Result File_Pool_Folder::open_folder(Parts const& parts, size_t depth,
+                                             File_Descriptor& folder) const {
+    return walk(pool_.get(), parts, depth, false, folder);
+}
+
+Storage_Result File_Pool_Folder::make_folder(Parts const& parts, size_t depth,
+                                             File_Descriptor& folder) const {
+    // another connection may remove a folder as empty between our making it and entering it
+    constexpr int ATTEMPTS = 100;
+    Storage_Result result;
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
+        result = walk(pool_.get(), parts, depth, true, folder);
+        if (result.code() != Storage_Result::NOT_FOUND)
+            return result;
+    }
+    return {Storage_Result::FAILED, result.text()};
+}
+
+void File_Pool_Folder::remove_empty_folders(Parts const& parts) const {
+    for (size_t depth = parts.size() - 1; depth > 0; --depth) {
+        File_Descriptor parent;
+        if (!open_folder(parts, depth - 1, parent) ||
+            unlinkat(parent.get(), parts[depth - 1].c_str(), AT_REMOVEDIR) == -1)
+            return;
+    }
+}

@@ -1,0 +1,44 @@
+#ifndef HOST_STORAGE_FILE_POOL_FOLDER_H
+#define HOST_STORAGE_FILE_POOL_FOLDER_H
+
+#include "host/storage/storage_backend.h"
+#include "qmrt/file.h"
+
+#include <memory>
+
+/** The result for a system call that failed with @a error: "<what>: <text of the error>". */
+Storage_Result storage_errno(std::string const& what, int error);
+
+/**
+ * A pool's folder in a file system, and the ways into it. Every way is walked name by name from the
+ * folder's descriptor, no link followed, so nobody leads out of the pool by swapping a folder for a
+ * link meanwhile. All operations may be called on several threads at once.
+ */
+class File_Pool_Folder {
+public:
+    using Parts = std::vector<std::string>;
+
+    /** @param prefix  the names that lead from the pool's folder to the connection's */
+    File_Pool_Folder(File_Descriptor pool, Parts prefix)
+        : pool_(std::move(pool)), prefix_(std::move(prefix)) {}
+
+    int pool_fd() const { return pool_.get(); }
+    /** The parts of an object's or folder's name from the pool's folder on. */
+    Parts full_parts(std::string const& name) const;
+
+    /** Opens the folder that the first @a depth parts lead to. */
+    Storage_Result open_folder(Parts const& parts, size_t depth, File_Descriptor& folder) const;
+    /** The same; makes the folders that are not there, and syncs the folders that they are in. */
+    Storage_Result make_folder(Parts const& parts, size_t depth, File_Descriptor& folder) const;
+    /**
+     * Removes the folders on the way to a name from the innermost on, up to the first that is not
+     * empty. The pool's own folder stays.
+     */
+    void remove_empty_folders(Parts const& parts) const;
+
+private:
+    File_Descriptor pool_;
+    Parts const prefix_;
+};
+
+#endif

@@ -1,0 +1,279 @@
+#include "host/storage/mount_fuse.h"
+
+#include "qmrt/file.h"
+#include "tests/support/file_pool.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/own_thread.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
+
+namespace {
+
+std::string text_of(size_t size) {
+    std::string text;
+    for (unsigned i = 0; text.size() < size; ++i)
+        text += "line " + std::to_string(i * 2654435761u % 1000) + "\n";
+    text.resize(size);
+    return text;
+}
+
+class mount_fuse_settings : public testing::Test {
+protected:
+    File_Pool pool_;
+    Temporary_Directory directory_;
+    Mount_Fuse fuse_;
+    std::string source_ = pool_.url() + "/source";
+    std::string point_ = directory_.path("point");
+
+    bool mount() { return fuse_.mount(source_.c_str(), point_.c_str(), nullptr); }
+};
+
+/** Needs a kernel that mounts. */
+class mount_fuse : public mount_fuse_settings {
+protected:
+    void SetUp() override {
+        if (access("/dev/fuse", R_OK | W_OK) == -1)
+            GTEST_SKIP() << "this machine has no /dev/fuse, errno=" << errno;
+        if (geteuid() == 0 && !can_mount())
+            GTEST_SKIP() << "this machine lets nobody mount";
+    }
+    static bool can_mount() {
+        bool good = false;
+        on_own_thread([&] {
+            good = unshare(CLONE_FS | CLONE_NEWNS) == 0 &&
+                   ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+        });
+        return good;
+    }
+    static bool is_mount_point(std::string const& path) {
+        std::ifstream mounts("/proc/self/mountinfo");
+        for (std::string line; std::getline(mounts, line);)
+            if (line.find(" " + path + " ") != std::string::npos)
+                return true;
+        return false;
+    }
+    int shell(std::string const& command) const {
+        return std::system(("cd " + point_ + " && (" + command + ") 2>/dev/null").c_str());
+    }
+    std::string read(std::string const& name) const { return directory_.read("point/" + name); }
+};
+
+TEST_F(mount_fuse_settings, values_that_cannot_be_are_refused) {
+    EXPECT_FALSE(fuse_.compression_method(static_cast<Compression_Method>(9), 1));
+    EXPECT_FALSE(fuse_.compression_method(static_cast<Compression_Method>(-1), 1));
+    EXPECT_TRUE(fuse_.compression_method(COMPR_ZSTD, 1));
+    EXPECT_TRUE(fuse_.encryption_method(ENCRYPTION_NONE, nullptr, 0, nullptr, 0));
+    EXPECT_FALSE(fuse_.encryption_method(ENCRYPTION_AES_256, "short", 5, nullptr, 0));
+}
+
+TEST_F(mount_fuse_settings, a_source_that_cannot_be_is_told) {
+    source_ = "/no/url";
+    EXPECT_FALSE(mount());
+    EXPECT_LOGGED(LM_ERROR, "Failed to mount '/no/url', invalid URL, no scheme\n");
+    source_ = "dedup://host/pool";
+    EXPECT_FALSE(mount());
+    EXPECT_LOGGED(LM_ERROR, "Failed to mount dedup://host/pool, no storage for URLs of 'dedup'\n");
+    source_ = pool_.url() + "/none/none";
+    EXPECT_FALSE(mount());
+    EXPECT_LOGGED(LM_ERROR, "failed to open pool folder");
+    EXPECT_FALSE(fuse_.mount(nullptr, point_.c_str(), nullptr));
+    EXPECT_LOGGED(LM_ERROR, "invalid URL");
+    EXPECT_FALSE(fuse_.mounted());
+    EXPECT_FALSE(directory_.exists("point"));
+}
+
+TEST_F(mount_fuse_settings, a_mount_point_that_cannot_be_is_told) {
+    point_ = directory_.write("file", "x") + "/point";
+    EXPECT_FALSE(mount());
+    EXPECT_LOGGED(LM_ERROR, "Failed to make mount point");
+    EXPECT_FALSE(fuse_.mount(source_.c_str(), nullptr, nullptr));
+    EXPECT_LOGGED(LM_ERROR, "Failed to make mount point ''");
+}
+
+TEST_F(mount_fuse_settings, an_unknown_user_gets_no_mount) {
+    fuse_.allow_user_access("no-such-user");
+    EXPECT_FALSE(mount());
+    EXPECT_LOGGED(LM_ERROR, "Failed to mount for user no-such-user, the user is not known");
+}
+
+TEST_F(mount_fuse_settings, without_a_mount_there_is_nothing_to_unmount) {
+    fuse_.unmount();
+    EXPECT_FALSE(fuse_.mounted());
+}
+
+TEST_F(mount_fuse, an_option_that_is_not_known_fails_the_mount) {
+    fuse_.other_fuse_options("-o no_such_option=1");
+    EXPECT_FALSE(mount());
+    EXPECT_LOGGED(LM_ERROR, "Failed to mount " + source_);
+    EXPECT_LOGGED(LM_ERROR, "no_such_option");
+    EXPECT_FALSE(is_mount_point(point_));
+}
+
+TEST_F(mount_fuse, a_program_writes_into_the_pool_and_reads_it_again) {
+    fuse_.compression_method(COMPR_ZSTD, 1);
+    fuse_.read_mode(SYNC_READ);
+    fuse_.big_write(true);
+    fuse_.other_fuse_options("-o remember=60");
+    ASSERT_TRUE(mount());
+    EXPECT_TRUE(is_mount_point(point_));
+    std::string const text = text_of(10 << 20);
+    std::string const in = directory_.write("in", text);
+    EXPECT_EQ(0, shell("mkdir -p FULL_1 && cp " + in + " FULL_1/data && sync FULL_1/data"));
+    EXPECT_EQ(0, shell("cmp " + in + " FULL_1/data"));
+    EXPECT_EQ(0, shell("test $(stat -c %s FULL_1/data) = 10485760"));
+    EXPECT_EQ(0, shell("test \"$(ls FULL_1)\" = data"));
+    EXPECT_EQ(0, shell("chmod 640 FULL_1/data && chown 0:0 FULL_1/data && touch FULL_1/data"));
+    EXPECT_EQ(0, shell("dd if=" + in + " of=FULL_1/two bs=7777 && cmp " + in + " FULL_1/two"));
+    EXPECT_EQ(0, shell("mv FULL_1/two FULL_1/three && test ! -e FULL_1/two"));
+    EXPECT_EQ(0, shell("test \"$(tail -c 9 FULL_1/three)\" = \"$(tail -c 9 " + in + ")\""));
+    EXPECT_EQ(0, shell("rm FULL_1/three"));
+    EXPECT_TRUE(pool_.has("source/FULL_1/data.zst"));
+    EXPECT_GT(text.size() / 2, pool_.stored("source/FULL_1/data.zst").size());
+    EXPECT_EQ(1u, pool_.files());
+    fuse_.unmount();
+    EXPECT_FALSE(is_mount_point(point_));
+    EXPECT_TRUE(std::filesystem::is_empty(point_));
+
+    ASSERT_TRUE(mount()) << "it can be mounted again";
+    EXPECT_TRUE(text == read("FULL_1/data"));
+    EXPECT_EQ(0, shell("rm -r FULL_1 && test -z \"$(ls)\""));
+    EXPECT_EQ(0u, pool_.files());
+}
+
+TEST_F(mount_fuse, files_may_be_written_in_any_order) {
+    ASSERT_TRUE(mount());
+    std::string const text = text_of(3 << 20);
+    std::string const in = directory_.write("in", text);
+    EXPECT_EQ(0, shell("cp " + in + " o && printf header | dd of=o bs=1 conv=notrunc seek=100"));
+    std::string wanted = text;
+    wanted.replace(100, 6, "header");
+    EXPECT_TRUE(wanted == pool_.stored("source/o"));
+    EXPECT_EQ(0, shell("echo more >>o && truncate -s 50 p && echo a >q && echo b >>q"));
+    EXPECT_TRUE(wanted + "more\n" == pool_.stored("source/o"));
+    EXPECT_EQ(std::string(50, '\0'), pool_.stored("source/p"));
+    EXPECT_EQ("a\nb\n", pool_.stored("source/q"));
+}
+
+TEST_F(mount_fuse, a_mount_to_read_refuses_to_write) {
+    pool_.store("source/o.lzo", "x");
+    pool_.store("source/p", "content");
+    fuse_.read_mode(READ_ONLY);
+    ASSERT_TRUE(mount());
+    EXPECT_EQ("content", read("p"));
+    EXPECT_NE(0, shell("echo x >new"));
+    EXPECT_NE(0, shell("rm p"));
+    EXPECT_NE(0, shell("cat o"));
+    EXPECT_GE(Log_Capture::instance().claim_all(LM_ERROR, "damaged lzop data"), 1u);
+}
+
+TEST_F(mount_fuse, a_failure_to_store_is_told_at_fsync_and_close) {
+    // the pool's own file system is full
+    on_own_thread([&] {
+        ASSERT_EQ(0, unshare(CLONE_FS | CLONE_NEWNS));
+        ASSERT_EQ(0, ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr));
+        ASSERT_EQ(0, ::mount("tmpfs", pool_.path().c_str(), "tmpfs", 0, "size=64k"));
+        ASSERT_TRUE(mount());
+        fuse_.unmount();
+        fuse_.compression_method(COMPR_LZOP, 1);
+        ASSERT_TRUE(mount());
+        for (bool by_fsync : {true, false}) {
+            File_Descriptor file(open((point_ + "/o").c_str(), O_WRONLY | O_CREAT, 0600));
+            ASSERT_TRUE(file) << errno << by_fsync;
+            // less than a block of the codec: nothing comes into the pool before the end
+            std::string noise(200 << 10, '\0');
+            unsigned seed = 1;
+            for (char& c : noise)
+                c = static_cast<char>((seed = seed * 1103515245u + 12345u) >> 16);
+            ASSERT_EQ(static_cast<ssize_t>(noise.size()),
+                      write(file.get(), noise.data(), noise.size()));
+            if (by_fsync) {
+                EXPECT_EQ(-1, fsync(file.get()));
+                EXPECT_EQ(ENOSPC, errno);
+            }
+            EXPECT_EQ(-1, close(file.release()));
+            EXPECT_EQ(ENOSPC, errno);
+        }
+        EXPECT_EQ(0u, File_Pool::files_below(pool_.path()));
+        fuse_.unmount();
+    });
+    EXPECT_GE(Log_Capture::instance().claim_all(LM_ERROR, "No space left on device"), 2u);
+}
+
+TEST_F(mount_fuse, the_user_who_is_allowed_may_use_it_and_nobody_else) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can become other users";
+    chmod(directory_.path().c_str(), 0755);
+    pool_.store("source/o", "content");
+    fuse_.allow_user_access("nobody");
+    ASSERT_TRUE(mount());
+    struct stat status;
+    ASSERT_EQ(0, stat((point_ + "/o").c_str(), &status));
+    uid_t const nobody = status.st_uid;
+    EXPECT_NE(0u, nobody);
+    on_own_thread([&] {
+        ASSERT_TRUE(become(nobody, status.st_gid));
+        EXPECT_EQ(0, access((point_ + "/o").c_str(), R_OK));
+        EXPECT_EQ(1, [&] {
+            File_Descriptor const file(open((point_ + "/p").c_str(), O_WRONLY | O_CREAT, 0600));
+            return write(file.get(), "x", 1);
+        }());
+    });
+    on_own_thread([&] {
+        ASSERT_TRUE(become(nobody - 1, status.st_gid - 1));
+        EXPECT_EQ(-1, open((point_ + "/o").c_str(), O_RDONLY));
+        EXPECT_EQ(EACCES, errno);
+    });
+    EXPECT_EQ("x", pool_.stored("source/p"));
+}
+
+TEST_F(mount_fuse, one_object_mounts_one_thing_at_a_time) {
+    ASSERT_TRUE(mount());
+    EXPECT_FALSE(fuse_.mount(source_.c_str(), directory_.path("other").c_str(), nullptr));
+    EXPECT_LOGGED(LM_ERROR, "is mounted already");
+    EXPECT_TRUE(is_mount_point(point_));
+}
+
+TEST_F(mount_fuse, the_destructor_unmounts) {
+    {
+        Mount_Fuse other;
+        ASSERT_TRUE(other.mount(source_.c_str(), point_.c_str(), nullptr));
+        EXPECT_TRUE(is_mount_point(point_));
+    }
+    EXPECT_FALSE(is_mount_point(point_));
+}
+
+TEST_F(mount_fuse, a_mount_point_in_use_is_given_up_all_the_same_and_what_is_open_is_stored) {
+    ASSERT_TRUE(mount());
+    File_Descriptor const file(open((point_ + "/o").c_str(), O_WRONLY | O_CREAT, 0600));
+    ASSERT_TRUE(file);
+    ASSERT_EQ(3, write(file.get(), "abc", 3));
+    fuse_.unmount();
+    EXPECT_LOGGED(LM_WARNING, "/o was still being written, it is stored as it is\n");
+    EXPECT_FALSE(is_mount_point(point_));
+    EXPECT_EQ("abc", pool_.stored("source/o"));
+    EXPECT_EQ(-1, write(file.get(), "def", 3));
+}
+
+TEST_F(mount_fuse, small_writes_and_several_readers_work_too) {
+    fuse_.big_write(false);
+    fuse_.read_mode(ASYNC_READ);
+    fuse_.compression_method(COMPR_LZOP, 1);
+    ASSERT_TRUE(mount());
+    std::string const text = text_of(4 << 20);
+    std::string const in = directory_.write("in", text);
+    EXPECT_EQ(0, shell("cp " + in + " o"));
+    fuse_.unmount();
+    ASSERT_TRUE(mount());
+    EXPECT_EQ(
+        0, shell("cmp " + in + " o & cmp " + in + " o & cmp " + in + " o && wait %1 && wait %2"));
+    struct statvfs space;
+    ASSERT_EQ(0, statvfs(point_.c_str(), &space));
+    EXPECT_GT(space.f_blocks, 0u);
+}
+
+} // namespace
