@@ -1,0 +1,126 @@
+#ifndef GAUSSDB_COMMON_GAUSSDB_CLUSTER_MANAGER_H
+#define GAUSSDB_COMMON_GAUSSDB_CLUSTER_MANAGER_H
+
+#include "gaussdb/common/gaussdb_cluster_handler.h"
+#include "json_spirit/value.h"
+
+#include <map>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+
+class GaussDB_Env;
+struct Service_Info;
+
+/**
+ * The clusters that this agent knows, by name, and the discovery of those that run on this host. A
+ * process that looks like the database is asked for its environment through /proc; that says which
+ * profile to read and which cluster it belongs to. What was learned is also written down, so that a
+ * cluster that is stopped can be brought back.
+ *
+ * May be used on any thread. One discovery runs at a time, so that a new cluster is asked once; it
+ * holds no lock that get_cluster(), cluster_exists(), add_cluster() and remove_cluster() want while
+ * a tool runs. What it finds is entered when its handler is ready. Names that cannot name a file
+ * are refused (see gaussdb_cluster_name.h).
+ */
+class GaussDB_Cluster_Manager {
+public:
+    using map_type = std::map<std::string, GaussDB_Cluster_Handler_var>;
+
+    /** The process's own; null, with ENOMEM, when there is no memory. */
+    static GaussDB_Cluster_Manager* instance();
+    /** Ends it. No other thread may use it any more; a later instance() makes a new one. */
+    static void close_instance();
+
+    GaussDB_Cluster_Manager() = default;
+    GaussDB_Cluster_Manager(GaussDB_Cluster_Manager const&) = delete;
+    GaussDB_Cluster_Manager& operator=(GaussDB_Cluster_Manager const&) = delete;
+
+    /**
+     * Runs discovery, then appends a record for each known cluster, by name. GaussDB T is looked
+     * for only when list_cluster() fails, as it does on a host that has no other flavour.
+     *
+     * A record has "instance", "nodes", "app_path", "user", "version" (the flavour, a
+     * GAUSSDB_VERSION) and "edition" (the version, "8.1.1"). A cluster that was declared by hand
+     * has the record that was declared, which its "manual" says.
+     */
+    bool get_instances(json_spirit::Array& instances);
+
+    /**
+     * Brings back a cluster that discovery did not see, by what was written down about it.
+     * @param version  its flavour, a GAUSSDB_VERSION  @param edition  its version, "8.1.1"
+     * @return true when it is known now or was before; false for a flavour of which nothing is
+     *         written down, and after an error line for all else
+     */
+    bool update_offline_instance(char const* name, char const* user, int version,
+                                 std::string const& edition);
+
+    /** The handler; an empty pointer for an unknown name. */
+    GaussDB_Cluster_Handler_var get_cluster(char const* name) const;
+    bool cluster_exists(char const* name) const;
+    /** Enters a handler. On true it is this object's; on false, which is logged, the caller's. */
+    bool add_cluster(char const* name, GaussDB_Cluster_Handler* handler);
+    /** Takes a cluster out; who holds its handler keeps it. True also for an unknown name. */
+    bool remove_cluster(char const* name);
+
+    /**
+     * Discovery of the flavours with gsql, with load_config_cluster() when there is no cluster at
+     * all. Clusters known before have their handlers' init() called again; one whose init() fails
+     * is taken out.
+     * @return false when processes cannot be listed, or no cluster is known in the end and no
+     *         profile is configured
+     */
+    bool list_cluster();
+    /**
+     * Enters the cluster of the profile that GAUSSDB_MPPDBGS_PROFILE names, which need not be
+     * running. Its init() follows in list_cluster().
+     * @return false, with nothing logged, when there is no such variable or no cluster's name in
+     *         the profile
+     */
+    bool load_config_cluster();
+
+    /** Discovery of GaussDB T. @return false only when processes cannot be listed. */
+    bool list_gaussdb_t();
+    bool list_gaussdb_t_single();
+
+    /**
+     * The environment of a cluster between runs of the agent: one JSON object of strings in the
+     * file <name>_env below /var/cache/quilmot/zenbrak3/gaussdb, mode 0640. Failures are logged.
+     */
+    bool dump_env(std::string const& name, GaussDB_Env const& env);
+    bool load_env(std::string const& name, GaussDB_Env& env);
+
+    /** The listener's port by cfg/zengine.ini of a data directory; 0 when it does not say. */
+    unsigned short get_lsnr_port(char const* gaussdb_data);
+
+private:
+    bool list_cluster_i();
+    bool detect_cluster(Service_Info const& service, std::string& gphome, map_type& found);
+    bool detect_config_cluster(map_type& found);
+    void init_clusters(map_type const& found);
+    bool list_gaussdb_t_single_i();
+    bool detect_gaussdb_t(Service_Info const& service);
+
+    map_type snapshot() const;
+    bool enter(std::string const& name, GaussDB_Cluster_Handler_var const& handler);
+    void take_out(std::string const& name, GaussDB_Cluster_Handler_var const& handler);
+
+    mutable std::shared_mutex clusters_mutex_; ///< never held while a tool runs
+    map_type clusters_;                        ///< guarded by clusters_mutex_
+    std::mutex discovery_mutex_;               ///< one discovery at a time; taken first
+};
+
+/** What the module does when it is unloaded. */
+void GaussDB_Cluster_Manager_fini();
+
+/**
+ * Reads from a process's environment which cluster it belongs to.
+ * @param profile  MPPDB_ENV_SEPARATE_PATH, "" without it
+ * @param name     GS_CLUSTER_NAME, "" without it
+ * @param gphome   GPHOME; left alone without it
+ * @return true when there is a name, and a profile or a non-empty @a gphome. An environment that
+ *         cannot be read is logged.
+ */
+bool get_cluster_environ_var(int pid, std::string& profile, std::string& name, std::string& gphome);
+
+#endif
