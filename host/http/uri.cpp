@@ -3,6 +3,7 @@
 #include "host/http/http_encode.h"
 #include "qmrt/natoi.h"
 
+#include <algorithm>
 #include <curl/curl.h>
 #include <memory>
 
@@ -22,6 +23,8 @@ std::string part(Url const& url, CURLUPart which) {
 }
 
 std::string decoded(std::string_view text) {
+    if (text.find('%') == std::string_view::npos) // most names
+        return std::string(text);
     std::string result;
     for (size_t at = 0; at < text.size(); ++at) {
         int const byte = http_escaped_byte(text, at);
@@ -85,6 +88,7 @@ bool URI::path_segments(std::vector<std::string>& segments, bool decode) const {
         rest.remove_prefix(1);
     if (rest.empty())
         return false;
+    segments.reserve(1 + static_cast<size_t>(std::count(rest.begin(), rest.end(), '/')));
     for (bool more = true; more;) {
         size_t const end = rest.find('/');
         std::string_view const segment = rest.substr(0, end);

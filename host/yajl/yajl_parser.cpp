@@ -4,6 +4,7 @@
 #include "qmrt/utf8.h"
 
 #include <algorithm>
+#include <array>
 #include <yajl/yajl_parse.h>
 
 /** The events of yajl, checked and handed to the parser's handlers. */
@@ -81,6 +82,22 @@ constexpr yajl_callbacks CALLBACKS = {
     YAJL_Parser_Events::on_end_array,
 };
 
+/** What a byte means to the bound of strings and numbers; a byte may mean several of them. */
+enum Byte_Meaning : unsigned char { ENDS_STRING = 1, ENDS_PLAIN_STRING = 2, ENDS_NUMBER = 4 };
+
+constexpr std::array<unsigned char, 256> BYTE_MEANINGS = [] {
+    std::array<unsigned char, 256> meanings{};
+    for (char const c : std::string_view(" \t\r\n{}[]:,"))
+        meanings[static_cast<unsigned char>(c)] = ENDS_NUMBER;
+    meanings['"'] = ENDS_STRING | ENDS_PLAIN_STRING | ENDS_NUMBER;
+    meanings['\\'] = ENDS_PLAIN_STRING;
+    return meanings;
+}();
+
+bool has(Byte_Meaning meaning, char byte) {
+    return BYTE_MEANINGS[static_cast<unsigned char>(byte)] & meaning;
+}
+
 /** What yajl says of its own errors, without the line break. */
 std::string message_of(yajl_handle handle) {
     unsigned char* const message = yajl_get_error(handle, 0, nullptr, 0);
@@ -134,7 +151,16 @@ bool YAJL_Parser_Base::complete() {
         return true;
     completed_ = true;
     yajl_status const status = yajl_complete_parse(handle_.get());
-    return status == yajl_status_ok || fail_by_yajl(status, true);
+    if (status != yajl_status_ok)
+        return fail_by_yajl(status, true);
+    // yajl takes a string that begins behind the value and never ends for blanks
+    return !in_string_ || fail(YAJL_ERR_TRAILING, "an open string behind the value", consumed_);
+}
+
+bool YAJL_Parser_Base::stop(int code, std::string what) {
+    err_ = code;
+    reason_ = std::move(what);
+    return false;
 }
 
 bool YAJL_Parser_Base::fail_by_yajl(int status, bool at_end) {
@@ -163,28 +189,39 @@ bool YAJL_Parser_Base::fail(int code, std::string const& what, size_t at) {
  * all of it, or up to where one becomes too long.
  */
 size_t YAJL_Parser_Base::bytes_before_too_long(std::string_view piece) {
-    for (size_t at = 0; at < piece.size(); ++at) {
-        char const c = piece[at];
-        if (!escaped_ && c == '"') {
-            in_string_ = !in_string_;
-            token_size_ = 0;
-            continue;
+    size_t at = 0;
+    while (at < piece.size()) {
+        size_t const begin = at;
+        // the token's bytes that may still come, from here to where the token or its bound ends
+        size_t const end = begin + std::min(piece.size() - begin, max_string_size_ - token_size_);
+        if (escaped_ && at < end) {
+            escaped_ = false;
+            ++at;
         }
-        escaped_ = in_string_ && !escaped_ && c == '\\';
-        if (!in_string_ && std::string_view(" \t\r\n{}[]:,").find(c) != std::string_view::npos)
+        while (at < end && !has(in_string_ ? ENDS_PLAIN_STRING : ENDS_NUMBER, piece[at]))
+            ++at;
+        token_size_ += at - begin;
+        if (at == piece.size())
+            break;
+        char const c = piece[at];
+        if (in_string_ && c == '\\' && at < end) {
+            escaped_ = true;
+            ++token_size_;
+        } else if (!escaped_ && has(in_string_ ? ENDS_STRING : ENDS_NUMBER, c)) {
+            in_string_ = in_string_ != (c == '"');
             token_size_ = 0;
-        else if (++token_size_ > max_string_size_)
+        } else {
             return at;
+        }
+        ++at;
     }
-    return piece.size();
+    return at;
 }
 
 bool YAJL_Parser_Base::enter() {
-    if (keys_.size() == json_spirit::MAX_DEPTH) {
-        err_ = YAJL_ERR_DEPTH;
-        reason_ = "nested deeper than " + std::to_string(json_spirit::MAX_DEPTH) + " levels";
-        return false;
-    }
+    if (keys_.size() == json_spirit::MAX_DEPTH)
+        return stop(YAJL_ERR_DEPTH,
+                    "nested deeper than " + std::to_string(json_spirit::MAX_DEPTH) + " levels");
     keys_.emplace_back();
     return true;
 }
@@ -197,9 +234,7 @@ bool YAJL_Parser_Base::leave() {
 bool YAJL_Parser_Base::check(char const* text, size_t length) {
     if (qmrt::is_utf8(std::string_view(text, length)))
         return true;
-    err_ = YAJL_ERR_UTF8;
-    reason_ = "a string or key is no UTF-8";
-    return false;
+    return stop(YAJL_ERR_UTF8, "a string or key is no UTF-8");
 }
 
 /** The beginning of the innermost key whose value is being parsed; "" when there is none. */

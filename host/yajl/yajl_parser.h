@@ -24,7 +24,8 @@ enum YAJL_ERR {
     YAJL_ERR_PLACE = 9,       ///< a string at a level where there should be none
     YAJL_ERR_INCOMPLETE = 10, ///< the text ended too early
     YAJL_ERR_TRAILING = 11,   ///< something behind the value
-    YAJL_ERR_REFUSED = 12     ///< a handler stopped and gave no code
+    YAJL_ERR_REFUSED = 12,    ///< a handler stopped and gave no code
+    YAJL_ERR_NUL = 13         ///< a NUL inside of a string that must not have one
 };
 
 /**
@@ -66,6 +67,12 @@ public:
 protected:
     int err_ = YAJL_ERR_NONE; ///< a handler that stops says here why
 
+    /**
+     * For a handler that stops: the code, and the words that error() is to begin with.
+     * @return false
+     */
+    bool stop(int code, std::string what);
+
 private:
     friend struct YAJL_Parser_Events;
     struct Handle_Deleter {
@@ -83,7 +90,7 @@ private:
     std::unique_ptr<yajl_handle_t, Handle_Deleter> handle_;
     std::vector<std::string> keys_; ///< for each open level the key that its value is for
     std::string error_;
-    std::string reason_; ///< why an event was refused here, before a handler saw it
+    std::string reason_; ///< why an event was refused, in words
     size_t max_string_size_ = MAX_STRING_SIZE;
     size_t consumed_ = 0; ///< bytes of the pieces before this one
     size_t token_size_ = 0;

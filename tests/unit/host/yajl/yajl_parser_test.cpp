@@ -1,6 +1,8 @@
 #include "host/yajl/yajl_parser.h"
 
+#include <array>
 #include <gtest/gtest.h>
+#include <random>
 #include <stdexcept>
 
 namespace {
@@ -22,6 +24,8 @@ public:
             err_ = YAJL_ERR_TYPE;
             return false;
         }
+        if (string == "with words")
+            return stop(YAJL_ERR_MISSING, "lack of\n'id'");
         if (string == "coded but true") {
             err_ = YAJL_ERR_PLACE;
             return true;
@@ -126,7 +130,7 @@ TEST(YAJL_Parser, what_is_no_json_is_a_fault_of_syntax) {
 }
 
 TEST(YAJL_Parser, something_behind_the_value_is_a_fault) {
-    for (char const* text : {"{} x", "[][]", "1 2", "{}}", "01", "\"a\"\"b\""})
+    for (char const* text : {"{} x", "[][]", "1 2", "{}}", "01", "\"a\"\"b\"", "{}\"", "{} \"x"})
         EXPECT_EQ(YAJL_ERR_TRAILING, fault(text).first) << text;
     Recorder parser;
     EXPECT_TRUE(parser.feed("{} \n\t "));
@@ -191,6 +195,32 @@ TEST(YAJL_Parser, behind_an_escaped_quote_or_backslash_a_string_ends_where_it_do
     }
 }
 
+TEST(YAJL_Parser, the_bound_is_the_same_however_the_text_is_cut) {
+    std::mt19937 random(1);
+    for (int round = 0; round < 3000; ++round) {
+        std::string text = "[";
+        for (unsigned count = random() % 6; count > 0; --count)
+            for (char const* part = std::array{"\"", "\"a\\\"b\"", "12345", "\\", ", ", "\"\\\\\"",
+                                               "abc", "\"xyz\","}[random() % 8];
+                 *part; ++part)
+                text += *part;
+        for (size_t limit = 0; limit < 8; ++limit) {
+            Recorder whole, bytes, pairs;
+            for (Recorder* const parser : {&whole, &bytes, &pairs})
+                parser->max_string_size(limit);
+            whole.feed(text);
+            for (size_t at = 0; at < text.size(); ++at)
+                bytes.feed(text.substr(at, 1));
+            for (size_t at = 0; at < text.size(); at += 2)
+                pairs.feed(text.substr(at, 2));
+            ASSERT_EQ(whole.err() == YAJL_ERR_LENGTH, bytes.err() == YAJL_ERR_LENGTH) << text;
+            ASSERT_EQ(whole.err() == YAJL_ERR_LENGTH, pairs.err() == YAJL_ERR_LENGTH) << text;
+            ASSERT_EQ(whole.err(), bytes.err()) << text << whole.error() << bytes.error();
+            ASSERT_EQ(whole.events, bytes.events) << text;
+        }
+    }
+}
+
 TEST(YAJL_Parser, any_number_of_blanks_and_short_strings_is_within_the_bound) {
     Recorder parser;
     parser.max_string_size(4);
@@ -220,6 +250,12 @@ TEST(YAJL_Parser, the_code_that_a_handler_sets_is_kept) {
     EXPECT_EQ(YAJL_ERR_TYPE, code);
     EXPECT_EQ("the value or key was refused at key \"channels\" near byte 25 (code 5)", message);
     EXPECT_EQ(YAJL_ERR_PLACE, fault("[\"coded but true\"]").first);
+}
+
+TEST(YAJL_Parser, the_words_of_a_handler_that_stops_begin_the_error) {
+    auto const [code, message] = fault("{\"a\":\"with words\"}");
+    EXPECT_EQ(YAJL_ERR_MISSING, code);
+    EXPECT_EQ("lack of?'id' at key \"a\" near byte 17 (code 7)", message);
 }
 
 TEST(YAJL_Parser, a_handler_that_stops_without_a_code_gets_one) {

@@ -1,0 +1,14 @@
+#ifndef GAUSSDB_JOB_JOB_SOURCE_ENTRY_H
+#define GAUSSDB_JOB_JOB_SOURCE_ENTRY_H
+
+#include <string>
+#include <vector>
+
+/**
+ * The segments of a source's entry: "gaussdb/<instance>" for a whole instance, with a type and
+ * names behind it for a part of one. A name is percent-encoded (RFC 3986), so "%2F" in it is a "/"
+ * of the name; here it comes decoded. Empty when the entry has no segment. Logs nothing.
+ */
+std::vector<std::string> job_source_entry_segments(std::string const& entry);
+
+#endif
