@@ -1,0 +1,23 @@
+// All that an agent can get out of the module; gaussdb_module.version lets nothing else be seen.
+#include "gaussdb/job/gaussdb_backup_job_options_parser.h"
+#include "gaussdb/job/gaussdb_backup_job_source_parser.h"
+#include "gaussdb/job/gaussdb_restore_job_options_parser.h"
+#include "gaussdb/job/gaussdb_restore_job_source_parser.h"
+#include "gaussdb/websvcs_agent/roach_source_handler.h"
+#include "host/agent/module_factory.h"
+#include "host/agent/object_creator.h"
+
+using Parser_Creator = Object_Creator_T<YAJL_Handler>;
+template <typename Parser>
+using Parser_Creator_Impl_T = Object_Creator_Impl_T<Parser_Creator, Parser>;
+
+MODULE_CREATOR_FACTORY(GaussDB_Backup_Job_Options_Parser_Creator, Parser_Creator,
+                       Parser_Creator_Impl_T<GaussDB_Backup_Job_Options_Parser>)
+MODULE_CREATOR_FACTORY(GaussDB_Restore_Job_Options_Parser_Creator, Parser_Creator,
+                       Parser_Creator_Impl_T<GaussDB_Restore_Job_Options_Parser>)
+MODULE_CREATOR_FACTORY(GaussDB_Backup_Job_Source_Parser_Creator, Parser_Creator,
+                       Parser_Creator_Impl_T<GaussDB_Backup_Job_Source_Parser>)
+MODULE_CREATOR_FACTORY(GaussDB_Restore_Job_Source_Parser_Creator, Parser_Creator,
+                       Parser_Creator_Impl_T<GaussDB_Restore_Job_Source_Parser>)
+
+MODULE_FACTORY(JSON_RPC_Roach_Source_Handler, JSON_RPC_Handler, JSON_RPC_Roach_Source_Handler)

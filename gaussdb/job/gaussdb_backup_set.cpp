@@ -1,0 +1,12 @@
+#include "gaussdb/job/gaussdb_backup_set.h"
+
+#include "json_spirit/access.h"
+
+json_spirit::Object GaussDB_Backup_Set::dump() const {
+    json_spirit::Object object = Backup_Set::dump();
+    json_spirit::insert(object)("incarnation", incarnation)("instance", instance)(
+        "database_version", database_version)("seq", seq)("meta_destination", meta_destination)(
+        "backup_key", backup_key)("prior_backup_key", prior_backup_key)("compression", compression)(
+        "nodes", nodes)("series", static_cast<int>(series));
+    return object;
+}

@@ -1,0 +1,28 @@
+#ifndef GAUSSDB_JOB_GAUSSDB_BACKUP_SET_H
+#define GAUSSDB_JOB_GAUSSDB_BACKUP_SET_H
+
+#include "gaussdb/common/gaussdb_const.h"
+#include "host/catalog/backup_set.h"
+
+/** A backup set of a GaussDB instance. Filled by the executor that makes it. */
+class GaussDB_Backup_Set : public Backup_Set {
+public:
+    GaussDB_Backup_Set() : Backup_Set("gaussdb") {}
+
+    /** With a key for each field below, of the field's name. */
+    json_spirit::Object dump() const override;
+
+    /** Uuid of the full set with which this chain begins; for a full backup the set's own. */
+    std::string incarnation;
+    std::string instance;
+    std::string database_version;
+    int64_t seq = 0;              ///< counts the sets of a resource, over all pools
+    std::string meta_destination; ///< the backup tool's metadata directory
+    std::string backup_key;       ///< what the backup tool calls this backup
+    std::string prior_backup_key; ///< what an incremental one builds on; "" for a full one
+    std::string compression;      ///< the method's name; "" for none
+    int nodes = 0;                ///< machines of the cluster
+    GAUSSDB_VERSION series = GAUSSDB_UNKNOWN;
+};
+
+#endif

@@ -1,0 +1,46 @@
+#ifndef GAUSSDB_JOB_ROACH_META_PARSER_H
+#define GAUSSDB_JOB_ROACH_META_PARSER_H
+
+#include "gaussdb/common/gaussdb_const.h"
+#include "json_spirit/value.h"
+
+#include <ace/Basic_Types.h>
+#include <string>
+
+/**
+ * Reads the metadata file that the backup tool keeps beside its backups: "backups.ini", or
+ * "backupset_nbu.ini" for the 100 series. It is the tool's own format, JSON on one line with an
+ * array "BackupDetails" of {"BackupKey", "BackupSize"}, whose integers may carry the suffixes U and
+ * UL of C. The file is never written here. For one thread at a time.
+ */
+class Roach_Meta_Parser {
+public:
+    /** @param path  the directory of the file */
+    Roach_Meta_Parser(std::string const& path, GAUSSDB_VERSION ver);
+
+    /** Reads in another directory from now on. */
+    void set(std::string const& path);
+
+    /**
+     * Whether the file lists a backup of that key. Entries are looked at from the last to the
+     * first.
+     * @return false also for a file that cannot be read, with nothing logged, and for one that is
+     *         not as it should be, with an error line.
+     */
+    bool has_backup_key(std::string const& key);
+
+    /**
+     * Gets the size in bytes of the backup of that key; of two with the same key, the later one's.
+     * @return false, logged unless the file cannot be read, when the size is not there or no size;
+     *         true with @a size unchanged when there is no such backup.
+     */
+    bool parse(std::string const& key, ACE_INT64& size);
+
+private:
+    bool load_meta(json_spirit::Value& value);
+
+    std::string file_;
+    GAUSSDB_VERSION ver_;
+};
+
+#endif
