@@ -1,4 +1,4 @@
-#include "benchmarks/private_processes.h"
+#include "benchmarks/private_root.h"
 #include "gaussdb/job/roach_line_handler.h"
 #include "gaussdb/job/roach_meta_parser.h"
 #include "gaussdb/job/roach_progress_handler.h"
