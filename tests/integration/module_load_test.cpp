@@ -90,7 +90,7 @@ size_t entries_of(char const* path) {
     return entries;
 }
 
-/** Bytes of the heap that are in use. */
+/** Pages of this process that are in memory. */
 size_t resident_pages() {
     size_t total = 0;
     size_t resident = 0;
