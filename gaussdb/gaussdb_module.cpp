@@ -1,8 +1,12 @@
 // All that an agent can get out of the module; gaussdb_module.version lets nothing else be seen.
+#include "gaussdb/common/gaussdb_cluster_manager.h"
+#include "gaussdb/instance_handler/gaussdb_instance_handler.h"
 #include "gaussdb/job/gaussdb_backup_job_options_parser.h"
 #include "gaussdb/job/gaussdb_backup_job_source_parser.h"
+#include "gaussdb/job/gaussdb_job_creator.h"
 #include "gaussdb/job/gaussdb_restore_job_options_parser.h"
 #include "gaussdb/job/gaussdb_restore_job_source_parser.h"
+#include "gaussdb/websvcs_agent/gaussdb_list_handler.h"
 #include "gaussdb/websvcs_agent/roach_source_handler.h"
 #include "host/agent/module_factory.h"
 #include "host/agent/object_creator.h"
@@ -10,6 +14,8 @@
 using Parser_Creator = Object_Creator_T<YAJL_Handler>;
 template <typename Parser>
 using Parser_Creator_Impl_T = Object_Creator_Impl_T<Parser_Creator, Parser>;
+
+MODULE_FACTORY(GaussDB_Job_Creator, Job_Creator, GaussDB_Job_Creator)
 
 MODULE_CREATOR_FACTORY(GaussDB_Backup_Job_Options_Parser_Creator, Parser_Creator,
                        Parser_Creator_Impl_T<GaussDB_Backup_Job_Options_Parser>)
@@ -20,4 +26,11 @@ MODULE_CREATOR_FACTORY(GaussDB_Backup_Job_Source_Parser_Creator, Parser_Creator,
 MODULE_CREATOR_FACTORY(GaussDB_Restore_Job_Source_Parser_Creator, Parser_Creator,
                        Parser_Creator_Impl_T<GaussDB_Restore_Job_Source_Parser>)
 
+MODULE_FACTORY(GaussDB_Instance_Handler, Instance_Handler, GaussDB_Instance_Handler)
+MODULE_FACTORY(JSON_RPC_GaussDB_List_Handler, JSON_RPC_Handler, JSON_RPC_GaussDB_List_Handler)
 MODULE_FACTORY(JSON_RPC_Roach_Source_Handler, JSON_RPC_Handler, JSON_RPC_Roach_Source_Handler)
+
+/** The clusters go with the module: nobody could give them back once its code is gone. */
+__attribute__((destructor)) static void unload_module() {
+    GaussDB_Cluster_Manager_fini();
+}

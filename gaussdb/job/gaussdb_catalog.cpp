@@ -97,7 +97,7 @@ bool GaussDB_Catalog::get_storage_size(std::string const& uuid, ACE_INT64& size)
 
 bool GaussDB_Catalog::get_chain(std::string const& resource_uuid, std::string const& backup_key,
                                 json_spirit::Array& chain) const {
-    return logged("Failed to get gaussdb backup sets, ", [&] {
+    return logged("Failed to get gaussdb catalog, ", [&] {
         Object query = row_query("backup_start_time");
         json_spirit::insert(query)("resource_uuid", resource_uuid)("backup_key", backup_key);
         chain = rows("restore", query);

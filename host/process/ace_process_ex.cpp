@@ -4,6 +4,7 @@
 #include "host/process/deadline.h"
 #include "host/process/log_callback_scope.h"
 #include "qmrt/log.h"
+#include "qmrt/no_sigpipe.h"
 
 #include <cerrno>
 #include <csignal>
@@ -45,35 +46,6 @@ void wait_readable(int fd, int timeout_msecs) {
         timeout_msecs = LOOK_INTERVAL_MSECS;
     poll(&entry, fd == -1 ? 0 : 1, timeout_msecs);
 }
-
-/** Turns the SIGPIPE of a write into its EPIPE alone, for the calling thread and its scope. */
-class No_Sigpipe {
-public:
-    No_Sigpipe() {
-        sigemptyset(&sigpipe_);
-        sigaddset(&sigpipe_, SIGPIPE);
-        sigset_t pending;
-        sigpending(&pending);
-        was_pending_ = sigismember(&pending, SIGPIPE) == 1;
-        pthread_sigmask(SIG_BLOCK, &sigpipe_, &before_);
-    }
-    ~No_Sigpipe() {
-        int const error = errno;
-        timespec const now = {};
-        // one that somebody else left pending stays theirs
-        if (!was_pending_)
-            sigtimedwait(&sigpipe_, nullptr, &now);
-        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-        errno = error;
-    }
-    No_Sigpipe(No_Sigpipe const&) = delete;
-    No_Sigpipe& operator=(No_Sigpipe const&) = delete;
-
-private:
-    sigset_t sigpipe_;
-    sigset_t before_;
-    bool was_pending_;
-};
 
 } // namespace
 

@@ -9,6 +9,7 @@
 namespace {
 
 constexpr mode_t FOLDER_MODE = 0750;
+constexpr mode_t OBJECT_MODE = 0640;
 constexpr int FOLDER_FLAGS = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 Storage_Result::Code code_of(int error) {
@@ -46,15 +47,17 @@ int open_error(int parent, char const* name) {
     return error;
 }
 
-/** Opens the folder @a name, made if need be. */
-int enter(int parent, char const* name, bool make) {
+/** Opens the folder @a name. @param make  who to share it with if it has to be made, or null */
+int enter(int parent, char const* name, Pool_Sharing const* make) {
     int fd = openat(parent, name, FOLDER_FLAGS);
     if (fd != -1 || errno != ENOENT || !make)
         return fd;
-    bool const made = mkdirat(parent, name, FOLDER_MODE) == 0;
+    bool const made = mkdirat(parent, name, make->folder_mode()) == 0;
     if (!made && errno != EEXIST)
         return -1;
     fd = openat(parent, name, FOLDER_FLAGS);
+    if (fd != -1 && made)
+        make->share_folder(fd);
     if (fd != -1 && made && fsync(parent) == -1) {
         int const error = errno;
         close(fd);
@@ -64,8 +67,8 @@ int enter(int parent, char const* name, bool make) {
     return fd;
 }
 
-Storage_Result walk(int pool, File_Pool_Folder::Parts const& parts, size_t depth, bool make,
-                    File_Descriptor& folder) {
+Storage_Result walk(int pool, File_Pool_Folder::Parts const& parts, size_t depth,
+                    Pool_Sharing const* make, File_Descriptor& folder) {
     File_Descriptor at(openat(pool, ".", FOLDER_FLAGS));
     if (!at)
         return storage_errno("failed to open the pool's folder", errno);
@@ -89,6 +92,35 @@ Storage_Result storage_errno(std::string const& what, int error) {
     return {code_of(error), what + ": " + reason};
 }
 
+Pool_Sharing::Pool_Sharing(int pool) {
+    struct stat status;
+    if (fstat(pool, &status) == -1 || !(status.st_mode & S_IWGRP))
+        return;
+    pool_mode_ = status.st_mode;
+    group_ = status.st_gid;
+}
+
+mode_t Pool_Sharing::folder_mode() const {
+    // without S_ISGID the rights would be another group's until share_folder()
+    return pool_mode_ & S_ISGID ? (FOLDER_MODE & ~S_IRWXG) | (pool_mode_ & S_IRWXG) : FOLDER_MODE;
+}
+
+void Pool_Sharing::share_folder(int fd) const {
+    share(fd, FOLDER_MODE, S_IRWXG | S_ISGID);
+}
+
+void Pool_Sharing::share_file(int fd) const {
+    share(fd, OBJECT_MODE, S_IRGRP | S_IWGRP);
+}
+
+void Pool_Sharing::share(int fd, mode_t own_mode, mode_t group_bits) const {
+    struct stat status;
+    if (pool_mode_ == 0 || fstat(fd, &status) == -1)
+        return;
+    if (status.st_gid == group_ || fchown(fd, static_cast<uid_t>(-1), group_) == 0)
+        fchmod(fd, (own_mode & ~S_IRWXG) | (pool_mode_ & group_bits));
+}
+
 File_Pool_Folder::Parts File_Pool_Folder::full_parts(std::string const& name) const {
     Parts parts = prefix_;
     if (!name.empty())
@@ -99,7 +131,7 @@ File_Pool_Folder::Parts File_Pool_Folder::full_parts(std::string const& name) co
 
 Storage_Result File_Pool_Folder::open_folder(Parts const& parts, size_t depth,
                                              File_Descriptor& folder) const {
-    return walk(pool_.get(), parts, depth, false, folder);
+    return walk(pool_.get(), parts, depth, nullptr, folder);
 }
 
 Storage_Result File_Pool_Folder::make_folder(Parts const& parts, size_t depth,
@@ -108,7 +140,7 @@ Storage_Result File_Pool_Folder::make_folder(Parts const& parts, size_t depth,
     constexpr int ATTEMPTS = 100;
     Storage_Result result;
     for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
-        result = walk(pool_.get(), parts, depth, true, folder);
+        result = walk(pool_.get(), parts, depth, &sharing_, folder);
         if (result.code() != Storage_Result::NOT_FOUND)
             return result;
     }

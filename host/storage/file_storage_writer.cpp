@@ -17,18 +17,17 @@ namespace {
 
 constexpr mode_t OBJECT_MODE = 0640;
 constexpr uint64_t WRITE_OUT_STEP = 8 * 1024 * 1024;
-constexpr time_t SWEEP_AGE = 24 * 60 * 60;
 
 struct Directory_Closer {
     void operator()(DIR* directory) const { closedir(directory); }
 };
 
 /** True when nobody writes to the file any more: its writer holds a lock, and dies with it. */
-bool is_abandoned(int folder, char const* name) {
+bool is_abandoned(int folder, char const* name, time_t age) {
     struct stat status;
     File_Descriptor const file(openat(folder, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     return file && fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
-           status.st_mtime < time(nullptr) - SWEEP_AGE && flock(file.get(), LOCK_EX | LOCK_NB) == 0;
+           status.st_mtime <= time(nullptr) - age && flock(file.get(), LOCK_EX | LOCK_NB) == 0;
 }
 
 } // namespace
@@ -48,18 +47,21 @@ Storage_Result check_object_place(File_Descriptor const& folder, std::string con
     return error ? storage_errno("failed to write '" + leaf + "'", error) : Storage_Result();
 }
 
-void sweep_unfinished(File_Descriptor const& folder) {
+size_t sweep_unfinished(File_Descriptor const& folder, time_t age) {
     File_Descriptor fd(openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!fd)
-        return;
+        return 0;
     std::unique_ptr<DIR, Directory_Closer> const directory(fdopendir(fd.get()));
     if (!directory)
-        return;
+        return 0;
     fd.release();
+    size_t removed = 0;
     while (dirent const* entry = readdir(directory.get()))
         if (std::strncmp(entry->d_name, UNFINISHED_PREFIX, sizeof UNFINISHED_PREFIX - 1) == 0 &&
-            is_abandoned(folder.get(), entry->d_name))
-            unlinkat(folder.get(), entry->d_name, 0);
+            is_abandoned(folder.get(), entry->d_name, age) &&
+            unlinkat(folder.get(), entry->d_name, 0) == 0)
+            ++removed;
+    return removed;
 }
 
 Storage_Result File_Storage_Reader::read_at(uint64_t offset, void* buffer, size_t size,
@@ -113,6 +115,7 @@ Storage_Result File_Storage_Writer::open_temporary() {
         if (file_) {
             temporary_ = name;
             flock(file_.get(), LOCK_EX | LOCK_NB);
+            pool_->sharing().share_file(file_.get());
             return {};
         }
         result = failed("create", errno);

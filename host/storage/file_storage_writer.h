@@ -63,7 +63,14 @@ private:
 Storage_Result check_object_place(File_Descriptor const& folder, std::string const& leaf,
                                   bool replace);
 
-/** Removes what killed processes have left unfinished in a folder, a day after its last change. */
-void sweep_unfinished(File_Descriptor const& folder);
+/** A day: who shares a pool with machines whose locks do not reach us leaves their files alone. */
+constexpr time_t UNFINISHED_AGE = 24 * 60 * 60;
+
+/**
+ * Removes what killed processes have left unfinished in a folder.
+ * @param age  seconds since its last change, at least
+ * @return how many files went
+ */
+size_t sweep_unfinished(File_Descriptor const& folder, time_t age = UNFINISHED_AGE);
 
 #endif

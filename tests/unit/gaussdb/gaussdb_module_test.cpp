@@ -1,5 +1,6 @@
 #include "host/agent/object_creator.h"
 
+#include "gaussdb/job/gaussdb_job_creator.h"
 #include "tests/support/failing_new.h"
 #include "tests/unit/gaussdb/job/job_definition_fixture.h"
 
@@ -14,6 +15,8 @@ Parser_Creator* _make_GaussDB_Backup_Job_Options_Parser_Creator(Exterminator*);
 Parser_Creator* _make_GaussDB_Restore_Job_Options_Parser_Creator(Exterminator*);
 Parser_Creator* _make_GaussDB_Backup_Job_Source_Parser_Creator(Exterminator*);
 Parser_Creator* _make_GaussDB_Restore_Job_Source_Parser_Creator(Exterminator*);
+Job_Creator* _make_GaussDB_Job_Creator(Job_Creator_Exterminator*);
+void _gobble_GaussDB_Job_Creator(void*);
 void _gobble_GaussDB_Backup_Job_Options_Parser_Creator(void*);
 void _gobble_GaussDB_Restore_Job_Options_Parser_Creator(void*);
 void _gobble_GaussDB_Backup_Job_Source_Parser_Creator(void*);
@@ -120,6 +123,37 @@ TYPED_TEST(Job_Definition_Exports, gobble_calls_fini_before_the_destructor) {
     std::string log;
     Pair<TypeParam>::gobble(static_cast<Parser_Creator*>(new Telling_Creator(log)));
     EXPECT_EQ("fini destroyed", log);
+}
+
+TEST(Job_Creator_Exports, make_without_a_gobbler_returns_a_creator_and_writes_nothing) {
+    Job_Creator* const creator = _make_GaussDB_Job_Creator(nullptr);
+    EXPECT_TRUE(dynamic_cast<GaussDB_Job_Creator*>(creator));
+    _gobble_GaussDB_Job_Creator(creator);
+}
+
+TEST(Job_Creator_Exports, without_memory_make_returns_null_and_stores_gobble_first) {
+    Job_Creator_Exterminator gobble = nullptr;
+    errno = 0;
+    Failing_New const no_memory(sizeof(GaussDB_Job_Creator));
+    EXPECT_EQ(nullptr, _make_GaussDB_Job_Creator(&gobble));
+    EXPECT_EQ(&_gobble_GaussDB_Job_Creator, gobble);
+    EXPECT_EQ(ENOMEM, errno);
+}
+
+TEST(Job_Creator_Exports, gobble_ignores_null_and_does_not_call_fini) {
+    struct Telling_Creator : GaussDB_Job_Creator {
+        explicit Telling_Creator(std::string& log) : log_(log) {}
+        ~Telling_Creator() override { log_ += "destroyed"; }
+        int fini() override {
+            log_ += "fini ";
+            return 0;
+        }
+        std::string& log_;
+    };
+    std::string log;
+    _gobble_GaussDB_Job_Creator(nullptr);
+    _gobble_GaussDB_Job_Creator(static_cast<Job_Creator*>(new Telling_Creator(log)));
+    EXPECT_EQ("destroyed", log);
 }
 
 } // namespace

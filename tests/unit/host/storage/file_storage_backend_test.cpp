@@ -5,10 +5,14 @@
 #include "tests/support/temporary_directory.h"
 
 #include <fcntl.h>
+#include <functional>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <sstream>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -266,6 +270,119 @@ TEST_F(file_storage_backend, folders_that_come_and_go_meanwhile_fail_nobody) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_TRUE(std::filesystem::is_empty(directory_.path("pool")));
+}
+
+/** A pool that root and the users of a group share, in a directory that they can reach. */
+class file_storage_shared_pool : public file_storage_backend {
+protected:
+    static constexpr gid_t POOL_GROUP = 1;
+    static constexpr gid_t OTHER_GROUP = 2;
+    static constexpr uid_t DATABASE_USER = 4242;
+    static constexpr uid_t OTHER_USER = 4343;
+
+    void SetUp() override {
+        if (geteuid() != 0)
+            GTEST_SKIP() << "only root can act as other users";
+        file_storage_backend::SetUp();
+        ASSERT_EQ(0, chmod(directory_.path().c_str(), 0755));
+        share(02770);
+    }
+    void share(mode_t mode) {
+        ASSERT_EQ(0, chown(pool_.c_str(), 0, POOL_GROUP));
+        ASSERT_EQ(0, chmod(pool_.c_str(), mode));
+        connection_ = connect(pool_);
+    }
+    /** Does something as another user, who is in the pool's group; true when it was done. */
+    bool as_user(uid_t user, std::function<bool()> const& action) {
+        pid_t const child = fork();
+        if (child == 0) {
+            gid_t const groups[] = {POOL_GROUP};
+            umask(077);
+            bool const changed =
+                setgroups(1, groups) == 0 && setgid(OTHER_GROUP) == 0 && setuid(user) == 0;
+            _exit(changed && action() ? 0 : 1);
+        }
+        int status = -1;
+        return waitpid(child, &status, 0) == child && status == 0;
+    }
+    bool put_as(uid_t user, std::string const& name) {
+        return as_user(user, [&] {
+            connection_ = connect(pool_);
+            Storage_Result const result = put(name, "content");
+            if (!result)
+                fprintf(stderr, "%s\n", result.text().c_str());
+            return static_cast<bool>(result);
+        });
+    }
+    std::string mode_and_group(std::string const& name) const {
+        struct stat status {};
+        EXPECT_EQ(0, stat((pool_ + "/" + name).c_str(), &status));
+        std::ostringstream text;
+        text << std::oct << (status.st_mode & 07777) << " " << std::dec << status.st_gid;
+        return text.str();
+    }
+
+    std::string const pool_ = directory_.path("pool");
+};
+
+TEST_F(file_storage_shared_pool, what_a_member_makes_has_the_pool_s_group_and_its_rights) {
+    ASSERT_TRUE(put_as(DATABASE_USER, "set/data/object"));
+    EXPECT_EQ("2770 1", mode_and_group("set"));
+    EXPECT_EQ("2770 1", mode_and_group("set/data"));
+    EXPECT_EQ("660 1", mode_and_group("set/data/object"));
+}
+
+TEST_F(file_storage_shared_pool, what_root_makes_a_member_can_read_replace_and_remove) {
+    ASSERT_TRUE(put("set/object", "by root"));
+    EXPECT_EQ("660 1", mode_and_group("set/object"));
+    EXPECT_TRUE(as_user(DATABASE_USER, [&] {
+        connection_ = connect(pool_);
+        std::unique_ptr<Storage_Reader> reader;
+        return connection_->open("set/object", reader) && put("set/object", "by the user") &&
+               connection_->remove("set/object");
+    }));
+    EXPECT_EQ(0u, files_in_pool());
+}
+
+TEST_F(file_storage_shared_pool, members_share_folders) {
+    ASSERT_TRUE(put_as(DATABASE_USER, "set/one"));
+    EXPECT_TRUE(put_as(OTHER_USER, "set/two"));
+    EXPECT_TRUE(put_as(OTHER_USER, "set/one"));
+    EXPECT_TRUE(as_user(DATABASE_USER, [&] { return !!connect(pool_)->remove("set/two"); }));
+}
+
+TEST_F(file_storage_shared_pool, a_pool_without_the_set_group_bit_is_shared_too) {
+    share(0770);
+    ASSERT_TRUE(put_as(DATABASE_USER, "set/object"));
+    EXPECT_EQ("770 1", mode_and_group("set"));
+    EXPECT_EQ("660 1", mode_and_group("set/object"));
+}
+
+TEST_F(file_storage_shared_pool, a_pool_that_its_group_may_only_read_is_as_it_was) {
+    umask(022);
+    share(0750);
+    ASSERT_TRUE(put("set/object", "content"));
+    EXPECT_EQ("750 0", mode_and_group("set"));
+    EXPECT_EQ("640 0", mode_and_group("set/object"));
+}
+
+TEST_F(file_storage_shared_pool, a_pool_of_its_owner_alone_is_as_it_was) {
+    umask(022);
+    share(0700);
+    ASSERT_TRUE(put("set/object", "content"));
+    EXPECT_EQ("750 0", mode_and_group("set"));
+    EXPECT_EQ("640 0", mode_and_group("set/object"));
+    EXPECT_FALSE(as_user(DATABASE_USER, [&] {
+        std::shared_ptr<Storage_Connection> made;
+        return !!backend_.connect("file://" + pool_, {}, made);
+    }));
+}
+
+TEST_F(file_storage_shared_pool, rights_that_the_group_does_not_have_are_not_given) {
+    share(02730); // may make things in it, and not list it
+    ASSERT_TRUE(put("set/object", "content"));
+    EXPECT_EQ("2730 1", mode_and_group("set"));
+    EXPECT_EQ("620 1", mode_and_group("set/object"));
 }
 
 } // namespace

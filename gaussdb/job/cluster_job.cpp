@@ -1,0 +1,44 @@
+#include "gaussdb/job/cluster_job.h"
+
+#include "gaussdb/common/gaussdb_cluster_manager.h"
+#include "gaussdb/job/gaussdb_utils.h"
+#include "host/agent/host_manager.h"
+#include "host/job/job_activity.h"
+#include "host/job/job_alert.h"
+#include "qmrt/log.h"
+
+#include <ctime>
+
+GaussDB_Cluster_Handler_var find_cluster(std::string const& instance) {
+    GaussDB_Cluster_Manager const* const clusters = GaussDB_Cluster_Manager::instance();
+    return clusters ? clusters->get_cluster(instance.c_str()) : GaussDB_Cluster_Handler_var();
+}
+
+bool uses_python3(GaussDB_Version const& version) {
+    return version.model_ == GAUSSDB_200 && version >= GAUSSDB_A_811;
+}
+
+bool get_hosts_of_cluster(Job& job, GaussDB_Cluster_Handler const& cluster,
+                          std::string const& instance, std::vector<std::string>& host_uuids) {
+    if (cluster.type() == GaussDB_Cluster_Handler::TYPE_SINGLE) {
+        host_uuids.assign(1, Host_Manager::instance()->uuid());
+        return true;
+    }
+    if (get_cluster_host_uuids(instance.c_str(), host_uuids))
+        return true;
+    raise_alert(job, 7, 6);
+    QMRT_LOG(LM_ERROR, "Failed to get cluster hosts of %s\n", instance.c_str());
+    return false;
+}
+
+void raise_alert(Job& job, unsigned long level, unsigned long code) {
+    write_job_alert(&job, level, code, 0, json_spirit::Value::null, 1);
+}
+
+void reset_activity(Job_Activity& activity) {
+    activity.code = 0;
+    activity.message.size = 0;
+    activity.message.offset = 0;
+    activity.progress = 0;
+    activity.start_time = time(nullptr);
+}

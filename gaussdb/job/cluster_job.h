@@ -1,0 +1,34 @@
+#ifndef GAUSSDB_JOB_CLUSTER_JOB_H
+#define GAUSSDB_JOB_CLUSTER_JOB_H
+
+#include "gaussdb/common/gaussdb_cluster_handler.h"
+
+#include <string>
+#include <vector>
+
+class Job;
+struct Job_Activity;
+
+/** What the executors have in common beside what gaussdb_utils.h has. Any thread. */
+
+/** The cluster of that name; an empty pointer, with nothing logged, when it is not known. */
+GaussDB_Cluster_Handler_var find_cluster(std::string const& instance);
+
+/** True for a cluster whose backup tool is run by "python3": the 200 series from 8.1.1 on. */
+bool uses_python3(GaussDB_Version const& version);
+
+/**
+ * Gets the uuids of a cluster's hosts: of a lone instance this host's, else as the backup server
+ * knows them.
+ * @return false after error lines and alert (7, 6) on the job
+ */
+bool get_hosts_of_cluster(Job& job, GaussDB_Cluster_Handler const& cluster,
+                          std::string const& instance, std::vector<std::string>& host_uuids);
+
+/** Raises an alert that has nothing to add to its two numbers; see write_job_alert(). */
+void raise_alert(Job& job, unsigned long level, unsigned long code);
+
+/** The run's work starts now: no code, no message, no progress. For the job thread. */
+void reset_activity(Job_Activity& activity);
+
+#endif

@@ -1,0 +1,69 @@
+#include "gaussdb/job/gaussdb_job_creator.h"
+
+#include "gaussdb/job/cluster_job.h"
+#include "gaussdb/job/gaussdb_backup_job_executor.h"
+#include "gaussdb/job/gaussdb_restore_job_executor.h"
+#include "gaussdb/job/gaussdb_utils.h"
+#include "job/default_job_t.h"
+#include "qmrt/check.h"
+
+#include <cerrno>
+#include <new>
+
+namespace {
+
+/** The name of the cluster that a definition is about; "" when it names none. */
+std::string instance_of(Job_Definition const& definition) {
+    std::string instance;
+    Job_Source const* const source = definition.source().get();
+    if (definition.type() == JOB_DEFINITION_BACKUP) {
+        if (auto const* const backup = dynamic_cast<GaussDB_Backup_Job_Source const*>(source))
+            instance = backup->instance_;
+    } else if (auto const* const restore =
+                   dynamic_cast<GaussDB_Restore_Job_Source const*>(source)) {
+        parse_instance_entry(restore->restore_as_, instance); // what it says of it, it has logged
+    }
+    return instance;
+}
+
+GAUSSDB_VERSION flavour_of(Job_Definition const& definition) {
+    GaussDB_Cluster_Handler_var const cluster = find_cluster(instance_of(definition));
+    return cluster.null() ? GAUSSDB_UNKNOWN : cluster->get_gaussdb_version().model_;
+}
+
+template <typename Made_Job>
+Job_var make_job(Job_Definition_var const& definition) {
+    Job* const job = new (std::nothrow) Made_Job(definition);
+    if (!job)
+        errno = ENOMEM;
+    return Job_var(job, false); // it has its first reference already
+}
+
+Job_var refuse(Job_Definition const& definition, char const* flavour) {
+    QMRT_LOG(LM_ERROR, "Job %s is not made, %s cannot be protected yet\n",
+             definition.name().c_str(), flavour);
+    return Job_var();
+}
+
+} // namespace
+
+Job_var GaussDB_Job_Creator::create(Job_Definition_var definition) {
+    if (QMRT_IS_NULL_AT(LM_ERROR, definition.get()))
+        return Job_var();
+    bool const is_backup = definition->type() == JOB_DEFINITION_BACKUP;
+    if (!is_backup && definition->type() != JOB_DEFINITION_RESTORE)
+        return Job_var();
+    switch (flavour_of(*definition)) {
+    case GAUSSDB_T:
+        return refuse(*definition, "GaussDB T");
+    case GAUSSDB_DWS:
+        return refuse(*definition, "GaussDB DWS");
+    case GAUSSDB_FOR_OPENGAUSS:
+        return refuse(*definition, "GaussDB for openGauss");
+    case GAUSSDB_TPOPS:
+        return refuse(*definition, "GaussDB of TPOPS");
+    default:
+        return is_backup ? make_job<Default_Job_T<GaussDB_Backup_Job_Executor>>(definition)
+                         : make_job<Default_Job_T<GaussDB_Restore_Job_Executor>>(definition);
+    }
+}

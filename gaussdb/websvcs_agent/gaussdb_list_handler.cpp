@@ -1,0 +1,157 @@
+#include "gaussdb/websvcs_agent/gaussdb_list_handler.h"
+
+#include "gaussdb/common/gaussdb_cluster_manager.h"
+#include "gaussdb/job/gaussdb_utils.h"
+#include "host/agent/instance_manager.h"
+#include "json_spirit/access.h"
+#include "qmrt/check.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+
+namespace {
+
+constexpr char INVALID_PARAMS[] = "Invalid params";
+
+/** What is wanted of which instance. */
+struct List_Request {
+    std::string uid;
+    std::string instance;
+    std::string database; ///< "" for the list of the databases
+};
+
+/** True for a name that means the same to a shell and to the database. */
+bool is_plain_name(std::string const& name) {
+    auto const is_special = [](unsigned char c) {
+        return c <= ' ' || c == 0x7f ||
+               std::string_view("'\"\\`$;&|<>()*?[]{}~#!").find(c) != std::string_view::npos;
+    };
+    return !name.starts_with('-') && std::none_of(name.begin(), name.end(), is_special);
+}
+
+/** Throws for what is missing or of another kind. */
+List_Request read(json_spirit::Object const& params) {
+    List_Request wanted;
+    json_spirit::extract_or_throw(params)("uid", wanted.uid)("instance", wanted.instance)(
+        "database", wanted.database, false);
+    if (!is_plain_name(wanted.database))
+        throw json_spirit::Error("'" + wanted.database + "' is no name of a database");
+    return wanted;
+}
+
+/** What came of a listing: a null text for success. */
+struct Outcome {
+    char const* fault = nullptr;
+    json_spirit::Value result{};
+};
+
+Outcome list_databases(GaussDB_Cluster_Handler const& handler, std::string const& username,
+                       secure_string const& password) {
+    std::vector<std::string> names;
+    if (!handler.list_database(username.c_str(), password.c_str(), names))
+        return {"Internal error: fail to get databases info"};
+    json_spirit::Array databases;
+    for (std::string const& name : names)
+        if (name != "template0" && name != "template1")
+            databases.push_back(json_spirit::Object_Maker()("name", name));
+    return {nullptr, json_spirit::Object_Maker()("databases", std::move(databases))};
+}
+
+Outcome list_schemas(GaussDB_Cluster_Handler const& handler, std::string const& database) {
+    GaussDB_Client_ptr const client = handler.create_client("", "", database.c_str());
+    if (!client)
+        return {"Internal error: fail to create client"};
+    std::vector<std::string> names;
+    if (!get_schemas(client.get(), true, handler.get_gaussdb_version(), names))
+        return {"Internal error: fail to get schemas"};
+    json_spirit::Array schemas(names.begin(), names.end());
+    return {nullptr, json_spirit::Object_Maker()("schemas", std::move(schemas))};
+}
+
+Outcome list(Instance_Manager& manager, List_Request const& wanted) {
+    std::string username;
+    secure_string password;
+    if (manager.get_account("gaussdb", wanted.uid.c_str(), wanted.instance.c_str(), username,
+                            password, nullptr) < 0)
+        return {"Internal error: get login info fail"};
+    GaussDB_Cluster_Manager const* const clusters = GaussDB_Cluster_Manager::instance();
+    GaussDB_Cluster_Handler_var const handler =
+        clusters ? clusters->get_cluster(wanted.instance.c_str()) : GaussDB_Cluster_Handler_var();
+    if (handler.null())
+        return {"Internal error: fail to get cluster"};
+    return wanted.database.empty() ? list_databases(*handler, username, password)
+                                   : list_schemas(*handler, wanted.database);
+}
+
+/** The response to fill in; null, with ENOMEM, without memory. */
+JSON_RPC_Object_var make_response(JSON_RPC_Request const* request) {
+    JSON_RPC_Object_var response(new (std::nothrow) JSON_RPC_Response(request));
+    if (response.null())
+        errno = ENOMEM;
+    return response;
+}
+
+json_spirit::Value& result_of(JSON_RPC_Object_var const& response) {
+    return static_cast<JSON_RPC_Response*>(response.get())->result();
+}
+
+} // namespace
+
+int JSON_RPC_GaussDB_List_Handler::handle_object(JSON_RPC_Channel_ptr channel,
+                                                 JSON_RPC_Object_var object) {
+    if (object.null() || object->type() != JSON_RPC_Object::TYPE_REQUEST) {
+        QMRT_LOG(LM_EMERGENCY, "Unexpected error in %N:%l, obj is not JSON-RPC request!\n");
+        return -1;
+    }
+    JSON_RPC_Channel_var const peer(channel.strong());
+    if (peer.null()) {
+        QMRT_LOG(LM_ERROR, "Abort handling JSON-RPC request, requester has gone.\n");
+        return -1;
+    }
+    JSON_RPC_Request* const request = static_cast<JSON_RPC_Request*>(object.get());
+    switch (request->params().type()) {
+    case json_spirit::obj_type:
+        return list_gaussdb_databases(peer.get(), request);
+    case json_spirit::null_type:
+        return list_gaussdb_instances(peer.get(), request);
+    default:
+        return peer->send_error(JSON_RPC_INVALID_PARAMS, request->id(), INVALID_PARAMS);
+    }
+}
+
+int JSON_RPC_GaussDB_List_Handler::list_gaussdb_instances(JSON_RPC_Channel* channel,
+                                                          JSON_RPC_Request* request) {
+    JSON_RPC_Object_var const response = make_response(request);
+    if (response.null())
+        return -1;
+    json_spirit::Array instances;
+    GaussDB_Cluster_Manager* const manager = GaussDB_Cluster_Manager::instance();
+    if (!manager || !manager->get_instances(instances))
+        return channel->send_error(JSON_RPC_INTERNAL_ERROR, request->id(),
+                                   "Internal error: failed to list servers");
+    result_of(response) = std::move(instances);
+    return channel->send(response);
+}
+
+int JSON_RPC_GaussDB_List_Handler::list_gaussdb_databases(JSON_RPC_Channel* channel,
+                                                          JSON_RPC_Request* request) {
+    JSON_RPC_Object_var const response = make_response(request);
+    if (response.null())
+        return -1;
+    List_Request wanted;
+    try {
+        wanted = read(request->params().get_obj());
+    } catch (json_spirit::Error const& error) {
+        QMRT_LOG(LM_ERROR, "Invalid request to list databases, %s\n", error.what());
+        return channel->send_error(JSON_RPC_INVALID_PARAMS, request->id(), INVALID_PARAMS);
+    }
+    Instance_Manager* const manager = Instance_Manager::instance();
+    if (QMRT_IS_NULL(manager))
+        return -1;
+    Outcome outcome = list(*manager, wanted);
+    if (outcome.fault)
+        return channel->send_error(JSON_RPC_INTERNAL_ERROR, request->id(), outcome.fault);
+    result_of(response) = std::move(outcome.result);
+    return channel->send(response);
+}

@@ -1,0 +1,126 @@
+#ifndef TESTS_SUPPORT_XBSA_CLIENT_H
+#define TESTS_SUPPORT_XBSA_CLIENT_H
+
+#include "xbsa/library/xbsa.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+/** What a database's tool does with the API, in a few words. */
+namespace xbsa {
+
+inline std::string last_error() {
+    char text[4096] = "";
+    BSA_UInt32 size = sizeof text;
+    BSAGetLastError(&size, text);
+    return text;
+}
+
+/** Opens a session with a policy; @return its code */
+inline int open(long& handle, std::string const& policy) {
+    std::string keyword = "NBU_POLICY=" + policy;
+    std::string version = "BSA_API_VERSION=1.1.0";
+    char* environment[] = {version.data(), keyword.data(), nullptr};
+    return BSAInit(&handle, nullptr, nullptr, environment);
+}
+
+inline BSA_ObjectDescriptor object(std::string const& path, std::string const& space = "db") {
+    BSA_ObjectDescriptor descriptor;
+    std::memset(&descriptor, 0, sizeof descriptor);
+    std::strncpy(descriptor.objectName.objectSpaceName, space.c_str(), BSA_MAX_OSNAME - 1);
+    std::strncpy(descriptor.objectName.pathName, path.c_str(), BSA_MAX_PATHNAME - 1);
+    descriptor.copyType = BSA_CopyType_BACKUP;
+    descriptor.objectType = BSA_ObjectType_FILE;
+    return descriptor;
+}
+
+inline BSA_QueryDescriptor pattern(std::string const& path, std::string const& space = "") {
+    BSA_QueryDescriptor query;
+    std::memset(&query, 0, sizeof query);
+    std::strncpy(query.objectName.objectSpaceName, space.c_str(), BSA_MAX_OSNAME - 1);
+    std::strncpy(query.objectName.pathName, path.c_str(), BSA_MAX_PATHNAME - 1);
+    query.copyType = BSA_CopyType_ANY;
+    query.objectType = BSA_ObjectType_ANY;
+    query.objectStatus = BSA_ObjectStatus_ANY;
+    return query;
+}
+
+inline BSA_DataBlock32 block(void* memory, size_t size, size_t bytes = 0) {
+    BSA_DataBlock32 result{};
+    result.bufferLen = static_cast<BSA_UInt32>(size);
+    result.numBytes = static_cast<BSA_UInt32>(bytes);
+    result.bufferPtr = memory;
+    return result;
+}
+
+/** Sends a content in pieces; the code of the first call that fails. */
+inline int send(long handle, std::string content, size_t piece = 256 * 1024) {
+    for (size_t at = 0; at < content.size(); at += piece) {
+        size_t const size = std::min(piece, content.size() - at);
+        BSA_DataBlock32 data = block(content.data() + at, size, size);
+        if (int const code = BSASendData(handle, &data))
+            return code;
+    }
+    return BSA_RC_SUCCESS;
+}
+
+/** One object in the transaction that has begun. */
+inline int put_object(long handle, BSA_ObjectDescriptor& descriptor, std::string const& content) {
+    BSA_DataBlock32 data = block(nullptr, 0);
+    int code = BSACreateObject(handle, &descriptor, &data);
+    if (code == BSA_RC_SUCCESS)
+        code = send(handle, content);
+    return code == BSA_RC_SUCCESS ? BSAEndData(handle) : code;
+}
+
+/** One object in a transaction of its own. */
+inline int put(long handle, std::string const& path, std::string const& content,
+               BSA_UInt64* copy_id = nullptr) {
+    BSA_ObjectDescriptor descriptor = object(path);
+    int code = BSABeginTxn(handle);
+    if (code == BSA_RC_SUCCESS)
+        code = put_object(handle, descriptor, content);
+    if (copy_id)
+        *copy_id = descriptor.copyId;
+    return code == BSA_RC_SUCCESS ? BSAEndTxn(handle, BSA_Vote_COMMIT) : code;
+}
+
+/** Reads a whole object; the code that ended it, BSA_RC_NO_MORE_DATA for its end. */
+inline int get(long handle, BSA_UInt64 copy_id, std::string& content, size_t piece = 100000) {
+    BSA_ObjectDescriptor descriptor = object("");
+    descriptor.copyId = copy_id;
+    std::string memory(piece, '\0');
+    BSA_DataBlock32 data = block(memory.data(), memory.size());
+    content.clear();
+    int code = BSAGetObject(handle, &descriptor, &data);
+    while (code == BSA_RC_SUCCESS) {
+        code = BSAGetData(handle, &data);
+        content.append(memory, 0, data.numBytes);
+    }
+    if (code == BSA_RC_NO_MORE_DATA)
+        BSAEndData(handle);
+    return code;
+}
+
+/** The paths of all that a query finds, in its order. */
+inline std::vector<std::string> find(long handle, BSA_QueryDescriptor query,
+                                     std::vector<BSA_ObjectDescriptor>* found = nullptr) {
+    std::vector<std::string> paths;
+    BSA_ObjectDescriptor descriptor;
+    int code = BSAQueryObject(handle, &query, &descriptor);
+    while (code == BSA_RC_SUCCESS) {
+        paths.emplace_back(descriptor.objectName.pathName);
+        if (found)
+            found->push_back(descriptor);
+        code = BSAGetNextQueryObject(handle, &descriptor);
+    }
+    if (code != BSA_RC_NO_MORE_DATA && code != BSA_RC_NO_MATCH)
+        paths.push_back("error " + std::to_string(code) + ": " + last_error());
+    return paths;
+}
+
+} // namespace xbsa
+
+#endif
