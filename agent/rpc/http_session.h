@@ -1,0 +1,61 @@
+#ifndef AGENT_RPC_HTTP_SESSION_H
+#define AGENT_RPC_HTTP_SESSION_H
+
+#include "agent/rpc/access_key.h"
+#include "agent/rpc/rest_routes.h"
+#include "agent/rpc/rpc_io.h"
+#include "agent/rpc/rpc_sessions.h"
+#include "agent/rpc/ws_peer.h"
+
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <boost/beast/http.hpp>
+
+/** What the connections at the port have in common; lives longer than they do. */
+struct Http_Service {
+    Method_Table& methods;
+    Rest_Routes const& routes;
+    Rpc_Sessions& sessions;
+    Rpc_Limits const limits;
+    Access_Key const key;
+    Denials denials;                                      ///< on the io thread only
+    std::optional<boost::asio::thread_pool> rest_threads; ///< set when the port is open
+};
+
+/**
+ * One connection at the port, from its TLS handshake on: it answers REST requests, until it becomes
+ * a WebSocket connection and is a Ws_Peer's. On the io thread only.
+ */
+class Http_Session : public std::enable_shared_from_this<Http_Session> {
+public:
+    Http_Session(std::shared_ptr<void> lease, std::unique_ptr<Tls_Stream> stream,
+                 std::string address, Http_Service& service);
+
+    void start();
+    void close();
+
+private:
+    using Request = boost::beast::http::request<boost::beast::http::string_body>;
+    using Response = boost::beast::http::response<boost::beast::http::string_body>;
+
+    void read_header();
+    void on_header(boost::system::error_code const& error);
+    void read_body();
+    void deny();
+    void upgrade();
+    void answer(Request request);
+    void send(Response response);
+
+    std::shared_ptr<void> const lease_;
+    std::unique_ptr<Tls_Stream> stream_; ///< null when it has become another's
+    std::unique_ptr<Ws_Stream> upgrading_;
+    std::string const address_;
+    Http_Service& service_;
+    boost::asio::steady_timer delay_;
+    boost::beast::flat_buffer buffer_;
+    std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
+    Response response_;
+    bool closed_ = false;
+};
+
+#endif

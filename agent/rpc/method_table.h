@@ -1,0 +1,111 @@
+#ifndef AGENT_RPC_METHOD_TABLE_H
+#define AGENT_RPC_METHOD_TABLE_H
+
+#include "host/rpc/json_rpc_handler.h"
+#include "json_spirit/value.h"
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+/** Codes of our own beside those of host/rpc/json_rpc_object.h. */
+enum {
+    AGENT_RPC_NOT_FOUND = -32004, ///< the data says what was not found
+    AGENT_RPC_REFUSED = -32005    ///< the message says why and what to do
+};
+
+/** What a method answers when it fails. */
+struct Method_Fault {
+    int code = JSON_RPC_INTERNAL_ERROR;
+    std::string message;
+    json_spirit::Value data;
+};
+
+/** One call of a method. */
+struct Method_Call {
+    std::string method;
+    json_spirit::Value params; ///< an object, empty when none were given
+    /**
+     * Who calls: "local" through the agent's own socket or from this process, "backupd" for what
+     * came down from the backup server, the host uuid of a member of the group, or "remote" for a
+     * WebSocket client that has joined no group.
+     */
+    std::string peer;
+};
+
+/** The callers that have a name of their own. */
+extern char const RPC_PEER_LOCAL[];
+extern char const RPC_PEER_BACKUPD[];
+extern char const RPC_PEER_REMOTE[];
+
+/**
+ * Serves one method: sets @a result and returns true, or sets the fault and returns false. Called
+ * on several threads at once. A json_spirit::Error that leaves it is answered as
+ * JSON_RPC_INVALID_PARAMS with its text, so params may be read with the throwing extractors; any
+ * other exception is logged and answered as JSON_RPC_INTERNAL_ERROR.
+ */
+using Agent_Method =
+    std::function<bool(Method_Call const& call, json_spirit::Value& result, Method_Fault& fault)>;
+
+/**
+ * The methods that this agent serves, by name. All operations may be called on any thread.
+ *
+ * Requests are handled on a pool of threads, notifications on one thread of their own, so that they
+ * are handled in the order in which they came. When too many wait, a request is answered with
+ * JSON_RPC_BUSY and a notification is lost, with an error line for either.
+ */
+class Method_Table {
+public:
+    /**
+     * @param threads     how many requests are handled at once
+     * @param max_queued  how many more may wait
+     */
+    explicit Method_Table(size_t threads = 8, size_t max_queued = 512);
+    /** Calls stop(). */
+    ~Method_Table();
+    Method_Table(Method_Table const&) = delete;
+    Method_Table& operator=(Method_Table const&) = delete;
+
+    /** Serves a method by a function, in place of whatever served it. */
+    void add(std::string const& name, Agent_Method method);
+
+    /**
+     * Serves a method by a handler, which gets the message itself and answers through the channel.
+     * Its init() and fini() are the caller's to call.
+     */
+    void bind(std::string const& name, std::shared_ptr<JSON_RPC_Handler> handler);
+
+    void remove(std::string const& name);
+
+    /** In ascending order. */
+    std::vector<std::string> names() const;
+
+    /**
+     * Takes one message and does not block: a request is answered through the channel later, maybe
+     * from another thread; an unknown method at once, with JSON_RPC_METHOD_NOT_FOUND; a response is
+     * given to who waits for it in the channel.
+     * @param object  the params are taken out of it
+     * @param peer    see Method_Call
+     * @return 0; -1 when it was refused, which who asked has been told
+     */
+    int handle(JSON_RPC_Channel_ptr channel, JSON_RPC_Object_var object, std::string const& peer);
+
+    /**
+     * Calls a method from within this process. A function runs on the caller's own thread, however
+     * long it takes; a handler's answer is waited for.
+     * @return true for a result; false with the code, the message and the data of the fault
+     */
+    bool call(std::string const& method, json_spirit::Value const& params, std::string const& peer,
+              std::chrono::milliseconds timeout, JSON_RPC_Reply& reply);
+
+    /** Refuses what waits and comes, and returns when what is being handled has ended. */
+    void stop();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+#endif

@@ -1,0 +1,40 @@
+#ifndef AGENT_RPC_RPC_IO_H
+#define AGENT_RPC_RPC_IO_H
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <memory>
+#include <optional>
+#include <thread>
+
+/** An io_context with its one thread: what runs on it needs no lock. */
+class Rpc_Io {
+public:
+    Rpc_Io() : context(1), guard_(context.get_executor()) {}
+    ~Rpc_Io() { finish(); }
+    Rpc_Io(Rpc_Io const&) = delete;
+    Rpc_Io& operator=(Rpc_Io const&) = delete;
+
+    void start();
+
+    /**
+     * Returns when all that was begun has ended: whoever began it has to end it before. Not to be
+     * called on the thread itself.
+     */
+    void finish();
+
+    /**
+     * What is destroyed on another thread and has parts in the context keeps one of these, to be
+     * given back after those parts: finish() waits for it.
+     */
+    std::shared_ptr<void> lease() const { return lease_; }
+
+    boost::asio::io_context context;
+
+private:
+    std::shared_ptr<void> const lease_ = std::make_shared<int>();
+    std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> guard_;
+    std::thread thread_;
+};
+
+#endif

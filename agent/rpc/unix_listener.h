@@ -1,0 +1,48 @@
+#ifndef AGENT_RPC_UNIX_LISTENER_H
+#define AGENT_RPC_UNIX_LISTENER_H
+
+#include "agent/rpc/connection_slots.h"
+#include "agent/rpc/rpc_io.h"
+#include "agent/rpc/rpc_sessions.h"
+#include "qmrt/file.h"
+
+#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+/** The agent's own socket. All but open() on the thread of its Rpc_Io. */
+class Unix_Listener {
+public:
+    Unix_Listener(Rpc_Io& io, Rpc_Sessions& sessions, std::shared_ptr<Connection_Slots> slots,
+                  Method_Table& table, Rpc_Limits const& limits);
+
+    /**
+     * Makes the socket with mode 0600. One that nobody answers at is replaced; one that somebody
+     * does, or a file that is no socket, is left alone. A file beside it with ".lock" behind its
+     * name keeps two that begin at once apart.
+     * @return false with what is wrong and what to do
+     */
+    bool open(std::string const& path, std::string& error);
+    void start();
+    /** Removes the socket, if it is still the one that was made. */
+    void stop();
+
+private:
+    bool lock(std::string& error);
+    bool clear_the_way(std::string& error) const;
+    bool bind(std::string& error);
+    void accept();
+    void begin(boost::asio::local::stream_protocol::socket socket);
+
+    Rpc_Io& io_;
+    Rpc_Sessions& sessions_;
+    std::shared_ptr<Connection_Slots> const slots_;
+    Method_Table& table_;
+    Rpc_Limits const limits_;
+    std::string path_;
+    File_Descriptor lock_;
+    boost::asio::local::stream_protocol::acceptor acceptor_;
+    boost::asio::steady_timer pause_;
+    std::pair<dev_t, ino_t> made_{};
+};
+
+#endif

@@ -1,0 +1,264 @@
+#include "agent/rpc/method_table.h"
+
+#include "host/rpc/json_rpc_thread_pool_handler.h"
+#include "json_spirit/access.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/recording_channel.h"
+
+#include <future>
+#include <gtest/gtest.h>
+#include <stdexcept>
+
+using json_spirit::Array;
+using json_spirit::Object;
+using json_spirit::Value;
+using namespace std::chrono_literals;
+
+namespace {
+
+Agent_Method echo() {
+    return [](Method_Call const& call, Value& result, Method_Fault&) {
+        result = Object{{"method", call.method}, {"params", call.params}, {"peer", call.peer}};
+        return true;
+    };
+}
+
+/** A handler of the module's kind, with a pool of its own. */
+class Handler : public JSON_RPC_Thread_Pool_Handler_Impl {
+public:
+    ~Handler() override { fini(); }
+    int handle_request(JSON_RPC_Channel* channel, JSON_RPC_Request& request) override {
+        if (request.method() == "silent")
+            return -1;
+        JSON_RPC_Response response(&request);
+        response.result(Array{"handled", request.params()});
+        return channel->send(response);
+    }
+};
+
+class Method_Table_Test : public testing::Test {
+protected:
+    int request(std::string const& method, Value const& params) {
+        return table_.handle(channel_,
+                             JSON_RPC_Object_var(new JSON_RPC_Request(++id_, method, params)),
+                             RPC_PEER_LOCAL);
+    }
+    Value reply() { return recording_->await(static_cast<size_t>(id_)).back(); }
+    Value error(char const* key) {
+        return object_get_any(object_get_any(reply().get_obj(), "error").get_obj(), key);
+    }
+
+    Recording_Channel* recording_ = new Recording_Channel;
+    JSON_RPC_Channel_var channel_{recording_};
+    Method_Table table_{2, 4};
+    int id_ = 0;
+};
+
+} // namespace
+
+TEST_F(Method_Table_Test, a_method_gets_name_params_and_caller_and_its_result_is_the_reply) {
+    table_.add("echo", echo());
+    EXPECT_EQ(0, request("echo", Object{{"a", 1}}));
+    EXPECT_EQ(Value(Object{
+                  {"jsonrpc", "2.0"},
+                  {"id", 1},
+                  {"result",
+                   Object{{"method", "echo"}, {"params", Object{{"a", 1}}}, {"peer", "local"}}}}),
+              reply());
+}
+
+TEST_F(Method_Table_Test, no_params_are_an_empty_object) {
+    table_.add("echo", echo());
+    request("echo", Value());
+    EXPECT_EQ(Value(Object()),
+              object_get_any(object_get_any(reply().get_obj(), "result").get_obj(), "params"));
+}
+
+TEST_F(Method_Table_Test, params_that_are_no_object_are_refused) {
+    table_.add("echo", echo());
+    for (Value const& params : {Value(Array{1}), Value("x"), Value(1), Value(true)}) {
+        request("echo", params);
+        EXPECT_EQ(Value(JSON_RPC_INVALID_PARAMS), error("code"));
+    }
+}
+
+TEST_F(Method_Table_Test, a_fault_comes_with_code_message_and_data) {
+    table_.add("fail", [](Method_Call const&, Value&, Method_Fault& fault) {
+        fault = {AGENT_RPC_NOT_FOUND, "no such pool", Object{{"what", "pool"}}};
+        return false;
+    });
+    request("fail", Object());
+    EXPECT_EQ(Value(-32004), error("code"));
+    EXPECT_EQ(Value("no such pool"), error("message"));
+    EXPECT_EQ(Value(Object{{"what", "pool"}}), error("data"));
+}
+
+TEST_F(Method_Table_Test, a_param_that_an_extractor_refuses_is_an_invalid_param_by_name) {
+    table_.add("read", [](Method_Call const& call, Value&, Method_Fault&) {
+        std::string pool;
+        extract_or_throw(call.params.get_obj())("pool", pool);
+        return true;
+    });
+    request("read", Object{{"pool", 1}});
+    EXPECT_EQ(Value(JSON_RPC_INVALID_PARAMS), error("code"));
+    EXPECT_NE(std::string::npos, error("message").get_str().find("pool"));
+}
+
+TEST_F(Method_Table_Test, another_exception_is_logged_and_tells_the_caller_nothing) {
+    table_.add("throw", [](Method_Call const&, Value&, Method_Fault&) -> bool {
+        throw std::runtime_error("inner secret");
+    });
+    request("throw", Object());
+    EXPECT_EQ(Value(JSON_RPC_INTERNAL_ERROR), error("code"));
+    EXPECT_EQ(Value("Internal error"), error("message"));
+    EXPECT_LOGGED(LM_ERROR, "inner secret");
+    JSON_RPC_Reply answer;
+    EXPECT_FALSE(table_.call("throw", Object(), RPC_PEER_LOCAL, 10s, answer));
+    EXPECT_EQ(JSON_RPC_INTERNAL_ERROR, answer.code);
+    EXPECT_EQ("Internal error", answer.message);
+    EXPECT_LOGGED(LM_ERROR, "inner secret");
+}
+
+TEST_F(Method_Table_Test, an_unknown_method_is_not_found) {
+    EXPECT_EQ(-1, request("nothing", Object()));
+    EXPECT_EQ(Value(JSON_RPC_METHOD_NOT_FOUND), error("code"));
+}
+
+TEST_F(Method_Table_Test, a_bound_handler_gets_the_message_itself) {
+    table_.bind("gaussdb.list", std::make_shared<Handler>());
+    request("gaussdb.list", Value());
+    EXPECT_EQ(Value(Array{"handled", Value()}), object_get_any(reply().get_obj(), "result"));
+    request("gaussdb.list", Array{1});
+    EXPECT_EQ(Value(Array{"handled", Array{1}}), object_get_any(reply().get_obj(), "result"));
+}
+
+TEST_F(Method_Table_Test, the_last_one_added_serves) {
+    table_.bind("m", std::make_shared<Handler>());
+    table_.add("m", echo());
+    table_.add("a", echo());
+    EXPECT_EQ((std::vector<std::string>{"a", "m"}), table_.names());
+    request("m", Object());
+    EXPECT_EQ(Value("m"),
+              object_get_any(object_get_any(reply().get_obj(), "result").get_obj(), "method"));
+    table_.remove("m");
+    table_.remove("m");
+    EXPECT_EQ(std::vector<std::string>{"a"}, table_.names());
+    request("m", Object());
+    EXPECT_EQ(Value(JSON_RPC_METHOD_NOT_FOUND), error("code"));
+}
+
+TEST_F(Method_Table_Test, what_is_too_much_is_answered_with_busy) {
+    std::promise<void> opened;
+    auto const gate = opened.get_future().share();
+    table_.add("wait", [gate](Method_Call const&, Value&, Method_Fault&) {
+        gate.wait();
+        return true;
+    });
+    for (int i = 0; i < 2 + 4; ++i)
+        EXPECT_EQ(0, request("wait", Object()));
+    EXPECT_EQ(-1, request("wait", Object()));
+    EXPECT_EQ(Value(JSON_RPC_BUSY),
+              object_get_any(object_get_any(recording_->await(1)[0].get_obj(), "error").get_obj(),
+                             "code"));
+    EXPECT_LOGGED(LM_ERROR, "Server is busy");
+    opened.set_value();
+    EXPECT_EQ(7u, recording_->await(7).size());
+}
+
+TEST_F(Method_Table_Test, notifications_are_handled_in_order_and_answered_by_nothing) {
+    std::mutex mutex;
+    std::vector<int> seen;
+    std::promise<void> all;
+    table_.add("note", [&](Method_Call const& call, Value& result, Method_Fault&) {
+        std::lock_guard const guard(mutex);
+        seen.push_back(object_get_any(call.params.get_obj(), "n").get_int());
+        if (seen.size() == 200)
+            all.set_value();
+        result = "nobody sees this";
+        return true;
+    });
+    for (int i = 0; i < 200; ++i)
+        table_.handle(channel_, JSON_RPC_Object_var(new JSON_RPC_Notify("note", Object{{"n", i}})),
+                      RPC_PEER_LOCAL);
+    all.get_future().wait();
+    for (int i = 0; i < 200; ++i)
+        EXPECT_EQ(i, seen[static_cast<size_t>(i)]);
+    table_.stop();
+    EXPECT_EQ(0u, recording_->sent().size());
+}
+
+TEST_F(Method_Table_Test, a_notification_that_fails_is_logged) {
+    table_.add("note", [](Method_Call const&, Value&, Method_Fault& fault) {
+        fault.message = "it broke\nhere";
+        return false;
+    });
+    table_.handle(channel_, JSON_RPC_Object_var(new JSON_RPC_Notify("note", Object())), "");
+    table_.handle(channel_, JSON_RPC_Object_var(new JSON_RPC_Notify("unknown", Object())), "");
+    while (!Log_Capture::instance().contains("it broke?here"))
+        std::this_thread::yield();
+    EXPECT_LOGGED(LM_ERROR, "Failed to handle the notification 'note'");
+    EXPECT_EQ(0u, recording_->sent().size());
+}
+
+TEST_F(Method_Table_Test, a_call_from_within_gets_the_result_or_the_whole_fault) {
+    table_.add("echo", echo());
+    table_.bind("handled", std::make_shared<Handler>());
+    table_.add("fail", [](Method_Call const&, Value&, Method_Fault& fault) {
+        fault = {-32005, "refused", 7};
+        return false;
+    });
+    JSON_RPC_Reply answer;
+    EXPECT_TRUE(table_.call("echo", Value(), "host-1", 10s, answer));
+    EXPECT_EQ(Value("host-1"), object_get_any(answer.result.get_obj(), "peer"));
+    EXPECT_TRUE(table_.call("handled", 5, "host-1", 10s, answer)) << answer.message;
+    EXPECT_EQ(Value(Array{"handled", 5}), answer.result);
+    EXPECT_FALSE(table_.call("fail", Object(), "host-1", 10s, answer));
+    EXPECT_EQ(-32005, answer.code);
+    EXPECT_EQ("refused", answer.message);
+    EXPECT_EQ(Value(7), answer.data);
+    EXPECT_EQ(Value(), answer.result);
+    EXPECT_FALSE(table_.call("nothing", Object(), "host-1", 10s, answer));
+    EXPECT_EQ(JSON_RPC_METHOD_NOT_FOUND, answer.code);
+}
+
+TEST_F(Method_Table_Test, a_handler_that_never_answers_a_call_is_a_time_out) {
+    table_.bind("silent", std::make_shared<Handler>());
+    JSON_RPC_Reply answer;
+    EXPECT_FALSE(table_.call("silent", Object(), "", 1ms, answer));
+    EXPECT_EQ(JSON_RPC_TIMEOUT, answer.code);
+}
+
+TEST_F(Method_Table_Test, a_response_goes_to_who_waits_for_it) {
+    recording_->on_send = [this](JSON_RPC_Object const& object) {
+        auto const& id = static_cast<JSON_RPC_Request const&>(object).id();
+        EXPECT_EQ(0, table_.handle(channel_, JSON_RPC_Object_var(new JSON_RPC_Response(id, "x")),
+                                   RPC_PEER_LOCAL));
+    };
+    JSON_RPC_Reply answer;
+    EXPECT_TRUE(channel_->request(JSON_RPC_Request("q", "m", Value()), 10s, answer));
+    EXPECT_EQ(Value("x"), answer.result);
+    EXPECT_EQ(-1, table_.handle(channel_, JSON_RPC_Object_var(new JSON_RPC_Response("q", "x")),
+                                RPC_PEER_LOCAL));
+}
+
+TEST_F(Method_Table_Test, one_who_has_gone_gets_no_answer_and_does_no_harm) {
+    table_.add("echo", echo());
+    JSON_RPC_Channel_ptr gone;
+    {
+        JSON_RPC_Channel_var const other(new Recording_Channel);
+        gone = other;
+    }
+    table_.handle(gone, JSON_RPC_Object_var(new JSON_RPC_Request(1, "echo", Object())), "");
+    table_.handle(gone, JSON_RPC_Object_var(new JSON_RPC_Request(1, "nothing", Object())), "");
+    request("echo", Object());
+    EXPECT_EQ(1u, recording_->await(1).size());
+}
+
+TEST_F(Method_Table_Test, after_stop_requests_are_refused) {
+    table_.add("echo", echo());
+    table_.stop();
+    table_.stop();
+    EXPECT_EQ(-1, request("echo", Object()));
+    EXPECT_EQ(Value(JSON_RPC_BUSY), error("code"));
+    EXPECT_LOGGED(LM_ERROR, "shutting down");
+}
