@@ -1,0 +1,48 @@
+#include "agent/storage/agent_storage_backend.h"
+
+#include "agent/storage/pool_connection.h"
+#include "agent/storage/pool_path.h"
+
+Storage_Result Agent_Storage_Backend::connect(std::string const& url, Storage_Access const& access,
+                                              std::shared_ptr<Storage_Connection>& connection) {
+    std::shared_ptr<Storage_Connection> files;
+    Storage_Result result = files_->connect(url, access, files);
+    if (!result)
+        return result;
+    std::string path, folder, error;
+    if (!pool_path_of_url(url, path, error))
+        return {Storage_Result::BAD_NAME, "invalid URL: " + error};
+    std::vector<Pool_Record> pools;
+    result = pools_.list(pools);
+    if (!result)
+        return result;
+    for (Pool_Record const& pool : pools) { // none is within another
+        if (!path_within(pool.path, path, folder))
+            continue;
+        auto use = std::make_shared<Pool_Use>(Pool_Use{pool, meter(pool.path), journal_});
+        connection = std::make_shared<Pool_Connection>(std::move(files), std::move(use), folder);
+        return {};
+    }
+    connection = std::move(files);
+    return {};
+}
+
+std::shared_ptr<Pool_Meter> Agent_Storage_Backend::meter(std::string const& path) {
+    std::lock_guard const guard(mutex_);
+    auto& meter = meters_[path];
+    if (!meter)
+        meter = std::make_shared<Pool_Meter>(path, clock_);
+    return meter;
+}
+
+Pool_Space Agent_Storage_Backend::space(Pool_Record const& pool) {
+    Pool_Space space;
+    std::shared_ptr<Storage_Connection> files;
+    if (!files_->connect(url_of_pool_path(pool.path), {}, files))
+        return space;
+    auto const use = std::make_shared<Pool_Use>(Pool_Use{pool, meter(pool.path), journal_});
+    space.used = use->meter->used();
+    space.online = static_cast<bool>(
+        Pool_Connection(std::move(files), use, "").space(space.total, space.available));
+    return space.online ? space : Pool_Space();
+}
