@@ -1,0 +1,249 @@
+#include "agent/jobs/agent_jobs.h"
+
+#include "agent/jobs/definition_json.h"
+#include "host/job/job.h"
+#include "qmrt/log.h"
+#include "qmrt/uuid.h"
+
+#include <algorithm>
+#include <chrono>
+
+namespace {
+
+bool is_success(Job_State state) {
+    return state == JOB_STATE_COMPLETED || state == JOB_STATE_COMPLETED_WITH_ERRORS;
+}
+
+/** What the first lines of a run's record say. */
+Job_Run record_of(Job const& job) {
+    Job_Run run;
+    run.run_id = uuid_string();
+    if (Job_Definition_var const definition = job.definition(); !definition.null()) {
+        run.definition = definition->id();
+        run.name = definition->name();
+        run.type = job_definition_type_name(definition->type());
+        run.subtype = job_def_subtype_to_string(definition->subtype(), nullptr);
+    }
+    return run;
+}
+
+} // namespace
+
+Agent_Jobs::Agent_Jobs(Agent_Database& database, Settings settings, Storage_Clock& clock)
+    : store_(database),
+      logs_(std::move(settings.log_directory), settings.log_limit),
+      keep_runs_(std::max<size_t>(1, settings.keep_runs)),
+      clock_(clock) {}
+
+bool Agent_Jobs::recover() {
+    int count = 0;
+    std::set<std::string> known;
+    if (!store_.fail_open_runs("the agent ended while the job was running", clock_.now(), count) ||
+        !store_.ids(known))
+        return false;
+    if (count)
+        QMRT_LOG(LM_WARNING, "%d jobs were running when the agent ended: they have failed\n",
+                 count);
+    logs_.keep_only(known);
+    return true;
+}
+
+// a run's own calls
+
+std::string Agent_Jobs::new_run_id(Job const& job) {
+    Job_Run run = record_of(job);
+    run.start_time = clock_.now();
+    if (!store_.add(run))
+        return "";
+    std::lock_guard const guard(mutex_);
+    // a job has one run at a time: what is left of an earlier one never began
+    std::erase_if(live_,
+                  [&](auto const& entry) { return entry.second.run.definition == run.definition; });
+    live_[run.run_id] = {run, clock_.steady_ns(), nullptr};
+    return run.run_id;
+}
+
+void Agent_Jobs::change(std::string const& run_id, std::function<void(Job_Run& run)> const& what) {
+    Job_Run run;
+    {
+        std::lock_guard const guard(mutex_);
+        auto const live = live_.find(run_id);
+        if (live == live_.end())
+            return;
+        what(live->second.run);
+        live->second.written = clock_.steady_ns();
+        run = live->second.run;
+    }
+    store_.update(run);
+}
+
+void Agent_Jobs::state_changed(Job const& job, Job_State state) {
+    time_t const now = clock_.now();
+    change(job.run_id(), [&](Job_Run& run) {
+        bool const began = run.state != JOB_STATE_STARTING;
+        if (!began && state == JOB_STATE_RUNNING)
+            run.start_time = now;
+        run.state = state;
+        if (began || is_run_state(state))
+            return;
+        // the job fell back to where it was before; ended() follows if it was something else
+        run.state = JOB_STATE_ERROR;
+        run.code = -1;
+        run.message = "The run could not begin";
+        run.end_time = now;
+    });
+}
+
+void Agent_Jobs::progressed(Job const& job, Job_Progress const& progress) {
+    std::string const run_id = job.run_id();
+    bool due = false;
+    {
+        std::lock_guard const guard(mutex_);
+        auto const live = live_.find(run_id);
+        if (live == live_.end())
+            return;
+        Job_Run& run = live->second.run;
+        run.percent = std::clamp(progress.percent, 0, 100);
+        run.processed_size = progress.processed_size ? progress.processed_size : run.processed_size;
+        run.total_size = progress.total_size ? progress.total_size : run.total_size;
+        run.speed = progress.speed ? progress.speed : run.speed;
+        due = clock_.steady_ns() - live->second.written >= NS_PER_SECOND;
+    }
+    if (due)
+        change(run_id, [](Job_Run&) {});
+}
+
+void Agent_Jobs::ended(Job const& job, Job_Outcome const& outcome) {
+    time_t const now = clock_.now();
+    {
+        std::lock_guard const guard(mutex_);
+        auto const live = live_.find(job.run_id());
+        if (live != live_.end())
+            live->second.ended = true;
+    }
+    change(job.run_id(), [&](Job_Run& run) {
+        run.state = outcome.state;
+        run.code = outcome.code;
+        run.message = outcome.message;
+        run.end_time = now;
+        if (!is_success(outcome.state))
+            return;
+        run.percent = 100;
+        run.set_size = job.activity().set_size;
+    });
+}
+
+void Agent_Jobs::finished(Job const& job) {
+    std::string const run_id = job.run_id();
+    std::string definition;
+    time_t const now = clock_.now();
+    change(run_id, [&](Job_Run& run) {
+        definition = run.definition;
+        if (run.end_time)
+            return;
+        run.end_time = now;
+        run.state = JOB_STATE_SKIPPED;
+        run.message = job.state() == JOB_STATE_SKIPPED ? "It was not this host's to run"
+                                                       : "Its precondition was not met";
+    });
+    std::vector<std::string> old;
+    if (store_.prune(definition, keep_runs_, old))
+        for (std::string const& id : old)
+            logs_.remove(id);
+    forget(run_id);
+}
+
+void Agent_Jobs::forget(std::string const& run_id) {
+    std::vector<std::function<void()>> actions;
+    {
+        std::lock_guard const guard(mutex_);
+        live_.erase(run_id);
+        actions = on_finished_;
+        finished_.notify_all();
+    }
+    for (std::function<void()> const& action : actions)
+        action();
+}
+
+void Agent_Jobs::synced(Job const&) {
+    // finished() looks at what was written by hand
+}
+
+void Agent_Jobs::alert(Job const& job, Job_Alert const& alert) {
+    store_.add_alert(job.run_id(), alert, clock_.now());
+}
+
+std::shared_ptr<ACE_Log_Msg_Callback> Agent_Jobs::log_callback(Job const& job) {
+    uuid_binary const none = {};
+    std::string const run_id = job.run_id();
+    if (run_id == uuid_binary_to_string(none))
+        return nullptr;
+    std::shared_ptr<Run_Log> const log = logs_.open(run_id);
+    std::lock_guard const guard(mutex_);
+    if (auto const live = live_.find(run_id); live != live_.end())
+        live->second.log = log;
+    return log;
+}
+
+// reading
+
+void Agent_Jobs::show_present(Job_Run& run) {
+    std::lock_guard const guard(mutex_);
+    auto const live = live_.find(run.run_id);
+    if (live == live_.end())
+        return;
+    int const alerts = run.alerts;
+    run = live->second.run;
+    run.alerts = alerts;
+    if (live->second.ended || (!is_run_state(run.state) && !run.end_time)) {
+        // the outcome is on record, but who sees it wants to start the next run
+        run.state = JOB_STATE_COMPLETING;
+        run.end_time = 0;
+    }
+}
+
+Job_Answer Agent_Jobs::list(Run_Query const& query, std::vector<Job_Run>& result) {
+    Job_Answer const answer = store_.list(query, result);
+    if (answer)
+        for (Job_Run& run : result)
+            show_present(run);
+    return answer;
+}
+
+Job_Answer Agent_Jobs::find(std::string const& beginning, Job_Run& result) {
+    Job_Answer const answer = store_.find(beginning, result);
+    if (answer)
+        show_present(result);
+    return answer;
+}
+
+Job_Answer Agent_Jobs::last(std::string const& definition, Job_Run& result) {
+    Job_Answer const answer = store_.last(definition, result);
+    if (answer)
+        show_present(result);
+    return answer;
+}
+
+Job_Answer Agent_Jobs::alerts(std::string const& run_id, std::vector<Run_Alert>& result) {
+    return store_.alerts(run_id, result);
+}
+
+Job_Answer Agent_Jobs::read_log(std::string const& run_id, uint64_t offset, uint64_t limit,
+                                Run_Log_Piece& piece) {
+    uuid_binary ignored;
+    if (!uuid_string_to_binary(run_id, ignored))
+        return Job_Answer::not_found("job \"" + run_id + "\"");
+    if (logs_.read(run_id, offset, limit, piece))
+        return {};
+    return {Job_Answer::FAILED, "the job's log cannot be read; the agent's log says why"};
+}
+
+bool Agent_Jobs::wait_for_finished(std::function<bool()> const& condition, int64_t seconds) {
+    std::unique_lock lock(mutex_);
+    return finished_.wait_for(lock, std::chrono::seconds(seconds), condition);
+}
+
+void Agent_Jobs::on_finished(std::function<void()> action) {
+    std::lock_guard const guard(mutex_);
+    on_finished_.push_back(std::move(action));
+}

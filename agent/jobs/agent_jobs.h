@@ -1,0 +1,102 @@
+#ifndef AGENT_JOBS_AGENT_JOBS_H
+#define AGENT_JOBS_AGENT_JOBS_H
+
+#include "agent/jobs/run_log.h"
+#include "agent/jobs/run_store.h"
+#include "host/job/job_backend.h"
+#include "host/storage/storage_clock.h"
+
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+class Agent_Database;
+
+/**
+ * The agent's own keeper of runs: states, outcomes and alerts in the database, lines in a log file
+ * for each run. How far a run is, it keeps in memory, and in the database at most a second old.
+ *
+ * A run whose first record cannot be written does not start. Later failures of the database or of
+ * the log's disk are logged and disturb no run. The newest runs of each definition are kept, with
+ * their logs; older ones go when a run ends.
+ *
+ * Of a run that was skipped, or stayed away since its precondition failed, the record says
+ * "skipped". All may be called on any thread; no caller may hold a lock that a job's run takes.
+ */
+class Agent_Jobs : public Job_Backend {
+public:
+    struct Settings {
+        std::string log_directory;
+        size_t keep_runs = 100; ///< of each definition
+        uint64_t log_limit = Run_Logs::DEFAULT_LIMIT;
+    };
+
+    /** @param database, clock  not owned; live longer than this */
+    Agent_Jobs(Agent_Database& database, Settings settings,
+               Storage_Clock& clock = Storage_Clock::system());
+
+    /**
+     * To be called once, before anything runs: what is on by the record was cut off when the last
+     * process ended, and becomes JOB_STATE_ERROR. Logs without a run are deleted.
+     * @return false when the database failed
+     */
+    bool recover();
+
+    /**
+     * As Run_Store has them, with how far the runs are now: a run has its outcome and its end only
+     * when the job can be started again.
+     */
+    Job_Answer list(Run_Query const& query, std::vector<Job_Run>& result);
+    Job_Answer find(std::string const& beginning, Job_Run& result);
+    Job_Answer last(std::string const& definition, Job_Run& result);
+    Job_Answer alerts(std::string const& run_id, std::vector<Run_Alert>& result);
+    /** @param run_id  the whole id. FAILED when the file cannot be read; see Run_Logs::read(). */
+    Job_Answer read_log(std::string const& run_id, uint64_t offset, uint64_t limit,
+                        Run_Log_Piece& piece);
+
+    /**
+     * Waits until @a condition holds; it is asked at first and whenever a run has finished.
+     * @return what it said at last
+     */
+    bool wait_for_finished(std::function<bool()> const& condition, int64_t seconds);
+    /** Calls it whenever a run has finished, on its thread, with the job's lock held: for ever. */
+    void on_finished(std::function<void()> action);
+
+    std::string new_run_id(Job const& job) override;
+    void state_changed(Job const& job, Job_State state) override;
+    void progressed(Job const& job, Job_Progress const& progress) override;
+    void ended(Job const& job, Job_Outcome const& outcome) override;
+    void finished(Job const& job) override;
+    void synced(Job const& job) override;
+    void alert(Job const& job, Job_Alert const& alert) override;
+    std::shared_ptr<ACE_Log_Msg_Callback> log_callback(Job const& job) override;
+
+private:
+    /** A run that is on. */
+    struct Live {
+        Job_Run run;
+        int64_t written = 0; ///< when it was written last, by the steady clock
+        std::shared_ptr<Run_Log> log;
+        bool ended = false; ///< its outcome was told, and its thread has not left the job yet
+    };
+
+    /** Changes a live run and writes it; one that is not live is left alone. */
+    void change(std::string const& run_id, std::function<void(Job_Run& run)> const& what);
+    void show_present(Job_Run& run);
+    void forget(std::string const& run_id);
+
+    Run_Store store_;
+    Run_Logs logs_;
+    size_t const keep_runs_;
+    Storage_Clock& clock_;
+    std::mutex mutex_; // the database is never asked under it
+    std::condition_variable finished_;
+    std::map<std::string, Live> live_;
+    std::vector<std::function<void()>> on_finished_;
+};
+
+#endif

@@ -1,0 +1,303 @@
+#include "agent/jobs/job_manager.h"
+
+#include "host/job/job_creator.h"
+#include "json_spirit/access.h"
+#include "qmrt/file.h"
+#include "qmrt/log.h"
+#include "qmrt/posix_time.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <unistd.h>
+
+using json_spirit::Object;
+
+json_spirit::Object described_to_json(Described_Definition const& definition, time_t next_run) {
+    Object object = definition.stored.body;
+    json_spirit::insert(object)("state", definition.state)(
+        "last_run", int64_t{definition.last_start})("next_run", int64_t{next_run});
+    return object;
+}
+
+Job_Manager::Job_Manager(Definition_Store& definitions, Agent_Jobs& jobs, Settings settings,
+                         Storage_Clock& clock)
+    : definitions_(definitions), jobs_(jobs), settings_(std::move(settings)), clock_(clock) {}
+
+// definitions
+
+Job_Answer Job_Manager::save(Object const& given, std::string& id) {
+    std::lock_guard const guard(mutex_);
+    return save_i(given, id);
+}
+
+Job_Answer Job_Manager::save_i(Object const& given, std::string& id) {
+    Object normal;
+    std::string error;
+    if (!normalise_definition(given, settings_.defaults, normal, error))
+        return Job_Answer::invalid(error);
+    Job_Definition_var definition;
+    Job_Answer answer = check(normal, definition);
+    if (!answer)
+        return answer;
+    if (runs(definition->id()))
+        return Job_Answer::refused("Job " + definition->name() +
+                                   " is running; wait for its end or cancel it first");
+    answer = definitions_.save(normal, clock_.now());
+    if (!answer)
+        return answer;
+    id = definition->id();
+    live_.erase(id); // it may have become another kind of job
+    return {};
+}
+
+Job_Answer Job_Manager::check(Object const& normal, Job_Definition_var& result) const {
+    Job_Module const* const module = module_of(normal);
+    if (!module)
+        return Job_Answer::invalid("agent: no loaded module is for \"" +
+                                   json_spirit::object_get_str(normal, "agent") + "\"");
+    std::string error;
+    if (!definition_from_json(*module, normal, result, error))
+        return Job_Answer::invalid(error);
+    return {};
+}
+
+Job_Answer Job_Manager::remove(std::string const& id_or_name) {
+    std::lock_guard const guard(mutex_);
+    Stored_Definition stored;
+    Job_Answer const answer = definitions_.find(id_or_name, stored);
+    return answer ? remove_i(stored) : answer;
+}
+
+Job_Answer Job_Manager::remove_i(Stored_Definition const& stored) {
+    if (runs(stored.id))
+        return Job_Answer::refused("Job " + stored.name +
+                                   " is running; wait for its end or cancel it first");
+    Job_var job;
+    std::string refusal;
+    // whoever wants a definition gone gets that, also when its instance or module is gone already
+    if (!job_of(stored, job))
+        QMRT_LOG(LM_INFO, "Job %s is removed without cleaning up: there is no job for it\n",
+                 stored.name.c_str());
+    else if (job->remove(false, nullptr, &refusal) == -1)
+        return Job_Answer::refused(refusal);
+    live_.erase(stored.id);
+    Job_Answer const answer = definitions_.remove(stored.id);
+    std::string const path = activity_path(stored.id);
+    if (answer && unlink(path.c_str()) == -1 && errno != ENOENT)
+        QMRT_LOG(LM_ERROR, "Cannot remove the activity file %s: %m\n", path.c_str());
+    return answer;
+}
+
+Job_Answer Job_Manager::show(std::string const& id_or_name, Described_Definition& result) {
+    Stored_Definition stored;
+    Job_Answer const answer = definitions_.find(id_or_name, stored);
+    return answer ? describe(stored, result) : answer;
+}
+
+Job_Answer Job_Manager::list(std::vector<Described_Definition>& result) {
+    std::vector<Stored_Definition> all;
+    Job_Answer answer = definitions_.list(all);
+    std::vector<Described_Definition> described;
+    for (Stored_Definition const& stored : all)
+        if (answer)
+            answer = describe(stored, described.emplace_back());
+    if (answer)
+        result = std::move(described);
+    return answer;
+}
+
+Job_Answer Job_Manager::describe(Stored_Definition const& stored, Described_Definition& result) {
+    Job_Run run;
+    Job_Answer const answer = jobs_.last(stored.id, run);
+    if (answer.kind == Job_Answer::FAILED)
+        return answer;
+    result = {stored, job_state_to_string(JOB_STATE_IDLE), 0, 0, is_running(stored.id)};
+    if (answer) {
+        result.state = job_state_to_string(run.state);
+        result.last_start = run.start_time;
+        result.last_end = run.end_time;
+    }
+    if (!stored.enabled && !result.running)
+        result.state = job_state_to_string(JOB_STATE_DISABLED);
+    return {};
+}
+
+Job_Module const* Job_Manager::module_of(Object const& definition) const {
+    std::string const agent = json_spirit::object_get_str(definition, "agent");
+    auto const found =
+        std::find_if(settings_.modules.begin(), settings_.modules.end(),
+                     [&](Job_Module const& module) { return module.agent == agent; });
+    return found == settings_.modules.end() ? nullptr : &*found;
+}
+
+// jobs
+
+bool Job_Manager::is_running(std::string const& definition_id) {
+    std::lock_guard const guard(mutex_);
+    return runs(definition_id);
+}
+
+bool Job_Manager::runs(std::string const& definition_id) const {
+    auto const live = live_.find(definition_id);
+    return live != live_.end() && live->second->running();
+}
+
+std::string Job_Manager::activity_path(std::string const& definition_id) const {
+    return settings_.activity_directory + "/" + definition_id;
+}
+
+Job_Answer Job_Manager::job_of(Stored_Definition const& stored, Job_var& result) {
+    auto const live = live_.find(stored.id);
+    if (live != live_.end()) {
+        result = live->second;
+        return {};
+    }
+    Job_Answer const answer = make_job(stored, result);
+    if (answer)
+        live_[stored.id] = result;
+    return answer;
+}
+
+Job_Answer Job_Manager::make_job(Stored_Definition const& stored, Job_var& result) {
+    Job_Definition_var definition;
+    Job_Answer const answer = check(stored.body, definition);
+    if (!answer)
+        return Job_Answer::refused("The definition of job " + stored.name +
+                                   " can no longer be used: " + answer.text);
+    Job_Creator* const creator = module_of(stored.body)->creator;
+    if (!creator)
+        return Job_Answer::refused("The module has no job creator, so job " + stored.name +
+                                   " cannot be started; install a module that has one");
+    Job_var const job = creator->create(definition);
+    if (!job)
+        return Job_Answer::refused("The module made no job of " + stored.name + ": is instance \"" +
+                                   stored.instance + "\" known? The agent's log may say more");
+    std::string const& directory = settings_.activity_directory;
+    if (mkdir_p(directory.c_str(), 0700) == -1)
+        QMRT_LOG(LM_ERROR, "Cannot make the directory %s: %m\n", directory.c_str());
+    else // without a file, which it logs, the record is in memory only
+        job->map_activity(activity_path(stored.id));
+    job->activity().enabled = stored.enabled;
+    result = job;
+    return {};
+}
+
+// runs
+
+Job_Answer Job_Manager::start(std::string const& id_or_name, std::string& run_id,
+                              std::string& definition_id) {
+    std::lock_guard const guard(mutex_);
+    return start_i(id_or_name, run_id, definition_id);
+}
+
+Job_Answer Job_Manager::start_i(std::string const& id_or_name, std::string& run_id,
+                                std::string& definition_id) {
+    Stored_Definition stored;
+    Job_Answer answer = definitions_.find(id_or_name, stored);
+    if (!answer)
+        return answer;
+    if (closing_)
+        return Job_Answer::refused("Job " + stored.name +
+                                   " cannot be started: the agent is about to end");
+    Job_var job;
+    answer = job_of(stored, job);
+    if (!answer)
+        return answer;
+    std::string refusal;
+    if (job->start(nullptr, &refusal) == -1)
+        return Job_Answer::refused(refusal);
+    run_id = job->run_id();
+    definition_id = stored.id;
+    QMRT_LOG(LM_INFO, "Job %s has been started, run %s\n", stored.name.c_str(), run_id.c_str());
+    return {};
+}
+
+Job_Answer Job_Manager::start_new(Object const& given, std::string& run_id,
+                                  std::string& definition_id) {
+    std::lock_guard const guard(mutex_);
+    Object definition = given;
+    std::string const id_given = json_spirit::object_get_str(given, "id");
+    std::string const name = json_spirit::object_get_str(given, "name");
+    std::string const& known_by = id_given.empty() ? name : id_given;
+    Stored_Definition before;
+    bool const is_new = known_by.empty() || !definitions_.find(known_by, before);
+    if (!is_new)
+        definition["id"] = before.id; // by its name, too: a file is run again and again
+    if (json_spirit::object_get_any(given, "name").is_null()) {
+        std::string const time = POSIX_Time_To_ISO8601(clock_.now());
+        definition["name"] = json_spirit::object_get_str(given, "type") + " " + time + " " +
+                             uuid_string().substr(0, 8);
+    }
+    std::string id;
+    Job_Answer answer = save_i(definition, id);
+    if (!answer)
+        return answer;
+    answer = start_i(id, run_id, definition_id);
+    if (!answer && is_new) {
+        live_.erase(id);
+        definitions_.remove(id);
+        unlink(activity_path(id).c_str());
+    }
+    return answer;
+}
+
+Job_Answer Job_Manager::cancel(std::string const& run) {
+    return request(run, &Job::abort);
+}
+
+Job_Answer Job_Manager::stop(std::string const& run) {
+    return request(run, &Job::stop);
+}
+
+Job_Answer Job_Manager::pause(std::string const& run) {
+    return request(run, &Job::pause);
+}
+
+Job_Answer Job_Manager::resume(std::string const& run) {
+    return request(run, &Job::resume);
+}
+
+Job_Answer Job_Manager::request(std::string const& run, Request what) {
+    std::lock_guard const guard(mutex_);
+    Job_Run found;
+    Job_Answer const answer = jobs_.find(run, found);
+    if (!answer)
+        return answer;
+    auto const live = live_.find(found.definition);
+    if (live == live_.end() || !live->second->running() || live->second->run_id() != found.run_id)
+        return Job_Answer::refused("Run " + found.run_id + " of job " + found.name +
+                                   " has ended: " + job_state_to_string(found.state));
+    std::string refusal;
+    if ((*live->second.*what)(nullptr, &refusal) == -1)
+        return Job_Answer::refused(refusal);
+    return {};
+}
+
+std::vector<std::string> Job_Manager::shutdown(int64_t seconds) {
+    std::vector<Job_var> running;
+    {
+        std::lock_guard const guard(mutex_);
+        closing_ = true;
+        for (auto const& [id, job] : live_)
+            if (job->running())
+                running.push_back(job);
+    }
+    for (Job_var const& job : running)
+        job->abort();
+    jobs_.wait_for_finished(
+        [&] {
+            return std::none_of(running.begin(), running.end(),
+                                [](Job_var const& job) { return job->running(); });
+        },
+        seconds);
+
+    std::vector<std::string> left;
+    for (Job_var const& job : running) {
+        if (!job->running())
+            continue;
+        left.push_back(job->definition()->name());
+        QMRT_LOG(LM_WARNING, "Job %s did not end within %q seconds\n", left.back().c_str(),
+                 ACE_INT64{seconds});
+    }
+    return left;
+}

@@ -1,0 +1,117 @@
+#ifndef AGENT_JOBS_JOB_MANAGER_H
+#define AGENT_JOBS_JOB_MANAGER_H
+
+#include "agent/jobs/agent_jobs.h"
+#include "agent/jobs/definition_json.h"
+#include "agent/jobs/definition_store.h"
+#include "agent/jobs/job_modules.h"
+#include "host/job/job.h"
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+/** A definition with what its job is doing. */
+struct Described_Definition {
+    Stored_Definition stored;
+    /** The running job's, or "disabled", or how the last run ended; "idle" before the first. */
+    std::string state;
+    time_t last_start = 0; ///< of the last run; 0 before the first
+    time_t last_end = 0;   ///< of the last run; 0 while it is on
+    bool running = false;
+};
+
+/** The definition with "state", "last_run" and "next_run", 0 for none. */
+json_spirit::Object described_to_json(Described_Definition const& definition, time_t next_run);
+
+/**
+ * Owns the live job of each definition, and takes requests for definitions and runs. A job is made
+ * when it is first started, and again after its definition has changed.
+ *
+ * Each request is carried out whole before the next begins; none waits for a run. Requests may come
+ * on any thread that holds none of the jobs' locks.
+ */
+class Job_Manager {
+public:
+    struct Settings {
+        Job_Modules modules;
+        Definition_Defaults defaults;
+        /** For the jobs' activity files, one a definition; made with mode 0700. */
+        std::string activity_directory;
+    };
+
+    /** @param definitions, jobs, clock  not owned; live longer than this */
+    Job_Manager(Definition_Store& definitions, Agent_Jobs& jobs, Settings settings,
+                Storage_Clock& clock = Storage_Clock::system());
+
+    /**
+     * Checks a definition and keeps it.
+     * @param id  gets its id, which it had or was given
+     * @return REFUSED while its job runs
+     */
+    Job_Answer save(json_spirit::Object const& given, std::string& id);
+    /** Lets the job clean up, and deletes definition and activity. Runs stay on record. */
+    Job_Answer remove(std::string const& id_or_name);
+    Job_Answer show(std::string const& id_or_name, Described_Definition& result);
+    Job_Answer list(std::vector<Described_Definition>& result);
+
+    /**
+     * Starts a run of a definition.
+     * @param run_id         gets the run's id
+     * @param definition_id  gets the definition's
+     * @return REFUSED, with the reason, when it runs already, is disabled, the module makes no job
+     *         of it, or the agent is about to end
+     */
+    Job_Answer start(std::string const& id_or_name, std::string& run_id,
+                     std::string& definition_id);
+    /**
+     * Keeps a definition and starts it. Without an id it takes the place of the one of its name;
+     * without a name it gets one. One that was new and cannot be started is gone again.
+     */
+    Job_Answer start_new(json_spirit::Object const& given, std::string& run_id,
+                         std::string& definition_id);
+
+    /** Requests to the run whose id begins like that. REFUSED when it has ended or cannot do it. */
+    Job_Answer cancel(std::string const& run);
+    Job_Answer stop(std::string const& run);
+    Job_Answer pause(std::string const& run);
+    Job_Answer resume(std::string const& run);
+
+    /** Whether a run of that definition, by its id, is on. */
+    bool is_running(std::string const& definition_id);
+
+    /**
+     * Refuses to start anything from now on, cancels all runs and waits for their end.
+     * @param seconds  for how long at most
+     * @return the names of those that did not end, which have been logged. The last lines of the
+     *         ended ones' code may still run for a moment: see Job.
+     */
+    std::vector<std::string> shutdown(int64_t seconds);
+
+private:
+    using Request = int (Job::*)(Job::Action_Options const*, std::string*);
+
+    Job_Answer save_i(json_spirit::Object const& given, std::string& id);
+    Job_Answer start_i(std::string const& id_or_name, std::string& run_id,
+                       std::string& definition_id);
+    Job_Answer remove_i(Stored_Definition const& stored);
+    Job_Answer check(json_spirit::Object const& normal, Job_Definition_var& result) const;
+    Job_Answer job_of(Stored_Definition const& stored, Job_var& result);
+    Job_Answer make_job(Stored_Definition const& stored, Job_var& result);
+    Job_Answer request(std::string const& run, Request what);
+    bool runs(std::string const& definition_id) const;
+    Job_Answer describe(Stored_Definition const& stored, Described_Definition& result);
+    Job_Module const* module_of(json_spirit::Object const& definition) const;
+    std::string activity_path(std::string const& definition_id) const;
+
+    Definition_Store& definitions_;
+    Agent_Jobs& jobs_;
+    Settings const settings_;
+    Storage_Clock& clock_;
+    std::mutex mutex_; // held during a whole request; taken before any job's lock
+    std::map<std::string, Job_var> live_;
+    bool closing_ = false;
+};
+
+#endif

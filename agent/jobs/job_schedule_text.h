@@ -1,0 +1,80 @@
+#ifndef AGENT_JOBS_JOB_SCHEDULE_TEXT_H
+#define AGENT_JOBS_JOB_SCHEDULE_TEXT_H
+
+#include "host/job/job_definition.h"
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+
+/**
+ * When a job runs, as people write it. All times are local time, by the zone of the process.
+ *
+ *     type                     at
+ *     none, ondemand           nothing: no time starts such a job
+ *     once                     "2026-11-22 02:30"
+ *     hourly                   the minute of each hour: "15"
+ *     daily, weekly, monthly   five fields as crontab(5) has them: "30 2 * * 1-5"
+ *     continuous               seconds from the end of a run to the next: "60"; at most a year
+ *
+ * The five fields are minute, hour, day of the month, month and day of the week (0 and 7 are
+ * Sunday). Each is a "*" or a list of numbers and ranges, a "*" and a range with a step if wanted;
+ * months and days of the week also go by the first three letters of their English names. When both
+ * the day and the day of the week are restricted, a day needs to fit only one of them.
+ *
+ * On the two days a year when the clocks are changed: a time at a fixed hour that the clocks pass
+ * over comes at the moment they do so, and one that they show twice comes the first time. With a
+ * "*" at the beginning of the hour field (or hourly) it simply comes whenever the clocks show it.
+ */
+class Job_Schedule_Text : public Job_Schedule {
+public:
+    /** Of TYPE_NONE. */
+    Job_Schedule_Text() = default;
+
+    /**
+     * @param error  when false is returned: what is wrong with which word, in one sentence
+     * @return false, with @a result unchanged, for any other text than above, and for a date that
+     *         no year has
+     */
+    static bool parse(std::string const& type, std::string const& at, Job_Schedule_Text& result,
+                      std::string& error);
+    /** "daily" and so on. */
+    static char const* type_name(Type type);
+
+    /**
+     * The first time later than @a after; 0 when there is none. For a continuous job @a after is
+     * the end of its last run.
+     */
+    time_t next_run(time_t after) const;
+    std::string const& at() const { return at_; }
+
+private:
+    /** A time of the wall clock, with the fields counted as cron does. */
+    struct Wall_Time;
+
+    bool parse_at(std::string& error);
+    bool parse_once(std::string& error);
+    bool parse_fields(std::string const& text, std::string& error);
+    bool parse_seconds(std::string& error);
+    bool ever_happens() const;
+    bool day_fits(Wall_Time const& wall) const;
+    bool hour_fits(Wall_Time const& wall) const;
+    bool fits(Wall_Time const& wall) const;
+    bool passed_over(int64_t first_minute, int64_t end_minute) const;
+    time_t search(time_t after, time_t until) const;
+
+    std::string at_;
+    uint64_t minutes_ = 0; ///< a bit for each, here and below
+    uint64_t hours_ = 0;
+    uint64_t days_ = 0;
+    uint64_t months_ = 0;
+    uint64_t weekdays_ = 0;
+    bool any_hour_ = false;
+    bool any_day_ = false;
+    bool any_weekday_ = false;
+    int year_ = 0;     ///< of TYPE_ONCE
+    time_t about_ = 0; ///< of TYPE_ONCE: the time, were it UTC
+    time_t pause_ = 0; ///< of TYPE_CONTINUOUS, seconds
+};
+
+#endif

@@ -1,0 +1,65 @@
+#ifndef AGENT_JOBS_SCHEDULER_H
+#define AGENT_JOBS_SCHEDULER_H
+
+#include "agent/jobs/job_manager.h"
+#include "qmrt/thread_helper.h"
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+/**
+ * Starts jobs when their schedules say so (Job_Schedule_Text).
+ *
+ * Of each definition it is on record up to when what was due has been dealt with. So a job that
+ * was due while the agent was down, or while the machine slept, is started once when it is back,
+ * however many times it has missed. A definition counts from when its schedule was saved. What is
+ * due while the job is disabled, or still runs, is passed over with a line in the log. When the
+ * clock is set back by more than an hour, schedules begin anew from the new time.
+ *
+ * A continuous job comes again so many seconds after its last run ended, however that was started,
+ * or after its definition was saved or a start failed, whichever is the latest.
+ */
+class Scheduler {
+public:
+    /** @param all  not owned; live longer than this */
+    Scheduler(Job_Manager& manager, Definition_Store& definitions, Agent_Jobs& jobs,
+              Storage_Clock& clock = Storage_Clock::system());
+    /** Stops. */
+    ~Scheduler();
+    Scheduler(Scheduler const&) = delete;
+    Scheduler& operator=(Scheduler const&) = delete;
+
+    /** Starts the thread that does the work. @return 0, or -1 when there is no thread for it */
+    int start();
+    /** Ends that thread and waits for it. Runs go on. */
+    void stop();
+    /** A definition may have changed: looks again now. Any thread may call it. */
+    void wake();
+
+    /**
+     * One look: starts what is due. The thread's own work, and for one that has no thread.
+     * @return when something will be due next, as far as is known now; 0 for nothing
+     */
+    time_t run_due();
+
+    /** When a definition will be started next; 0 when nobody knows. Any thread may call it. */
+    time_t next_run(Described_Definition const& definition) const;
+
+private:
+    struct Bell;
+
+    void work();
+    time_t due_time(Described_Definition const& definition, Job_Schedule_Text const& schedule,
+                    time_t now) const;
+    time_t look_at(Described_Definition const& definition, time_t now);
+    void deal_with(Described_Definition const& definition, time_t due, time_t now);
+
+    Job_Manager& manager_;
+    Definition_Store& definitions_;
+    Storage_Clock& clock_;
+    std::shared_ptr<Bell> const bell_; // rung by runs that may outlive this
+    Thread_Helper thread_;
+};
+
+#endif

@@ -1,0 +1,403 @@
+#include "agent/jobs/job_manager.h"
+
+#include "host/agent/host_services.h"
+#include "json_spirit/access.h"
+#include "tests/support/virtual_clock.h"
+#include "tests/unit/agent/jobs/jobs_fixture.h"
+#include "tests/unit/agent/jobs/stepped_job.h"
+
+#include <ace/Thread_Manager.h>
+
+using json_spirit::Object;
+
+namespace {
+
+class Job_Manager_Test : public Jobs_Fixture {
+protected:
+    void SetUp() override {
+        Jobs_Fixture::SetUp();
+        begin();
+    }
+    void TearDown() override { end(); }
+
+    /** As the agent does at its start. */
+    void begin(bool with_creator = true) {
+        store_ = std::make_unique<Definition_Store>(*database_);
+        jobs_ = std::make_shared<Agent_Jobs>(*database_,
+                                             Agent_Jobs::Settings{directory_.path("logs")}, clock_);
+        Host_Services::instance().jobs(jobs_);
+        manager_ = std::make_unique<Job_Manager>(
+            *store_, *jobs_,
+            Job_Manager::Settings{{parsers_.module(with_creator ? &creator_ : nullptr)},
+                                  defaults(),
+                                  directory_.path("jobs")},
+            clock_);
+    }
+    void end() {
+        gate_.open();
+        ACE_Thread_Manager::instance()->wait();
+        manager_.reset();
+        Host_Services::instance().jobs(nullptr);
+        jobs_.reset();
+    }
+
+    std::string save(Object const& definition) {
+        std::string id;
+        Job_Answer const answer = manager_->save(definition, id);
+        EXPECT_TRUE(answer) << answer.text;
+        return id;
+    }
+    std::string start(std::string const& definition = "nightly") {
+        std::string run_id;
+        std::string definition_id;
+        Job_Answer const answer = manager_->start(definition, run_id, definition_id);
+        EXPECT_TRUE(answer) << answer.text;
+        return run_id;
+    }
+    Job_Answer try_start(std::string const& definition = "nightly") {
+        std::string run_id;
+        std::string definition_id;
+        Job_Answer const answer = manager_->start(definition, run_id, definition_id);
+        EXPECT_EQ("", run_id);
+        return answer;
+    }
+    /** Waits until no run of the definition is on. */
+    void settle(std::string const& definition) {
+        Described_Definition described;
+        do {
+            jobs_->wait_for_finished([] { return false; }, 0);
+            std::this_thread::yield();
+            ASSERT_TRUE(manager_->show(definition, described));
+        } while (described.running);
+        ACE_Thread_Manager::instance()->wait();
+    }
+    /** Starts a run that waits at the gate. */
+    std::string start_waiting() {
+        creator_.steps = steps_through(gate_);
+        save(backup());
+        std::string const run = start();
+        EXPECT_TRUE(gate_.wait_for_arrivals(1));
+        return run;
+    }
+    Job_Run run(std::string const& id) {
+        Job_Run found;
+        EXPECT_TRUE(jobs_->find(id, found));
+        return found;
+    }
+
+    Virtual_Clock clock_;
+    Gate gate_;
+    Stepped_Job_Creator creator_;
+    std::unique_ptr<Definition_Store> store_;
+    std::shared_ptr<Agent_Jobs> jobs_;
+    std::unique_ptr<Job_Manager> manager_;
+};
+
+TEST_F(Job_Manager_Test, a_saved_definition_is_started_by_id_or_name) {
+    std::string const id = save(backup());
+    std::string const first = start("nightly");
+    settle(id);
+    std::string const second = start(id);
+    settle(id);
+    EXPECT_NE(first, second);
+    EXPECT_EQ(JOB_STATE_COMPLETED, run(first).state);
+    EXPECT_EQ("production", run(second).instance);
+    EXPECT_EQ(1, creator_.created) << "a job lives on between its runs";
+}
+
+TEST_F(Job_Manager_Test, a_definition_with_a_fault_is_not_kept) {
+    std::string id = "before";
+    Job_Answer const answer = manager_->save(backup("x", R"(,"colour":1)"), id);
+    EXPECT_EQ(Job_Answer::INVALID, answer.kind);
+    EXPECT_EQ("colour: is not known", answer.text);
+    EXPECT_EQ(Job_Answer::INVALID, manager_->save(backup("x", R"(,"agent":"other")"), id).kind);
+    EXPECT_EQ("before", id);
+    std::vector<Described_Definition> all;
+    ASSERT_TRUE(manager_->list(all));
+    EXPECT_TRUE(all.empty());
+}
+
+TEST_F(Job_Manager_Test, what_is_not_there_is_not_found) {
+    EXPECT_EQ(Job_Answer::NOT_FOUND, try_start("nobody").kind);
+    EXPECT_EQ(Job_Answer::NOT_FOUND, manager_->remove("nobody").kind);
+    EXPECT_EQ(Job_Answer::NOT_FOUND, manager_->cancel("0123").kind);
+    Described_Definition described;
+    EXPECT_EQ(Job_Answer::NOT_FOUND, manager_->show("nobody", described).kind);
+}
+
+TEST_F(Job_Manager_Test, a_second_start_is_refused) {
+    start_waiting();
+    Job_Answer const answer = try_start();
+    EXPECT_EQ(Job_Answer::REFUSED, answer.kind);
+    EXPECT_EQ("Job nightly cannot be started: it is running already", answer.text);
+    EXPECT_LOGGED(LM_WARNING, "it is running already");
+}
+
+TEST_F(Job_Manager_Test, a_disabled_definition_is_not_started) {
+    save(backup("nightly", R"(,"enabled":false)"));
+    Job_Answer const answer = try_start();
+    EXPECT_EQ(Job_Answer::REFUSED, answer.kind);
+    EXPECT_NE(std::string::npos, answer.text.find("it is disabled"));
+    EXPECT_LOGGED(LM_WARNING, "it is disabled");
+    Described_Definition described;
+    ASSERT_TRUE(manager_->show("nightly", described));
+    EXPECT_EQ("disabled", described.state);
+}
+
+TEST_F(Job_Manager_Test, a_definition_that_was_enabled_again_is_started) {
+    std::string const id = save(backup("nightly", R"(,"enabled":false)"));
+    try_start();
+    EXPECT_LOGGED(LM_WARNING, "it is disabled");
+    save(backup("nightly", R"(,"id":")" + id + "\""));
+    start();
+    settle(id);
+}
+
+TEST_F(Job_Manager_Test, a_module_without_a_creator_starts_nothing_and_says_so) {
+    end();
+    begin(false);
+    save(backup());
+    Job_Answer const answer = try_start();
+    EXPECT_EQ(Job_Answer::REFUSED, answer.kind);
+    EXPECT_NE(std::string::npos, answer.text.find("The module has no job creator"));
+}
+
+TEST_F(Job_Manager_Test, a_job_that_the_module_does_not_make_is_refused) {
+    creator_.refuse = true;
+    save(backup());
+    Job_Answer const answer = try_start();
+    EXPECT_EQ(Job_Answer::REFUSED, answer.kind);
+    EXPECT_NE(std::string::npos, answer.text.find("is instance \"production\" known?"));
+    creator_.refuse = false;
+    start();
+}
+
+TEST_F(Job_Manager_Test, a_run_is_canceled) {
+    std::string const id = start_waiting();
+    EXPECT_TRUE(manager_->cancel(id.substr(0, 10)));
+    settle("nightly");
+    EXPECT_EQ(JOB_STATE_CANCELED, run(id).state);
+    Job_Answer const answer = manager_->cancel(id);
+    EXPECT_EQ(Job_Answer::REFUSED, answer.kind);
+    EXPECT_NE(std::string::npos, answer.text.find("has ended: canceled"));
+}
+
+TEST_F(Job_Manager_Test, a_run_is_stopped) {
+    std::string const id = start_waiting();
+    EXPECT_TRUE(manager_->stop(id));
+    settle("nightly");
+    EXPECT_EQ(JOB_STATE_CANCELED, run(id).state);
+}
+
+TEST_F(Job_Manager_Test, a_run_is_paused_and_resumed) {
+    std::string const id = start_waiting();
+    EXPECT_EQ(Job_Answer::REFUSED, manager_->resume(id).kind);
+    EXPECT_LOGGED(LM_WARNING, "cannot be resumed: it is running");
+    EXPECT_TRUE(manager_->pause(id));
+    EXPECT_EQ(JOB_STATE_PAUSING, run(id).state);
+    EXPECT_TRUE(manager_->resume(id));
+    EXPECT_EQ(JOB_STATE_RUNNING, run(id).state);
+    gate_.open();
+    settle("nightly");
+    EXPECT_EQ(JOB_STATE_COMPLETED, run(id).state);
+}
+
+TEST_F(Job_Manager_Test, an_earlier_run_of_a_running_job_takes_no_request) {
+    save(backup());
+    std::string const first = start();
+    settle("nightly");
+    creator_.steps = steps_through(gate_);
+    save(backup("nightly", R"(,"id":")" + run(first).definition + "\""));
+    std::string const second = start();
+    ASSERT_TRUE(gate_.wait_for_arrivals(1));
+    EXPECT_EQ(Job_Answer::REFUSED, manager_->cancel(first).kind);
+    EXPECT_EQ(JOB_STATE_RUNNING, run(second).state);
+}
+
+TEST_F(Job_Manager_Test, a_running_job_is_neither_changed_nor_removed) {
+    std::string const run_id = start_waiting();
+    std::string const id = run(run_id).definition;
+    std::string saved;
+    Job_Answer const answer = manager_->save(backup("new", R"(,"id":")" + id + "\""), saved);
+    EXPECT_EQ(Job_Answer::REFUSED, answer.kind);
+    EXPECT_NE(std::string::npos, answer.text.find("is running"));
+    EXPECT_EQ(Job_Answer::REFUSED, manager_->remove(id).kind);
+    Described_Definition described;
+    ASSERT_TRUE(manager_->show(id, described));
+    EXPECT_EQ("nightly", described.stored.name);
+    EXPECT_EQ("running", described.state);
+    EXPECT_TRUE(described.running);
+    EXPECT_EQ(0, described.last_end);
+}
+
+TEST_F(Job_Manager_Test, a_changed_definition_makes_a_new_job) {
+    std::string const id = save(backup());
+    start();
+    settle(id);
+    save(backup("nightly", R"(,"id":")" + id + R"(","pre_action":"true")"));
+    start();
+    settle(id);
+    EXPECT_EQ(2, creator_.created);
+}
+
+TEST_F(Job_Manager_Test, a_removed_definition_is_gone_and_its_runs_stay) {
+    std::string const id = save(backup());
+    std::string const run_id = start();
+    settle(id);
+    EXPECT_TRUE(directory_.exists("jobs/" + id));
+    EXPECT_TRUE(manager_->remove("nightly"));
+    EXPECT_EQ(1, creator_.removals) << "the job did not clean up";
+    EXPECT_FALSE(directory_.exists("jobs/" + id));
+    EXPECT_EQ(Job_Answer::NOT_FOUND, try_start().kind);
+    EXPECT_EQ("nightly", run(run_id).name);
+}
+
+TEST_F(Job_Manager_Test, a_definition_that_never_ran_cleans_up_as_well) {
+    save(backup());
+    EXPECT_TRUE(manager_->remove("nightly"));
+    EXPECT_EQ(1, creator_.removals);
+}
+
+TEST_F(Job_Manager_Test, a_definition_is_removed_also_when_the_module_makes_no_job_of_it) {
+    save(backup());
+    creator_.refuse = true;
+    EXPECT_TRUE(manager_->remove("nightly"));
+    EXPECT_LOGGED(LM_INFO, "is removed without cleaning up");
+    std::vector<Described_Definition> all;
+    ASSERT_TRUE(manager_->list(all));
+    EXPECT_TRUE(all.empty());
+}
+
+TEST_F(Job_Manager_Test, a_new_definition_is_kept_and_started_at_once) {
+    Object definition = restore();
+    definition.erase("name");
+    std::string run_id;
+    std::string id;
+    Job_Answer const answer = manager_->start_new(definition, run_id, id);
+    ASSERT_TRUE(answer) << answer.text;
+    settle(id);
+    EXPECT_EQ(JOB_STATE_COMPLETED, run(run_id).state);
+    EXPECT_EQ(0u, run(run_id).name.find("restore "));
+    EXPECT_EQ("re/hearsal", run(run_id).instance);
+}
+
+TEST_F(Job_Manager_Test, a_new_definition_that_cannot_be_started_is_gone_again) {
+    creator_.refuse = true;
+    std::string run_id;
+    std::string id;
+    EXPECT_EQ(Job_Answer::REFUSED, manager_->start_new(backup(), run_id, id).kind);
+    EXPECT_EQ(Job_Answer::INVALID, manager_->start_new({}, run_id, id).kind);
+    std::vector<Described_Definition> all;
+    ASSERT_TRUE(manager_->list(all));
+    EXPECT_TRUE(all.empty());
+}
+
+TEST_F(Job_Manager_Test, a_definition_of_a_known_name_takes_its_place) {
+    std::string const id = save(backup("nightly"));
+    std::string run_id;
+    std::string started;
+    ASSERT_TRUE(manager_->start_new(backup("nightly"), run_id, started));
+    EXPECT_EQ(id, started);
+    settle(id);
+    ASSERT_TRUE(manager_->start_new(backup("nightly"), run_id, started));
+    settle(id);
+    std::vector<Described_Definition> all;
+    ASSERT_TRUE(manager_->list(all));
+    EXPECT_EQ(1u, all.size());
+}
+
+TEST_F(Job_Manager_Test, a_known_definition_that_cannot_be_started_stays) {
+    std::string const id = save(backup("nightly", std::string(R"(,"id":")") + RESOURCE + "\""));
+    creator_.refuse = true;
+    std::string run_id;
+    std::string started;
+    Object const again = backup("nightly", R"(,"id":"6F9619FF-8B86-4011-B42D-00CF4FC9648F")");
+    EXPECT_EQ(Job_Answer::REFUSED, manager_->start_new(again, run_id, started).kind);
+    Described_Definition described;
+    EXPECT_TRUE(manager_->show(id, described));
+}
+
+TEST_F(Job_Manager_Test, a_list_says_what_each_is_doing) {
+    start_waiting();
+    save(backup("other"));
+    std::vector<Described_Definition> all;
+    ASSERT_TRUE(manager_->list(all));
+    ASSERT_EQ(2u, all.size());
+    Object const running = described_to_json(all[0], 0);
+    EXPECT_EQ("running", json_spirit::object_get_str(running, "state"));
+    EXPECT_EQ("nightly", json_spirit::object_get_str(running, "name"));
+    EXPECT_EQ(json_spirit::Value(int64_t{clock_.now()}),
+              json_spirit::object_get_any(running, "last_run"));
+    Object const idle = described_to_json(all[1], 77);
+    EXPECT_EQ("idle", json_spirit::object_get_str(idle, "state"));
+    EXPECT_EQ(json_spirit::Value(0), json_spirit::object_get_any(idle, "last_run"));
+    EXPECT_EQ(json_spirit::Value(77), json_spirit::object_get_any(idle, "next_run"));
+}
+
+TEST_F(Job_Manager_Test, the_activity_file_of_a_run_cut_short_is_taken_over) {
+    std::string const id = save(backup());
+    start();
+    settle(id);
+    end();
+    {
+        std::fstream file(directory_.path("jobs/" + id),
+                          std::ios::in | std::ios::out | std::ios::binary);
+        Job_State const state = JOB_STATE_RUNNING;
+        file.seekp(offsetof(Job_Activity, state));
+        file.write(reinterpret_cast<char const*>(&state), sizeof state);
+    }
+    begin();
+    start();
+    settle(id);
+    EXPECT_LOGGED(LM_WARNING, "was cut short while it was running");
+}
+
+TEST_F(Job_Manager_Test, a_job_runs_also_when_it_has_no_activity_file) {
+    directory_.write("jobs", "a file in the way");
+    std::string const id = save(backup());
+    std::string const run_id = start();
+    settle(id);
+    EXPECT_EQ(JOB_STATE_COMPLETED, run(run_id).state);
+    EXPECT_LOGGED(LM_ERROR, "Cannot make the directory");
+}
+
+TEST_F(Job_Manager_Test, a_shutdown_cancels_what_runs_and_starts_nothing_more) {
+    std::string const id = start_waiting();
+    EXPECT_TRUE(manager_->shutdown(60).empty());
+    EXPECT_EQ(JOB_STATE_CANCELED, run(id).state);
+    Job_Answer const answer = try_start();
+    EXPECT_EQ(Job_Answer::REFUSED, answer.kind);
+    EXPECT_NE(std::string::npos, answer.text.find("the agent is about to end"));
+}
+
+TEST_F(Job_Manager_Test, a_shutdown_names_who_does_not_end) {
+    creator_.steps = [&](Job&, Job_Event_Handler& events) {
+        events.handle_start_job();
+        gate_.pass_unheeding(); // of its state
+        events.handle_canceled();
+    };
+    save(backup());
+    start();
+    EXPECT_EQ(std::vector<std::string>{"nightly"}, manager_->shutdown(0));
+    EXPECT_LOGGED(LM_WARNING, "Job nightly did not end within 0 seconds");
+}
+
+TEST_F(Job_Manager_Test, many_threads_start_one_job_once) {
+    creator_.steps = steps_through(gate_);
+    save(backup());
+    std::atomic<int> started = 0;
+    std::vector<std::thread> threads;
+    for (int count = 0; count < 8; ++count)
+        threads.emplace_back([&] {
+            std::string run_id;
+            std::string id;
+            if (manager_->start("nightly", run_id, id))
+                ++started;
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(1, started);
+    EXPECT_EQ(7u, Log_Capture::instance().claim_all(LM_WARNING, "it is running already"));
+}
+
+} // namespace

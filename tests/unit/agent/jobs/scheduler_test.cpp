@@ -1,0 +1,344 @@
+#include "agent/jobs/scheduler.h"
+
+#include "host/agent/host_services.h"
+#include "tests/support/scoped_env.h"
+#include "tests/support/virtual_clock.h"
+#include "tests/unit/agent/jobs/jobs_fixture.h"
+#include "tests/unit/agent/jobs/stepped_job.h"
+
+#include <ace/Thread_Manager.h>
+
+namespace {
+
+constexpr time_t HOUR = 3600;
+constexpr time_t DAY = 24 * HOUR;
+
+/** The clock stands at a full hour of UTC, which is the local time. */
+class Scheduler_Test : public Jobs_Fixture {
+protected:
+    Scheduler_Test() : zone_("TZ", "UTC") { tzset(); }
+
+    void SetUp() override {
+        Jobs_Fixture::SetUp();
+        clock_.sleep_ns((HOUR - clock_.now() % HOUR) * NS_PER_SECOND);
+        begin();
+    }
+    void TearDown() override { end(); }
+
+    void begin() {
+        store_ = std::make_unique<Definition_Store>(*database_);
+        jobs_ = std::make_shared<Agent_Jobs>(*database_,
+                                             Agent_Jobs::Settings{directory_.path("logs")}, clock_);
+        Host_Services::instance().jobs(jobs_);
+        manager_ = std::make_unique<Job_Manager>(*store_, *jobs_,
+                                                 Job_Manager::Settings{{parsers_.module(&creator_)},
+                                                                       defaults(),
+                                                                       directory_.path("jobs")},
+                                                 clock_);
+        scheduler_ = std::make_unique<Scheduler>(*manager_, *store_, *jobs_, clock_);
+    }
+    void end() {
+        scheduler_.reset();
+        gate_.open();
+        ACE_Thread_Manager::instance()->wait();
+        manager_.reset();
+        Host_Services::instance().jobs(nullptr);
+        jobs_.reset();
+    }
+
+    std::string save(std::string const& type, std::string const& at, std::string const& more = "",
+                     std::string const& name = "nightly") {
+        std::string id;
+        Job_Answer const answer = manager_->save(
+            backup(name, R"(,"schedule":{"type":")" + type + R"(","at":")" + at + "\"}" + more),
+            id);
+        EXPECT_TRUE(answer) << answer.text;
+        return id;
+    }
+    void pass(time_t seconds) { clock_.sleep_ns(seconds * NS_PER_SECOND); }
+    /** Looks, and lets the runs that it started come to their end unless they wait at the gate. */
+    time_t look(bool wait = true) {
+        time_t const next = scheduler_->run_due();
+        if (wait)
+            ACE_Thread_Manager::instance()->wait();
+        return next;
+    }
+    size_t runs() {
+        std::vector<Job_Run> all;
+        EXPECT_TRUE(jobs_->list({}, all));
+        return all.size();
+    }
+    time_t next_run() {
+        Described_Definition described;
+        EXPECT_TRUE(manager_->show("nightly", described));
+        return scheduler_->next_run(described);
+    }
+    void tick_clock_back(time_t seconds) {
+        // by way of what is on record, since the clock only goes forward
+        Stored_Definition stored;
+        ASSERT_TRUE(store_->find("nightly", stored));
+        ASSERT_TRUE(store_->set_planned(stored.id, clock_.now() + seconds));
+    }
+
+    Scoped_Env const zone_;
+    Virtual_Clock clock_;
+    Gate gate_;
+    Stepped_Job_Creator creator_;
+    std::unique_ptr<Definition_Store> store_;
+    std::shared_ptr<Agent_Jobs> jobs_;
+    std::unique_ptr<Job_Manager> manager_;
+    std::unique_ptr<Scheduler> scheduler_;
+};
+
+TEST_F(Scheduler_Test, a_job_is_started_when_it_is_due_and_not_before) {
+    save("hourly", "15");
+    time_t const due = clock_.now() + 15 * 60;
+    EXPECT_EQ(due, look());
+    EXPECT_EQ(due, next_run());
+    pass(15 * 60 - 1);
+    look();
+    EXPECT_EQ(0u, runs());
+    pass(1);
+    EXPECT_EQ(due + HOUR, look());
+    EXPECT_EQ(1u, runs());
+}
+
+TEST_F(Scheduler_Test, a_time_is_used_once) {
+    save("hourly", "15");
+    pass(15 * 60);
+    look();
+    look();
+    pass(30);
+    look();
+    EXPECT_EQ(1u, runs());
+    pass(HOUR);
+    look();
+    EXPECT_EQ(2u, runs());
+}
+
+TEST_F(Scheduler_Test, the_earliest_of_several_is_waited_for) {
+    save("hourly", "30", "", "nightly");
+    save("hourly", "10", "", "other");
+    save("none", "", "", "third");
+    EXPECT_EQ(clock_.now() + 10 * 60, look());
+}
+
+TEST_F(Scheduler_Test, what_was_missed_while_the_agent_was_down_is_started_once) {
+    save("daily", "30 2 * * *");
+    look();
+    end();
+    pass(10 * DAY);
+    begin();
+    look();
+    look();
+    EXPECT_EQ(1u, runs());
+    EXPECT_LOGGED(LM_INFO, "has been missed: it is started now");
+    EXPECT_GT(next_run(), clock_.now());
+}
+
+TEST_F(Scheduler_Test, a_definition_counts_from_when_it_was_saved) {
+    save("once", "1999-01-01 00:00");
+    EXPECT_EQ(0, look());
+    EXPECT_EQ(0u, runs());
+    EXPECT_EQ(0, next_run());
+}
+
+TEST_F(Scheduler_Test, a_job_of_once_is_started_once_though_the_agent_was_down) {
+    char at[20];
+    time_t const due = clock_.now() + DAY;
+    tm fields{};
+    gmtime_r(&due, &fields);
+    strftime(at, sizeof at, "%Y-%m-%d %H:%M", &fields);
+    save("once", at);
+    EXPECT_EQ(due, next_run());
+    end();
+    pass(3 * DAY);
+    begin();
+    EXPECT_EQ(0, look());
+    pass(3 * DAY);
+    EXPECT_EQ(0, look());
+    EXPECT_EQ(1u, runs());
+}
+
+TEST_F(Scheduler_Test, none_and_ondemand_are_never_started) {
+    save("none", "", "", "nightly");
+    save("ondemand", "", "", "other");
+    pass(400 * DAY);
+    EXPECT_EQ(0, look());
+    EXPECT_EQ(0u, runs());
+    EXPECT_EQ(0, next_run());
+}
+
+TEST_F(Scheduler_Test, a_disabled_job_is_passed_over_with_a_line_and_not_made_up_for) {
+    std::string const id = save("hourly", "15", R"(,"enabled":false)");
+    pass(15 * 60);
+    look();
+    EXPECT_LOGGED(LM_INFO, "passed over: it is disabled");
+    EXPECT_EQ(0, next_run());
+    pass(2 * HOUR);
+    save("hourly", "15", R"(,"id":")" + id + "\"");
+    look();
+    EXPECT_EQ(0u, runs());
+    pass(HOUR);
+    look();
+    EXPECT_EQ(1u, runs());
+}
+
+TEST_F(Scheduler_Test, a_job_that_still_runs_is_passed_over_with_a_line) {
+    creator_.steps = steps_through(gate_);
+    save("hourly", "15");
+    pass(15 * 60);
+    look(false);
+    ASSERT_TRUE(gate_.wait_for_arrivals(1));
+    pass(HOUR);
+    look(false);
+    look(false);
+    EXPECT_EQ(1u, Log_Capture::instance().claim_all(LM_WARNING, "it is still running"));
+    gate_.open();
+    ACE_Thread_Manager::instance()->wait();
+    EXPECT_EQ(1u, runs());
+    look();
+    EXPECT_EQ(1u, runs()) << "what was passed over is not made up for";
+}
+
+TEST_F(Scheduler_Test, a_job_that_cannot_be_started_is_told_and_tried_again_when_due_next) {
+    creator_.refuse = true;
+    save("hourly", "15");
+    pass(15 * 60);
+    look();
+    look();
+    EXPECT_EQ(1u, Log_Capture::instance().claim_all(LM_ERROR, "could not be started"));
+    creator_.refuse = false;
+    pass(HOUR);
+    look();
+    EXPECT_EQ(1u, runs());
+}
+
+TEST_F(Scheduler_Test, a_continuous_job_comes_again_after_the_end_of_its_last_run) {
+    creator_.steps = steps_through(gate_);
+    save("continuous", "60");
+    EXPECT_EQ(clock_.now() + 60, look());
+    pass(60);
+    look(false);
+    ASSERT_TRUE(gate_.wait_for_arrivals(1));
+    pass(DAY);
+    EXPECT_EQ(0, look(false)) << "nobody knows before the run's end";
+    EXPECT_EQ(0, next_run());
+    gate_.open();
+    ACE_Thread_Manager::instance()->wait();
+    time_t const end_time = clock_.now();
+    pass(59);
+    EXPECT_EQ(end_time + 60, look());
+    EXPECT_EQ(1u, runs());
+    pass(1);
+    look();
+    EXPECT_EQ(2u, runs());
+}
+
+TEST_F(Scheduler_Test, a_continuous_job_counts_from_a_run_that_somebody_started) {
+    save("continuous", "60");
+    pass(59);
+    std::string run_id;
+    std::string id;
+    ASSERT_TRUE(manager_->start("nightly", run_id, id));
+    ACE_Thread_Manager::instance()->wait();
+    EXPECT_EQ(clock_.now() + 60, look());
+    EXPECT_EQ(1u, runs());
+}
+
+TEST_F(Scheduler_Test, a_continuous_job_that_cannot_be_started_is_tried_after_its_pause) {
+    creator_.refuse = true;
+    save("continuous", "60");
+    pass(60);
+    EXPECT_EQ(clock_.now() + 60, look());
+    EXPECT_LOGGED(LM_ERROR, "could not be started");
+}
+
+TEST_F(Scheduler_Test, a_clock_that_was_corrected_a_little_repeats_nothing) {
+    save("hourly", "15");
+    tick_clock_back(30 * 60);
+    pass(15 * 60);
+    look();
+    EXPECT_EQ(0u, runs()) << "12:15 had been dealt with before the clock went back";
+}
+
+TEST_F(Scheduler_Test, a_clock_that_was_years_ahead_stops_no_schedule) {
+    save("hourly", "15");
+    tick_clock_back(3000 * DAY);
+    EXPECT_EQ(clock_.now() + 15 * 60, look());
+    EXPECT_LOGGED(LM_WARNING, "The clock was set back");
+    pass(15 * 60);
+    look();
+    EXPECT_EQ(1u, runs());
+}
+
+TEST_F(Scheduler_Test, nothing_is_started_when_it_cannot_be_put_on_record) {
+    save("hourly", "15");
+    pass(15 * 60);
+    ASSERT_TRUE(database_->change("lock", [](SQLite::Database& database) {
+        database.exec("CREATE TRIGGER full BEFORE UPDATE ON job_definitions "
+                      "BEGIN SELECT RAISE(ABORT, 'disk full'); END");
+        return true;
+    }));
+    look();
+    EXPECT_EQ(0u, runs());
+    EXPECT_LOGGED(LM_ERROR, "disk full");
+}
+
+TEST_F(Scheduler_Test, a_database_that_fails_is_told_and_looked_at_again) {
+    save("hourly", "15");
+    ASSERT_TRUE(database_->change("break", [](SQLite::Database& database) {
+        database.exec("ALTER TABLE job_definitions RENAME TO away");
+        return true;
+    }));
+    EXPECT_EQ(0, look());
+    EXPECT_LOGGED(LM_ERROR, "could not list the definitions");
+}
+
+TEST_F(Scheduler_Test, its_thread_starts_what_is_due_when_it_is_woken) {
+    creator_.steps = steps_through(gate_);
+    ASSERT_EQ(0, scheduler_->start());
+    save("hourly", "15");
+    pass(15 * 60);
+    scheduler_->wake();
+    EXPECT_TRUE(gate_.wait_for_arrivals(1));
+    scheduler_->stop();
+    scheduler_->stop();
+}
+
+TEST_F(Scheduler_Test, its_thread_sees_the_end_of_a_run) {
+    // more of them than it would see in a minute by looking every now and then
+    auto const began = std::chrono::steady_clock::now();
+    Gate gates[4];
+    std::atomic<size_t> next = 0;
+    creator_.steps = [&](Job& job, Job_Event_Handler& events) {
+        events.handle_start_job();
+        size_t const mine = next++;
+        if (mine < std::size(gates))
+            gates[mine].pass(job);
+        events.handle_success();
+        pass(600);
+    };
+    save("continuous", "600");
+    pass(600);
+    ASSERT_EQ(0, scheduler_->start());
+    for (Gate& gate : gates) {
+        ASSERT_TRUE(gate.wait_for_arrivals(1));
+        gate.open();
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::minutes(1));
+    scheduler_->stop();
+    ACE_Thread_Manager::instance()->wait();
+}
+
+TEST_F(Scheduler_Test, it_can_be_stopped_and_started_again) {
+    ASSERT_EQ(0, scheduler_->start());
+    scheduler_->stop();
+    creator_.steps = steps_through(gate_);
+    save("hourly", "15");
+    pass(15 * 60);
+    ASSERT_EQ(0, scheduler_->start());
+    EXPECT_TRUE(gate_.wait_for_arrivals(1));
+}
+
+} // namespace
