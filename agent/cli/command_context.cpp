@@ -1,0 +1,129 @@
+#include "agent/cli/command_context.h"
+
+#include "agent/cli/interruption.h"
+#include "host/rpc/json_rpc_object.h"
+#include "json_spirit/text.h"
+
+#include <cstdio>
+
+namespace {
+
+constexpr char IS_IT_RUNNING[] =
+    "`systemctl status zenbrak3-agent` says whether the agent runs; --socket or ZENBRAK3_SOCKET "
+    "names another socket.";
+constexpr char SEE_THE_LOG[] = "The agent's log says more: `journalctl -u zenbrak3-agent`.";
+constexpr char CLEAR_SCREEN[] = "\x1b[H\x1b[2J\x1b[3J";
+
+/** What to exit with for the code of an agent's answer. */
+Exit_Code exit_code_of(int code) {
+    switch (code) {
+    case Rpc_Error::NOT_FOUND:
+        return EXIT_NOT_FOUND;
+    case Rpc_Error::REFUSED:
+        return EXIT_REFUSED;
+    case JSON_RPC_INVALID_PARAMS:
+        return EXIT_USAGE;
+    default:
+        return EXIT_FAILED;
+    }
+}
+
+} // namespace
+
+Form Command_Context::id_form() const {
+    return terminal_.interactive ? Form::SHORT_ID : Form::TEXT;
+}
+
+bool Command_Context::ask(std::string const& method, json_spirit::Value const& params,
+                          std::string const& doing, json_spirit::Value& result,
+                          std::string const& advice) {
+    Rpc_Error error;
+    if (agent_.call(method, params, result, error))
+        return true;
+    status_ = tell_failure(error, doing, advice);
+    return false;
+}
+
+bool Command_Context::ask(std::string const& method, json_spirit::Value const& params,
+                          std::string const& doing, json_spirit::Object& result,
+                          std::string const& advice) {
+    json_spirit::Value answer;
+    if (!ask(method, params, doing, answer, advice))
+        return false;
+    if (answer.type() != json_spirit::obj_type) {
+        fail(EXIT_FAILED,
+             "cannot " + doing + ": the agent's answer to " + method + " is no object");
+        return false;
+    }
+    result = std::move(answer.get_obj());
+    return true;
+}
+
+bool Command_Context::try_to_ask(std::string const& method, json_spirit::Value const& params,
+                                 json_spirit::Value& result) {
+    Rpc_Error ignored;
+    return agent_.call(method, params, result, ignored);
+}
+
+Exit_Code Command_Context::tell_failure(Rpc_Error const& error, std::string const& doing,
+                                        std::string const& advice) {
+    std::string what = "cannot " + doing + ": " + error.message;
+    if (error.data.type() == json_spirit::str_type &&
+        error.message.find(error.data.get_str()) == std::string::npos)
+        what += ": " + error.data.get_str();
+    if (error.kind == Rpc_Error::INTERRUPTED)
+        return EXIT_INTERRUPTED;
+    if (error.kind == Rpc_Error::UNREACHABLE) {
+        fail(EXIT_UNREACHABLE, what, IS_IT_RUNNING);
+        return EXIT_UNREACHABLE;
+    }
+    Exit_Code const code = exit_code_of(error.code);
+    if (code == EXIT_NOT_FOUND)
+        fail(code, what, advice);
+    else if (error.code == JSON_RPC_METHOD_NOT_FOUND)
+        fail(code, what, "This agent does not know of that; it is older than this command.");
+    else
+        fail(code, what, code == EXIT_FAILED ? SEE_THE_LOG : "");
+    return code;
+}
+
+int Command_Context::fail(Exit_Code code, std::string const& what, std::string const& advice) {
+    tell("zenbrak3: " + printable(what) + "\n");
+    if (!advice.empty())
+        tell(printable(advice) + "\n");
+    return status_ = code;
+}
+
+void Command_Context::print(std::string const& text) {
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
+}
+
+void Command_Context::print_json(json_spirit::Value const& value) {
+    std::string text = json_spirit::to_text(value, true);
+    if (!text.ends_with('\n'))
+        text += '\n';
+    print(printable_json(text));
+}
+
+void Command_Context::tell(std::string const& text) {
+    std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
+int Command_Context::show(double interval, std::function<bool(std::string& text)> const& make) {
+    auto const pause = std::chrono::milliseconds(static_cast<int64_t>(interval * 1000));
+    if (interval > 0)
+        Interruption::install();
+    std::string shown;
+    do {
+        std::string text;
+        if (!make(text))
+            return status_;
+        if (interval > 0 && terminal_.interactive)
+            print(CLEAR_SCREEN + text);
+        else if (text != shown)
+            print((shown.empty() ? "" : "\n") + text);
+        shown = text;
+    } while (interval > 0 && Interruption::sleep(pause));
+    return interval > 0 ? EXIT_INTERRUPTED : EXIT_OK;
+}

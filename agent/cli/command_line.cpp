@@ -1,0 +1,401 @@
+#include "agent/cli/command_line.h"
+
+#include "agent/cli/unix_connection.h"
+
+namespace {
+
+constexpr char COMMON[] = "Common options";
+constexpr char FOOTER[] =
+    "Examples:\n"
+    "  zenbrak3 instances --refresh\n"
+    "  zenbrak3 pool create main /var/backups/gaussdb --compression zstd:3\n"
+    "  zenbrak3 backup prod --pool main\n"
+    "  zenbrak3 backups prod\n"
+    "  zenbrak3 restore 6f9619ff\n\n"
+    "`zenbrak3 COMMAND --help` says more about each. Exit status: 0 done, 1 it failed, 2 wrong\n"
+    "usage, 3 no agent, 4 not found, 5 refused, 6 the job was canceled, 130 interrupted.";
+
+std::string examples_text(char const* examples) {
+    return *examples ? std::string("Examples:\n") + examples : std::string();
+}
+
+} // namespace
+
+Command_Line::Command_Line()
+    : app_("Protects GaussDB databases: asks the agent of this host.", "zenbrak3") {
+    app_.require_subcommand(1);
+    app_.set_version_flag("--version", "zenbrak3 " ZENBRAK3_VERSION);
+    app_.footer(FOOTER);
+    app_.failure_message(CLI::FailureMessage::simple);
+    add_common_options(app_);
+    add_agent_commands();
+    add_instance_commands();
+    add_pool_commands();
+    add_backup_command();
+    add_restore_command();
+    add_job_commands();
+    add_definition_commands();
+}
+
+CLI::App* Command_Line::command(CLI::App& parent, char const* name, char const* what,
+                                char const* examples, Action const& action) {
+    CLI::App* const added = parent.add_subcommand(name, what);
+    added->footer(examples_text(examples));
+    add_common_options(*added);
+    actions_[added] = action;
+    return added;
+}
+
+CLI::App* Command_Line::group(char const* name, char const* what) {
+    CLI::App* const added = app_.add_subcommand(name, what);
+    added->require_subcommand(1);
+    return added;
+}
+
+void Command_Line::add_common_options(CLI::App& command) {
+    command
+        .add_option("--socket", socket_,
+                    "Where the agent listens, in place of ZENBRAK3_SOCKET and of " +
+                        std::string(DEFAULT_AGENT_SOCKET))
+        ->type_name("PATH")
+        ->group(COMMON);
+    command.add_flag("--json", json_, "Print the agent's answer as JSON")->group(COMMON);
+}
+
+void Command_Line::add_watch(CLI::App& command) {
+    command.add_option("--watch", watch_, "Show it again every so many seconds, 2 if not said")
+        ->type_name("SECONDS")
+        ->expected(0, 1)
+        ->default_str("2")
+        ->check(CLI::Range(0.1, 86400.0));
+}
+
+void Command_Line::add_wait(CLI::App& command) {
+    command.add_flag("--no-wait", no_wait_, "Start the job and do not wait for its end");
+    command.add_option("--interval", wait_.interval, "Seconds between two looks at the job")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.01, 86400.0));
+}
+
+void Command_Line::add_uid(CLI::App& command) {
+    command.add_option("--uid", uid_, "Act as this user in place of the agent's default")
+        ->type_name("UUID");
+}
+
+void Command_Line::add_option_values(CLI::App& command) {
+    command
+        .add_option("-o,--option", wishes_.options,
+                    "One of the job's options, as the manual of job definitions has them; may be "
+                    "repeated")
+        ->type_name("KEY=VALUE")
+        ->expected(1)
+        ->take_all();
+}
+
+void Command_Line::add_agent_commands() {
+    command(app_, "info", "Show what the agent is", "  zenbrak3 info\n", show_info);
+    CLI::App* const checked = command(
+        app_, "check", "Check that an instance can be protected, and say what is missing",
+        "  zenbrak3 check\n  zenbrak3 check prod --pool main\n",
+        [this](Command_Context& context) { return check(context, instance_, pool_, uid_); });
+    checked->add_option("INSTANCE", instance_, "An instance; without one the agent alone");
+    checked->add_option("--pool", pool_, "Also the way to this pool")->type_name("POOL");
+    add_uid(*checked);
+    CLI::App* const names = command(app_, "complete", "", "", [this](Command_Context& context) {
+        if (what_ != "commands")
+            return print_names(context, what_);
+        for (std::string const& name : commands())
+            context.print(name + "\n");
+        return int{EXIT_OK};
+    });
+    names->group(""); // for the shell's completion, not for people
+    names->add_option("WHAT", what_)->required();
+}
+
+void Command_Line::add_instance_commands() {
+    CLI::App* const list = command(
+        app_, "instances", "List the instances",
+        "  zenbrak3 instances\n  zenbrak3 instances --refresh --watch 10\n",
+        [this](Command_Context& context) { return list_instances(context, refresh_, watch_); });
+    list->add_flag("--refresh", refresh_, "Look for new ones, and ask each for its state");
+    add_watch(*list);
+
+    CLI::App* const instances = group("instance", "Show, save or remove one instance");
+    CLI::App* const show =
+        command(*instances, "show", "Show all that is known of an instance",
+                "  zenbrak3 instance show prod\n",
+                [this](Command_Context& context) { return show_instance(context, instance_); });
+    CLI::App* const save =
+        command(*instances, "save", "Put an instance on record, or change its options",
+                "  zenbrak3 instance save dws1 -o version=4 -o edition=8.2.1 -o address=10.0.0.1\n",
+                [this](Command_Context& context) {
+                    return save_instance(context, instance_, wishes_.options);
+                });
+    add_option_values(*save);
+    CLI::App* const remove =
+        command(*instances, "remove", "Forget an instance and its accounts",
+                "  zenbrak3 instance remove dws1\n",
+                [this](Command_Context& context) { return remove_instance(context, instance_); });
+
+    CLI::App* const databases = command(
+        app_, "databases", "List the databases of an instance", "  zenbrak3 databases prod\n",
+        [this](Command_Context& context) { return list_databases(context, instance_, uid_); });
+    CLI::App* const schemas =
+        command(app_, "schemas", "List the schemas of a database",
+                "  zenbrak3 schemas prod sales\n", [this](Command_Context& context) {
+                    return list_schemas(context, instance_, database_, uid_);
+                });
+    CLI::App* const account =
+        command(app_, "account", "Save the account with which an instance is logged on to",
+                "  zenbrak3 account prod backup_admin\n"
+                "  zenbrak3 account prod backup_admin < password-file\n",
+                [this](Command_Context& context) {
+                    return save_account(context, instance_, username_, uid_);
+                });
+    for (CLI::App* const one : {show, save, remove, databases, schemas, account})
+        one->add_option("INSTANCE", instance_, "The instance's name")->required();
+    schemas->add_option("DATABASE", database_, "The database's name")->required();
+    account
+        ->add_option("USER", username_,
+                     "The database's user. The password is asked for, or read from stdin")
+        ->required();
+    for (CLI::App* const one : {databases, schemas, account})
+        add_uid(*one);
+}
+
+void Command_Line::add_pool_commands() {
+    CLI::App* const list =
+        command(app_, "pools", "List the storage pools", "  zenbrak3 pools\n",
+                [this](Command_Context& context) { return list_pools(context, watch_); });
+    add_watch(*list);
+    CLI::App* const pools = group("pool", "Create or remove a storage pool");
+    CLI::App* const create =
+        command(*pools, "create", "Create a storage pool",
+                "  zenbrak3 pool create main /var/backups/gaussdb\n"
+                "  zenbrak3 pool create main /backups --compression zstd:3 --limit 2TiB\n",
+                [this](Command_Context& context) { return create_pool(context, pool_wishes_); });
+    create->add_option("NAME", pool_wishes_.name, "What it is called")->required();
+    create
+        ->add_option("URL", pool_wishes_.url,
+                     "Where the data is kept: /DIRECTORY or file:///DIRECTORY")
+        ->required();
+    create
+        ->add_option("--compression", pool_wishes_.compression,
+                     "none, zstd, lzop or auto, with a level behind a colon")
+        ->type_name("METHOD[:LEVEL]");
+    create->add_option("--limit", pool_wishes_.limit, "How much it may hold: 500GiB, 2T")
+        ->type_name("SIZE");
+    create->add_flag("--read-only", pool_wishes_.read_only, "Nothing new is written to it");
+    CLI::App* const remove = command(
+        *pools, "remove", "Remove a pool that holds no backups", "  zenbrak3 pool remove main\n",
+        [this](Command_Context& context) { return remove_pool(context, pool_); });
+    remove->add_option("POOL", pool_, "Its name or uuid")->required();
+}
+
+void Command_Line::add_backup_command() {
+    CLI::App* const backup =
+        command(app_, "backup", "Back up an instance, or show a backup",
+                "  zenbrak3 backup prod --pool main\n"
+                "  zenbrak3 backup prod --pool main --incremental --channels 4 --no-wait\n"
+                "  zenbrak3 backup prod --pool main --compression zstd:3 -o logging_level=INFO\n"
+                "  zenbrak3 backup show 6f9619ff\n"
+                "  zenbrak3 backup --pool main -- show    an instance that is called \"show\"\n",
+                [this](Command_Context& context) {
+                    return back_up(context, instance_, pool_, level_, wishes_, wait_);
+                });
+    backup_command_ = backup;
+    backup->require_subcommand(0, 1);
+    backup->add_option("INSTANCE", instance_, "The instance to back up");
+    backup->add_option("--pool", pool_, "Where the backup goes: a pool's name or uuid")
+        ->type_name("POOL");
+    auto* const level =
+        backup->add_option("--level", level_, "How much is backed up, full if not said")
+            ->check(CLI::IsMember({"full", "incremental", "cumulative", "differential", "log"}));
+    for (char const* name : {"incremental", "cumulative"})
+        backup
+            ->add_flag_callback(
+                std::string("--") + name, [this, name] { level_ = name; },
+                std::string("The same as --level ") + name)
+            ->excludes(level);
+    backup->get_option("--incremental")->excludes(backup->get_option("--cumulative"));
+    backup
+        ->add_option("--compression", wishes_.compression,
+                     "none, zstd, lzop or auto, with a level behind a colon")
+        ->type_name("METHOD[:LEVEL]");
+    backup->add_option("--channels", wishes_.channels, "Parallel streams")
+        ->type_name("N")
+        ->check(CLI::Range(1, 10000));
+    backup->add_option("--name", wishes_.name, "What the job's definition is called");
+    add_option_values(*backup);
+    add_uid(*backup);
+    add_wait(*backup);
+
+    CLI::App* const show =
+        command(*backup, "show", "Show a backup and what it consists of",
+                "  zenbrak3 backup show 6f9619ff\n",
+                [this](Command_Context& context) { return show_backup(context, backup_); });
+    show->add_option("BACKUP", backup_, "Its uuid, or a beginning that no other has")->required();
+
+    CLI::App* const list = command(
+        app_, "backups", "List the backups",
+        "  zenbrak3 backups\n  zenbrak3 backups prod --type full --limit 10\n",
+        [this](Command_Context& context) { return list_backups(context, backup_filter_, watch_); });
+    list->add_option("INSTANCE", backup_filter_.instance, "Those of this instance");
+    list->add_option("--pool", backup_filter_.pool, "Those in this pool")->type_name("POOL");
+    list->add_option("--type", backup_filter_.type, "Those of this level")->type_name("LEVEL");
+    list->add_option("--limit", backup_filter_.limit, "The newest so many")
+        ->type_name("N")
+        ->check(CLI::PositiveNumber);
+    add_watch(*list);
+}
+
+/** What CLI11 cannot say: the command is its own and a group at once. */
+void Command_Line::check_backup() const {
+    if (!backup_command_->parsed())
+        return;
+    if (!backup_command_->get_subcommands().empty()) {
+        if (!instance_.empty())
+            throw CLI::ExtrasError({instance_});
+        return;
+    }
+    if (instance_.empty())
+        throw CLI::RequiredError("INSTANCE");
+    if (pool_.empty())
+        throw CLI::RequiredError("--pool");
+}
+
+void Command_Line::add_restore_command() {
+    CLI::App* const added =
+        command(app_, "restore", "Restore a backup",
+                "  zenbrak3 restore 6f9619ff\n  zenbrak3 restore 6f9619ff --instance rehearsal\n",
+                [this](Command_Context& context) {
+                    return restore(context, backup_, instance_, wishes_, wait_);
+                });
+    added->add_option("BACKUP", backup_, "Its uuid, or a beginning that no other has")->required();
+    added->add_option("--instance", instance_, "Restore to this instance in place of its own")
+        ->type_name("INSTANCE");
+    added->add_option("--channels", wishes_.channels, "Parallel streams")
+        ->type_name("N")
+        ->check(CLI::Range(1, 10000));
+    added->add_option("--name", wishes_.name, "What the job's definition is called");
+    add_option_values(*added);
+    add_uid(*added);
+    add_wait(*added);
+}
+
+void Command_Line::add_job_commands() {
+    CLI::App* const list = command(
+        app_, "jobs", "List the runs of jobs, the newest first",
+        "  zenbrak3 jobs --state running --watch\n  zenbrak3 jobs --instance prod --limit 20\n",
+        [this](Command_Context& context) { return list_jobs(context, job_filter_, watch_); });
+    list->add_option("--instance", job_filter_.instance, "Those of this instance");
+    list->add_option("--definition", job_filter_.definition, "Those of this definition");
+    list->add_option("--state", job_filter_.state, "Those in this state: running, error...");
+    list->add_option("--limit", job_filter_.limit, "At most so many")
+        ->type_name("N")
+        ->check(CLI::PositiveNumber);
+    add_watch(*list);
+
+    CLI::App* const jobs = group("job", "Look at a job's run, or tell it what to do");
+    CLI::App* const show =
+        command(*jobs, "show", "Show a run and its alerts", "  zenbrak3 job show 0f3a91c2\n",
+                [this](Command_Context& context) { return show_job(context, job_); });
+    CLI::App* const log =
+        command(*jobs, "log", "Print the log of a run", "  zenbrak3 job log 0f3a91c2 --follow\n",
+                [this](Command_Context& context) {
+                    return show_job_log(context, job_, follow_, wait_.interval);
+                });
+    log->add_flag("-f,--follow", follow_, "Go on until the run is over");
+    CLI::App* const wait = command(
+        *jobs, "wait", "Wait for the end of a run", "  zenbrak3 job wait 0f3a91c2\n",
+        [this](Command_Context& context) { return wait_for_job(context, job_, wait_.interval); });
+    for (CLI::App* const one : {log, wait})
+        one->add_option("--interval", wait_.interval, "Seconds between two looks at the job")
+            ->type_name("SECONDS")
+            ->check(CLI::Range(0.01, 86400.0));
+    std::vector<CLI::App*> all{show, log, wait};
+    struct Change {
+        char const* name;
+        char const* what;
+        char const* examples;
+    };
+    for (Change const& change :
+         {Change{"cancel", "End a run; what it has done so far is dropped",
+                 "  zenbrak3 job cancel 0f3a91c2\n"},
+          Change{"stop", "End a run at the next good place, where the job can be stopped so",
+                 "  zenbrak3 job stop 0f3a91c2\n"},
+          Change{"pause", "Let a run wait", "  zenbrak3 job pause 0f3a91c2\n"},
+          Change{"resume", "Let a paused run go on", "  zenbrak3 job resume 0f3a91c2\n"}})
+        all.push_back(command(*jobs, change.name, change.what, change.examples,
+                              [this, action = std::string(change.name)](Command_Context& context) {
+                                  return change_job(context, job_, action);
+                              }));
+    for (CLI::App* const one : all)
+        one->add_option("RUN", job_, "Its id, or a beginning that no other has")->required();
+}
+
+void Command_Line::add_definition_commands() {
+    CLI::App* const list =
+        command(app_, "definitions", "List the job definitions", "  zenbrak3 definitions\n",
+                [this](Command_Context& context) { return list_definitions(context, watch_); });
+    add_watch(*list);
+    CLI::App* const run = command(
+        app_, "run", "Save a definition from a file and start it",
+        "  zenbrak3 run nightly.json\n"
+        "  generate-definition | zenbrak3 run - --no-wait\n",
+        [this](Command_Context& context) { return run_definition_file(context, file_, wait_); });
+    add_wait(*run);
+
+    CLI::App* const definitions = group("definition", "Save, start, show or remove a definition");
+    CLI::App* const save =
+        command(*definitions, "save", "Save a definition from a file",
+                "  zenbrak3 definition save nightly.json\n",
+                [this](Command_Context& context) { return save_definition(context, file_); });
+    CLI::App* const started = command(
+        *definitions, "start", "Start a definition now", "  zenbrak3 definition start nightly\n",
+        [this](Command_Context& context) { return start_definition(context, definition_, wait_); });
+    add_wait(*started);
+    CLI::App* const show =
+        command(*definitions, "show", "Print a definition, as `definition save` takes it",
+                "  zenbrak3 definition show nightly > nightly.json\n",
+                [this](Command_Context& context) { return show_definition(context, definition_); });
+    CLI::App* const remove =
+        command(*definitions, "remove", "Remove a definition; its runs and backups stay",
+                "  zenbrak3 definition remove nightly\n", [this](Command_Context& context) {
+                    return remove_definition(context, definition_);
+                });
+    for (CLI::App* const one : {run, save})
+        one->add_option("FILE", file_, "A definition as JSON; - for stdin")->required();
+    for (CLI::App* const one : {started, show, remove})
+        one->add_option("DEFINITION", definition_, "Its name or id")->required();
+}
+
+bool Command_Line::parse(int argc, char const* const* argv, int& status) {
+    try {
+        app_.parse(argc, argv);
+        check_backup();
+    } catch (CLI::ParseError const& error) {
+        status = app_.exit(error) == 0 ? EXIT_OK : EXIT_USAGE;
+        return false;
+    }
+    CLI::App const* parsed = &app_;
+    while (!parsed->get_subcommands().empty())
+        parsed = parsed->get_subcommands().front();
+    action_ = actions_.at(parsed);
+    wait_.wait = !no_wait_;
+    return true;
+}
+
+std::vector<std::string> Command_Line::commands() const {
+    std::vector<std::string> names;
+    std::function<void(CLI::App const&, std::string const&)> const walk =
+        [&](CLI::App const& parent, std::string const& prefix) {
+            for (CLI::App const* const one : parent.get_subcommands(nullptr)) {
+                if (actions_.count(one) && !one->get_group().empty())
+                    names.push_back(prefix + one->get_name());
+                walk(*one, prefix + one->get_name() + " ");
+            }
+        };
+    walk(app_, "");
+    return names;
+}

@@ -1,0 +1,88 @@
+#ifndef AGENT_CLI_COMMAND_LINE_H
+#define AGENT_CLI_COMMAND_LINE_H
+
+#include "agent/cli/commands.h"
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+/**
+ * The command line: which commands there are, what each takes, and its help. Parsing it asks the
+ * agent nothing.
+ */
+class Command_Line {
+public:
+    Command_Line();
+    Command_Line(Command_Line const&) = delete;
+    Command_Line& operator=(Command_Line const&) = delete;
+
+    /**
+     * Parses the arguments.
+     * @param status  when false, what to exit with: help has been printed, or what is wrong
+     * @return true when there is a command to run
+     */
+    bool parse(int argc, char const* const* argv, int& status);
+
+    /** Runs the command that was parsed. @return what to exit with */
+    int run(Command_Context& context) const { return action_(context); }
+
+    std::string const& socket() const { return socket_; }
+    bool json() const { return json_; }
+
+    /** All commands, "pool create" for one of a group, in the order of the help. */
+    std::vector<std::string> commands() const;
+
+private:
+    using Action = std::function<int(Command_Context&)>;
+
+    CLI::App* command(CLI::App& parent, char const* name, char const* what, char const* examples,
+                      Action const& action);
+    CLI::App* group(char const* name, char const* what);
+    void add_common_options(CLI::App& command);
+    void add_watch(CLI::App& command);
+    void add_wait(CLI::App& command);
+    void add_uid(CLI::App& command);
+    void add_option_values(CLI::App& command);
+
+    void add_agent_commands();
+    void add_instance_commands();
+    void add_pool_commands();
+    void add_backup_command();
+    void add_restore_command();
+    void add_job_commands();
+    void add_definition_commands();
+    void check_backup() const;
+
+    CLI::App app_;
+    std::map<CLI::App const*, Action> actions_;
+    Action action_;
+
+    std::string socket_;
+    bool json_ = false;
+    double watch_ = 0;
+    bool refresh_ = false;
+    bool follow_ = false;
+    bool no_wait_ = false;
+    Wait wait_;
+    std::string level_ = "full";
+    std::string instance_;
+    std::string database_;
+    std::string username_;
+    std::string uid_;
+    std::string pool_;
+    std::string job_;
+    std::string backup_;
+    std::string definition_;
+    std::string file_;
+    std::string what_;
+    Job_Wishes wishes_;
+    Pool_Wishes pool_wishes_;
+    Backup_Filter backup_filter_;
+    Job_Filter job_filter_;
+    CLI::App* backup_command_ = nullptr;
+};
+
+#endif

@@ -1,0 +1,92 @@
+#ifndef AGENT_CLI_COMMANDS_H
+#define AGENT_CLI_COMMANDS_H
+
+#include "agent/cli/command_context.h"
+#include "agent/cli/definition.h"
+
+#include <string>
+#include <vector>
+
+/**
+ * The commands, one function each. All return what the program exits with, and have told the user
+ * what went wrong. Lists that change take an interval in seconds, 0 to show them once.
+ */
+
+/** What is said of the agent, its instances and its pools. */
+int show_info(Command_Context& context);
+int list_instances(Command_Context& context, bool refresh, double interval);
+int show_instance(Command_Context& context, std::string const& instance);
+/** @param options  "key=value" each */
+int save_instance(Command_Context& context, std::string const& instance,
+                  std::vector<std::string> const& options);
+int remove_instance(Command_Context& context, std::string const& instance);
+int list_databases(Command_Context& context, std::string const& instance, std::string const& uid);
+int list_schemas(Command_Context& context, std::string const& instance, std::string const& database,
+                 std::string const& uid);
+/** Asks for the password, or reads it from stdin. */
+int save_account(Command_Context& context, std::string const& instance, std::string const& username,
+                 std::string const& uid);
+int check(Command_Context& context, std::string const& instance, std::string const& pool,
+          std::string const& uid);
+
+struct Pool_Wishes {
+    std::string name;
+    std::string url;
+    std::string compression; ///< "zstd:3"
+    std::string limit;       ///< "100 GiB"; "" for none
+    bool read_only = false;
+};
+int list_pools(Command_Context& context, double interval);
+int create_pool(Command_Context& context, Pool_Wishes const& wishes);
+int remove_pool(Command_Context& context, std::string const& pool);
+
+struct Backup_Filter {
+    std::string instance;
+    std::string pool;
+    std::string type;
+    int limit = 0; ///< 0 for all
+};
+int list_backups(Command_Context& context, Backup_Filter const& filter, double interval);
+int show_backup(Command_Context& context, std::string const& backup);
+
+int list_definitions(Command_Context& context, double interval);
+int show_definition(Command_Context& context, std::string const& definition);
+/** @param file  of one definition as JSON; "-" for stdin */
+int save_definition(Command_Context& context, std::string const& file);
+int remove_definition(Command_Context& context, std::string const& definition);
+
+/** How a run that was started, or that is looked at, is waited for. */
+struct Wait {
+    bool wait = true;
+    double interval = 1; ///< seconds between two looks
+};
+int back_up(Command_Context& context, std::string const& instance, std::string const& pool,
+            std::string const& level, Job_Wishes const& wishes, Wait const& wait);
+int restore(Command_Context& context, std::string const& backup, std::string const& restore_as,
+            Job_Wishes const& wishes, Wait const& wait);
+/** Saves a definition and starts it. */
+int run_definition_file(Command_Context& context, std::string const& file, Wait const& wait);
+int start_definition(Command_Context& context, std::string const& definition, Wait const& wait);
+
+struct Job_Filter {
+    std::string definition;
+    std::string instance;
+    std::string state;
+    int limit = 0;
+};
+int list_jobs(Command_Context& context, Job_Filter const& filter, double interval);
+int show_job(Command_Context& context, std::string const& job);
+/** @param follow  goes on until the run is over */
+int show_job_log(Command_Context& context, std::string const& job, bool follow, double interval);
+/** @param action  "cancel", "stop", "pause" or "resume" */
+int change_job(Command_Context& context, std::string const& job, std::string const& action);
+/** Waits for a run that is on already. */
+int wait_for_job(Command_Context& context, std::string const& job, double interval);
+
+/**
+ * Prints the names of "instances", "pools", "jobs", "backups" or "definitions", one a line, for the
+ * completion of a shell: without a word about failures.
+ */
+int print_names(Command_Context& context, std::string const& what);
+
+#endif

@@ -1,0 +1,57 @@
+#ifndef AGENT_CLI_DEFINITION_H
+#define AGENT_CLI_DEFINITION_H
+
+#include "json_spirit/value.h"
+
+#include <string>
+#include <vector>
+
+/**
+ * Job definitions as the agent takes them, from what was said on the command line. Sources and
+ * options are those of docs/job-definitions.md.
+ */
+
+/** What every job may be told. Empty or 0: nothing is said. */
+struct Job_Wishes {
+    std::string name; ///< the definition's; "" for a name by what it does
+    std::string uid;
+    std::string compression; ///< "zstd", or with its level "zstd:3"; backups only
+    int channels = 0;
+    std::vector<std::string> options; ///< "key=value", in the order in which they count
+};
+
+/**
+ * "key=value" as a member of the options: a value that is a JSON number or boolean is one, all else
+ * is a text, and so is what stands in double quotes.
+ * @return false when there is no key
+ */
+bool read_option(std::string const& text, json_spirit::Object& options);
+
+/** "zstd:3" as method and level. @return false for what is no method that there is */
+bool read_compression(std::string const& text, json_spirit::Object& options);
+
+/** The entry that stands for a whole instance. */
+std::string instance_entry(std::string const& instance);
+
+/**
+ * A backup.
+ * @param instance  as the agent has it: "name" and "uuid"
+ * @param pool      its name or uuid
+ * @param level     "full", "incremental"...
+ * @param error     on failure, what is wrong
+ */
+bool make_backup_definition(json_spirit::Object const& instance, std::string const& pool,
+                            std::string const& level, Job_Wishes const& wishes,
+                            json_spirit::Object& definition, std::string& error);
+
+/**
+ * A restore of a whole backup.
+ * @param backup      as the agent has it
+ * @param restore_as  the instance that it goes to, as the agent has it; null for the one that it
+ *                    came from
+ */
+bool make_restore_definition(json_spirit::Object const& backup,
+                             json_spirit::Object const* restore_as, Job_Wishes const& wishes,
+                             json_spirit::Object& definition, std::string& error);
+
+#endif

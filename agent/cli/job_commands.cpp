@@ -1,0 +1,308 @@
+// What is done: backups, restores, and the runs of jobs.
+#include "agent/cli/commands.h"
+#include "agent/cli/definition_file.h"
+#include "agent/cli/interruption.h"
+#include "agent/cli/job_progress.h"
+#include "agent/cli/table.h"
+#include "json_spirit/text.h"
+
+using json_spirit::Array;
+using json_spirit::Object;
+using json_spirit::object_get_str;
+
+namespace {
+
+constexpr char LIST_JOBS[] = "`zenbrak3 jobs` lists the jobs.";
+
+std::vector<Column> const& run_fields() {
+    static std::vector<Column> const fields{{"Job", "run_id"},
+                                            {"Definition", "name"},
+                                            {"Type", "type"},
+                                            {"Level", "subtype"},
+                                            {"Instance", "instance"},
+                                            {"State", "state"},
+                                            {"Code", "code"},
+                                            {"Message", "message"},
+                                            {"Done", "percent", Form::PERCENT},
+                                            {"Processed", "processed_size", Form::SIZE},
+                                            {"Total", "total_size", Form::SIZE},
+                                            {"Speed", "speed", Form::SPEED},
+                                            {"Backup size", "set_size", Form::SIZE},
+                                            {"Started", "start_time", Form::TIME},
+                                            {"Ended", "end_time", Form::TIME},
+                                            {"Alerts", "alerts"},
+                                            {"Definition id", "definition"}};
+    return fields;
+}
+
+/** How long a run has taken; "" while nobody knows. */
+std::string took(Object const& run) {
+    int64_t const start = number_of(run, "start_time");
+    int64_t const end = number_of(run, "end_time");
+    return start > 0 && end >= start ? duration_text(end - start) : "";
+}
+
+std::string alerts_text(Object const& run, Terminal const& terminal) {
+    Array alerts;
+    json_spirit::object_get(run, "alert_list", alerts);
+    if (alerts.empty())
+        return "";
+    Table table(
+        {{"TIME", "time", Form::TIME}, {"LEVEL", "level"}, {"COUNT", "count"}, {"ALERT", "text"}});
+    table.add(alerts);
+    return table.text(terminal);
+}
+
+Exit_Code exit_code_of(Object const& run) {
+    switch (state_of(run)) {
+    case JOB_STATE_COMPLETED:
+        return EXIT_OK;
+    case JOB_STATE_CANCELED:
+        return EXIT_CANCELED;
+    default:
+        return EXIT_FAILED;
+    }
+}
+
+/** Says how a run that is over ended, and of one that did not complete, where to look. */
+int tell_outcome(Command_Context& context, std::string const& id, Object const& run) {
+    Exit_Code const code = exit_code_of(run);
+    if (context.json()) {
+        context.print_json(run);
+        return code;
+    }
+    std::string const time = took(run);
+    int64_t const size = number_of(run, "set_size");
+    std::string text =
+        "The " + run_title(run) + " ended: " + printable(object_get_str(run, "state"));
+    if (!time.empty())
+        text += ", after " + time;
+    if (code == EXIT_OK && size > 0)
+        text += ", backup of " + size_text(static_cast<uint64_t>(size));
+    context.print(text + "\n");
+    std::string const alerts = alerts_text(run, context.terminal());
+    if (code == EXIT_OK)
+        return code;
+    std::string const message = printable(object_get_str(run, "message"));
+    Command_Context::tell("zenbrak3: the " + run_title(run) + " did not complete" +
+                          (message.empty() ? "" : ": " + message) + "\n" + alerts +
+                          "`zenbrak3 job log " + printable(id) + "` shows what happened.\n");
+    return code;
+}
+
+int tell_that_it_goes_on(std::string const& id) {
+    std::string const job = printable(id);
+    Command_Context::tell("\nThe job goes on. `zenbrak3 job wait " + job +
+                          "` waits for it again, `zenbrak3 job cancel " + job + "` ends it.\n");
+    return EXIT_INTERRUPTED;
+}
+
+/** Follows a run to its end. */
+int follow(Command_Context& context, std::string const& id, double interval) {
+    Interruption::install();
+    auto const pause = std::chrono::milliseconds(static_cast<int64_t>(interval * 1000));
+    Progress_Printer printer(context.terminal());
+    for (;;) {
+        Object run;
+        if (!context.ask("job.show", Object{{"job", id}}, "look at job " + id, run, LIST_JOBS)) {
+            context.print(printer.end());
+            return context.status() == EXIT_INTERRUPTED ? tell_that_it_goes_on(id)
+                                                        : context.status();
+        }
+        if (is_over(run)) {
+            context.print(printer.end());
+            return tell_outcome(context, id, run);
+        }
+        if (!context.json())
+            context.print(printer.next(run, std::chrono::steady_clock::now()));
+        if (!Interruption::sleep(pause)) {
+            context.print(printer.end());
+            return tell_that_it_goes_on(id);
+        }
+    }
+}
+
+/** Starts what the params say, and waits for it when that is wanted. */
+int start(Command_Context& context, Object const& params, std::string const& doing,
+          Wait const& wait) {
+    Object started;
+    if (!context.ask("job.start", params, doing, started,
+                     "`zenbrak3 definitions` lists the definitions, `zenbrak3 pools` the pools."))
+        return context.status();
+    std::string const id = object_get_str(started, "run_id");
+    if (wait.wait && !context.json())
+        context.print("Started job " + printable(id) + ".\n");
+    if (wait.wait)
+        return follow(context, id, wait.interval);
+    if (context.json())
+        context.print_json(started);
+    else
+        context.print("Started job " + printable(id) + "; `zenbrak3 job show " + printable(id) +
+                      "` shows how far it is.\n");
+    return EXIT_OK;
+}
+
+/**
+ * A definition that the command named goes under the id of the one of that name which it made the
+ * last time, so that definitions do not pile up and the runs stay together. One that somebody has
+ * put on a schedule is left to the agent to refuse.
+ */
+void reuse_id(Command_Context& context, Object& definition) {
+    json_spirit::Value answer;
+    if (!context.try_to_ask("definition.show", Object{{"definition", definition.at("name")}},
+                            answer) ||
+        answer.type() != json_spirit::obj_type)
+        return;
+    Object const& known = answer.get_obj();
+    Object schedule;
+    json_spirit::object_get(known, "schedule", schedule);
+    std::string const kind = object_get_str(schedule, "type");
+    if (known.count("id") && (kind.empty() || kind == "none"))
+        definition["id"] = known.at("id");
+}
+
+} // namespace
+
+int back_up(Command_Context& context, std::string const& instance, std::string const& pool,
+            std::string const& level, Job_Wishes const& wishes, Wait const& wait) {
+    std::string const doing = "back up " + instance;
+    Object found;
+    if (!context.ask("instance.show", Object{{"instance", instance}}, doing, found,
+                     "`zenbrak3 instances --refresh` looks for instances and lists them."))
+        return context.status();
+    Object definition;
+    std::string error;
+    if (!make_backup_definition(found, pool, level, wishes, definition, error))
+        return context.fail(EXIT_USAGE, "cannot " + doing + ": " + error);
+    if (wishes.name.empty())
+        reuse_id(context, definition);
+    return start(context, {{"run", definition}}, doing, wait);
+}
+
+int restore(Command_Context& context, std::string const& backup, std::string const& restore_as,
+            Job_Wishes const& wishes, Wait const& wait) {
+    std::string const doing = "restore backup " + backup;
+    Object found;
+    if (!context.ask("backup.show", Object{{"backup", backup}}, doing, found,
+                     "`zenbrak3 backups` lists the backups."))
+        return context.status();
+    Object target;
+    if (!restore_as.empty() &&
+        !context.ask("instance.show", Object{{"instance", restore_as}}, doing + " as " + restore_as,
+                     target, "`zenbrak3 instances --refresh` looks for instances and lists them."))
+        return context.status();
+    Object definition;
+    std::string error;
+    if (!make_restore_definition(found, restore_as.empty() ? nullptr : &target, wishes, definition,
+                                 error))
+        return context.fail(EXIT_USAGE, "cannot " + doing + ": " + error);
+    if (wishes.name.empty())
+        reuse_id(context, definition);
+    return start(context, {{"run", definition}}, doing, wait);
+}
+
+int run_definition_file(Command_Context& context, std::string const& file, Wait const& wait) {
+    Object definition;
+    if (!read_definition_file(context, file, definition))
+        return context.status();
+    return start(context, {{"run", definition}}, "run " + file, wait);
+}
+
+int start_definition(Command_Context& context, std::string const& definition, Wait const& wait) {
+    return start(context, {{"definition", definition}}, "start definition " + definition, wait);
+}
+
+int list_jobs(Command_Context& context, Job_Filter const& filter, double interval) {
+    Object params;
+    json_spirit::insert(params)("definition", json_spirit::Skip_Empty_Helper(filter.definition))(
+        "instance", json_spirit::Skip_Empty_Helper(filter.instance))(
+        "state", json_spirit::Skip_Empty_Helper(filter.state));
+    if (filter.limit > 0)
+        params["limit"] = filter.limit;
+    return context.show(interval, [&](std::string& text) {
+        Object result;
+        if (!context.ask("job.list", params, "list the jobs", result))
+            return false;
+        if (context.json()) {
+            text = printable_json(json_spirit::to_text(result, true));
+            return true;
+        }
+        Table table({{"JOB", "run_id", context.id_form()},
+                     {"TYPE", "type"},
+                     {"LEVEL", "subtype"},
+                     {"INSTANCE", "instance"},
+                     {"STATE", "state"},
+                     {"DONE", "percent", Form::PERCENT},
+                     {"SIZE", "processed_size", Form::SIZE},
+                     {"STARTED", "start_time", Form::TIME},
+                     {"TOOK", "took"},
+                     {"ALERTS", "alerts"},
+                     {"DEFINITION", "name"}});
+        Array jobs;
+        json_spirit::object_get(result, "jobs", jobs);
+        for (Object run : json_spirit::objects_of(jobs)) {
+            run["took"] = took(run);
+            table.add(run);
+        }
+        text = table.empty() && context.terminal().interactive ? "There are no jobs.\n"
+                                                               : table.text(context.terminal());
+        return true;
+    });
+}
+
+int show_job(Command_Context& context, std::string const& job) {
+    Object run;
+    if (!context.ask("job.show", Object{{"job", job}}, "show job " + job, run, LIST_JOBS))
+        return context.status();
+    if (context.json()) {
+        context.print_json(run);
+        return EXIT_OK;
+    }
+    context.print(fields_text(run, run_fields(), {"alert_list"}));
+    std::string const alerts = alerts_text(run, context.terminal());
+    if (!alerts.empty())
+        context.print("\n" + alerts);
+    return EXIT_OK;
+}
+
+int show_job_log(Command_Context& context, std::string const& job, bool follow, double interval) {
+    if (follow)
+        Interruption::install();
+    auto const pause = std::chrono::milliseconds(static_cast<int64_t>(interval * 1000));
+    int64_t offset = 0;
+    for (;;) {
+        Object part;
+        if (!context.ask("job.log", Object{{"job", job}, {"offset", offset}},
+                         "read the log of job " + job, part, LIST_JOBS))
+            return context.status();
+        if (context.json())
+            context.print_json(part);
+        else
+            context.print(printable_lines(object_get_str(part, "text")));
+        int64_t const next = number_of(part, "next_offset", offset);
+        bool finished = false;
+        json_spirit::object_get(part, "finished", finished);
+        bool const more = next > offset;
+        offset = next;
+        if (!more && (finished || !follow))
+            return EXIT_OK;
+        if (!more && !Interruption::sleep(pause))
+            return EXIT_INTERRUPTED;
+    }
+}
+
+int change_job(Command_Context& context, std::string const& job, std::string const& action) {
+    Object result;
+    if (!context.ask("job." + action, Object{{"job", job}}, action + " job " + job, result,
+                     LIST_JOBS))
+        return context.status();
+    if (context.json())
+        context.print_json(result);
+    else
+        context.print("The agent was told to " + action + " job " + printable(job) + ".\n");
+    return EXIT_OK;
+}
+
+int wait_for_job(Command_Context& context, std::string const& job, double interval) {
+    return follow(context, job, interval);
+}

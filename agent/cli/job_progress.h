@@ -1,0 +1,48 @@
+#ifndef AGENT_CLI_JOB_PROGRESS_H
+#define AGENT_CLI_JOB_PROGRESS_H
+
+#include "agent/cli/terminal.h"
+#include "host/job/job_state.h"
+#include "json_spirit/value.h"
+
+#include <chrono>
+#include <string>
+
+/** How far a run has come, in words and bars. A run is the agent's own record of it. */
+
+/** The state of a run; JOB_STATE_NONE for a word that is no state. */
+Job_State state_of(json_spirit::Object const& run);
+/** True when nothing more will happen to it. */
+bool is_over(json_spirit::Object const& run);
+/** "backup of prod", "restore of prod", "job": what a run is, for a sentence. */
+std::string run_title(json_spirit::Object const& run);
+
+/** "running, 42%, 1.2 GiB of 3.0 GiB, 55.0 MiB/s, 0:32 left"; what is not known is left out. */
+std::string progress_text(json_spirit::Object const& run);
+/** "[#######-------------] " and progress_text(), within the width. */
+std::string progress_bar(json_spirit::Object const& run, size_t width);
+
+/**
+ * Chooses what to print as a run goes on: for a terminal one line that is drawn again, elsewhere a
+ * line for each change, but while nothing but the numbers changes at most one in five seconds.
+ */
+class Progress_Printer {
+public:
+    using Time = std::chrono::steady_clock::time_point;
+
+    explicit Progress_Printer(Terminal const& terminal) : terminal_(terminal) {}
+
+    /** What to print for the run as it is now; "" for nothing. */
+    std::string next(json_spirit::Object const& run, Time now);
+    /** What to print before anything else is printed. */
+    std::string end();
+
+private:
+    Terminal const terminal_;
+    std::string state_;
+    std::string text_;
+    Time printed_{};
+    bool drawn_ = false;
+};
+
+#endif

@@ -1,0 +1,39 @@
+#ifndef AGENT_CLI_UNIX_CONNECTION_H
+#define AGENT_CLI_UNIX_CONNECTION_H
+
+#include "agent/cli/agent_connection.h"
+#include "qmrt/file.h"
+
+/** Where the agent listens unless it was told otherwise. */
+constexpr char DEFAULT_AGENT_SOCKET[] = "/run/zenbrak3/agent.sock";
+
+/**
+ * JSON-RPC 2.0 over the agent's Unix stream socket: each message is one compact JSON text and "\n".
+ * Connects at the first call. Messages that answer nothing are passed over. After a failure of the
+ * connection every call fails.
+ */
+class Unix_Connection : public Agent_Connection {
+public:
+    /** A longer answer is an error. */
+    static constexpr size_t MAX_ANSWER = 256 * 1024 * 1024;
+
+    explicit Unix_Connection(std::string path) : path_(std::move(path)) {}
+
+    bool call(std::string const& method, json_spirit::Value const& params,
+              json_spirit::Value& result, Rpc_Error& error) override;
+
+private:
+    bool open(Rpc_Error& error);
+    bool send(json_spirit::Value const& request, Rpc_Error& error);
+    bool receive_line(std::string& line, Rpc_Error& error);
+    bool wait(short events, Rpc_Error& error);
+    bool lost(Rpc_Error& error, std::string const& why);
+
+    std::string const path_;
+    File_Descriptor socket_;
+    std::string received_; ///< what came behind the last line
+    int64_t last_id_ = 0;
+    bool broken_ = false;
+};
+
+#endif

@@ -1,0 +1,230 @@
+#include "agent/cli/command_line.h"
+
+#include "json_spirit/access.h"
+#include "tests/unit/agent/cli/scripted_connection.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using json_spirit::Object;
+using json_spirit::Value;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+class Command_Line_Test : public testing::Test {
+protected:
+    /** Runs a command line against the scripted agent; stdout and stderr are kept. */
+    int run(std::vector<char const*> arguments) {
+        arguments.insert(arguments.begin(), "zenbrak3");
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        int status = -1;
+        Command_Line line;
+        if (line.parse(static_cast<int>(arguments.size()), arguments.data(), status)) {
+            Command_Context context(agent_, Terminal{false, true, 80}, line.json());
+            status = line.run(context);
+        }
+        out_ = testing::internal::GetCapturedStdout();
+        err_ = testing::internal::GetCapturedStderr();
+        return status;
+    }
+    Object params(size_t call) const { return agent_.calls.at(call).second.get_obj(); }
+
+    Scripted_Connection agent_;
+    std::string out_;
+    std::string err_;
+};
+
+TEST_F(Command_Line_Test, every_command_has_help_with_an_example) {
+    for (std::string const& name : Command_Line().commands()) {
+        std::vector<char const*> words;
+        std::string const first = name.substr(0, name.find(' '));
+        std::string const second =
+            name.find(' ') == std::string::npos ? "" : name.substr(first.size() + 1);
+        words.push_back(first.c_str());
+        if (!second.empty())
+            words.push_back(second.c_str());
+        words.push_back("--help");
+        EXPECT_EQ(EXIT_OK, run(words)) << name;
+        EXPECT_THAT(out_, HasSubstr("Examples:\n  zenbrak3 " + name)) << name;
+        EXPECT_THAT(out_, HasSubstr("--json")) << name;
+    }
+    EXPECT_TRUE(agent_.calls.empty());
+}
+
+TEST_F(Command_Line_Test, wrong_usage_is_told_and_asks_nobody) {
+    std::vector<std::vector<char const*>> const lines{
+        {},
+        {"dance"},
+        {"info", "jobs"},
+        {"pool"},
+        {"pool", "create", "main"},
+        {"backup"},
+        {"backup", "prod"},
+        {"backup", "show"},
+        {"backup", "prod", "show", "b1"},
+        {"backup", "prod", "--pool", "p", "--incremental", "--cumulative"},
+        {"backup", "prod", "--pool", "p", "--level", "most"},
+        {"backup", "prod", "--pool", "p", "--level", "full", "--incremental"},
+        {"backup", "prod", "--pool", "p", "--channels", "0"},
+        {"backup", "prod", "more", "--pool", "p"},
+        {"jobs", "--watch", "prod"},
+        {"jobs", "--watch", "0"},
+        {"jobs", "--limit", "-1"},
+        {"restore"},
+        {"job", "show"},
+        {"info", "--jsom"},
+    };
+    for (auto const& line : lines) {
+        EXPECT_EQ(EXIT_USAGE, run(line));
+        EXPECT_THAT(err_, HasSubstr("Run with --help for more information.\n"));
+        EXPECT_EQ("", out_);
+    }
+    EXPECT_TRUE(agent_.calls.empty());
+}
+
+TEST_F(Command_Line_Test, backup_is_a_verb_and_a_group) {
+    agent_.answers("backup.show", Object{{"uuid", "b-1"}});
+    EXPECT_EQ(EXIT_OK, run({"backup", "show", "b1"}));
+    EXPECT_EQ((Object{{"backup", "b1"}}), params(0));
+
+    agent_.answers("instance.show", Object{{"name", "show"}, {"uuid", "u-1"}});
+    agent_.answers("job.start", Object{{"run_id", "r-1"}, {"definition", "d-1"}});
+    EXPECT_EQ(EXIT_OK, run({"backup", "--pool", "main", "--no-wait", "--", "show"}));
+    EXPECT_EQ((Object{{"instance", "show"}}), params(1));
+    EXPECT_EQ("job.start", agent_.calls.back().first);
+}
+
+TEST_F(Command_Line_Test, an_instance_may_be_called_as_a_command) {
+    agent_.answers("gaussdb.list", Object{{"databases", json_spirit::Array{}}});
+    EXPECT_EQ(EXIT_OK, run({"databases", "jobs", "--uid", "u"}));
+    EXPECT_EQ("jobs", params(0).at("instance").get_str());
+}
+
+TEST_F(Command_Line_Test, options_before_and_behind_the_command) {
+    agent_.answers("pool.list", Object{{"pools", json_spirit::Array{}}});
+    EXPECT_EQ(EXIT_OK, run({"--json", "pools"}));
+    EXPECT_EQ("{\n  \"pools\": [\n\n  ]\n}\n", out_);
+    EXPECT_EQ(EXIT_OK, run({"pools", "--json"}));
+    EXPECT_EQ("{\n  \"pools\": [\n\n  ]\n}\n", out_);
+}
+
+TEST_F(Command_Line_Test, a_backup_with_everything) {
+    agent_.answers("instance.show", Object{{"name", "prod"}, {"uuid", "u-1"}});
+    agent_.answers("job.start", Object{{"run_id", "r-1"}, {"definition", "d-1"}});
+    EXPECT_EQ(EXIT_OK, run({"backup", "prod", "--pool", "main", "--incremental", "--compression",
+                            "zstd:3", "--channels", "4", "--name", "n", "-o", "a=1", "--option",
+                            "b=x", "--uid", "u", "--no-wait"}));
+    EXPECT_THAT(agent_.methods(), ElementsAre("instance.show", "job.start"))
+        << "a name of the user's own is not looked up";
+    Object const definition = params(1).at("run").get_obj();
+    EXPECT_EQ("incremental", definition.at("subtype").get_str());
+    EXPECT_EQ(Value(Object{{"compression", "zstd"},
+                           {"compression_level", 3},
+                           {"channels", 4},
+                           {"a", 1},
+                           {"b", "x"}}),
+              definition.at("options"));
+    EXPECT_EQ("Started job r-1; `zenbrak3 job show r-1` shows how far it is.\n", out_);
+}
+
+TEST_F(Command_Line_Test, the_same_backup_again_goes_under_the_same_definition) {
+    agent_.answers("instance.show", Object{{"name", "prod"}, {"uuid", "u-1"}});
+    agent_.answers("job.start", Object{{"run_id", "r-1"}});
+    agent_.answers("definition.show", Object{{"id", "d-1"}});
+    EXPECT_EQ(EXIT_OK, run({"backup", "prod", "--pool", "main", "--no-wait"}));
+    EXPECT_EQ((Object{{"definition", "full backup of prod to main"}}), params(1));
+    EXPECT_EQ("d-1", params(2).at("run").get_obj().at("id").get_str());
+}
+
+TEST_F(Command_Line_Test, a_definition_on_a_schedule_is_not_written_over) {
+    agent_.answers("instance.show", Object{{"name", "prod"}, {"uuid", "u-1"}});
+    agent_.answers("job.start", Object{{"run_id", "r-1"}});
+    agent_.answers("definition.show",
+                   Object{{"id", "d-1"}, {"schedule", Object{{"type", "daily"}}}});
+    run({"backup", "prod", "--pool", "main", "--no-wait"});
+    EXPECT_EQ(0u, params(2).at("run").get_obj().count("id"));
+}
+
+TEST_F(Command_Line_Test, the_codes_of_the_agent_become_exit_codes) {
+    struct Case {
+        int code;
+        int status;
+    };
+    for (Case const& one :
+         {Case{-32004, EXIT_NOT_FOUND}, Case{-32005, EXIT_REFUSED}, Case{-32602, EXIT_USAGE},
+          Case{-32603, EXIT_FAILED}, Case{-32601, EXIT_FAILED}}) {
+        agent_.refuses("pool.remove", one.code, "because", "pool \"p\"");
+        EXPECT_EQ(one.status, run({"pool", "remove", "p"})) << one.code;
+        EXPECT_THAT(err_, HasSubstr("zenbrak3: cannot remove pool p: because: pool \"p\"\n"));
+        EXPECT_EQ("", out_);
+    }
+}
+
+TEST_F(Command_Line_Test, an_answer_of_another_kind_is_a_failure) {
+    for (Value const& answer : {Value(), Value(5), Value("x"), Value(json_spirit::Array{})}) {
+        agent_.answers("pool.list", answer);
+        EXPECT_EQ(EXIT_FAILED, run({"pools"}));
+        EXPECT_THAT(err_, HasSubstr("is no object"));
+    }
+    agent_.answers("pool.list", Object{{"pools", 5}});
+    EXPECT_EQ(EXIT_OK, run({"pools"}));
+    agent_.answers("job.show", Object{{"alert_list", Object{}}, {"state", 1}});
+    EXPECT_EQ(EXIT_OK, run({"job", "show", "x"}));
+}
+
+TEST_F(Command_Line_Test, a_definition_file_that_is_none) {
+    Temporary_Directory const directory;
+    for (char const* text : {"", "{", "[]", "5", "{\"a\":}", "\xff"}) {
+        std::string const file = directory.write("d.json", text);
+        EXPECT_EQ(EXIT_USAGE, run({"run", file.c_str()})) << text;
+        EXPECT_EQ(EXIT_USAGE, run({"definition", "save", file.c_str()})) << text;
+    }
+    EXPECT_EQ(EXIT_USAGE, run({"run", "/no/such/file"}));
+    EXPECT_THAT(err_, HasSubstr("cannot read /no/such/file: No such file or directory"));
+    EXPECT_EQ(EXIT_USAGE, run({"run", directory.path().c_str()}));
+    EXPECT_TRUE(agent_.calls.empty());
+}
+
+TEST_F(Command_Line_Test, a_definition_is_printed_as_it_can_be_saved) {
+    agent_.answers("definition.show", Object{{"name", "n"}, {"state", "idle"}, {"next_run", 1}});
+    EXPECT_EQ(EXIT_OK, run({"definition", "show", "n"}));
+    EXPECT_EQ("{\n  \"name\": \"n\"\n}\n", out_);
+    EXPECT_EQ(EXIT_OK, run({"definition", "show", "n", "--json"}));
+    EXPECT_THAT(out_, HasSubstr("\"state\": \"idle\""));
+}
+
+TEST_F(Command_Line_Test, pool_wishes) {
+    agent_.answers("pool.create", Object{{"name", "main"}});
+    EXPECT_EQ(EXIT_OK, run({"pool", "create", "main", "file:///b", "--compression", "zstd:3",
+                            "--limit", "1.5GiB", "--read-only"}));
+    EXPECT_EQ((Object{{"name", "main"},
+                      {"url", "file:///b"},
+                      {"compression", "zstd"},
+                      {"compression_level", 3},
+                      {"limit", 1610612736},
+                      {"read_only", true}}),
+              params(0));
+    EXPECT_EQ(EXIT_USAGE, run({"pool", "create", "main", "file:///b", "--limit", "much"}));
+    EXPECT_EQ(EXIT_USAGE, run({"pool", "create", "main", "file:///b", "--compression", "gzip"}));
+    EXPECT_EQ(1u, agent_.calls.size());
+}
+
+TEST_F(Command_Line_Test, filters_are_sent_only_when_they_are_given) {
+    agent_.answers("backup.list", Object{{"backups", json_spirit::Array{}}});
+    agent_.answers("job.list", Object{{"jobs", json_spirit::Array{}}});
+    run({"backups"});
+    run({"backups", "prod", "--pool", "p", "--type", "full", "--limit", "3"});
+    run({"jobs"});
+    run({"jobs", "--instance", "prod", "--definition", "d", "--state", "error", "--limit", "3"});
+    EXPECT_EQ(Object{}, params(0));
+    EXPECT_EQ((Object{{"instance", "prod"}, {"pool", "p"}, {"type", "full"}, {"limit", 3}}),
+              params(1));
+    EXPECT_EQ(Object{}, params(2));
+    EXPECT_EQ((Object{{"instance", "prod"}, {"definition", "d"}, {"state", "error"}, {"limit", 3}}),
+              params(3));
+}
+
+} // namespace

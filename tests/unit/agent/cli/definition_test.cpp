@@ -1,0 +1,155 @@
+#include "agent/cli/definition.h"
+
+#include "json_spirit/access.h"
+#include "json_spirit/text.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using json_spirit::Array;
+using json_spirit::Object;
+using json_spirit::Value;
+
+Object const INSTANCE{{"name", "prod"}, {"uuid", "u-1"}};
+Object const BACKUP{{"uuid", "b-1"},
+                    {"instance", "prod"},
+                    {"resource_uuid", "u-1"},
+                    {"backup_key", "20261121_100000"},
+                    {"pool_uuid", "p-1"}};
+
+Object backup(Job_Wishes const& wishes, Object const& instance = INSTANCE) {
+    Object definition;
+    std::string error;
+    EXPECT_TRUE(make_backup_definition(instance, "main", "full", wishes, definition, error))
+        << error;
+    return definition;
+}
+
+std::string backup_error(Job_Wishes const& wishes, Object const& instance = INSTANCE) {
+    Object definition;
+    std::string error;
+    EXPECT_FALSE(make_backup_definition(instance, "main", "full", wishes, definition, error));
+    return error;
+}
+
+TEST(Definition, a_backup_of_an_instance) {
+    EXPECT_EQ((Object{{"type", "backup"},
+                      {"subtype", "full"},
+                      {"agent", "gaussdb"},
+                      {"name", "full backup of prod to main"},
+                      {"target", Object{{"pool", "main"}}},
+                      {"source",
+                       Object{{"id", "u-1"}, {"name", "prod"}, {"entries", Array{"gaussdb/prod"}}}},
+                      {"options", Object{}}}),
+              backup({}));
+}
+
+TEST(Definition, wishes_become_members_and_options) {
+    Job_Wishes wishes;
+    wishes.name = "nightly";
+    wishes.uid = "user-1";
+    wishes.compression = "zstd:3";
+    wishes.channels = 4;
+    wishes.options = {"mount=true", "cache_dir=/backup", "logging_level=\"1\"", "channels=8"};
+    Object const definition = backup(wishes);
+    EXPECT_EQ("nightly", definition.at("name").get_str());
+    EXPECT_EQ("user-1", definition.at("uid").get_str());
+    EXPECT_EQ(Value(Object{{"compression", "zstd"},
+                           {"compression_level", 3},
+                           {"channels", 8},
+                           {"mount", true},
+                           {"cache_dir", "/backup"},
+                           {"logging_level", "1"}}),
+              definition.at("options"));
+}
+
+TEST(Definition, a_name_with_a_slash_stays_one_name_of_the_entry) {
+    Object const definition = backup({}, Object{{"name", "a/b c%"}, {"uuid", "u"}});
+    EXPECT_EQ("gaussdb/a%2Fb%20c%25",
+              definition.at("source").get_obj().at("entries").get_array().at(0).get_str());
+}
+
+TEST(Definition, an_instance_without_a_uuid) {
+    EXPECT_EQ("the agent knows no uuid of this instance", backup_error({}, {{"name", "prod"}}));
+}
+
+TEST(Definition, compressions) {
+    Object options;
+    EXPECT_TRUE(read_compression("none", options));
+    EXPECT_EQ("none", options.at("compression").get_str());
+    EXPECT_TRUE(read_compression("lzop", options));
+    EXPECT_EQ(0u, options.count("compression_level"));
+    for (char const* text : {"gzip", "zstd:", "zstd:x", "zstd:-1", "zstd:3:4", "none:1", ":3", ""})
+        EXPECT_FALSE(read_compression(text, options)) << text;
+    EXPECT_EQ((Object{{"compression", "lzop"}}), options);
+    Job_Wishes wishes;
+    wishes.compression = "gzip";
+    EXPECT_NE(std::string::npos, backup_error(wishes).find("'gzip' is no compression"));
+}
+
+TEST(Definition, options) {
+    Object options;
+    EXPECT_TRUE(read_option("a=b=c", options));
+    EXPECT_TRUE(read_option("empty=", options));
+    EXPECT_TRUE(read_option("real=1.5", options));
+    EXPECT_TRUE(read_option("list=[1]", options));
+    EXPECT_TRUE(read_option("null=null", options));
+    EXPECT_EQ(
+        (Object{{"a", "b=c"}, {"empty", ""}, {"real", 1.5}, {"list", "[1]"}, {"null", "null"}}),
+        options);
+    EXPECT_FALSE(read_option("=x", options));
+    EXPECT_FALSE(read_option("x", options));
+    Job_Wishes wishes;
+    wishes.options = {"x"};
+    EXPECT_EQ("'x' is no option: KEY=VALUE is wanted", backup_error(wishes));
+}
+
+TEST(Definition, a_restore_to_where_the_backup_came_from) {
+    Object definition;
+    std::string error;
+    ASSERT_TRUE(make_restore_definition(BACKUP, nullptr, {}, definition, error)) << error;
+    EXPECT_EQ((Object{{"type", "restore"},
+                      {"subtype", "instance"},
+                      {"agent", "gaussdb"},
+                      {"name", "restore of prod"},
+                      {"target", Object{{"id", "u-1"}}},
+                      {"source", Object{{"id", "u-1"},
+                                        {"name", "prod"},
+                                        {"catalog_id", "b-1"},
+                                        {"backup_key", "20261121_100000"},
+                                        {"original", "gaussdb/prod"},
+                                        {"restore_as", "gaussdb/prod"},
+                                        {"entries", Array{"gaussdb/prod"}}}},
+                      {"options", Object{}}}),
+              definition);
+}
+
+TEST(Definition, a_restore_to_another_instance_locks_that_one) {
+    Object const other{{"name", "rehearsal"}, {"uuid", "u-2"}};
+    Object definition;
+    std::string error;
+    ASSERT_TRUE(make_restore_definition(BACKUP, &other, {}, definition, error)) << error;
+    EXPECT_EQ(Value(Object{{"id", "u-2"}}), definition.at("target"));
+    EXPECT_EQ("gaussdb/rehearsal", definition.at("source").get_obj().at("restore_as").get_str());
+    EXPECT_EQ("u-1", definition.at("source").get_obj().at("id").get_str());
+    EXPECT_EQ("restore of prod as rehearsal", definition.at("name").get_str());
+}
+
+TEST(Definition, a_backup_that_cannot_be_restored_says_what_is_missing) {
+    for (char const* key : {"uuid", "instance", "resource_uuid", "backup_key"}) {
+        Object incomplete = BACKUP;
+        incomplete[key] = "";
+        Object definition;
+        std::string error;
+        EXPECT_FALSE(make_restore_definition(incomplete, nullptr, {}, definition, error));
+        EXPECT_EQ(std::string("the catalog has no ") + key + " of this backup", error);
+    }
+    Object const nameless{{"uuid", "u-2"}};
+    Object definition;
+    std::string error;
+    EXPECT_FALSE(make_restore_definition(BACKUP, &nameless, {}, definition, error));
+    EXPECT_TRUE(definition.empty());
+}
+
+} // namespace
