@@ -1,0 +1,101 @@
+#include "agent/database/agent_database.h"
+#include "agent/jobs/member_reader.h"
+#include "agent/module/agent_module.h"
+#include "agent/service/agent_config.h"
+#include "agent/service/agent_identity.h"
+#include "agent/service/agent_methods.h"
+#include "agent/service/pool_status.h"
+#include "agent/service/readiness_check.h"
+#include "agent/storage/sqlite_pools.h"
+#include "host/agent/host_manager.h"
+#include "host/agent/host_services.h"
+#include "host/agent/instance_backend.h"
+#include "host/catalog/catalog_operator.h"
+#include "json_spirit/access.h"
+
+#include <ctime>
+#include <unistd.h>
+
+using json_spirit::Array;
+using json_spirit::Object;
+using json_spirit::Value;
+
+namespace {
+
+Array array_of(std::vector<std::string> const& texts) {
+    return Array(texts.begin(), texts.end());
+}
+
+/** Bytes of an instance's last full backup; 0 when there was none. */
+uint64_t last_full_size(std::string const& instance) {
+    Value row;
+    uint64_t size = 0;
+    if (Catalog_Operator(-1, 0).get_first_view("gaussdb", "catalogs",
+                                               {{"instance", instance},
+                                                {"type", "full"},
+                                                {"sort", "backup_start_time"},
+                                                {"order", "desc"},
+                                                {"limit", 1}},
+                                               row) &&
+        row.type() == json_spirit::obj_type)
+        json_spirit::object_get(row.get_obj(), "backup_set_size", size);
+    return size;
+}
+
+bool check_pools(Readiness_Check& check, SQLite_Pools& pools, Pool_Status& status,
+                 std::string const& pool, uint64_t needed, Method_Fault& fault) {
+    std::vector<Pool_Record> records;
+    if (pool.empty()) {
+        if (!answer(pools.list(records), fault))
+            return false;
+        if (records.empty())
+            check.no_pool();
+    } else if (!answer(pools.find_record(pool, records.emplace_back()), fault)) {
+        return false;
+    }
+    for (Pool_Record const& record : records)
+        check.pool(status.for_check(record), needed);
+    return true;
+}
+
+} // namespace
+
+void add_agent_methods(Method_Table& methods, Agent_Config const& config,
+                       Agent_Identity const& identity, Agent_Database& database,
+                       Agent_Module const& module, SQLite_Pools& pools, Pool_Status& status) {
+    time_t const started = time(nullptr);
+    methods.add("agent.info", [&, started](Method_Call const&, Value& result, Method_Fault&) {
+        result =
+            Object{{"name", Host_Manager::instance()->name()},
+                   {"uuid", identity.host_uuid},
+                   {"uid", identity.uid},
+                   {"version", ZENBRAK3_VERSION},
+                   {"component", Host_Manager::instance()->on_backupd() ? "backupd" : "agent"},
+                   {"pid", getpid()},
+                   {"started", started},
+                   {"data_dir", config.data_dir},
+                   {"backupd", config.role == "member" ? config.backupd_url : ""},
+                   {"module", Object{{"path", module.path()}, {"pairs", array_of(module.pairs())}}},
+                   {"methods", array_of(methods.names())}};
+        return true;
+    });
+    methods.add("agent.check", [&](Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::string error, instance, pool, uid = identity.uid;
+        Member_Reader reader(call.params.get_obj(), "", error);
+        reader.text("instance", instance);
+        reader.text("pool", pool);
+        reader.text("uid", uid);
+        if (!reader.finish())
+            return invalid_params(error, fault);
+        Readiness_Check check;
+        check.module(module.path(), module.pairs());
+        check.database(database.check());
+        if (!instance.empty())
+            check.instance(instance, uid);
+        uint64_t const needed = instance.empty() ? 0 : last_full_size(instance);
+        if (!check_pools(check, pools, status, pool, needed, fault))
+            return false;
+        result = check.dump();
+        return true;
+    });
+}

@@ -1,0 +1,79 @@
+#ifndef AGENT_SERVICE_AGENT_METHODS_H
+#define AGENT_SERVICE_AGENT_METHODS_H
+
+#include "agent/jobs/job_answer.h"
+#include "agent/rpc/method_table.h"
+
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <utility>
+
+class Agent_Database;
+class Agent_Jobs;
+class Agent_Module;
+class Instance_Probe;
+class Job_Manager;
+class Pool_Status;
+class SQLite_Catalog;
+class SQLite_Pools;
+class Scheduler;
+class Storage_Result;
+struct Agent_Config;
+struct Agent_Identity;
+
+/**
+ * The agent's own methods, which docs/rpc.md describes for those who call them. Each function adds
+ * the methods of one group to the table. What they borrow lives longer than the table serves.
+ */
+
+/** agent.info, agent.check */
+void add_agent_methods(Method_Table& methods, Agent_Config const& config,
+                       Agent_Identity const& identity, Agent_Database& database,
+                       Agent_Module const& module, SQLite_Pools& pools, Pool_Status& status);
+/** instance.*, account.save */
+void add_instance_methods(Method_Table& methods, Agent_Identity const& identity,
+                          Instance_Probe& probe);
+/** pool.* */
+void add_pool_methods(Method_Table& methods, Pool_Status& status, SQLite_Pools& pools);
+/** definition.*, job.* */
+void add_job_methods(Method_Table& methods, Job_Manager& manager, Agent_Jobs& runs,
+                     Scheduler& scheduler);
+/** backup.*, catalog.* */
+void add_backup_methods(Method_Table& methods, SQLite_Catalog& catalog, SQLite_Pools& pools);
+
+/** Lets the backup server answer those methods of a member that are about catalog and pools. */
+void forward_catalog_methods(Method_Table& methods);
+
+// how methods are served
+
+/** Serves member functions of one object, which lives as long as the table serves them. */
+template <typename Object>
+void add_member_methods(
+    Method_Table& methods, std::shared_ptr<Object> const& object,
+    std::initializer_list<std::pair<
+        char const*, bool (Object::*)(Method_Call const&, json_spirit::Value&, Method_Fault&)>>
+        members) {
+    for (auto const& [name, member] : members)
+        methods.add(name,
+                    [object, member = member](Method_Call const& call, json_spirit::Value& result,
+                                              Method_Fault& fault) {
+                        return (*object.*member)(call, result, fault);
+                    });
+}
+
+/** Reads params of one text, which must be there. @return false, with the fault, for all else */
+bool only_text(Method_Call const& call, char const* key, std::string& text, Method_Fault& fault);
+
+/** Answers that a parameter is missing, of a wrong kind or not known. @return false */
+bool invalid_params(std::string const& why, Method_Fault& fault);
+/** Answers that something is not there; the data names it. @return false */
+bool not_found(std::string const& what, Method_Fault& fault);
+/** Answers that something cannot be now; the message says why and what to do. @return false */
+bool refused(std::string const& why, Method_Fault& fault);
+/** Answers what became of a request about jobs. @return true for one that was done */
+bool answer(Job_Answer const& answer, Method_Fault& fault);
+/** The same of one about pools. */
+bool answer(Storage_Result const& result, Method_Fault& fault);
+
+#endif

@@ -1,0 +1,355 @@
+#include "agent/service/agent_service.h"
+
+#include "agent/catalog/catalog_tables.h"
+#include "agent/catalog/remote_catalog.h"
+#include "agent/jobs/job_tables.h"
+#include "agent/jobs/member_reader.h"
+#include "agent/rpc/tls.h"
+#include "agent/service/access_key_file.h"
+#include "agent/service/agent_methods.h"
+#include "agent/service/rpc_route.h"
+#include "agent/storage/pool_path.h"
+#include "agent/storage/pool_sweep.h"
+#include "agent/storage/remote_pools.h"
+#include "host/agent/host_manager.h"
+#include "host/agent/host_services.h"
+#include "host/agent/instance_manager.h"
+#include "host/storage/file_storage_backend.h"
+#include "qmrt/log.h"
+#include "qmrt/path.h"
+
+#include <ace/Thread_Manager.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <limits>
+
+namespace {
+
+constexpr char AGENT[] = "gaussdb";
+
+std::vector<std::string> migrations() {
+    return {std::string(IDENTITY_TABLES) + CATALOG_TABLES + INSTANCE_TABLES + POOL_TABLES +
+            JOB_TABLES + GROUP_TABLES};
+}
+
+/** The module that was installed with this program. */
+std::string installed_module() {
+    char program[PATH_MAX];
+    ssize_t const size = readlink("/proc/self/exe", program, sizeof program);
+    if (size <= 0)
+        return ZENBRAK3_MODULE_PATH;
+    return dirname_string(std::string(program, static_cast<size_t>(size))) + "/" +
+           ZENBRAK3_MODULE_PATH;
+}
+
+std::string or_else(std::string const& text, std::string const& fallback) {
+    return text.empty() ? fallback : text;
+}
+
+/** Makes the directory that a socket is to be in; one that is there stays as it is. */
+bool make_parent(std::string const& path, std::string& error) {
+    std::string const directory = dirname_string(path);
+    if (mkdir_p(directory.c_str(), 0755) == 0 || errno == EEXIST)
+        return true;
+    error = "Cannot make the directory " + directory + ": " + strerror(errno);
+    return false;
+}
+
+bool is_there(std::string const& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+} // namespace
+
+Agent_Service::Agent_Service(Agent_Config const& config) : config_(config) {}
+
+Agent_Service::~Agent_Service() {
+    stop();
+}
+
+std::unique_ptr<Agent_Service> Agent_Service::start(Agent_Config const& config,
+                                                    std::string& error) {
+    std::unique_ptr<Agent_Service> service(new Agent_Service(config));
+    if (service->open_data(error) && service->load_keys(error) &&
+        service->install_back_ends(error) && service->load_module(error) &&
+        service->recover(error) && service->serve(error))
+        return service;
+    return nullptr;
+}
+
+bool Agent_Service::open_data(std::string& error) {
+    directory_ = Data_Directory::take(config_.data_dir, error);
+    if (!directory_)
+        return false;
+    database_ = Agent_Database::open(directory_->file("agent.db"), migrations(), error);
+    if (!database_)
+        return false;
+    if (!identity_.load(*database_)) {
+        error = "The agent's database " + database_->path() + " cannot be written";
+        return false;
+    }
+    Host_Manager* const host = Host_Manager::instance();
+    host->uuid(identity_.host_uuid);
+    if (!config_.name.empty())
+        host->name(config_.name);
+    host->component(config_.role == "backupd" ? Host_Manager::CPN_BACKUPD
+                                              : Host_Manager::CPN_AGENT);
+    return true;
+}
+
+bool Agent_Service::load_keys(std::string& error) {
+    if (!load_access_key(or_else(config_.access_key_file, directory_->file("access.key")),
+                         config_.access_key_file.empty(), access_key_, error))
+        return false;
+    secure_string upstream = access_key_;
+    if (is_member() && !load_access_key(config_.backupd_key_file, false, upstream, error))
+        return false;
+    Host_Manager::instance()->access_key(upstream);
+    Host_Manager::instance()->node_access_key(access_key_);
+    if (!config_.remote || !config_.certificate.empty())
+        return true;
+    std::string const folder = directory_->file("tls");
+    if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+        error = "Cannot make " + folder + ": " + strerror(errno);
+        return false;
+    }
+    config_.certificate = folder + "/agent.crt";
+    config_.private_key = folder + "/agent.key";
+    return (is_there(config_.certificate) && is_there(config_.private_key)) ||
+           make_self_signed(config_.certificate, config_.private_key,
+                            Host_Manager::instance()->name(), error);
+}
+
+bool Agent_Service::install_back_ends(std::string& error) {
+    std::optional<Account_Key> key = Account_Key::load(directory_->file("account.key"), error);
+    if (!key)
+        return false;
+    journal_ = Write_Journal::open(directory_->file("pool_writes.journal"), error);
+    if (!journal_)
+        return false;
+    catalog_ = std::make_shared<SQLite_Catalog>(*database_);
+    instances_ = std::make_shared<SQLite_Instances>(*database_, std::move(*key), is_member());
+    pools_ = std::make_shared<SQLite_Pools>(
+        *database_, [this](std::string const& pool, std::vector<Resource_Usage>& usage) {
+            return catalog_->pool_usage(pool, usage);
+        });
+    storage_ = std::make_shared<Agent_Storage_Backend>(std::make_shared<File_Storage_Backend>(),
+                                                       *pools_, *journal_);
+    pool_status_ = std::make_unique<Pool_Status>(*storage_, *catalog_);
+    group_instances_ = std::make_unique<Group_Instances>(*database_, identity_);
+    Host_Services& services = Host_Services::instance();
+    services.instances(instances_);
+    services.storage("file", storage_);
+    if (is_member()) {
+        services.catalog(std::make_shared<Remote_Catalog>());
+        services.pools(std::make_shared<Remote_Pools>());
+    } else {
+        services.catalog(catalog_);
+        services.pools(pools_);
+    }
+    return true;
+}
+
+bool Agent_Service::load_module(std::string& error) {
+    module_ = Agent_Module::load(or_else(config_.module, installed_module()), error);
+    if (!module_)
+        return false;
+    if (module_->instance_handler())
+        Instance_Manager::instance()->add_handler(module_->instance_handler());
+    probe_ = std::make_unique<Instance_Probe>(module_->instance_handler());
+    make_jobs();
+    return true;
+}
+
+void Agent_Service::make_jobs() {
+    Job_Module module{AGENT,
+                      module_->job_creator(),
+                      module_->backup_options(),
+                      module_->restore_options(),
+                      module_->backup_source(),
+                      module_->restore_source()};
+    Definition_Defaults defaults{
+        AGENT, identity_.uid, identity_.host_uuid,
+        [this](std::string const& pool, std::string& uuid, std::string& error) {
+            return find_pool(pool, uuid, error);
+        }};
+    definitions_ = std::make_unique<Definition_Store>(*database_);
+    runs_ = std::make_shared<Agent_Jobs>(
+        *database_, Agent_Jobs::Settings{.log_directory = directory_->file("logs"),
+                                         .keep_runs = static_cast<size_t>(config_.kept_runs)});
+    // what a run has finished need not be looked for after a death
+    runs_->on_finished([this] { journal_->settle(ask_catalog(*pools_, *catalog_)); });
+    Host_Services::instance().jobs(runs_);
+    jobs_ = std::make_unique<Job_Manager>(
+        *definitions_, *runs_,
+        Job_Manager::Settings{{module}, std::move(defaults), directory_->file("activity")});
+    scheduler_ = std::make_unique<Scheduler>(*jobs_, *definitions_, *runs_);
+}
+
+bool Agent_Service::recover(std::string& error) {
+    if (!runs_->recover()) {
+        error = "The runs of the agent that died cannot be put in order; the log says why";
+        return false;
+    }
+    if (!drop_open_sets(identity_.host_uuid, std::numeric_limits<time_t>::max())) {
+        error = "The backup sets of the agent that died cannot be put in order; the log says why";
+        return false;
+    }
+    Sweep_Result const swept = sweep_pool_writes(*journal_, ask_catalog(*pools_, *catalog_));
+    if (swept.removed + swept.unfinished > 0)
+        QMRT_LOG(LM_INFO, "Removed %Q objects and %Q unfinished files that no backup set has\n",
+                 static_cast<ACE_UINT64>(swept.removed), static_cast<ACE_UINT64>(swept.unfinished));
+    return true;
+}
+
+bool Agent_Service::find_pool(std::string const& pool, std::string& uuid,
+                              std::string& error) const {
+    Pool_Info info;
+    Storage_Result found;
+    if (is_member()) {
+        found = Remote_Pools().find(pool, info);
+    } else {
+        Pool_Record record;
+        found = pools_->find_record(pool, record);
+        info.uuid = record.uuid;
+    }
+    uuid = info.uuid;
+    error = found.text();
+    return static_cast<bool>(found);
+}
+
+bool Agent_Service::drop_open_sets(std::string const& host_uuid, time_t before) {
+    std::vector<Dropped_Set> dropped;
+    if (!catalog_->abort_open_sets(host_uuid, before, dropped))
+        return false;
+    for (Dropped_Set const& set : dropped) {
+        QMRT_LOG(LM_WARNING, "Dropped the backup set %s, whose run did not end\n",
+                 set.uuid.c_str());
+        for (std::string const& pool : set.pool_uuids)
+            remove_pieces(pool, set.piece_paths);
+    }
+    return true;
+}
+
+void Agent_Service::remove_pieces(std::string const& pool_uuid,
+                                  std::vector<std::string> const& paths) {
+    Pool_Record record;
+    std::shared_ptr<Storage_Connection> connection;
+    if (!pools_->find_record(pool_uuid, record))
+        return;
+    Storage_Result result = storage_->connect(url_of_pool_path(record.path), {}, connection);
+    for (std::string const& path : paths) {
+        if (result)
+            result = connection->remove(path);
+        if (result.code() == Storage_Result::NOT_FOUND)
+            result = {};
+        if (!result)
+            QMRT_LOG(LM_WARNING, "%s of a dropped set stays in the pool %s: %s\n", path.c_str(),
+                     record.name.c_str(), result.text().c_str());
+    }
+}
+
+bool Agent_Service::serve(std::string& error) {
+    add_methods();
+    group_ = std::make_unique<Agent_Group>(config_, identity_, methods_, routes_, *instances_);
+    if (!group_->prepare(error))
+        return false;
+    Rpc_Server_Options options;
+    options.socket_path = config_.socket;
+    options.network = config_.remote;
+    options.address = config_.address;
+    options.port = static_cast<unsigned short>(config_.port);
+    options.certificate = config_.certificate;
+    options.private_key = config_.private_key;
+    options.access_key = access_key_;
+    options.limits.message_bytes = static_cast<size_t>(config_.message_size);
+    options.limits.connections = static_cast<size_t>(config_.connections);
+    options.limits.message = std::chrono::seconds(config_.message_timeout);
+    server_ = std::make_unique<Rpc_Server>(methods_, routes_, options);
+    if (!make_parent(config_.socket, error) || !server_->start(error))
+        return false;
+    if (!group_->join(server_->port(), error))
+        return false;
+    probe_->start(config_.probe_interval);
+    scheduler_->start();
+    return true;
+}
+
+void Agent_Service::add_methods() {
+    add_agent_methods(methods_, config_, identity_, *database_, *module_, *pools_, *pool_status_);
+    add_instance_methods(methods_, identity_, *probe_);
+    add_job_methods(methods_, *jobs_, *runs_, *scheduler_);
+    if (is_member())
+        forward_catalog_methods(methods_);
+    else
+        add_catalog_methods();
+    for (auto const& [name, handler] : module_->methods())
+        methods_.bind(name, handler);
+    add_rpc_route(routes_, methods_);
+}
+
+void Agent_Service::add_catalog_methods() {
+    add_pool_methods(methods_, *pool_status_, *pools_);
+    add_backup_methods(methods_, *catalog_, *pools_);
+    add_group_methods(methods_, *group_instances_, *catalog_, identity_);
+    methods_.add("catalog.abort_open",
+                 [this](Method_Call const& call, json_spirit::Value& result, Method_Fault& fault) {
+                     std::string error, host_uuid;
+                     int64_t before = 0;
+                     Member_Reader reader(call.params.get_obj(), "", error);
+                     reader.required_text("host_uuid", host_uuid);
+                     if (!reader.number("before", 0, INT64_MAX, before))
+                         reader.blame("before", "is missing");
+                     if (!reader.finish())
+                         return invalid_params(error, fault);
+                     result = json_spirit::Object();
+                     return drop_open_sets(host_uuid, before);
+                 });
+    add_instance_hosts_route(routes_, [this](std::string const& instance_uuid) {
+        return group_instances_->hosts_of(instance_uuid);
+    });
+}
+
+void Agent_Service::reload(Agent_Config const& config) {
+    config_.stop_timeout = config.stop_timeout;
+    probe_->interval(config.probe_interval);
+}
+
+bool Agent_Service::stop() {
+    if (stopped_)
+        return true;
+    stopped_ = true;
+    bool all_ended = true;
+    // nobody asks for anything new; then what runs ends; then what it worked with goes
+    if (scheduler_)
+        scheduler_->stop();
+    if (jobs_)
+        all_ended = jobs_->shutdown(config_.stop_timeout).empty();
+    if (probe_)
+        probe_->stop();
+    if (group_)
+        group_->stop();
+    if (server_)
+        server_->stop();
+    methods_.stop();
+    if (catalog_)
+        drop_open_sets(identity_.host_uuid, std::numeric_limits<time_t>::max());
+    if (!all_ended)
+        return false;
+    // the last lines of a job's code are the module's
+    ACE_Thread_Manager::instance()->wait();
+    if (module_ && module_->instance_handler())
+        Instance_Manager::instance()->remove_handler(AGENT);
+    Host_Services& services = Host_Services::instance();
+    services.upstream(nullptr);
+    services.jobs(nullptr);
+    services.storage("file", nullptr);
+    services.pools(nullptr);
+    services.instances(nullptr);
+    services.catalog(nullptr);
+    return true;
+}

@@ -1,0 +1,137 @@
+#include "agent/service/agent_methods.h"
+
+#include "agent/catalog/catalog_calls.h"
+#include "agent/catalog/sqlite_catalog.h"
+#include "agent/jobs/member_reader.h"
+#include "agent/storage/sqlite_pools.h"
+#include "json_spirit/access.h"
+
+using json_spirit::Array;
+using json_spirit::Object;
+using json_spirit::Value;
+
+namespace {
+
+/** The kind under which the databases' backup sets are kept. */
+constexpr char KIND[] = "gaussdb";
+constexpr Catalog_Limits LIMITS = {-1, 0};
+constexpr int64_t USUAL_LIMIT = 1000;
+
+bool catalog_failed(Method_Fault& fault) {
+    fault = {
+        JSON_RPC_INTERNAL_ERROR, "the catalog could not be read; the agent's log says why", {}};
+    return false;
+}
+
+class Backup_Methods {
+public:
+    Backup_Methods(SQLite_Catalog& catalog, SQLite_Pools& pools)
+        : catalog_(catalog), pools_(pools) {}
+
+    bool list(Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::string error, instance, resource, pool, type;
+        int64_t limit = USUAL_LIMIT;
+        Member_Reader reader(call.params.get_obj(), "", error);
+        reader.text("instance", instance);
+        reader.text("resource_uuid", resource);
+        reader.text("pool", pool);
+        reader.text("type", type);
+        reader.number("limit", 0, INT32_MAX, limit);
+        if (!reader.finish())
+            return invalid_params(error, fault);
+        Object query{{"sort", "backup_start_time"},
+                     {"order", "desc"},
+                     {"limit", limit},
+                     {"with_storages", "1"}};
+        if (!pool.empty()) {
+            Pool_Record record;
+            if (Storage_Result const found = pools_.find_record(pool, record); !found)
+                return answer(found, fault);
+            query["pool_uuid"] = record.uuid;
+        }
+        for (auto const& [key, value] :
+             {std::pair{"instance", &instance}, {"resource_uuid", &resource}, {"type", &type}})
+            if (!value->empty())
+                query[key] = *value;
+        Value rows;
+        if (!catalog_.get_view(LIMITS, KIND, "catalogs", query, rows))
+            return catalog_failed(fault);
+        result = Object{{"backups", std::move(rows)}};
+        return true;
+    }
+
+    bool show(Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::string beginning;
+        if (!only_text(call, "backup", beginning, fault))
+            return false;
+        std::vector<std::string> uuids;
+        if (!catalog_.find_uuids(beginning, 2, uuids))
+            return catalog_failed(fault);
+        if (uuids.empty())
+            return not_found("backup " + beginning, fault);
+        if (uuids.size() > 1 && uuids.front() != beginning)
+            return refused("more than one backup begins with " + beginning + "; give more of it",
+                           fault);
+        Value rows;
+        if (!catalog_.get_view(
+                LIMITS, KIND, "catalogs",
+                {{"uuid", uuids.front()}, {"with_storages", "1"}, {"with_pieces", "1"}}, rows))
+            return catalog_failed(fault);
+        if (rows.get_array().empty())
+            return not_found("backup " + beginning, fault);
+        Object row = rows.get_array().front().get_obj();
+        if (!add_depends(row))
+            return catalog_failed(fault);
+        result = std::move(row);
+        return true;
+    }
+
+private:
+    /** The other sets that a restore of this one reads. */
+    bool add_depends(Object& row) {
+        std::string const key = json_spirit::object_get_str(row, "backup_key");
+        Array depends;
+        if (!key.empty()) {
+            Value rows;
+            if (!catalog_.get_view(
+                    LIMITS, KIND, "restore",
+                    {{"resource_uuid", json_spirit::object_get_str(row, "resource_uuid")},
+                     {"backup_key", key}},
+                    rows))
+                return false;
+            std::string const own = json_spirit::object_get_str(row, "uuid");
+            for (Object const& other : json_spirit::objects_of(rows.get_array()))
+                if (std::string const uuid = json_spirit::object_get_str(other, "uuid");
+                    uuid != own)
+                    depends.emplace_back(uuid);
+        }
+        row["depends"] = std::move(depends);
+        return true;
+    }
+
+    SQLite_Catalog& catalog_;
+    SQLite_Pools& pools_;
+};
+
+/** One operation of the catalog, for who is not in this process. */
+Agent_Method catalog_method(SQLite_Catalog& catalog, std::string const& operation) {
+    return [&catalog, operation](Method_Call const& call, Value& result, Method_Fault& fault) {
+        if (serve_catalog_call(catalog, operation, call.params.get_obj(), result, fault.message))
+            return true;
+        fault.code = fault.message.starts_with("Invalid params") ? JSON_RPC_INVALID_PARAMS
+                                                                 : JSON_RPC_INTERNAL_ERROR;
+        return false;
+    };
+}
+
+} // namespace
+
+void add_backup_methods(Method_Table& methods, SQLite_Catalog& catalog, SQLite_Pools& pools) {
+    auto const backups = std::make_shared<Backup_Methods>(catalog, pools);
+    add_member_methods<Backup_Methods>(
+        methods, backups,
+        {{"backup.list", &Backup_Methods::list}, {"backup.show", &Backup_Methods::show}});
+    for (char const* operation :
+         {"initialize", "complete", "commit", "abort", "add_piece", "get_view"})
+        methods.add(std::string("catalog.") + operation, catalog_method(catalog, operation));
+}

@@ -1,0 +1,169 @@
+#include "agent/service/agent_methods.h"
+
+#include "agent/jobs/member_reader.h"
+#include "agent/service/agent_identity.h"
+#include "agent/service/instance_probe.h"
+#include "host/agent/host_services.h"
+#include "host/agent/instance_backend.h"
+#include "host/agent/instance_handler.h"
+#include "host/agent/instance_manager.h"
+#include "json_spirit/access.h"
+
+#include <algorithm>
+
+using json_spirit::Array;
+using json_spirit::Object;
+using json_spirit::Value;
+
+namespace {
+
+constexpr char TYPE[] = "gaussdb";
+
+class Instance_Methods {
+public:
+    Instance_Methods(Agent_Identity const& identity, Instance_Probe& probe)
+        : identity_(identity), probe_(probe) {}
+
+    bool list(Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::string error;
+        bool refresh = false;
+        Member_Reader reader(call.params.get_obj(), "", error);
+        reader.flag("refresh", refresh);
+        if (!reader.finish())
+            return invalid_params(error, fault);
+        if (refresh)
+            probe_.probe();
+        Array instances;
+        for (std::shared_ptr<Instance> const& instance : record()->list(TYPE))
+            instances.emplace_back(describe(*instance, refresh));
+        result = Object{{"instances", std::move(instances)}};
+        return true;
+    }
+
+    bool show(Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::shared_ptr<Instance> const instance = named(call, fault);
+        if (!instance)
+            return false;
+        Object described = describe(*instance, true);
+        Array accounts;
+        for (auto const& [uid, account] : instance->logon_options)
+            accounts.emplace_back(
+                Object{{"uid", uid},
+                       {"username", account.type() == json_spirit::obj_type
+                                        ? json_spirit::object_get_str(account.get_obj(), "username")
+                                        : ""}});
+        described["accounts"] = std::move(accounts);
+        result = std::move(described);
+        return true;
+    }
+
+    bool save(Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::string error, type = TYPE;
+        auto const instance = std::make_shared<Instance>();
+        Object const* options = nullptr;
+        Member_Reader reader(call.params.get_obj(), "", error);
+        reader.required_text("name", instance->name);
+        reader.text("type", type);
+        reader.object("options", options);
+        if (type != TYPE)
+            reader.blame("type", "only \"gaussdb\" is known");
+        if (!reader.finish())
+            return invalid_params(error, fault);
+        std::shared_ptr<Instance> const before = record()->find(TYPE, instance->name);
+        instance->type = type;
+        instance->uuid = before ? before->uuid : Instance_Probe::uuid_of(type, instance->name);
+        if (options)
+            instance->options = *options;
+        if (!add_instance(instance))
+            return failed(fault);
+        result = Object{{"uuid", instance->uuid}};
+        return true;
+    }
+
+    bool remove(Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::shared_ptr<Instance> const instance = named(call, fault);
+        if (!instance)
+            return false;
+        if (!remove_instance(instance))
+            return failed(fault);
+        result = Object();
+        return true;
+    }
+
+    bool save_account(Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::string error, name, uid = identity_.uid, username, password;
+        Member_Reader reader(call.params.get_obj(), "", error);
+        reader.required_text("instance", name);
+        reader.text("uid", uid);
+        reader.required_text("username", username);
+        reader.required_text("password", password);
+        if (!reader.finish())
+            return invalid_params(error, fault);
+        std::shared_ptr<Instance> const instance = record()->find(TYPE, name);
+        if (!instance)
+            return not_found("instance " + name, fault);
+        auto const handler = Instance_Manager::instance()->get_handler(TYPE);
+        if (handler &&
+            handler->logon(name.c_str(), username.c_str(), password.c_str(), nullptr) != 0)
+            return refused("the instance " + name + " does not take the account " + username +
+                               "; look at user and password, and whether the database runs",
+                           fault);
+        if (!Instance_Manager::instance()->save_account(
+                TYPE, name.c_str(), uid.c_str(), {{"username", username}, {"password", password}}))
+            return failed(fault);
+        if (handler)
+            Instance_Manager::instance()->update_instance_options(instance, handler.get());
+        std::fill(password.begin(), password.end(), '\0');
+        result = Object();
+        return true;
+    }
+
+private:
+    static std::shared_ptr<Instance_Backend> record() {
+        return Host_Services::instance().instances();
+    }
+    static bool failed(Method_Fault& fault) {
+        fault.message = "the record of instances could not be changed; the agent's log says why";
+        return false;
+    }
+    /** The instance that the one parameter names; null with a fault. */
+    static std::shared_ptr<Instance> named(Method_Call const& call, Method_Fault& fault) {
+        std::string name;
+        if (!only_text(call, "instance", name, fault))
+            return nullptr;
+        std::shared_ptr<Instance> instance = record()->find(TYPE, name);
+        if (!instance)
+            not_found("instance " + name, fault);
+        return instance;
+    }
+    static Object describe(Instance const& instance, bool with_state) {
+        std::string state, edition;
+        instance.get_option("edition", edition);
+        Value version;
+        instance.get_option("version", version);
+        if (with_state)
+            if (auto const handler = Instance_Manager::instance()->get_handler(TYPE))
+                handler->get_state(instance.name.c_str(), state);
+        Object options = instance.options;
+        options.erase("password"); // kept encrypted, and nobody's business
+        return {{"name", instance.name}, {"type", instance.type}, {"uuid", instance.uuid},
+                {"state", state},        {"version", version},    {"edition", edition},
+                {"options", options}};
+    }
+
+    Agent_Identity const& identity_;
+    Instance_Probe& probe_;
+};
+
+} // namespace
+
+void add_instance_methods(Method_Table& methods, Agent_Identity const& identity,
+                          Instance_Probe& probe) {
+    auto const instances = std::make_shared<Instance_Methods>(identity, probe);
+    add_member_methods<Instance_Methods>(methods, instances,
+                                         {{"instance.list", &Instance_Methods::list},
+                                          {"instance.show", &Instance_Methods::show},
+                                          {"instance.save", &Instance_Methods::save},
+                                          {"instance.remove", &Instance_Methods::remove},
+                                          {"account.save", &Instance_Methods::save_account}});
+}

@@ -1,0 +1,45 @@
+#ifndef AGENT_SERVICE_MEMBER_DUTIES_H
+#define AGENT_SERVICE_MEMBER_DUTIES_H
+
+#include "qmrt/thread_helper.h"
+
+#include <atomic>
+#include <ctime>
+#include <memory>
+#include <string>
+
+class Group_Link;
+class SQLite_Instances;
+
+/**
+ * What a member of a group does whenever its connection to the backup server comes to be: the first
+ * time it has the sets dropped that a killed predecessor left open, and each time it tells which
+ * instances it has, since the server may not have heard of all.
+ */
+class Member_Duties {
+public:
+    /** All live longer. */
+    Member_Duties(Group_Link& link, SQLite_Instances& instances, std::string host_uuid);
+    /** Calls stop(). */
+    ~Member_Duties();
+    Member_Duties(Member_Duties const&) = delete;
+    Member_Duties& operator=(Member_Duties const&) = delete;
+
+    void start();
+    void stop();
+
+private:
+    void run();
+    bool drop_open_sets();
+    void announce_instances();
+
+    Group_Link& link_;
+    SQLite_Instances& instances_;
+    std::string const host_uuid_;
+    time_t const started_;
+    bool dropped_ = false;
+    std::atomic<bool> ended_ = false;
+    Thread_Helper thread_;
+};
+
+#endif

@@ -1,0 +1,108 @@
+#include "agent/jobs/member_reader.h"
+#include "agent/service/agent_methods.h"
+#include "agent/service/pool_status.h"
+#include "agent/storage/sqlite_pools.h"
+
+using json_spirit::Array;
+using json_spirit::Object;
+using json_spirit::Value;
+
+namespace {
+
+class Pool_Methods {
+public:
+    Pool_Methods(Pool_Status& status, SQLite_Pools& pools) : status_(status), pools_(pools) {}
+
+    bool list(Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::string error;
+        if (!Member_Reader(call.params.get_obj(), "", error).finish())
+            return invalid_params(error, fault);
+        std::vector<Pool_Record> records;
+        if (!answer(pools_.list(records), fault))
+            return false;
+        Array array;
+        for (Pool_Record const& record : records)
+            array.emplace_back(status_.describe(record));
+        result = Object{{"pools", std::move(array)}};
+        return true;
+    }
+    bool create(Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::string error;
+        Pool_Settings settings;
+        Pool_Record record;
+        Member_Reader reader(call.params.get_obj(), "", error);
+        std::string required;
+        reader.required_text("name", required);
+        reader.required_text("url", required);
+        if (!read_settings(reader, settings))
+            return invalid_params(error, fault);
+        if (!answer(pools_.create(settings, record), fault))
+            return false;
+        result = status_.describe(record);
+        return true;
+    }
+    bool update(Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::string error, pool;
+        Pool_Settings settings;
+        Pool_Record record;
+        Member_Reader reader(call.params.get_obj(), "", error);
+        reader.required_text("pool", pool);
+        if (!read_settings(reader, settings))
+            return invalid_params(error, fault);
+        if (!answer(pools_.update(pool, settings, record), fault))
+            return false;
+        result = status_.describe(record);
+        return true;
+    }
+    bool remove(Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::string pool;
+        if (!only_text(call, "pool", pool, fault) || !answer(pools_.remove(pool), fault))
+            return false;
+        result = Object();
+        return true;
+    }
+    bool find(Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::string uuid;
+        Pool_Record record;
+        if (!only_text(call, "uuid", uuid, fault) ||
+            !answer(pools_.find_record(uuid, record), fault))
+            return false;
+        result = Pool_Status::for_data_path(record);
+        return true;
+    }
+
+private:
+    static bool read_settings(Member_Reader& reader, Pool_Settings& settings) {
+        std::string text;
+        int64_t number = 0;
+        bool flag = false;
+        if (reader.text("name", text))
+            settings.name = text;
+        if (reader.text("url", text))
+            settings.url = text;
+        if (reader.text("compression", text))
+            settings.compression = text;
+        if (reader.number("compression_level", INT32_MIN, INT32_MAX, number))
+            settings.compression_level = number;
+        if (reader.number("limit", 0, INT64_MAX, number))
+            settings.limit = number;
+        if (reader.flag("read_only", flag))
+            settings.read_only = flag;
+        return reader.finish();
+    }
+
+    Pool_Status& status_;
+    SQLite_Pools& pools_;
+};
+
+} // namespace
+
+void add_pool_methods(Method_Table& methods, Pool_Status& status, SQLite_Pools& pools) {
+    auto const served = std::make_shared<Pool_Methods>(status, pools);
+    add_member_methods<Pool_Methods>(methods, served,
+                                     {{"pool.list", &Pool_Methods::list},
+                                      {"pool.create", &Pool_Methods::create},
+                                      {"pool.update", &Pool_Methods::update},
+                                      {"pool.remove", &Pool_Methods::remove},
+                                      {"pool.find", &Pool_Methods::find}});
+}

@@ -1,0 +1,65 @@
+#ifndef AGENT_SERVICE_READINESS_CHECK_H
+#define AGENT_SERVICE_READINESS_CHECK_H
+
+#include "host/agent/instance.h"
+#include "json_spirit/value.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/**
+ * Finds out what is missing for a backup of an instance, before one is tried. It looks, and changes
+ * nothing; a tool is looked for, not run. One object is for one check, on any thread.
+ */
+class Readiness_Check {
+public:
+    /** One thing that was looked at. */
+    struct Line {
+        std::string subject; ///< "tool gs_om"
+        bool ok;
+        std::string text;   ///< what was found
+        std::string advice; ///< what to do; "" when it is ok
+    };
+
+    /** A pool as the check needs it; sizes in bytes. */
+    struct Pool {
+        std::string name;
+        bool online;
+        bool read_only;
+        uint64_t available;
+        uint64_t used;
+        uint64_t limit; ///< 0: none
+    };
+
+    /** Whether jobs can be made at all. */
+    void module(std::string const& path, std::vector<std::string> const& pairs);
+    /** @param complaints  of the database's own check; empty is good */
+    void database(std::vector<std::string> const& complaints);
+    /** The record, the state, the user of the operating system, the tools, the account, the link.
+     */
+    void instance(std::string const& name, std::string const& uid);
+    /** @param needed  bytes of the instance's last full backup; 0 when there was none */
+    void pool(Pool const& pool, uint64_t needed);
+    /** No pool was named and there is none. */
+    void no_pool();
+
+    std::vector<Line> const& lines() const { return lines_; }
+    bool ok() const;
+    /** {"ok", "lines"}, each line with its four members. */
+    json_spirit::Object dump() const;
+
+private:
+    void good(std::string subject, std::string text);
+    void bad(std::string subject, std::string text, std::string advice);
+    void state(std::string const& name);
+    void user_and_tools(Instance const& instance, int version);
+    void tools(char const* const* names, std::string const& instance, std::string const& user,
+               std::string const& app_path);
+    void account(std::string const& name, std::string const& uid, int version);
+    void xbsa_link();
+
+    std::vector<Line> lines_;
+};
+
+#endif

@@ -1,0 +1,247 @@
+// The built agent with the test module: its life, and what its death leaves behind.
+#include "json_spirit/access.h"
+#include "json_spirit/text.h"
+#include "tests/support/agent_process.h"
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <random>
+#include <set>
+#include <thread>
+
+using json_spirit::Array;
+using json_spirit::Object;
+using json_spirit::Value;
+
+namespace {
+
+std::string text(Object const& object, char const* key) {
+    return json_spirit::object_get_str(object, key);
+}
+
+std::vector<Object> list(Object const& object, char const* key) {
+    Array array;
+    json_spirit::object_get(object, key, array);
+    std::vector<Object> objects;
+    for (Object const& element : json_spirit::objects_of(array))
+        objects.push_back(element);
+    return objects;
+}
+
+/** A backup of so many objects of so many bytes, with a pause between two. */
+Object backup_definition(std::string const& name, int objects, int size, int pause) {
+    return {{"name", name},
+            {"type", "backup"},
+            {"subtype", "full"},
+            {"agent", "gaussdb"},
+            {"target", Object{{"pool", "pool"}}},
+            {"source", Object{{"id", "resource-" + name},
+                              {"name", name},
+                              {"objects", objects},
+                              {"size", size},
+                              {"pause", pause}}}};
+}
+
+class Agent_Life_Test : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(agent_.start()) << agent_.log(); }
+
+    void make_pool() {
+        agent_.ask("pool.create", {{"name", "pool"}, {"url", "file://" + agent_.pool_dir()}});
+    }
+    std::string start_job(Object const& definition) {
+        return text(agent_.ask("job.start", {{"run", definition}}), "run_id");
+    }
+    Object job(std::string const& run_id) { return agent_.ask("job.show", {{"job", run_id}}); }
+    /** Waits until the run has one of the states that are no run's. */
+    Object wait_for_end(std::string const& run_id) {
+        for (int attempt = 0; attempt < 3000; ++attempt) {
+            Object const row = job(run_id);
+            std::string const state = text(row, "state");
+            if (state == "completed" || state == "error" || state == "canceled")
+                return row;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        ADD_FAILURE() << "the run does not end";
+        return {};
+    }
+    /** The names of all files in the pool, below its directory. */
+    std::set<std::string> pool_files() const {
+        std::set<std::string> files;
+        for (auto const& entry : std::filesystem::recursive_directory_iterator(agent_.pool_dir()))
+            if (entry.is_regular_file())
+                files.insert(std::filesystem::relative(entry.path(), agent_.pool_dir()));
+        return files;
+    }
+    /** The names of all pieces of all sets that can be seen. */
+    std::set<std::string> pieces() {
+        std::set<std::string> names;
+        for (Object const& backup : list(agent_.ask("backup.list"), "backups"))
+            for (Object const& piece :
+                 list(agent_.ask("backup.show", {{"backup", text(backup, "uuid")}}), "pieces"))
+                names.insert(text(piece, "path"));
+        return names;
+    }
+    /** Reads a set back and compares it, byte by byte. */
+    void expect_restorable(std::string const& uuid) {
+        Object const row =
+            wait_for_end(start_job({{"name", "verify"},
+                                    {"type", "restore"},
+                                    {"subtype", "instance"},
+                                    {"agent", "gaussdb"},
+                                    {"source", Object{{"id", "resource"}, {"restore_as", uuid}}}}));
+        EXPECT_EQ("completed", text(row, "state")) << json_spirit::to_text(row, true);
+    }
+
+    Agent_Process agent_{ZENBRAK3_TEST_MODULE, "[remote]\nenabled = false\n"};
+};
+
+TEST_F(Agent_Life_Test, a_backup_is_run_recorded_and_read_back) {
+    make_pool();
+    std::string const run = start_job(backup_definition("one", 5, 100000, 0));
+    Object const row = wait_for_end(run);
+    EXPECT_EQ("completed", text(row, "state")) << json_spirit::to_text(row, true);
+    EXPECT_EQ(Value(100), row.at("percent"));
+    ASSERT_EQ(1u, list(agent_.ask("backup.list"), "backups").size());
+    EXPECT_EQ(5u, pieces().size());
+    EXPECT_EQ(pieces(), pool_files());
+    expect_restorable(run);
+    EXPECT_EQ(0, agent_.stop());
+    ASSERT_TRUE(agent_.start());
+    EXPECT_EQ("completed", text(job(run), "state"));
+    expect_restorable(run);
+}
+
+TEST_F(Agent_Life_Test, a_failed_run_tells_its_alert_and_leaves_nothing) {
+    make_pool();
+    Object definition = backup_definition("bad", 3, 1000, 0);
+    definition["source"].get_obj()["fail"] = true;
+    Object const row = wait_for_end(start_job(definition));
+    EXPECT_EQ("error", text(row, "state"));
+    ASSERT_EQ(1u, list(row, "alert_list").size());
+    EXPECT_NE("", text(list(row, "alert_list")[0], "text"));
+    Object const log = agent_.ask("job.log", {{"job", text(row, "run_id")}});
+    EXPECT_NE(std::string::npos, text(log, "text").find("told to fail")) << text(log, "text");
+    EXPECT_TRUE(pool_files().empty());
+    EXPECT_TRUE(list(agent_.ask("backup.list"), "backups").empty());
+}
+
+TEST_F(Agent_Life_Test, a_stop_cancels_what_runs_and_aborts_its_set) {
+    make_pool();
+    std::string const run = start_job(backup_definition("long", 100000, 1000, 5));
+    while (pool_files().empty())
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(0, agent_.stop());
+    EXPECT_TRUE(pool_files().empty());
+    ASSERT_TRUE(agent_.start());
+    EXPECT_EQ("canceled", text(job(run), "state"));
+    EXPECT_TRUE(list(agent_.ask("backup.list"), "backups").empty());
+}
+
+TEST_F(Agent_Life_Test, a_job_is_canceled_on_request) {
+    make_pool();
+    std::string const run = start_job(backup_definition("long", 100000, 1000, 5));
+    EXPECT_TRUE(agent_.call("job.cancel", {{"job", run.substr(0, 8)}}));
+    EXPECT_EQ("canceled", text(wait_for_end(run), "state"));
+    EXPECT_FALSE(agent_.call("job.cancel", {{"job", "no such run"}}));
+}
+
+TEST_F(Agent_Life_Test, a_second_agent_on_the_same_data_is_refused) {
+    Agent_Process second(ZENBRAK3_TEST_MODULE, "[remote]\nenabled = false\n");
+    std::filesystem::create_directory_symlink(agent_.data_dir(), second.data_dir());
+    EXPECT_FALSE(second.start());
+    EXPECT_NE(std::string::npos, second.log().find("in use by another agent")) << second.log();
+    EXPECT_TRUE(agent_.call("agent.info"));
+}
+
+TEST_F(Agent_Life_Test, a_database_that_is_damaged_is_refused_and_not_touched) {
+    ASSERT_EQ(0, agent_.stop());
+    std::string const file = agent_.data_dir() + "/agent.db";
+    std::filesystem::resize_file(file, 4096);
+    std::fstream(file, std::ios::in | std::ios::out)
+        .seekp(100)
+        .write("garbage garbage garbage", 23);
+    std::string const before = agent_.directory().read("data/agent.db");
+    EXPECT_FALSE(agent_.start());
+    EXPECT_NE(std::string::npos, agent_.log().find("agent.db")) << agent_.log();
+    EXPECT_EQ(before, agent_.directory().read("data/agent.db"));
+}
+
+TEST_F(Agent_Life_Test, its_configuration_is_read_again_on_request) {
+    std::string const good = agent_.directory().read("agent.toml");
+    auto const wait_for_log = [&](char const* words) {
+        for (int attempt = 0; attempt < 500; ++attempt) {
+            if (agent_.log().find(words) != std::string::npos)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    };
+    agent_.directory().write("agent.toml", good + "nonsense = 1\n");
+    agent_.signal(SIGHUP);
+    EXPECT_TRUE(wait_for_log("stays as it was")) << agent_.log();
+    agent_.directory().write("agent.toml", good + "port = 7\n[limits]\nconnections = 10\n");
+    agent_.signal(SIGHUP);
+    EXPECT_TRUE(wait_for_log("\"limits.connections\" has changed")) << agent_.log();
+    EXPECT_TRUE(agent_.call("agent.info"));
+}
+
+TEST_F(Agent_Life_Test, a_pool_that_vanished_fails_the_job_and_is_not_made_anew) {
+    make_pool();
+    std::filesystem::remove_all(agent_.pool_dir());
+    Object const row = wait_for_end(start_job(backup_definition("gone", 3, 1000, 0)));
+    EXPECT_EQ("error", text(row, "state"));
+    EXPECT_FALSE(std::filesystem::exists(agent_.pool_dir()));
+    std::vector<Object> const pools = list(agent_.ask("pool.list"), "pools");
+    ASSERT_EQ(1u, pools.size());
+    EXPECT_EQ(Value(false), pools[0].at("online"));
+    std::filesystem::create_directory(agent_.pool_dir());
+}
+
+TEST_F(Agent_Life_Test, killed_at_any_moment_it_leaves_nothing_half_done) {
+    make_pool();
+    unsigned const seed = std::random_device()();
+    std::printf("seed %u\n", seed);
+    std::mt19937 random(seed);
+    std::set<std::string> finished;
+    for (int round = 0; round < ZENBRAK3_KILL_ROUNDS; ++round) {
+        std::vector<std::string> runs;
+        for (int backup = 0; backup < 3; ++backup)
+            runs.push_back(start_job(backup_definition("kill-" + std::to_string(backup),
+                                                       1 + static_cast<int>(random() % 8), 20000,
+                                                       static_cast<int>(random() % 3))));
+        std::this_thread::sleep_for(std::chrono::milliseconds(random() % 60));
+        for (std::string const& run : runs)
+            if (text(job(run), "state") == "completed")
+                finished.insert(run);
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
+        agent_.kill();
+        ASSERT_TRUE(agent_.start()) << "round " << round << "\n" << agent_.log();
+
+        std::set<std::string> visible;
+        for (Object const& backup : list(agent_.ask("backup.list"), "backups"))
+            visible.insert(text(backup, "uuid"));
+        for (std::string const& run : finished)
+            ASSERT_TRUE(visible.count(run)) << "round " << round << " lost " << run;
+        finished = visible;
+        ASSERT_EQ(pieces(), pool_files()) << "round " << round;
+        for (std::string const& run : runs) {
+            std::string const state = text(job(run), "state");
+            EXPECT_TRUE(state == "completed" || state == "error") << run << " is " << state;
+        }
+        if (testing::Test::HasFailure())
+            return;
+    }
+    Object const check = agent_.ask("agent.check");
+    for (Object const& line : list(check, "lines"))
+        if (text(line, "subject") == "agent's database") {
+            EXPECT_EQ(Value(true), line.at("ok"));
+        }
+    for (std::string const& uuid : finished)
+        expect_restorable(uuid);
+}
+
+} // namespace
