@@ -1,0 +1,233 @@
+#!/usr/bin/python3
+"""GaussRoach.py: backs up the cluster of the environment and restores it.
+
+    GaussRoach.py -t backup  --master-port PORT --media-type NBU --media-destination POLICY
+                  --metadata-destination DIRECTORY [--prior-backup-key KEY] [OPTIONS]
+    GaussRoach.py -t restore --master-port PORT --media-type NBU --media-destination POLICY
+                  --metadata-destination DIRECTORY --clean --backup-key KEY
+                  [--restore-new-cluster [--restore-configs]] [OPTIONS]
+    GaussRoach.py -t start [--media-type NBU] [--restore-new-cluster [-X XML]]
+    GaussRoach.py -t stop
+    GaussRoach.py -t show --metadata-destination DIRECTORY
+
+    --parallel-process N       workers, 2 unless given
+    --compression-type 0       the media compress
+    --max-memory-usage MB  --buffer-size MB  --buffer-block-size BYTES
+    --nbu-policy PATH  --mode single|cluster       of the older series
+"""
+import fcntl
+import os
+import signal
+import socket
+import sys
+import time
+import xml.etree.ElementTree
+
+sys.path.insert(0, os.path.dirname(os.path.realpath(__file__)))
+sys.dont_write_bytecode = True
+from roach import options  # noqa: E402
+from roach.backup import Backup  # noqa: E402
+from roach.cluster import Cluster, Tool_Error  # noqa: E402
+from roach.metadata import Metadata  # noqa: E402
+from roach.object_store import MIB  # noqa: E402
+from roach.restore import Restore  # noqa: E402
+from roach.screen import marked, say  # noqa: E402
+
+DEFAULT_BLOCK = MIB
+LONG_OPTIONS = [
+    "master-port=", "media-type=", "media-destination=", "metadata-destination=",
+    "compression-type=", "prior-backup-key=", "backup-key=", "parallel-process=",
+    "max-memory-usage=", "buffer-size=", "buffer-block-size=", "nbu-policy=", "mode=", "clean",
+    "restore-new-cluster", "restore-configs", "help", "version"]
+
+
+def number(given, name, default, least, most):
+    text = given.get("--" + name)
+    if text is None:
+        return default
+    if not text.isdigit() or not least <= int(text) <= most:
+        raise Tool_Error("[GAUSS-50004] : The parameter '--%s' value is incorrect: %s." % (name, text))
+    return int(text)
+
+
+def required(given, *names):
+    for name in names:
+        if not given.get("--" + name):
+            raise Tool_Error("[GAUSS-50001] : Incorrect parameter. Parameter '--%s' is required."
+                             % name)
+
+
+def check_media(given, cluster):
+    required(given, "media-type", "media-destination", "metadata-destination")
+    if given["--media-type"] != "NBU":
+        raise Tool_Error("[GAUSS-50004] : The parameter '--media-type' value is incorrect: %s. The "
+                         "media here are NBU's." % given["--media-type"])
+    if given.get("--compression-type", "0") != "0":
+        raise Tool_Error("[GAUSS-50004] : The parameter '--compression-type' value is incorrect: the "
+                         "media compress.")
+    if cluster.release.series == 100:
+        required(given, "nbu-policy", "mode")
+        if given["--mode"] not in ("single", "cluster"):
+            raise Tool_Error("[GAUSS-50004] : The parameter '--mode' value is incorrect: %s."
+                             % given["--mode"])
+    elif "--nbu-policy" in given or "--mode" in given:
+        raise Tool_Error("[GAUSS-50000] : Unrecognized parameter: --nbu-policy, --mode")
+    if given.get("--mode") != "single":
+        required(given, "master-port")
+
+
+def policy_of(given, cluster):
+    # the older series names the policy by a path
+    if cluster.release.series == 100:
+        return os.path.basename(given["--nbu-policy"])
+    return given["--media-destination"]
+
+
+def block_size(given):
+    number(given, "max-memory-usage", 0, 1, 1 << 20)
+    number(given, "buffer-size", 0, 1, 1 << 20)
+    block = number(given, "buffer-block-size", DEFAULT_BLOCK, 1, 1 << 30)
+    return min(max(block, 64 * 1024), 16 * MIB)
+
+
+def only_one(cluster):
+    """Holds the cluster for this run; the lock goes with the process."""
+    lock = os.open(os.path.join(cluster.home, "bin", "roach.lock"), os.O_RDWR | os.O_CREAT, 0o600)
+    try:
+        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except OSError:
+        raise Tool_Error("[GAUSS-53200] : Another Roach operation is in progress.")
+    return lock
+
+
+def listen(given):
+    """The master's port, at which agents of other machines would call."""
+    if "--master-port" not in given:
+        return None
+    master = socket.socket()
+    master.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    port = number(given, "master-port", 0, 0, 65535)
+    try:
+        master.bind(("", port))
+        master.listen()
+    except OSError as error:
+        raise Tool_Error("[GAUSS-53201] : Failed to listen on the port %d: %s" % (port, error))
+    return master
+
+
+def taken(start):
+    return "[MASTER] Time taken : %ds" % round(time.monotonic() - start)
+
+
+def finish(action):
+    say("Successfully send signal to kill all gs_roach.")
+    say("Cleaning temp files after backup or restore.")
+    say("Successfully cleaned temp files after backup or restore.")
+    say("Roach operation %s completed." % action)
+
+
+def begin(given, cluster):
+    """Takes what a run must have for itself alone, until it ends."""
+    say("Parsing the configuration file.")
+    held = only_one(cluster), listen(given)
+    say("Roach master is ready to accept connections. Starting agents now...")
+    return held
+
+
+def backup(given, cluster):
+    check_media(given, cluster)
+    start = time.monotonic()
+    held = begin(given, cluster)
+    key = Backup(cluster, Metadata(given["--metadata-destination"], cluster.release),
+                 policy_of(given, cluster), given.get("--prior-backup-key", ""),
+                 number(given, "parallel-process", 2, 1, 64), block_size(given)).run()
+    word = "backup key" if cluster.release.series == 100 else "Backup key"
+    say("[MASTER]Backup operation SUCCESSFUL. %s: %s" % (word, key))
+    say(taken(start))
+    finish("backup")
+    return held and 0
+
+
+def restore(given, cluster):
+    check_media(given, cluster)
+    required(given, "backup-key")
+    if "--clean" not in given:
+        raise Tool_Error("[GAUSS-50001] : Incorrect parameter. Parameter '--clean' is required: the "
+                         "data directories are replaced.")
+    new = "--restore-new-cluster" in given
+    start = time.monotonic()
+    held = begin(given, cluster)
+    Restore(cluster, Metadata(given["--metadata-destination"], cluster.release),
+            policy_of(given, cluster), given["--backup-key"],
+            number(given, "parallel-process", 2, 1, 64), block_size(given),
+            new and "--restore-configs" not in given).run()
+    marked("[MASTER]Restore operation finished.")
+    say(taken(start))
+    finish("restore")
+    return held and 0
+
+
+def start(given, cluster):
+    if "-X" in given:
+        try:
+            names = {one.get("value") for one in
+                     xml.etree.ElementTree.parse(given["-X"]).iterfind(".//DEVICE/PARAM")
+                     if one.get("name") == "name"}
+        except (OSError, xml.etree.ElementTree.ParseError) as error:
+            raise Tool_Error("[GAUSS-51236] : Failed to parse %s: %s" % (given["-X"], error))
+        if names != set(cluster.info.getClusterNodeNames()):
+            raise Tool_Error("[GAUSS-51236] : %s is not of this cluster." % given["-X"])
+    held = only_one(cluster)
+    say("Starting cluster...")
+    for instance in cluster.local_instances():
+        instance.start(seconds=3600)
+    say("Successfully started.")
+    os.close(held)
+
+
+def stop(given, cluster):
+    held = only_one(cluster)
+    say("Stopping cluster...")
+    for instance in cluster.local_instances():
+        instance.stop()
+    say("Successfully stopped.")
+    os.close(held)
+
+
+def show(given, cluster):
+    required(given, "metadata-destination")
+    metadata = Metadata(given["--metadata-destination"], cluster.release)
+    for one in metadata.entries():
+        say("%s  %-11s  %s  %s" % (one["BackupKey"], one["BackupType"], one["BackupSize"],
+                                   one["PriorBackupKey"]))
+
+
+ACTIONS = {"backup": backup, "restore": restore, "start": start, "stop": stop, "show": show}
+
+
+def run(arguments):
+    given = dict(options.parse(arguments, "t:X:?", LONG_OPTIONS))
+    if "-?" in given or "--help" in given:
+        print(__doc__)
+        return 0
+    if given.get("-t") not in ACTIONS:
+        raise Tool_Error("[GAUSS-50004] : The parameter '-t' value is incorrect.")
+    cluster = Cluster()
+    if "--version" in given:
+        print(cluster.release.version_line("GaussRoach.py"))
+        return 0
+
+    def ended(_signal, _frame):
+        raise Tool_Error("[GAUSS-53214] : The operation was ended by a signal.")
+    signal.signal(signal.SIGTERM, ended)
+    signal.signal(signal.SIGINT, ended)
+    try:
+        return ACTIONS[given["-t"]](given, cluster)
+    except Tool_Error:
+        if given["-t"] in ("backup", "restore"):
+            marked("[MASTER]%s operation FAILED." % given["-t"].capitalize())
+        raise
+
+
+if __name__ == "__main__":
+    sys.exit(options.main("GaussRoach.py", run, sys.argv[1:]))

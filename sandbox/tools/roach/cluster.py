@@ -1,0 +1,148 @@
+"""The cluster as its tools know it: from the environment, the static configuration and the release."""
+import os
+import shutil
+import socket
+import subprocess
+import time
+
+from gspylib.common.DbClusterInfo import ConfigError, dbClusterInfo
+
+
+class Tool_Error(Exception):
+    """What stops a tool, in words for its user."""
+
+
+def environment(name):
+    value = os.environ.get(name, "").strip()
+    if not value:
+        raise Tool_Error("[GAUSS-51802] : Failed to obtain the environment variable [%s]." % name)
+    return value
+
+
+class Release(object):
+    """Which product the tools claim to be: the lines of $GPHOME/version.cfg."""
+
+    def __init__(self):
+        with open(os.path.join(environment("GPHOME"), "version.cfg")) as lines:
+            self.product, self.number, self.build = lines.read().splitlines()[:3]
+        self.series = 100 if self.product == "GaussDB_100" else 200
+
+    def version_line(self, tool):
+        if self.series == 100:
+            return "%s GaussDB_100_%s build %s" % (tool, self.number, self.build)
+        return ("%s (%s %s build %s) compiled at 2021-06-30 11:40:54 commit 3629 last mr 5138 "
+                "release" % (tool, self.product, self.number, self.build))
+
+    @property
+    def saved_config_name(self):
+        numbers = tuple(int(part) for part in self.number.split("."))
+        return "bak_cluster_static_config" + (".common" if numbers >= (8, 1, 1) else "")
+
+
+class Instance(object):
+    """One data node of this machine: a server process and its data directory."""
+
+    def __init__(self, info, node_index, address):
+        self.id = info.instanceId
+        self.name = "dn_%d" % info.instanceId
+        self.port = info.port
+        self.data = info.datadir
+        self.node_index = node_index
+        self.address = address
+        self.host = info.hostname
+
+    @property
+    def local(self):
+        return self.host == socket.gethostname()
+
+    def running(self):
+        return subprocess.call(["pg_isready", "-q", "-t", "3", "-h", environment("PGHOST"), "-p",
+                                str(self.port), "-d", "postgres"]) == 0
+
+    def server_pid(self):
+        """The process of the server that has the directory open, or None."""
+        try:
+            with open(os.path.join(self.data, "postmaster.pid")) as lines:
+                pid = int(lines.readline())
+            os.kill(pid, 0)
+            return pid
+        except (OSError, ValueError):
+            return None
+
+    def start(self, seconds=120):
+        """Starts the server unless it runs, and waits until it answers."""
+        if self.running():
+            return
+        if not os.path.exists(os.path.join(self.data, "PG_VERSION")):
+            raise Tool_Error("[GAUSS-51607] : Failed to start %s: %s is not a data directory."
+                             % (self.name, self.data))
+        log = os.path.join(environment("GAUSSLOG"), self.name + ".log")
+        with open(log, "ab") as output:
+            server = subprocess.Popen(
+                [os.path.join(environment("GAUSSHOME"), "bin", "gaussdb"), "-D", self.data, "-p",
+                 str(self.port), "-k", environment("PGHOST")],
+                stdin=subprocess.DEVNULL, stdout=output, stderr=output, start_new_session=True,
+                cwd=self.data)
+        end = time.monotonic() + seconds
+        while not self.running():
+            if server.poll() is not None or time.monotonic() > end:
+                raise Tool_Error("[GAUSS-51607] : Failed to start %s, see %s." % (self.name, log))
+            time.sleep(0.05)
+
+    def stop(self, mode="fast", seconds=120):
+        """Stops the server and waits for its end; nothing to do when none runs."""
+        pid = self.server_pid()
+        if pid is None:
+            return
+        os.kill(pid, {"smart": 15, "fast": 2, "immediate": 3}[mode])
+        end = time.monotonic() + seconds
+        while self.server_pid() is not None:
+            if time.monotonic() > end:
+                raise Tool_Error("[GAUSS-51610] : Failed to stop %s." % self.name)
+            time.sleep(0.02)
+
+
+class Cluster(object):
+    """The cluster of the environment. Raises Tool_Error when it cannot be read."""
+
+    def __init__(self):
+        self.home = environment("GAUSSHOME")
+        self.name = environment("GS_CLUSTER_NAME")
+        self.config = os.path.join(self.home, "bin", "cluster_static_config")
+        self.release = Release()
+        self.info = dbClusterInfo()
+        try:
+            self.info.initFromStaticConfigWithoutUser(self.config)
+        except (OSError, ConfigError) as error:
+            raise Tool_Error("[GAUSS-51236] : Failed to parse %s: %s" % (self.config, error))
+        self.nodes = self.info.dbNodes
+
+    def instances(self):
+        return [Instance(one, index, node.backIps[0]) for index, node in enumerate(self.nodes)
+                for one in node.datanodes]
+
+    def local_instances(self):
+        return [one for one in self.instances() if one.local]
+
+    @property
+    def switched_mark(self):
+        """Exists while primaries do not run where they were installed."""
+        return os.path.join(self.home, "bin", "cluster_switched")
+
+    def balanced(self):
+        return not os.path.exists(self.switched_mark)
+
+    def state(self):
+        """Normal, Degraded when some instances do not answer, Unavailable when none does."""
+        answers = [one.running() for one in self.local_instances()]
+        if all(answers):
+            return "Normal", answers
+        return ("Degraded" if any(answers) else "Unavailable"), answers
+
+
+def remove_tree(path):
+    """Removes what is there, whatever it is; a path that is not there is no fault."""
+    if os.path.islink(path) or os.path.isfile(path):
+        os.unlink(path)
+    elif os.path.isdir(path):
+        shutil.rmtree(path)

@@ -1,0 +1,49 @@
+"""A session with a data node's server, kept open by a client behind a pipe."""
+import subprocess
+
+from roach.cluster import Tool_Error, environment
+
+
+class Session(object):
+    """Runs statements one after another. When this process goes, in whatever way, the session goes,
+    and with it what belongs to it, such as a backup that the server is in."""
+
+    def __init__(self, instance):
+        self.instance = instance
+        self.client = subprocess.Popen(
+            ["psql", "-X", "-q", "-A", "-t", "-v", "ON_ERROR_STOP=1", "-h", environment("PGHOST"),
+             "-p", str(instance.port), "-d", "postgres"],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.run("set application_name = 'gs_roach'")
+
+    def run(self, statement):
+        """The rows, each a list of columns. Raises Tool_Error with the server's message."""
+        mark = "-- end of rows --"
+        try:
+            self.client.stdin.write("%s;\n\\echo %s\n" % (statement, mark))
+            self.client.stdin.flush()
+        except BrokenPipeError:
+            pass
+        rows = []
+        for line in self.client.stdout:
+            line = line.rstrip("\n")
+            if line == mark:
+                return rows
+            rows.append(line.split("|"))
+        self.client.stdin.close()
+        message = " ".join(self.client.stderr.read().split())
+        raise Tool_Error("[GAUSS-51300] : Failed to execute SQL on %s: %s"
+                         % (self.instance.name, message))
+
+    def close(self):
+        if self.client.poll() is None:
+            try:
+                self.client.stdin.close()
+            except BrokenPipeError:
+                pass
+            self.client.wait()
+
+
+def parse_lsn(text):
+    high, low = text.split("/")
+    return int(high, 16) << 32 | int(low, 16)

@@ -1,0 +1,238 @@
+"""A restore of all data nodes: a full backup and the incremental ones behind it, into directories of
+their own, which take the data directories' places when all of it is there."""
+import json
+import os
+import shutil
+import uuid
+
+from roach import files
+from roach.backup import INCARNATIONS
+from roach.cluster import Tool_Error, remove_tree
+from roach.frames import read_frames
+from roach.object_store import MIB, open_store
+from roach.screen import Progress, marked, say
+from roach.workers import Crew
+
+SUFFIX = ".roach_restore"
+CONFIGURATION = ("postgresql.conf", "postgresql.auto.conf", "pg_hba.conf", "pg_ident.conf")
+
+
+class Target(object):
+    """A data node of this cluster and the data node of the backup that it becomes."""
+
+    def __init__(self, instance, name):
+        self.instance = instance
+        self.name = name
+        self.staging = instance.data + SUFFIX
+
+
+class Restore(object):
+    def __init__(self, cluster, metadata, policy, key, processes, block, keep_configuration):
+        self.cluster = cluster
+        self.metadata = metadata
+        self.policy = policy
+        self.key = key
+        self.processes = processes
+        self.block = block
+        self.keep_configuration = keep_configuration
+
+    def run(self):
+        say("Performing presetup activities...")
+        store = open_store(self.policy)
+        try:
+            self.chain = self._load_chain(store)
+            self.targets = self._match_nodes()
+            self._check_objects(store)
+        finally:
+            store.close()
+        self._check_space()
+        try:
+            for target in self.targets:
+                remove_tree(target.staging)
+                os.makedirs(target.staging, 0o700)
+            for manifest in self.chain:
+                self._bring(manifest)
+                marked("[MASTER]Restore SUCCESSFUL. Backup key: %s" % manifest["key"])
+            for target in self.targets:
+                self._complete(target)
+        except BaseException:
+            for target in self.targets:
+                remove_tree(target.staging)
+            raise
+        for target in self.targets:
+            self._put_in_place(target)
+
+    # --- before anything is changed
+
+    def _load_chain(self, store):
+        """The manifests, the full backup's first."""
+        chain, key = [], self.key
+        while key:
+            if any(manifest["key"] == key for manifest in chain):
+                raise Tool_Error("[GAUSS-53207] : The metadata of %s lead to itself." % key)
+            manifest = self.metadata.manifest(key) or self._stored_manifest(store, key)
+            chain.insert(0, manifest)
+            key = manifest["prior"]
+        return chain
+
+    @staticmethod
+    def _stored_manifest(store, key):
+        reader = store.open("%s/manifest.json" % key)
+        content, buffer = bytearray(), bytearray(MIB)
+        while True:
+            count = reader.read(buffer)
+            if not count:
+                break
+            content += buffer[:count]
+        reader.end()
+        try:
+            return json.loads(content)
+        except ValueError as error:
+            raise Tool_Error("[GAUSS-53207] : Failed to read the metadata of %s: %s" % (key, error))
+
+    def _match_nodes(self):
+        instances = self.cluster.local_instances()
+        names = sorted(self.chain[-1]["nodes"])
+        if len(instances) != len(names):
+            raise Tool_Error("[GAUSS-53213] : The backup has %d data nodes, this cluster %d."
+                             % (len(names), len(instances)))
+        instances.sort(key=lambda one: one.name)
+        return [Target(instance, name) for instance, name in zip(instances, names)]
+
+    def _check_objects(self, store):
+        """What the store can say without reading: that all objects are there, in their sizes."""
+        for manifest in self.chain:
+            sizes = store.sizes(manifest["key"] + "/")
+            for node in manifest["nodes"].values():
+                for name, size in node["objects"]:
+                    if name not in sizes:
+                        raise Tool_Error("[GAUSS-53204] : The media have no object %s." % name)
+                    if sizes[name] != size:
+                        raise Tool_Error("[GAUSS-53205] : The object %s has %d bytes instead of %d."
+                                         % (name, sizes[name], size))
+
+    def _check_space(self):
+        last = self.chain[-1]["nodes"]
+        needed = {}
+        for target in self.targets:
+            parent = os.path.dirname(target.staging)
+            try:
+                os.makedirs(parent, exist_ok=True)
+                device = os.stat(parent).st_dev
+            except OSError as error:
+                raise Tool_Error("[GAUSS-50208] : Failed to create %s: %s" % (parent, error))
+            size = sum(about[0] for about in last[target.name]["files"].values())
+            needed.setdefault(device, [parent, 0])[1] += size
+        for parent, size in needed.values():
+            about = os.statvfs(parent)
+            if about.f_bavail * about.f_frsize < size:
+                raise Tool_Error("[GAUSS-50400] : The remaining space of %s is not enough, the "
+                                 "restore needs %d MB." % (parent, size // MIB + 1))
+
+    # --- the data
+
+    def _bring(self, manifest):
+        """All objects of one backup; of its log only when it is the last one's."""
+        work = []
+        for number, target in enumerate(self.targets):
+            for name, size in manifest["nodes"][target.name]["objects"]:
+                if manifest is self.chain[-1] or "/log_" not in name:
+                    work.append((number, name, size))
+        work.sort(key=lambda one: -one[2])
+        machines = sorted({(one.instance.node_index, one.instance.address) for one in self.targets})
+        bar = Progress(sum(size for _, _, size in work), machines)
+        crew = Crew(max(1, min(self.processes, len(work))),
+                    lambda worker: self._work(worker, work), bar.show)
+        try:
+            crew.gather("done")
+        finally:
+            crew.close()
+
+    def _work(self, worker, work):
+        store = open_store(self.policy)
+        try:
+            for number, name, _ in worker.take(work):
+                self._read_object(worker, store, self.targets[number].staging, name)
+        finally:
+            store.close()
+
+    def _read_object(self, worker, store, directory, name):
+        current = [None, None]  # the file that is written, and its path
+
+        def handle_file(path):
+            if current[0] is not None:
+                os.close(current[0])
+                current[0] = None
+            if path.startswith("/") or ".." in path.split("/"):
+                raise Tool_Error("[GAUSS-53205] : The object %s is damaged." % name)
+            full = os.path.join(directory, path)
+            flags = os.O_WRONLY | os.O_CREAT | os.O_CLOEXEC
+            try:
+                current[0] = os.open(full, flags, 0o600)
+            except FileNotFoundError:
+                os.makedirs(os.path.dirname(full), 0o700, exist_ok=True)
+                current[0] = os.open(full, flags, 0o600)
+
+        def handle_data(memory, offset):
+            if current[0] is None:
+                raise Tool_Error("[GAUSS-53205] : The object %s is damaged." % name)
+            worker.add(len(memory))
+            while len(memory):
+                count = os.pwrite(current[0], memory, offset)
+                memory, offset = memory[count:], offset + count
+
+        reader = store.open(name)
+        try:
+            read_frames(reader, name, handle_file, handle_data, self.block)
+        finally:
+            if current[0] is not None:
+                os.close(current[0])
+        reader.end()
+
+    # --- the end
+
+    def _complete(self, target):
+        """Makes of the files what the last backup saw: none that were dropped, all in their sizes."""
+        node = self.chain[-1]["nodes"][target.name]
+        for directory, _, names in os.walk(target.staging):
+            for name in names:
+                full = os.path.join(directory, name)
+                path = os.path.relpath(full, target.staging)
+                about = node["files"].get(path)
+                if about:
+                    if os.path.getsize(full) != about[0]:
+                        os.truncate(full, about[0])
+                    os.chmod(full, about[2])
+                elif path not in (files.CONTROL, "backup_label") and not path.startswith("pg_wal/"):
+                    os.unlink(full)
+        for path in node["directories"] + ["pg_wal", "pg_wal/archive_status"]:
+            os.makedirs(os.path.join(target.staging, path), 0o700, exist_ok=True)
+        missing = [path for path in node["files"]
+                   if not os.path.exists(os.path.join(target.staging, path))]
+        if missing:
+            raise Tool_Error("[GAUSS-53205] : The backup %s has no data of %s."
+                             % (self.key, missing[0]))
+        with open(os.path.join(target.staging, INCARNATIONS), "w") as history:
+            json.dump(node["incarnations"] + [[str(uuid.uuid4()), self.key]], history)
+        if self.keep_configuration:
+            for name in CONFIGURATION:
+                own = os.path.join(target.instance.data, name)
+                if os.path.exists(own):
+                    shutil.copy2(own, os.path.join(target.staging, name))
+
+    def _put_in_place(self, target):
+        target.instance.stop()
+        remove_tree(target.instance.data)
+        for oid, place in self.chain[-1]["nodes"][target.name]["tablespaces"].items():
+            self._move_tablespace(os.path.join(target.staging, "pg_tblspc", oid), place)
+        os.rename(target.staging, target.instance.data)
+
+    @staticmethod
+    def _move_tablespace(link, place):
+        os.makedirs(place, 0o700, exist_ok=True)
+        for name in os.listdir(place):
+            remove_tree(os.path.join(place, name))
+        for name in os.listdir(link):
+            shutil.move(os.path.join(link, name), os.path.join(place, name))
+        os.rmdir(link)
+        os.symlink(place, link)

@@ -1,0 +1,119 @@
+"""Worker processes that move the data. Each has a session of the store of its own."""
+import ctypes
+import multiprocessing
+import multiprocessing.connection
+import os
+import signal
+import sys
+import time
+
+from roach.cluster import Tool_Error
+
+PR_SET_PDEATHSIG = 1
+
+
+class Worker(object):
+    """What a worker sees: its number, what it has done, and the way to its master."""
+
+    def __init__(self, number, done, next_unit, pipe):
+        self.number = number
+        self.pipe = pipe
+        self._done = done
+        self._next_unit = next_unit
+
+    def take(self, units):
+        """The units that no other worker has taken."""
+        while True:
+            with self._next_unit.get_lock():
+                number = self._next_unit.value
+                self._next_unit.value += 1
+            if number >= len(units):
+                return
+            yield units[number]
+
+    def add(self, count):
+        """Bytes that are done, for the progress."""
+        self._done[self.number] += count
+
+    def report_and_wait(self, result):
+        """Tells the master the result and waits until all workers have one: True to go on."""
+        self.pipe.send(("ready", result))
+        return self.pipe.recv() == "commit"
+
+
+def _body(main, worker):
+    # the master may be killed: what it has begun must not go on without it
+    ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+    def ended(_signal, _frame):
+        raise Tool_Error("[GAUSS-53206] : The worker process was ended.")
+    signal.signal(signal.SIGTERM, ended)
+    signal.signal(signal.SIGINT, signal.SIG_IGN)
+    try:
+        main(worker)
+        worker.pipe.send(("done", None))
+    except (Tool_Error, OSError, EOFError) as error:
+        try:
+            worker.pipe.send(("failed", str(error)))
+        except OSError:
+            pass  # the master has given up
+
+
+class Crew(object):
+    """Runs main(worker) in several processes and follows them.
+
+    @param progress  called with the bytes done, about five times a second
+    """
+
+    def __init__(self, count, main, progress):
+        context = multiprocessing.get_context("fork")
+        self.done = multiprocessing.RawArray("Q", count)
+        next_unit = context.Value("Q", 0)
+        self.progress = progress
+        self.pipes, self.processes = [], []
+        sys.stdout.flush()
+        for number in range(count):
+            ours, theirs = context.Pipe()
+            process = context.Process(
+                target=_body, args=(main, Worker(number, self.done, next_unit, theirs)))
+            process.start()
+            theirs.close()
+            self.pipes.append(ours)
+            self.processes.append(process)
+
+    def gather(self, wanted):
+        """Waits for that message of every worker; the results, by worker. Raises Tool_Error with
+        the first failure."""
+        results = {}
+        last = 0
+        while len(results) < len(self.pipes):
+            waiting = [pipe for number, pipe in enumerate(self.pipes) if number not in results]
+            for pipe in multiprocessing.connection.wait(waiting, 0.2):
+                try:
+                    kind, value = pipe.recv()
+                except (EOFError, ConnectionResetError):
+                    kind, value = "failed", "[GAUSS-53206] : A worker process has gone."
+                if kind != wanted:
+                    raise Tool_Error(value)
+                results[self.pipes.index(pipe)] = value
+            if time.monotonic() - last >= 0.2:
+                last = time.monotonic()
+                self.progress(sum(self.done))
+        self.progress(sum(self.done))
+        return [results[number] for number in range(len(self.pipes))]
+
+    def tell(self, word):
+        for pipe in self.pipes:
+            pipe.send(word)
+
+    def close(self):
+        """Waits for the workers. Those that still work are told to give up what they have begun."""
+        for pipe in self.pipes:
+            pipe.close()
+        for process in self.processes:
+            if sys.exc_info()[0] is not None and process.is_alive():
+                process.terminate()
+        for process in self.processes:
+            process.join(60)
+            if process.is_alive():
+                process.kill()
+                process.join()
