@@ -115,6 +115,17 @@ TEST_F(Agent_Life_Test, a_backup_is_run_recorded_and_read_back) {
     expect_restorable(run);
 }
 
+TEST_F(Agent_Life_Test, every_method_is_in_the_manual) {
+    std::ifstream file(ZENBRAK3_RPC_MANUAL);
+    std::string const manual((std::istreambuf_iterator<char>(file)), {});
+    Array methods;
+    ASSERT_TRUE(json_spirit::object_get(agent_.ask("agent.info"), "methods", methods));
+    ASSERT_LT(20u, methods.size());
+    for (Value const& method : methods)
+        EXPECT_NE(std::string::npos, manual.find("\n### " + method.get_str() + "\n"))
+            << method.get_str();
+}
+
 TEST_F(Agent_Life_Test, a_failed_run_tells_its_alert_and_leaves_nothing) {
     make_pool();
     Object definition = backup_definition("bad", 3, 1000, 0);
