@@ -89,6 +89,7 @@ class Sandbox_Xbsa_Test(unittest.TestCase):
 
     def test_every_row_goes_through_the_library_and_comes_back(self):
         full = self.backup()
+        full_set = self.sets[-1]
         cluster("change", 5)
         incremental = self.backup(full)
         state = cluster("checksums")
@@ -103,7 +104,8 @@ class Sandbox_Xbsa_Test(unittest.TestCase):
         self.assertTrue([one for one in pieces if one["method"] == "catalog.add_piece"])
 
         # a damaged object is noticed, and what runs goes on
-        victim = max(self.objects(), key=lambda path: path.stat().st_size)
+        victim = max((path for path in self.objects() if full_set in path.parts),
+                     key=lambda path: path.stat().st_size)
         content = bytearray(victim.read_bytes())
         content[len(content) // 2] ^= 1
         victim.write_bytes(content)
