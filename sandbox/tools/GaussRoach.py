@@ -15,10 +15,8 @@
     --max-memory-usage MB  --buffer-size MB  --buffer-block-size BYTES
     --nbu-policy PATH  --mode single|cluster       of the older series
 """
-import fcntl
 import os
 import signal
-import socket
 import sys
 import time
 import xml.etree.ElementTree
@@ -26,8 +24,9 @@ import xml.etree.ElementTree
 sys.path.insert(0, os.path.dirname(os.path.realpath(__file__)))
 sys.dont_write_bytecode = True
 from roach import options  # noqa: E402
+from roach.agents import Agents, for_all_machines, listen  # noqa: E402
 from roach.backup import Backup  # noqa: E402
-from roach.cluster import Cluster, Tool_Error  # noqa: E402
+from roach.cluster import Cluster, Tool_Error, only_one  # noqa: E402
 from roach.metadata import Metadata  # noqa: E402
 from roach.object_store import MIB  # noqa: E402
 from roach.restore import Restore  # noqa: E402
@@ -90,31 +89,6 @@ def block_size(given):
     return min(max(block, 64 * 1024), 16 * MIB)
 
 
-def only_one(cluster):
-    """Holds the cluster for this run; the lock goes with the process."""
-    lock = os.open(os.path.join(cluster.home, "bin", "roach.lock"), os.O_RDWR | os.O_CREAT, 0o600)
-    try:
-        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
-    except OSError:
-        raise Tool_Error("[GAUSS-53200] : Another Roach operation is in progress.")
-    return lock
-
-
-def listen(given):
-    """The master's port, at which agents of other machines would call."""
-    if "--master-port" not in given:
-        return None
-    master = socket.socket()
-    master.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    port = number(given, "master-port", 0, 0, 65535)
-    try:
-        master.bind(("", port))
-        master.listen()
-    except OSError as error:
-        raise Tool_Error("[GAUSS-53201] : Failed to listen on the port %d: %s" % (port, error))
-    return master
-
-
 def taken(start):
     return "[MASTER] Time taken : %ds" % round(time.monotonic() - start)
 
@@ -127,25 +101,29 @@ def finish(action):
 
 
 def begin(given, cluster):
-    """Takes what a run must have for itself alone, until it ends."""
+    """Takes what a run must have for itself alone, until it ends: the lock and the agents."""
     say("Parsing the configuration file.")
-    held = only_one(cluster), listen(given)
-    say("Roach master is ready to accept connections. Starting agents now...")
-    return held
+    held = only_one(cluster)
+    with listen(number(given, "master-port", 0, 0, 65535)) as listener:
+        say("Roach master is ready to accept connections. Starting agents now...")
+        return held, Agents(cluster, listener)
 
 
 def backup(given, cluster):
     check_media(given, cluster)
     start = time.monotonic()
-    held = begin(given, cluster)
-    key = Backup(cluster, Metadata(given["--metadata-destination"], cluster.release),
-                 policy_of(given, cluster), given.get("--prior-backup-key", ""),
-                 number(given, "parallel-process", 2, 1, 64), block_size(given)).run()
+    processes, block = number(given, "parallel-process", 2, 1, 64), block_size(given)
+    held, agents = begin(given, cluster)
+    with agents:
+        key = Backup(cluster, Metadata(given["--metadata-destination"], cluster.release),
+                     policy_of(given, cluster), given.get("--prior-backup-key", ""),
+                     processes, block, agents).run()
     word = "backup key" if cluster.release.series == 100 else "Backup key"
     say("[MASTER]Backup operation SUCCESSFUL. %s: %s" % (word, key))
     say(taken(start))
     finish("backup")
-    return held and 0
+    os.close(held)
+    return 0
 
 
 def restore(given, cluster):
@@ -156,15 +134,17 @@ def restore(given, cluster):
                          "data directories are replaced.")
     new = "--restore-new-cluster" in given
     start = time.monotonic()
-    held = begin(given, cluster)
-    Restore(cluster, Metadata(given["--metadata-destination"], cluster.release),
-            policy_of(given, cluster), given["--backup-key"],
-            number(given, "parallel-process", 2, 1, 64), block_size(given),
-            new and "--restore-configs" not in given).run()
+    processes, block = number(given, "parallel-process", 2, 1, 64), block_size(given)
+    held, agents = begin(given, cluster)
+    with agents:
+        Restore(cluster, Metadata(given["--metadata-destination"], cluster.release),
+                policy_of(given, cluster), given["--backup-key"], processes, block,
+                new and "--restore-configs" not in given, agents).run()
     marked("[MASTER]Restore operation finished.")
     say(taken(start))
     finish("restore")
-    return held and 0
+    os.close(held)
+    return 0
 
 
 def start(given, cluster):
@@ -179,8 +159,11 @@ def start(given, cluster):
             raise Tool_Error("[GAUSS-51236] : %s is not of this cluster." % given["-X"])
     held = only_one(cluster)
     say("Starting cluster...")
-    for instance in cluster.local_instances():
-        instance.start(seconds=3600)
+
+    def start_own():
+        for instance in cluster.local_instances():
+            instance.start(seconds=3600)
+    for_all_machines(cluster, "start", {"seconds": 3600}, start_own)
     say("Successfully started.")
     os.close(held)
 
@@ -188,8 +171,11 @@ def start(given, cluster):
 def stop(given, cluster):
     held = only_one(cluster)
     say("Stopping cluster...")
-    for instance in cluster.local_instances():
-        instance.stop()
+
+    def stop_own():
+        for instance in cluster.local_instances():
+            instance.stop()
+    for_all_machines(cluster, "stop", {"mode": "fast"}, stop_own)
     say("Successfully stopped.")
     os.close(held)
 

@@ -5,6 +5,7 @@ import os
 import time
 
 from roach import files
+from roach.agents import Agents
 from roach.cluster import Tool_Error
 from roach.frames import PAGE, Frame_Writer
 from roach.object_store import MIB, open_store
@@ -134,35 +135,63 @@ def copy_pages(writer, descriptor, begin, end, since):
 class Backup(object):
     """One run. @param store_policy  what the store is told of the way"""
 
-    def __init__(self, cluster, metadata, policy, prior_key, processes, block):
+    def __init__(self, cluster, metadata, policy, prior_key, processes, block, agents=None):
         self.cluster = cluster
         self.metadata = metadata
         self.policy = policy
         self.prior_key = prior_key
         self.processes = processes
         self.block = block
+        self.agents = agents or Agents()
+        self.master = None
         self.nodes = []
+        self.about = {}  # what is known of each data node of the cluster, by its name
+
+    def _prior(self):
+        if not self.prior_key:
+            return None
+        prior = self.metadata.manifest(self.prior_key)
+        if prior is None:
+            raise Tool_Error("[GAUSS-53211] : There is no metadata of the prior backup %s."
+                             % self.prior_key)
+        return prior
+
+    def run_part(self, key, master):
+        """What an agent does of its master's backup: this machine's data nodes, and in the end the
+        metadata of all."""
+        self.metadata.prepare()
+        self.key, self.master = key, master
+        try:
+            self._open_nodes(self._prior())
+            for node in self.nodes:
+                node.start()
+            self._move()
+            self.metadata.save(*master.order("save"), self.cluster.config)
+            master.tell("done")
+        finally:
+            for node in self.nodes:
+                node.session.close()
 
     def run(self):
         """The new backup's key. The servers leave backup mode whatever happens."""
         self.metadata.prepare()
-        prior = None
-        if self.prior_key:
-            prior = self.metadata.manifest(self.prior_key)
-            if prior is None:
-                raise Tool_Error("[GAUSS-53211] : There is no metadata of the prior backup %s."
-                                 % self.prior_key)
+        prior = self._prior()
         self.key = self.metadata.new_key()
         start_time = int(time.time())
         say("Performing presetup activities...")
         try:
             self._open_nodes(prior)
+            self.agents.tell("backup", {
+                "key": self.key, "prior": self.prior_key, "policy": self.policy,
+                "metadata": self.metadata.directory, "processes": self.processes,
+                "block": self.block})
             for node in self.nodes:
                 node.start()
             size = self._move()
             manifest = {"key": self.key, "prior": self.prior_key, "start_time": start_time,
                         "type": "incremental" if prior else "full", "size": size,
-                        "nodes": {node.instance.name: node.manifest() for node in self.nodes}}
+                        "nodes": self.about}
+            self.agents.ask("save", (manifest, size))
             self.metadata.save(manifest, size, self.cluster.config)
         finally:
             for node in self.nodes:
@@ -173,7 +202,7 @@ class Backup(object):
         instances = self.cluster.local_instances()
         if not instances:
             raise Tool_Error("[GAUSS-53212] : This machine has no data node.")
-        if prior and sorted(prior["nodes"]) != sorted(one.name for one in instances):
+        if prior and sorted(prior["nodes"]) != sorted(one.name for one in self.cluster.instances()):
             raise Tool_Error("[GAUSS-53209] : The prior backup %s has other data nodes. Take a full "
                              "backup." % self.prior_key)
         for instance in instances:
@@ -186,19 +215,20 @@ class Backup(object):
         """Moves all data in workers, then the logs; everything is committed at the end."""
         work = [(number, unit) for number, node in enumerate(self.nodes) for unit in node.units]
         total = sum(unit[3] - unit[2] for _, unit in work)
-        machines = sorted({(node.instance.node_index, node.instance.address) for node in self.nodes})
-        bar = Progress(total, machines)
+        bar = Progress(total, self.cluster.machines(), self.master)
 
-        def show(done):
-            percent = bar.show(done)
+        def show(done, others):
+            percent = bar.show(done, others)
             if percent is not None:
                 self.nodes[0].session.run("set application_name = 'gs_roach %d'" % percent)
 
-        crew = Crew(max(1, min(self.processes, len(work))),
-                    lambda worker: self._work(worker, work), show)
+        count = max(1, min(self.processes, len(work)))
+        crew = Crew(count, lambda worker: self._work(worker, work), show,
+                    self.agents.remotes)
         try:
             moved = 0
-            for objects, missing, data in crew.gather("ready"):
+            results = crew.gather("ready")
+            for objects, missing, data in results[:count]:
                 moved += data
                 for node, name, size in objects:
                     self.nodes[node].objects.append([name, size])
@@ -208,11 +238,17 @@ class Backup(object):
             try:
                 store.begin()
                 moved += self._move_logs(store)
-                self._move_manifest(store)
+                self.about = {node.instance.name: node.manifest() for node in self.nodes}
+                for about, data in results[count:]:
+                    self.about.update(about)
+                    moved += data
+                self._move_manifest(store, moved)
                 # the key is no backup before this last commit: the workers' come first
                 crew.tell("commit")
                 crew.gather("done")
                 store.commit()
+                if self.master:
+                    self.master.tell("done")
             except BaseException:
                 store.abort()
                 raise
@@ -290,11 +326,16 @@ class Backup(object):
             node.objects.extend([name, size] for _, name, size in objects)
         return moved
 
-    def _move_manifest(self, store):
-        """For a restore where the metadata of this backup has not been brought to."""
+    def _move_manifest(self, store, moved):
+        """For a restore where the metadata of this backup has not been brought to. An agent leaves
+        that to its master, which it tells of its part instead; then it waits for the master's word."""
+        if self.master:
+            self.master.tell("ready", (self.about, moved))
+            self.master.order("commit")
+            return
         text = json.dumps({"key": self.key, "prior": self.prior_key, "start_time": int(time.time()),
                            "type": "incremental" if self.prior_key else "full", "size": 0,
-                           "nodes": {node.instance.name: node.manifest() for node in self.nodes}})
+                           "nodes": self.about})
         content = bytearray(text.encode())
         writer = store.create("%s/manifest.json" % self.key, len(content))
         for begin in range(0, len(content), self.block):

@@ -1,4 +1,5 @@
 """The cluster as its tools know it: from the environment, the static configuration and the release."""
+import fcntl
 import os
 import shutil
 import socket
@@ -40,7 +41,7 @@ class Release(object):
 
 
 class Instance(object):
-    """One data node of this machine: a server process and its data directory."""
+    """One data node: a server process and its data directory."""
 
     def __init__(self, info, node_index, address):
         self.id = info.instanceId
@@ -56,7 +57,8 @@ class Instance(object):
         return self.host == socket.gethostname()
 
     def running(self):
-        return subprocess.call(["pg_isready", "-q", "-t", "3", "-h", environment("PGHOST"), "-p",
+        place = environment("PGHOST") if self.local else self.address
+        return subprocess.call(["pg_isready", "-q", "-t", "3", "-h", place, "-p",
                                 str(self.port), "-d", "postgres"]) == 0
 
     def server_pid(self):
@@ -124,6 +126,10 @@ class Cluster(object):
     def local_instances(self):
         return [one for one in self.instances() if one.local]
 
+    def machines(self):
+        """Number and address of each machine with data nodes."""
+        return sorted({(one.node_index, one.address) for one in self.instances()})
+
     @property
     def switched_mark(self):
         """Exists while primaries do not run where they were installed."""
@@ -134,10 +140,20 @@ class Cluster(object):
 
     def state(self):
         """Normal, Degraded when some instances do not answer, Unavailable when none does."""
-        answers = [one.running() for one in self.local_instances()]
+        answers = [one.running() for one in self.instances()]
         if all(answers):
             return "Normal", answers
         return ("Degraded" if any(answers) else "Unavailable"), answers
+
+
+def only_one(cluster):
+    """Holds this machine's part of the cluster for one run; the lock goes with the process."""
+    lock = os.open(os.path.join(cluster.home, "bin", "roach.lock"), os.O_RDWR | os.O_CREAT, 0o600)
+    try:
+        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except OSError:
+        raise Tool_Error("[GAUSS-53200] : Another Roach operation is in progress.")
+    return lock
 
 
 def remove_tree(path):

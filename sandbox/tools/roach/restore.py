@@ -6,6 +6,7 @@ import shutil
 import uuid
 
 from roach import files
+from roach.agents import Agents
 from roach.backup import INCARNATIONS
 from roach.cluster import Tool_Error, remove_tree
 from roach.frames import read_frames
@@ -27,7 +28,8 @@ class Target(object):
 
 
 class Restore(object):
-    def __init__(self, cluster, metadata, policy, key, processes, block, keep_configuration):
+    def __init__(self, cluster, metadata, policy, key, processes, block, keep_configuration,
+                 agents=None):
         self.cluster = cluster
         self.metadata = metadata
         self.policy = policy
@@ -35,9 +37,57 @@ class Restore(object):
         self.processes = processes
         self.block = block
         self.keep_configuration = keep_configuration
+        self.agents = agents or Agents()
+        self.master = None
 
     def run(self):
         say("Performing presetup activities...")
+        self._prepare()
+        # what any machine lacks is known before anything is changed on one
+        self.agents.ask("restore", {
+            "key": self.key, "policy": self.policy, "metadata": self.metadata.directory,
+            "processes": self.processes, "block": self.block, "keep": self.keep_configuration})
+        try:
+            self._make_staging()
+            for manifest in self.chain:
+                self.agents.tell("bring")
+                self._bring(manifest)
+                marked("[MASTER]Restore SUCCESSFUL. Backup key: %s" % manifest["key"])
+            for target in self.targets:
+                self._complete(target)
+            self.agents.ask("complete")
+        except BaseException:
+            self._remove_staging()
+            raise
+        self.agents.tell("put_in_place")
+        self._put_all_in_place()
+        self.agents.gather("done")
+
+    def run_part(self, master):
+        """What an agent does of its master's restore: this machine's data nodes, in its steps."""
+        self.master = master
+        self._prepare()
+        master.tell("done")
+        try:
+            self._make_staging()
+            for manifest in self.chain:
+                master.order("bring")
+                self._bring(manifest)
+                master.tell("done")
+            master.order("complete")
+            for target in self.targets:
+                self._complete(target)
+            master.tell("done")
+            master.order("put_in_place")
+        except BaseException:
+            self._remove_staging()
+            raise
+        self._put_all_in_place()
+        master.tell("done")
+
+    # --- before anything is changed
+
+    def _prepare(self):
         store = open_store(self.policy)
         try:
             self.chain = self._load_chain(store)
@@ -46,23 +96,15 @@ class Restore(object):
         finally:
             store.close()
         self._check_space()
-        try:
-            for target in self.targets:
-                remove_tree(target.staging)
-                os.makedirs(target.staging, 0o700)
-            for manifest in self.chain:
-                self._bring(manifest)
-                marked("[MASTER]Restore SUCCESSFUL. Backup key: %s" % manifest["key"])
-            for target in self.targets:
-                self._complete(target)
-        except BaseException:
-            for target in self.targets:
-                remove_tree(target.staging)
-            raise
-        for target in self.targets:
-            self._put_in_place(target)
 
-    # --- before anything is changed
+    def _make_staging(self):
+        for target in self.targets:
+            remove_tree(target.staging)
+            os.makedirs(target.staging, 0o700)
+
+    def _remove_staging(self):
+        for target in self.targets:
+            remove_tree(target.staging)
 
     def _load_chain(self, store):
         """The manifests, the full backup's first."""
@@ -91,13 +133,14 @@ class Restore(object):
             raise Tool_Error("[GAUSS-53207] : Failed to read the metadata of %s: %s" % (key, error))
 
     def _match_nodes(self):
-        instances = self.cluster.local_instances()
+        instances = self.cluster.instances()
         names = sorted(self.chain[-1]["nodes"])
         if len(instances) != len(names):
             raise Tool_Error("[GAUSS-53213] : The backup has %d data nodes, this cluster %d."
                              % (len(names), len(instances)))
         instances.sort(key=lambda one: one.name)
-        return [Target(instance, name) for instance, name in zip(instances, names)]
+        return [Target(instance, name) for instance, name in zip(instances, names)
+                if instance.local]
 
     def _check_objects(self, store):
         """What the store can say without reading: that all objects are there, in their sizes."""
@@ -139,10 +182,9 @@ class Restore(object):
                 if manifest is self.chain[-1] or "/log_" not in name:
                     work.append((number, name, size))
         work.sort(key=lambda one: -one[2])
-        machines = sorted({(one.instance.node_index, one.instance.address) for one in self.targets})
-        bar = Progress(sum(size for _, _, size in work), machines)
+        bar = Progress(sum(size for _, _, size in work), self.cluster.machines(), self.master)
         crew = Crew(max(1, min(self.processes, len(work))),
-                    lambda worker: self._work(worker, work), bar.show)
+                    lambda worker: self._work(worker, work), bar.show, self.agents.remotes)
         try:
             crew.gather("done")
         finally:
@@ -219,6 +261,10 @@ class Restore(object):
                 own = os.path.join(target.instance.data, name)
                 if os.path.exists(own):
                     shutil.copy2(own, os.path.join(target.staging, name))
+
+    def _put_all_in_place(self):
+        for target in self.targets:
+            self._put_in_place(target)
 
     def _put_in_place(self, target):
         target.instance.stop()

@@ -58,13 +58,46 @@ def _body(main, worker):
             pass  # the master has given up
 
 
-class Crew(object):
-    """Runs main(worker) in several processes and follows them.
+def gather(pipes, wanted, handle_progress=None, tick=None):
+    """Waits for that message from each pipe; the results in the pipes' order. Raises Tool_Error with
+    the first failure.
 
-    @param progress  called with the bytes done, about five times a second
+    @param handle_progress  called with the pipe and the value of each message of progress
+    @param tick             called about five times a second
+    """
+    results = {}
+    last = 0
+    while len(results) < len(pipes):
+        waiting = [pipe for number, pipe in enumerate(pipes) if number not in results]
+        for pipe in multiprocessing.connection.wait(waiting, 0.2):
+            try:
+                kind, value = pipe.recv()
+            except (EOFError, OSError):
+                gone = getattr(pipe, "gone", None)
+                kind, value = "failed", (gone() if gone else
+                                         "[GAUSS-53206] : A worker process has gone.")
+            if kind == "progress":
+                if handle_progress:
+                    handle_progress(pipe, value)
+            elif kind != wanted:
+                raise Tool_Error(value)
+            else:
+                results[pipes.index(pipe)] = value
+        if tick and time.monotonic() - last >= 0.2:
+            last = time.monotonic()
+            tick()
+    return [results[number] for number in range(len(pipes))]
+
+
+class Crew(object):
+    """Runs main(worker) in several processes and follows them, and agents of other machines with them.
+
+    @param progress  called with the bytes done here and the agents' progress by their machines'
+                     numbers, about five times a second
+    @param remotes   the agents
     """
 
-    def __init__(self, count, main, progress):
+    def __init__(self, count, main, progress, remotes=()):
         context = multiprocessing.get_context("fork")
         self.done = multiprocessing.RawArray("Q", count)
         next_unit = context.Value("Q", 0)
@@ -79,35 +112,29 @@ class Crew(object):
             theirs.close()
             self.pipes.append(ours)
             self.processes.append(process)
+        self.own = list(self.pipes)
+        self.pipes += remotes
+        self.others = {one.number: 0 for one in remotes}
 
     def gather(self, wanted):
         """Waits for that message of every worker; the results, by worker. Raises Tool_Error with
         the first failure."""
-        results = {}
-        last = 0
-        while len(results) < len(self.pipes):
-            waiting = [pipe for number, pipe in enumerate(self.pipes) if number not in results]
-            for pipe in multiprocessing.connection.wait(waiting, 0.2):
-                try:
-                    kind, value = pipe.recv()
-                except (EOFError, ConnectionResetError):
-                    kind, value = "failed", "[GAUSS-53206] : A worker process has gone."
-                if kind != wanted:
-                    raise Tool_Error(value)
-                results[self.pipes.index(pipe)] = value
-            if time.monotonic() - last >= 0.2:
-                last = time.monotonic()
-                self.progress(sum(self.done))
-        self.progress(sum(self.done))
-        return [results[number] for number in range(len(self.pipes))]
+        def show():
+            self.progress(sum(self.done), self.others)
+
+        def handle(remote, hundredths):
+            self.others[remote.number] = hundredths
+        results = gather(self.pipes, wanted, handle, show)
+        show()
+        return results
 
     def tell(self, word):
         for pipe in self.pipes:
-            pipe.send(word)
+            pipe.send(word if pipe in self.own else (word, None))
 
     def close(self):
         """Waits for the workers. Those that still work are told to give up what they have begun."""
-        for pipe in self.pipes:
+        for pipe in self.own:
             pipe.close()
         for process in self.processes:
             if sys.exc_info()[0] is not None and process.is_alive():
