@@ -56,6 +56,11 @@ class Channel(object):
         return bytes(content)
 
     def close(self):
+        try:
+            # workers may have it open, too
+            self.connection.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
         self.connection.close()
 
 

@@ -41,14 +41,18 @@ class Worker(object):
         return self.pipe.recv() == "commit"
 
 
-def _body(main, worker):
+def _body(main, worker, others):
     # the master may be killed: what it has begun must not go on without it
     ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
     def ended(_signal, _frame):
         raise Tool_Error("[GAUSS-53206] : The worker process was ended.")
     signal.signal(signal.SIGTERM, ended)
     signal.signal(signal.SIGINT, signal.SIG_IGN)
+    # while a worker has its master's ends of pipes, it does not see that the master has closed them
+    for pipe in others:
+        pipe.close()
     try:
+        signal.pthread_sigmask(signal.SIG_UNBLOCK, {signal.SIGTERM})
         main(worker)
         worker.pipe.send(("done", None))
     except (Tool_Error, OSError, EOFError) as error:
@@ -104,14 +108,18 @@ class Crew(object):
         self.progress = progress
         self.pipes, self.processes = [], []
         sys.stdout.flush()
+        # a worker that is told to end before it has begun must not miss it: what Python notes of a
+        # signal it forgets in a new process
+        mask = signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTERM})
         for number in range(count):
             ours, theirs = context.Pipe()
+            self.pipes.append(ours)
             process = context.Process(
-                target=_body, args=(main, Worker(number, self.done, next_unit, theirs)))
+                target=_body, args=(main, Worker(number, self.done, next_unit, theirs), self.pipes))
             process.start()
             theirs.close()
-            self.pipes.append(ours)
             self.processes.append(process)
+        signal.pthread_sigmask(signal.SIG_SETMASK, mask)
         self.own = list(self.pipes)
         self.pipes += remotes
         self.others = {one.number: 0 for one in remotes}
