@@ -1,0 +1,361 @@
+#!/usr/bin/env python3
+"""A cluster on two machines of the sandbox, with an agent on each: what is backed up from the first is
+what both lost. Needs root.
+
+    two_hosts_test.py BUILD [TEST ...]
+"""
+import json
+import os
+import pathlib
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+MACHINE, CLUSTER = str(ROOT / "sandbox/machine"), str(ROOT / "sandbox/cluster")
+BUILD = sys.argv.pop(1)
+MACHINES = "host1=10.77.0.1,host2=10.77.0.2"
+CACHE = "/var/cache/quilmot/zenbrak3/gaussdb"
+SERVER = """
+[remote]
+address = "0.0.0.0"
+[group]
+role = "backupd"
+"""
+MEMBER = """
+[group]
+role = "member"
+backupd_url = "wss://host1:60305"
+backupd_ca = "/etc/zenbrak3/backupd.crt"
+backupd_key_file = "/etc/zenbrak3/backupd.key"
+"""
+
+
+def run(*words, **options):
+    """A command's output; it has to succeed."""
+    done = subprocess.run(list(map(str, words)), stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          text=True, **options)
+    if done.returncode:
+        raise AssertionError("%s: status %d: %s" % (words, done.returncode, done.stdout))
+    return done.stdout
+
+
+def wait_until(condition, what, seconds=60):
+    end = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > end:
+            raise AssertionError("in vain waited for: %s" % what)
+        time.sleep(0.02)
+
+
+class Host(object):
+    """A machine of the sandbox."""
+
+    def __init__(self, directory, name, address, share):
+        self.directory, self.name, self.agent = directory, name, None
+        run(MACHINE, "start", "--name", name, "--address", address, "--share", share, directory)
+        pid = (directory / "pid").read_text().strip()
+        self.root = pathlib.Path("/proc/%s/root" % pid)
+
+    def words(self, *words):
+        return [MACHINE, "enter", str(self.directory), *map(str, words)]
+
+    def do(self, *words, **options):
+        return run(*self.words(*words), **options)
+
+    def cluster(self, *words):
+        return self.do(CLUSTER, *words)
+
+    def path(self, path):
+        """A path of the machine, as it is reached from here."""
+        return self.root / path.lstrip("/")
+
+    def sql(self, statement, node=1):
+        return self.cluster("sql", node, statement).strip()
+
+    def processes(self, *names):
+        """Process ids of the database's backup tool there, or of another program."""
+        names = names or ("GaussRoach.py", "gs_roach")
+        found = []
+        for entry in self.path("/proc").iterdir():
+            try:
+                words = (entry / "cmdline").read_bytes().split(b"\0")
+                if entry.name.isdigit() and b"Z" != (entry / "stat").read_bytes().rsplit(b") ")[-1][:1] \
+                        and any(os.path.basename(word.decode()) in names for word in words[:2]):
+                    found.append(int(entry.name))
+            except OSError:
+                pass
+        return found
+
+    def kill(self, number, pids):
+        for pid in pids:
+            self.do("kill", "-%d" % number, pid)
+
+    def start_agent(self):
+        log = open(self.directory / "agent.log", "ab")
+        with log:
+            self.agent = subprocess.Popen(self.words("zenbrak3-agent"), stdin=subprocess.DEVNULL,
+                                          stdout=log, stderr=log)
+        wait_until(lambda: subprocess.call(self.words("zenbrak3", "info"), stderr=subprocess.DEVNULL,
+                                           stdout=subprocess.DEVNULL) == 0, "the agent's answer")
+
+    def kill_agent(self):
+        self.kill(signal.SIGKILL, self.processes("zenbrak3-agent"))
+        self.agent.wait()
+
+    def call(self, method, /, **params):
+        """The agent's answer: a result, or None when it has an error instead."""
+        with socket.socket(socket.AF_UNIX) as agent:
+            agent.connect(str(self.path("/run/zenbrak3/agent.sock")))
+            agent.sendall(json.dumps({"jsonrpc": "2.0", "id": 1, "method": method,
+                                      "params": params}).encode() + b"\n")
+            with agent.makefile() as answers:
+                return json.loads(answers.readline()).get("result")
+
+
+class Two_Hosts_Test(unittest.TestCase):
+    """One cluster, with a data node on each host, for all tests."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.work = pathlib.Path(tempfile.mkdtemp(prefix="zenbrak3-two-", dir="/var/tmp"))
+        cls.work.chmod(0o755)
+        cls.addClassCleanup(cls.clean)
+        share = cls.work / "share"
+        for directory in (share / "keys", share / "pool", share / "image"):
+            directory.mkdir(parents=True)
+        cls.hosts = [Host(cls.work / name, name, address, share)
+                     for name, _, address in (one.partition("=") for one in MACHINES.split(","))]
+        cls.first, cls.second = cls.hosts
+        run(MACHINE, "join", cls.first.directory, cls.second.directory)
+        making = [subprocess.Popen(host.words(
+            CLUSTER, "create", "--nodes", 2, "--machines", MACHINES, "--keys", "/srv/shared/keys",
+            "--no-fsync"), stdout=subprocess.DEVNULL) for host in cls.hosts]
+        run("cmake", "--install", BUILD, "--prefix", "/usr", "--strip",
+            env=dict(os.environ, DESTDIR=str(share / "image")))
+        if [one.wait() for one in making] != [0, 0]:
+            raise AssertionError("the cluster could not be made")
+        for host in cls.hosts:
+            host.do("cp", "-a", "/srv/shared/image/.", "/")
+            host.do("ldconfig")
+            host.cluster("fill", 6)
+        cls.start_agents()
+        cls.first.do("install", "-d", "-g", "dbgrp", "-m", "2770", "/srv/shared/pool")
+        cls.first.do("zenbrak3", "pool", "create", "main", "file:///srv/shared/pool")
+        cls.pool = json.loads(cls.first.do("zenbrak3", "pools", "--json"))["pools"][0]["uuid"]
+
+    @classmethod
+    def start_agents(cls):
+        cls.first.path("/etc/zenbrak3/agent.toml").write_text(SERVER)
+        cls.second.path("/etc/zenbrak3/agent.toml").write_text(MEMBER)
+        cls.first.start_agent()
+        for source, target in (("tls/agent.crt", "crt"), ("access.key", "key")):
+            copy = cls.second.path("/etc/zenbrak3/backupd." + target)
+            copy.write_bytes(cls.first.path("/var/lib/zenbrak3/" + source).read_bytes())
+            copy.chmod(0o600)
+        cls.second.start_agent()
+        for host in reversed(cls.hosts):
+            host.do("zenbrak3", "instances", "--refresh")
+        cls.first.do("zenbrak3", "account", "c1", "backup", input="Backup@123\n")
+
+    @classmethod
+    def clean(cls):
+        for host in getattr(cls, "hosts", ()):
+            subprocess.call([MACHINE, "stop", str(host.directory)])
+            if host.agent:
+                host.agent.wait()
+        shutil.rmtree(cls.work, ignore_errors=True)
+
+    # --- what is asked and seen
+
+    def setUp(self):
+        self.wait_for_group()
+        self.first.cluster("start")
+        for host in self.hosts:
+            self.assertEqual([], host.processes())
+
+    def wait_for_group(self):
+        """The backup server reaches the other host's agent."""
+        uuid = self.second.call("agent.info")["uuid"]
+        wait_until(lambda: self.first.call("group.forward", host_uuid=uuid, method="agent.info"),
+                   "the second host in the group")
+
+    def start_backup(self, *words):
+        return subprocess.Popen(self.first.words("zenbrak3", "backup", "c1", "--pool", "main", *words),
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+
+    def backup(self, *words):
+        """Its record in the catalog."""
+        self.first.do("zenbrak3", "backup", "c1", "--pool", "main", *words)
+        return self.sets()[0]
+
+    def failed_backup(self, *words, job=None):
+        """The run of a backup that has to fail, with its alerts."""
+        before = self.sets()
+        job = job or self.start_backup(*words)
+        out, _ = job.communicate(timeout=120)
+        self.assertEqual(1, job.returncode, out)
+        self.assertEqual(before, self.sets(), "a set has been left")
+        run_id = re.search(r"Started job (\S+?)\.?$", out, re.M).group(1)
+        return run_id, self.first.do("zenbrak3", "job", "show", run_id)
+
+    def sets(self):
+        return json.loads(self.first.do("zenbrak3", "backups", "--json"))["backups"]
+
+    def policy(self, host):
+        return host.path("%s/%s" % (CACHE, self.pool))
+
+    def metadata(self, host):
+        """The keys of the backups that a host's metadata are of."""
+        try:
+            text = host.path(CACHE + "/meta/backups.ini").read_text()
+        except FileNotFoundError:
+            return []
+        keys = re.findall(r'"BackupKey":"(\w+)"', text)
+        for key in keys:
+            manifest = json.loads(host.path("%s/meta/roach/%s/manifest.json" % (CACHE, key)).read_text())
+            self.assertEqual(["dn_6001", "dn_6002"], sorted(manifest["nodes"]))
+        return keys
+
+    def rows(self):
+        return [host.cluster("checksums") for host in self.hosts]
+
+    def change(self):
+        for host in self.hosts:
+            host.cluster("change", 5)
+
+    def seen_policies(self, job):
+        """The policies that a job brings to the hosts, until it has ended."""
+        seen = [None, None]
+        while job.poll() is None:
+            for number, host in enumerate(self.hosts):
+                try:
+                    about = self.policy(host).stat()
+                    policy = json.loads(self.policy(host).read_text() or "null")
+                except (FileNotFoundError, ValueError):
+                    continue
+                seen[number] = policy and (policy, about.st_mode & 0o777, about.st_uid)
+            time.sleep(0.02)
+        self.assertEqual(0, job.returncode, job.stdout.read())
+        job.stdout.close()
+        return seen
+
+    def check_policies(self, seen, **expected):
+        user = self.first.path("/home/omm").stat().st_uid
+        for number, one in enumerate(seen):
+            self.assertIsNotNone(one, "the host %d has had no policy" % (number + 1))
+            policy, mode, owner = one
+            self.assertEqual((0o640, user), (mode, owner))
+            self.assertEqual(expected, {key: policy[key] for key in expected})
+            self.assertEqual(("localhost", "host1")[number], policy["backupd_host"])
+            self.assertFalse(self.policy(self.hosts[number]).exists())
+
+    def check_nothing_is_left(self, hosts=None):
+        for host in hosts or self.hosts:
+            wait_until(lambda: not host.processes(), "the end of all processes on " + host.name)
+            wait_until(lambda: host.sql("select count(*) from pg_replication_slots") == "0",
+                       "no slot on " + host.name)
+            self.assertEqual([], list(host.path("/home/omm/data").glob("*.roach_restore")))
+        kept = {one["uuid"] for one in self.sets()}
+        for path in (self.work / "share/pool").rglob("*/xbsa/*/**/*"):
+            found = re.search("/xbsa/([^/]+)/", str(path)).group(1)
+            self.assertTrue(found in kept or not path.is_file(), "%s has been left" % path)
+
+    def lose_and_restore(self, record):
+        for host in self.hosts:
+            host.cluster("destroy-data")
+            self.assertEqual([], list(host.path("/home/omm/data").iterdir()))
+        return subprocess.Popen(self.first.words("zenbrak3", "restore", record["uuid"]),
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+
+    # --- the tests
+
+    def test_rows_of_both_hosts_come_back_from_a_full_and_an_incremental_backup(self):
+        full_rows = self.rows()
+        seen = self.seen_policies(self.start_backup())
+        full = self.sets()[0]
+        self.check_policies(seen, uuid=full["uuid"], pool_uuid=self.pool, full_backup=True)
+        for host in self.hosts:
+            self.assertEqual([full["backup_key"]], self.metadata(host), host.name)
+        self.change()
+        incremental_rows = self.rows()
+        incremental = self.backup("--incremental")
+        self.assertEqual(full["backup_key"], incremental["prior_backup_key"])
+        keys = [full["backup_key"], incremental["backup_key"]]
+        for host in self.hosts:
+            self.assertEqual(keys, self.metadata(host), host.name)
+
+        # whatever the second host knew of its backups is brought there again
+        shutil.rmtree(self.second.path(CACHE + "/meta"))
+        seen = self.seen_policies(self.lose_and_restore(incremental))
+        self.check_policies(seen, pool_uuid=self.pool)
+        self.assertEqual(incremental_rows, self.rows())
+        self.assertEqual(keys, self.metadata(self.second))
+        self.seen_policies(self.lose_and_restore(full))
+        self.assertEqual(full_rows, self.rows())
+        for host in self.hosts:
+            self.assertEqual({"c1", "c1_env", "media", "meta"} & set(os.listdir(host.path(CACHE))),
+                             set(os.listdir(host.path(CACHE))))
+        self.check_nothing_is_left()
+
+    def test_an_incremental_backup_needs_the_metadata_of_every_host(self):
+        self.backup()
+        shutil.rmtree(self.second.path(CACHE + "/meta"))
+        run_id, _ = self.failed_backup("--incremental")
+        self.assertIn("There is no metadata of the prior backup",
+                      self.first.do("zenbrak3", "job", "log", run_id))
+        self.check_nothing_is_left()
+        full = self.backup()
+        self.assertEqual("full", full["type"])
+        self.assertEqual([full["backup_key"]], self.metadata(self.second))
+        self.assertEqual(full["backup_key"], self.backup("--incremental")["prior_backup_key"])
+
+    def test_a_second_host_without_its_agent_fails_the_job(self):
+        self.second.kill_agent()
+        _, shown = self.failed_backup()
+        self.assertIn("could not be told the policy", shown)
+        self.assertFalse(self.policy(self.second).exists())
+        self.check_nothing_is_left()
+        self.second.start_agent()
+        self.wait_for_group()
+        self.backup()
+        self.check_nothing_is_left()
+
+    def test_a_server_that_is_down_on_the_second_host_fails_the_job(self):
+        self.assertIn("Normal", self.first.cluster("status"))
+        self.second.cluster("kill", 1)
+        self.assertIn("Degraded", self.first.cluster("status"))
+        run_id, _ = self.failed_backup()
+        self.assertIn("dn_6002", self.first.do("zenbrak3", "job", "log", run_id))
+        self.first.cluster("start")
+        self.check_nothing_is_left()
+        self.backup()
+
+    def test_a_cut_cable_fails_the_job_and_the_next_one_succeeds(self):
+        job = self.start_backup()
+        wait_until(lambda: self.second.processes("gs_roach"), "the agent of the tool")
+        # it stays where it is until the cable has been cut
+        tool = self.second.processes("gs_roach")
+        self.second.kill(signal.SIGSTOP, tool)
+        self.first.do("ip", "link", "set", "cable", "down")
+        run_id, _ = self.failed_backup(job=job)
+        self.second.kill(signal.SIGCONT, tool)
+        self.assertRegex(self.first.do("zenbrak3", "job", "log", run_id),
+                         "The agent on host2 has gone")
+        self.check_nothing_is_left()
+        self.first.do("ip", "link", "set", "cable", "up")
+        self.wait_for_group()
+        self.backup()
+        self.check_nothing_is_left()
+        for host in self.hosts:
+            self.assertFalse(self.policy(host).exists())
+
+
+if __name__ == "__main__":
+    sys.exit(unittest.main(verbosity=2))
