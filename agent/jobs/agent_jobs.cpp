@@ -130,6 +130,9 @@ void Agent_Jobs::ended(Job const& job, Job_Outcome const& outcome) {
             return;
         run.percent = 100;
         run.set_size = job.activity().set_size;
+        // what another tool moves is told in percent meanwhile
+        if (run.processed_size == 0)
+            run.processed_size = job.activity().size;
     });
 }
 

@@ -97,6 +97,22 @@ TEST_F(Agent_Jobs_Test, keeps_all_that_a_run_tells) {
     EXPECT_EQ(5, run.end_time - run.start_time);
 }
 
+TEST_F(Agent_Jobs_Test, a_job_that_tells_percents_only_has_its_size_in_the_end) {
+    auto const end_as = [&](bool success) {
+        return run([&](Job& job, Job_Event_Handler& events) {
+            events.handle_start_job();
+            events.handle_progress(40, 0, 0, 0);
+            job.activity().size = 77;
+            if (success)
+                events.handle_success();
+            else
+                events.handle_failure(-1, "it broke");
+        });
+    };
+    EXPECT_EQ(77u, found(end_as(true)).processed_size);
+    EXPECT_EQ(0u, found(end_as(false)).processed_size);
+}
+
 TEST_F(Agent_Jobs_Test, the_record_outlives_the_process) {
     std::string const id = run([](Job& job, Job_Event_Handler& events) {
         events.handle_start_job();
