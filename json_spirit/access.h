@@ -282,15 +282,18 @@ struct Get_secure_string_Helper {
     secure_string const& operator()(Value const& value) const { return value.get_secure_str(); }
 };
 
-/** The elements of one type as a range of what they hold; others are passed over. */
+/** The elements of one type as a range of what they hold; others are passed over. The range refers
+ *  to the array, which therefore has to outlive it. */
 inline auto objects_of(Array const& array) {
     return array | boost::adaptors::filtered(Type_Checker(obj_type)) |
            boost::adaptors::transformed(Get_Object_Helper());
 }
+void objects_of(Array const&&) = delete;
 inline auto strings_of(Array const& array) {
     return array | boost::adaptors::filtered(Type_Checker(str_type)) |
            boost::adaptors::transformed(Get_String_type_Helper());
 }
+void strings_of(Array const&&) = delete;
 
 /** Copies into @a target the value of @a key in @a changes; nothing when it is not there. */
 void update_json_partial(Object& target, Object const& changes, std::string const& key);

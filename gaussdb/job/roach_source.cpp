@@ -334,8 +334,8 @@ bool Roach_Source::restore_roach_metadata(json_spirit::Object const& catalog,
                      backup_key.c_str());
             return false;
         }
-        std::string const restored = string_sprintf("%s/%s/roach/%s", cache_dir.c_str(),
-                                                    meta_destination.c_str(), backup_key.c_str());
+        std::string const restored =
+            metadata_directory(cache_dir + "/" + meta_destination, backup_key);
         if (std::rename(restored.c_str(), path.c_str()) == -1) {
             QMRT_LOG(LM_ERROR, "Failed to restore %s, errno=%d, %m\n", path.c_str(), errno);
             return false;

@@ -97,8 +97,8 @@ public:
     /**
      * The directory that holds a backup's metadata, below the metadata directory that the tool was
      * given: <meta_destination>/<backup_key> or, where the tool keeps its backups in a directory
-     * of their own, <meta_destination>/roach/<backup_key>. The latter is what
-     * restore_roach_metadata() brings back.
+     * of their own, <meta_destination>/roach/<backup_key>. restore_roach_metadata() brings either
+     * back as the latter.
      */
     static std::string metadata_directory(std::string const& meta_destination,
                                           std::string const& backup_key);

@@ -397,7 +397,7 @@ TEST_F(Roach_Source_Test, a_configuration_that_is_missing_in_the_pool) {
 
 class Roach_Metadata_Test : public Roach_Source_Test {
 protected:
-    /** Archives <meta>/roach/1_1 of this host as the third backup of its resource. */
+    /** Archives the directory of the key 1_1 on this host as the third backup of its resource. */
     void archive() {
         MTF_Backup backup(std::make_shared<GaussDB_Event_Handler>(), MTF::Metadata(), {});
         backup.pool_uuid("pool-1");
@@ -474,6 +474,14 @@ TEST_F(Roach_Metadata_Test, a_directory_that_is_there_is_replaced_for_a_new_clus
     EXPECT_TRUE(restore(true, catalog()));
     EXPECT_EQ("archived", content(root("meta/roach/1_1/x")));
     EXPECT_FALSE(exists(root("meta/roach/1_1/y")));
+}
+
+TEST_F(Roach_Metadata_Test, a_directory_that_lay_plain_comes_back_among_the_tools_own) {
+    write(root("meta/1_1/x"), "archived");
+    archive();
+    rm_rf(root("meta").c_str());
+    EXPECT_TRUE(restore(false, catalog()));
+    EXPECT_EQ("archived", content(root("meta/roach/1_1/x")));
 }
 
 TEST_F(Roach_Metadata_Test, an_archive_that_is_not_there) {
