@@ -9,9 +9,12 @@ if(CCACHE)
     set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
 endif()
 
-add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wvla -Werror
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wvla
     # no machine's path in the product, and the same objects from any checkout
     -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+if(NOT CMAKE_UNITY_BUILD) # where several sources are one, a warning may be about that alone
+    add_compile_options(-Werror)
+endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
     # at -O3 g++ 12 takes the copying within std::string for an overlap that cannot be
     add_compile_options(-Wno-restrict)

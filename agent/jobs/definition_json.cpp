@@ -18,8 +18,8 @@ using json_spirit::Value;
 
 namespace {
 
-constexpr char const* TYPES[] = {"", "backup", "restore", "standby", "storage"};
-static_assert(std::size(TYPES) == JOB_DEFINITION_STORAGE + 1);
+constexpr char const* JOB_TYPES[] = {"", "backup", "restore", "standby", "storage"};
+static_assert(std::size(JOB_TYPES) == JOB_DEFINITION_STORAGE + 1);
 
 constexpr size_t MAX_NAME_SIZE = 200;
 constexpr char RATE_SEPARATOR = ';';
@@ -358,5 +358,5 @@ std::string instance_of_definition(Object const& definition) {
 
 char const* job_definition_type_name(Job_Definition_Type type) {
     auto const index = static_cast<unsigned>(type);
-    return index < std::size(TYPES) ? TYPES[index] : "";
+    return index < std::size(JOB_TYPES) ? JOB_TYPES[index] : "";
 }

@@ -12,9 +12,10 @@ using json_spirit::Object;
 
 namespace {
 
-constexpr char SELECT[] = "SELECT id, name, instance, enabled, body, planned FROM job_definitions ";
+constexpr char SELECT_DEFINITION[] =
+    "SELECT id, name, instance, enabled, body, planned FROM job_definitions ";
 
-Stored_Definition row_of(SQLite::Statement& statement) {
+Stored_Definition definition_of(SQLite::Statement& statement) {
     Stored_Definition row;
     row.id = statement.getColumn(0).getString();
     row.name = statement.getColumn(1).getString();
@@ -32,11 +33,11 @@ Stored_Definition row_of(SQLite::Statement& statement) {
 
 std::optional<Stored_Definition> find_row(SQLite::Database& database, char const* column,
                                           std::string const& key) {
-    SQLite::Statement select(database, std::string(SELECT) + "WHERE " + column + " = ?");
+    SQLite::Statement select(database, std::string(SELECT_DEFINITION) + "WHERE " + column + " = ?");
     select.bind(1, key);
     if (!select.executeStep())
         return std::nullopt;
-    return row_of(select);
+    return definition_of(select);
 }
 
 /** Whether an earlier definition's times are those of a later one. */
@@ -104,9 +105,9 @@ Job_Answer Definition_Store::find(std::string const& id_or_name, Stored_Definiti
 Job_Answer Definition_Store::list(std::vector<Stored_Definition>& result) {
     std::vector<Stored_Definition> rows;
     bool const done = database_.read("list the definitions", [&](SQLite::Database& database) {
-        SQLite::Statement select(database, std::string(SELECT) + "ORDER BY name");
+        SQLite::Statement select(database, std::string(SELECT_DEFINITION) + "ORDER BY name");
         while (select.executeStep())
-            rows.push_back(row_of(select));
+            rows.push_back(definition_of(select));
         return true;
     });
     if (!done)

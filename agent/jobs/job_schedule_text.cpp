@@ -19,9 +19,9 @@ constexpr time_t MAX_PAUSE = 366 * DAY;
 /** More than any zone is away from UTC. */
 constexpr time_t WIDEST_OFFSET = 30 * HOUR;
 
-constexpr char const* TYPES[] = {"none",   "once",    "hourly",     "daily",
-                                 "weekly", "monthly", "continuous", "ondemand"};
-static_assert(std::size(TYPES) == Job_Schedule::TYPE_ONDEMAND + 1);
+constexpr char const* SCHEDULE_TYPES[] = {"none",   "once",    "hourly",     "daily",
+                                          "weekly", "monthly", "continuous", "ondemand"};
+static_assert(std::size(SCHEDULE_TYPES) == Job_Schedule::TYPE_ONDEMAND + 1);
 
 constexpr char const* MONTHS[] = {"jan", "feb", "mar", "apr", "may", "jun",  "jul",
                                   "aug", "sep", "oct", "nov", "dec", nullptr};
@@ -156,15 +156,15 @@ private:
 
 bool Job_Schedule_Text::parse(std::string const& type, std::string const& at,
                               Job_Schedule_Text& result, std::string& error) {
-    auto const name = std::find(std::begin(TYPES), std::end(TYPES), type);
-    if (name == std::end(TYPES)) {
+    auto const name = std::find(std::begin(SCHEDULE_TYPES), std::end(SCHEDULE_TYPES), type);
+    if (name == std::end(SCHEDULE_TYPES)) {
         error = "\"" + type +
                 "\" is no type of schedule: none, once, hourly, daily, weekly, "
                 "monthly, continuous or ondemand";
         return false;
     }
     Job_Schedule_Text parsed;
-    parsed.type(static_cast<Type>(name - std::begin(TYPES)));
+    parsed.type(static_cast<Type>(name - std::begin(SCHEDULE_TYPES)));
     parsed.at_ = at;
     if (!parsed.parse_at(error))
         return false;
@@ -174,7 +174,7 @@ bool Job_Schedule_Text::parse(std::string const& type, std::string const& at,
 
 char const* Job_Schedule_Text::type_name(Type type) {
     auto const index = static_cast<unsigned>(type);
-    return index < std::size(TYPES) ? TYPES[index] : "";
+    return index < std::size(SCHEDULE_TYPES) ? SCHEDULE_TYPES[index] : "";
 }
 
 bool Job_Schedule_Text::parse_at(std::string& error) {

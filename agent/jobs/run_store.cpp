@@ -9,12 +9,12 @@
 
 namespace {
 
-constexpr char SELECT[] =
+constexpr char SELECT_RUN[] =
     "SELECT run_id, definition, name, type, subtype, instance, state, code, message, percent, "
     "processed_size, total_size, speed, set_size, start_time, end_time, "
     "(SELECT count(*) FROM job_alerts WHERE job_alerts.run_id = job_runs.run_id) FROM job_runs ";
 
-Job_Run row_of(SQLite::Statement& row) {
+Job_Run run_of(SQLite::Statement& row) {
     auto const size = [&](int column) {
         return static_cast<uint64_t>(row.getColumn(column).getInt64());
     };
@@ -138,7 +138,7 @@ Job_Answer Run_Store::list(Run_Query const& query, std::vector<Job_Run>& result)
     std::vector<Job_Run> runs;
     bool const done = database_.read("list the runs", [&](SQLite::Database& database) {
         SQLite::Statement select(database,
-                                 std::string(SELECT) +
+                                 std::string(SELECT_RUN) +
                                      "WHERE (?1 = '' OR definition = ?1 OR name = ?1) AND "
                                      "(?2 = '' OR instance = ?2) AND (?3 = -1 OR state = ?3) "
                                      "ORDER BY number DESC LIMIT ?4");
@@ -147,7 +147,7 @@ Job_Answer Run_Store::list(Run_Query const& query, std::vector<Job_Run>& result)
         select.bind(3, state);
         select.bind(4, static_cast<int64_t>(std::min(query.limit, Run_Query::MAX_LIMIT)));
         while (select.executeStep())
-            runs.push_back(row_of(select));
+            runs.push_back(run_of(select));
         return true;
     });
     if (!done)
@@ -164,10 +164,10 @@ Job_Answer Run_Store::find(std::string const& beginning, Job_Run& result) {
     bool const is_one =
         !prefix.empty() && prefix.find_first_not_of("0123456789abcdef-") == std::string::npos;
     bool const done = !is_one || database_.read("find a run", [&](SQLite::Database& database) {
-        SQLite::Statement select(database, std::string(SELECT) + "WHERE run_id GLOB ? LIMIT 2");
+        SQLite::Statement select(database, std::string(SELECT_RUN) + "WHERE run_id GLOB ? LIMIT 2");
         select.bind(1, prefix + "*");
         while (select.executeStep())
-            runs.push_back(row_of(select));
+            runs.push_back(run_of(select));
         return true;
     });
     if (!done)
@@ -184,12 +184,13 @@ Job_Answer Run_Store::find(std::string const& beginning, Job_Run& result) {
 Job_Answer Run_Store::last(std::string const& definition, Job_Run& result) {
     bool found = false;
     bool const done = database_.read("find the last run", [&](SQLite::Database& database) {
-        SQLite::Statement select(database, std::string(SELECT) + "WHERE definition = ? "
-                                                                 "ORDER BY number DESC LIMIT 1");
+        SQLite::Statement select(database, std::string(SELECT_RUN) +
+                                               "WHERE definition = ? "
+                                               "ORDER BY number DESC LIMIT 1");
         select.bind(1, definition);
         found = select.executeStep();
         if (found)
-            result = row_of(select);
+            result = run_of(select);
         return true;
     });
     if (!done)

@@ -23,7 +23,7 @@ using boost::system::error_code;
 using json_spirit::Object;
 
 namespace {
-constexpr char ENDING[] = "this agent is ending";
+constexpr char AGENT_ENDING[] = "this agent is ending";
 constexpr char TRYING[] = "the connection to the backup server is being made";
 } // namespace
 
@@ -193,7 +193,7 @@ void Group_Connection::Impl::fail(std::string const& why) {
     {
         std::lock_guard const guard(mutex);
         former.swap(peer);
-        reason = stopping ? ENDING : "the backup server at " + options.url + ": " + why;
+        reason = stopping ? AGENT_ENDING : "the backup server at " + options.url + ": " + why;
         changed.notify_all();
     }
     stream.reset();
@@ -215,7 +215,7 @@ void Group_Connection::Impl::end() {
         beast::get_lowest_layer(*stream).close();
     sessions.stop();
     std::lock_guard const guard(mutex);
-    reason = ENDING;
+    reason = AGENT_ENDING;
     changed.notify_all();
 }
 
@@ -248,7 +248,8 @@ void Group_Connection::stop() {
 JSON_RPC_Channel_var Group_Connection::channel(std::chrono::milliseconds wait,
                                                std::string& reason) const {
     std::unique_lock lock(impl_->mutex);
-    impl_->changed.wait_for(lock, wait, [this] { return impl_->peer || impl_->reason == ENDING; });
+    impl_->changed.wait_for(lock, wait,
+                            [this] { return impl_->peer || impl_->reason == AGENT_ENDING; });
     reason = impl_->reason;
     return impl_->peer ? impl_->peer->channel() : JSON_RPC_Channel_var();
 }

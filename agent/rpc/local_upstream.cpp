@@ -6,10 +6,10 @@ using json_spirit::Value;
 
 namespace {
 
-char const ENDING[] = "the backup server is ending";
+char const SERVER_ENDING[] = "the backup server is ending";
 
 bool unreachable(JSON_RPC_Reply& reply) {
-    reply = {Value(), JSON_RPC_UNREACHABLE, ENDING, Value()};
+    reply = {Value(), JSON_RPC_UNREACHABLE, SERVER_ENDING, Value()};
     return false;
 }
 
@@ -22,7 +22,7 @@ bool Local_Upstream::rest(HTTP_Request const& request, Value const* body, HTTP_R
         *result = Value();
     Rest_Request asked{request.method(), request.path(), {}, body ? *body : Value()};
     if (closed_ || !http_parse_query(request.query_string(), asked.query)) {
-        response.error(closed_ ? ENDING : "the query has a broken escape in it");
+        response.error(closed_ ? SERVER_ENDING : "the query has a broken escape in it");
         return false;
     }
     Value answer;
@@ -62,6 +62,6 @@ bool Local_Upstream::notify(std::string const& method, Value const& params, std:
                                   RPC_PEER_LOCAL);
     if (taken == 0)
         return true;
-    error = closed_ ? ENDING : "nobody takes the notification";
+    error = closed_ ? SERVER_ENDING : "nobody takes the notification";
     return false;
 }

@@ -126,7 +126,7 @@ private:
     JSON_RPC_Object_var object_;
 };
 
-bool fail(JSON_RPC_Reply& reply, int code, std::string message, Value data = Value()) {
+bool fail_with(JSON_RPC_Reply& reply, int code, std::string message, Value data = Value()) {
     reply = {Value(), code, std::move(message), std::move(data)};
     return false;
 }
@@ -212,7 +212,7 @@ bool Method_Table::call(std::string const& method, Value const& params, std::str
                         std::chrono::milliseconds timeout, JSON_RPC_Reply& reply) {
     Entry entry;
     if (!impl_->find(method, entry))
-        return fail(reply, JSON_RPC_METHOD_NOT_FOUND, NO_METHOD);
+        return fail_with(reply, JSON_RPC_METHOD_NOT_FOUND, NO_METHOD);
     if (entry.handler) {
         auto* const catcher = new Reply_Catcher;
         JSON_RPC_Channel_var const channel(catcher);
@@ -228,9 +228,9 @@ bool Method_Table::call(std::string const& method, Value const& params, std::str
     } catch (std::exception const& error) {
         QMRT_LOG(LM_ERROR, "The handler of JSON-RPC '%s' ended with an exception, %s\n",
                  qmrt::to_one_line(method).c_str(), qmrt::to_one_line(error.what()).c_str());
-        return fail(reply, JSON_RPC_INTERNAL_ERROR, "Internal error");
+        return fail_with(reply, JSON_RPC_INTERNAL_ERROR, "Internal error");
     }
-    return fail(reply, fault.code, std::move(fault.message), std::move(fault.data));
+    return fail_with(reply, fault.code, std::move(fault.message), std::move(fault.data));
 }
 
 void Method_Table::stop() {

@@ -9,7 +9,7 @@ namespace websocket = boost::beast::websocket;
 using boost::system::error_code;
 
 namespace {
-constexpr size_t READ_SIZE = 64 * 1024;
+constexpr size_t INBOX_SIZE = 64 * 1024;
 constexpr int PINGS_UNANSWERED = 3;
 } // namespace
 
@@ -42,7 +42,7 @@ void Ws_Peer::read() {
             return;
     }
     reading_ = true;
-    stream_->async_read_some(inbox_, READ_SIZE, [self = self()](error_code const& error, size_t) {
+    stream_->async_read_some(inbox_, INBOX_SIZE, [self = self()](error_code const& error, size_t) {
         self->reading_ = false;
         self->on_read(error);
     });
@@ -67,7 +67,7 @@ void Ws_Peer::on_read(error_code const& error) {
     else
         take("binary"); // which is answered as no JSON
     inbox_.clear();
-    if (inbox_.capacity() > READ_SIZE)
+    if (inbox_.capacity() > INBOX_SIZE)
         inbox_.shrink_to_fit();
     go_on();
 }

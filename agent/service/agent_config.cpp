@@ -17,7 +17,7 @@ using Number = int64_t Agent_Config::*;
 using Switch = bool Agent_Config::*;
 
 /** A key: where its value goes, and which values it takes. */
-struct Row {
+struct Key_Row {
     char const* table;
     char const* key;
     std::variant<Text, Number, Switch> member;
@@ -28,9 +28,9 @@ struct Row {
     bool is_path = false;                ///< absolute, or "" where that is the default
 };
 
-std::vector<Row> const& rows() {
+std::vector<Key_Row> const& rows() {
     using C = Agent_Config;
-    static std::vector<Row> const table = {
+    static std::vector<Key_Row> const table = {
         {"agent", "name", &C::name},
         {.table = "agent", .key = "data_dir", .member = &C::data_dir, .is_path = true},
         {.table = "agent", .key = "module", .member = &C::module, .is_path = true},
@@ -70,26 +70,26 @@ std::vector<Row> const& rows() {
     return table;
 }
 
-Row const* find_row(std::string_view table, std::string_view key) {
-    for (Row const& row : rows())
+Key_Row const* find_row(std::string_view table, std::string_view key) {
+    for (Key_Row const& row : rows())
         if (table == row.table && key == row.key)
             return &row;
     return nullptr;
 }
 
 bool is_table(std::string_view table) {
-    for (Row const& row : rows())
+    for (Key_Row const& row : rows())
         if (table == row.table)
             return true;
     return false;
 }
 
-std::string name_of(Row const& row) {
+std::string name_of(Key_Row const& row) {
     return std::string(row.table) + "." + row.key;
 }
 
 /** What is wrong with a value; "" when it was taken. */
-std::string take(Agent_Config& config, Row const& row, toml::node const& node) {
+std::string take(Agent_Config& config, Key_Row const& row, toml::node const& node) {
     if (Text const* const text = std::get_if<Text>(&row.member)) {
         auto const value = node.value_exact<std::string>();
         if (!value)
@@ -146,7 +146,7 @@ std::string take_all(Agent_Config& config, std::string const& path, toml::table 
         if (!keys)
             return at(path, table_name.source()) + "\"" + table + "\" is a table: [" + table + "]";
         for (auto const& [key, node] : *keys) {
-            Row const* const row = find_row(table, key.str());
+            Key_Row const* const row = find_row(table, key.str());
             if (!row)
                 return at(path, key.source()) + "\"" + table + "." + std::string(key.str()) +
                        "\" is no known key";
@@ -182,7 +182,7 @@ std::string disagreement(Agent_Config const& config) {
 
 std::vector<Agent_Config::Key> Agent_Config::keys_and_values() const {
     std::vector<Key> keys;
-    for (Row const& row : rows()) {
+    for (Key_Row const& row : rows()) {
         std::string value;
         if (Text const* const text = std::get_if<Text>(&row.member))
             value = quoted(this->**text);
@@ -216,7 +216,7 @@ bool Agent_Config::read(std::string const& path, bool must_exist, std::string& e
 
 std::vector<std::string> Agent_Config::restart_needed(Agent_Config const& other) const {
     std::vector<std::string> names;
-    for (Row const& row : rows()) {
+    for (Key_Row const& row : rows()) {
         bool const same =
             std::visit([&](auto member) { return this->*member == other.*member; }, row.member);
         if (row.at_start && !same)

@@ -17,13 +17,13 @@
 namespace {
 
 /** A priority: ACE's, syslog's, and its word. */
-struct Row {
+struct Level_Row {
     ACE_Log_Priority priority;
     int level;
     char const* word;
 };
 
-constexpr Row ROWS[] = {
+constexpr Level_Row LEVELS[] = {
     {LM_EMERGENCY, LOG_CRIT, "critical"}, // a broken precondition: our fault, not the machine's end
     {LM_ALERT, LOG_ALERT, "alert"},       {LM_CRITICAL, LOG_CRIT, "critical"},
     {LM_ERROR, LOG_ERR, "error"},         {LM_WARNING, LOG_WARNING, "warning"},
@@ -31,11 +31,11 @@ constexpr Row ROWS[] = {
     {LM_DEBUG, LOG_DEBUG, "debug"},
 };
 
-Row const& row_of(unsigned long priority) {
-    for (Row const& row : ROWS)
+Level_Row const& row_of(unsigned long priority) {
+    for (Level_Row const& row : LEVELS)
         if (priority == static_cast<unsigned long>(row.priority))
             return row;
-    return ROWS[sizeof ROWS / sizeof *ROWS - 1];
+    return LEVELS[sizeof LEVELS / sizeof *LEVELS - 1];
 }
 
 std::atomic<int> lowest_level = LOG_INFO;
@@ -60,7 +60,7 @@ public:
     int close() override { return 0; }
 
     ssize_t log(ACE_Log_Record& record) override {
-        Row const& row = row_of(record.type());
+        Level_Row const& row = row_of(record.type());
         if (row.level > lowest_level)
             return 0;
         std::string text(record.msg_data());
@@ -83,7 +83,7 @@ private:
 } // namespace
 
 void agent_log_level(std::string const& level) {
-    for (Row const& row : ROWS)
+    for (Level_Row const& row : LEVELS)
         if (level == row.word)
             lowest_level = row.level;
 }

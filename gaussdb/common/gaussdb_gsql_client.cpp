@@ -13,11 +13,7 @@
 namespace {
 
 boost::regex const
-    RE_VERSION("PostgreSQL\\s+(\\d+\\.\\d+\\.\\d+)\\s+\\(GaussDB\\s+Kernel\\s+(V\\d+R\\d+C\\d+)");
-
-constexpr unsigned int REDIRECT_ALL = ACE_Process_Ex::REDIRECT_STDIN |
-                                      ACE_Process_Ex::REDIRECT_STDOUT |
-                                      ACE_Process_Ex::REDIRECT_STDERR;
+    RE_RELEASE("PostgreSQL\\s+(\\d+\\.\\d+\\.\\d+)\\s+\\(GaussDB\\s+Kernel\\s+(V\\d+R\\d+C\\d+)");
 
 } // namespace
 
@@ -67,7 +63,7 @@ std::string GaussDB_Gsql_Client::get_version() const {
     std::vector<std::string> rows;
     qmrt::svmatch groups;
     if (!query("select version()", rows, true) || rows.empty() ||
-        !qmrt::regex_search(rows.front(), groups, RE_VERSION))
+        !qmrt::regex_search(rows.front(), groups, RE_RELEASE))
         return "";
     return groups[2];
 }
@@ -91,5 +87,5 @@ bool GaussDB_Gsql_Client::query(char const* cmd, std::vector<std::string>& resul
                       : !set_command_line(opts, "gsql -h \"%s\" -t -c \"%s\"", host_.c_str(), cmd))
         return false;
     Gsql_Query_Line_Handler handler(result, password_.c_str(), Text_Process_Handler::TPHF_LOG_CMD);
-    return handler.execute(REDIRECT_ALL, opts) == 0;
+    return handler.execute(ACE_Process_Ex::REDIRECT_ALL, opts) == 0;
 }

@@ -11,10 +11,6 @@ namespace {
 boost::regex const RE_BAR("^[-\\s]+$");
 boost::regex const RE_END("^\\d+\\srows\\sfetched.$");
 
-constexpr unsigned int REDIRECT_ALL = ACE_Process_Ex::REDIRECT_STDIN |
-                                      ACE_Process_Ex::REDIRECT_STDOUT |
-                                      ACE_Process_Ex::REDIRECT_STDERR;
-
 } // namespace
 
 Zsql_Query_Line_Handler::Zsql_Query_Line_Handler(std::vector<std::string>& rows,
@@ -87,7 +83,7 @@ bool GaussDB_Zsql_Client::query_i(char const* cmd, std::vector<std::string>& res
     Zsql_Query_Line_Handler handler(result, password, &error,
                                     log ? Text_Process_Handler::TPHF_LOG_CMD
                                         : Text_Process_Handler::TPHF_LOG_NONE);
-    if (handler.execute(REDIRECT_ALL, opts) == 0)
+    if (handler.execute(ACE_Process_Ex::REDIRECT_ALL, opts) == 0)
         return true;
     QMRT_LOG(LM_ERROR, "Failed to run cmd '%s', %s\n", cmd, error.c_str());
     return false;

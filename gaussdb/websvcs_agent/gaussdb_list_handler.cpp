@@ -41,13 +41,13 @@ List_Request read(json_spirit::Object const& params) {
 }
 
 /** What came of a listing: a null text for success. */
-struct Outcome {
+struct List_Outcome {
     char const* fault = nullptr;
     json_spirit::Value result{};
 };
 
-Outcome list_databases(GaussDB_Cluster_Handler const& handler, std::string const& username,
-                       secure_string const& password) {
+List_Outcome list_databases(GaussDB_Cluster_Handler const& handler, std::string const& username,
+                            secure_string const& password) {
     std::vector<std::string> names;
     if (!handler.list_database(username.c_str(), password.c_str(), names))
         return {"Internal error: fail to get databases info"};
@@ -58,7 +58,7 @@ Outcome list_databases(GaussDB_Cluster_Handler const& handler, std::string const
     return {nullptr, json_spirit::Object_Maker()("databases", std::move(databases))};
 }
 
-Outcome list_schemas(GaussDB_Cluster_Handler const& handler, std::string const& database) {
+List_Outcome list_schemas(GaussDB_Cluster_Handler const& handler, std::string const& database) {
     GaussDB_Client_ptr const client = handler.create_client("", "", database.c_str());
     if (!client)
         return {"Internal error: fail to create client"};
@@ -69,7 +69,7 @@ Outcome list_schemas(GaussDB_Cluster_Handler const& handler, std::string const& 
     return {nullptr, json_spirit::Object_Maker()("schemas", std::move(schemas))};
 }
 
-Outcome list(Instance_Manager& manager, List_Request const& wanted) {
+List_Outcome list(Instance_Manager& manager, List_Request const& wanted) {
     std::string username;
     secure_string password;
     if (manager.get_account("gaussdb", wanted.uid.c_str(), wanted.instance.c_str(), username,
@@ -149,7 +149,7 @@ int JSON_RPC_GaussDB_List_Handler::list_gaussdb_databases(JSON_RPC_Channel* chan
     Instance_Manager* const manager = Instance_Manager::instance();
     if (QMRT_IS_NULL(manager))
         return -1;
-    Outcome outcome = list(*manager, wanted);
+    List_Outcome outcome = list(*manager, wanted);
     if (outcome.fault)
         return channel->send_error(JSON_RPC_INTERNAL_ERROR, request->id(), outcome.fault);
     result_of(response) = std::move(outcome.result);

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr char INVALID_PARAMS[] = "Invalid params\n";
+constexpr char INVALID_SOURCE[] = "Invalid params\n";
 
 /** A request, read; texts point into its params. */
 struct Roach_Request {
@@ -103,14 +103,14 @@ bool is_given(std::string const* text) {
 }
 
 /** What a request came to: a null text for success. */
-struct Outcome {
+struct Source_Outcome {
     int code = 0;
     char const* text = nullptr;
 };
 
-Outcome remove_source(Roach_Request const& request) {
+Source_Outcome remove_source(Roach_Request const& request) {
     if (!request.pool_uuid)
-        return {JSON_RPC_INVALID_PARAMS, INVALID_PARAMS};
+        return {JSON_RPC_INVALID_PARAMS, INVALID_SOURCE};
     if (is_given(request.definition_uuid))
         rm_rf(Roach_Source::cache_directory(*request.definition_uuid).c_str());
     if (!request.source().remove_policy())
@@ -118,7 +118,7 @@ Outcome remove_source(Roach_Request const& request) {
     return {};
 }
 
-Outcome restore_chain(Roach_Request const& request, Roach_Source& source) {
+Source_Outcome restore_chain(Roach_Request const& request, Roach_Source& source) {
     std::string const cache = Roach_Source::cache_directory(*request.definition_uuid);
     for (json_spirit::Object const& catalog : json_spirit::objects_of(*request.catalogs))
         // whatever stands in the place of this backup's metadata is of another chain
@@ -128,10 +128,10 @@ Outcome restore_chain(Roach_Request const& request, Roach_Source& source) {
     return {};
 }
 
-Outcome add_source(Roach_Request const& request) {
+Source_Outcome add_source(Roach_Request const& request) {
     if (!request.cluster_id || !request.device_uuid || !request.pool_uuid || !request.uuid ||
         !request.compression || !request.os_user)
-        return {JSON_RPC_INVALID_PARAMS, INVALID_PARAMS};
+        return {JSON_RPC_INVALID_PARAMS, INVALID_SOURCE};
     if (is_given(request.delete_meta_path))
         rm_rf(request.delete_meta_path->c_str());
     Roach_Source source = request.source();
@@ -175,9 +175,9 @@ int JSON_RPC_Roach_Source_Handler::handle_roach_source(JSON_RPC_Channel* channel
                 unlink((directory + "/postmaster.pid").c_str());
     } catch (std::exception const& error) {
         QMRT_LOG(LM_ERROR, "Failed to add roach source, %s\n", error.what());
-        return channel->send_error(JSON_RPC_INVALID_PARAMS, request->id(), INVALID_PARAMS);
+        return channel->send_error(JSON_RPC_INVALID_PARAMS, request->id(), INVALID_SOURCE);
     }
-    Outcome const outcome = wanted.adds() ? add_source(wanted) : remove_source(wanted);
+    Source_Outcome const outcome = wanted.adds() ? add_source(wanted) : remove_source(wanted);
     if (outcome.text)
         return channel->send_error(outcome.code, request->id(), outcome.text);
     JSON_RPC_Object_var const response(new (std::nothrow) JSON_RPC_Response(request));

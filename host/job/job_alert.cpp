@@ -7,13 +7,13 @@
 
 namespace {
 
-struct Row {
+struct Alert_Row {
     unsigned long level;
     unsigned long code;
     char const* text;
 };
 
-constexpr Row ROWS[] = {
+constexpr Alert_Row ALERTS[] = {
     {7, 1, "The backup set was not found in the catalog, or a set that it builds on is missing"},
     {7, 2, "The backup set could not be committed to the catalog"},
     {7, 3, "The database cluster is neither normal nor degraded, it was not backed up"},
@@ -29,7 +29,7 @@ constexpr Row ROWS[] = {
 } // namespace
 
 std::string job_alert_text(unsigned long level, unsigned long code) {
-    for (Row const& row : ROWS)
+    for (Alert_Row const& row : ALERTS)
         if (row.level == level && row.code == code)
             return row.text;
     return string_sprintf("Alert %lu of level %lu", code, level);

@@ -4,12 +4,12 @@
 
 namespace {
 
-struct Row {
+struct State_Row {
     char const* name;
     bool run;
 };
 
-constexpr Row ROWS[] = {
+constexpr State_Row STATES[] = {
     {"none", false},       {"idle", false},
     {"starting", true},    {"running", true},
     {"pausing", true},     {"paused", true},
@@ -24,22 +24,22 @@ constexpr Row ROWS[] = {
     {"syncing", true},     {"switching", true},
     {"activating", true},  {"opening", true},
 };
-static_assert(std::size(ROWS) == JOB_STATE_OPENING + 1);
+static_assert(std::size(STATES) == JOB_STATE_OPENING + 1);
 
-Row const* row_of(Job_State state) {
+State_Row const* row_of(Job_State state) {
     auto const index = static_cast<unsigned int>(state);
-    return index < std::size(ROWS) ? &ROWS[index] : nullptr;
+    return index < std::size(STATES) ? &STATES[index] : nullptr;
 }
 
 } // namespace
 
 char const* job_state_to_string(Job_State state) {
-    Row const* const row = row_of(state);
+    State_Row const* const row = row_of(state);
     return row ? row->name : "unknown";
 }
 
 bool is_run_state(Job_State state) {
-    Row const* const row = row_of(state);
+    State_Row const* const row = row_of(state);
     return row && row->run;
 }
 

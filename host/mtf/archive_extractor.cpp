@@ -15,7 +15,7 @@ namespace MTF {
 
 namespace {
 
-constexpr size_t BUFFER_SIZE = 256 * 1024;
+constexpr size_t READ_AHEAD = 256 * 1024;
 constexpr size_t DECODE_STEP = 1024;
 
 /** Zeros are hashed in steps of this size, so that a cancel is seen between them. */
@@ -42,7 +42,7 @@ struct Archive_Extractor::Source {
     static la_ssize_t read(archive* reader, void* self, void const** data) {
         auto& source = *static_cast<Source*>(self);
         source.decoded.clear();
-        while (source.decoded.size() < BUFFER_SIZE && !source.at_end)
+        while (source.decoded.size() < READ_AHEAD && !source.at_end)
             if (!source.advance()) {
                 archive_set_error(reader, EIO, "%s", source.fault.c_str());
                 return -1;
@@ -100,7 +100,7 @@ struct Archive_Extractor::Source {
 
     Archive_Store::Input& input;
     int64_t const seq;
-    std::vector<char> buffer = std::vector<char>(BUFFER_SIZE);
+    std::vector<char> buffer = std::vector<char>(READ_AHEAD);
     std::string_view left; ///< of the buffer
     std::string begin;     ///< of the archive, until its method is known
     std::string decoded;

@@ -12,7 +12,7 @@
 namespace MTF {
 
 namespace {
-constexpr size_t BUFFER_SIZE = 256 * 1024;
+constexpr size_t BLOCK_SIZE = 256 * 1024;
 
 /** The highest level of a method; with more than 19, zstd takes hundreds of megabytes to read. */
 int max_level(Compression_Method method) {
@@ -60,7 +60,7 @@ void Archive_Writer::Free::operator()(archive_entry* entry) const {
 }
 
 Archive_Writer::Archive_Writer(Archive_Store& store, Work_Report& report)
-    : store_(store), report_(report), buffer_(BUFFER_SIZE) {}
+    : store_(store), report_(report), buffer_(BLOCK_SIZE) {}
 
 Archive_Writer::~Archive_Writer() {
     given_up_ = true;
@@ -95,7 +95,7 @@ bool Archive_Writer::set_up_format() {
     archive* const writer = writer_.get();
     return archive_write_set_format_pax(writer) == ARCHIVE_OK &&
            archive_write_set_format_option(writer, "pax", "hdrcharset", "BINARY") == ARCHIVE_OK &&
-           archive_write_set_bytes_per_block(writer, BUFFER_SIZE) == ARCHIVE_OK &&
+           archive_write_set_bytes_per_block(writer, BLOCK_SIZE) == ARCHIVE_OK &&
            archive_write_set_bytes_in_last_block(writer, 1) == ARCHIVE_OK;
 }
 

@@ -43,6 +43,7 @@ public:
         REDIRECT_STDIN = 1,
         REDIRECT_STDOUT = 2,
         REDIRECT_STDERR = 4,
+        REDIRECT_ALL = 7,          ///< the three above, each in a pipe of its own
         REDIRECT_STDOUT_STDERR = 8 ///< both into the stdout pipe, in the order of the writing
     };
 

@@ -9,7 +9,6 @@
 namespace {
 
 constexpr mode_t FOLDER_MODE = 0750;
-constexpr mode_t OBJECT_MODE = 0640;
 constexpr int FOLDER_FLAGS = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 Storage_Result::Code code_of(int error) {

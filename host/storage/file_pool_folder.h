@@ -4,11 +4,20 @@
 #include "host/storage/storage_backend.h"
 #include "qmrt/file.h"
 
+#include <dirent.h>
 #include <memory>
 #include <sys/types.h>
 
 /** The result for a system call that failed with @a error: "<what>: <text of the error>". */
 Storage_Result storage_errno(std::string const& what, int error);
+
+/** What an object is made with; a shared pool's folder adds its group's rights. */
+constexpr mode_t OBJECT_MODE = 0640;
+
+/** For a std::unique_ptr of a directory that is being read. */
+struct Directory_Closer {
+    void operator()(DIR* directory) const { closedir(directory); }
+};
 
 /**
  * Who may use a pool besides its owner. In a pool whose folder its group may write, as one of mode

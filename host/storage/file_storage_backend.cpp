@@ -14,10 +14,6 @@
 
 namespace {
 
-struct Directory_Closer {
-    void operator()(DIR* directory) const { closedir(directory); }
-};
-
 Storage_Entry entry_of(std::string name, struct stat const& status) {
     Storage_Entry entry;
     entry.name = std::move(name);

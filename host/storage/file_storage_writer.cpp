@@ -15,12 +15,7 @@
 
 namespace {
 
-constexpr mode_t OBJECT_MODE = 0640;
 constexpr uint64_t WRITE_OUT_STEP = 8 * 1024 * 1024;
-
-struct Directory_Closer {
-    void operator()(DIR* directory) const { closedir(directory); }
-};
 
 /** True when nobody writes to the file any more: its writer holds a lock, and dies with it. */
 bool is_abandoned(int folder, char const* name, time_t age) {

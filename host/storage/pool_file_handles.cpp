@@ -8,14 +8,6 @@
 
 // the half of Pool_File_System that has to do with open files
 
-namespace {
-
-std::string name_of(std::string const& path) {
-    return path.substr(path.empty() ? 0 : 1);
-}
-
-} // namespace
-
 std::shared_ptr<Pool_File_System::Writing> Pool_File_System::writing_at(std::string const& path) {
     std::lock_guard const guard(mutex_);
     auto const found = writing_.find(path);

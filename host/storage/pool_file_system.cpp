@@ -14,18 +14,17 @@ namespace {
 constexpr size_t MAX_SIZES = 100000;
 constexpr unsigned BLOCK_SIZE = 4096;
 constexpr unsigned STAT_UNIT = 512;
-constexpr int64_t RETRY_WAIT_NS = NS_PER_SECOND;
-
-/** The object name of a path: without the "/" before it. */
-std::string name_of(std::string const& path) {
-    return path.substr(path.empty() ? 0 : 1);
-}
+constexpr int64_t ASK_AGAIN_NS = NS_PER_SECOND;
 
 } // namespace
 
 Pool_File_System::Pool_File_System(std::shared_ptr<Storage_Connection> connection,
                                    Settings const& settings)
     : connection_(std::move(connection)), settings_(settings) {}
+
+std::string Pool_File_System::name_of(std::string const& path) {
+    return path.substr(path.empty() ? 0 : 1);
+}
 
 Pool_File_System::~Pool_File_System() {
     for (auto const& [path, writing] : writing_)
@@ -64,7 +63,7 @@ Storage_Result Pool_File_System::ask(std::function<Storage_Result()> const& ques
         int64_t const left = allowed - (clock.steady_ns() - start);
         if (result.code() != Storage_Result::UNREACHABLE || left <= 0)
             return result;
-        clock.sleep_ns(std::min(RETRY_WAIT_NS, left));
+        clock.sleep_ns(std::min(ASK_AGAIN_NS, left));
     }
 }
 

@@ -73,6 +73,9 @@ public:
     void release(uint64_t handle);
 
 private:
+    /** The object name of a path: without the "/" before it. */
+    static std::string name_of(std::string const& path);
+
     /** A file that is open to be written, by one or several handles. */
     struct Writing {
         std::mutex mutex;

@@ -11,7 +11,7 @@ using json_spirit::Value;
 
 namespace {
 
-constexpr std::chrono::seconds LONG{60};
+constexpr std::chrono::seconds LONG_ENOUGH{60};
 
 JSON_RPC_Object_var request_of(char const* method, Value const& params) {
     JSON_RPC_Object_var object;
@@ -73,7 +73,7 @@ TEST(JSON_RPC_Session, a_response_is_nothing_to_notify_or_request_with) {
     JSON_RPC_Reply reply;
     EXPECT_EQ(-1, session.notify(response));
     EXPECT_LOGGED(LM_ERROR, "Refused to notify with a JSON-RPC object that has no method\n");
-    EXPECT_FALSE(session.request(response, LONG, reply));
+    EXPECT_FALSE(session.request(response, LONG_ENOUGH, reply));
     EXPECT_LOGGED(LM_ERROR, "Refused to request with a JSON-RPC object that is no request\n");
     EXPECT_EQ(JSON_RPC_INTERNAL_ERROR, reply.code);
     EXPECT_TRUE(channel.sent().empty());
@@ -84,11 +84,11 @@ TEST(JSON_RPC_Session, no_object_or_channel_is_a_broken_precondition) {
     JSON_RPC_Reply reply;
     EXPECT_EQ(-1, JSON_RPC_Session(&channel).notify(JSON_RPC_Object_var()));
     EXPECT_CHECK_LOGGED("object.get() is NULL");
-    EXPECT_FALSE(JSON_RPC_Session(&channel).request(JSON_RPC_Object_var(), LONG, reply));
+    EXPECT_FALSE(JSON_RPC_Session(&channel).request(JSON_RPC_Object_var(), LONG_ENOUGH, reply));
     EXPECT_CHECK_LOGGED("object.get() is NULL");
     EXPECT_EQ(-1, JSON_RPC_Session(nullptr).notify(request_of("m", Value())));
     EXPECT_CHECK_LOGGED("channel_ is NULL");
-    EXPECT_FALSE(JSON_RPC_Session(nullptr).request(request_of("m", Value()), LONG, reply));
+    EXPECT_FALSE(JSON_RPC_Session(nullptr).request(request_of("m", Value()), LONG_ENOUGH, reply));
     EXPECT_CHECK_LOGGED("channel_ is NULL");
     EXPECT_NE("", reply.message);
 }
@@ -100,7 +100,7 @@ TEST(JSON_RPC_Session, request_waits_for_the_reply) {
         channel.handle_reply(JSON_RPC_Response(request.id(), request.params()));
     };
     JSON_RPC_Reply reply;
-    EXPECT_TRUE(JSON_RPC_Session(&channel).request(request_of("m", Array{1}), LONG, reply));
+    EXPECT_TRUE(JSON_RPC_Session(&channel).request(request_of("m", Array{1}), LONG_ENOUGH, reply));
     EXPECT_EQ(Value(Array{1}), reply.result);
 }
 
