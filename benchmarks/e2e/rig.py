@@ -151,12 +151,12 @@ class Ours(object):
         run("zenbrak3", "instances", "--refresh")
         run("zenbrak3", "account", "c1", "backup", input="Backup@123\n")
         run("install", "-d", "-g", "dbgrp", "-m", "2770", "/srv/pool")
-        run("zenbrak3", "pool", "create", "main", "file:///srv/pool", "--compression", "zstd:%d" % LEVEL)
+        run("zenbrak3", "pool", "create", "main", "file:///srv/pool")
 
     def backup(self, *words):
         with Measure() as measure:
-            run("zenbrak3", "backup", "c1", "--pool", "main", "--channels", STREAMS, "--interval", LOOK,
-                *words)
+            run("zenbrak3", "backup", "c1", "--pool", "main", "--compression", "zstd:%d" % LEVEL,
+                "--channels", STREAMS, "--interval", LOOK, *words)
         return measure.figures
 
     @staticmethod
