@@ -6,7 +6,6 @@
 namespace {
 
 constexpr size_t STEP = 256 * 1024;
-constexpr size_t WINDOW = 8 * 1024 * 1024;
 
 } // namespace
 
@@ -27,6 +26,10 @@ Compression_Method method_to_write(std::string const& name, Compression_Method a
     return asked == COMPR_AUTO ? compression_of_name(name) : asked;
 }
 
+Object_Content::Object_Content(std::unique_ptr<Storage_Reader> object, Compression_Method method,
+                               size_t window)
+    : object_(std::move(object)), method_(method), kept_(std::max(window, STEP)) {}
+
 Storage_Result Object_Content::open(Storage_Connection& connection, std::string const& name,
                                     Compression_Method asked,
                                     std::unique_ptr<Object_Content>& content) {
@@ -45,6 +48,7 @@ Storage_Result Object_Content::size(uint64_t& size) {
     if (size_ == UNKNOWN_SIZE)
         result = quick_original_size(*object_, method_, size_);
     if (result && size_ == UNKNOWN_SIZE) {
+        wanted_ = UINT64_MAX;
         result = unpack_beyond(UINT64_MAX);
         size_ = unpacked_;
     }
@@ -71,6 +75,7 @@ Storage_Result Object_Content::read_at(uint64_t offset, void* buffer, size_t siz
 Storage_Result Object_Content::read_piece(uint64_t offset, char* to, size_t size, size_t& got) {
     if (offset < unpacked_ - window_.size())
         begin_anew();
+    wanted_ = offset;
     Storage_Result result = unpack_beyond(offset);
     // the end is given out only when it is known to be sound
     if (result && !finished_ && unpacked_ - offset <= size)
@@ -87,6 +92,7 @@ void Object_Content::begin_anew() {
     decoder_.reset();
     window_.clear();
     in_.clear();
+    used_ = 0;
     read_ = unpacked_ = 0;
     finished_ = false;
     failure_ = {};
@@ -99,9 +105,10 @@ Storage_Result Object_Content::unpack_beyond(uint64_t end) {
             return {Storage_Result::FAILED, "memory is short"};
     }
     Codec_Sink const sink = [&](void const* data, size_t size) {
-        // what comes now always stays whole, as what is wanted may be in it
-        if (window_.size() > 2 * WINDOW)
-            window_.erase(0, window_.size() - WINDOW);
+        // one step may bring much, of which the beginning is wanted
+        if (window_.size() > 2 * kept_)
+            window_.erase(0, std::min<uint64_t>(window_.size() - kept_,
+                                                wanted_ - (unpacked_ - window_.size())));
         window_.append(static_cast<char const*>(data), size);
         unpacked_ += size;
         return Storage_Result();
@@ -112,8 +119,9 @@ Storage_Result Object_Content::unpack_beyond(uint64_t end) {
 }
 
 Storage_Result Object_Content::unpack_some(Codec_Sink const& sink) {
-    if (in_.empty()) {
+    if (used_ == in_.size()) {
         size_t got = 0;
+        used_ = 0;
         in_.resize(STEP);
         Storage_Result result = object_->read_at(read_, in_.data(), in_.size(), got);
         in_.resize(got);
@@ -126,7 +134,7 @@ Storage_Result Object_Content::unpack_some(Codec_Sink const& sink) {
         }
     }
     size_t used = 0;
-    Storage_Result result = decoder_->feed_some(in_.data(), in_.size(), used, sink);
-    in_.erase(0, used);
+    Storage_Result result = decoder_->feed_some(in_.data() + used_, in_.size() - used_, used, sink);
+    used_ += used;
     return result;
 }

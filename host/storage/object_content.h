@@ -27,9 +27,14 @@ public:
     /** @param asked  as Client_IO_Base::Options::compression_method */
     static Storage_Result open(Storage_Connection& connection, std::string const& name,
                                Compression_Method asked, std::unique_ptr<Object_Content>& content);
-    /** Takes an object that is open. @param method  not COMPR_AUTO */
-    Object_Content(std::unique_ptr<Storage_Reader> object, Compression_Method method)
-        : object_(std::move(object)), method_(method) {}
+    /**
+     * Takes an object that is open.
+     * @param method  not COMPR_AUTO
+     * @param window  bytes that reading may go back at no cost. Who only reads forward wants 0:
+     * what is unpacked is then still in the processor's cache when it is given out
+     */
+    Object_Content(std::unique_ptr<Storage_Reader> object, Compression_Method method,
+                   size_t window = 8 * 1024 * 1024);
 
     /** May have to unpack all of it, see quick_original_size(). */
     Storage_Result size(uint64_t& size);
@@ -45,12 +50,15 @@ private:
 
     std::unique_ptr<Storage_Reader> const object_;
     Compression_Method const method_;
+    size_t const kept_; ///< of the window, at least
     uint64_t size_ = UNKNOWN_SIZE;
     std::unique_ptr<Codec> decoder_;
-    std::string in_;        ///< stored bytes that the decoder has yet to get
+    std::string in_;        ///< stored bytes
+    size_t used_ = 0;       ///< how many of them the decoder has got
     uint64_t read_ = 0;     ///< stored bytes that have been read
     std::string window_;    ///< the latest of the content
     uint64_t unpacked_ = 0; ///< bytes of content up to the end of the window
+    uint64_t wanted_ = 0;   ///< where the content that may not be dropped begins
     bool finished_ = false;
     Storage_Result failure_;
 };
