@@ -4,8 +4,8 @@
 
 namespace {
 
-/** A larger step would hold a limit's wait in one call. */
-constexpr size_t STEP = 1024 * 1024;
+/** What is digested is still in the cache when it is packed; and a limit never holds up much. */
+constexpr size_t STEP = 128 * 1024;
 
 /** Holds the reading of a stored object down to the session's limit. */
 class Limited_Reader : public Storage_Reader {
@@ -93,7 +93,8 @@ Xbsa_Result Xbsa_Download::begin(Storage_Connection& connection, std::string con
         return damaged("it is stored in " + std::to_string(reader->entry().size) +
                        " bytes instead of " + std::to_string(object_.stored_size));
     content_ = std::make_unique<Object_Content>(
-        std::make_unique<Limited_Reader>(std::move(reader), limiters_.source), object_.compression);
+        std::make_unique<Limited_Reader>(std::move(reader), limiters_.source), object_.compression,
+        0);
     return {};
 }
 
