@@ -9,7 +9,7 @@ import threading
 import time
 
 TICK = os.sysconf("SC_CLK_TCK")
-SAMPLES_A_SECOND = 5
+SAMPLES_A_SECOND = 2  # looking through the maps of all processes is work itself
 TICKS_OF_SELF = 2  # the first of the four fields that the children's follow
 
 
