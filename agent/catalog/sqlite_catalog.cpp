@@ -52,6 +52,25 @@ void erase_set(SQLite::Database& database, int64_t id) {
     statement.exec();
 }
 
+/** What is to be known of a set before it is erased. */
+Dropped_Set read_dropped(SQLite::Database& database, int64_t id, Array const& pieces) {
+    SQLite::Statement statement(
+        database, "SELECT uuid, kind, coalesce(resource_uuid, '') FROM backup_set WHERE id = ?");
+    statement.bind(1, id);
+    statement.executeStep();
+    Dropped_Set set{statement.getColumn(0).getString(),
+                    statement.getColumn(1).getString(),
+                    statement.getColumn(2).getString(),
+                    {},
+                    {}};
+    Array const storages = Set_Parts_Reader(database).storages(id);
+    for (Object const& storage : json_spirit::objects_of(storages))
+        set.pool_uuids.push_back(json_spirit::object_get_str(storage, "pool_uuid"));
+    for (Object const& piece : json_spirit::objects_of(pieces))
+        set.piece_paths.push_back(json_spirit::object_get_str(piece, "path"));
+    return set;
+}
+
 uint64_t stored_size(Array const& pieces) {
     uint64_t total = 0;
     for (Object const& piece : json_spirit::objects_of(pieces)) {
@@ -170,21 +189,26 @@ bool SQLite_Catalog::commit(Catalog_Limits const& limits, Backup_Set const& set,
 }
 
 bool SQLite_Catalog::abort(Catalog_Limits const& limits, std::string const& uuid, Array& pieces) {
-    Array dropped;
+    Array had;
+    Dropped_Set dropped;
     bool const done = database_.change(
         "abort a backup set",
         [&](SQLite::Database& database) {
             Found_Set const found = find_open_set(database, uuid);
             if (found.id == 0)
                 return false;
-            dropped = Set_Parts_Reader(database).pieces(found.id);
+            had = Set_Parts_Reader(database).pieces(found.id);
+            dropped = read_dropped(database, found.id, had);
             erase_set(database, found.id);
             return true;
         },
         patience(limits));
-    if (done)
-        pieces = std::move(dropped);
-    return done;
+    if (!done)
+        return false;
+    pieces = std::move(had);
+    if (on_abort_)
+        on_abort_(dropped);
+    return true;
 }
 
 bool SQLite_Catalog::add_piece(Catalog_Limits const& limits, std::string const& uuid,
@@ -384,7 +408,7 @@ bool SQLite_Catalog::abort_open_sets(std::string const& host_uuid, time_t before
         "drop the sets that nobody writes any more",
         [&](SQLite::Database& database) {
             sets.clear();
-            SQLite::Statement open(database, "SELECT id, uuid, kind FROM backup_set"
+            SQLite::Statement open(database, "SELECT id FROM backup_set"
                                              " WHERE open = 1 AND row ->> '$.host_uuid' = ?"
                                              " AND backup_start_time < ? ORDER BY id");
             open.bind(1, host_uuid);
@@ -393,15 +417,7 @@ bool SQLite_Catalog::abort_open_sets(std::string const& host_uuid, time_t before
             std::vector<int64_t> ids;
             while (open.executeStep()) {
                 ids.push_back(open.getColumn(0).getInt64());
-                Dropped_Set set{
-                    open.getColumn(1).getString(), open.getColumn(2).getString(), {}, {}};
-                Array const storages = parts.storages(ids.back());
-                for (Object const& storage : json_spirit::objects_of(storages))
-                    set.pool_uuids.push_back(json_spirit::object_get_str(storage, "pool_uuid"));
-                Array const pieces = parts.pieces(ids.back());
-                for (Object const& piece : json_spirit::objects_of(pieces))
-                    set.piece_paths.push_back(json_spirit::object_get_str(piece, "path"));
-                sets.push_back(std::move(set));
+                sets.push_back(read_dropped(database, ids.back(), parts.pieces(ids.back())));
             }
             for (int64_t const id : ids)
                 erase_set(database, id);

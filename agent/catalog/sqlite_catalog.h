@@ -7,13 +7,15 @@
 #include "host/catalog/catalog_backend.h"
 
 #include <ctime>
+#include <functional>
 #include <string>
 #include <vector>
 
-/** An open set that was dropped since its run is over: what is left of it. */
+/** An open set that was dropped since its run failed or is over: what is left of it. */
 struct Dropped_Set {
     std::string uuid;
     std::string kind;
+    std::string resource_uuid;
     std::vector<std::string> pool_uuids;  ///< of its storages
     std::vector<std::string> piece_paths; ///< files that are now nobody's, by their path in a pool
 };
@@ -61,6 +63,12 @@ public:
                   json_spirit::Object const& query, json_spirit::Value& result) override;
 
     // what the agent asks besides; false has been logged
+
+    /**
+     * What is to be done with the files of a set that abort() has dropped: it is called in that
+     * call, on its thread. To be set before the catalog is used.
+     */
+    void on_abort(std::function<void(Dropped_Set const&)> action) { on_abort_ = std::move(action); }
 
     /**
      * Notes that a resource was restored at that time: "check_restored" leaves out its sets that
@@ -118,6 +126,7 @@ private:
 
     Agent_Database& database_;
     Storage_Clock& clock_;
+    std::function<void(Dropped_Set const&)> on_abort_;
 };
 
 #endif

@@ -246,6 +246,11 @@ bool Agent_Jobs::wait_for_finished(std::function<bool()> const& condition, int64
     return finished_.wait_for(lock, std::chrono::seconds(seconds), condition);
 }
 
+bool Agent_Jobs::is_any_on() {
+    std::lock_guard const guard(mutex_);
+    return !live_.empty();
+}
+
 void Agent_Jobs::on_finished(std::function<void()> action) {
     std::lock_guard const guard(mutex_);
     on_finished_.push_back(std::move(action));

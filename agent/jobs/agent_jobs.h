@@ -63,6 +63,8 @@ public:
      * @return what it said at last
      */
     bool wait_for_finished(std::function<bool()> const& condition, int64_t seconds);
+    /** Whether a run is on; not one that has finished and calls what on_finished() was given. */
+    bool is_any_on();
     /** Calls it whenever a run has finished, on its thread, with the job's lock held: for ever. */
     void on_finished(std::function<void()> action);
 

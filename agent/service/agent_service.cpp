@@ -15,6 +15,7 @@
 #include "host/agent/host_services.h"
 #include "host/agent/instance_manager.h"
 #include "host/storage/file_storage_backend.h"
+#include "host/storage/xbsa_layout.h"
 #include "qmrt/log.h"
 #include "qmrt/path.h"
 
@@ -141,6 +142,7 @@ bool Agent_Service::install_back_ends(std::string& error) {
                                                        *pools_, *journal_);
     pool_status_ = std::make_unique<Pool_Status>(*storage_, *catalog_);
     group_instances_ = std::make_unique<Group_Instances>(*database_, identity_);
+    catalog_->on_abort([this](Dropped_Set const& set) { remove_files(set); });
     Host_Services& services = Host_Services::instance();
     services.instances(instances_);
     services.storage("file", storage_);
@@ -181,8 +183,7 @@ void Agent_Service::make_jobs() {
     runs_ = std::make_shared<Agent_Jobs>(
         *database_, Agent_Jobs::Settings{.log_directory = directory_->file("logs"),
                                          .keep_runs = static_cast<size_t>(config_.kept_runs)});
-    // what a run has finished need not be looked for after a death
-    runs_->on_finished([this] { journal_->settle(ask_catalog(*pools_, *catalog_)); });
+    runs_->on_finished([this] { clear_up(); });
     Host_Services::instance().jobs(runs_);
     jobs_ = std::make_unique<Job_Manager>(
         *definitions_, *runs_,
@@ -229,28 +230,42 @@ bool Agent_Service::drop_open_sets(std::string const& host_uuid, time_t before) 
     for (Dropped_Set const& set : dropped) {
         QMRT_LOG(LM_WARNING, "Dropped the backup set %s, whose run did not end\n",
                  set.uuid.c_str());
-        for (std::string const& pool : set.pool_uuids)
-            remove_pieces(pool, set.piece_paths);
+        remove_files(set);
     }
     return true;
 }
 
-void Agent_Service::remove_pieces(std::string const& pool_uuid,
-                                  std::vector<std::string> const& paths) {
-    Pool_Record record;
-    std::shared_ptr<Storage_Connection> connection;
-    if (!pools_->find_record(pool_uuid, record))
-        return;
-    Storage_Result result = storage_->connect(url_of_pool_path(record.path), {}, connection);
-    for (std::string const& path : paths) {
-        if (result)
-            result = connection->remove(path);
-        if (result.code() == Storage_Result::NOT_FOUND)
-            result = {};
-        if (!result)
-            QMRT_LOG(LM_WARNING, "%s of a dropped set stays in the pool %s: %s\n", path.c_str(),
-                     record.name.c_str(), result.text().c_str());
+void Agent_Service::remove_files(Dropped_Set const& set) {
+    std::vector<Pool_Object> objects;
+    for (std::string const& pool : set.pool_uuids) {
+        Pool_Record record;
+        if (!pools_->find_record(pool, record))
+            continue;
+        std::vector<std::string> names = set.piece_paths;
+        // what a killed backup tool wrote there, the catalog has not heard of
+        if (!set.resource_uuid.empty())
+            names.push_back(xbsa_set_folder(set.resource_uuid, set.uuid) + "/");
+        for (std::string& name : names) {
+            Pool_Object object{record.path, std::move(name)};
+            std::string error;
+            if (journal_->note(object, error))
+                objects.push_back(std::move(object));
+            else
+                QMRT_LOG(LM_WARNING, "%s of a dropped set stays in the pool %s: %s\n",
+                         object.name.c_str(), record.name.c_str(), error.c_str());
+        }
     }
+    sweep_pool_objects(objects, *journal_, ask_catalog(*pools_, *catalog_), storage_.get());
+}
+
+void Agent_Service::clear_up() {
+    Set_Question const in_catalog = ask_catalog(*pools_, *catalog_);
+    journal_->settle(in_catalog);
+    // what a run that is on has written belongs to a set that is not complete yet
+    auto const unless_on = [&](Pool_Object const& object, bool& named) {
+        return !runs_->is_any_on() && in_catalog(object, named);
+    };
+    sweep_pool_writes(*journal_, unless_on, storage_.get());
 }
 
 bool Agent_Service::serve(std::string& error) {

@@ -64,7 +64,11 @@ private:
     bool drop_open_sets(std::string const& host_uuid, time_t before);
     bool find_pool(std::string const& pool, std::string& uuid, std::string& error) const;
     bool is_member() const { return config_.role == "member"; }
-    void remove_pieces(std::string const& pool_uuid, std::vector<std::string> const& paths);
+    /** Removes what a dropped set has in its pools; what cannot be removed now is noted for later.
+     */
+    void remove_files(Dropped_Set const& set);
+    /** After a run: sees to it that nothing of it stays in the pools that no set has. */
+    void clear_up();
     void add_methods();
     void add_catalog_methods();
     bool serve(std::string& error);

@@ -8,6 +8,7 @@
 #include "host/storage/file_storage_backend.h"
 #include "host/storage/file_storage_writer.h"
 #include "qmrt/log.h"
+#include "qmrt/scoped_deleter.h"
 
 #include <cerrno>
 #include <cstring>
@@ -18,12 +19,12 @@ namespace {
 /** One pool's objects. */
 class Pool_Sweep {
 public:
-    Pool_Sweep(Write_Journal& journal, std::string const& path, Sweep_Result& result)
+    Pool_Sweep(Write_Journal& journal, std::string const& path, Storage_Backend& pools,
+               Sweep_Result& result)
         : journal_(journal),
           result_(result),
           folder_(File_Descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), {}) {
-        Storage_Result const connected =
-            File_Storage_Backend().connect(url_of_pool_path(path), {}, connection_);
+        Storage_Result const connected = pools.connect(url_of_pool_path(path), {}, connection_);
         if (!connected || folder_.pool_fd() == -1) {
             connection_.reset();
             QMRT_LOG(LM_WARNING,
@@ -33,20 +34,51 @@ public:
     }
 
     void sweep(Pool_Object const& object, Set_Question const& question) {
-        bool named = false;
-        if (!connection_ || !question(object, named)) {
+        if (!journal_.hold(object)) {
             ++result_.put_off;
             return;
         }
-        if (!named && !remove(object)) {
+        Scoped_Deleter const release([&] { journal_.release(object); });
+        bool const is_folder = object.name.ends_with('/');
+        if (connection_ &&
+            (is_folder ? sweep_whole(object, question) : sweep_one(object, question)))
+            journal_.removed(object);
+        else
             ++result_.put_off;
-            return;
-        }
-        sweep_folder(object);
-        journal_.removed(object);
     }
 
 private:
+    bool sweep_one(Pool_Object const& object, Set_Question const& question) {
+        if (!remove_unless_named(object, question))
+            return false;
+        File_Pool_Folder::Parts const parts = folder_.full_parts(object.name);
+        sweep_unfinished_in(parts, parts.size() - 1);
+        return true;
+    }
+    /** @return false also when a living writer has something unfinished in the folder */
+    bool sweep_whole(Pool_Object const& folder, Set_Question const& question) {
+        std::string const name = folder.name.substr(0, folder.name.size() - 1);
+        std::vector<Storage_Entry> entries;
+        if (name.empty())
+            return true; // never the pool itself
+        Storage_Result const listed = connection_->list(name, entries);
+        if (!listed)
+            return listed.code() == Storage_Result::NOT_FOUND ||
+                   listed.code() == Storage_Result::BAD_NAME;
+        bool done = true;
+        for (Storage_Entry const& entry : entries) {
+            Pool_Object const inner{folder.pool_path,
+                                    folder.name + entry.name + (entry.is_folder ? "/" : "")};
+            done &= entry.is_folder ? sweep_whole(inner, question)
+                                    : remove_unless_named(inner, question);
+        }
+        File_Pool_Folder::Parts const parts = folder_.full_parts(name);
+        return sweep_unfinished_in(parts, parts.size()) && done;
+    }
+    bool remove_unless_named(Pool_Object const& object, Set_Question const& question) {
+        bool named = false;
+        return question(object, named) && (named || remove(object));
+    }
     bool remove(Pool_Object const& object) {
         Storage_Result const removed = connection_->remove(object.name);
         if (removed) {
@@ -62,15 +94,19 @@ private:
                  object.pool_path.c_str(), object.name.c_str(), removed.text().c_str());
         return false;
     }
-    /** What was left beside the object, and the folders that were made for it. */
-    void sweep_folder(Pool_Object const& object) {
-        File_Pool_Folder::Parts const parts = folder_.full_parts(object.name);
+    /**
+     * What was left in the folder of the first @a depth parts, and the folders made for it.
+     * @return false when living writers have something in it
+     */
+    bool sweep_unfinished_in(File_Pool_Folder::Parts parts, size_t depth) {
+        size_t left = 0;
         File_Descriptor folder;
-        if (folder_.open_folder(parts, parts.size() - 1, folder))
-            result_.unfinished += sweep_unfinished(folder, 0);
+        if (folder_.open_folder(parts, depth, folder))
+            result_.unfinished += sweep_unfinished(folder, 0, &left);
         // a kill between making two folders leaves only the outer ones
-        for (size_t depth = parts.size(); depth > 1; --depth)
-            folder_.remove_empty_folders({parts.begin(), parts.begin() + static_cast<long>(depth)});
+        for (parts.resize(depth + 1); parts.size() > 1; parts.pop_back())
+            folder_.remove_empty_folders(parts);
+        return left == 0;
     }
 
     Write_Journal& journal_;
@@ -81,14 +117,21 @@ private:
 
 } // namespace
 
-Sweep_Result sweep_pool_writes(Write_Journal& journal, Set_Question const& question) {
+Sweep_Result sweep_pool_writes(Write_Journal& journal, Set_Question const& question,
+                               Storage_Backend* pools) {
+    return sweep_pool_objects(journal.left(), journal, question, pools);
+}
+
+Sweep_Result sweep_pool_objects(std::vector<Pool_Object> const& objects, Write_Journal& journal,
+                                Set_Question const& question, Storage_Backend* pools) {
+    File_Storage_Backend files;
     Sweep_Result result;
     std::unique_ptr<Pool_Sweep> pool;
     std::string pool_path;
-    for (Pool_Object const& object : journal.left()) { // ordered by pool
+    for (Pool_Object const& object : objects) {
         if (!pool || object.pool_path != pool_path) {
             pool_path = object.pool_path;
-            pool = std::make_unique<Pool_Sweep>(journal, pool_path, result);
+            pool = std::make_unique<Pool_Sweep>(journal, pool_path, pools ? *pools : files, result);
         }
         pool->sweep(object, question);
     }

@@ -34,6 +34,8 @@ bool parse_line(std::string_view line, char& sign, Pool_Object& object) {
     if (!decode_url_path(std::string(line.substr(2, blank - 2)), pool, error) ||
         !decode_url_path(std::string(line.substr(blank + 1)), object.name, error))
         return false;
+    if (line.ends_with('/') && !object.name.empty())
+        object.name += '/'; // decoding leaves out what divides it from nothing
     object.pool_path = "/" + pool;
     sign = line[0];
     return !object.name.empty();
@@ -107,7 +109,11 @@ bool Write_Journal::compact() {
 }
 
 bool Write_Journal::begin(Pool_Object const& object, std::string& error) {
-    std::lock_guard const guard(mutex_);
+    std::unique_lock lock(mutex_);
+    released_.wait(lock, [&] {
+        auto const note = notes_.find(object);
+        return note == notes_.end() || !note->second.held;
+    });
     auto const [note, is_new] = notes_.try_emplace(object);
     if (is_new && !append('+', object, true)) {
         error = "the journal " + path_ + " cannot be written: " + strerror(errno);
@@ -117,6 +123,29 @@ bool Write_Journal::begin(Pool_Object const& object, std::string& error) {
     ++note->second.writers;
     note->second.begun = ++begun_;
     return true;
+}
+
+bool Write_Journal::note(Pool_Object const& object, std::string& error) {
+    if (!begin(object, error))
+        return false;
+    end(object, true);
+    return true;
+}
+
+bool Write_Journal::hold(Pool_Object const& object) {
+    std::lock_guard const guard(mutex_);
+    auto const note = notes_.find(object);
+    if (note == notes_.end() || note->second.writers > 0 || note->second.held)
+        return false;
+    note->second.held = true;
+    return true;
+}
+
+void Write_Journal::release(Pool_Object const& object) {
+    std::lock_guard const guard(mutex_);
+    if (auto const note = notes_.find(object); note != notes_.end())
+        note->second.held = false;
+    released_.notify_all();
 }
 
 void Write_Journal::erase(std::map<Pool_Object, Note>::iterator note) {

@@ -4,6 +4,7 @@
 #include "qmrt/file.h"
 
 #include <compare>
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
@@ -11,7 +12,10 @@
 #include <string>
 #include <vector>
 
-/** An object of a pool, by the pool's directory and its name from there on. */
+/**
+ * An object of a pool, by the pool's directory and its name from there on. A name with "/" at its
+ * end is that of a folder with all that is in it.
+ */
 struct Pool_Object {
     std::string pool_path;
     std::string name;
@@ -54,6 +58,14 @@ public:
      * @param may_exist  false: it left nothing, and the note goes with the last such writer
      */
     void end(Pool_Object const& object, bool may_exist);
+    /** Notes what is to be removed, in whatever way it came to be there. */
+    bool note(Pool_Object const& object, std::string& error);
+    /**
+     * Makes everybody wait who wants to write an object that is noted, until release().
+     * @return false, with nothing held, when somebody writes it already
+     */
+    bool hold(Pool_Object const& object);
+    void release(Pool_Object const& object);
     /** Drops the note of an object that was removed, unless somebody is writing it again. */
     void removed(Pool_Object const& object);
 
@@ -71,6 +83,7 @@ private:
     struct Note {
         unsigned writers = 0;
         bool may_exist = false;
+        bool held = false;  ///< nobody may begin to write it now
         uint64_t begun = 0; ///< by which a note is known that was made anew meanwhile
     };
 
@@ -86,6 +99,7 @@ private:
 
     std::string const path_;
     mutable std::mutex mutex_;
+    std::condition_variable released_;
     File_Descriptor file_;
     std::map<Pool_Object, Note> notes_;
     size_t lines_ = 0;

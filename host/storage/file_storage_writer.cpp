@@ -42,7 +42,7 @@ Storage_Result check_object_place(File_Descriptor const& folder, std::string con
     return error ? storage_errno("failed to write '" + leaf + "'", error) : Storage_Result();
 }
 
-size_t sweep_unfinished(File_Descriptor const& folder, time_t age) {
+size_t sweep_unfinished(File_Descriptor const& folder, time_t age, size_t* left) {
     File_Descriptor fd(openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!fd)
         return 0;
@@ -51,11 +51,15 @@ size_t sweep_unfinished(File_Descriptor const& folder, time_t age) {
         return 0;
     fd.release();
     size_t removed = 0;
-    while (dirent const* entry = readdir(directory.get()))
-        if (std::strncmp(entry->d_name, UNFINISHED_PREFIX, sizeof UNFINISHED_PREFIX - 1) == 0 &&
-            is_abandoned(folder.get(), entry->d_name, age) &&
+    while (dirent const* entry = readdir(directory.get())) {
+        if (std::strncmp(entry->d_name, UNFINISHED_PREFIX, sizeof UNFINISHED_PREFIX - 1) != 0)
+            continue;
+        if (is_abandoned(folder.get(), entry->d_name, age) &&
             unlinkat(folder.get(), entry->d_name, 0) == 0)
             ++removed;
+        else if (left)
+            ++*left;
+    }
     return removed;
 }
 

@@ -68,9 +68,11 @@ constexpr time_t UNFINISHED_AGE = 24 * 60 * 60;
 
 /**
  * Removes what killed processes have left unfinished in a folder.
- * @param age  seconds since its last change, at least
+ * @param age   seconds since its last change, at least
+ * @param left  grows by the unfinished files that stay; null when nobody asks
  * @return how many files went
  */
-size_t sweep_unfinished(File_Descriptor const& folder, time_t age = UNFINISHED_AGE);
+size_t sweep_unfinished(File_Descriptor const& folder, time_t age = UNFINISHED_AGE,
+                        size_t* left = nullptr);
 
 #endif

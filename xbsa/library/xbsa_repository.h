@@ -2,6 +2,7 @@
 #define XBSA_LIBRARY_XBSA_REPOSITORY_H
 
 #include "host/storage/storage_backend.h"
+#include "host/storage/xbsa_layout.h"
 #include "xbsa/library/xbsa_object.h"
 #include "xbsa/library/xbsa_result.h"
 
@@ -23,7 +24,7 @@
 class Xbsa_Repository {
 public:
     Xbsa_Repository(std::shared_ptr<Storage_Connection> connection, std::string const& cluster_id)
-        : connection_(std::move(connection)), root_(cluster_id + "/xbsa") {}
+        : connection_(std::move(connection)), root_(xbsa_cluster_folder(cluster_id)) {}
 
     /** More objects than that one transaction cannot have. */
     static constexpr size_t MAX_OBJECTS = 65536;

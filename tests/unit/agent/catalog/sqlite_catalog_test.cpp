@@ -268,6 +268,27 @@ TEST_F(SQLite_Catalog_Test, sets_that_were_open_when_the_agent_died_are_dropped_
     EXPECT_TRUE(database_->check().empty());
 }
 
+TEST_F(SQLite_Catalog_Test, who_clears_up_is_told_what_an_aborted_set_had) {
+    std::vector<Dropped_Set> told;
+    catalog_.on_abort([&](Dropped_Set const& set) { told.push_back(set); });
+    Contract_Set set("open");
+    set.resource_uuid = "resource";
+    set.add_storage({"pool", 1});
+    ASSERT_TRUE(catalog_.initialize(LIMITS, set));
+    ASSERT_TRUE(catalog_.add_piece(LIMITS, "open", {Object{{"path", "added"}}}));
+    Array pieces;
+    EXPECT_FALSE(catalog_.abort(LIMITS, "another", pieces));
+    EXPECT_LOGGED(LM_ERROR, "The catalog has no open set \"another\"");
+    EXPECT_TRUE(told.empty());
+    ASSERT_TRUE(catalog_.abort(LIMITS, "open", pieces));
+    ASSERT_EQ(1u, told.size());
+    EXPECT_EQ("open", told[0].uuid);
+    EXPECT_EQ("resource", told[0].resource_uuid);
+    EXPECT_EQ(std::vector<std::string>{"pool"}, told[0].pool_uuids);
+    EXPECT_EQ(std::vector<std::string>{"added"}, told[0].piece_paths);
+    EXPECT_EQ(1u, pieces.size());
+}
+
 TEST_F(SQLite_Catalog_Test, uuids_are_found_by_their_beginning) {
     for (char const* const uuid : {"ab1", "ab2", "abc", "b", "a%"})
         commit(uuid, {});

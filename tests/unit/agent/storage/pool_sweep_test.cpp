@@ -58,6 +58,13 @@ protected:
         ASSERT_TRUE(Agent_Pool::put(*connection_, name, "content"));
     }
 
+    /** As another process has it, which the journal knows nothing of. */
+    std::shared_ptr<Storage_Connection> strange_connection() const {
+        std::shared_ptr<Storage_Connection> connection;
+        EXPECT_TRUE(File_Storage_Backend().connect(pool_.url(), {}, connection));
+        return connection;
+    }
+
     Agent_Pool pool_;
     std::shared_ptr<Storage_Connection> connection_ = pool_.connect();
 };
@@ -100,6 +107,50 @@ TEST_F(Pool_Sweep_Test, folders_that_were_made_for_nothing_go) {
     sweep_pool_writes(*restarted(), nothing_named);
     EXPECT_TRUE(std::filesystem::is_empty(pool_.path()));
     EXPECT_TRUE(restarted()->left().empty());
+}
+
+TEST_F(Pool_Sweep_Test, of_a_folder_that_is_noted_all_goes_that_no_set_has) {
+    ASSERT_TRUE(pool_.catalog.commit(LIMITS, set_of("set", pool_.record.uuid, {"f/kept"}), false));
+    for (char const* const name : {"f/kept", "f/g/data", "f/data", "fg/other's", "h/data"})
+        put(name);
+    pool_.database.directory().write("pool/f/g/.zenbrak3-dead", "x");
+    pool_.database.directory().write("pool/h/.zenbrak3-dead", "x");
+    std::string error;
+    for (char const* const name : {"f/", "h/", "away/", "../", "/"})
+        ASSERT_TRUE(pool_.journal->note({pool_.path(), name}, error)) << error;
+    Sweep_Result const result =
+        sweep_pool_objects({{pool_.path(), "../"},
+                            {pool_.path(), "/"},
+                            {pool_.path(), "away/"},
+                            {pool_.path(), "f/"},
+                            {pool_.path(), "h/"}},
+                           *pool_.journal, ask_catalog(pool_.pools, pool_.catalog), &pool_.backend);
+    EXPECT_EQ(3u, result.removed);
+    EXPECT_EQ(2u, result.unfinished);
+    EXPECT_EQ(0u, result.put_off);
+    EXPECT_EQ((std::set<std::string>{"f/kept", "fg/other's"}), files_in(pool_.path()));
+    EXPECT_FALSE(has_empty_folder(pool_.path()));
+}
+
+TEST_F(Pool_Sweep_Test, a_folder_in_which_somebody_still_writes_is_looked_at_again) {
+    std::unique_ptr<Storage_Writer> writer;
+    ASSERT_TRUE(strange_connection()->create("f/g/a", true, writer));
+    std::string error;
+    ASSERT_TRUE(pool_.journal->note({pool_.path(), "f/"}, error)) << error;
+    EXPECT_EQ(1u, sweep_pool_writes(*pool_.journal, nothing_named).put_off);
+    writer->abort();
+    EXPECT_EQ(0u, sweep_pool_writes(*pool_.journal, nothing_named).put_off);
+    EXPECT_TRUE(std::filesystem::is_empty(pool_.path()));
+    EXPECT_TRUE(pool_.journal->left().empty());
+}
+
+TEST_F(Pool_Sweep_Test, what_somebody_writes_again_is_left_to_him) {
+    put("a");
+    std::unique_ptr<Storage_Writer> writer;
+    ASSERT_TRUE(connection_->create("a", true, writer));
+    EXPECT_EQ(1u, sweep_pool_objects({{pool_.path(), "a"}}, *pool_.journal, nothing_named).put_off);
+    ASSERT_TRUE(writer->commit());
+    EXPECT_EQ(std::set<std::string>{"a"}, files_in(pool_.path()));
 }
 
 TEST_F(Pool_Sweep_Test, a_pool_that_is_away_and_a_catalog_that_does_not_answer_put_it_off) {

@@ -3,6 +3,7 @@
 #include "tests/support/file_size_limit.h"
 #include "tests/support/temporary_directory.h"
 
+#include <atomic>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <thread>
@@ -127,6 +128,36 @@ TEST_F(Write_Journal_Test, settling_leaves_what_is_begun_anew_meanwhile) {
         return named = true;
     });
     EXPECT_EQ("/pool:a", left());
+}
+
+TEST_F(Write_Journal_Test, what_is_held_is_written_by_nobody) {
+    auto const journal = open();
+    Pool_Object const object{"/pool", "a"};
+    EXPECT_FALSE(journal->hold(object)) << "it is not noted";
+    begin(*journal, "a");
+    EXPECT_FALSE(journal->hold(object)) << "somebody writes it";
+    journal->end(object, true);
+    ASSERT_TRUE(journal->hold(object));
+    EXPECT_FALSE(journal->hold(object)) << "somebody else holds it";
+    std::atomic<bool> begun = false;
+    std::thread writer([&] {
+        begin(*journal, "a");
+        begun = true;
+    });
+    begin(*journal, "b"); // of others nothing is held
+    EXPECT_FALSE(begun);
+    journal->removed(object);
+    journal->release(object);
+    writer.join();
+    EXPECT_TRUE(begun);
+    EXPECT_EQ("/pool:a|/pool:b", left());
+}
+
+TEST_F(Write_Journal_Test, what_is_noted_is_known_after_a_death_and_written_by_nobody) {
+    auto const journal = open();
+    ASSERT_TRUE(journal->note({"/pool", "f/"}, error_)) << error_;
+    EXPECT_EQ(1u, journal->left().size());
+    EXPECT_EQ("/pool:f/", left());
 }
 
 TEST_F(Write_Journal_Test, the_file_stays_small_however_much_is_written) {
