@@ -56,6 +56,8 @@ def _body(main, worker, others):
         main(worker)
         worker.pipe.send(("done", None))
     except (Tool_Error, OSError, EOFError) as error:
+        # the master may end it now, for another's failure: what it has to tell comes to its end
+        signal.signal(signal.SIGTERM, signal.SIG_IGN)
         try:
             worker.pipe.send(("failed", str(error)))
         except OSError:
