@@ -67,7 +67,7 @@ public:
         if (!only_text(call, "uuid", uuid, fault) ||
             !answer(pools_.find_record(uuid, record), fault))
             return false;
-        result = Pool_Status::for_data_path(record);
+        result = status_.for_data_path(record);
         return true;
     }
 

@@ -15,11 +15,21 @@ std::string compression_text(Compression_Method method) {
     return name ? name : "none";
 }
 
+Object settings_of(Pool_Record const& record) {
+    return {{"uuid", record.uuid},
+            {"name", record.name},
+            {"url", url_of_pool_path(record.path)},
+            {"compression", compression_text(record.compression)},
+            {"compression_level", record.compression_level},
+            {"read_only", record.read_only},
+            {"device_uuids", Array()}};
+}
+
 } // namespace
 
 Object Pool_Status::describe(Pool_Record const& record) {
     Pool_Space const found = storage_.space(record);
-    Object object = for_data_path(record);
+    Object object = settings_of(record);
     object["limit"] = record.limit;
     object["online"] = found.online;
     object["total"] = found.total;
@@ -42,11 +52,8 @@ Readiness_Check::Pool Pool_Status::for_check(Pool_Record const& record) {
 }
 
 Object Pool_Status::for_data_path(Pool_Record const& record) {
-    return {{"uuid", record.uuid},
-            {"name", record.name},
-            {"url", url_of_pool_path(record.path)},
-            {"compression", compression_text(record.compression)},
-            {"compression_level", record.compression_level},
-            {"read_only", record.read_only},
-            {"device_uuids", Array()}};
+    Object object = settings_of(record);
+    if (record.limit > 0)
+        object["available"] = storage_.left_by_limit(record);
+    return object;
 }

@@ -20,8 +20,11 @@ public:
     /** The record with "total", "available", "used" and "online", and "resources" besides. */
     json_spirit::Object describe(Pool_Record const& record);
     Readiness_Check::Pool for_check(Pool_Record const& record);
-    /** What a data path needs: uuid, name, URL, compression, whether it may be written. */
-    static json_spirit::Object for_data_path(Pool_Record const& record);
+    /**
+     * What a data path needs: uuid, name, URL, compression, whether it may be written, and where
+     * it has a limit, how many bytes that leaves: "available".
+     */
+    json_spirit::Object for_data_path(Pool_Record const& record);
 
 private:
     Agent_Storage_Backend& storage_;

@@ -3,6 +3,8 @@
 #include "agent/storage/pool_connection.h"
 #include "agent/storage/pool_path.h"
 
+#include <algorithm>
+
 Storage_Result Agent_Storage_Backend::connect(std::string const& url, Storage_Access const& access,
                                               std::shared_ptr<Storage_Connection>& connection) {
     std::shared_ptr<Storage_Connection> files;
@@ -33,6 +35,10 @@ std::shared_ptr<Pool_Meter> Agent_Storage_Backend::meter(std::string const& path
     if (!meter)
         meter = std::make_shared<Pool_Meter>(path, clock_);
     return meter;
+}
+
+uint64_t Agent_Storage_Backend::left_by_limit(Pool_Record const& pool) {
+    return pool.limit - std::min(meter(pool.path)->taken(), pool.limit);
 }
 
 Pool_Space Agent_Storage_Backend::space(Pool_Record const& pool) {

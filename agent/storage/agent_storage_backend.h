@@ -44,6 +44,9 @@ public:
 
     /** Looks at a pool's directory. May take long where it has not been counted for a while. */
     Pool_Space space(Pool_Record const& pool);
+    /** Bytes that the limit of a pool leaves to who writes to it beside the agent; see Pool_Meter.
+     */
+    uint64_t left_by_limit(Pool_Record const& pool);
 
 private:
     std::shared_ptr<Pool_Meter> meter(std::string const& path);

@@ -9,7 +9,7 @@ namespace {
 
 constexpr int64_t MOST_OF_THE_TIME = 20;
 
-uint64_t bytes_below(std::string const& path) {
+uint64_t bytes_below(std::string const& path, bool with_unfinished) {
     namespace fs = std::filesystem;
     uint64_t bytes = 0;
     std::error_code error;
@@ -19,7 +19,7 @@ uint64_t bytes_below(std::string const& path) {
     for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
         std::error_code gone;
         if (entry->symlink_status(gone).type() != fs::file_type::regular || gone ||
-            entry->path().filename().string().starts_with(UNFINISHED_PREFIX))
+            (!with_unfinished && entry->path().filename().string().starts_with(UNFINISHED_PREFIX)))
             continue;
         uint64_t const size = entry->file_size(gone);
         bytes += gone ? 0 : size;
@@ -33,7 +33,7 @@ void Pool_Meter::count_i() {
     int64_t const start = clock_.steady_ns();
     if (counted_ && start < count_again_)
         return;
-    stored_ = bytes_below(path_);
+    stored_ = bytes_below(path_, false);
     counted_ = true;
     int64_t const end = clock_.steady_ns();
     count_again_ =
@@ -44,6 +44,17 @@ uint64_t Pool_Meter::used() {
     std::lock_guard const guard(mutex_);
     count_i();
     return stored_ + booked_;
+}
+
+uint64_t Pool_Meter::taken() {
+    std::lock_guard const guard(mutex_);
+    int64_t const start = clock_.steady_ns();
+    if (start >= take_again_) {
+        taken_ = bytes_below(path_, true);
+        int64_t const end = clock_.steady_ns();
+        take_again_ = end + (end - start) * MOST_OF_THE_TIME;
+    }
+    return taken_;
 }
 
 bool Pool_Meter::book(uint64_t bytes, uint64_t limit) {

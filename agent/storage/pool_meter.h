@@ -24,6 +24,11 @@ public:
     /** Bytes of objects, and of what is being written by this process. Counts when it must. */
     uint64_t used();
     /**
+     * Bytes of all that is there, whoever writes it, finished or not: counted anew, unless that
+     * would take more than a twentieth of the time.
+     */
+    uint64_t taken();
+    /**
      * Books bytes that are about to be written.
      * @param limit  of the pool; 0 for none
      * @return false, with nothing booked, when they would lead beyond the limit
@@ -45,6 +50,8 @@ private:
     uint64_t booked_ = 0; ///< bytes on their way
     bool counted_ = false;
     int64_t count_again_ = 0; ///< by the clock's steady_ns()
+    uint64_t taken_ = 0;
+    int64_t take_again_ = 0; ///< as count_again_
 };
 
 #endif

@@ -3,6 +3,8 @@
 
 #include "host/storage/client_io.h"
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,6 +20,8 @@ struct Pool_Info {
     secure_string key;
     secure_string iv;
     bool read_only = false; ///< restores only
+    /** Bytes that its limit leaves; none when it has no limit, or when it is not told. */
+    std::optional<uint64_t> available;
 };
 
 /** Where pools are on record. Operations may be called on several threads at once. */

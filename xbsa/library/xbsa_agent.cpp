@@ -64,6 +64,9 @@ Xbsa_Result read_reply(char const* method, std::string const& text, int64_t id,
 void read_pool(json_spirit::Object const& object, Pool_Info& info) {
     std::string compression;
     json_spirit::Array const* devices = nullptr;
+    uint64_t available = 0;
+    if (json_spirit::object_get(object, "available", available))
+        info.available = available;
     json_spirit::extract_or_throw(object)("url", info.url)("uuid", info.uuid, false)(
         "name", info.name, false)("compression", compression, false)(
         "compression_level", info.compression_level, false)("read_only", info.read_only,

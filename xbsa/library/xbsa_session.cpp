@@ -68,7 +68,10 @@ Xbsa_Session::Xbsa_Session(Xbsa_Policy policy, BSA_ObjectOwner const& owner,
       environment_(std::move(environment)),
       agent_(policy_, clock_),
       counter_(policy_.counter_path()),
-      limiters_(policy_.rate_limits, clock_) {}
+      limiters_(policy_.rate_limits, clock_),
+      room_([this](Pool_Info& pool) { return agent_.find_pool(pool); }) {
+    limiters_.room = [this](size_t bytes) { return room_.take(bytes); };
+}
 
 Xbsa_Result Xbsa_Session::open(BSA_ObjectOwner const& owner, std::vector<std::string> environment,
                                std::unique_ptr<Xbsa_Session>& session) {
@@ -96,6 +99,7 @@ Xbsa_Result Xbsa_Session::connect() {
         return found.code() == BSA_RC_OBJECT_NOT_FOUND
                    ? Xbsa_Result(BSA_RC_INVALID_ENV, found.text())
                    : found;
+    room_.begin(pool_);
     auto const& devices = pool_.device_uuids;
     if (!policy_.device_uuid.empty() && !devices.empty() &&
         std::find(devices.begin(), devices.end(), policy_.device_uuid) == devices.end())

@@ -1,6 +1,7 @@
 #ifndef XBSA_LIBRARY_XBSA_SESSION_H
 #define XBSA_LIBRARY_XBSA_SESSION_H
 
+#include "xbsa/library/xbsa_room.h"
 #include "xbsa/library/xbsa_transaction.h"
 
 #include <map>
@@ -68,6 +69,7 @@ private:
     Xbsa_Agent agent_;
     Xbsa_Counter counter_;
     Xbsa_Limiters limiters_;
+    Xbsa_Room room_;
     Pool_Info pool_;
     std::unique_ptr<Xbsa_Repository> repository_;
 

@@ -40,6 +40,11 @@ Xbsa_Result Xbsa_Upload::begin(Storage_Connection& connection, std::string const
 
 Codec_Sink Xbsa_Upload::sink() {
     return [this](void const* data, size_t size) {
+        if (limiters_.room) {
+            Storage_Result const room = limiters_.room(size);
+            if (!room)
+                return room;
+        }
         limiters_.destination.acquire(size);
         object_.stored_size += size;
         return writer_->write(data, size);

@@ -8,6 +8,7 @@
 #include "xbsa/library/xbsa_object.h"
 #include "xbsa/library/xbsa_result.h"
 
+#include <functional>
 #include <memory>
 
 /** The limits of a session: on what comes from its source, and on what goes to its destination. */
@@ -16,6 +17,8 @@ struct Xbsa_Limiters {
         : source(limits.src, clock), destination(limits.dest, clock) {}
     Rate_Limiter source;
     Rate_Limiter destination;
+    /** Asked before so many bytes go to the pool: whether it has room. Empty: it has. */
+    std::function<Storage_Result(size_t bytes)> room;
 };
 
 /** How data are packed into the pool. */

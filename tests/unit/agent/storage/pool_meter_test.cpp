@@ -51,6 +51,14 @@ TEST_F(Pool_Meter_Test, what_others_write_is_seen_when_the_count_is_old) {
     EXPECT_FALSE(meter_.book(93, 100));
 }
 
+TEST_F(Pool_Meter_Test, what_others_are_writing_is_told_at_once_to_who_asks_for_it) {
+    directory_.write("a", "12345");
+    EXPECT_EQ(5u, meter_.taken());
+    directory_.write("f/.zenbrak3-theirs", "123");
+    EXPECT_EQ(8u, meter_.taken());
+    EXPECT_EQ(5u, meter_.used());
+}
+
 TEST_F(Pool_Meter_Test, a_directory_that_is_not_there_takes_nothing) {
     Pool_Meter meter(directory_.path("missing"), clock_);
     EXPECT_EQ(0u, meter.used());
