@@ -1,0 +1,275 @@
+#!/usr/bin/env python3
+"""What goes wrong during a backup or a restore, through the whole road: zenbrak3, the agent, its
+module, the database's tools, the XBSA library, the pool.
+
+Run in a machine of the sandbox: sandbox/machine run --in-memory python3 tests/e2e/faults_test.py BUILD
+BUILD is a directory with all that is to be installed. After each fault everything is in order again,
+and the next backup works: Protected_Cluster.assert_recovered().
+"""
+import os
+import signal
+import subprocess
+import sys
+import unittest
+
+sys.dont_write_bytecode = True
+from protected_cluster import (  # noqa: E402
+    CACHE, Protected_Cluster, cluster, kill_backup_tool, roach_processes, tell)
+
+BUILD = sys.argv.pop(1)
+
+
+def setUpModule():
+    global world
+    world = Protected_Cluster(BUILD, 4)
+    world.assert_recovered()
+
+
+class Fault_Test(unittest.TestCase):
+    """Every test ends with world.assert_recovered()."""
+
+    def assert_failed(self, run, *reasons):
+        """The run is in error, and its log says why, in each of these texts."""
+        self.assertEqual("error", run["state"], run)
+        log = world.log(run)
+        for reason in reasons:
+            self.assertIn(reason, log)
+
+    def alerts(self, run):
+        return [alert["text"] for alert in tell("job", "show", run["run_id"])["alert_list"]]
+
+
+class Backup_Tool_Test(Fault_Test):
+    def assert_survives_kill_at(self, percent):
+        run_id = world.start_slow_backup()
+        world.wait_for_percent(run_id, percent)
+        kill_backup_tool()
+        run = world.wait(run_id)
+        self.assert_failed(run, "signal 9", "Failed to backup gaussdb data")
+        self.assertGreaterEqual(run["percent"], percent)
+        world.assert_recovered()
+
+    def test_killed_at_10_percent(self):
+        self.assert_survives_kill_at(10)
+
+    def test_killed_at_50_percent(self):
+        self.assert_survives_kill_at(50)
+
+    def test_killed_at_90_percent(self):
+        self.assert_survives_kill_at(90)
+
+    def test_a_data_node_that_dies_fails_the_backup(self):
+        run_id = world.start_slow_backup()
+        world.wait_for_percent(run_id, 20)
+        cluster("kill", 2)
+        run = world.wait(run_id)
+        self.assert_failed(run, "dn_6002")
+        cluster("start")
+        world.assert_recovered()
+
+
+class Agent_Test(Fault_Test):
+    def assert_cut_off(self, run_id):
+        run = tell("job", "show", run_id)
+        self.assertEqual("error", run["state"])
+        self.assertIn("the agent ended while the job was running", run["message"])
+
+    def test_killed_during_a_backup(self):
+        run_id = world.start_slow_backup()
+        world.wait_for_percent(run_id, 30)
+        world.stop_agent(signal.SIGKILL)
+        world.start_agent()
+        self.assert_cut_off(run_id)
+        world.assert_recovered()
+
+    def test_a_backup_tool_that_outlives_the_agent_adds_nothing(self):
+        run_id = world.start_slow_backup()
+        world.wait_for_percent(run_id, 30)
+        tool = list(roach_processes())
+        for pid in tool:
+            os.kill(pid, signal.SIGSTOP)
+        world.stop_agent(signal.SIGKILL)
+        world.start_agent()
+        for pid in tool:
+            os.kill(pid, signal.SIGCONT)
+        self.assert_cut_off(run_id)
+        world.assert_recovered()
+
+    def test_a_backup_that_is_cancelled_goes_on_to_its_end(self):
+        run_id = world.start_slow_backup()
+        world.wait_for_percent(run_id, 30)
+        subprocess.check_call(["zenbrak3", "job", "cancel", run_id], stdout=subprocess.DEVNULL)
+        run = world.wait(run_id)
+        # the tool of the 200 series is not broken off: what it has made is whole, and kept
+        self.assertEqual("completed", run["state"])
+        world.assert_recovered()
+
+    def test_two_backups_of_one_cluster_come_one_after_the_other(self):
+        first = world.start_slow_backup("first")
+        world.wait_for_percent(first, 10)
+        again = subprocess.run(["zenbrak3", "definition", "start", "first"], text=True,
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.assertEqual(5, again.returncode)
+        self.assertIn("it is running already", again.stderr)
+        second = world.start_slow_backup("second", rate=0)
+        ends = [world.wait(run_id) for run_id in (first, second)]
+        self.assertEqual(["completed"] * 2, [run["state"] for run in ends])
+        sets = [tell("backup", "show", run_id) for run_id in (first, second)]
+        self.assertLessEqual(sets[0]["backup_end_time"], sets[1]["backup_start_time"], sets)
+        world.assert_recovered()
+
+
+class Pool_Test(Fault_Test):
+    def test_a_limit_that_is_reached(self):
+        world.make_pool("small", "/srv/small", "--limit", "4MiB")
+        run = world.backup("--name", "too large", pool="small")
+        self.assert_failed(run, "limit")
+        world.assert_recovered()
+        world.remove_pool("small")
+
+    def test_a_disk_that_is_full(self):
+        os.mkdir("/srv/tiny")
+        subprocess.check_call(["mount", "-t", "tmpfs", "-o", "size=4m", "tmpfs", "/srv/tiny"])
+        world.make_pool("tiny", "/srv/tiny")
+        run = world.backup("--name", "too large", pool="tiny")
+        self.assert_failed(run, "No space left on device")
+        world.assert_recovered()
+        world.remove_pool("tiny")
+
+
+class Restoring_Test(Fault_Test):
+    def setUp(self):
+        self.rows = world.rows()
+        self.servers = world.server_pids()
+
+    def assert_database_untouched(self):
+        self.assertEqual(self.servers, world.server_pids(), "the servers were not even stopped")
+        self.assertEqual(self.rows, world.rows())
+
+    def largest_object(self, uuid):
+        return max(world.objects(uuid).values(), key=lambda path: path.stat().st_size)
+
+
+class Object_Test(Restoring_Test):
+    def test_a_damaged_object_is_named_and_the_database_left_alone(self):
+        uuid = world.backup("--name", "ready")["run_id"]
+        victim = self.largest_object(uuid)
+        content = victim.read_bytes()
+        middle = len(content) // 2
+        victim.write_bytes(content[:middle] + bytes([content[middle] ^ 1]) + content[middle + 1:])
+
+        run = world.restore(uuid)
+
+        self.assert_failed(run, "Failed to restore gaussdb data")
+        self.assertRegex(world.log(run), r"object \d+_\d+/dn_600\d/(data|log)")
+        self.assert_database_untouched()
+        victim.write_bytes(content)
+        self.assertEqual("completed", world.restore(uuid)["state"])
+        self.assertEqual(self.rows, world.rows())
+        world.assert_recovered()
+
+    def test_a_missing_object_is_named_and_the_database_left_alone(self):
+        uuid = world.backup("--name", "ready")["run_id"]
+        victim = self.largest_object(uuid)
+        victim.rename("/srv/victim")
+
+        run = world.restore(uuid)
+
+        self.assert_failed(run, "Failed to restore gaussdb data")
+        self.assertRegex(world.log(run), r"object \d+_\d+/dn_600\d/(data|log)")
+        self.assert_database_untouched()
+        os.rename("/srv/victim", victim)
+        world.assert_recovered()
+
+
+class Chain_Test(Restoring_Test):
+    def back_up_chain(self):
+        full = world.backup("--name", "ready")["run_id"]
+        incremental = world.backup("--name", "incremental", "--incremental")["run_id"]
+        self.assertNotEqual("", tell("backup", "show", incremental)["prior_backup_key"])
+        return full, incremental
+
+    def test_without_the_prior_metadata_a_full_backup_is_taken(self):
+        full = world.backup("--name", "ready")["run_id"]
+        subprocess.check_call(["rm", "-r", CACHE / "meta"])
+
+        run = world.backup("--name", "incremental", "--incremental")
+
+        self.assertIn("Do full backup because prior backup key not found", world.log(run))
+        made = tell("backup", "show", run["run_id"])
+        self.assertEqual(("incremental", ""), (made["type"], made["prior_backup_key"]))
+        self.assertEqual([], self.alerts(run))
+        world.forget(full)
+        self.assertEqual("completed", world.restore(run["run_id"])["state"])
+        self.assertEqual(self.rows, world.rows())
+        world.assert_recovered()
+
+    def test_without_a_prior_set_a_full_backup_is_taken(self):
+        world.make_pool("other", "/srv/other")
+        run = world.backup("--name", "first of its pool", "--incremental", pool="other")
+        self.assertEqual("completed", run["state"])
+        self.assertIn("Do full backup because prior backup not found", world.log(run))
+        world.assert_recovered()
+        world.forget(run["run_id"])
+        world.remove_pool("other")
+
+    def test_a_chain_whose_full_set_was_dropped_is_refused(self):
+        full, incremental = self.back_up_chain()
+        self.servers = world.server_pids()
+        world.forget(full)
+
+        run = world.restore(incremental)
+
+        self.assert_failed(run, "Failed to get base gaussdb backup set")
+        self.assert_database_untouched()
+        world.assert_recovered()
+
+    def test_a_chain_whose_full_set_has_no_objects_is_refused(self):
+        full, incremental = self.back_up_chain()
+        objects = [path for name, path in world.objects(full).items() if ".rch" in name]
+        for number, path in enumerate(objects):
+            path.rename("/srv/object%d" % number)
+
+        run = world.restore(incremental)
+
+        self.assert_failed(run, "Failed to restore gaussdb data")
+        self.assertRegex(world.log(run), r"object \d+_\d+/dn_600\d/(data|log)")
+        self.assert_database_untouched()
+        for number, path in enumerate(objects):
+            os.rename("/srv/object%d" % number, path)
+        world.assert_recovered()
+
+
+class Cluster_State_Test(Fault_Test):
+    def assert_refused(self, run, reason):
+        self.assert_failed(run, reason)
+        self.assertEqual(1, len(self.alerts(run)))
+        self.assertNotIn("GaussRoach.py", world.log(run))
+
+    def test_unavailable(self):
+        cluster("kill", 1)
+        cluster("kill", 2)
+        run = world.backup("--name", "ready")
+        self.assert_refused(run, "GaussDB cluster state is abnormal, stop backup")
+        cluster("start")
+        world.assert_recovered()
+
+    def test_unbalanced(self):
+        cluster("switch")
+        run = world.backup("--name", "ready")
+        self.assert_refused(run, "GaussDB cluster is unbalanced, stop backup")
+        cluster("switch-back")
+        world.assert_recovered()
+
+    def test_degraded_is_tried(self):
+        cluster("kill", 2)
+        run = world.backup("--name", "ready")
+        # of the sandbox's tool, which has no standby to read from
+        self.assert_failed(run, "dn_6002")
+        self.assertEqual([], self.alerts(run))
+        cluster("start")
+        world.assert_recovered()
+
+
+if __name__ == "__main__":
+    sys.exit(unittest.main(verbosity=2))
