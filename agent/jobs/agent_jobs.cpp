@@ -115,16 +115,23 @@ void Agent_Jobs::progressed(Job const& job, Job_Progress const& progress) {
 
 void Agent_Jobs::ended(Job const& job, Job_Outcome const& outcome) {
     time_t const now = clock_.now();
+    std::shared_ptr<Run_Log> log;
     {
         std::lock_guard const guard(mutex_);
         auto const live = live_.find(job.run_id());
-        if (live != live_.end())
+        if (live != live_.end()) {
             live->second.ended = true;
+            log = live->second.log;
+        }
     }
+    std::string message = outcome.message;
+    // a job that gives no reason has told its log
+    if (outcome.state == JOB_STATE_ERROR && message.empty() && log)
+        message = log->reason();
     change(job.run_id(), [&](Job_Run& run) {
         run.state = outcome.state;
         run.code = outcome.code;
-        run.message = outcome.message;
+        run.message = message;
         run.end_time = now;
         if (!is_success(outcome.state))
             return;

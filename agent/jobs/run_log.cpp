@@ -3,6 +3,7 @@
 #include "qmrt/log.h"
 #include "qmrt/path.h"
 #include "qmrt/posix_time.h"
+#include "qmrt/utf8.h"
 
 #include <ace/Log_Record.h>
 
@@ -33,6 +34,14 @@ std::string line_of(ACE_Log_Record& record) {
     if (line.back() != '\n')
         line += '\n';
     return line;
+}
+
+/** The last line of a text that is not empty. */
+std::string last_line(std::string_view text) {
+    constexpr size_t MOST = 500;
+    size_t const end = text.find_last_not_of(" \n");
+    text = text.substr(0, end == std::string_view::npos ? 0 : end + 1);
+    return qmrt::to_one_line(std::string(text.substr(text.rfind('\n') + 1)).substr(0, MOST));
 }
 
 /** Cuts a text that goes on behind its last whole line, or at least its last whole character. */
@@ -66,6 +75,7 @@ void Run_Log::log(ACE_Log_Record& record) {
     int error = 0;
     {
         std::lock_guard const guard(mutex_);
+        remember(record);
         if (!file_ || append(line))
             return;
         error = errno;
@@ -74,6 +84,20 @@ void Run_Log::log(ACE_Log_Record& record) {
     // comes back to this log, which is closed by now
     errno = error;
     QMRT_LOG(LM_ERROR, "Cannot write the job log %s any more: %m\n", path_.c_str());
+}
+
+void Run_Log::remember(ACE_Log_Record const& record) {
+    std::string complaint;
+    if (record.type() == LM_WARNING || record.type() >= LM_ERROR)
+        complaint = last_line(record.msg_data());
+    if (!complaint.empty())
+        reason_ = complaint_.empty() ? complaint : complaint + ": " + complaint_;
+    complaint_ = std::move(complaint);
+}
+
+std::string Run_Log::reason() {
+    std::lock_guard const guard(mutex_);
+    return reason_;
 }
 
 bool Run_Log::append(std::string const& line) {

@@ -28,7 +28,14 @@ public:
 
     void log(ACE_Log_Record& record) override;
 
+    /**
+     * Why the run failed, as far as its lines tell: the last warning or error, with the one that
+     * came directly before it behind a colon, each by its last line. "" when there was none.
+     */
+    std::string reason();
+
 private:
+    void remember(ACE_Log_Record const& record);
     /** @return false when it could not be written, with errno */
     bool append(std::string const& line);
 
@@ -37,6 +44,8 @@ private:
     std::string const path_;
     uint64_t const limit_;
     uint64_t size_ = 0;
+    std::string reason_;
+    std::string complaint_; ///< the last record, if it was a warning or an error
 };
 
 /** A piece of a run's log. */

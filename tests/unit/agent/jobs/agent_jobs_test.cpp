@@ -131,6 +131,29 @@ TEST_F(Agent_Jobs_Test, the_record_outlives_the_process) {
     EXPECT_EQ(1, run.alerts);
 }
 
+TEST_F(Agent_Jobs_Test, a_run_that_fails_without_a_reason_has_that_of_its_last_lines) {
+    auto const message_of = [&](std::function<void()> const& lines) {
+        return found(run([&](Job&, Job_Event_Handler& events) {
+                   events.handle_start_job();
+                   lines();
+                   events.handle_failure(-1, nullptr);
+               }))
+            .message;
+    };
+    EXPECT_EQ("it failed: no space left", message_of([] {
+                  QMRT_LOG(LM_WARNING, "the first\n");
+                  QMRT_LOG(LM_INFO, "note\n");
+                  QMRT_LOG(LM_WARNING,
+                           "the tool exited, its last lines:\ntrace\nno space left\n\n");
+                  QMRT_LOG(LM_ERROR, "it failed\n");
+                  QMRT_LOG(LM_INFO, "note\n");
+              }));
+    EXPECT_LOGGED(LM_WARNING, "the first");
+    EXPECT_LOGGED(LM_WARNING, "the tool exited");
+    EXPECT_LOGGED(LM_ERROR, "it failed");
+    EXPECT_EQ("", message_of([] { QMRT_LOG(LM_INFO, "note\n"); }));
+}
+
 TEST_F(Agent_Jobs_Test, progress_is_shown_at_once_and_written_once_a_second) {
     Gate gate;
     int writes = -1;
