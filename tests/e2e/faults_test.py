@@ -29,9 +29,10 @@ class Fault_Test(unittest.TestCase):
     """Every test ends with world.assert_recovered()."""
 
     def assert_failed(self, run, *reasons):
-        """The run is in error, and its log says why, in each of these texts."""
+        """The run is in error, with a reason, and its log says each of these texts."""
         self.assertEqual("error", run["state"], run)
         log = world.log(run)
+        self.assertIn(reasons[0], run["message"])
         for reason in reasons:
             self.assertIn(reason, log)
 
@@ -160,7 +161,7 @@ class Object_Test(Restoring_Test):
 
         run = world.restore(uuid)
 
-        self.assert_failed(run, "Failed to restore gaussdb data")
+        self.assert_failed(run, "object", "Failed to restore gaussdb data")
         self.assertRegex(world.log(run), r"object \d+_\d+/dn_600\d/(data|log)")
         self.assert_database_untouched()
         victim.write_bytes(content)
@@ -175,7 +176,7 @@ class Object_Test(Restoring_Test):
 
         run = world.restore(uuid)
 
-        self.assert_failed(run, "Failed to restore gaussdb data")
+        self.assert_failed(run, "object", "Failed to restore gaussdb data")
         self.assertRegex(world.log(run), r"object \d+_\d+/dn_600\d/(data|log)")
         self.assert_database_untouched()
         os.rename("/srv/victim", victim)
@@ -232,7 +233,7 @@ class Chain_Test(Restoring_Test):
 
         run = world.restore(incremental)
 
-        self.assert_failed(run, "Failed to restore gaussdb data")
+        self.assert_failed(run, "object", "Failed to restore gaussdb data")
         self.assertRegex(world.log(run), r"object \d+_\d+/dn_600\d/(data|log)")
         self.assert_database_untouched()
         for number, path in enumerate(objects):
