@@ -72,7 +72,9 @@ void Command_Line::add_watch(CLI::App& command) {
 
 void Command_Line::add_wait(CLI::App& command) {
     command.add_flag("--no-wait", no_wait_, "Start the job and do not wait for its end");
-    command.add_option("--interval", wait_.interval, "Seconds between two looks at the job")
+    command
+        .add_option("--interval", wait_.interval,
+                    "Seconds between two looks at a job that takes its time")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.01, 86400.0));
 }
@@ -181,7 +183,8 @@ void Command_Line::add_pool_commands() {
         ->required();
     create
         ->add_option("--compression", pool_wishes_.compression,
-                     "none, zstd, lzop or auto, with a level behind a colon")
+                     "none, zstd, lzop or auto, with a level behind a colon; "
+                     "the pool's when it is not given")
         ->type_name("METHOD[:LEVEL]");
     create->add_option("--limit", pool_wishes_.limit, "How much it may hold: 500GiB, 2T")
         ->type_name("SIZE");

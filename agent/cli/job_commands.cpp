@@ -6,6 +6,9 @@
 #include "agent/cli/table.h"
 #include "json_spirit/text.h"
 
+#include <algorithm>
+#include <chrono>
+
 using json_spirit::Array;
 using json_spirit::Object;
 using json_spirit::object_get_str;
@@ -13,6 +16,7 @@ using json_spirit::object_get_str;
 namespace {
 
 constexpr char LIST_JOBS[] = "`zenbrak3 jobs` lists the jobs.";
+constexpr std::chrono::milliseconds FIRST_LOOK{50};
 
 std::vector<Column> const& run_fields() {
     static std::vector<Column> const fields{{"Job", "run_id"},
@@ -100,7 +104,8 @@ int tell_that_it_goes_on(std::string const& id) {
 /** Follows a run to its end. */
 int follow(Command_Context& context, std::string const& id, double interval) {
     Interruption::install();
-    auto const pause = std::chrono::milliseconds(static_cast<int64_t>(interval * 1000));
+    auto const longest = std::chrono::milliseconds(static_cast<int64_t>(interval * 1000));
+    auto pause = std::min(FIRST_LOOK, longest); // a small job is over soon
     Progress_Printer printer(context.terminal());
     for (;;) {
         Object run;
@@ -119,6 +124,7 @@ int follow(Command_Context& context, std::string const& id, double interval) {
             context.print(printer.end());
             return tell_that_it_goes_on(id);
         }
+        pause = std::min(2 * pause, longest);
     }
 }
 
