@@ -61,16 +61,28 @@ Job_Definition_Subtype subtype_of(std::string const& text) {
 }
 
 bool find_pool(Definition_Defaults const& defaults, std::string const& wanted, Object& target,
-               std::string& error) {
-    std::string uuid;
+               Pool_Info& pool, std::string& error) {
     std::string reason;
-    if (!defaults.find_pool(wanted, uuid, reason)) {
+    if (!defaults.find_pool(wanted, pool, reason)) {
         error = "target.pool: " + reason;
         return false;
     }
     target.erase("pool");
-    json_spirit::insert(target)("id", uuid);
+    json_spirit::insert(target)("id", pool.uuid);
     return true;
+}
+
+/** Gives options that name no compression the pool's. */
+void compress_as(Pool_Info const& pool, Object& definition) {
+    char const* const method = compression_value_to_name(pool.compression_method);
+    Object options;
+    json_spirit::object_get(definition, "options", options);
+    if (pool.compression_method == COMPR_NONE || !method || options.count("compression"))
+        return;
+    json_spirit::insert(options)("compression", method);
+    if (pool.compression_level != 0)
+        options.emplace("compression_level", pool.compression_level);
+    json_spirit::insert(definition)("options", options);
 }
 
 bool normalise_target(Object const& given, Definition_Defaults const& defaults, Object& result,
@@ -94,9 +106,12 @@ bool normalise_target(Object const& given, Definition_Defaults const& defaults, 
         error = "target.pool: give either this or target.id";
     if (!error.empty())
         return false;
-    if (!restore && !(id.empty() && pool.empty()) &&
-        !find_pool(defaults, id.empty() ? pool : id, target, error))
-        return false;
+    if (!restore && !(id.empty() && pool.empty())) {
+        Pool_Info info;
+        if (!find_pool(defaults, id.empty() ? pool : id, target, info, error))
+            return false;
+        compress_as(info, result);
+    }
     if (restore && id.empty())
         if (Object const* source = nullptr; json_spirit::object_get(given, "source", source))
             json_spirit::insert(target)("id", json_spirit::object_get_str(*source, "id"));

@@ -4,6 +4,7 @@
 #include "agent/jobs/job_modules.h"
 #include "agent/jobs/job_schedule_text.h"
 #include "host/job/job_definition.h"
+#include "host/storage/pool_info.h"
 #include "json_spirit/value.h"
 
 #include <functional>
@@ -35,13 +36,14 @@ struct Definition_Defaults {
      * Finds a storage pool by its uuid or name.
      * @return false, with the reason in @a error
      */
-    std::function<bool(std::string const& pool, std::string& uuid, std::string& error)> find_pool;
+    std::function<bool(std::string const& pool, Pool_Info& info, std::string& error)> find_pool;
 };
 
 /**
  * Completes what somebody wrote: an id when it has none, the owner, the host, the pool's uuid in
- * place of its name. A restore without a target goes to the resource that its source names.
- * Members that are null are left out. Only what it touches is checked here.
+ * place of its name, and in a backup's options the pool's compression when they name none. A
+ * restore without a target goes to the resource that its source names. Members that are null are
+ * left out. Only what it touches is checked here.
  * @return false, with the fault in @a error, and @a result unchanged
  */
 bool normalise_definition(json_spirit::Object const& given, Definition_Defaults const& defaults,

@@ -176,8 +176,8 @@ void Agent_Service::make_jobs() {
                       module_->restore_source()};
     Definition_Defaults defaults{
         AGENT, identity_.uid, identity_.host_uuid,
-        [this](std::string const& pool, std::string& uuid, std::string& error) {
-            return find_pool(pool, uuid, error);
+        [this](std::string const& pool, Pool_Info& info, std::string& error) {
+            return find_pool(pool, info, error);
         }};
     definitions_ = std::make_unique<Definition_Store>(*database_);
     runs_ = std::make_shared<Agent_Jobs>(
@@ -207,18 +207,15 @@ bool Agent_Service::recover(std::string& error) {
     return true;
 }
 
-bool Agent_Service::find_pool(std::string const& pool, std::string& uuid,
-                              std::string& error) const {
-    Pool_Info info;
+bool Agent_Service::find_pool(std::string const& pool, Pool_Info& info, std::string& error) const {
     Storage_Result found;
     if (is_member()) {
         found = Remote_Pools().find(pool, info);
     } else {
         Pool_Record record;
         found = pools_->find_record(pool, record);
-        info.uuid = record.uuid;
+        info = record.info();
     }
-    uuid = info.uuid;
     error = found.text();
     return static_cast<bool>(found);
 }

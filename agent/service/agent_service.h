@@ -62,7 +62,7 @@ private:
     bool recover(std::string& error);
     /** Drops the sets that a host began before that time, and their files. */
     bool drop_open_sets(std::string const& host_uuid, time_t before);
-    bool find_pool(std::string const& pool, std::string& uuid, std::string& error) const;
+    bool find_pool(std::string const& pool, Pool_Info& info, std::string& error) const;
     bool is_member() const { return config_.role == "member"; }
     /** Removes what a dropped set has in its pools; what cannot be removed now is noted for later.
      */

@@ -52,6 +52,28 @@ TEST_F(Definition_JSON_Test, completes_what_somebody_left_out) {
     EXPECT_EQ(json_spirit::Value(true), json_spirit::object_get_any(object, "enabled"));
 }
 
+TEST_F(Definition_JSON_Test, a_backup_is_compressed_as_its_pool_has_it_unless_it_says_otherwise) {
+    Definition_Defaults packing = defaults();
+    packing.find_pool = [](std::string const&, Pool_Info& info, std::string&) {
+        info.uuid = POOL;
+        info.compression_method = COMPR_ZSTD;
+        info.compression_level = 5;
+        return true;
+    };
+    auto const options = [&](Object const& given) {
+        Object result;
+        std::string error;
+        EXPECT_TRUE(normalise_definition(given, packing, result, error)) << error;
+        return json_spirit::to_text(result.at("options"));
+    };
+    EXPECT_EQ(R"({"compression":"zstd","compression_level":5})", options(backup()));
+    EXPECT_EQ(R"({"channels":2,"compression":"zstd","compression_level":1})",
+              options(backup("n", R"(,"options":{"channels":2,"compression_level":1})")));
+    EXPECT_EQ(R"({"compression":"none"})",
+              options(backup("n", R"(,"options":{"compression":"none"})")));
+    EXPECT_EQ("{}", options(restore()));
+}
+
 TEST_F(Definition_JSON_Test, a_normalised_definition_stays_as_it_is) {
     Object const once = normal(backup());
     EXPECT_EQ(json_spirit::Value(once), json_spirit::Value(normal(once)));

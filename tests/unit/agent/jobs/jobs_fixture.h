@@ -68,12 +68,12 @@ protected:
     }
     static Definition_Defaults defaults() {
         return {"gaussdb", OWNER, "host-1",
-                [](std::string const& pool, std::string& uuid, std::string& error) {
+                [](std::string const& pool, Pool_Info& info, std::string& error) {
                     if (pool != "disk" && pool != POOL) {
                         error = "there is no pool \"" + pool + "\"";
                         return false;
                     }
-                    uuid = POOL;
+                    info.uuid = POOL;
                     return true;
                 }};
     }
