@@ -18,6 +18,9 @@ endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
     # at -O3 g++ 12 takes the copying within std::string for an overlap that cannot be
     add_compile_options(-Wno-restrict)
+    if(CMAKE_UNITY_BUILD) # it takes a source's own names for a header's
+        add_compile_options(-Wno-subobject-linkage)
+    endif()
 endif()
 add_compile_definitions(_GNU_SOURCE)
 if(ZENBRAK3_SANITIZE)

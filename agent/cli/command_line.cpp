@@ -183,8 +183,7 @@ void Command_Line::add_pool_commands() {
         ->required();
     create
         ->add_option("--compression", pool_wishes_.compression,
-                     "none, zstd, lzop or auto, with a level behind a colon; "
-                     "the pool's when it is not given")
+                     "none, zstd, lzop or auto, with a level behind a colon")
         ->type_name("METHOD[:LEVEL]");
     create->add_option("--limit", pool_wishes_.limit, "How much it may hold: 500GiB, 2T")
         ->type_name("SIZE");
@@ -223,7 +222,8 @@ void Command_Line::add_backup_command() {
     backup->get_option("--incremental")->excludes(backup->get_option("--cumulative"));
     backup
         ->add_option("--compression", wishes_.compression,
-                     "none, zstd, lzop or auto, with a level behind a colon")
+                     "none, zstd, lzop or auto, with a level behind a colon; "
+                     "the pool's when it is not given")
         ->type_name("METHOD[:LEVEL]");
     backup->add_option("--channels", wishes_.channels, "Parallel streams")
         ->type_name("N")
