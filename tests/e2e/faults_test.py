@@ -114,7 +114,7 @@ class Agent_Test(Fault_Test):
         self.assertIn("it is running already", again.stderr)
         second = world.start_slow_backup("second", rate=0)
         ends = [world.wait(run_id) for run_id in (first, second)]
-        self.assertEqual(["completed"] * 2, [run["state"] for run in ends])
+        self.assertEqual(["completed"] * 2, [run["state"] for run in ends], ends)
         sets = [tell("backup", "show", run_id) for run_id in (first, second)]
         self.assertLessEqual(sets[0]["backup_end_time"], sets[1]["backup_start_time"], sets)
         world.assert_recovered()

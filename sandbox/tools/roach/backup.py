@@ -6,7 +6,7 @@ import time
 
 from roach import files
 from roach.agents import Agents
-from roach.cluster import Tool_Error
+from roach.cluster import Tool_Error, environment
 from roach.frames import PAGE, Frame_Writer
 from roach.object_store import MIB, open_store
 from roach.postgres import Session, parse_lsn
@@ -176,7 +176,7 @@ class Backup(object):
         """The new backup's key. The servers leave backup mode whatever happens."""
         self.metadata.prepare()
         prior = self._prior()
-        self.key = self.metadata.new_key()
+        self.key = self.metadata.new_key(environment("GAUSSLOG"))
         start_time = int(time.time())
         say("Performing presetup activities...")
         try:

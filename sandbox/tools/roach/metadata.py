@@ -32,13 +32,23 @@ class Metadata(object):
     def of_key(self, key):
         return os.path.join(self.top, "roach", key)
 
-    def new_key(self):
-        """A key that no backup has: the time, to the second."""
-        while True:
-            key = time.strftime("%Y%m%d_%H%M%S")
-            if not os.path.exists(self.of_key(key)):
-                return key
-            time.sleep(0.1)
+    def new_key(self, log_directory):
+        """A key that no backup has: the time, to the second. The last one is noted in the cluster's
+        own directory, since the metadata may have been removed after it."""
+        note = os.path.join(log_directory, "roach_last_key")
+        try:
+            last = None
+            if os.path.exists(note):
+                with open(note) as source:
+                    last = source.read()
+            while True:
+                key = time.strftime("%Y%m%d_%H%M%S")
+                if key != last and not os.path.exists(self.of_key(key)):
+                    _write(note, key)
+                    return key
+                time.sleep(0.02)
+        except OSError as error:
+            raise Tool_Error("[GAUSS-50208] : Failed to write %s: %s" % (note, error))
 
     def manifest(self, key):
         """The manifest of a backup, or None when it is not here."""
