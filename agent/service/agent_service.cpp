@@ -138,8 +138,9 @@ bool Agent_Service::install_back_ends(std::string& error) {
         *database_, [this](std::string const& pool, std::vector<Resource_Usage>& usage) {
             return catalog_->pool_usage(pool, usage);
         });
-    storage_ = std::make_shared<Agent_Storage_Backend>(std::make_shared<File_Storage_Backend>(),
-                                                       *pools_, *journal_);
+    storage_ =
+        std::make_shared<Agent_Storage_Backend>(std::make_shared<File_Storage_Backend>(), *pools_,
+                                                *journal_, ask_catalog(*pools_, *catalog_));
     pool_status_ = std::make_unique<Pool_Status>(*storage_, *catalog_);
     group_instances_ = std::make_unique<Group_Instances>(*database_, identity_);
     catalog_->on_abort([this](Dropped_Set const& set) { remove_files(set); });

@@ -21,8 +21,7 @@ Storage_Result Agent_Storage_Backend::connect(std::string const& url, Storage_Ac
     for (Pool_Record const& pool : pools) { // none is within another
         if (!path_within(pool.path, path, folder))
             continue;
-        auto use = std::make_shared<Pool_Use>(Pool_Use{pool, meter(pool.path), journal_});
-        connection = std::make_shared<Pool_Connection>(std::move(files), std::move(use), folder);
+        connection = std::make_shared<Pool_Connection>(std::move(files), use(pool), folder);
         return {};
     }
     connection = std::move(files);
@@ -37,6 +36,10 @@ std::shared_ptr<Pool_Meter> Agent_Storage_Backend::meter(std::string const& path
     return meter;
 }
 
+std::shared_ptr<Pool_Use const> Agent_Storage_Backend::use(Pool_Record const& pool) {
+    return std::make_shared<Pool_Use>(Pool_Use{pool, meter(pool.path), journal_, in_complete_set_});
+}
+
 uint64_t Agent_Storage_Backend::left_by_limit(Pool_Record const& pool) {
     return pool.limit - std::min(meter(pool.path)->taken(), pool.limit);
 }
@@ -46,9 +49,8 @@ Pool_Space Agent_Storage_Backend::space(Pool_Record const& pool) {
     std::shared_ptr<Storage_Connection> files;
     if (!files_->connect(url_of_pool_path(pool.path), {}, files))
         return space;
-    auto const use = std::make_shared<Pool_Use>(Pool_Use{pool, meter(pool.path), journal_});
-    space.used = use->meter->used();
+    space.used = meter(pool.path)->used();
     space.online = static_cast<bool>(
-        Pool_Connection(std::move(files), use, "").space(space.total, space.available));
+        Pool_Connection(std::move(files), use(pool), "").space(space.total, space.available));
     return space.online ? space : Pool_Space();
 }

@@ -12,6 +12,8 @@
 #include <mutex>
 #include <string>
 
+struct Pool_Use;
+
 /** What a pool has room for and takes. */
 struct Pool_Space {
     bool online = false;    ///< its directory is there; the rest is 0 when it is not
@@ -24,6 +26,7 @@ struct Pool_Space {
  * The agent's pools: File_Storage_Backend, and for the pools on record besides
  * - their limit: a write beyond it is NO_SPACE, with a text that names the pool and the limit;
  * - that a pool which is read-only is not written to: FAILED;
+ * - that an object of a complete set is not replaced: EXISTS;
  * - the journal of writes, by which nothing half-done stays after a death of the agent.
  * The settings are those at the time of connect(). A connection to what is in no pool on record is
  * a plain one, since nobody would know what in it is half-done.
@@ -33,11 +36,17 @@ public:
     /**
      * @param pools    lives longer than the back end
      * @param journal  lives longer than the connections and writers
+     * @param in_complete_set  asked before an object is replaced; what it uses lives as long
      * @param clock    as long
      */
     Agent_Storage_Backend(std::shared_ptr<Storage_Backend> files, SQLite_Pools& pools,
-                          Write_Journal& journal, Storage_Clock& clock = Storage_Clock::system())
-        : files_(std::move(files)), pools_(pools), journal_(journal), clock_(clock) {}
+                          Write_Journal& journal, Set_Question in_complete_set,
+                          Storage_Clock& clock = Storage_Clock::system())
+        : files_(std::move(files)),
+          pools_(pools),
+          journal_(journal),
+          in_complete_set_(std::move(in_complete_set)),
+          clock_(clock) {}
 
     Storage_Result connect(std::string const& url, Storage_Access const& access,
                            std::shared_ptr<Storage_Connection>& connection) override;
@@ -50,10 +59,12 @@ public:
 
 private:
     std::shared_ptr<Pool_Meter> meter(std::string const& path);
+    std::shared_ptr<Pool_Use const> use(Pool_Record const& pool);
 
     std::shared_ptr<Storage_Backend> const files_;
     SQLite_Pools& pools_;
     Write_Journal& journal_;
+    Set_Question const in_complete_set_;
     Storage_Clock& clock_;
     std::mutex mutex_;
     std::map<std::string, std::shared_ptr<Pool_Meter>> meters_; ///< by the pool's directory

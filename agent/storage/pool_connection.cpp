@@ -87,6 +87,21 @@ Storage_Result Pool_Connection::check_writable(std::string const& name) const {
     return result;
 }
 
+Storage_Result Pool_Connection::check_replaceable(std::string const& name) const {
+    Storage_Entry entry;
+    if (!files_->stat(name, entry))
+        return {};
+    bool named = false;
+    if (!use_->in_complete_set(object(name), named))
+        return {Storage_Result::FAILED, "failed to replace '" + name +
+                                            "': the catalog does not tell whether a backup set "
+                                            "has it"};
+    if (named)
+        return {Storage_Result::EXISTS,
+                "'" + name + "' belongs to a complete backup set and is not replaced"};
+    return {};
+}
+
 uint64_t Pool_Connection::stored_size(std::string const& name) const {
     Storage_Entry entry;
     return files_->stat(name, entry) ? entry.size : 0;
@@ -95,6 +110,8 @@ uint64_t Pool_Connection::stored_size(std::string const& name) const {
 Storage_Result Pool_Connection::create(std::string const& name, bool replace,
                                        std::unique_ptr<Storage_Writer>& writer) {
     Storage_Result result = check_writable(name);
+    if (result && replace)
+        result = check_replaceable(name);
     if (!result)
         return result;
     Pool_Object const noted = object(name);
@@ -125,6 +142,8 @@ Storage_Result Pool_Connection::remove(std::string const& name) {
 
 Storage_Result Pool_Connection::rename(std::string const& from, std::string const& to) {
     Storage_Result result = check_writable(to);
+    if (result && from != to)
+        result = check_replaceable(to);
     if (!result)
         return result;
     std::string error;

@@ -15,6 +15,7 @@ struct Pool_Use {
     Pool_Record pool;
     std::shared_ptr<Pool_Meter> meter;
     Write_Journal& journal;
+    Set_Question in_complete_set;
 };
 
 /** A connection to a pool on record; see Agent_Storage_Backend. */
@@ -42,6 +43,8 @@ public:
 
 private:
     Storage_Result check_writable(std::string const& name) const;
+    /** EXISTS when something is there that a complete set has. */
+    Storage_Result check_replaceable(std::string const& name) const;
     Pool_Object object(std::string const& name) const;
     uint64_t stored_size(std::string const& name) const;
 

@@ -2,9 +2,11 @@
 #define TESTS_SUPPORT_AGENT_POOL_H
 
 #include "agent/catalog/catalog_tables.h"
+#include "agent/catalog/recorded_set.h"
 #include "agent/catalog/sqlite_catalog.h"
 #include "agent/storage/agent_storage_backend.h"
 #include "agent/storage/pool_path.h"
+#include "agent/storage/pool_sweep.h"
 #include "agent/storage/sqlite_pools.h"
 #include "agent/storage/write_journal.h"
 
@@ -13,6 +15,20 @@
 
 #include <memory>
 #include <stdexcept>
+
+inline constexpr Catalog_Limits NO_LIMITS = {-1, -1};
+
+/** A set of a pool, as the catalog takes it. @param paths  of its pieces */
+inline Recorded_Set set_of(std::string const& uuid, std::string const& pool,
+                           std::vector<std::string> const& paths) {
+    json_spirit::Array pieces;
+    for (std::string const& path : paths)
+        pieces.push_back(json_spirit::Object{{"path", path}});
+    return {"gaussdb",
+            {{"uuid", uuid},
+             {"storages", json_spirit::Array{json_spirit::Object{{"pool_uuid", pool}}}},
+             {"pieces", pieces}}};
+}
 
 /** The agent's storage with a pool "pool" in it, and the catalog that goes with it. */
 class Agent_Pool {
@@ -63,7 +79,8 @@ public:
                        }};
     std::unique_ptr<Write_Journal> journal =
         open_journal(database.directory().path("pool_writes.journal"));
-    Agent_Storage_Backend backend{std::make_shared<File_Storage_Backend>(), pools, *journal};
+    Agent_Storage_Backend backend{std::make_shared<File_Storage_Backend>(), pools, *journal,
+                                  ask_catalog(pools, catalog)};
     Pool_Record record;
 };
 

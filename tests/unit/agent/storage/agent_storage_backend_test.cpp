@@ -114,6 +114,38 @@ TEST(Agent_Storage_Backend, a_pool_that_is_read_only_is_not_written_to) {
     EXPECT_TRUE(connection->open("a", reader));
 }
 
+TEST(Agent_Storage_Backend, what_a_complete_set_has_is_not_replaced) {
+    Agent_Pool pool;
+    auto const connection = pool.connect("folder");
+    Recorded_Set const set = set_of("set", pool.record.uuid, {"folder/piece"});
+    ASSERT_TRUE(pool.catalog.initialize(NO_LIMITS, set));
+    ASSERT_TRUE(Agent_Pool::put(*connection, "piece", "first"));
+    ASSERT_TRUE(Agent_Pool::put(*connection, "piece", "again")) << "the set is not complete yet";
+    ASSERT_TRUE(Agent_Pool::put(*connection, "other", "content"));
+    ASSERT_TRUE(pool.catalog.complete(NO_LIMITS, set));
+
+    Storage_Result const written = Agent_Pool::put(*connection, "piece", "another set's");
+    EXPECT_EQ(Storage_Result::EXISTS, written.code());
+    EXPECT_EQ("'piece' belongs to a complete backup set and is not replaced", written.text());
+    EXPECT_EQ(Storage_Result::EXISTS, connection->rename("other", "piece").code());
+    EXPECT_TRUE(Agent_Pool::put(*connection, "other", "nobody's"));
+    EXPECT_EQ("again", pool.database.directory().read("pool/folder/piece"));
+    EXPECT_TRUE(connection->rename("piece", "piece")) << "which changes nothing";
+}
+
+TEST(Agent_Storage_Backend, without_the_catalogs_answer_nothing_is_replaced) {
+    Agent_Pool pool;
+    Agent_Storage_Backend backend(std::make_shared<File_Storage_Backend>(), pool.pools,
+                                  *pool.journal, [](Pool_Object const&, bool&) { return false; });
+    std::shared_ptr<Storage_Connection> connection;
+    ASSERT_TRUE(backend.connect(pool.url(), {}, connection));
+    ASSERT_TRUE(Agent_Pool::put(*connection, "new", "content"));
+    Storage_Result const result = Agent_Pool::put(*connection, "new", "again");
+    EXPECT_EQ(Storage_Result::FAILED, result.code());
+    EXPECT_EQ("failed to replace 'new': the catalog does not tell whether a backup set has it",
+              result.text());
+}
+
 TEST(Agent_Storage_Backend, an_object_is_noted_while_no_set_has_it) {
     Agent_Pool pool;
     auto const connection = pool.connect("folder");

@@ -1,7 +1,5 @@
 #include "agent/storage/pool_sweep.h"
 
-#include "agent/catalog/recorded_set.h"
-
 #include "json_spirit/access.h"
 #include "tests/support/agent_pool.h"
 #include "tests/support/log_capture.h"
@@ -14,8 +12,6 @@
 #include <sys/wait.h>
 
 namespace {
-
-constexpr Catalog_Limits LIMITS = {-1, -1};
 
 std::set<std::string> files_in(std::string const& path) {
     std::set<std::string> files;
@@ -30,17 +26,6 @@ bool has_empty_folder(std::string const& path) {
         if (entry.is_directory() && std::filesystem::is_empty(entry.path()))
             return true;
     return false;
-}
-
-Recorded_Set set_of(std::string const& uuid, std::string const& pool,
-                    std::vector<std::string> const& paths) {
-    json_spirit::Array pieces;
-    for (std::string const& path : paths)
-        pieces.push_back(json_spirit::Object{{"path", path}});
-    return {"gaussdb",
-            {{"uuid", uuid},
-             {"storages", json_spirit::Array{json_spirit::Object{{"pool_uuid", pool}}}},
-             {"pieces", pieces}}};
 }
 
 bool nothing_named(Pool_Object const&, bool& named) {
@@ -71,13 +56,13 @@ protected:
 
 TEST_F(Pool_Sweep_Test, objects_of_complete_sets_stay_and_others_go) {
     Recorded_Set const complete = set_of("complete", pool_.record.uuid, {"complete/piece"});
-    ASSERT_TRUE(pool_.catalog.initialize(LIMITS, complete));
+    ASSERT_TRUE(pool_.catalog.initialize(NO_LIMITS, complete));
     ASSERT_TRUE(
-        pool_.catalog.initialize(LIMITS, set_of("open", pool_.record.uuid, {"open/piece"})));
+        pool_.catalog.initialize(NO_LIMITS, set_of("open", pool_.record.uuid, {"open/piece"})));
     put("complete/piece");
     put("open/piece");
     put("nobody's");
-    ASSERT_TRUE(pool_.catalog.complete(LIMITS, complete));
+    ASSERT_TRUE(pool_.catalog.complete(NO_LIMITS, complete));
     pool_.database.directory().write("pool/theirs", "not written by us");
     auto const journal = restarted();
     Sweep_Result const result =
@@ -110,7 +95,8 @@ TEST_F(Pool_Sweep_Test, folders_that_were_made_for_nothing_go) {
 }
 
 TEST_F(Pool_Sweep_Test, of_a_folder_that_is_noted_all_goes_that_no_set_has) {
-    ASSERT_TRUE(pool_.catalog.commit(LIMITS, set_of("set", pool_.record.uuid, {"f/kept"}), false));
+    ASSERT_TRUE(
+        pool_.catalog.commit(NO_LIMITS, set_of("set", pool_.record.uuid, {"f/kept"}), false));
     for (char const* const name : {"f/kept", "f/g/data", "f/data", "fg/other's", "h/data"})
         put(name);
     pool_.database.directory().write("pool/f/g/.zenbrak3-dead", "x");
@@ -200,7 +186,8 @@ public:
         settings.url = url_of_pool_path(directory + "/pool");
         if (!pools_->find_record("pool", pool_))
             pools_->create(settings, pool_);
-        Agent_Storage_Backend backend(std::make_shared<File_Storage_Backend>(), *pools_, *journal_);
+        Agent_Storage_Backend backend(std::make_shared<File_Storage_Backend>(), *pools_, *journal_,
+                                      ask_catalog(*pools_, *catalog_));
         backend.connect(*settings.url, {}, connection_);
     }
 
@@ -214,7 +201,7 @@ public:
         for (int number = 0;; ++number) {
             Recorded_Set const set =
                 set_of(std::to_string(life) + "-" + std::to_string(number), pool_.uuid, {});
-            step(catalog_->initialize(LIMITS, set));
+            step(catalog_->initialize(NO_LIMITS, set));
             json_spirit::Array pieces;
             for (char const* const name : {"/deep/data.dat", "/meta"}) {
                 std::unique_ptr<Storage_Writer> writer;
@@ -224,8 +211,8 @@ public:
                 step(!!writer->commit());
                 pieces.push_back(json_spirit::Object{{"path", path}});
             }
-            step(catalog_->add_piece(LIMITS, set.uuid, pieces));
-            step(catalog_->complete(LIMITS, set));
+            step(catalog_->add_piece(NO_LIMITS, set.uuid, pieces));
+            step(catalog_->complete(NO_LIMITS, set));
             if (number % 3 == 0)
                 journal_->settle(ask_catalog(*pools_, *catalog_));
         }
@@ -240,7 +227,8 @@ public:
     }
     void expect_pool_is_what_the_catalog_says() {
         json_spirit::Value rows;
-        ASSERT_TRUE(catalog_->get_view(LIMITS, "gaussdb", "catalogs", {{"with_pieces", 1}}, rows));
+        ASSERT_TRUE(
+            catalog_->get_view(NO_LIMITS, "gaussdb", "catalogs", {{"with_pieces", 1}}, rows));
         std::set<std::string> pieces;
         for (json_spirit::Object const& row : json_spirit::objects_of(rows.get_array()))
             for (json_spirit::Object const& piece :
