@@ -1,0 +1,2 @@
+// the headers are what is wanted
+int main() {}
