@@ -6,7 +6,7 @@ find_package(OpenSSL 3 REQUIRED)
 find_package(SQLiteCpp 3 REQUIRED)
 find_package(CLI11 2 REQUIRED)
 foreach(module IN ITEMS ACE=ACE ACEXML=ACEXML_Parser YAJL=yajl CURL=libcurl ZSTD=libzstd
-        ARCHIVE=libarchive FUSE=fuse3 UUID=uuid LZO=lzo2
+        ARCHIVE=libarchive FUSE=fuse3 UUID=uuid LZO=lzo2 XXHASH=libxxhash
         SQLITE=sqlite3 TOMLPLUSPLUS=tomlplusplus SYSTEMD=libsystemd)
     string(REPLACE "=" ";" pair ${module})
     list(GET pair 0 prefix)

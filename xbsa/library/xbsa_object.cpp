@@ -137,8 +137,8 @@ json_spirit::Object Xbsa_Object::to_json() const {
         "object_type", static_cast<int>(object_type))("restore_order", restore_order)(
         "estimated_size", estimated_size)("resource_type", escaped(resource_type))(
         "description", escaped(description))("info", escaped(info))("size", size)(
-        "stored_size", stored_size)("sha256", sha256)("compression", method ? method : "")("file",
-                                                                                           file);
+        "stored_size", stored_size)("xxh3", digest)("compression", method ? method : "")("file",
+                                                                                         file);
 }
 
 Xbsa_Object Xbsa_Object::from_json(json_spirit::Object const& object) {
@@ -156,7 +156,7 @@ Xbsa_Object Xbsa_Object::from_json(json_spirit::Object const& object) {
     json_spirit::extract_or_throw(object)("created", made.created)("copy_type", copy_type)(
         "object_type", object_type)("restore_order", made.restore_order)(
         "estimated_size", made.estimated_size)("size", made.size)("stored_size", made.stored_size)(
-        "sha256", made.sha256)("compression", compression)("file", made.file);
+        "xxh3", made.digest)("compression", compression)("file", made.file);
     // the name leads into the set's folder and to nowhere else
     if (copy_type < BSA_CopyType_ARCHIVE || copy_type > BSA_CopyType_BACKUP ||
         object_type < BSA_ObjectType_FILE || object_type > BSA_ObjectType_OTHER ||

@@ -27,7 +27,7 @@ struct Xbsa_Object {
 
     uint64_t size = 0;        ///< of the content
     uint64_t stored_size = 0; ///< in the pool
-    std::string sha256;       ///< of the content, 64 hex digits
+    std::string digest;       ///< of the content; see Xbsa_Digest
     Compression_Method compression = COMPR_NONE;
     std::string set;  ///< the backup set that it is in
     std::string file; ///< its data's name in the set's folder

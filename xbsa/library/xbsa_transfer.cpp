@@ -73,9 +73,7 @@ Xbsa_Result Xbsa_Upload::finish() {
     if (!result)
         return result;
     encoder_.reset();
-    object_.sha256 = digest_.finish();
-    if (object_.sha256.empty())
-        return {BSA_RC_ABORT_SYSTEM_ERROR, "the digest cannot be computed"};
+    object_.digest = digest_.text();
     return {};
 }
 
@@ -116,7 +114,7 @@ Xbsa_Result Xbsa_Download::verify_end() {
         return damaged(result.text());
     if (got != 0)
         return damaged("it is longer than it was");
-    if (digest_.finish() != object_.sha256)
+    if (digest_.text() != object_.digest)
         return damaged("its content is not what was stored");
     ended_ = true;
     return {};

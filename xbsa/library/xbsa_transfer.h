@@ -1,10 +1,10 @@
 #ifndef XBSA_LIBRARY_XBSA_TRANSFER_H
 #define XBSA_LIBRARY_XBSA_TRANSFER_H
 
-#include "host/mtf/sha256.h"
 #include "host/storage/codec.h"
 #include "host/storage/object_content.h"
 #include "host/storage/rate_limiter.h"
+#include "xbsa/library/xbsa_digest.h"
 #include "xbsa/library/xbsa_object.h"
 #include "xbsa/library/xbsa_result.h"
 
@@ -57,7 +57,7 @@ private:
     Xbsa_Limiters& limiters_;
     std::unique_ptr<Storage_Writer> writer_;
     std::unique_ptr<Codec> encoder_;
-    MTF::Sha256 digest_;
+    Xbsa_Digest digest_;
     bool committed_ = false;
 };
 
@@ -87,7 +87,7 @@ private:
     Xbsa_Object object_;
     Xbsa_Limiters& limiters_;
     std::unique_ptr<Object_Content> content_;
-    MTF::Sha256 digest_;
+    Xbsa_Digest digest_;
     uint64_t at_ = 0;
     bool ended_ = false;
     Xbsa_Result failure_;

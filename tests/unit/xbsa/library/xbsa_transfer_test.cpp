@@ -58,7 +58,7 @@ TEST_F(Xbsa_Transfer_Test, sizes_and_digest_are_told) {
     Xbsa_Object const object = put("abc", unlimited_);
     EXPECT_EQ(3u, object.size);
     EXPECT_EQ(3u, object.stored_size);
-    EXPECT_EQ("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad", object.sha256);
+    EXPECT_EQ("06b05ab6733a618578af5f94892f3950", object.digest);
 }
 
 TEST_F(Xbsa_Transfer_Test, an_upload_that_is_not_committed_leaves_nothing) {
@@ -104,7 +104,7 @@ TEST_F(Xbsa_Transfer_Test, what_is_read_waits_for_both_limits) {
 
 TEST_F(Xbsa_Transfer_Test, another_object_of_the_same_size_is_not_taken_for_it) {
     Xbsa_Object object = put(std::string(5000, 'x'), unlimited_);
-    object.sha256 = put(std::string(5000, 'y'), unlimited_, COMPR_NONE).sha256;
+    object.digest = put(std::string(5000, 'y'), unlimited_, COMPR_NONE).digest;
     pool_.write("object", std::string(5000, 'z'));
     std::string content;
     Xbsa_Result const result = get(object, unlimited_, content);
