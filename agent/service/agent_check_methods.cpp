@@ -4,14 +4,15 @@
 #include "agent/service/agent_config.h"
 #include "agent/service/agent_identity.h"
 #include "agent/service/agent_methods.h"
-#include "agent/service/pool_status.h"
 #include "agent/service/readiness_check.h"
-#include "agent/storage/sqlite_pools.h"
+#include "agent/storage/pool_path.h"
 #include "host/agent/host_manager.h"
 #include "host/agent/host_services.h"
 #include "host/agent/instance_backend.h"
 #include "host/catalog/catalog_operator.h"
+#include "host/storage/storage_backend.h"
 #include "json_spirit/access.h"
+#include "qmrt/utf8.h"
 
 #include <ctime>
 #include <unistd.h>
@@ -21,6 +22,9 @@ using json_spirit::Object;
 using json_spirit::Value;
 
 namespace {
+
+/** For the backup server's answer. */
+constexpr std::chrono::seconds LIST_TIME{60};
 
 Array array_of(std::vector<std::string> const& texts) {
     return Array(texts.begin(), texts.end());
@@ -42,19 +46,44 @@ uint64_t last_full_size(std::string const& instance) {
     return size;
 }
 
-bool check_pools(Readiness_Check& check, SQLite_Pools& pools, Pool_Status& status,
-                 std::string const& pool, uint64_t needed, Method_Fault& fault) {
-    std::vector<Pool_Record> records;
-    if (pool.empty()) {
-        if (!answer(pools.list(records), fault))
-            return false;
-        if (records.empty())
-            check.no_pool();
-    } else if (!answer(pools.find_record(pool, records.emplace_back()), fault)) {
-        return false;
+Readiness_Check::Pool pool_from(Object const& found) {
+    Readiness_Check::Pool pool;
+    std::string error;
+    pool.name = json_spirit::object_get_str(found, "name");
+    pool_path_of_url(json_spirit::object_get_str(found, "url"), pool.path, error);
+    json_spirit::object_get(found, "online", pool.online);
+    json_spirit::object_get(found, "read_only", pool.read_only);
+    json_spirit::object_get(found, "available", pool.available);
+    json_spirit::object_get(found, "used", pool.used);
+    json_spirit::object_get(found, "limit", pool.limit);
+    return pool;
+}
+
+/** Looks at one pool, or at all. A member's are its backup server's, which answers the method. */
+bool check_pools(Readiness_Check& check, Method_Table& methods, std::string const& wanted,
+                 uint64_t needed, Method_Fault& fault) {
+    JSON_RPC_Reply reply;
+    if (!methods.call("pool.list", Object(), RPC_PEER_LOCAL, LIST_TIME, reply)) {
+        check.pools_unknown(reply.message);
+        return true;
     }
-    for (Pool_Record const& record : records)
-        check.pool(status.for_check(record), needed);
+    Array pools;
+    if (reply.result.type() == json_spirit::obj_type)
+        json_spirit::object_get(reply.result.get_obj(), "pools", pools);
+    bool found = false;
+    for (Object const& pool : json_spirit::objects_of(pools)) {
+        if (!wanted.empty() && wanted != json_spirit::object_get_str(pool, "name") &&
+            wanted != json_spirit::object_get_str(pool, "uuid"))
+            continue;
+        found = true;
+        check.pool(pool_from(pool), needed);
+    }
+    if (found)
+        return true;
+    if (!wanted.empty())
+        return answer({Storage_Result::NOT_FOUND, "there is no pool " + qmrt::to_one_line(wanted)},
+                      fault);
+    check.no_pool();
     return true;
 }
 
@@ -62,7 +91,7 @@ bool check_pools(Readiness_Check& check, SQLite_Pools& pools, Pool_Status& statu
 
 void add_agent_methods(Method_Table& methods, Agent_Config const& config,
                        Agent_Identity const& identity, Agent_Database& database,
-                       Agent_Module const& module, SQLite_Pools& pools, Pool_Status& status) {
+                       Agent_Module const& module) {
     time_t const started = time(nullptr);
     methods.add("agent.info", [&, started](Method_Call const&, Value& result, Method_Fault&) {
         result =
@@ -93,7 +122,7 @@ void add_agent_methods(Method_Table& methods, Agent_Config const& config,
         if (!instance.empty())
             check.instance(instance, uid);
         uint64_t const needed = instance.empty() ? 0 : last_full_size(instance);
-        if (!check_pools(check, pools, status, pool, needed, fault))
+        if (!check_pools(check, methods, pool, needed, fault))
             return false;
         result = check.dump();
         return true;

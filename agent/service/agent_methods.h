@@ -30,7 +30,7 @@ struct Agent_Identity;
 /** agent.info, agent.check */
 void add_agent_methods(Method_Table& methods, Agent_Config const& config,
                        Agent_Identity const& identity, Agent_Database& database,
-                       Agent_Module const& module, SQLite_Pools& pools, Pool_Status& status);
+                       Agent_Module const& module);
 /** instance.*, account.save */
 void add_instance_methods(Method_Table& methods, Agent_Identity const& identity,
                           Instance_Probe& probe);

@@ -293,7 +293,7 @@ bool Agent_Service::serve(std::string& error) {
 }
 
 void Agent_Service::add_methods() {
-    add_agent_methods(methods_, config_, identity_, *database_, *module_, *pools_, *pool_status_);
+    add_agent_methods(methods_, config_, identity_, *database_, *module_);
     add_instance_methods(methods_, identity_, *probe_);
     add_job_methods(methods_, *jobs_, *runs_, *scheduler_);
     if (is_member())

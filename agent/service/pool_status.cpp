@@ -46,11 +46,6 @@ Object Pool_Status::describe(Pool_Record const& record) {
     return object;
 }
 
-Readiness_Check::Pool Pool_Status::for_check(Pool_Record const& record) {
-    Pool_Space const found = storage_.space(record);
-    return {record.name, found.online, record.read_only, found.available, found.used, record.limit};
-}
-
 Object Pool_Status::for_data_path(Pool_Record const& record) {
     Object object = settings_of(record);
     if (record.limit > 0)

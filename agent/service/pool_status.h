@@ -1,7 +1,6 @@
 #ifndef AGENT_SERVICE_POOL_STATUS_H
 #define AGENT_SERVICE_POOL_STATUS_H
 
-#include "agent/service/readiness_check.h"
 #include "json_spirit/value.h"
 
 #include <string>
@@ -19,7 +18,6 @@ public:
 
     /** The record with "total", "available", "used" and "online", and "resources" besides. */
     json_spirit::Object describe(Pool_Record const& record);
-    Readiness_Check::Pool for_check(Pool_Record const& record);
     /**
      * What a data path needs: uuid, name, URL, compression, whether it may be written, and where
      * it has a limit, how many bytes that leaves: "available".

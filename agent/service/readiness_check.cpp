@@ -9,6 +9,7 @@
 #include "qmrt/format.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -244,6 +245,10 @@ void Readiness_Check::pool(Pool const& pool, uint64_t needed) {
     std::string const subject = "pool " + pool.name;
     if (!pool.online)
         return bad(subject, "its directory is not there", "mount it, or correct the pool's URL");
+    std::error_code error;
+    if (!std::filesystem::is_directory(pool.path, error))
+        return bad(subject, "its directory " + pool.path + " is not on this host",
+                   "mount it here as well, at the same place as on the backup server");
     if (pool.read_only)
         return bad(subject, "it is read-only", "choose another pool, or make it writable");
     uint64_t left = pool.available;
@@ -255,6 +260,11 @@ void Readiness_Check::pool(Pool const& pool, uint64_t needed) {
     if (left == 0 || left < needed)
         return bad(subject, text, "make room in it, raise its limit, or choose another pool");
     good(subject, text);
+}
+
+void Readiness_Check::pools_unknown(std::string const& why) {
+    bad("pool", "the backup server was not asked: " + why,
+        "is it up, and is backupd_url right? journalctl -u zenbrak3-agent tells more");
 }
 
 void Readiness_Check::no_pool() {

@@ -25,11 +25,12 @@ public:
     /** A pool as the check needs it; sizes in bytes. */
     struct Pool {
         std::string name;
-        bool online;
-        bool read_only;
-        uint64_t available;
-        uint64_t used;
-        uint64_t limit; ///< 0: none
+        bool online = false; ///< to the agent whose pool it is
+        bool read_only = false;
+        uint64_t available = 0;
+        uint64_t used = 0;
+        uint64_t limit = 0; ///< 0: none
+        std::string path;   ///< its directory, which has to be there on this host, too
     };
 
     /** Whether jobs can be made at all. */
@@ -43,6 +44,8 @@ public:
     void pool(Pool const& pool, uint64_t needed);
     /** No pool was named and there is none. */
     void no_pool();
+    /** @param why  the backup server did not say what pools there are */
+    void pools_unknown(std::string const& why);
 
     std::vector<Line> const& lines() const { return lines_; }
     bool ok() const;

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <thread>
@@ -14,6 +15,7 @@
 using json_spirit::Array;
 using json_spirit::Object;
 using json_spirit::Value;
+using testing::HasSubstr;
 
 namespace {
 
@@ -115,6 +117,22 @@ TEST_F(Agent_Group_Test, a_members_backup_is_in_the_servers_catalog_and_pool) {
         EXPECT_EQ(member_uuid_, text(shown, "host_uuid"));
         EXPECT_EQ(3u, shown.at("pieces").get_array().size());
     }
+}
+
+TEST_F(Agent_Group_Test, a_member_checks_the_servers_pools) {
+    auto const checked = [&](char const* pool) {
+        Agent_Process::Reply const reply = member_->call("agent.check", {{"pool", pool}});
+        return reply ? json_spirit::to_text(reply.result) : reply.message;
+    };
+    Object const pool = {{"name", "main"}, {"url", "file://" + server_.agent().pool_dir()}};
+    EXPECT_THAT(checked("main"), HasSubstr("there is no pool main"));
+    EXPECT_THAT(checked(""), HasSubstr("zenbrak3 pool create"));
+    server_.agent().ask("pool.create", pool);
+    EXPECT_THAT(checked("main"), HasSubstr(R"("ok":true,"subject":"pool main")"));
+    server_.agent().kill();
+    EXPECT_TRUE(wait_for([&] {
+        return checked("main").find("the backup server was not asked") != std::string::npos;
+    }));
 }
 
 TEST_F(Agent_Group_Test, what_a_killed_member_left_open_is_dropped_when_it_is_back) {

@@ -132,13 +132,14 @@ TEST_F(Readiness_Check_Test, pools) {
         uint64_t needed;
         char const* fault;
     } const cases[] = {
-        {{"p", true, false, 100, 0, 0}, 100, nullptr},
-        {{"p", true, false, 100, 0, 0}, 0, nullptr},
-        {{"p", true, false, 100, 0, 0}, 101, "100 B free"},
-        {{"p", true, false, 5000, 10, 2058}, 3000, "2.0 KiB free"},
-        {{"p", true, false, 5000, 100, 60}, 0, "0 B free"},
-        {{"p", false, false, 100, 0, 0}, 0, "not there"},
-        {{"p", true, true, 100, 0, 0}, 0, "read-only"},
+        {{"p", true, false, 100, 0, 0, "/tmp"}, 100, nullptr},
+        {{"p", true, false, 100, 0, 0, "/tmp"}, 0, nullptr},
+        {{"p", true, false, 100, 0, 0, "/tmp"}, 101, "100 B free"},
+        {{"p", true, false, 5000, 10, 2058, "/tmp"}, 3000, "2.0 KiB free"},
+        {{"p", true, false, 5000, 100, 60, "/tmp"}, 0, "0 B free"},
+        {{"p", false, false, 100, 0, 0, "/tmp"}, 0, "not there"},
+        {{"p", true, true, 100, 0, 0, "/tmp"}, 0, "read-only"},
+        {{"p", true, false, 100, 0, 0, "/not mounted"}, 0, "/not mounted is not on this host"},
     };
     for (auto const& row : cases) {
         check_ = Readiness_Check();
@@ -150,6 +151,9 @@ TEST_F(Readiness_Check_Test, pools) {
     }
     check_.no_pool();
     expect_bad("pool", "there is none");
+    check_ = Readiness_Check();
+    check_.pools_unknown("no connection");
+    expect_bad("pool", "the backup server was not asked: no connection");
 }
 
 TEST_F(Readiness_Check_Test, a_module_without_jobs_and_a_damaged_database) {
