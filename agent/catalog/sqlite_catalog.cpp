@@ -52,10 +52,17 @@ void erase_set(SQLite::Database& database, int64_t id) {
     statement.exec();
 }
 
+std::string without_slashes(std::string text) {
+    while (text.ends_with('/'))
+        text.pop_back();
+    return text.substr(std::min(text.find_first_not_of('/'), text.size()));
+}
+
 /** What is to be known of a set before it is erased. */
 Dropped_Set read_dropped(SQLite::Database& database, int64_t id, Array const& pieces) {
-    SQLite::Statement statement(
-        database, "SELECT uuid, kind, coalesce(resource_uuid, '') FROM backup_set WHERE id = ?");
+    SQLite::Statement statement(database,
+                                "SELECT uuid, kind, coalesce(resource_uuid, ''), "
+                                "coalesce(row ->> '$.uri', '') FROM backup_set WHERE id = ?");
     statement.bind(1, id);
     statement.executeStep();
     Dropped_Set set{statement.getColumn(0).getString(),
@@ -66,9 +73,72 @@ Dropped_Set read_dropped(SQLite::Database& database, int64_t id, Array const& pi
     Array const storages = Set_Parts_Reader(database).storages(id);
     for (Object const& storage : json_spirit::objects_of(storages))
         set.pool_uuids.push_back(json_spirit::object_get_str(storage, "pool_uuid"));
-    for (Object const& piece : json_spirit::objects_of(pieces))
-        set.piece_paths.push_back(json_spirit::object_get_str(piece, "path"));
+    std::string const folder = without_slashes(statement.getColumn(3).getString());
+    for (Object const& piece : json_spirit::objects_of(pieces)) {
+        std::string const path = without_slashes(json_spirit::object_get_str(piece, "path"));
+        if (path.empty())
+            continue;
+        set.piece_paths.push_back(path);
+        if (!folder.empty())
+            set.piece_paths.push_back(folder + "/" + path);
+    }
     return set;
+}
+
+/** A set, and the sets that a restore could not do without it. */
+struct Set_Family {
+    std::vector<int64_t> ids;            ///< its own first
+    std::vector<std::string> dependents; ///< their uuids, newest first
+    bool open = false;                   ///< one of all is being written
+};
+
+Set_Family read_family(SQLite::Database& database, Found_Set const& found) {
+    Set_Family family{{found.id}, {}, found.open};
+    SQLite::Statement statement(
+        database,
+        "WITH RECURSIVE family(id) AS (SELECT ?1 UNION SELECT s.id FROM family AS f "
+        "JOIN backup_set AS b ON b.id = f.id "
+        "JOIN backup_set AS s ON s.resource_uuid = b.resource_uuid AND s.kind = b.kind AND "
+        "((b.incarnation <> '' AND s.incarnation = b.incarnation AND "
+        "s.backup_start_time >= b.backup_start_time) OR "
+        "(b.backup_key <> '' AND s.prior_backup_key = b.backup_key))) "
+        "SELECT s.id, s.uuid, s.open FROM family AS f JOIN backup_set AS s ON s.id = f.id "
+        "WHERE s.id <> ?1 ORDER BY s.backup_start_time DESC, s.id DESC");
+    statement.bind(1, found.id);
+    while (statement.executeStep()) {
+        family.ids.push_back(statement.getColumn(0).getInt64());
+        family.dependents.push_back(statement.getColumn(1).getString());
+        family.open |= statement.getColumn(2).getInt() != 0;
+    }
+    return family;
+}
+
+/** What a removal comes to, and the sets that go then. */
+struct Planned_Removal {
+    Set_Removal removal;
+    std::vector<int64_t> ids;
+};
+
+Planned_Removal plan_removal(SQLite::Database& database, std::string const& uuid, bool dependents) {
+    Planned_Removal plan;
+    Found_Set const found = find_set(database, uuid);
+    if (found.id == 0) {
+        plan.removal.kind = Set_Removal::NOT_FOUND;
+        return plan;
+    }
+    Set_Family family = read_family(database, found);
+    if (family.open || (!dependents && !family.dependents.empty())) {
+        plan.removal.kind = Set_Removal::IN_USE;
+        plan.removal.needed_by = std::move(family.dependents);
+        plan.removal.being_written = family.open;
+        return plan;
+    }
+    Set_Parts_Reader parts(database);
+    for (int64_t const id : family.ids)
+        plan.removal.dropped.push_back(read_dropped(database, id, parts.pieces(id)));
+    plan.removal.kind = Set_Removal::REMOVED;
+    plan.ids = std::move(family.ids);
+    return plan;
 }
 
 uint64_t stored_size(Array const& pieces) {
@@ -102,12 +172,6 @@ struct Piece_Place {
     std::string folder; ///< "" for the pool's own
     std::string path;
 };
-
-std::string without_slashes(std::string text) {
-    while (text.ends_with('/'))
-        text.pop_back();
-    return text.substr(std::min(text.find_first_not_of('/'), text.size()));
-}
 
 /** The likely ones first: its whole name, from the pool's folder on. */
 std::vector<Piece_Place> places_of_piece(std::string const& object) {
@@ -427,6 +491,37 @@ bool SQLite_Catalog::abort_open_sets(std::string const& host_uuid, time_t before
     if (done)
         dropped = std::move(sets);
     return done;
+}
+
+Set_Removal
+SQLite_Catalog::remove(std::string const& uuid, bool dependents,
+                       std::function<bool(std::vector<Dropped_Set> const&)> const& prepare) {
+    Set_Removal planned;
+    if (!database_.read("look for what builds on a set", [&](SQLite::Database& database) {
+            planned = plan_removal(database, uuid, dependents).removal;
+            return true;
+        }))
+        return {};
+    if (planned.kind != Set_Removal::REMOVED)
+        return planned;
+    if (!prepare(planned.dropped))
+        return {};
+    Set_Removal removal;
+    bool const done = database_.change(
+        "remove a backup set",
+        [&](SQLite::Database& database) {
+            Planned_Removal now = plan_removal(database, uuid, dependents);
+            removal = std::move(now.removal);
+            if (removal.kind != Set_Removal::REMOVED)
+                return true;
+            if (removal.dropped.size() != planned.dropped.size())
+                return refuse("remove", uuid, "what builds on it has changed meanwhile");
+            for (int64_t const id : now.ids)
+                erase_set(database, id);
+            return true;
+        },
+        patience({-1, 0}));
+    return done ? removal : Set_Removal();
 }
 
 bool SQLite_Catalog::find_uuids(std::string const& beginning, size_t limit,

@@ -11,13 +11,23 @@
 #include <string>
 #include <vector>
 
-/** An open set that was dropped since its run failed or is over: what is left of it. */
+/** A set that was dropped: what is left of it. */
 struct Dropped_Set {
     std::string uuid;
     std::string kind;
     std::string resource_uuid;
-    std::vector<std::string> pool_uuids;  ///< of its storages
-    std::vector<std::string> piece_paths; ///< files that are now nobody's, by their path in a pool
+    std::vector<std::string> pool_uuids; ///< of its storages
+    /** Of the files that are now nobody's, or of the folders that these are in, from the pool's
+     *  folder on; where the set has a "uri", the places below that, too. */
+    std::vector<std::string> piece_paths;
+};
+
+/** What became of the wish to remove a set. */
+struct Set_Removal {
+    enum Kind { REMOVED, NOT_FOUND, IN_USE, FAILED } kind = FAILED;
+    std::vector<Dropped_Set> dropped;   ///< those that are gone
+    std::vector<std::string> needed_by; ///< of IN_USE: the sets that build on it, newest first
+    bool being_written = false;         ///< of IN_USE: it, or one of those, is not complete yet
 };
 
 /** What the sets of one resource take of a pool. */
@@ -83,6 +93,15 @@ public:
      */
     bool abort_open_sets(std::string const& host_uuid, time_t before,
                          std::vector<Dropped_Set>& dropped);
+    /**
+     * Drops a complete set. One that others build on, by their key or as later ones of its
+     * incarnation, is IN_USE unless those are to go as well.
+     * @param dependents  true: drop those, too, all or none; one that is being written is IN_USE
+     * @param prepare     called before they are dropped, and may use the catalog; false drops
+     *                    nothing: FAILED
+     */
+    Set_Removal remove(std::string const& uuid, bool dependents,
+                       std::function<bool(std::vector<Dropped_Set> const&)> const& prepare);
     /** The uuids of sets, open or complete, of any kind, that begin with a text; @a limit at most.
      */
     bool find_uuids(std::string const& beginning, size_t limit, std::vector<std::string>& uuids);

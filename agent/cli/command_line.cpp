@@ -5,6 +5,7 @@
 namespace {
 
 constexpr char COMMON[] = "Common options";
+constexpr char POOL_URL[] = "Where the data is kept: /DIRECTORY or file:///DIRECTORY";
 constexpr char FOOTER[] =
     "Examples:\n"
     "  zenbrak3 instances --refresh\n"
@@ -165,29 +166,43 @@ void Command_Line::add_instance_commands() {
         add_uid(*one);
 }
 
+void Command_Line::add_pool_wishes(CLI::App& pool) {
+    pool.add_option("--compression", pool_wishes_.compression,
+                    "none, zstd, lzop or auto, with a level behind a colon")
+        ->type_name("METHOD[:LEVEL]");
+    pool.add_option("--limit", pool_wishes_.limit, "How much it may hold: 500GiB, 2T; 0: no limit")
+        ->type_name("SIZE");
+    pool.add_flag("--read-only", pool_wishes_.read_only, "Nothing new is written to it");
+}
+
 void Command_Line::add_pool_commands() {
     CLI::App* const list =
         command(app_, "pools", "List the storage pools", "  zenbrak3 pools\n",
                 [this](Command_Context& context) { return list_pools(context, watch_); });
     add_watch(*list);
-    CLI::App* const pools = group("pool", "Create or remove a storage pool");
+    CLI::App* const pools = group("pool", "Create, change or remove a storage pool");
     CLI::App* const create =
         command(*pools, "create", "Create a storage pool",
                 "  zenbrak3 pool create main /var/backups/gaussdb\n"
                 "  zenbrak3 pool create main /backups --compression zstd:3 --limit 2TiB\n",
                 [this](Command_Context& context) { return create_pool(context, pool_wishes_); });
     create->add_option("NAME", pool_wishes_.name, "What it is called")->required();
-    create
-        ->add_option("URL", pool_wishes_.url,
-                     "Where the data is kept: /DIRECTORY or file:///DIRECTORY")
-        ->required();
-    create
-        ->add_option("--compression", pool_wishes_.compression,
-                     "none, zstd, lzop or auto, with a level behind a colon")
-        ->type_name("METHOD[:LEVEL]");
-    create->add_option("--limit", pool_wishes_.limit, "How much it may hold: 500GiB, 2T")
-        ->type_name("SIZE");
-    create->add_flag("--read-only", pool_wishes_.read_only, "Nothing new is written to it");
+    create->add_option("URL", pool_wishes_.url, POOL_URL)->required();
+    add_pool_wishes(*create);
+    CLI::App* const update = command(
+        *pools, "update", "Change what is said of a pool",
+        "  zenbrak3 pool update main --limit 4TiB\n"
+        "  zenbrak3 pool update main --limit 0 --compression zstd    no limit; the usual level\n"
+        "  zenbrak3 pool update main --read-only\n",
+        [this](Command_Context& context) { return update_pool(context, pool_, pool_wishes_); });
+    update->add_option("POOL", pool_, "Its name or uuid")->required();
+    update->add_option("--name", pool_wishes_.name, "What it is to be called")->type_name("NAME");
+    update
+        ->add_option("--url", pool_wishes_.url, std::string(POOL_URL) + ". You move what is in it")
+        ->type_name("URL");
+    add_pool_wishes(*update);
+    update->add_flag("--writable", pool_wishes_.writable, "It is written to again")
+        ->excludes("--read-only");
     CLI::App* const remove = command(
         *pools, "remove", "Remove a pool that holds no backups", "  zenbrak3 pool remove main\n",
         [this](Command_Context& context) { return remove_pool(context, pool_); });
@@ -196,7 +211,7 @@ void Command_Line::add_pool_commands() {
 
 void Command_Line::add_backup_command() {
     CLI::App* const backup =
-        command(app_, "backup", "Back up an instance, or show a backup",
+        command(app_, "backup", "Back up an instance, or show or remove a backup",
                 "  zenbrak3 backup prod --pool main\n"
                 "  zenbrak3 backup prod --pool main --incremental --channels 4 --no-wait\n"
                 "  zenbrak3 backup prod --pool main --compression zstd:3 -o logging_level=INFO\n"
@@ -238,6 +253,15 @@ void Command_Line::add_backup_command() {
                 "  zenbrak3 backup show 6f9619ff\n",
                 [this](Command_Context& context) { return show_backup(context, backup_); });
     show->add_option("BACKUP", backup_, "Its uuid, or a beginning that no other has")->required();
+
+    CLI::App* const remove = command(
+        *backup, "remove", "Remove a backup and its data, for ever",
+        "  zenbrak3 backup remove 6f9619ff\n"
+        "  zenbrak3 backup remove 6f9619ff --with-dependents    and those that build on it\n",
+        [this](Command_Context& context) { return remove_backup(context, backup_, dependents_); });
+    remove->add_option("BACKUP", backup_, "Its uuid, or a beginning that no other has")->required();
+    remove->add_flag("--with-dependents", dependents_,
+                     "Also the backups that build on it, which are of no use without it");
 
     CLI::App* const list = command(
         app_, "backups", "List the backups",

@@ -50,6 +50,7 @@ private:
     void add_agent_commands();
     void add_instance_commands();
     void add_pool_commands();
+    void add_pool_wishes(CLI::App& pool);
     void add_backup_command();
     void add_restore_command();
     void add_job_commands();
@@ -75,6 +76,7 @@ private:
     std::string pool_;
     std::string job_;
     std::string backup_;
+    bool dependents_ = false;
     std::string definition_;
     std::string file_;
     std::string what_;

@@ -29,15 +29,18 @@ int save_account(Command_Context& context, std::string const& instance, std::str
 int check(Command_Context& context, std::string const& instance, std::string const& pool,
           std::string const& uid);
 
+/** What is to be said of a pool; nothing of what is empty. */
 struct Pool_Wishes {
     std::string name;
-    std::string url;
+    std::string url;         ///< or a directory
     std::string compression; ///< "zstd:3"
-    std::string limit;       ///< "100 GiB"; "" for none
+    std::string limit;       ///< "100 GiB"; "0" for none
     bool read_only = false;
+    bool writable = false; ///< no longer read-only
 };
 int list_pools(Command_Context& context, double interval);
 int create_pool(Command_Context& context, Pool_Wishes const& wishes);
+int update_pool(Command_Context& context, std::string const& pool, Pool_Wishes const& wishes);
 int remove_pool(Command_Context& context, std::string const& pool);
 
 struct Backup_Filter {
@@ -48,6 +51,7 @@ struct Backup_Filter {
 };
 int list_backups(Command_Context& context, Backup_Filter const& filter, double interval);
 int show_backup(Command_Context& context, std::string const& backup);
+int remove_backup(Command_Context& context, std::string const& backup, bool dependents);
 
 int list_definitions(Command_Context& context, double interval);
 int show_definition(Command_Context& context, std::string const& definition);

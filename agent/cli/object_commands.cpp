@@ -111,6 +111,33 @@ std::string check_line(Object const& line) {
     return advice.empty() ? text : text + "      -> " + printable(advice) + "\n";
 }
 
+bool read_wishes(Pool_Wishes const& wishes, Object& params, std::string& error) {
+    if (!wishes.name.empty())
+        params["name"] = wishes.name;
+    if (!wishes.url.empty())
+        params["url"] = wishes.url.starts_with('/') ? "file://" + http_encode_string(wishes.url, 0)
+                                                    : wishes.url;
+    if (!wishes.compression.empty()) {
+        params["compression_level"] = 0; // the method's usual one
+        if (!read_compression(wishes.compression, params)) {
+            error = "'" + wishes.compression +
+                    "' is no compression: none, zstd[:LEVEL], lzop[:LEVEL] and auto are";
+            return false;
+        }
+    }
+    uint64_t limit = 0;
+    if (!wishes.limit.empty()) {
+        if (!read_size(wishes.limit, limit)) {
+            error = "'" + wishes.limit + "' is no size: 500GiB, 2T or bytes are";
+            return false;
+        }
+        params["limit"] = limit;
+    }
+    if (wishes.read_only || wishes.writable)
+        params["read_only"] = wishes.read_only;
+    return true;
+}
+
 } // namespace
 
 int show_info(Command_Context& context) {
@@ -248,27 +275,26 @@ int list_pools(Command_Context& context, double interval) {
 }
 
 int create_pool(Command_Context& context, Pool_Wishes const& wishes) {
-    bool const is_directory = wishes.url.starts_with('/');
-    Object params{
-        {"name", wishes.name},
-        {"url", is_directory ? "file://" + http_encode_string(wishes.url, 0) : wishes.url}};
-    if (!wishes.compression.empty() && !read_compression(wishes.compression, params))
-        return context.fail(EXIT_USAGE, "'" + wishes.compression +
-                                            "' is no compression: none, zstd[:LEVEL], "
-                                            "lzop[:LEVEL] and auto are");
-    uint64_t limit = 0;
-    if (!wishes.limit.empty()) {
-        if (!read_size(wishes.limit, limit))
-            return context.fail(EXIT_USAGE,
-                                "'" + wishes.limit + "' is no size: 500GiB, 2T or bytes are");
-        params["limit"] = limit;
-    }
-    if (wishes.read_only)
-        params["read_only"] = true;
-    Object pool;
+    Object params, pool;
+    std::string error;
+    if (!read_wishes(wishes, params, error))
+        return context.fail(EXIT_USAGE, error);
     if (!context.ask("pool.create", params, "create pool " + wishes.name, pool))
         return context.status();
     return done(context, pool, "Pool " + wishes.name + " is ready.");
+}
+
+int update_pool(Command_Context& context, std::string const& pool, Pool_Wishes const& wishes) {
+    Object params, updated;
+    std::string error;
+    if (!read_wishes(wishes, params, error))
+        return context.fail(EXIT_USAGE, error);
+    if (params.empty())
+        return context.fail(EXIT_USAGE, "nothing is said that pool " + pool + " is to change in");
+    params["pool"] = pool;
+    if (!context.ask("pool.update", params, "change pool " + pool, updated, LIST_POOLS))
+        return context.status();
+    return done(context, updated, "Pool " + pool + " is changed.");
 }
 
 int remove_pool(Command_Context& context, std::string const& pool) {
@@ -332,6 +358,18 @@ int show_backup(Command_Context& context, std::string const& backup) {
     if (!pieces.empty())
         context.print("\n" + pieces.text(context.terminal()));
     return EXIT_OK;
+}
+
+int remove_backup(Command_Context& context, std::string const& backup, bool dependents) {
+    Object params{{"backup", backup}}, result;
+    if (dependents)
+        params["dependents"] = true;
+    if (!context.ask("backup.remove", params, "remove backup " + backup, result, LIST_BACKUPS))
+        return context.status();
+    std::string list;
+    for (Value const& uuid : array_of(result, "removed"))
+        list += (list.empty() ? "" : ", ") + uuid.get_str();
+    return done(context, result, "Removed: " + list);
 }
 
 int list_definitions(Command_Context& context, double interval) {

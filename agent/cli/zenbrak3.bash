@@ -34,9 +34,9 @@ _zenbrak3_word() {
             _zenbrak3_names instances ;;
         instances | pools | jobs | definitions | info) ;;
         "pool create") ;;
-        "pool remove") _zenbrak3_names pools ;;
+        "pool remove" | "pool update") _zenbrak3_names pools ;;
         "job "*) _zenbrak3_names jobs ;;
-        "backup show" | restore) _zenbrak3_names backups ;;
+        "backup show" | "backup remove" | restore) _zenbrak3_names backups ;;
         "definition save" | run) mapfile -t COMPREPLY < <(compgen -f -- "$cur") ;;
         "definition "*) _zenbrak3_names definitions ;;
         *) ((count == 0)) && _zenbrak3_names instances ;;
@@ -52,10 +52,10 @@ _zenbrak3() {
         word=${COMP_WORDS[index]}
         if [[ $previous == --socket ]]; then
             program+=(--socket "$word")
-        elif [[ $word != -* && ! $previous =~ ^(-o|--(option|pool|level|compression|channels|name|uid|interval|instance|definition|state|limit|type|watch))$ ]]; then
+        elif [[ $word != -* && ! $previous =~ ^(-o|--(option|pool|level|compression|channels|name|url|uid|interval|instance|definition|state|limit|type|watch))$ ]]; then
             case "${command[*]}:$word" in
                 :*) command=("$word") ;;
-                pool:* | job:* | instance:* | definition:* | backup:show) command+=("$word") ;;
+                pool:* | job:* | instance:* | definition:* | backup:show | backup:remove) command+=("$word") ;;
                 *) count+=1 ;;
             esac
         fi

@@ -258,6 +258,14 @@ bool Agent_Jobs::is_any_on() {
     return !live_.empty();
 }
 
+std::vector<Job_Run> Agent_Jobs::running() {
+    std::lock_guard const guard(mutex_);
+    std::vector<Job_Run> runs;
+    for (auto const& [run_id, live] : live_)
+        runs.push_back(live.run);
+    return runs;
+}
+
 void Agent_Jobs::on_finished(std::function<void()> action) {
     std::lock_guard const guard(mutex_);
     on_finished_.push_back(std::move(action));

@@ -65,6 +65,8 @@ public:
     bool wait_for_finished(std::function<bool()> const& condition, int64_t seconds);
     /** Whether a run is on; not one that has finished and calls what on_finished() was given. */
     bool is_any_on();
+    /** The runs that are on, and those whose threads have not left the job yet. */
+    std::vector<Job_Run> running();
     /** Calls it whenever a run has finished, on its thread, with the job's lock held: for ever. */
     void on_finished(std::function<void()> action);
 

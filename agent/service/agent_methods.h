@@ -18,6 +18,7 @@ class Pool_Status;
 class SQLite_Catalog;
 class SQLite_Pools;
 class Scheduler;
+class Set_Files;
 class Storage_Result;
 struct Agent_Config;
 struct Agent_Identity;
@@ -40,7 +41,8 @@ void add_pool_methods(Method_Table& methods, Pool_Status& status, SQLite_Pools& 
 void add_job_methods(Method_Table& methods, Job_Manager& manager, Agent_Jobs& runs,
                      Scheduler& scheduler);
 /** backup.*, catalog.* */
-void add_backup_methods(Method_Table& methods, SQLite_Catalog& catalog, SQLite_Pools& pools);
+void add_backup_methods(Method_Table& methods, SQLite_Catalog& catalog, SQLite_Pools& pools,
+                        Set_Files& files, Agent_Jobs& runs);
 
 /** Lets the backup server answer those methods of a member that are about catalog and pools. */
 void forward_catalog_methods(Method_Table& methods);

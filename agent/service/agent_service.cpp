@@ -15,7 +15,6 @@
 #include "host/agent/host_services.h"
 #include "host/agent/instance_manager.h"
 #include "host/storage/file_storage_backend.h"
-#include "host/storage/xbsa_layout.h"
 #include "qmrt/log.h"
 #include "qmrt/path.h"
 
@@ -141,6 +140,7 @@ bool Agent_Service::install_back_ends(std::string& error) {
     storage_ =
         std::make_shared<Agent_Storage_Backend>(std::make_shared<File_Storage_Backend>(), *pools_,
                                                 *journal_, ask_catalog(*pools_, *catalog_));
+    set_files_ = std::make_unique<Set_Files>(*pools_, *catalog_, *journal_, *storage_);
     pool_status_ = std::make_unique<Pool_Status>(*storage_, *catalog_);
     group_instances_ = std::make_unique<Group_Instances>(*database_, identity_);
     catalog_->on_abort([this](Dropped_Set const& set) { remove_files(set); });
@@ -234,26 +234,9 @@ bool Agent_Service::drop_open_sets(std::string const& host_uuid, time_t before) 
 }
 
 void Agent_Service::remove_files(Dropped_Set const& set) {
-    std::vector<Pool_Object> objects;
-    for (std::string const& pool : set.pool_uuids) {
-        Pool_Record record;
-        if (!pools_->find_record(pool, record))
-            continue;
-        std::vector<std::string> names = set.piece_paths;
-        // what a killed backup tool wrote there, the catalog has not heard of
-        if (!set.resource_uuid.empty())
-            names.push_back(xbsa_set_folder(set.resource_uuid, set.uuid) + "/");
-        for (std::string& name : names) {
-            Pool_Object object{record.path, std::move(name)};
-            std::string error;
-            if (journal_->note(object, error))
-                objects.push_back(std::move(object));
-            else
-                QMRT_LOG(LM_WARNING, "%s of a dropped set stays in the pool %s: %s\n",
-                         object.name.c_str(), record.name.c_str(), error.c_str());
-        }
-    }
-    sweep_pool_objects(objects, *journal_, ask_catalog(*pools_, *catalog_), storage_.get());
+    std::vector<Pool_Object> noted;
+    set_files_->note(set, noted);
+    set_files_->remove(noted);
 }
 
 void Agent_Service::clear_up() {
@@ -307,7 +290,7 @@ void Agent_Service::add_methods() {
 
 void Agent_Service::add_catalog_methods() {
     add_pool_methods(methods_, *pool_status_, *pools_);
-    add_backup_methods(methods_, *catalog_, *pools_);
+    add_backup_methods(methods_, *catalog_, *pools_, *set_files_, *runs_);
     add_group_methods(methods_, *group_instances_, *catalog_, identity_);
     methods_.add("catalog.abort_open",
                  [this](Method_Call const& call, json_spirit::Value& result, Method_Fault& fault) {

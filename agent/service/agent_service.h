@@ -19,6 +19,7 @@
 #include "agent/service/instance_probe.h"
 #include "agent/service/pool_status.h"
 #include "agent/storage/agent_storage_backend.h"
+#include "agent/storage/set_files.h"
 #include "agent/storage/sqlite_pools.h"
 #include "agent/storage/write_journal.h"
 
@@ -86,6 +87,7 @@ private:
     std::shared_ptr<SQLite_Instances> instances_;
     std::shared_ptr<SQLite_Pools> pools_;
     std::shared_ptr<Agent_Storage_Backend> storage_;
+    std::unique_ptr<Set_Files> set_files_;
     std::unique_ptr<Pool_Status> pool_status_;
     std::unique_ptr<Group_Instances> group_instances_;
     std::shared_ptr<Agent_Module> module_;

@@ -2,9 +2,14 @@
 
 #include "agent/catalog/catalog_calls.h"
 #include "agent/catalog/sqlite_catalog.h"
+#include "agent/jobs/agent_jobs.h"
 #include "agent/jobs/member_reader.h"
+#include "agent/storage/set_files.h"
 #include "agent/storage/sqlite_pools.h"
 #include "json_spirit/access.h"
+#include "qmrt/log.h"
+
+#include <algorithm>
 
 using json_spirit::Array;
 using json_spirit::Object;
@@ -25,8 +30,8 @@ bool catalog_failed(Method_Fault& fault) {
 
 class Backup_Methods {
 public:
-    Backup_Methods(SQLite_Catalog& catalog, SQLite_Pools& pools)
-        : catalog_(catalog), pools_(pools) {}
+    Backup_Methods(SQLite_Catalog& catalog, SQLite_Pools& pools, Set_Files& files, Agent_Jobs& runs)
+        : catalog_(catalog), pools_(pools), files_(files), runs_(runs) {}
 
     bool list(Method_Call const& call, Value& result, Method_Fault& fault) {
         std::string error, instance, resource, pool, type;
@@ -62,8 +67,59 @@ public:
 
     bool show(Method_Call const& call, Value& result, Method_Fault& fault) {
         std::string beginning;
-        if (!only_text(call, "backup", beginning, fault))
+        Object row;
+        if (!only_text(call, "backup", beginning, fault) || !find(beginning, row, fault))
             return false;
+        if (!add_depends(row))
+            return catalog_failed(fault);
+        result = std::move(row);
+        return true;
+    }
+
+    bool remove(Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::string error, beginning;
+        bool dependents = false;
+        Member_Reader reader(call.params.get_obj(), "", error);
+        reader.required_text("backup", beginning);
+        reader.flag("dependents", dependents);
+        if (!reader.finish())
+            return invalid_params(error, fault);
+        Object row;
+        if (!find(beginning, row, fault) || !nothing_runs(row, fault))
+            return false;
+        std::vector<Pool_Object> noted;
+        Set_Removal const removal =
+            catalog_.remove(json_spirit::object_get_str(row, "uuid"), dependents,
+                            [&](std::vector<Dropped_Set> const& sets) {
+                                noted.clear();
+                                return std::ranges::all_of(sets, [&](Dropped_Set const& set) {
+                                    return files_.note(set, noted);
+                                });
+                            });
+        switch (removal.kind) {
+        case Set_Removal::REMOVED:
+            break;
+        case Set_Removal::NOT_FOUND:
+            return not_found("backup " + beginning, fault);
+        case Set_Removal::IN_USE:
+            return in_use(removal, fault);
+        case Set_Removal::FAILED:
+            fault = {JSON_RPC_INTERNAL_ERROR, "nothing was removed; the agent's log says why", {}};
+            return false;
+        }
+        files_.remove(noted);
+        Array removed;
+        for (Dropped_Set const& set : removal.dropped) {
+            QMRT_LOG(LM_INFO, "Removed the backup set %s\n", set.uuid.c_str());
+            removed.emplace_back(set.uuid);
+        }
+        result = Object{{"removed", std::move(removed)}};
+        return true;
+    }
+
+private:
+    /** The complete set whose uuid begins with a text, with all that is known of it. */
+    bool find(std::string const& beginning, Object& row, Method_Fault& fault) {
         std::vector<std::string> uuids;
         if (!catalog_.find_uuids(beginning, 2, uuids))
             return catalog_failed(fault);
@@ -79,14 +135,33 @@ public:
             return catalog_failed(fault);
         if (rows.get_array().empty())
             return not_found("backup " + beginning, fault);
-        Object row = rows.get_array().front().get_obj();
-        if (!add_depends(row))
-            return catalog_failed(fault);
-        result = std::move(row);
+        row = std::move(rows.get_array().front().get_obj());
         return true;
     }
 
-private:
+    /** A run of this agent may be about to build on the set, or restore it, to whatever instance.
+     */
+    bool nothing_runs(Object const& set, Method_Fault& fault) {
+        std::string const instance = json_spirit::object_get_str(set, "instance");
+        for (Job_Run const& run : runs_.running())
+            if (run.type == "restore" || run.instance == instance)
+                return refused("job " + run.run_id + " is on, which may need it; wait for its end",
+                               fault);
+        return true;
+    }
+
+    static bool in_use(Set_Removal const& removal, Method_Fault& fault) {
+        if (removal.being_written)
+            return refused("it, or a backup that builds on it, is being made; wait for its end",
+                           fault);
+        std::string list;
+        for (std::string const& uuid : removal.needed_by)
+            list += (list.empty() ? "" : ", ") + uuid;
+        return refused("other backups build on it: " + list +
+                           "; remove these first, or all together as its dependents",
+                       fault);
+    }
+
     /** The other sets that a restore of this one reads. */
     bool add_depends(Object& row) {
         std::string const key = json_spirit::object_get_str(row, "backup_key");
@@ -111,6 +186,8 @@ private:
 
     SQLite_Catalog& catalog_;
     SQLite_Pools& pools_;
+    Set_Files& files_;
+    Agent_Jobs& runs_;
 };
 
 /** One operation of the catalog, for who is not in this process. */
@@ -126,11 +203,13 @@ Agent_Method catalog_method(SQLite_Catalog& catalog, std::string const& operatio
 
 } // namespace
 
-void add_backup_methods(Method_Table& methods, SQLite_Catalog& catalog, SQLite_Pools& pools) {
-    auto const backups = std::make_shared<Backup_Methods>(catalog, pools);
-    add_member_methods<Backup_Methods>(
-        methods, backups,
-        {{"backup.list", &Backup_Methods::list}, {"backup.show", &Backup_Methods::show}});
+void add_backup_methods(Method_Table& methods, SQLite_Catalog& catalog, SQLite_Pools& pools,
+                        Set_Files& files, Agent_Jobs& runs) {
+    auto const backups = std::make_shared<Backup_Methods>(catalog, pools, files, runs);
+    add_member_methods<Backup_Methods>(methods, backups,
+                                       {{"backup.list", &Backup_Methods::list},
+                                        {"backup.show", &Backup_Methods::show},
+                                        {"backup.remove", &Backup_Methods::remove}});
     for (char const* operation :
          {"initialize", "complete", "commit", "abort", "add_piece", "get_view"})
         methods.add(std::string("catalog.") + operation, catalog_method(catalog, operation));

@@ -143,6 +143,12 @@ class Restoring_Test(Fault_Test):
         self.rows = world.rows()
         self.servers = world.server_pids()
 
+    def back_up_chain(self):
+        full = world.backup("--name", "ready")["run_id"]
+        incremental = world.backup("--name", "incremental", "--incremental")["run_id"]
+        self.assertNotEqual("", tell("backup", "show", incremental)["prior_backup_key"])
+        return full, incremental
+
     def assert_database_untouched(self):
         self.assertEqual(self.servers, world.server_pids(), "the servers were not even stopped")
         self.assertEqual(self.rows, world.rows())
@@ -184,12 +190,6 @@ class Object_Test(Restoring_Test):
 
 
 class Chain_Test(Restoring_Test):
-    def back_up_chain(self):
-        full = world.backup("--name", "ready")["run_id"]
-        incremental = world.backup("--name", "incremental", "--incremental")["run_id"]
-        self.assertNotEqual("", tell("backup", "show", incremental)["prior_backup_key"])
-        return full, incremental
-
     def test_without_the_prior_metadata_a_full_backup_is_taken(self):
         full = world.backup("--name", "ready")["run_id"]
         subprocess.check_call(["rm", "-r", CACHE / "meta"])
@@ -238,6 +238,41 @@ class Chain_Test(Restoring_Test):
         self.assert_database_untouched()
         for number, path in enumerate(objects):
             os.rename("/srv/object%d" % number, path)
+        world.assert_recovered()
+
+
+class Removal_Test(Restoring_Test):
+    def remove(self, *words):
+        return subprocess.run(["zenbrak3", "backup", "remove", *words], text=True,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+    def test_a_backup_that_others_build_on_is_refused(self):
+        full, incremental = self.back_up_chain()
+        refused = self.remove(full)
+        self.assertEqual(5, refused.returncode)
+        self.assertIn("other backups build on it: %s" % incremental, refused.stderr)
+        self.assertEqual("completed", world.restore(incremental)["state"])
+        self.assertEqual(self.rows, world.rows())
+        world.assert_recovered()
+
+    def test_a_chain_goes_with_all_that_it_has_in_the_pool(self):
+        full, incremental = self.back_up_chain()
+        removed = self.remove(full, "--with-dependents")
+        self.assertEqual(0, removed.returncode, removed.stderr)
+        self.assertEqual({full, incremental}, set(removed.stdout.split(": ")[1].strip().split(", ")))
+        world.sets -= {full, incremental}
+        world.assert_recovered()
+
+    def test_while_a_job_of_the_instance_is_on_nothing_is_removed(self):
+        uuid = world.backup("--name", "ready")["run_id"]
+        run_id = world.start_slow_backup()
+        world.wait_for_percent(run_id, 10)
+        refused = self.remove(uuid)
+        self.assertEqual(5, refused.returncode)
+        self.assertIn("job %s is on, which may need it" % run_id, refused.stderr)
+        self.assertEqual("completed", world.wait(run_id)["state"])
+        self.assertEqual(0, self.remove(uuid).returncode)
+        world.sets.discard(uuid)
         world.assert_recovered()
 
 

@@ -105,7 +105,7 @@ protected:
 
 TEST_F(Completion_Test, commands_and_their_groups) {
     EXPECT_THAT(complete({"ba"}), ElementsAre("backup", "backups"));
-    EXPECT_THAT(complete({"pool", ""}), ElementsAre("create", "remove"));
+    EXPECT_THAT(complete({"pool", ""}), ElementsAre("create", "update", "remove"));
     EXPECT_THAT(complete({"job", "c"}), ElementsAre("cancel"));
     EXPECT_EQ(17u, complete({""}).size());
 }
@@ -117,6 +117,8 @@ TEST_F(Completion_Test, names_come_from_the_agent_and_are_quoted) {
     EXPECT_THAT(complete({"backup", "s"}), ElementsAre("show"));
     EXPECT_THAT(complete({"backup", "p"}), UnorderedElementsAre("prod", "pro\\ two"));
     EXPECT_THAT(complete({"backup", "show", ""}), ElementsAre("6f96"));
+    EXPECT_THAT(complete({"backup", "remove", ""}), ElementsAre("6f96"));
+    EXPECT_THAT(complete({"pool", "update", ""}), ElementsAre("main"));
     EXPECT_THAT(complete({"restore", "6"}), ElementsAre("6f96"));
     EXPECT_THAT(complete({"job", "log", "--follow", ""}), ElementsAre("0f3a"));
     EXPECT_THAT(complete({"definition", "start", "n"}), ElementsAre("nightly"));

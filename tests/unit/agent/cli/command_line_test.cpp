@@ -61,9 +61,12 @@ TEST_F(Command_Line_Test, wrong_usage_is_told_and_asks_nobody) {
         {"info", "jobs"},
         {"pool"},
         {"pool", "create", "main"},
+        {"pool", "update", "--limit", "1"},
+        {"pool", "update", "main", "--read-only", "--writable"},
         {"backup"},
         {"backup", "prod"},
         {"backup", "show"},
+        {"backup", "remove"},
         {"backup", "prod", "show", "b1"},
         {"backup", "prod", "--pool", "p", "--incremental", "--cumulative"},
         {"backup", "prod", "--pool", "p", "--level", "most"},
@@ -210,6 +213,38 @@ TEST_F(Command_Line_Test, pool_wishes) {
     EXPECT_EQ(EXIT_USAGE, run({"pool", "create", "main", "file:///b", "--limit", "much"}));
     EXPECT_EQ(EXIT_USAGE, run({"pool", "create", "main", "file:///b", "--compression", "gzip"}));
     EXPECT_EQ(1u, agent_.calls.size());
+}
+
+TEST_F(Command_Line_Test, a_pool_is_changed_in_what_is_said_alone) {
+    agent_.answers("pool.update", Object{{"name", "main"}});
+    EXPECT_EQ(EXIT_OK, run({"pool", "update", "main", "--limit", "0"}));
+    EXPECT_EQ((Object{{"limit", 0}, {"pool", "main"}}), params(0));
+    EXPECT_EQ("Pool main is changed.\n", out_);
+    run({"pool", "update", "main", "--name", "other", "--url", "/a b", "--writable"});
+    EXPECT_EQ(
+        (Object{
+            {"name", "other"}, {"url", "file:///a%20b"}, {"read_only", false}, {"pool", "main"}}),
+        params(1));
+    // the level of another method would be wrong
+    run({"pool", "update", "main", "--compression", "lzop", "--read-only"});
+    EXPECT_EQ((Object{{"compression_level", 0},
+                      {"compression", "lzop"},
+                      {"read_only", true},
+                      {"pool", "main"}}),
+              params(2));
+    EXPECT_EQ(EXIT_USAGE, run({"pool", "update", "main", "--limit", "much"}));
+    EXPECT_EQ(EXIT_USAGE, run({"pool", "update", "main"}));
+    EXPECT_EQ("zenbrak3: nothing is said that pool main is to change in\n", err_);
+    EXPECT_EQ(3u, agent_.calls.size());
+}
+
+TEST_F(Command_Line_Test, each_backup_that_was_removed_is_told) {
+    agent_.answers("backup.remove", Object{{"removed", json_spirit::Array{"b1", "b2"}}});
+    EXPECT_EQ(EXIT_OK, run({"backup", "remove", "b1", "--with-dependents"}));
+    EXPECT_EQ((Object{{"backup", "b1"}, {"dependents", true}}), params(0));
+    EXPECT_EQ("Removed: b1, b2\n", out_);
+    run({"backup", "remove", "b1"});
+    EXPECT_EQ((Object{{"backup", "b1"}}), params(1));
 }
 
 TEST_F(Command_Line_Test, filters_are_sent_only_when_they_are_given) {

@@ -1,0 +1,48 @@
+#ifndef AGENT_STORAGE_SET_FILES_H
+#define AGENT_STORAGE_SET_FILES_H
+
+#include "agent/storage/write_journal.h"
+
+#include <string>
+#include <vector>
+
+class SQLite_Catalog;
+class SQLite_Pools;
+class Storage_Backend;
+struct Dropped_Set;
+
+/**
+ * What backup sets have in the pools, when they are to go. First it is noted in the journal, so
+ * that it goes in the end whatever happens, then the catalog drops the set, then the files are
+ * removed: those that another complete set has stay. May be used on any thread.
+ */
+class Set_Files {
+public:
+    /** All live longer. */
+    Set_Files(SQLite_Pools& pools, SQLite_Catalog& catalog, Write_Journal& journal,
+              Storage_Backend& storage)
+        : pools_(pools), catalog_(catalog), journal_(journal), storage_(storage) {}
+
+    /**
+     * Notes what a set has in its pools: its pieces, and what the backup tool may have put there
+     * that the catalog has not heard of.
+     * @param noted  gets it added
+     * @return false, with a warning line for each, when something could not be noted
+     */
+    bool note(Dropped_Set const& set, std::vector<Pool_Object>& noted);
+    /** Removes what was noted; what cannot be removed now stays noted for later. */
+    void remove(std::vector<Pool_Object> const& noted);
+
+private:
+    /** The objects that a piece may be, by what is there; the path itself when that is not known.
+     */
+    std::vector<std::string> objects_of_piece(std::string const& pool_path,
+                                              std::string const& path);
+
+    SQLite_Pools& pools_;
+    SQLite_Catalog& catalog_;
+    Write_Journal& journal_;
+    Storage_Backend& storage_;
+};
+
+#endif
