@@ -85,15 +85,21 @@ Dropped_Set read_dropped(SQLite::Database& database, int64_t id, Array const& pi
     return set;
 }
 
-/** A set, and the sets that a restore could not do without it. */
-struct Set_Family {
-    std::vector<int64_t> ids;            ///< its own first
-    std::vector<std::string> dependents; ///< their uuids, newest first
-    bool open = false;                   ///< one of all is being written
+/** What a removal comes to, and the sets that go then. */
+struct Planned_Removal {
+    Set_Removal removal;
+    std::vector<int64_t> ids;
 };
 
-Set_Family read_family(SQLite::Database& database, Found_Set const& found) {
-    Set_Family family{{found.id}, {}, found.open};
+Planned_Removal plan_removal(SQLite::Database& database, std::string const& uuid, bool dependents) {
+    Found_Set const found = find_set(database, uuid);
+    Planned_Removal plan{{}, {found.id}};
+    Set_Removal& removal = plan.removal;
+    if (found.id == 0) {
+        removal.kind = Set_Removal::NOT_FOUND;
+        return plan;
+    }
+    removal.being_written = found.open;
     SQLite::Statement statement(
         database,
         "WITH RECURSIVE family(id) AS (SELECT ?1 UNION SELECT s.id FROM family AS f "
@@ -106,38 +112,18 @@ Set_Family read_family(SQLite::Database& database, Found_Set const& found) {
         "WHERE s.id <> ?1 ORDER BY s.backup_start_time DESC, s.id DESC");
     statement.bind(1, found.id);
     while (statement.executeStep()) {
-        family.ids.push_back(statement.getColumn(0).getInt64());
-        family.dependents.push_back(statement.getColumn(1).getString());
-        family.open |= statement.getColumn(2).getInt() != 0;
+        plan.ids.push_back(statement.getColumn(0).getInt64());
+        removal.needed_by.push_back(statement.getColumn(1).getString());
+        removal.being_written |= statement.getColumn(2).getInt() != 0;
     }
-    return family;
-}
-
-/** What a removal comes to, and the sets that go then. */
-struct Planned_Removal {
-    Set_Removal removal;
-    std::vector<int64_t> ids;
-};
-
-Planned_Removal plan_removal(SQLite::Database& database, std::string const& uuid, bool dependents) {
-    Planned_Removal plan;
-    Found_Set const found = find_set(database, uuid);
-    if (found.id == 0) {
-        plan.removal.kind = Set_Removal::NOT_FOUND;
-        return plan;
-    }
-    Set_Family family = read_family(database, found);
-    if (family.open || (!dependents && !family.dependents.empty())) {
-        plan.removal.kind = Set_Removal::IN_USE;
-        plan.removal.needed_by = std::move(family.dependents);
-        plan.removal.being_written = family.open;
+    if (removal.being_written || (!dependents && !removal.needed_by.empty())) {
+        removal.kind = Set_Removal::IN_USE;
         return plan;
     }
     Set_Parts_Reader parts(database);
-    for (int64_t const id : family.ids)
-        plan.removal.dropped.push_back(read_dropped(database, id, parts.pieces(id)));
-    plan.removal.kind = Set_Removal::REMOVED;
-    plan.ids = std::move(family.ids);
+    for (int64_t const id : plan.ids)
+        removal.dropped.push_back(read_dropped(database, id, parts.pieces(id)));
+    removal.kind = Set_Removal::REMOVED;
     return plan;
 }
 
@@ -514,7 +500,7 @@ SQLite_Catalog::remove(std::string const& uuid, bool dependents,
             removal = std::move(now.removal);
             if (removal.kind != Set_Removal::REMOVED)
                 return true;
-            if (removal.dropped.size() != planned.dropped.size())
+            if (removal.needed_by != planned.needed_by)
                 return refuse("remove", uuid, "what builds on it has changed meanwhile");
             for (int64_t const id : now.ids)
                 erase_set(database, id);

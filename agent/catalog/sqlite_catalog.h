@@ -26,8 +26,8 @@ struct Dropped_Set {
 struct Set_Removal {
     enum Kind { REMOVED, NOT_FOUND, IN_USE, FAILED } kind = FAILED;
     std::vector<Dropped_Set> dropped;   ///< those that are gone
-    std::vector<std::string> needed_by; ///< of IN_USE: the sets that build on it, newest first
-    bool being_written = false;         ///< of IN_USE: it, or one of those, is not complete yet
+    std::vector<std::string> needed_by; ///< uuids of the sets that build on it, newest first
+    bool being_written = false;         ///< it, or one of those, is not complete yet
 };
 
 /** What the sets of one resource take of a pool. */

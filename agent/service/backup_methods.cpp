@@ -118,7 +118,7 @@ public:
     }
 
 private:
-    /** The complete set whose uuid begins with a text, with all that is known of it. */
+    /** The set whose uuid begins with a text, with all that is known of it. */
     bool find(std::string const& beginning, Object& row, Method_Fault& fault) {
         std::vector<std::string> uuids;
         if (!catalog_.find_uuids(beginning, 2, uuids))

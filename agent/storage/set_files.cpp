@@ -10,22 +10,41 @@
 #include "host/storage/xbsa_layout.h"
 #include "qmrt/log.h"
 
-#include <algorithm>
-#include <iterator>
+namespace {
 
-std::vector<std::string> Set_Files::objects_of_piece(std::string const& pool_path,
-                                                     std::string const& path) {
-    std::shared_ptr<Storage_Connection> connection;
-    if (!storage_.connect(url_of_pool_path(pool_path), {}, connection))
-        return {path};
-    std::vector<std::string> found;
+/** The objects that a piece may be, by what is there. */
+void add_objects(Storage_Connection& pool, std::string const& path,
+                 std::vector<std::string>& objects) {
     for (Compression_Method const method : {COMPR_NONE, COMPR_ZSTD, COMPR_LZOP}) {
         std::string const object = path + compression_value_to_suffix(method);
         Storage_Entry entry;
-        if (connection->stat(object, entry))
-            found.push_back(object + (entry.is_folder ? "/" : ""));
+        if (pool.stat(object, entry))
+            objects.push_back(object + (entry.is_folder ? "/" : ""));
     }
-    return found;
+}
+
+} // namespace
+
+std::vector<std::string> Set_Files::objects_in(std::string const& pool_path,
+                                               Dropped_Set const& set) {
+    std::vector<std::string> objects;
+    std::string of_tool; // goes as a whole, with what the catalog has heard of and what not
+    if (!set.resource_uuid.empty())
+        of_tool = xbsa_set_folder(set.resource_uuid, set.uuid) + "/";
+    std::shared_ptr<Storage_Connection> connection;
+    bool const there =
+        static_cast<bool>(storage_.connect(url_of_pool_path(pool_path), {}, connection));
+    for (std::string const& path : set.piece_paths) {
+        if (!of_tool.empty() && path.starts_with(of_tool))
+            continue;
+        if (there)
+            add_objects(*connection, path, objects);
+        else
+            objects.push_back(path);
+    }
+    if (!of_tool.empty())
+        objects.push_back(of_tool);
+    return objects;
 }
 
 bool Set_Files::note(Dropped_Set const& set, std::vector<Pool_Object>& noted) {
@@ -34,12 +53,7 @@ bool Set_Files::note(Dropped_Set const& set, std::vector<Pool_Object>& noted) {
         Pool_Record record;
         if (!pools_.find_record(pool, record))
             continue;
-        std::vector<std::string> names;
-        for (std::string const& path : set.piece_paths)
-            std::ranges::move(objects_of_piece(record.path, path), std::back_inserter(names));
-        if (!set.resource_uuid.empty())
-            names.push_back(xbsa_set_folder(set.resource_uuid, set.uuid) + "/");
-        for (std::string& name : names) {
+        for (std::string& name : objects_in(record.path, set)) {
             Pool_Object object{record.path, std::move(name)};
             std::string error;
             if (journal_.note(object, error)) {

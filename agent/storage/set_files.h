@@ -34,10 +34,8 @@ public:
     void remove(std::vector<Pool_Object> const& noted);
 
 private:
-    /** The objects that a piece may be, by what is there; the path itself when that is not known.
-     */
-    std::vector<std::string> objects_of_piece(std::string const& pool_path,
-                                              std::string const& path);
+    /** What a set has in a pool; of one that is out of reach, what it is said to have. */
+    std::vector<std::string> objects_in(std::string const& pool_path, Dropped_Set const& set);
 
     SQLite_Pools& pools_;
     SQLite_Catalog& catalog_;
