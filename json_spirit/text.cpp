@@ -1,5 +1,6 @@
 #include "json_spirit/text.h"
 
+#include "json_spirit/escape_scan.h"
 #include "qmrt/file.h"
 #include "qmrt/log.h"
 #include "qmrt/utf8.h"
@@ -7,6 +8,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <memory>
 #include <yajl/yajl_gen.h>
 #include <yajl/yajl_parse.h>
@@ -36,13 +38,12 @@ public:
                 return of(self).number(std::string_view(text, length));
             },
             [](void* self, unsigned char const* text, size_t length) {
-                return of(self).whole(text, length) ? of(self).add(Value(to_string(text, length)))
-                                                    : 0;
+                return of(self).add(Value(to_string(text, length)));
             },
             [](void* self) { return of(self).open(Value(Object())); },
             [](void* self, unsigned char const* text, size_t length) {
                 of(self).key_ = to_string(text, length);
-                return of(self).whole(text, length);
+                return 1;
             },
             [](void* self) { return of(self).close(); },
             [](void* self) { return of(self).open(Value(Array())); },
@@ -71,18 +72,6 @@ private:
         }
         // the address stays right: an array does not grow while one of its elements is open
         return &top.get_array().emplace_back(std::move(value));
-    }
-
-    /**
-     * The parser checks the bytes that it reads, and makes what no UTF-8 can hold of an escape:
-     * half of a surrogate pair, which would be written as text that nobody can read again.
-     */
-    int whole(unsigned char const* text, size_t length) {
-        std::string_view const view(reinterpret_cast<char const*>(text), length);
-        if (view.find('\xED') == std::string_view::npos || qmrt::is_utf8(view))
-            return 1;
-        error_ = "an escape names half of a surrogate pair";
-        return 0;
     }
 
     int add(Value&& value) {
@@ -114,15 +103,17 @@ private:
         char const* const end = text.data() + text.size();
         int64_t whole;
         uint64_t large;
-        double real;
+        double real = 0;
         if (auto read = std::from_chars(text.data(), end, whole);
             read.ec == std::errc() && read.ptr == end)
             return add(Value(whole));
         if (auto read = std::from_chars(text.data(), end, large);
             read.ec == std::errc() && read.ptr == end)
             return add(Value(large));
-        if (auto read = std::from_chars(text.data(), end, real);
-            read.ec == std::errc() && read.ptr == end)
+        auto const read = std::from_chars(text.data(), end, real);
+        if (read.ec == std::errc::result_out_of_range) // too large, or rounded to the nearest
+            real = std::strtod(std::string(text).c_str(), nullptr);
+        if (read.ptr == end && std::isfinite(real))
             return add(Value(real));
         error_ = "number " + std::string(text.substr(0, 40)) + " is out of range";
         return 0;
@@ -252,6 +243,11 @@ bool parse(std::string_view text, Value& value, std::string* error) {
     if (!qmrt::is_utf8(text)) {
         if (error)
             *error = "text is not UTF-8";
+        return false;
+    }
+    if (!Escape_Scan().feed(text)) {
+        if (error)
+            *error = Escape_Scan::FAULT;
         return false;
     }
     Builder builder;

@@ -128,6 +128,8 @@ bool YAJL_Parser_Base::parse(char const* text, size_t size) {
         return fail(YAJL_ERR_MEMORY, "out of memory", 0);
     if (completed_)
         return fail(YAJL_ERR_TRAILING, "the text was said to be over", consumed_);
+    if (!escapes_.feed(std::string_view(text, size)))
+        return fail(YAJL_ERR_UTF8, json_spirit::Escape_Scan::FAULT, consumed_);
     size_t const usable = bytes_before_too_long(std::string_view(text, size));
     auto const* const bytes = reinterpret_cast<unsigned char const*>(text);
     yajl_status const status = yajl_parse(handle_.get(), bytes, usable);

@@ -2,6 +2,7 @@
 #define HOST_YAJL_YAJL_PARSER_H
 
 #include "host/yajl/yajl_handler.h"
+#include "json_spirit/escape_scan.h"
 
 #include <memory>
 #include <string>
@@ -31,7 +32,7 @@ enum YAJL_ERR {
 /**
  * Parses one JSON text, in as many pieces as it comes in, and tells the handlers, which a derived
  * class overrides, what is in it. Numbers reach handle_number_i as text; the strings that reach
- * handlers are well-formed UTF-8 (half of a surrogate pair, written as "\ud800", is "?" there).
+ * handlers are well-formed UTF-8; an escape of half a surrogate pair is YAJL_ERR_UTF8.
  *
  * The first fault ends the parse for good. What the handlers saw before it, they have seen. One
  * object is for one text and for one thread at a time.
@@ -92,6 +93,7 @@ private:
     std::string error_;
     std::string reason_; ///< why an event was refused, in words
     size_t max_string_size_ = MAX_STRING_SIZE;
+    json_spirit::Escape_Scan escapes_;
     size_t consumed_ = 0; ///< bytes of the pieces before this one
     size_t token_size_ = 0;
     bool in_string_ = false;

@@ -59,6 +59,12 @@ TEST(json_text, a_number_beyond_any_real_is_refused) {
     EXPECT_NE(std::string::npos, fault("[" + std::string(1000, '9') + "]").find("out of range"));
 }
 
+TEST(json_text, a_number_too_small_for_any_real_is_zero) {
+    EXPECT_EQ(Value(0.0), parsed("1e-400"));
+    EXPECT_EQ(Value(-0.0), parsed("-1.5e-9999"));
+    EXPECT_EQ(Value(5e-324), parsed("4.9e-324"));
+}
+
 TEST(json_text, reals_read_back_the_same_and_stay_reals) {
     for (double const value :
          {0.1, 1.0, -0.0, 1e300, 5e-324, 123456789.123, 1.7976931348623157e308}) {
@@ -141,7 +147,9 @@ TEST(json_text, text_must_be_utf8) {
 }
 
 TEST(json_text, an_escape_of_half_a_surrogate_pair_is_refused) {
-    for (char const* text : {"\"x\\uDDDDy\"", "\"\\udc00\"", "{\"\\uDFFF\":1}"})
+    for (char const* text :
+         {"\"x\\uDDDDy\"", "\"\\udc00\"", "{\"\\uDFFF\":1}", "\"\\ud800\"", "\"\\ud800\\n\"",
+          "\"\\ud800x\"", "\"\\ud800\\u0041\"", "\"\\ud83d\\ud83d\\udcbe\""})
         EXPECT_NE(std::string::npos, fault(text).find("half of a surrogate pair")) << text;
     EXPECT_EQ(Value("\xED\x9F\xBF\xEE\x80\x80"), parsed("\"\\uD7FF\\uE000\""));
 }

@@ -312,10 +312,21 @@ TEST(YAJL_Parser, a_parser_without_a_result_still_parses) {
     EXPECT_EQ(nullptr, parser.result());
 }
 
-TEST(YAJL_Parser, half_of_a_surrogate_pair_is_a_question_mark) {
+TEST(YAJL_Parser, a_surrogate_pair_is_one_character) {
     Recorder parser;
-    EXPECT_TRUE(parser.feed("[\"\\ud800\",\"\\ud83d\\udcbe\"]") && parser.complete());
-    EXPECT_EQ("[ s:? s:\xF0\x9F\x92\xBE ] ", parser.events);
+    EXPECT_TRUE(parser.feed("[\"\\ud83d\\udcbe\"]") && parser.complete());
+    EXPECT_EQ("[ s:\xF0\x9F\x92\xBE ] ", parser.events);
+}
+
+TEST(YAJL_Parser, half_of_a_surrogate_pair_is_refused_wherever_the_pieces_are_cut) {
+    for (std::string const text :
+         {"[\"\\ud800\"]", "[\"\\ud800\\n\"]", "[\"\\ud800\\u0041\"]", "[\"\\udc00\"]"})
+        for (size_t cut = 0; cut <= text.size(); ++cut) {
+            Recorder parser;
+            EXPECT_FALSE(parser.feed(text.substr(0, cut)) && parser.feed(text.substr(cut)))
+                << text << " cut at " << cut;
+            EXPECT_EQ(YAJL_ERR_UTF8, parser.err());
+        }
 }
 
 } // namespace
