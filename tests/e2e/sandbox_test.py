@@ -327,15 +327,28 @@ class Sandbox_Test(unittest.TestCase):
         self.assertEqual(1, status)
         self.assertIn("20200101_000000", err)
 
-    def test_a_restore_needs_no_metadata_directory(self):
+    def test_a_restore_needs_the_metadata_of_its_chain(self):
         first = backup()
         sql("create table more as select 1")
         second = backup(first)
         state = cluster("checksums")
-        subprocess.check_call(["rm", "-r", META / "roach"])
+        config = next(META.glob("bak_cluster_static_config*"))
+        for path, named in ((META / "backups.ini", second), (config, config.name),
+                            (META / "roach" / first, first), (META / "roach" / second, second)):
+            away = path.with_name(path.name + ".away")
+            path.rename(away)
+            status, _, err = restore(second)
+            self.assertEqual((1, True), (status, named in err), err)
+            away.rename(path)
+        self.assertEqual(state, cluster("checksums"), "the server was not even stopped")
         cluster("destroy-data")
         restore_and_start(second)
         self.assertEqual(state, cluster("checksums"))
+
+    def test_a_key_that_the_list_does_not_have_is_refused(self):
+        backup()
+        status, _, err = restore("20200101_000000")
+        self.assertEqual((1, True), (status, "20200101_000000 is not in" in err), err)
 
     def test_one_operation_at_a_time(self):
         cluster("fill", 20)

@@ -35,9 +35,13 @@ class Release(object):
                 "release" % (tool, self.product, self.number, self.build))
 
     @property
+    def keeps_metadata_everywhere(self):
+        """From 8.1.1 on each machine has the metadata of every backup, not the master's alone."""
+        return tuple(int(part) for part in self.number.split(".")) >= (8, 1, 1)
+
+    @property
     def saved_config_name(self):
-        numbers = tuple(int(part) for part in self.number.split("."))
-        return "bak_cluster_static_config" + (".common" if numbers >= (8, 1, 1) else "")
+        return "bak_cluster_static_config" + (".common" if self.keeps_metadata_everywhere else "")
 
 
 class Instance(object):

@@ -10,6 +10,7 @@ import os
 import shutil
 import time
 
+from gspylib.common.DbClusterInfo import ConfigError, dbClusterInfo
 from roach.cluster import Tool_Error
 
 
@@ -59,6 +60,16 @@ class Metadata(object):
             return None
         except (OSError, ValueError) as error:
             raise Tool_Error("[GAUSS-53207] : Failed to read the metadata of %s: %s" % (key, error))
+
+    def saved_nodes(self):
+        """The names of the machines in the saved static configuration."""
+        path = os.path.join(self.directory, self.release.saved_config_name)
+        info = dbClusterInfo()
+        try:
+            info.initFromStaticConfigWithoutUser(path)
+        except (OSError, ConfigError) as error:
+            raise Tool_Error("[GAUSS-53207] : Failed to read %s: %s" % (path, error))
+        return info.getClusterNodeNames()
 
     def entries(self, path=None):
         path = path or os.path.join(self.directory, self.name)

@@ -88,6 +88,8 @@ class Restore(object):
     # --- before anything is changed
 
     def _prepare(self):
+        if self.cluster.release.series != 100:
+            self._check_metadata()
         store = open_store(self.policy)
         try:
             self.chain = self._load_chain(store)
@@ -96,6 +98,21 @@ class Restore(object):
         finally:
             store.close()
         self._check_space()
+
+    def _check_metadata(self):
+        """The list has to name the backup, and the saved configuration has to fit the cluster."""
+        if self.key not in {one["BackupKey"] for one in self.metadata.entries()}:
+            raise Tool_Error("[GAUSS-53207] : The backup key %s is not in %s."
+                             % (self.key, os.path.join(self.metadata.directory, self.metadata.name)))
+        saved = self.metadata.saved_nodes()
+        if len(saved) != len(self.cluster.nodes):
+            raise Tool_Error("[GAUSS-53213] : The backup has %d machines, this cluster %d."
+                             % (len(saved), len(self.cluster.nodes)))
+
+    def _needs_manifests(self):
+        """Whether this machine must have the metadata of each backup instead of asking the media."""
+        release = self.cluster.release
+        return release.series != 100 and (not self.master or release.keeps_metadata_everywhere)
 
     def _make_staging(self):
         for target in self.targets:
@@ -112,7 +129,11 @@ class Restore(object):
         while key:
             if any(manifest["key"] == key for manifest in chain):
                 raise Tool_Error("[GAUSS-53207] : The metadata of %s lead to itself." % key)
-            manifest = self.metadata.manifest(key) or self._stored_manifest(store, key)
+            manifest = self.metadata.manifest(key)
+            if not manifest and self._needs_manifests():
+                raise Tool_Error("[GAUSS-53207] : There is no metadata of the backup %s in %s."
+                                 % (key, self.metadata.of_key(key)))
+            manifest = manifest or self._stored_manifest(store, key)
             chain.insert(0, manifest)
             key = manifest["prior"]
         return chain
