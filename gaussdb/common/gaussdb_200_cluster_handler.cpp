@@ -4,16 +4,39 @@
 #include "gaussdb/common/gaussdb_config_reader.h"
 #include "gaussdb/common/gaussdb_gsql_client.h"
 #include "gaussdb/common/xbsa_link.h"
+#include "host/process/password_file_entry.h"
 #include "qmrt/check.h"
 #include "qmrt/file.h"
+#include "qmrt/guarded_file.h"
 #include "qmrt/path.h"
 
 #include <cerrno>
+#include <unistd.h>
 
 namespace {
 
 constexpr char XML_DIRECTORY[] = "/var/opt/quilmot/zenbrak3/$COMPONENT/gaussdb";
 constexpr char SAVED_DIRECTORY[] = "/var/cache/quilmot/zenbrak3/gaussdb";
+
+constexpr uint64_t MAX_BINARY_CONFIG = 16 * 1024 * 1024;
+
+/**
+ * Copies the cluster's binary configuration file, read with the rights of its user. The copy
+ * belongs to that user, as whom it will be read.
+ */
+int save_config(std::string const& live, std::string const& saved, char const* os_user) {
+    Password_File_Entry user;
+    if (user.get(os_user) == -1)
+        return -1;
+    std::string content;
+    {
+        As_File_User const rights(user.uid());
+        if (!rights || read_guarded(live.c_str(), content, {.max_size = MAX_BINARY_CONFIG}) == -1)
+            return -1;
+    }
+    File_Owner const owner{user.uid(), user.gid()};
+    return write_file_atomically(saved.c_str(), content, 0640, geteuid() == 0 ? &owner : nullptr);
+}
 
 } // namespace
 
@@ -34,7 +57,7 @@ bool GaussDB_200_Cluster_Handler::init(char const* name) {
     std::string saved;
     if (!generate_config(name, live, saved) || !parse_cluster_info())
         return false;
-    if (is_regular_file(live.c_str()) && copy_file(live.c_str(), saved.c_str(), 0640) == -1)
+    if (is_regular_file(live.c_str()) && save_config(live, saved, os_user_.c_str()) == -1)
         QMRT_LOG(LM_DEBUG, "Failed to save %s as %s, errno=%d, %m\n", live.c_str(), saved.c_str(),
                  errno);
     find_ports();
@@ -45,7 +68,8 @@ bool GaussDB_200_Cluster_Handler::init(char const* name) {
 bool GaussDB_200_Cluster_Handler::generate_config(char const* name, std::string& live,
                                                   std::string& saved) {
     conf_ = Path_Conf(XML_DIRECTORY, true, name, 0755).str();
-    saved = Path_Conf(SAVED_DIRECTORY, true, name, 0750).str();
+    // entered by the clusters' users, each for its own file
+    saved = Path_Conf(SAVED_DIRECTORY, true, name, 0755).str();
     if (conf_.empty() || saved.empty())
         return false;
     bool const use_python3 = gaussdb_version_ >= GAUSSDB_A_811;

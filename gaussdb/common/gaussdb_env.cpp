@@ -1,24 +1,28 @@
 #include "gaussdb/common/gaussdb_env.h"
 
+#include "host/process/process_options.h"
 #include "qmrt/check.h"
 #include "qmrt/environment.h"
-#include "qmrt/file.h"
 #include "qmrt/format.h"
-#include "qmrt/regex.h"
+#include "qmrt/guarded_file.h"
 
 #include <ace/Process.h>
 
-#include <boost/algorithm/string/replace.hpp>
+#include <algorithm>
+#include <string_view>
 #include <vector>
 
 namespace {
 
-boost::regex const RE_EXPORT("export\\s+(.*)=(.*)$");
-// the range from "A" to "z" takes the underscore, and no digits
-boost::regex const RE_VAR("\\$([A-z]+)");
-
+constexpr uint64_t MAX_PROFILE_SIZE = 1024 * 1024;
 // what the kernel takes as one variable; values that refer to themselves grow beyond any memory
 constexpr size_t MAX_VALUE_SIZE = 128 * 1024;
+// of all variables; much more than a child's options take
+constexpr size_t MAX_TOTAL_SIZE = 1024 * 1024;
+// bytes that the references of one profile may cause to be looked through
+constexpr size_t MAX_REFERENCE_WORK = 32 * 1024 * 1024;
+
+constexpr std::string_view BLANKS = " \t\v\f\r";
 
 /** "left:right", or the one that is not empty. */
 std::string join_paths(std::string const& left, std::string const& right) {
@@ -27,21 +31,120 @@ std::string join_paths(std::string const& left, std::string const& right) {
     return string_sprintf("%s:%s", left.c_str(), right.c_str());
 }
 
-/** Replaces every @a reference in @a value; false, with nothing done, when it would grow too long.
+/**
+ * Splits "export  NAME=value" at its last "=".
+ * @return false for any other line.
  */
-bool replace_reference(std::string& value, std::string const& reference, std::string const& text) {
-    if (value.size() > MAX_VALUE_SIZE)
+bool split_export(std::string_view line, std::string_view& name, std::string_view& value) {
+    constexpr std::string_view EXPORT = "export";
+    size_t const equals = line.rfind('=');
+    size_t const begin = line.find_first_not_of(BLANKS, EXPORT.size());
+    if (!line.starts_with(EXPORT) || equals == std::string_view::npos || begin <= EXPORT.size())
         return false;
-    size_t count = 0;
-    for (size_t at = 0; (at = value.find(reference, at)) != std::string::npos;
-         at += reference.size())
-        ++count;
-    if (value.size() - count * reference.size() + count * text.size() > MAX_VALUE_SIZE)
-        return false;
-    if (count)
-        boost::algorithm::replace_all(value, reference, text);
+    name = line.substr(begin, equals - begin);
+    value = line.substr(equals + 1);
     return true;
 }
+
+/** The references "$NAME" of a text, in order, with their "$". */
+std::vector<std::string> references_of(std::string_view text) {
+    std::vector<std::string> found;
+    while ((text.remove_prefix(std::min(text.find('$'), text.size())), !text.empty())) {
+        // the range from "A" to "z" takes the underscore, and no digits
+        size_t length = 1;
+        while (length < text.size() && text[length] >= 'A' && text[length] <= 'z')
+            ++length;
+        if (length > 1)
+            found.emplace_back(text.substr(0, length));
+        text.remove_prefix(length);
+    }
+    return found;
+}
+
+/** Replaces every @a reference in @a value; false when it would grow too long. */
+bool replace_reference(std::string& value, std::string const& reference, std::string const& text) {
+    std::string result;
+    size_t begin = 0;
+    for (size_t at; (at = value.find(reference, begin)) != std::string::npos;
+         begin = at + reference.size()) {
+        result.append(value, begin, at - begin).append(text);
+        if (result.size() > MAX_VALUE_SIZE)
+            return false;
+    }
+    if (begin == 0)
+        return true;
+    result.append(value, begin);
+    value = std::move(result);
+    return value.size() <= MAX_VALUE_SIZE;
+}
+
+/** The lines of one profile on their way into an environment. */
+class Profile_Reader {
+public:
+    explicit Profile_Reader(GaussDB_Env::map_type& vars) : vars_(vars) {
+        for (auto const& [name, value] : vars_)
+            total_ += name.size() + value.size();
+    }
+
+    void take(std::string_view line) {
+        ++line_;
+        std::string_view name;
+        std::string_view value;
+        if (!split_export(line, name, value))
+            return;
+        if (name.empty())
+            leave_out("it has no name before the \"=\"");
+        else if (line.find('\0') != std::string_view::npos)
+            leave_out("it has a NUL");
+        else if (line.size() > MAX_VALUE_SIZE)
+            leave_out("it is longer than an environment takes");
+        else
+            enter(std::string(name), std::string(value));
+    }
+
+    /** One line for all that was left out: whoever writes the profile does not fill the log. */
+    void report(char const* profile) const {
+        if (left_out_)
+            QMRT_LOG(LM_WARNING, "%Q lines of %s are left out, the first is line %Q, %s\n",
+                     static_cast<uint64_t>(left_out_), profile, static_cast<uint64_t>(first_),
+                     reason_);
+    }
+
+private:
+    void enter(std::string name, std::string value) {
+        for (std::string const& reference : references_of(value)) {
+            auto const found = vars_.find(reference.substr(1));
+            if (found == vars_.end())
+                return;
+            work_ += value.size();
+            if (work_ > MAX_REFERENCE_WORK)
+                return leave_out("the profile has too many references");
+            if (!replace_reference(value, reference, found->second))
+                return leave_out("its value is longer than an environment takes");
+        }
+        auto const old = vars_.find(name);
+        size_t const freed = old == vars_.end() ? 0 : name.size() + old->second.size();
+        if (total_ - freed + name.size() + value.size() > MAX_TOTAL_SIZE)
+            return leave_out("the profile has more than an environment takes");
+        total_ += name.size() + value.size() - freed;
+        vars_[std::move(name)] = std::move(value);
+    }
+
+    void leave_out(char const* reason) {
+        if (left_out_++ == 0) {
+            first_ = line_;
+            reason_ = reason;
+        }
+    }
+
+    GaussDB_Env::map_type& vars_;
+    size_t total_ = 0;
+    size_t work_ = 0;
+    size_t line_ = 0;
+    size_t left_out_ = 0;
+    size_t first_ = 0;
+    char const* reason_ = "";
+};
 
 } // namespace
 
@@ -65,29 +168,26 @@ bool GaussDB_Env::init(char const* profile) {
 }
 
 bool GaussDB_Env::read(char const* profile) {
-    auto const read_export = [this](std::string_view line) {
-        qmrt::svmatch groups;
-        if (qmrt::regex_match(line, groups, RE_EXPORT)) {
-            std::string value = groups[2];
-            if (complete_value(value))
-                vars_[groups[1]] = value;
-        }
-        return true;
-    };
-    if (read_each_line(profile, read_export) == -1) {
+    std::string content;
+    if (read_guarded(profile, content, {.max_size = MAX_PROFILE_SIZE}) == -1) {
         QMRT_LOG(LM_ERROR, "Failed to open %s, errno=%d, %m\n", profile, errno);
         return false;
     }
+    Profile_Reader reader(vars_);
+    for (std::string_view rest(content); !rest.empty();) {
+        std::string_view const line = rest.substr(0, rest.find('\n'));
+        reader.take(line);
+        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+    }
+    reader.report(profile);
     return true;
 }
 
-void GaussDB_Env::set_opts(ACE_Process_Options& opts) const {
-    for (auto const& [key, value] : vars_) {
-        // through "%s": a "%" in the value is no format
-        if (opts.setenv(key.c_str(), "%s", value.c_str()) == -1)
-            QMRT_LOG(LM_WARNING, "Environment variable %s does not fit, the child goes without\n",
-                     key.c_str());
-    }
+bool GaussDB_Env::set_opts(ACE_Process_Options& opts) const {
+    for (auto const& [key, value] : vars_)
+        if (!set_foreign_env(opts, key, value.c_str()))
+            return false;
+    return true;
 }
 
 void GaussDB_Env::set_env(std::string const& key, std::string const& value) {
@@ -96,7 +196,7 @@ void GaussDB_Env::set_env(std::string const& key, std::string const& value) {
 
 void GaussDB_Env::set_env(json_spirit::Object const& obj) {
     for (auto const& [key, value] : obj)
-        if (value.type() == json_spirit::str_type)
+        if (!key.empty() && value.type() == json_spirit::str_type)
             set_env(key, value.get_str());
 }
 
@@ -117,22 +217,4 @@ void GaussDB_Env::prepend_bin_path(char const* value) {
     get_env_r("PATH", own);
     if (!own.empty())
         vars_["PATH"] = string_sprintf("%s/bin:%s", value, own.c_str());
-}
-
-bool GaussDB_Env::complete_value(std::string& value) {
-    // collected first: what a replacement brings in is not searched again
-    std::vector<std::string> const references(
-        boost::sregex_token_iterator(value.begin(), value.end(), RE_VAR),
-        boost::sregex_token_iterator());
-    for (std::string const& reference : references) {
-        auto const found = vars_.find(reference.substr(1));
-        if (found == vars_.end())
-            return false;
-        if (!replace_reference(value, reference, found->second)) {
-            QMRT_LOG(LM_WARNING, "A value with %s is longer than an environment takes, dropped\n",
-                     reference.c_str());
-            return false;
-        }
-    }
-    return true;
 }

@@ -30,16 +30,25 @@ public:
      * Reads the lines "export NAME=value" of a shell profile. "$NAME" in a value stands for what an
      * earlier line or init() entered; a line that refers to an unknown name is dropped. No shell
      * runs: quotes, "${NAME}" and anything else stay as they are.
-     * @return false when the file cannot be read; logged here.
+     *
+     * A line without a name, with a NUL, or whose value grows beyond 128 KiB is dropped, and so are
+     * lines that would make all variables longer than 1 MiB or that come after a great number of
+     * references; one warning tells how many.
+     * @return false when the file cannot be read, is larger than 1 MiB, is not a regular file, or
+     *         is a symbolic link in a directory that others than root can write; logged here.
      */
     bool read(char const* profile);
 
-    /** Hands every entry to a child's options. */
-    void set_opts(ACE_Process_Options& opts) const;
+    /**
+     * Hands every entry to a child's options as set_foreign_env() does: such a child never runs as
+     * root.
+     * @return false, after an error line, when an entry does not fit. No start takes the options.
+     */
+    bool set_opts(ACE_Process_Options& opts) const;
 
     /** Sets or replaces one entry. */
     void set_env(std::string const& key, std::string const& value);
-    /** Sets every member that is a plain string; all others are passed over. */
+    /** Sets every member that is a plain string and has a name; all others are passed over. */
     void set_env(json_spirit::Object const& obj);
 
     /** The value, or "" when there is none; never null. Valid as long as the entry. */
@@ -62,8 +71,6 @@ public:
     char const* gp_home() const { return get_value("GPHOME"); }
 
 private:
-    bool complete_value(std::string& value);
-
     map_type vars_;
 };
 

@@ -4,9 +4,8 @@
 #include "host/process/process_options.h"
 
 bool set_local_options(ACE_Process_Options& opts, GaussDB_Env const& env) {
-    env.set_opts(opts);
     opts.handle_inheritance(0);
-    return set_process_env(opts, "LC_ALL", "C");
+    return env.set_opts(opts) && set_process_env(opts, "LC_ALL", "C");
 }
 
 bool set_local_options(ACE_Process_Options& opts, GaussDB_Env const& env, char const* user) {

@@ -18,11 +18,12 @@ public:
 /**
  * For a tool on this host: the variables of @a env, LC_ALL=C, no descriptor but the standard ones,
  * and the identity of @a user.
- * @return false, after an error line, when the user is null, "" or unknown; the options are then
- *         refused by any start, so that nothing runs as the agent's own user.
+ * @return false, after an error line, when the user is null, "" or unknown, or a variable does not
+ *         fit; no start takes the options then. Nor does one when the user is root, since @a env is
+ *         what another user's profile says.
  */
 bool set_local_options(ACE_Process_Options& opts, GaussDB_Env const& env, char const* user);
-/** The same with the agent's own identity. */
+/** The same with the agent's own identity, which must not be root. */
 bool set_local_options(ACE_Process_Options& opts, GaussDB_Env const& env);
 
 /**

@@ -7,6 +7,7 @@
 
 #include <cstdarg>
 #include <cstring>
+#include <unistd.h>
 
 namespace {
 
@@ -16,10 +17,29 @@ namespace {
  */
 constexpr u_long REFUSE_USER = 0x80000000ul;
 constexpr u_long REFUSE_ENVIRONMENT = 0x40000000ul;
+constexpr u_long FOREIGN_ENVIRONMENT = 0x20000000ul;
 
 bool refuse(ACE_Process_Options& options, u_long mark) {
     options.creation_flags(options.creation_flags() | mark);
     return false;
+}
+
+/** As an array of entries: ACE's forms with a format lose the last byte of an entry of 1024. */
+bool set_entry(ACE_Process_Options& options, std::string const& name, char const* value) {
+    std::string entry = name + "=" + value;
+    char* entries[] = {entry.data(), nullptr};
+    if (options.setenv(entries) != -1)
+        return true;
+    QMRT_LOG(
+        LM_ERROR,
+        "Failed to set the environment variable %.200s, there is no room left for its %Q bytes\n",
+        name.c_str(), static_cast<uint64_t>(entry.size()));
+    return refuse(options, REFUSE_ENVIRONMENT);
+}
+
+uid_t user_of_child(ACE_Process_Options const& options) {
+    uid_t const uid = options.geteuid();
+    return uid == static_cast<uid_t>(-1) ? geteuid() : uid;
 }
 
 } // namespace
@@ -68,15 +88,14 @@ bool set_process_env(ACE_Process_Options& options, char const* name, char const*
                  name);
         return refuse(options, REFUSE_ENVIRONMENT);
     }
-    // as an array of entries: the forms with a format lose the last byte of an entry of 1024
-    std::string entry = std::string(name) + "=" + value;
-    char* entries[] = {entry.data(), nullptr};
-    if (options.setenv(entries) == -1) {
-        QMRT_LOG(LM_ERROR, "Failed to set the environment variable %s, there is no room left\n",
-                 name);
+    return set_entry(options, name, value);
+}
+
+bool set_foreign_env(ACE_Process_Options& options, std::string const& name, char const* value) {
+    options.creation_flags(options.creation_flags() | FOREIGN_ENVIRONMENT);
+    if (QMRT_IS_EMPTY(name) || QMRT_IS_NULL(value))
         return refuse(options, REFUSE_ENVIRONMENT);
-    }
-    return true;
+    return set_entry(options, name, value);
 }
 
 char const* refusal_of(ACE_Process_Options const& options) {
@@ -84,5 +103,7 @@ char const* refusal_of(ACE_Process_Options const& options) {
         return "its user is not known";
     if (options.creation_flags() & REFUSE_ENVIRONMENT)
         return "its environment is not complete";
+    if (options.creation_flags() & FOREIGN_ENVIRONMENT && user_of_child(options) == 0)
+        return "it would run as root in an environment that another user decides";
     return nullptr;
 }

@@ -3,6 +3,8 @@
 
 #include <ace/Process.h>
 
+#include <string>
+
 /**
  * Settings of a child that ACE_Process_Options takes wrongly in silence. Each function returns
  * false after an error line, and leaves the options so that ACE_Process_Ex::spawn() refuses them:
@@ -35,6 +37,15 @@ bool set_process_user(ACE_Process_Options& options, char const* user);
  *         has no room left. The options are refused from then on.
  */
 bool set_process_env(ACE_Process_Options& options, char const* name, char const* value);
+
+/**
+ * Sets one environment variable that another user decides, such as a line of that user's profile.
+ * What a program loads and runs depends on its environment, so from then on the options are refused
+ * when the child would run as root, whatever the variable. A "=" in the name ends the name.
+ * @return false when the name is empty, the value is null, or the options' buffer has no room left.
+ *         The options are refused from then on.
+ */
+bool set_foreign_env(ACE_Process_Options& options, std::string const& name, char const* value);
 
 /** Why the functions above have left @a options to be refused; null when they have not. */
 char const* refusal_of(ACE_Process_Options const& options);

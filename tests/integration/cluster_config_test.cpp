@@ -46,7 +46,8 @@ protected:
         else
             owner_.get_by_uid(geteuid());
         env_.set_env("GPHOME", files_.path("gp"));
-        env_.set_env("PYTHONDONTWRITEBYTECODE", "1");
+        // for the cluster's user, as whom the script runs
+        std::filesystem::permissions(files_.path(), std::filesystem::perms(0755));
         files_.write("gp/script/gspylib/__init__.py", "");
         files_.write("gp/script/gspylib/common/__init__.py", "");
         files_.write("gp/script/gspylib/common/DbClusterInfo.py", READER);
@@ -86,6 +87,8 @@ TEST_F(Cluster_Config, a_binary_file_becomes_the_clusters_description) {
     struct stat status = {};
     ASSERT_EQ(0, stat(xml_.c_str(), &status));
     EXPECT_EQ(owner_.uid(), status.st_uid);
+    EXPECT_FALSE(files_.exists("gp/script/gspylib/__pycache__"));
+    EXPECT_FALSE(files_.exists("gp/script/gspylib/common/__pycache__"));
 }
 
 TEST_F(Cluster_Config, a_file_that_the_reader_refuses_leaves_no_description_behind) {
@@ -94,6 +97,18 @@ TEST_F(Cluster_Config, a_file_that_the_reader_refuses_leaves_no_description_behi
     EXPECT_FALSE(files_.exists("c1.xml"));
     EXPECT_LOGGED(LM_WARNING, "broken file");
     EXPECT_LOGGED(LM_ERROR, "Failed to generate GaussDB xml config\n");
+}
+
+TEST_F(Cluster_Config, what_the_cluster_brings_along_runs_as_its_user) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can run as another user";
+    std::string const who = files_.path("who");
+    files_.write("who", "");
+    ASSERT_EQ(0, chmod(who.c_str(), 0666));
+    files_.write("gp/script/gspylib/common/DbClusterInfo.py",
+                 "import os\nopen('" + who + "', 'a').write('%d ' % os.geteuid())\n" + READER);
+    ASSERT_TRUE(generate("binary of " + owner_.name()));
+    EXPECT_EQ(std::to_string(owner_.uid()) + " ", files_.read("who"));
 }
 
 TEST_F(Cluster_Config, a_database_without_its_scripts_is_a_failure) {

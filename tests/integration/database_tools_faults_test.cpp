@@ -5,6 +5,7 @@
 #include "gaussdb/common/gaussdb_zsql_client.h"
 #include "tests/support/database_tools.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/scripted_interpreters.h"
 #include "tests/support/zombies.h"
 
 #include <chrono>
@@ -110,13 +111,14 @@ std::vector<Call> all_calls() {
              return GaussDB_Non_Intrusive_Client(1, "h", "").query("select 1", rows, true) &&
                     rows.back() == "row";
          }},
-        {"generate_gaussdb_config", "python3", BY_EXIT, "", false,
+        {"generate_gaussdb_config", "python3", BY_EXIT, "<ROOT/>", true,
          [](Database_Tools& tools, char const* user) {
+             Scripted_Interpreters const interpreters(tools);
              tools.env().set_env("GPHOME", "/gp");
              std::ofstream(tools.path("calls/written")) << "old";
              bool const done = generate_gaussdb_config(
                  tools.env(), user, tools.path("calls/written").c_str(), "/c", true);
-             EXPECT_FALSE(std::filesystem::exists(tools.path("calls/written")));
+             EXPECT_EQ(done, std::filesystem::exists(tools.path("calls/written")));
              return done;
          }},
     };

@@ -1,6 +1,7 @@
 /**
  * Plays any outside tool from a script. A test links this program under the tool's name into a
- * directory on the PATH (see scripted_tools.h, which writes the script and reads the records).
+ * directory on the PATH (see scripted_tools.h, which writes the script and reads the records). A
+ * link elsewhere may lead to that link.
  *
  * Beside the link NAME lie NAME.script and the directory calls/, which anyone may write to. Each
  * call takes the next part of the script (parts are divided by lines "---", the last one serves all
@@ -140,6 +141,15 @@ std::vector<std::string> part_of(std::string const& path, int call) {
     return index < parts.size() ? parts[index] : parts.back();
 }
 
+/** The link beside the script: what was run, or what that is a link to. */
+std::string find_link() {
+    std::string const run = reinterpret_cast<char const*>(getauxval(AT_EXECFN));
+    char target[4096];
+    ssize_t const length = readlink(run.c_str(), target, sizeof target);
+    std::string const other(target, length > 0 ? static_cast<size_t>(length) : 0);
+    return access((other + ".script").c_str(), F_OK) == 0 ? other : run;
+}
+
 std::string read_stdin(bool one_line) {
     std::string text;
     char byte;
@@ -154,7 +164,7 @@ std::string read_stdin(bool one_line) {
 } // namespace
 
 int main(int, char** arguments) {
-    std::string const link = reinterpret_cast<char const*>(getauxval(AT_EXECFN));
+    std::string const link = find_link();
     size_t const slash = link.rfind('/');
     std::string const directory = slash == std::string::npos ? "." : link.substr(0, slash);
     std::string const name = link.substr(slash + 1);

@@ -81,8 +81,8 @@ class Probe(unittest.TestCase):
         if not arguments:
             arguments = ("-u", "omm", "-c", str(self.conf), "-o", str(self.xml), "-p",
                          str(self.scripts))
-        # no .pyc of one test may serve the next
-        environment = dict(os.environ, PYTHONDONTWRITEBYTECODE="1", **environment)
+        environment = dict(os.environ, **environment)
+        environment.pop("PYTHONDONTWRITEBYTECODE", None)
         return subprocess.run([sys.executable, str(PROBE)] + list(arguments), env=environment,
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                               check=False)
@@ -124,6 +124,28 @@ class Probe(unittest.TestCase):
         self.assertEqual("<ROOT><CLUSTER/><DEVICELIST><DEVICE sn='1'/></DEVICELIST></ROOT>",
                          self.xml.read_text())
 
+    def test_the_xml_goes_to_stdout_and_nothing_else_does(self):
+        for text in (READER + "print('noise of loading')", READER + GENERATOR):
+            self.reader(text)
+            result = self.probe("-u", "omm", "-c", str(self.conf), "-o", "-", "-p",
+                                str(self.scripts))
+            self.assertEqual((0, ""), (result.returncode, result.stderr))
+            root = xml.etree.ElementTree.fromstring(result.stdout.encode())
+            self.assertEqual("ROOT", root.tag)
+            self.assertEqual([], os.listdir(self.xml.parent))
+
+    def test_nothing_is_left_behind(self):
+        scratch = self.path / "tmp"
+        scratch.mkdir()
+        self.assertEqual(0, self.probe(TMPDIR=str(scratch)).returncode)
+        # killed while the database's reader runs
+        self.reader(READER.replace('print("<<DEBUG>> noise on stdout")',
+                                   "import signal; os.kill(os.getpid(), signal.SIGKILL)"))
+        self.assertEqual(-9, self.probe(TMPDIR=str(scratch)).returncode)
+        self.assertEqual([], list(self.path.rglob("__pycache__")))
+        self.assertEqual([], os.listdir(scratch))
+        self.assertEqual(["cluster.xml"], os.listdir(self.xml.parent))
+
     def test_a_missing_reader(self):
         (self.scripts / "gspylib" / "common" / "DbClusterInfo.py").unlink()
         self.assert_fails(self.probe(), "no reader of the cluster's configuration in")
@@ -163,7 +185,7 @@ class Probe(unittest.TestCase):
 
     def test_an_output_directory_that_is_not_there(self):
         self.xml = self.path / "none" / "cluster.xml"
-        self.assert_fails(self.probe(), "cannot write beside")
+        self.assert_fails(self.probe(), "cannot write %s: " % self.xml)
 
     def test_wrong_options(self):
         for arguments in (["-u", "omm"], ["-x"], ["-u"], ["-u", "", "-c", "c", "-o", "o", "-p", "p"],

@@ -7,6 +7,7 @@
 #include "tests/support/failing_new.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/product_directories.h"
+#include "tests/support/scripted_interpreters.h"
 
 #include <atomic>
 #include <gmock/gmock.h>
@@ -29,10 +30,10 @@ protected:
         host_.write(live_, "live");
     }
 
-    /** Lets the interpreter's next runs write this XML for the cluster "c1". */
-    void generates(std::string const& xml, std::string const& name = "c1") {
+    /** Lets the interpreter's next runs print this XML. */
+    void generates(std::string const& xml) {
         host_.write("/home/generated.xml", xml);
-        std::string const step = std::string("run cp /home/generated.xml ") + host_.XML + name;
+        std::string const step = "run cat /home/generated.xml";
         host_.tools.script("python", step);
         host_.tools.script("python3", step);
     }
@@ -52,6 +53,7 @@ protected:
     }
 
     Product_Directories host_;
+    Scripted_Interpreters interpreters_{host_.tools};
     Password_File_Entry user_;
     GaussDB_Env env_;
     std::string const live_ = "/home/omm/app/bin/cluster_static_config";
@@ -66,8 +68,8 @@ TEST_F(Handler_200_Test, init_generates_parses_saves_and_links) {
     ASSERT_TRUE(handler.init("c1"));
 
     EXPECT_THAT(host_.tools.call("python").args,
-                ElementsAre("python", "/opt/quilmot/zenbrak3/bin/probe_gaussdb_config", "-u",
-                            "nobody", "-c", live_, "-o", conf_, "-p", "/home/omm/tool/script"));
+                ElementsAre("/usr/bin/python", "/opt/quilmot/zenbrak3/bin/probe_gaussdb_config",
+                            "-u", "nobody", "-c", live_, "-o", "-", "-p", "/home/omm/tool/script"));
     EXPECT_EQ(1u, host_.tools.calls("python"));
     EXPECT_EQ(conf_, handler.conf());
     EXPECT_EQ("c1", handler.info().name);
@@ -76,7 +78,10 @@ TEST_F(Handler_200_Test, init_generates_parses_saves_and_links) {
 
     EXPECT_EQ("live", host_.read(saved_));
     EXPECT_EQ(0640u, host_.mode(saved_));
-    EXPECT_EQ(0750u, host_.mode(host_.CACHE));
+    struct stat saved;
+    ASSERT_EQ(0, stat(saved_.c_str(), &saved));
+    EXPECT_EQ(user_.uid(), saved.st_uid) << "as whom it is read when the live file is gone";
+    EXPECT_EQ(0755u, host_.mode(host_.CACHE));
     EXPECT_EQ(0755u, host_.mode(host_.XML));
     EXPECT_EQ("/opt/quilmot/zenbrak3/lib/libxbsa64.so", host_.link_target(link_));
     std::string const directory = dirname_string(link_);
@@ -119,7 +124,7 @@ TEST_F(Handler_200_Test, the_saved_copy_serves_when_the_live_file_is_gone) {
     std::filesystem::remove(live_);
     host_.write(saved_, "saved");
     generates(cluster_xml(cluster(), {device("host1")}));
-    host_.tools.script("python", "exit 1\n---\nrun cp /home/generated.xml " + conf_);
+    host_.tools.script("python", "exit 1\n---\nrun cat /home/generated.xml");
     GaussDB_200_Cluster_Handler handler(env_, "nobody", VERSION_6);
     EXPECT_TRUE(handler.init("c1"));
     EXPECT_EQ(live_, host_.tools.call("python", 1).args.at(5));
@@ -132,12 +137,23 @@ TEST_F(Handler_200_Test, the_saved_copy_serves_when_the_live_file_is_gone) {
 
 TEST_F(Handler_200_Test, a_live_file_that_cannot_be_read_by_the_tool_is_still_saved) {
     generates(cluster_xml(cluster(), {}));
-    host_.tools.script("python", "exit 1\n---\nrun cp /home/generated.xml " + conf_);
+    host_.tools.script("python", "exit 1\n---\nrun cat /home/generated.xml");
     GaussDB_200_Cluster_Handler handler(env_, "nobody", VERSION_6);
     EXPECT_TRUE(handler.init("c1"));
     EXPECT_EQ("live", host_.read(saved_));
     Log_Capture::instance().claim_all(LM_WARNING, "status 1");
     EXPECT_LOGGED(LM_ERROR, "Failed to generate GaussDB xml config\n");
+}
+
+TEST_F(Handler_200_Test, what_the_clusters_user_cannot_read_is_not_saved) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can act as another user";
+    generates(cluster_xml(cluster(), {}));
+    ASSERT_EQ(0, chmod(live_.c_str(), 0600)); // root's, as a hard link to a file of root's would be
+    GaussDB_200_Cluster_Handler handler(env_, "nobody", VERSION_6);
+    EXPECT_TRUE(handler.init("c1"));
+    EXPECT_FALSE(host_.exists(saved_));
+    EXPECT_LOGGED(LM_DEBUG, "Failed to save " + live_ + " as " + saved_ + ", errno=13");
 }
 
 TEST_F(Handler_200_Test, neither_file_is_a_failure_told_once_each_and_repeated_never) {
@@ -200,10 +216,10 @@ TEST_F(Handler_200_Test, a_name_that_leads_out_of_its_directory_changes_nothing)
 }
 
 TEST_F(Handler_200_Test, a_name_with_dots_inside_names_its_own_files) {
-    generates(cluster_xml(cluster(), {}), "v8..1");
+    generates(cluster_xml(cluster(), {}));
     GaussDB_200_Cluster_Handler handler(env_, "nobody", VERSION_6);
     EXPECT_TRUE(handler.init("v8..1"));
-    EXPECT_EQ(std::string(host_.XML) + "v8..1", host_.tools.call("python").args.at(7));
+    EXPECT_TRUE(host_.exists(std::string(host_.XML) + "v8..1"));
     EXPECT_EQ("live", host_.read(std::string(host_.CACHE) + "v8..1"));
 }
 
@@ -367,7 +383,7 @@ TEST_F(Handler_200_Test, ten_thousand_devices) {
 
 TEST_F(Handler_200_Test, of_two_threads_one_runs_init_and_the_other_waits_for_it) {
     generates(cluster_xml(cluster(), {device("host1")}));
-    host_.tools.script("python", "wait\nrun cp /home/generated.xml " + conf_);
+    host_.tools.script("python", "wait\nrun cat /home/generated.xml");
     GaussDB_200_Cluster_Handler handler(env_, "nobody", VERSION_6);
     std::atomic<int> done = 0;
     auto const run = [&] {

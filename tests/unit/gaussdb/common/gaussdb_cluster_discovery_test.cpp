@@ -8,6 +8,7 @@
 #include "tests/support/failing_new.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/product_directories.h"
+#include "tests/support/scripted_interpreters.h"
 
 #include <atomic>
 #include <gmock/gmock.h>
@@ -52,7 +53,7 @@ protected:
     /** Lets the interpreters write the file of this 200-series cluster. */
     void generates_200(std::string const& name) {
         host_.write("/home/generated.xml", cluster_xml({{"clusterName", name}}, {}));
-        std::string const step = "run cp /home/generated.xml " + (host_.XML + name);
+        std::string const step = "run cat /home/generated.xml";
         host_.tools.script("python", step);
         host_.tools.script("python3", step);
     }
@@ -61,6 +62,7 @@ protected:
         "GS_CLUSTER_NAME=c1", "MPPDB_ENV_SEPARATE_PATH=/home/omm/profile", "GPHOME=/home/omm/tool"};
 
     Product_Directories host_;
+    Scripted_Interpreters interpreters_{host_.tools};
     std::vector<Database_Process> processes_;
     GaussDB_Cluster_Manager manager_;
 };
@@ -280,9 +282,9 @@ TEST_F(Discovery_Test, a_name_that_leads_out_of_the_products_directories_changes
     EXPECT_FALSE(host_.exists("/var/opt/quilmot/zenbrak3"));
 }
 
-TEST_F(Discovery_Test, a_profile_of_50_mb_is_read) {
+TEST_F(Discovery_Test, a_profile_of_900_KiB_is_read) {
     std::string text;
-    for (int number = 0; text.size() < 50 * 1024 * 1024; ++number)
+    for (int number = 0; text.size() < 900 * 1024; ++number)
         text += "# comment " + std::to_string(number) + " " + std::string(1000, 'x') + "\n";
     host_.write("/home/omm/profile", text + "export LAST=1\n");
     start(GAUSSDB);
@@ -321,8 +323,7 @@ TEST_F(Discovery_Test, a_broken_file_of_the_cluster) {
 TEST_F(Discovery_Test, a_cluster_is_not_to_be_had_before_it_is_ready) {
     host_.tools.prints("gs_check", GS_CHECK_200);
     generates_200("c1");
-    host_.tools.script("python3",
-                       "wait\nrun cp /home/generated.xml " + std::string(host_.XML) + "c1");
+    host_.tools.script("python3", "wait\nrun cat /home/generated.xml");
     start(GAUSSDB);
     std::thread lister([&] { EXPECT_TRUE(manager_.list_cluster()); });
     while (host_.tools.calls("python3") == 0)
@@ -343,8 +344,7 @@ TEST_F(Discovery_Test, a_cluster_is_not_to_be_had_before_it_is_ready) {
 TEST_F(Discovery_Test, a_name_taken_meanwhile_stays_with_who_took_it) {
     host_.tools.prints("gs_check", GS_CHECK_200);
     generates_200("c1");
-    host_.tools.script("python3",
-                       "wait\nrun cp /home/generated.xml " + std::string(host_.XML) + "c1");
+    host_.tools.script("python3", "wait\nrun cat /home/generated.xml");
     start(GAUSSDB);
     std::thread lister([&] { EXPECT_TRUE(manager_.list_cluster()); });
     while (host_.tools.calls("python3") == 0)

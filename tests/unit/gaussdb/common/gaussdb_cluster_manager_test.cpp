@@ -8,6 +8,7 @@
 #include "tests/support/failing_new.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/product_directories.h"
+#include "tests/support/scripted_interpreters.h"
 
 #include <atomic>
 #include <functional>
@@ -76,6 +77,7 @@ protected:
     }
 
     Product_Directories host_;
+    Scripted_Interpreters interpreters_{host_.tools};
     GaussDB_Cluster_Manager manager_;
     std::string const env_file_ = std::string(host_.CACHE) + "c1_env";
 };
@@ -409,8 +411,7 @@ TEST_F(Offline_Instance_Test, a_200_series_cluster_by_its_saved_configuration) {
     ASSERT_TRUE(manager_.dump_env("c1", env));
     host_.write(std::string(host_.CACHE) + "c1", "saved");
     host_.write("/home/generated.xml", cluster_xml({{"clusterName", "c1"}}, {}));
-    host_.tools.script("python3",
-                       "exit 1\n---\nrun cp /home/generated.xml " + std::string(host_.XML) + "c1");
+    host_.tools.script("python3", "exit 1\n---\nrun cat /home/generated.xml");
     EXPECT_TRUE(manager_.update_offline_instance("c1", "nobody", 2, "8.1.3"));
     EXPECT_TRUE(manager_.cluster_exists("c1"));
     EXPECT_EQ(std::string(host_.CACHE) + "c1", host_.tools.call("python3", 2).args.at(5));

@@ -2,6 +2,7 @@
 
 #include "tests/support/database_tools.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/scripted_interpreters.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -19,11 +20,10 @@ protected:
                                        use_python3);
     }
     /** What the script does when all goes well. */
-    std::string write_xml(std::string const& text) const {
-        return "run echo '" + text + "' >" + xml_ + "\n";
-    }
+    std::string write_xml(std::string const& text) const { return "out " + text + "\n"; }
 
     Database_Tools tools_;
+    Scripted_Interpreters interpreters_{tools_};
     Temporary_Directory files_;
     std::string xml_;
 };
@@ -31,36 +31,76 @@ protected:
 TEST_F(Generate_GaussDB_Config, runs_the_script_and_gives_the_file_to_the_clusters_user) {
     tools_.script("python3", write_xml("<ROOT/>"));
     EXPECT_TRUE(generate());
-    EXPECT_EQ("[python3][/opt/quilmot/zenbrak3/bin/probe_gaussdb_config][-u][" +
-                  std::string(tools_.user()) + "][-c][/app/config][-o][" + xml_ +
-                  "][-p][/gp/script]",
+    EXPECT_EQ("[/usr/bin/python3][/opt/quilmot/zenbrak3/bin/probe_gaussdb_config][-u][" +
+                  std::string(tools_.user()) + "][-c][/app/config][-o][-][-p][/gp/script]",
               tools_.call("python3").text());
     EXPECT_EQ("<ROOT/>\n", files_.read("cluster.xml"));
     struct stat status = {};
     ASSERT_EQ(0, stat(xml_.c_str(), &status));
     EXPECT_EQ(tools_.uid(), status.st_uid);
-    EXPECT_LOGGED(LM_DEBUG, "python3 /opt/quilmot/zenbrak3/bin/probe_gaussdb_config -u " +
-                                std::string(tools_.user()) + " -c /app/config -o " + xml_ +
-                                " -p /gp/script\n");
+    EXPECT_EQ(0600u, status.st_mode & 07777);
+    EXPECT_LOGGED(LM_DEBUG, "/usr/bin/python3 /opt/quilmot/zenbrak3/bin/probe_gaussdb_config -u " +
+                                std::string(tools_.user()) +
+                                " -c /app/config -o - -p /gp/script\n");
 }
 
-TEST_F(Generate_GaussDB_Config, runs_as_the_agent_in_the_clusters_environment) {
+TEST_F(Generate_GaussDB_Config, runs_as_the_clusters_user_in_its_environment) {
     tools_.env().set_env("GAUSSHOME", "/app");
+    tools_.env().set_env("LD_LIBRARY_PATH", "/app/lib");
     tools_.script("python3", write_xml("<ROOT/>"));
     EXPECT_TRUE(generate());
-    EXPECT_EQ(geteuid(), tools_.call("python3").uid);
+    EXPECT_EQ(tools_.uid(), tools_.call("python3").uid);
     EXPECT_EQ("/app", tools_.call("python3").env.at("GAUSSHOME"));
+    EXPECT_EQ("/app/lib", tools_.call("python3").env.at("LD_LIBRARY_PATH"));
+}
+
+TEST_F(Generate_GaussDB_Config, never_runs_as_root) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root's children run as root";
+    tools_.script("python3", write_xml("<ROOT/>"));
+    EXPECT_FALSE(generate_gaussdb_config(tools_.env(), "root", xml_.c_str(), "/c", true));
+    EXPECT_LOGGED(LM_ERROR, "it would run as root in an environment that another user decides");
+    EXPECT_LOGGED(LM_ERROR, "Failed to generate GaussDB xml config\n");
+    EXPECT_EQ(0u, tools_.calls("python3"));
+}
+
+TEST_F(Generate_GaussDB_Config, the_interpreter_is_not_one_of_the_path) {
+    Temporary_Directory theirs;
+    std::filesystem::permissions(theirs.path(), std::filesystem::perms(0755));
+    theirs.write("python3", "#!/bin/sh\necho theirs\n");
+    std::filesystem::permissions(theirs.path("python3"), std::filesystem::perms(0755));
+    tools_.env().set_env("PATH", theirs.path());
+    tools_.script("python3", write_xml("ours"));
+    EXPECT_TRUE(generate());
+    EXPECT_EQ("ours\n", files_.read("cluster.xml"));
+}
+
+TEST_F(Generate_GaussDB_Config, nothing_or_too_much_of_xml_is_a_failure) {
+    for (std::string const& script :
+         {std::string("exit 0"), "repeat 17000 " + std::string(1024, 'x')}) {
+        tools_.script("python3", script);
+        EXPECT_FALSE(generate());
+        EXPECT_LOGGED(LM_ERROR, " bytes of XML for /app/config, expected 1 to 16777216\n");
+        EXPECT_LOGGED(LM_ERROR, "Failed to generate GaussDB xml config\n");
+        EXPECT_FALSE(files_.exists("cluster.xml"));
+    }
 }
 
 TEST_F(Generate_GaussDB_Config, an_older_cluster_has_the_older_interpreter) {
     tools_.script("python", write_xml("<ROOT/>"));
     EXPECT_TRUE(generate(false));
-    EXPECT_EQ("python", tools_.call("python").args.at(0));
+    EXPECT_EQ("/usr/bin/python", tools_.call("python").args.at(0));
+}
+
+TEST_F(Generate_GaussDB_Config, an_older_cluster_without_the_older_interpreter_has_the_newer) {
+    tools_.script("python3", write_xml("<ROOT/>"));
+    EXPECT_TRUE(generate(false));
+    EXPECT_EQ("/usr/bin/python3", tools_.call("python3").args.at(0));
 }
 
 TEST_F(Generate_GaussDB_Config, a_stale_file_is_gone_before_the_script_runs) {
     files_.write("cluster.xml", "stale");
-    tools_.script("python3", "run test ! -e " + xml_ + " && echo new >" + xml_);
+    tools_.script("python3", "run test ! -e " + xml_ + " && echo new");
     EXPECT_TRUE(generate());
     EXPECT_EQ("new\n", files_.read("cluster.xml"));
 }
@@ -142,16 +182,16 @@ TEST_F(Generate_GaussDB_Config, a_command_line_that_is_too_long_is_not_run) {
 }
 
 TEST_F(Generate_GaussDB_Config, a_missing_interpreter_is_a_failure) {
-    tools_.env().set_env("PATH", files_.path());
     EXPECT_FALSE(generate());
-    EXPECT_LOGGED(LM_ERROR, "Failed to start python3: ");
+    EXPECT_LOGGED(LM_ERROR, "Failed to start /usr/bin/python3: ");
     EXPECT_LOGGED(LM_ERROR, "Failed to generate GaussDB xml config\n");
 }
 
-TEST_F(Generate_GaussDB_Config, a_file_that_cannot_be_given_away_costs_a_warning) {
-    tools_.script("python3", "exit 0");
-    EXPECT_TRUE(generate());
-    EXPECT_LOGGED(LM_WARNING, "Failed to give " + xml_ + " to ");
+TEST_F(Generate_GaussDB_Config, a_file_that_cannot_be_written_is_a_failure) {
+    tools_.script("python3", write_xml("<ROOT/>"));
+    EXPECT_FALSE(generate_gaussdb_config(tools_.env(), tools_.user(), "/no/where.xml", "/c", true));
+    EXPECT_LOGGED(LM_ERROR, "Failed to write /no/where.xml, errno=2, ");
+    EXPECT_LOGGED(LM_ERROR, "Failed to generate GaussDB xml config\n");
 }
 
 } // namespace

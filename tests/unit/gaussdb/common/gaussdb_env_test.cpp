@@ -1,5 +1,6 @@
 #include "gaussdb/common/gaussdb_env.h"
 
+#include "host/process/process_options.h"
 #include "json_spirit/access.h"
 #include "qmrt/environment.h"
 #include "tests/support/log_capture.h"
@@ -8,8 +9,10 @@
 
 #include <ace/Process.h>
 
+#include <chrono>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -206,12 +209,29 @@ TEST_F(GaussDB_Env_Test, a_binary_profile_is_read_to_its_end) {
     EXPECT_EQ("1", value("B"));
 }
 
-TEST_F(GaussDB_Env_Test, a_profile_of_50_MB_is_read_to_its_end) {
-    std::string text;
-    while (text.size() < 50u * 1024 * 1024)
-        text += "export SOME_VARIABLE=some value that repeats itself over and over again\n# x\n";
-    EXPECT_TRUE(read(text + "export LAST=1\n"));
-    EXPECT_EQ("1", value("LAST"));
+TEST_F(GaussDB_Env_Test, a_device_is_no_profile) {
+    for (char const* path : {"/dev/urandom", "/dev/zero", "/dev/null", "/proc/self/environ"}) {
+        EXPECT_FALSE(env_.read(path));
+        EXPECT_LOGGED(LM_ERROR, "Failed to open " + std::string(path) + ", errno=22");
+    }
+}
+
+TEST_F(GaussDB_Env_Test, a_link_counts_in_a_directory_of_root_alone) {
+    files_.write("profile", "export A=1\n");
+    ASSERT_EQ(0, symlink("profile", files_.path("link").c_str()));
+    EXPECT_EQ(geteuid() == 0, env_.read(files_.path("link").c_str()));
+    ASSERT_EQ(0, chmod(files_.path().c_str(), 01777));
+    EXPECT_FALSE(env_.read(files_.path("link").c_str()));
+    Log_Capture::instance().claim_all(LM_ERROR, "errno=40, Too many levels of symbolic links");
+}
+
+TEST_F(GaussDB_Env_Test, a_profile_of_more_than_1_MiB_is_refused) {
+    std::string text = "export A=1\n";
+    text.append(1024 * 1024 - text.size(), '#');
+    EXPECT_TRUE(read(text));
+    EXPECT_EQ("1", value("A"));
+    EXPECT_FALSE(read(text + "#"));
+    EXPECT_LOGGED(LM_ERROR, "Failed to open " + files_.path("profile") + ", errno=27");
 }
 
 TEST_F(GaussDB_Env_Test, values_that_double_themselves_stay_bounded) {
@@ -220,13 +240,58 @@ TEST_F(GaussDB_Env_Test, values_that_double_themselves_stay_bounded) {
         text += "export A=$A$A\n";
     EXPECT_TRUE(read(text));
     EXPECT_EQ(128u * 1024, value("A").size());
-    EXPECT_LT(0u, Log_Capture::instance().claim_all(LM_WARNING, "longer than an environment"));
+    EXPECT_LOGGED(LM_WARNING, "51 lines of " + files_.path("profile") +
+                                  " are left out, the first is line 15, its value is longer than");
 }
 
-TEST_F(GaussDB_Env_Test, a_line_of_blanks_that_costs_too_much_to_match_is_passed_over) {
-    EXPECT_TRUE(read("export" + std::string(1000000, ' ') + "\nexport B=1\n"));
+TEST_F(GaussDB_Env_Test, many_large_values_stay_bounded) {
+    std::string text = "export A=" + std::string(100 * 1024, 'a') + "\n";
+    for (int line = 0; line < 10000; ++line)
+        text += "export V" + std::to_string(line) + "=$A\n";
+    EXPECT_TRUE(read(text + "export LAST=1\n"));
+    size_t total = 0;
+    for (auto const& [name, value] : env_.get_env())
+        total += name.size() + value.size();
+    EXPECT_GE(1024u * 1024, total);
+    EXPECT_EQ("1", value("LAST"));
+    EXPECT_LOGGED(LM_WARNING, "the profile has more than an environment takes");
+}
+
+TEST_F(GaussDB_Env_Test, many_references_cost_no_time) {
+    // 27 seconds when each of them looks through all that the others have brought in
+    std::string text = "export A=" + std::string(1000, 'a') + "\nexport B=\nexport C=$A";
+    for (int reference = 0; reference < 20000; ++reference)
+        text += "$B";
+    std::string const line = text.substr(text.rfind("export"));
+    while (text.size() + line.size() < 1000 * 1000)
+        text += "\n" + line;
+    auto const begin = std::chrono::steady_clock::now();
+    EXPECT_TRUE(read(text + "\nexport LAST=1\n"));
+    EXPECT_GT(std::chrono::seconds(5), std::chrono::steady_clock::now() - begin);
+    EXPECT_EQ("1", value("LAST"));
+    EXPECT_LOGGED(LM_WARNING, "the profile has too many references");
+}
+
+TEST_F(GaussDB_Env_Test, a_line_of_blanks_costs_no_time) {
+    std::string text;
+    for (int line = 0; line < 500; ++line)
+        text += "export" + std::string(2000, ' ') + "\n";
+    EXPECT_TRUE(read(text + "export B=1\n"));
     EXPECT_EQ("1", value("B"));
-    Log_Capture::instance().claim_all(LM_WARNING, "Failed to match a line");
+}
+
+TEST_F(GaussDB_Env_Test, a_line_without_a_name_or_with_a_NUL_costs_that_line_only) {
+    EXPECT_TRUE(read("export A=1\nexport =x\nexport  =\nexport B=" + std::string("b\0c", 3) +
+                     "\nexport N" + std::string("\0=c", 3) + "\nexport C=1\n"));
+    EXPECT_EQ((GaussDB_Env::map_type{{"A", "1"}, {"C", "1"}}), env_.get_env());
+    EXPECT_LOGGED(LM_WARNING, "4 lines of " + files_.path("profile") +
+                                  " are left out, the first is line 2, it has no name");
+}
+
+TEST_F(GaussDB_Env_Test, a_line_longer_than_any_variable_costs_that_line_only) {
+    EXPECT_TRUE(read("export A=" + std::string(128 * 1024, 'x') + "\nexport B=1\n"));
+    EXPECT_EQ((GaussDB_Env::map_type{{"B", "1"}}), env_.get_env());
+    EXPECT_LOGGED(LM_WARNING, "1 lines of ");
 }
 
 TEST_F(GaussDB_Env_Test, set_env_from_json_takes_plain_strings_only) {
@@ -274,19 +339,49 @@ TEST_F(GaussDB_Env_Test, prepend_without_an_agents_value_changes_nothing) {
 TEST_F(GaussDB_Env_Test, set_opts_hands_on_every_entry_as_it_is) {
     env_.set_env("A", "100% of %s");
     env_.set_env("B", std::string(5000, 'x'));
+    // "%s%s" ended the process, "%n" aborted it
+    env_.set_env("LESSOPEN=\"|/usr/bin/lesspipe %s%s%n\"; export LESS", "-R");
     ACE_Process_Options opts;
-    env_.set_opts(opts);
+    EXPECT_TRUE(env_.set_opts(opts));
     std::vector<std::string> handed;
     for (char* const* entry = opts.env_argv(); *entry; ++entry)
         handed.push_back(*entry);
-    EXPECT_EQ((std::vector<std::string>{"A=100% of %s", "B=" + std::string(5000, 'x')}), handed);
+    EXPECT_EQ((std::vector<std::string>{"A=100% of %s", "B=" + std::string(5000, 'x'),
+                                        "LESSOPEN=\"|/usr/bin/lesspipe %s%s%n\"; export LESS=-R"}),
+              handed);
 }
 
-TEST_F(GaussDB_Env_Test, set_opts_says_what_does_not_fit) {
+TEST_F(GaussDB_Env_Test, set_opts_loses_nothing_of_an_entry_of_any_length) {
+    for (size_t size : {1023, 1024, 1025, 2047, 2048, 2049, 4096, 8192}) {
+        GaussDB_Env env;
+        std::string const value(size - 2, 'x');
+        env.set_env("A", value);
+        ACE_Process_Options opts;
+        EXPECT_TRUE(env.set_opts(opts));
+        EXPECT_EQ("A=" + value, opts.env_argv()[0]);
+    }
+}
+
+TEST_F(GaussDB_Env_Test, an_entry_that_does_not_fit_stops_the_start) {
     env_.set_env("A", std::string(20000, 'x'));
     ACE_Process_Options opts;
-    env_.set_opts(opts);
-    EXPECT_LOGGED(LM_WARNING, "Environment variable A does not fit");
+    EXPECT_FALSE(env_.set_opts(opts));
+    EXPECT_LOGGED(LM_ERROR, "Failed to set the environment variable A, there is no room left for");
+    EXPECT_STREQ("its environment is not complete", refusal_of(opts));
+}
+
+TEST_F(GaussDB_Env_Test, nothing_runs_as_root_in_the_environment_of_a_profile) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can run as another user";
+    env_.set_env("A", "1");
+    ACE_Process_Options opts;
+    EXPECT_TRUE(env_.set_opts(opts));
+    EXPECT_STREQ("it would run as root in an environment that another user decides",
+                 refusal_of(opts));
+    EXPECT_TRUE(set_process_user(opts, "nobody"));
+    EXPECT_EQ(nullptr, refusal_of(opts));
+    EXPECT_TRUE(set_process_user(opts, "root"));
+    EXPECT_NE(nullptr, refusal_of(opts));
 }
 
 } // namespace

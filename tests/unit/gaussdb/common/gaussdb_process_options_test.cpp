@@ -40,10 +40,31 @@ TEST_F(GaussDB_Process_Options_Test, a_local_tool_gets_the_clusters_environment_
     EXPECT_EQ(tools_.uid(), call.uid);
 }
 
-TEST_F(GaussDB_Process_Options_Test, without_a_user_the_agents_identity_stays) {
+TEST_F(GaussDB_Process_Options_Test, nothing_runs_as_root_with_a_clusters_environment) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root's children run as root";
+    tools_.script("probe", "exit 0");
+    for (char const* user : {static_cast<char const*>(nullptr), "root"}) {
+        GaussDB_Process_Options opts;
+        EXPECT_TRUE(user ? set_local_options(opts, tools_.env(), user)
+                         : set_local_options(opts, tools_.env()));
+        ASSERT_TRUE(set_command_line(opts, "probe"));
+        EXPECT_EQ(-1, subprocess::call(opts));
+        EXPECT_LOGGED(LM_ERROR, "it would run as root in an environment that another user decides");
+    }
+    EXPECT_EQ(0u, tools_.calls("probe"));
+}
+
+TEST_F(GaussDB_Process_Options_Test, an_environment_that_does_not_fit_runs_nothing) {
+    tools_.env().set_env("LARGE", std::string(20000, 'x'));
+    tools_.script("probe", "exit 0");
     GaussDB_Process_Options opts;
-    EXPECT_TRUE(set_local_options(opts, tools_.env()));
-    EXPECT_EQ(geteuid(), run(opts).uid);
+    EXPECT_FALSE(set_local_options(opts, tools_.env(), tools_.user()));
+    EXPECT_LOGGED(LM_ERROR, "Failed to set the environment variable LARGE, there is no room left");
+    ASSERT_TRUE(set_command_line(opts, "probe"));
+    EXPECT_EQ(-1, subprocess::call(opts));
+    EXPECT_LOGGED(LM_ERROR, "its environment is not complete");
+    EXPECT_EQ(0u, tools_.calls("probe"));
 }
 
 TEST_F(GaussDB_Process_Options_Test, an_unknown_user_runs_nothing) {

@@ -136,4 +136,34 @@ TEST(set_process_env, a_name_that_is_none_is_an_error) {
     EXPECT_EQ(nullptr, options.env_argv()[0]);
 }
 
+TEST(set_foreign_env, takes_any_text_as_it_stands) {
+    Options options;
+    EXPECT_TRUE(set_foreign_env(options, "%s%n", "%s%n"));
+    EXPECT_TRUE(set_foreign_env(options, "A=B", "c"));
+    EXPECT_STREQ("%s%n=%s%n", options.env_argv()[0]);
+    EXPECT_STREQ("A=B=c", options.env_argv()[1]);
+}
+
+TEST(set_foreign_env, what_is_none_or_does_not_fit_is_an_error) {
+    Options options(1024, 64);
+    EXPECT_FALSE(set_foreign_env(options, "", "1"));
+    EXPECT_CHECK_LOGGED("name is empty");
+    EXPECT_STREQ("its environment is not complete", refusal_of(options));
+    Options full(1024, 64);
+    EXPECT_FALSE(set_foreign_env(full, "B", std::string(100, 'x').c_str()));
+    EXPECT_LOGGED(LM_ERROR, "variable B, there is no room left for its 102 bytes");
+    EXPECT_STREQ("its environment is not complete", refusal_of(full));
+}
+
+TEST(set_foreign_env, a_child_with_such_a_variable_never_runs_as_root) {
+    Options options;
+    EXPECT_TRUE(set_foreign_env(options, "HARMLESS", "1"));
+    EXPECT_EQ(geteuid() == 0, refusal_of(options) != nullptr);
+    EXPECT_TRUE(set_process_user(options, "root"));
+    EXPECT_STREQ("it would run as root in an environment that another user decides",
+                 refusal_of(options));
+    EXPECT_TRUE(set_process_user(options, "nobody"));
+    EXPECT_EQ(nullptr, refusal_of(options));
+}
+
 } // namespace
