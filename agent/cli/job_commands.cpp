@@ -148,25 +148,6 @@ int start(Command_Context& context, Object const& params, std::string const& doi
     return EXIT_OK;
 }
 
-/**
- * A definition that the command named goes under the id of the one of that name which it made the
- * last time, so that definitions do not pile up and the runs stay together. One that somebody has
- * put on a schedule is left to the agent to refuse.
- */
-void reuse_id(Command_Context& context, Object& definition) {
-    json_spirit::Value answer;
-    if (!context.try_to_ask("definition.show", Object{{"definition", definition.at("name")}},
-                            answer) ||
-        answer.type() != json_spirit::obj_type)
-        return;
-    Object const& known = answer.get_obj();
-    Object schedule;
-    json_spirit::object_get(known, "schedule", schedule);
-    std::string const kind = object_get_str(schedule, "type");
-    if (known.count("id") && (kind.empty() || kind == "none"))
-        definition["id"] = known.at("id");
-}
-
 } // namespace
 
 int back_up(Command_Context& context, std::string const& instance, std::string const& pool,
@@ -180,8 +161,6 @@ int back_up(Command_Context& context, std::string const& instance, std::string c
     std::string error;
     if (!make_backup_definition(found, pool, level, wishes, definition, error))
         return context.fail(EXIT_USAGE, "cannot " + doing + ": " + error);
-    if (wishes.name.empty())
-        reuse_id(context, definition);
     return start(context, {{"run", definition}}, doing, wait);
 }
 
@@ -202,8 +181,6 @@ int restore(Command_Context& context, std::string const& backup, std::string con
     if (!make_restore_definition(found, restore_as.empty() ? nullptr : &target, wishes, definition,
                                  error))
         return context.fail(EXIT_USAGE, "cannot " + doing + ": " + error);
-    if (wishes.name.empty())
-        reuse_id(context, definition);
     return start(context, {{"run", definition}}, doing, wait);
 }
 

@@ -221,8 +221,11 @@ Job_Answer Job_Manager::start_new(Object const& given, std::string& run_id,
     std::string const& known_by = id_given.empty() ? name : id_given;
     Stored_Definition before;
     bool const is_new = known_by.empty() || !definitions_.find(known_by, before);
-    if (!is_new)
-        definition["id"] = before.id; // by its name, too: a file is run again and again
+    if (!is_new) { // by its name, too: a file is run again and again
+        definition["id"] = before.id;
+        // a schedule or a script that somebody added does not go because a run does not mention it
+        definition.insert(before.body.begin(), before.body.end());
+    }
     if (json_spirit::object_get_any(given, "name").is_null()) {
         std::string const time = POSIX_Time_To_ISO8601(clock_.now());
         definition["name"] = json_spirit::object_get_str(given, "type") + " " + time + " " +

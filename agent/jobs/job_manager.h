@@ -66,8 +66,9 @@ public:
     Job_Answer start(std::string const& id_or_name, std::string& run_id,
                      std::string& definition_id);
     /**
-     * Keeps a definition and starts it. Without an id it takes the place of the one of its name;
-     * without a name it gets one. One that was new and cannot be started is gone again.
+     * Saves a definition and starts it. Without an id it changes the one of its name: a member that
+     * is not given keeps its value, such as a schedule; null removes one. Without a name it gets
+     * one. A new definition that cannot be started is removed again.
      */
     Job_Answer start_new(json_spirit::Object const& given, std::string& run_id,
                          std::string& definition_id);

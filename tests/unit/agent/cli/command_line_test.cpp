@@ -133,22 +133,13 @@ TEST_F(Command_Line_Test, a_backup_with_everything) {
     EXPECT_EQ("Started job r-1; `zenbrak3 job show r-1` shows how far it is.\n", out_);
 }
 
-TEST_F(Command_Line_Test, the_same_backup_again_goes_under_the_same_definition) {
+TEST_F(Command_Line_Test, the_same_backup_again_is_left_to_the_agent_to_recognise) {
     agent_.answers("instance.show", Object{{"name", "prod"}, {"uuid", "u-1"}});
     agent_.answers("job.start", Object{{"run_id", "r-1"}});
-    agent_.answers("definition.show", Object{{"id", "d-1"}});
     EXPECT_EQ(EXIT_OK, run({"backup", "prod", "--pool", "main", "--no-wait"}));
-    EXPECT_EQ((Object{{"definition", "full backup of prod to main"}}), params(1));
-    EXPECT_EQ("d-1", params(2).at("run").get_obj().at("id").get_str());
-}
-
-TEST_F(Command_Line_Test, a_definition_on_a_schedule_is_not_written_over) {
-    agent_.answers("instance.show", Object{{"name", "prod"}, {"uuid", "u-1"}});
-    agent_.answers("job.start", Object{{"run_id", "r-1"}});
-    agent_.answers("definition.show",
-                   Object{{"id", "d-1"}, {"schedule", Object{{"type", "daily"}}}});
-    run({"backup", "prod", "--pool", "main", "--no-wait"});
-    EXPECT_EQ(0u, params(2).at("run").get_obj().count("id"));
+    ASSERT_EQ(2u, agent_.calls.size());
+    EXPECT_EQ("full backup of prod to main", params(1).at("run").get_obj().at("name").get_str());
+    EXPECT_EQ(0u, params(1).at("run").get_obj().count("id"));
 }
 
 TEST_F(Command_Line_Test, the_codes_of_the_agent_become_exit_codes) {

@@ -306,6 +306,22 @@ TEST_F(Job_Manager_Test, a_definition_of_a_known_name_takes_its_place) {
     EXPECT_EQ(1u, all.size());
 }
 
+TEST_F(Job_Manager_Test, a_run_keeps_what_it_does_not_mention_of_a_known_definition) {
+    std::string const id = save(
+        backup("nightly", R"(,"schedule":{"type":"daily","at":"30 2 * * *"},"pre_action":"true")"));
+    std::string run_id;
+    std::string started;
+    Object again = backup("nightly");
+    again["pre_action"] = json_spirit::Value::null;
+    ASSERT_TRUE(manager_->start_new(again, run_id, started));
+    EXPECT_EQ(id, started);
+    settle(id);
+    Described_Definition described;
+    ASSERT_TRUE(manager_->show(id, described));
+    EXPECT_EQ(1u, described.stored.body.count("schedule"));
+    EXPECT_EQ(0u, described.stored.body.count("pre_action"));
+}
+
 TEST_F(Job_Manager_Test, a_known_definition_that_cannot_be_started_stays) {
     std::string const id = save(backup("nightly", std::string(R"(,"id":")") + RESOURCE + "\""));
     creator_.refuse = true;
