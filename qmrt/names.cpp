@@ -35,7 +35,7 @@ std::string fault_of_size(std::string_view text, size_t least, size_t most) {
 }
 
 /** Of the bytes of a line; the size is not looked at. */
-std::string fault_of_bytes(std::string_view text) {
+std::string fault_of_line_bytes(std::string_view text) {
     for (unsigned char const c : text) {
         if (c == '\0')
             return "has a NUL in it";
@@ -49,7 +49,7 @@ std::string fault_of_bytes(std::string_view text) {
 
 std::string fault_of_sized_line(std::string_view text, size_t least, size_t most) {
     std::string const fault = fault_of_size(text, least, most);
-    return fault.empty() ? fault_of_bytes(text) : fault;
+    return fault.empty() ? fault_of_line_bytes(text) : fault;
 }
 
 bool looks_like_an_id(std::string_view text) {
@@ -88,8 +88,11 @@ std::string fault_for_shells(std::string_view text) {
 } // namespace
 
 std::string fault_of_text(std::string_view text) {
-    if (std::string fault = fault_of_size(text, 0, MAX_TEXT); !fault.empty())
-        return fault;
+    std::string const fault = fault_of_size(text, 0, MAX_TEXT);
+    return fault.empty() ? fault_of_bytes(text) : fault;
+}
+
+std::string fault_of_bytes(std::string_view text) {
     if (text.find('\0') != std::string_view::npos)
         return "has a NUL in it";
     return qmrt::is_utf8(text) ? "" : "is not valid UTF-8";

@@ -24,6 +24,9 @@ constexpr size_t MAX_TEXT = 1024 * 1024; ///< bytes, of what is not a name
 /** A reason why a text may not be a name; "" for one that may. */
 using Rule = std::string (*)(std::string_view);
 
+/** Valid UTF-8 without NUL, whatever its length. */
+std::string fault_of_bytes(std::string_view text);
+
 /** Text of any kind, such as a script: valid UTF-8 without NUL, at most MAX_TEXT bytes; or "". */
 std::string fault_of_text(std::string_view text);
 

@@ -2,8 +2,8 @@
 
 #include "qmrt/file.h"
 #include "qmrt/log.h"
+#include "qmrt/names.h"
 
-#include <climits>
 #include <cstring>
 #include <sys/stat.h>
 
@@ -43,19 +43,6 @@ std::string expand_component(std::string directory) {
     return directory;
 }
 
-bool stays_below(std::string const& leaf) {
-    if (leaf.empty() || leaf.front() == '/' || leaf.find('\0') != std::string::npos)
-        return false;
-    for (size_t begin = 0; begin <= leaf.size();) {
-        size_t const end = std::min(leaf.find('/', begin), leaf.size());
-        std::string const part = leaf.substr(begin, end - begin);
-        if (part.empty() || part == "." || part == ".." || part.size() > NAME_MAX)
-            return false;
-        begin = end + 1;
-    }
-    return true;
-}
-
 } // namespace
 
 bool is_symbolic_link(char const* path) {
@@ -73,9 +60,9 @@ bool is_directory(char const* path) {
 Path_Conf::Path_Conf(std::string const& directory, bool create_directory, std::string const& leaf,
                      mode_t mode) {
     std::string const expanded = expand_component(directory);
-    if (!stays_below(leaf)) {
-        QMRT_LOG(LM_ERROR, "'%s' cannot be the name of a file in %s, use a plain name\n",
-                 leaf.c_str(), expanded.c_str());
+    if (std::string const fault = names::fault_of_relative_path(leaf); !fault.empty()) {
+        QMRT_LOG(LM_ERROR, "'%s' cannot be the name of a file in %s: it %s\n",
+                 names::shown(leaf).c_str(), expanded.c_str(), fault.c_str());
         return;
     }
     if (create_directory && mkdir_p(expanded.c_str(), mode) == -1) {

@@ -65,9 +65,8 @@ bool is_directory(char const* path);
  * Path_Conf("/var/opt/quilmot/zenbrak3/$COMPONENT/gaussdb", true, "cluster.xml", 0755).
  *
  * "$COMPONENT" in the directory becomes the name set by component(). The leaf is often a name that
- * a user gave, so it may not lead out of the directory: a leaf that is empty, is absolute, or has
- * "." or ".." among its parts is refused with an error line, and so is one with a NUL or of more
- * than 255 bytes in a part.
+ * a user gave, so it may not lead out of the directory: what names::fault_of_relative_path() finds
+ * fault with is refused with an error line.
  * c_str() is then "", which no file operation takes.
  */
 class Path_Conf {

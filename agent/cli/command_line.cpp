@@ -1,8 +1,19 @@
 #include "agent/cli/command_line.h"
 
 #include "agent/cli/unix_connection.h"
+#include "qmrt/names.h"
 
 namespace {
+
+/** Refuses what no name of a kind can be, before the agent is asked. */
+CLI::Validator name_check(names::Rule rule) {
+    return CLI::Validator(
+        [rule](std::string const& name) {
+            std::string const fault = rule(name);
+            return fault.empty() ? fault : "'" + names::shown(name) + "' " + fault;
+        },
+        "");
+}
 
 constexpr char COMMON[] = "Common options";
 constexpr char POOL_URL[] = "Where the data is kept: /DIRECTORY or file:///DIRECTORY";
@@ -82,6 +93,7 @@ void Command_Line::add_wait(CLI::App& command) {
 
 void Command_Line::add_uid(CLI::App& command) {
     command.add_option("--uid", uid_, "Act as this user in place of the agent's default")
+        ->check(name_check(names::fault_of_id))
         ->type_name("UUID");
 }
 
@@ -101,8 +113,11 @@ void Command_Line::add_agent_commands() {
         app_, "check", "Check that an instance can be protected, and say what is missing",
         "  zenbrak3 check\n  zenbrak3 check prod --pool main\n",
         [this](Command_Context& context) { return check(context, instance_, pool_, uid_); });
-    checked->add_option("INSTANCE", instance_, "An instance; without one the agent alone");
-    checked->add_option("--pool", pool_, "Also the way to this pool")->type_name("POOL");
+    checked->add_option("INSTANCE", instance_, "An instance; without one the agent alone")
+        ->check(name_check(names::fault_of_label));
+    checked->add_option("--pool", pool_, "Also the way to this pool")
+        ->check(name_check(names::fault_of_label))
+        ->type_name("POOL");
     add_uid(*checked);
     CLI::App* const names = command(app_, "complete", "", "", [this](Command_Context& context) {
         if (what_ != "commands")
@@ -156,11 +171,16 @@ void Command_Line::add_instance_commands() {
                     return save_account(context, instance_, username_, uid_);
                 });
     for (CLI::App* const one : {show, save, remove, databases, schemas, account})
-        one->add_option("INSTANCE", instance_, "The instance's name")->required();
-    schemas->add_option("DATABASE", database_, "The database's name")->required();
+        one->add_option("INSTANCE", instance_, "The instance's name")
+            ->check(name_check(names::fault_of_label))
+            ->required();
+    schemas->add_option("DATABASE", database_, "The database's name")
+        ->check(name_check(names::fault_of_database))
+        ->required();
     account
         ->add_option("USER", username_,
                      "The database's user. The password is asked for, or read from stdin")
+        ->check(name_check(names::fault_of_account))
         ->required();
     for (CLI::App* const one : {databases, schemas, account})
         add_uid(*one);
@@ -186,7 +206,9 @@ void Command_Line::add_pool_commands() {
                 "  zenbrak3 pool create main /var/backups/gaussdb\n"
                 "  zenbrak3 pool create main /backups --compression zstd:3 --limit 2TiB\n",
                 [this](Command_Context& context) { return create_pool(context, pool_wishes_); });
-    create->add_option("NAME", pool_wishes_.name, "What it is called")->required();
+    create->add_option("NAME", pool_wishes_.name, "What it is called")
+        ->check(name_check(names::fault_of_title))
+        ->required();
     create->add_option("URL", pool_wishes_.url, POOL_URL)->required();
     add_pool_wishes(*create);
     CLI::App* const update = command(
@@ -195,8 +217,12 @@ void Command_Line::add_pool_commands() {
         "  zenbrak3 pool update main --limit 0 --compression zstd    no limit; the usual level\n"
         "  zenbrak3 pool update main --read-only\n",
         [this](Command_Context& context) { return update_pool(context, pool_, pool_wishes_); });
-    update->add_option("POOL", pool_, "Its name or uuid")->required();
-    update->add_option("--name", pool_wishes_.name, "What it is to be called")->type_name("NAME");
+    update->add_option("POOL", pool_, "Its name or uuid")
+        ->check(name_check(names::fault_of_label))
+        ->required();
+    update->add_option("--name", pool_wishes_.name, "What it is to be called")
+        ->check(name_check(names::fault_of_title))
+        ->type_name("NAME");
     update
         ->add_option("--url", pool_wishes_.url, std::string(POOL_URL) + ". You move what is in it")
         ->type_name("URL");
@@ -206,7 +232,9 @@ void Command_Line::add_pool_commands() {
     CLI::App* const remove = command(
         *pools, "remove", "Remove a pool that holds no backups", "  zenbrak3 pool remove main\n",
         [this](Command_Context& context) { return remove_pool(context, pool_); });
-    remove->add_option("POOL", pool_, "Its name or uuid")->required();
+    remove->add_option("POOL", pool_, "Its name or uuid")
+        ->check(name_check(names::fault_of_label))
+        ->required();
 }
 
 void Command_Line::add_backup_command() {
@@ -222,8 +250,10 @@ void Command_Line::add_backup_command() {
                 });
     backup_command_ = backup;
     backup->require_subcommand(0, 1);
-    backup->add_option("INSTANCE", instance_, "The instance to back up");
+    backup->add_option("INSTANCE", instance_, "The instance to back up")
+        ->check(name_check(names::fault_of_label));
     backup->add_option("--pool", pool_, "Where the backup goes: a pool's name or uuid")
+        ->check(name_check(names::fault_of_label))
         ->type_name("POOL");
     auto* const level =
         backup->add_option("--level", level_, "How much is backed up, full if not said")
@@ -243,7 +273,8 @@ void Command_Line::add_backup_command() {
     backup->add_option("--channels", wishes_.channels, "Parallel streams")
         ->type_name("N")
         ->check(CLI::Range(1, 10000));
-    backup->add_option("--name", wishes_.name, "What the job's definition is called");
+    backup->add_option("--name", wishes_.name, "What the job's definition is called")
+        ->check(name_check(names::fault_of_title));
     add_option_values(*backup);
     add_uid(*backup);
     add_wait(*backup);
@@ -252,14 +283,18 @@ void Command_Line::add_backup_command() {
         command(*backup, "show", "Show a backup and what it consists of",
                 "  zenbrak3 backup show 6f9619ff\n",
                 [this](Command_Context& context) { return show_backup(context, backup_); });
-    show->add_option("BACKUP", backup_, "Its uuid, or a beginning that no other has")->required();
+    show->add_option("BACKUP", backup_, "Its uuid, or a beginning that no other has")
+        ->check(name_check(names::fault_of_id))
+        ->required();
 
     CLI::App* const remove = command(
         *backup, "remove", "Remove a backup and its data, for ever",
         "  zenbrak3 backup remove 6f9619ff\n"
         "  zenbrak3 backup remove 6f9619ff --with-dependents    and those that build on it\n",
         [this](Command_Context& context) { return remove_backup(context, backup_, dependents_); });
-    remove->add_option("BACKUP", backup_, "Its uuid, or a beginning that no other has")->required();
+    remove->add_option("BACKUP", backup_, "Its uuid, or a beginning that no other has")
+        ->check(name_check(names::fault_of_id))
+        ->required();
     remove->add_flag("--with-dependents", dependents_,
                      "Also the backups that build on it, which are of no use without it");
 
@@ -267,9 +302,14 @@ void Command_Line::add_backup_command() {
         app_, "backups", "List the backups",
         "  zenbrak3 backups\n  zenbrak3 backups prod --type full --limit 10\n",
         [this](Command_Context& context) { return list_backups(context, backup_filter_, watch_); });
-    list->add_option("INSTANCE", backup_filter_.instance, "Those of this instance");
-    list->add_option("--pool", backup_filter_.pool, "Those in this pool")->type_name("POOL");
-    list->add_option("--type", backup_filter_.type, "Those of this level")->type_name("LEVEL");
+    list->add_option("INSTANCE", backup_filter_.instance, "Those of this instance")
+        ->check(name_check(names::fault_of_label));
+    list->add_option("--pool", backup_filter_.pool, "Those in this pool")
+        ->check(name_check(names::fault_of_label))
+        ->type_name("POOL");
+    list->add_option("--type", backup_filter_.type, "Those of this level")
+        ->check(name_check(names::fault_of_id))
+        ->type_name("LEVEL");
     list->add_option("--limit", backup_filter_.limit, "The newest so many")
         ->type_name("N")
         ->check(CLI::PositiveNumber);
@@ -298,13 +338,17 @@ void Command_Line::add_restore_command() {
                 [this](Command_Context& context) {
                     return restore(context, backup_, instance_, wishes_, wait_);
                 });
-    added->add_option("BACKUP", backup_, "Its uuid, or a beginning that no other has")->required();
+    added->add_option("BACKUP", backup_, "Its uuid, or a beginning that no other has")
+        ->check(name_check(names::fault_of_id))
+        ->required();
     added->add_option("--instance", instance_, "Restore to this instance in place of its own")
+        ->check(name_check(names::fault_of_label))
         ->type_name("INSTANCE");
     added->add_option("--channels", wishes_.channels, "Parallel streams")
         ->type_name("N")
         ->check(CLI::Range(1, 10000));
-    added->add_option("--name", wishes_.name, "What the job's definition is called");
+    added->add_option("--name", wishes_.name, "What the job's definition is called")
+        ->check(name_check(names::fault_of_title));
     add_option_values(*added);
     add_uid(*added);
     add_wait(*added);
@@ -315,9 +359,12 @@ void Command_Line::add_job_commands() {
         app_, "jobs", "List the runs of jobs, the newest first",
         "  zenbrak3 jobs --state running --watch\n  zenbrak3 jobs --instance prod --limit 20\n",
         [this](Command_Context& context) { return list_jobs(context, job_filter_, watch_); });
-    list->add_option("--instance", job_filter_.instance, "Those of this instance");
-    list->add_option("--definition", job_filter_.definition, "Those of this definition");
-    list->add_option("--state", job_filter_.state, "Those in this state: running, error...");
+    list->add_option("--instance", job_filter_.instance, "Those of this instance")
+        ->check(name_check(names::fault_of_label));
+    list->add_option("--definition", job_filter_.definition, "Those of this definition")
+        ->check(name_check(names::fault_of_label));
+    list->add_option("--state", job_filter_.state, "Those in this state: running, error...")
+        ->check(name_check(names::fault_of_id));
     list->add_option("--limit", job_filter_.limit, "At most so many")
         ->type_name("N")
         ->check(CLI::PositiveNumber);
@@ -358,7 +405,9 @@ void Command_Line::add_job_commands() {
                                   return change_job(context, job_, action);
                               }));
     for (CLI::App* const one : all)
-        one->add_option("RUN", job_, "Its id, or a beginning that no other has")->required();
+        one->add_option("RUN", job_, "Its id, or a beginning that no other has")
+            ->check(name_check(names::fault_of_id))
+            ->required();
 }
 
 void Command_Line::add_definition_commands() {
@@ -394,7 +443,9 @@ void Command_Line::add_definition_commands() {
     for (CLI::App* const one : {run, save})
         one->add_option("FILE", file_, "A definition as JSON; - for stdin")->required();
     for (CLI::App* const one : {started, show, remove})
-        one->add_option("DEFINITION", definition_, "Its name or id")->required();
+        one->add_option("DEFINITION", definition_, "Its name or id")
+            ->check(name_check(names::fault_of_label))
+            ->required();
 }
 
 bool Command_Line::parse(int argc, char const* const* argv, int& status) {

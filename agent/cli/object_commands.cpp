@@ -5,6 +5,7 @@
 #include "agent/cli/table.h"
 #include "host/http/http_encode.h"
 #include "json_spirit/text.h"
+#include "qmrt/names.h"
 
 using json_spirit::Array;
 using json_spirit::Object;
@@ -191,6 +192,9 @@ int show_instance(Command_Context& context, std::string const& instance) {
 
 int save_instance(Command_Context& context, std::string const& instance,
                   std::vector<std::string> const& options) {
+    if (std::string const fault = names::fault_of_instance(instance); !fault.empty())
+        return context.fail(EXIT_USAGE, "'" + names::shown(instance) +
+                                            "' cannot name an instance: it " + fault);
     Object read;
     for (std::string const& option : options)
         if (!read_option(option, read))

@@ -21,13 +21,7 @@ namespace {
 constexpr char const* JOB_TYPES[] = {"", "backup", "restore", "standby", "storage"};
 static_assert(std::size(JOB_TYPES) == JOB_DEFINITION_STORAGE + 1);
 
-constexpr size_t MAX_NAME_SIZE = 200;
 constexpr char RATE_SEPARATOR = ';';
-
-bool is_uuid(std::string const& text) {
-    uuid_binary ignored;
-    return uuid_string_to_binary(text, ignored);
-}
 
 /** A uuid as we write it: the same one in capitals must not become another definition's. */
 void read_uuid(Member_Reader& reader, char const* key, std::string& uuid) {
@@ -39,18 +33,6 @@ void read_uuid(Member_Reader& reader, char const* key, std::string& uuid) {
         uuid = uuid_binary_to_string(binary);
     else
         reader.blame(key, "is no uuid");
-}
-
-/** Names are shown in lists and typed in commands, and must not be taken for an id. */
-std::string fault_of_name(std::string const& name) {
-    if (name.size() > MAX_NAME_SIZE)
-        return "is longer than " + std::to_string(MAX_NAME_SIZE) + " bytes";
-    if (std::any_of(name.begin(), name.end(),
-                    [](unsigned char byte) { return byte < ' ' || byte == 0x7f; }))
-        return "has a control character in it";
-    if (name.front() == ' ' || name.back() == ' ')
-        return "begins or ends with a blank";
-    return is_uuid(name) ? "looks like an id" : "";
 }
 
 Job_Definition_Subtype subtype_of(std::string const& text) {
@@ -93,8 +75,8 @@ bool normalise_target(Object const& given, Definition_Defaults const& defaults, 
     if (Object const* from = nullptr; json_spirit::object_get(given, "target", from)) {
         target = *from;
         Member_Reader reader(*from, "target.", error);
-        reader.text("id", id);
-        reader.text("pool", pool);
+        reader.text("id", id, names::fault_of_label);
+        reader.text("pool", pool, names::fault_of_label);
         if (!error.empty())
             return false;
     }
@@ -170,19 +152,16 @@ void read_identity(Member_Reader& reader, Job_Module const& module, Job_Definiti
     if (id.empty())
         reader.blame("id", "is missing");
     definition.id(id);
-    if (reader.required_text("name", text)) {
-        if (std::string const fault = fault_of_name(text); !fault.empty())
-            reader.blame("name", fault);
+    if (reader.required_text("name", text, names::fault_of_title))
         definition.name(text);
-    }
     if (reader.required_text("agent", text) && text != module.agent)
-        reader.blame("agent", "\"" + text + "\" is no loaded module's");
+        reader.blame("agent", "\"" + names::shown(text) + "\" is no loaded module's");
     definition.agent(text);
     std::string uid;
     read_uuid(reader, "uid", uid);
     definition.uid(uid);
     std::string host;
-    reader.text("host_id", host);
+    reader.text("host_id", host, names::fault_of_id);
     definition.host_id(host);
 }
 
@@ -214,8 +193,8 @@ void read_target(Member_Reader& reader, Job_Definition& definition, std::string&
     Job_Target target;
     std::string id;
     std::string device;
-    inner.required_text("id", id);
-    inner.text("device_id", device);
+    inner.required_text("id", id, names::fault_of_id);
+    inner.text("device_id", device, names::fault_of_id);
     inner.finish();
     target.id(id);
     target.device_id(device);
@@ -251,7 +230,7 @@ void read_limits(Member_Reader& reader, Job_Definition& definition, std::string&
 void read_scripts(Member_Reader& reader, Job_Definition& definition) {
     auto const script = [&](char const* key) {
         std::string text;
-        reader.text(key, text);
+        reader.text(key, text, names::fault_of_text);
         return text;
     };
     auto const flag = [&](char const* key) {

@@ -14,16 +14,16 @@ json_spirit::Value const* Member_Reader::find(char const* key, json_spirit::Valu
     return nullptr;
 }
 
-bool Member_Reader::text(char const* key, std::string& result) {
+bool Member_Reader::text(char const* key, std::string& result, names::Rule rule) {
     json_spirit::Value const* const value = find(key, json_spirit::str_type);
     if (!value)
         return false;
-    // it goes into paths and scripts, where it would end there
-    if (value->get_str().find('\0') != std::string::npos) {
-        blame(key, "has a NUL in it");
+    std::string const& text = value->get_str();
+    if (std::string const fault = text.empty() ? "" : rule(text); !fault.empty()) {
+        blame(key, fault);
         return false;
     }
-    result = value->get_str();
+    result = text;
     return true;
 }
 
@@ -55,8 +55,8 @@ bool Member_Reader::object(char const* key, json_spirit::Object const*& result) 
     return true;
 }
 
-bool Member_Reader::required_text(char const* key, std::string& result) {
-    if (text(key, result) && !result.empty())
+bool Member_Reader::required_text(char const* key, std::string& result, names::Rule rule) {
+    if (text(key, result, rule) && !result.empty())
         return true;
     blame(key, "is missing");
     return false;
@@ -70,6 +70,6 @@ void Member_Reader::blame(char const* key, std::string const& why) {
 bool Member_Reader::finish() {
     for (auto const& [key, value] : object_)
         if (!known_.count(key))
-            blame(key.c_str(), "is not known");
+            blame(names::shown(key).c_str(), "is not known");
     return error_.empty();
 }

@@ -2,6 +2,7 @@
 #define AGENT_JOBS_MEMBER_READER_H
 
 #include "json_spirit/value.h"
+#include "qmrt/names.h"
 
 #include <cstdint>
 #include <set>
@@ -21,14 +22,19 @@ public:
     Member_Reader(json_spirit::Object const& object, std::string path, std::string& error)
         : object_(object), path_(std::move(path)), error_(error) {}
 
-    /** Each leaves @a result alone when the member is not there. @return true when it was read */
-    bool text(char const* key, std::string& result);
+    /**
+     * Each leaves @a result alone when the member is not there.
+     * @param rule  finds fault with a text that is not empty
+     * @return true when it was read
+     */
+    bool text(char const* key, std::string& result, names::Rule rule = names::fault_of_line);
     bool flag(char const* key, bool& result);
     bool number(char const* key, int64_t least, int64_t largest, int64_t& result);
     bool object(char const* key, json_spirit::Object const*& result);
 
     /** A text that must be there and not be empty. */
-    bool required_text(char const* key, std::string& result);
+    bool required_text(char const* key, std::string& result,
+                       names::Rule rule = names::fault_of_line);
     /** Finds fault with a member. */
     void blame(char const* key, std::string const& why);
     /** Finds fault with members that nothing above has asked for. @return true without a fault */

@@ -3,6 +3,7 @@
 #include "agent/rpc/rpc_peer.h"
 #include "json_spirit/access.h"
 #include "qmrt/log.h"
+#include "qmrt/names.h"
 #include "qmrt/utf8.h"
 
 #include <ctime>
@@ -16,16 +17,22 @@ namespace {
 
 constexpr char JOIN[] = "group.join";
 constexpr char FORWARD[] = "group.forward";
-constexpr size_t MAX_UUID = 128;
 
 int64_t now() {
     return static_cast<int64_t>(std::time(nullptr));
 }
 
-/** False also for what would pass for one of the callers that have a name of their own. */
-bool is_host_uuid(std::string const& text) {
-    return !text.empty() && text.size() <= MAX_UUID && qmrt::to_one_line(text) == text &&
-           text != RPC_PEER_LOCAL && text != RPC_PEER_BACKUPD && text != RPC_PEER_REMOTE;
+/** A fault also for what would pass for one of the callers that have a name of their own. */
+std::string fault_of_host_uuid(std::string_view text) {
+    if (text == RPC_PEER_LOCAL || text == RPC_PEER_BACKUPD || text == RPC_PEER_REMOTE)
+        return "is a name of the agent's own";
+    return names::fault_of_id(text);
+}
+
+/** Throws for a text that may not be such a name. */
+void require(char const* key, std::string const& text, names::Rule rule) {
+    if (std::string const fault = rule(text); !fault.empty())
+        throw json_spirit::Error(std::string("'") + key + "' " + fault);
 }
 
 JSON_RPC_Reply not_connected(std::string const& host_uuid) {
@@ -85,8 +92,12 @@ int Group_Server::State::join(JSON_RPC_Channel& channel, JSON_RPC_Request const&
     extract_or_throw(request.params().get_obj())("host_uuid", member.host_uuid)(
         "name", member.name, false)("component", member.component, false)("version", member.version,
                                                                           false);
-    if (!is_host_uuid(member.host_uuid))
-        throw json_spirit::Error("'host_uuid' is not the uuid of a host");
+    require("host_uuid", member.host_uuid, fault_of_host_uuid);
+    for (auto const& [key, text] : {std::pair{"name", &member.name},
+                                    {"component", &member.component},
+                                    {"version", &member.version}})
+        if (!text->empty())
+            require(key, *text, names::fault_of_label);
     if (member.host_uuid == own_uuid_)
         return channel.send_error(AGENT_RPC_REFUSED, request.id(),
                                   "this is the backup server's own host_uuid: an agent needs one "
@@ -164,6 +175,8 @@ int Group_Server::State::forward(JSON_RPC_Channel_ptr const& channel,
     std::string host_uuid;
     std::string method;
     extract_or_throw(request.params().get_obj())("host_uuid", host_uuid)("method", method);
+    require("host_uuid", host_uuid, names::fault_of_id);
+    require("method", method, names::fault_of_id);
     Value const& params = object_get_any(request.params().get_obj(), "params");
     JSON_RPC_Channel_var const asker(channel);
     if (host_uuid == own_uuid_) {

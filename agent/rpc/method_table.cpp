@@ -3,6 +3,7 @@
 #include "host/rpc/json_rpc_thread_pool_handler.h"
 #include "json_spirit/access.h"
 #include "qmrt/log.h"
+#include "qmrt/names.h"
 #include "qmrt/utf8.h"
 
 #include <map>
@@ -43,12 +44,50 @@ struct Routed_Notify : JSON_RPC_Notify, Routed {
         : JSON_RPC_Notify(notify.method(), std::move(notify.params())), Routed(std::move(route)) {}
 };
 
+/**
+ * Why params cannot be taken, whatever the method: a text with a NUL or invalid UTF-8 in it, or a
+ * key that is not one line. They go into paths, records and logs, wherever they lie.
+ * @param path  of the value, for the reason
+ */
+std::string fault_of_params(Value const& value, std::string const& path) {
+    std::string fault;
+    if (value.type() == json_spirit::str_type) {
+        fault = names::fault_of_bytes(value.get_str());
+        return fault.empty() ? "" : path + ": " + fault;
+    }
+    if (value.type() == json_spirit::array_type)
+        for (Value const& element : value.get_array())
+            if (fault = fault_of_params(element, path + "[]"); !fault.empty())
+                return fault;
+    if (value.type() == json_spirit::obj_type)
+        for (auto const& [key, element] : value.get_obj()) {
+            std::string const member =
+                (path.empty() ? path : path + ".") + names::shown(std::string_view(key));
+            fault = names::fault_of_line(key);
+            if (!fault.empty())
+                return member + ": a key that " + fault;
+            if (fault = fault_of_params(element, member); !fault.empty())
+                return fault;
+        }
+    return "";
+}
+
+bool are_good_params(Value const& params, Method_Fault& fault) {
+    std::string const why = fault_of_params(params, "");
+    if (why.empty())
+        return true;
+    fault = {JSON_RPC_INVALID_PARAMS, "Invalid params: " + why, Value()};
+    return false;
+}
+
 /** Runs a function; its exceptions other than json_spirit::Error go through. */
 bool run(Agent_Method const& method, Method_Call const& call, Value& result, Method_Fault& fault) {
     if (call.params.type() != json_spirit::obj_type) {
         fault = {JSON_RPC_INVALID_PARAMS, "Invalid params: one object is expected", Value()};
         return false;
     }
+    if (!are_good_params(call.params, fault))
+        return false;
     try {
         return method(call, result, fault);
     } catch (json_spirit::Error const& error) {
@@ -69,9 +108,14 @@ public:
 protected:
     int handle_object_i(JSON_RPC_Channel_ptr channel, JSON_RPC_Object_var object) override {
         auto const* const route = dynamic_cast<Routed const*>(object.get());
-        if (route->entry.handler)
-            return route->entry.handler->handle_object(channel, object);
         auto const& message = static_cast<JSON_RPC_Notify const&>(*object);
+        if (route->entry.handler) {
+            Method_Fault refusal;
+            if (are_good_params(message.params(), refusal))
+                return route->entry.handler->handle_object(channel, object);
+            refuse_json_rpc_request(channel, object, refusal.code, refusal.message.c_str());
+            return -1;
+        }
         Method_Call const call{message.method(), object_or_given(message.params()), route->peer};
         Value result;
         Method_Fault fault;
@@ -213,6 +257,8 @@ bool Method_Table::call(std::string const& method, Value const& params, std::str
     Entry entry;
     if (!impl_->find(method, entry))
         return fail_with(reply, JSON_RPC_METHOD_NOT_FOUND, NO_METHOD);
+    if (Method_Fault fault; entry.handler && !are_good_params(params, fault))
+        return fail_with(reply, fault.code, std::move(fault.message));
     if (entry.handler) {
         auto* const catcher = new Reply_Catcher;
         JSON_RPC_Channel_var const channel(catcher);

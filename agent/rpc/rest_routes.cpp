@@ -1,6 +1,7 @@
 #include "agent/rpc/rest_routes.h"
 
 #include "qmrt/log.h"
+#include "qmrt/names.h"
 #include "qmrt/utf8.h"
 
 #include <exception>
@@ -22,6 +23,8 @@ int instance_hosts(Instance_Hosts const& hosts, Rest_Request const& request, Val
         return refuse(400, "feature=backup and scope=instances are expected", answer);
     if (uuid.empty())
         return refuse(400, "instance_uuid is missing", answer);
+    if (std::string const fault = names::fault_of_id(uuid); !fault.empty())
+        return refuse(400, ("instance_uuid " + fault).c_str(), answer);
     Array instances;
     for (std::string const& host : hosts(uuid))
         instances.push_back(Object{{"host_uuid", host}});

@@ -111,9 +111,9 @@ void add_agent_methods(Method_Table& methods, Agent_Config const& config,
     methods.add("agent.check", [&](Method_Call const& call, Value& result, Method_Fault& fault) {
         std::string error, instance, pool, uid = identity.uid;
         Member_Reader reader(call.params.get_obj(), "", error);
-        reader.text("instance", instance);
-        reader.text("pool", pool);
-        reader.text("uid", uid);
+        reader.text("instance", instance, names::fault_of_label);
+        reader.text("pool", pool, names::fault_of_label);
+        reader.text("uid", uid, names::fault_of_id);
         if (!reader.finish())
             return invalid_params(error, fault);
         Readiness_Check check;

@@ -3,6 +3,7 @@
 
 #include "agent/jobs/job_answer.h"
 #include "agent/rpc/method_table.h"
+#include "qmrt/names.h"
 
 #include <initializer_list>
 #include <memory>
@@ -64,8 +65,9 @@ void add_member_methods(
                     });
 }
 
-/** Reads params of one text, which must be there. @return false, with the fault, for all else */
-bool only_text(Method_Call const& call, char const* key, std::string& text, Method_Fault& fault);
+/** Reads params of one name, which must be there. @return false, with the fault, for all else */
+bool only_name(Method_Call const& call, char const* key, names::Rule rule, std::string& name,
+               Method_Fault& fault);
 
 /** Answers that a parameter is missing, of a wrong kind or not known. @return false */
 bool invalid_params(std::string const& why, Method_Fault& fault);

@@ -297,7 +297,7 @@ void Agent_Service::add_catalog_methods() {
                      std::string error, host_uuid;
                      int64_t before = 0;
                      Member_Reader reader(call.params.get_obj(), "", error);
-                     reader.required_text("host_uuid", host_uuid);
+                     reader.required_text("host_uuid", host_uuid, names::fault_of_id);
                      if (!reader.number("before", 0, INT64_MAX, before))
                          reader.blame("before", "is missing");
                      if (!reader.finish())

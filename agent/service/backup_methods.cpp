@@ -37,10 +37,10 @@ public:
         std::string error, instance, resource, pool, type;
         int64_t limit = USUAL_LIMIT;
         Member_Reader reader(call.params.get_obj(), "", error);
-        reader.text("instance", instance);
-        reader.text("resource_uuid", resource);
-        reader.text("pool", pool);
-        reader.text("type", type);
+        reader.text("instance", instance, names::fault_of_label);
+        reader.text("resource_uuid", resource, names::fault_of_id);
+        reader.text("pool", pool, names::fault_of_label);
+        reader.text("type", type, names::fault_of_id);
         reader.number("limit", 0, INT32_MAX, limit);
         if (!reader.finish())
             return invalid_params(error, fault);
@@ -68,7 +68,8 @@ public:
     bool show(Method_Call const& call, Value& result, Method_Fault& fault) {
         std::string beginning;
         Object row;
-        if (!only_text(call, "backup", beginning, fault) || !find(beginning, row, fault))
+        if (!only_name(call, "backup", names::fault_of_id, beginning, fault) ||
+            !find(beginning, row, fault))
             return false;
         if (!add_depends(row))
             return catalog_failed(fault);
@@ -80,7 +81,7 @@ public:
         std::string error, beginning;
         bool dependents = false;
         Member_Reader reader(call.params.get_obj(), "", error);
-        reader.required_text("backup", beginning);
+        reader.required_text("backup", beginning, names::fault_of_id);
         reader.flag("dependents", dependents);
         if (!reader.finish())
             return invalid_params(error, fault);

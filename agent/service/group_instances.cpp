@@ -97,10 +97,10 @@ bool notify_instance(Group_Instances& instances, std::string const& host, Method
                      Method_Fault& fault) {
     std::string error, type, name, uuid, change = "added";
     Member_Reader reader(call.params.get_obj(), "", error);
-    reader.required_text("type", type);
-    reader.required_text("name", name);
-    reader.text("uuid", uuid);
-    reader.text("change", change);
+    reader.required_text("type", type, names::fault_of_id);
+    reader.required_text("name", name, names::fault_of_instance);
+    reader.text("uuid", uuid, names::fault_of_id);
+    reader.text("change", change, names::fault_of_id);
     if (!error.empty())
         return invalid_params(error, fault);
     if (change == "removed")
@@ -115,7 +115,7 @@ bool restore_branch(SQLite_Catalog& catalog, Method_Call const& call, Value& res
     std::string error, resource, text;
     time_t when = 0;
     Member_Reader reader(call.params.get_obj(), "", error);
-    reader.required_text("resource_uuid", resource);
+    reader.required_text("resource_uuid", resource, names::fault_of_id);
     reader.required_text("restore_time", text);
     if (error.empty() && !parse_local_time(text, when))
         reader.blame("restore_time", "wanted a local time like \"2026-11-21 10:00:00\"");

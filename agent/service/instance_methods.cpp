@@ -19,6 +19,37 @@ namespace {
 
 constexpr char TYPE[] = "gaussdb";
 
+/** How an option of an instance is checked, whose value goes into paths and command lines. */
+struct Option_Rule {
+    char const* key;
+    names::Rule rule;
+};
+constexpr Option_Rule OPTION_RULES[] = {
+    {"user", names::fault_of_account},      {"address", names::fault_of_host},
+    {"tpops_host", names::fault_of_host},   {"meta_path", names::fault_of_absolute_path},
+    {"instance", names::fault_of_instance}, {"name", names::fault_of_instance}};
+
+/** Finds fault with an option whose key or text is not a plain one. */
+void check_options(Member_Reader& reader, Object const* options) {
+    if (!options)
+        return;
+    for (auto const& [key, value] : *options) {
+        std::string const path = "options." + names::shown(key);
+        std::string const key_fault = names::fault_of_id(key);
+        if (!key_fault.empty())
+            reader.blame(path.c_str(), "a key that " + key_fault);
+        if (value.type() == json_spirit::obj_type || value.type() == json_spirit::array_type)
+            reader.blame(path.c_str(), "wanted a text, a number or a flag");
+        if (value.type() != json_spirit::str_type || value.get_str().empty())
+            continue;
+        auto const special = std::ranges::find(OPTION_RULES, key, &Option_Rule::key);
+        names::Rule const rule =
+            special == std::end(OPTION_RULES) ? names::fault_of_line : special->rule;
+        if (std::string const fault = rule(value.get_str()); !fault.empty())
+            reader.blame(path.c_str(), fault);
+    }
+}
+
 class Instance_Methods {
 public:
     Instance_Methods(Agent_Identity const& identity, Instance_Probe& probe)
@@ -62,9 +93,10 @@ public:
         auto const instance = std::make_shared<Instance>();
         Object const* options = nullptr;
         Member_Reader reader(call.params.get_obj(), "", error);
-        reader.required_text("name", instance->name);
+        reader.required_text("name", instance->name, names::fault_of_instance);
         reader.text("type", type);
         reader.object("options", options);
+        check_options(reader, options);
         if (type != TYPE)
             reader.blame("type", "only \"gaussdb\" is known");
         if (!reader.finish())
@@ -93,9 +125,9 @@ public:
     bool save_account(Method_Call const& call, Value& result, Method_Fault& fault) {
         std::string error, name, uid = identity_.uid, username, password;
         Member_Reader reader(call.params.get_obj(), "", error);
-        reader.required_text("instance", name);
-        reader.text("uid", uid);
-        reader.required_text("username", username);
+        reader.required_text("instance", name, names::fault_of_label);
+        reader.text("uid", uid, names::fault_of_id);
+        reader.required_text("username", username, names::fault_of_account);
         reader.required_text("password", password);
         if (!reader.finish())
             return invalid_params(error, fault);
@@ -129,7 +161,7 @@ private:
     /** The instance that the one parameter names; null with a fault. */
     static std::shared_ptr<Instance> named(Method_Call const& call, Method_Fault& fault) {
         std::string name;
-        if (!only_text(call, "instance", name, fault))
+        if (!only_name(call, "instance", names::fault_of_label, name, fault))
             return nullptr;
         std::shared_ptr<Instance> instance = record()->find(TYPE, name);
         if (!instance)

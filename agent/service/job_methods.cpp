@@ -40,7 +40,7 @@ public:
     bool show_definition(Method_Call const& call, Value& result, Method_Fault& fault) {
         std::string name;
         Described_Definition definition;
-        if (!only_text(call, "definition", name, fault) ||
+        if (!only_name(call, "definition", names::fault_of_label, name, fault) ||
             !answer(manager_.show(name, definition), fault))
             return false;
         result = describe(definition);
@@ -48,7 +48,8 @@ public:
     }
     bool remove_definition(Method_Call const& call, Value& result, Method_Fault& fault) {
         std::string name;
-        if (!only_text(call, "definition", name, fault) || !answer(manager_.remove(name), fault))
+        if (!only_name(call, "definition", names::fault_of_label, name, fault) ||
+            !answer(manager_.remove(name), fault))
             return false;
         scheduler_.wake();
         result = Object();
@@ -59,7 +60,7 @@ public:
         std::string error, name, run_id, definition_id;
         Object const* run = nullptr;
         Member_Reader reader(call.params.get_obj(), "", error);
-        reader.text("definition", name);
+        reader.text("definition", name, names::fault_of_label);
         reader.object("run", run);
         if (error.empty() && name.empty() == !run)
             reader.blame("definition", "wanted this or \"run\"");
@@ -79,9 +80,9 @@ public:
         Run_Query query;
         int64_t limit = static_cast<int64_t>(query.limit);
         Member_Reader reader(call.params.get_obj(), "", error);
-        reader.text("definition", query.definition);
-        reader.text("instance", query.instance);
-        reader.text("state", query.state);
+        reader.text("definition", query.definition, names::fault_of_label);
+        reader.text("instance", query.instance, names::fault_of_label);
+        reader.text("state", query.state, names::fault_of_id);
         reader.number("limit", 0, Run_Query::MAX_LIMIT, limit);
         if (!reader.finish())
             return invalid_params(error, fault);
@@ -99,7 +100,7 @@ public:
         std::string beginning;
         Job_Run run;
         std::vector<Run_Alert> alerts;
-        if (!only_text(call, "job", beginning, fault) ||
+        if (!only_name(call, "job", names::fault_of_id, beginning, fault) ||
             !answer(runs_.find(beginning, run), fault) ||
             !answer(runs_.alerts(run.run_id, alerts), fault))
             return false;
@@ -115,7 +116,7 @@ public:
         std::string error, beginning;
         int64_t offset = 0, limit = 64 * 1024;
         Member_Reader reader(call.params.get_obj(), "", error);
-        reader.required_text("job", beginning);
+        reader.required_text("job", beginning, names::fault_of_id);
         reader.number("offset", 0, INT64_MAX, offset);
         reader.number("limit", 1, INT64_MAX, limit);
         if (!reader.finish())
@@ -139,7 +140,8 @@ public:
     Agent_Method request(Job_Answer (Job_Manager::*what)(std::string const&)) {
         return [this, what](Method_Call const& call, Value& result, Method_Fault& fault) {
             std::string run;
-            if (!only_text(call, "job", run, fault) || !answer((manager_.*what)(run), fault))
+            if (!only_name(call, "job", names::fault_of_id, run, fault) ||
+                !answer((manager_.*what)(run), fault))
                 return false;
             result = Object();
             return true;

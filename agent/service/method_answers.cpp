@@ -3,10 +3,11 @@
 #include "agent/jobs/member_reader.h"
 #include "host/storage/storage_backend.h"
 
-bool only_text(Method_Call const& call, char const* key, std::string& text, Method_Fault& fault) {
+bool only_name(Method_Call const& call, char const* key, names::Rule rule, std::string& name,
+               Method_Fault& fault) {
     std::string error;
     Member_Reader reader(call.params.get_obj(), "", error);
-    reader.required_text(key, text);
+    reader.required_text(key, name, rule);
     return reader.finish() || invalid_params(error, fault);
 }
 

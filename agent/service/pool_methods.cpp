@@ -32,7 +32,7 @@ public:
         Pool_Record record;
         Member_Reader reader(call.params.get_obj(), "", error);
         std::string required;
-        reader.required_text("name", required);
+        reader.required_text("name", required, names::fault_of_title);
         reader.required_text("url", required);
         if (!read_settings(reader, settings))
             return invalid_params(error, fault);
@@ -46,7 +46,7 @@ public:
         Pool_Settings settings;
         Pool_Record record;
         Member_Reader reader(call.params.get_obj(), "", error);
-        reader.required_text("pool", pool);
+        reader.required_text("pool", pool, names::fault_of_label);
         if (!read_settings(reader, settings))
             return invalid_params(error, fault);
         if (!answer(pools_.update(pool, settings, record), fault))
@@ -56,7 +56,8 @@ public:
     }
     bool remove(Method_Call const& call, Value& result, Method_Fault& fault) {
         std::string pool;
-        if (!only_text(call, "pool", pool, fault) || !answer(pools_.remove(pool), fault))
+        if (!only_name(call, "pool", names::fault_of_label, pool, fault) ||
+            !answer(pools_.remove(pool), fault))
             return false;
         result = Object();
         return true;
@@ -64,7 +65,7 @@ public:
     bool find(Method_Call const& call, Value& result, Method_Fault& fault) {
         std::string uuid;
         Pool_Record record;
-        if (!only_text(call, "uuid", uuid, fault) ||
+        if (!only_name(call, "uuid", names::fault_of_id, uuid, fault) ||
             !answer(pools_.find_record(uuid, record), fault))
             return false;
         result = status_.for_data_path(record);
@@ -76,11 +77,11 @@ private:
         std::string text;
         int64_t number = 0;
         bool flag = false;
-        if (reader.text("name", text))
+        if (reader.text("name", text, names::fault_of_title))
             settings.name = text;
         if (reader.text("url", text))
             settings.url = text;
-        if (reader.text("compression", text))
+        if (reader.text("compression", text, names::fault_of_id))
             settings.compression = text;
         if (reader.number("compression_level", INT32_MIN, INT32_MAX, number))
             settings.compression_level = number;

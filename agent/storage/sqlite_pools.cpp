@@ -4,6 +4,7 @@
 
 #include "qmrt/file.h"
 #include "qmrt/format.h"
+#include "qmrt/names.h"
 #include "qmrt/utf8.h"
 #include "qmrt/uuid.h"
 
@@ -30,8 +31,6 @@ CREATE TABLE pool(
 
 namespace {
 
-constexpr size_t MAX_NAME = 255;
-
 Storage_Result refuse(std::string const& text) {
     return {Storage_Result::FAILED, text};
 }
@@ -51,13 +50,11 @@ std::string real_path(std::string const& path) {
 }
 
 Storage_Result check_name(std::string const& name) {
-    uuid_binary uuid;
-    if (name.empty() || name.size() > MAX_NAME || qmrt::to_one_line(name) != name)
-        return {Storage_Result::BAD_NAME,
-                string_sprintf("a pool's name is a text of 1 to %zu bytes in one line", MAX_NAME)};
-    if (uuid_string_to_binary(name, uuid))
-        return {Storage_Result::BAD_NAME, "a pool's name may not look like a uuid"};
-    return {};
+    std::string const fault = names::fault_of_title(name);
+    if (fault.empty())
+        return {};
+    return {Storage_Result::BAD_NAME,
+            "invalid pool name '" + names::shown(name) + "': it " + fault};
 }
 
 /** By writing a file: a mode says nothing to root, nor on a file system that is read-only. */

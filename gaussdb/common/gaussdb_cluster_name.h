@@ -4,10 +4,9 @@
 #include <string>
 
 /**
- * True for a cluster's name that can name the cluster's files in the product's directories, on the
- * command lines of tools, too. A name comes from a process's environment, from a profile or from a
- * request, so it is refused, with an error line, when it is "", "." or "..", has a "/", a blank, a
- * quote, a backslash or a control character in it, or is too long for a file's name with an ending.
+ * True for a cluster's name that can name the cluster's files in the product's directories, and can
+ * stand on the command lines of tools: see names::fault_of_instance(). A name comes from a
+ * process's environment, from a profile or from a request. One that is refused is an error line.
  */
 bool is_cluster_file_name(std::string const& name);
 

@@ -14,6 +14,7 @@ public:
 
     /** Besides id and name it has no string of its own. */
     static std::string* text_field(GaussDB_Backup_Job_Source&, uint64_t) { return nullptr; }
+    static names::Rule rule_of(uint64_t) { return names::fault_of_line; }
 };
 
 #endif

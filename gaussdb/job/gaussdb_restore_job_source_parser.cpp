@@ -26,3 +26,16 @@ std::string* GaussDB_Restore_Job_Source_Parser::text_field(GaussDB_Restore_Job_S
         return nullptr;
     }
 }
+
+names::Rule GaussDB_Restore_Job_Source_Parser::rule_of(uint64_t bit) {
+    switch (bit) {
+    case CATALOG_ID_BIT:
+    case BACKUP_KEY_BIT:
+        return names::fault_of_id;
+    case ORIGINAL_BIT:
+    case RESTORE_AS_BIT:
+        return fault_of_job_source_entry;
+    default:
+        return names::fault_of_line;
+    }
+}

@@ -22,6 +22,7 @@ public:
 
     /** The field of a key's bit; null when it has none. */
     static std::string* text_field(GaussDB_Restore_Job_Source& source, uint64_t bit);
+    static names::Rule rule_of(uint64_t bit);
 };
 
 #endif

@@ -3,6 +3,7 @@
 
 #include "host/yajl/yajl_parser.h"
 #include "qmrt/key2_value.h"
+#include "qmrt/names.h"
 
 #include <cerrno>
 #include <cstdint>
@@ -33,7 +34,8 @@
  *
  * For all: null is skipped; of a key that comes twice the last value counts (entries: all of them);
  * a number beyond its field's range becomes the field's largest value, as natoi() has it; a string
- * that is stored must have no NUL (YAJL_ERR_NUL), since it goes into command lines and paths. What
+ * that is stored must have no NUL (YAJL_ERR_NUL) and be a name of its kind (YAJL_ERR_NAME, see
+ * qmrt/names.h), since it goes into command lines and paths; "" is left alone. What
  * else can be wrong is YAJL_Parser_Base's. error() names the key and the byte. Nothing is logged,
  * but for each required key that is not there a warning.
  */
@@ -94,10 +96,13 @@ protected:
         return true;
     }
 
-    bool store(std::string& field, char const* text, size_t length) {
+    bool store(std::string& field, char const* text, size_t length,
+               names::Rule rule = names::fault_of_line) {
         std::string value(text, length);
         if (value.find('\0') != std::string::npos)
             return this->stop(YAJL_ERR_NUL, "the string has a NUL in it");
+        if (std::string const fault = value.empty() ? "" : rule(value); !fault.empty())
+            return this->stop(YAJL_ERR_NAME, "the string " + fault);
         field = std::move(value);
         return true;
     }

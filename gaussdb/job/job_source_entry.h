@@ -2,6 +2,7 @@
 #define GAUSSDB_JOB_JOB_SOURCE_ENTRY_H
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 /**
@@ -10,5 +11,9 @@
  * of the name; here it comes decoded. Empty when the entry has no segment. Logs nothing.
  */
 std::vector<std::string> job_source_entry_segments(std::string const& entry);
+
+/** Why a text may not be an entry: it, or a decoded segment, is not one line. "" for one that may.
+ */
+std::string fault_of_job_source_entry(std::string_view entry);
 
 #endif

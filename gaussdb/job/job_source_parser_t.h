@@ -2,6 +2,7 @@
 #define GAUSSDB_JOB_JOB_SOURCE_PARSER_T_H
 
 #include "gaussdb/job/job_definition_parser.h"
+#include "gaussdb/job/job_source_entry.h"
 #include "host/job/job_definition.h"
 #include "qmrt/log.h"
 
@@ -13,7 +14,8 @@ enum { JOB_SOURCE_ID_BIT = 1, JOB_SOURCE_NAME_BIT = 2 };
 /**
  * What the parsers of the two sources share, which is all but their keys.
  * @tparam Parser  the deriving class; has a key_table, an ENTRIES_BIT, the COMMON_BITS of the
- *                 required keys, and text_field(), which gives the string field of a bit or null
+ *                 required keys, text_field(), which gives the string field of a bit or null, and
+ *                 rule_of(), which gives the rule for what stands in it
  * @tparam Source  what it fills; has add_entry()
  */
 template <typename Parser, typename Source>
@@ -47,6 +49,13 @@ protected:
     Job_Source_Parser_T() : Job_Level_Parser_T<Job_Source, Source>(Parser::key_table) {}
 
 private:
+    /** The id of a source names its policy's file. */
+    static names::Rule rule_of(uint64_t bit) {
+        if (bit == JOB_SOURCE_ID_BIT)
+            return names::fault_of_policy;
+        return bit == JOB_SOURCE_NAME_BIT ? names::fault_of_label : Parser::rule_of(bit);
+    }
+
     bool handle_level1_string(char const* text, size_t length) {
         JSON_State& state = this->states_.back();
         Source* const source = this->object();
@@ -56,7 +65,7 @@ private:
         std::string* const field = Parser::text_field(*source, state.key);
         if (!field && state.key == Parser::ENTRIES_BIT)
             return this->misplaced_string();
-        if (!this->store(field ? *field : value, text, length))
+        if (!this->store(field ? *field : value, text, length, rule_of(state.key)))
             return false;
         if (state.key == JOB_SOURCE_ID_BIT)
             source->id(std::move(value));
@@ -72,7 +81,7 @@ private:
             return this->stop(YAJL_ERR_STRUCTURE,
                               "a string below a key that is no list of entries");
         std::string entry;
-        if (!this->store(entry, text, length))
+        if (!this->store(entry, text, length, fault_of_job_source_entry))
             return false;
         this->object()->add_entry(std::move(entry));
         return true;

@@ -5,8 +5,8 @@
 #include "host/agent/instance_manager.h"
 #include "json_spirit/access.h"
 #include "qmrt/check.h"
+#include "qmrt/names.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <new>
 
@@ -21,13 +21,9 @@ struct List_Request {
     std::string database; ///< "" for the list of the databases
 };
 
-/** True for a name that means the same to a shell and to the database. */
-bool is_plain_name(std::string const& name) {
-    auto const is_special = [](unsigned char c) {
-        return c <= ' ' || c == 0x7f ||
-               std::string_view("'\"\\`$;&|<>()*?[]{}~#!").find(c) != std::string_view::npos;
-    };
-    return !name.starts_with('-') && std::none_of(name.begin(), name.end(), is_special);
+void require(char const* key, std::string const& name, names::Rule rule) {
+    if (std::string const fault = rule(name); !fault.empty())
+        throw json_spirit::Error(std::string(key) + " '" + names::shown(name) + "' " + fault);
 }
 
 /** Throws for what is missing or of another kind. */
@@ -35,8 +31,10 @@ List_Request read(json_spirit::Object const& params) {
     List_Request wanted;
     json_spirit::extract_or_throw(params)("uid", wanted.uid)("instance", wanted.instance)(
         "database", wanted.database, false);
-    if (!is_plain_name(wanted.database))
-        throw json_spirit::Error("'" + wanted.database + "' is no name of a database");
+    require("uid", wanted.uid, names::fault_of_id);
+    require("instance", wanted.instance, names::fault_of_label);
+    if (!wanted.database.empty())
+        require("database", wanted.database, names::fault_of_database);
     return wanted;
 }
 

@@ -1,52 +1,26 @@
 #include "host/storage/storage_backend.h"
 
-#include "qmrt/utf8.h"
+#include "qmrt/names.h"
 
 namespace {
 
-constexpr size_t MAX_NAME = 4000;
-constexpr size_t MAX_PART = 255;
-constexpr size_t MAX_SHOWN = 200;
-
-/** A name as a log can show it. */
-std::string shown(std::string const& name) {
-    return qmrt::to_one_line(name.substr(0, MAX_SHOWN)) + (name.size() > MAX_SHOWN ? "..." : "");
-}
-
-char const* fault_of_part(std::string const& part) {
-    if (part.empty())
-        return "it has an empty part";
-    if (part == "." || part == "..")
-        return "it would leave its folder";
-    if (part.size() > MAX_PART)
-        return "a part of it is too long";
-    if (part.compare(0, sizeof UNFINISHED_PREFIX - 1, UNFINISHED_PREFIX) == 0)
-        return "it is reserved for unfinished objects";
-    return nullptr;
-}
-
-char const* fault_of_name(std::string const& name) {
-    if (name.empty())
-        return "it is empty";
-    if (name.front() == '/')
-        return "it is absolute";
-    if (name.size() > MAX_NAME)
-        return "it is too long";
-    if (name.find('\0') != std::string::npos)
-        return "it has a NUL in it";
+std::string fault_of_name(std::string const& name) {
+    if (std::string fault = names::fault_of_relative_path(name); !fault.empty())
+        return fault;
     for (std::string const& part : split_object_name(name))
-        if (char const* const fault = fault_of_part(part))
-            return fault;
-    return nullptr;
+        if (part.starts_with(UNFINISHED_PREFIX))
+            return "is reserved for unfinished objects";
+    return "";
 }
 
 } // namespace
 
 Storage_Result check_object_name(std::string const& name) {
-    char const* const fault = fault_of_name(name);
-    if (!fault)
+    std::string const fault = fault_of_name(name);
+    if (fault.empty())
         return {};
-    return {Storage_Result::BAD_NAME, "invalid object name '" + shown(name) + "', " + fault};
+    return {Storage_Result::BAD_NAME,
+            "invalid object name '" + names::shown(name) + "': it " + fault};
 }
 
 std::string Storage_Access::pool_url() const {

@@ -161,8 +161,8 @@ public:
 constexpr char UNFINISHED_PREFIX[] = ".zenbrak3-";
 
 /**
- * The rules for the name of an object: not empty, relative, at most 4000 bytes, its parts of 1 to
- * 255 bytes, none of them "." or "..", none beginning with UNFINISHED_PREFIX, and no NUL.
+ * The rules for the name of an object: those of names::fault_of_relative_path(), and no part begins
+ * with UNFINISHED_PREFIX. The catalog keeps such names, so they are text.
  * @return BAD_NAME with a text that shows the name, or success
  */
 Storage_Result check_object_name(std::string const& name);

@@ -26,7 +26,8 @@ enum YAJL_ERR {
     YAJL_ERR_INCOMPLETE = 10, ///< the text ended too early
     YAJL_ERR_TRAILING = 11,   ///< something behind the value
     YAJL_ERR_REFUSED = 12,    ///< a handler stopped and gave no code
-    YAJL_ERR_NUL = 13         ///< a NUL inside of a string that must not have one
+    YAJL_ERR_NUL = 13,        ///< a NUL inside of a string that must not have one
+    YAJL_ERR_NAME = 14        ///< a string that may not be such a name
 };
 
 /**

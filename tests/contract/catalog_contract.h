@@ -157,7 +157,7 @@ TEST_P(Catalog_Contract, abort_leaves_a_complete_set_alone) {
     Array pieces;
     EXPECT_FALSE(catalog_->abort(LIMITS, "a", pieces));
     expect_error_line();
-    EXPECT_FALSE(catalog_->abort(LIMITS, "nobody's", pieces));
+    EXPECT_FALSE(catalog_->abort(LIMITS, "unknown", pieces));
     expect_error_line();
     EXPECT_EQ("a", uuids("catalogs", {}));
 }
@@ -257,7 +257,7 @@ TEST_P(Catalog_Contract, what_is_no_piece_refuses_all_of_them) {
         EXPECT_FALSE(catalog_->add_piece(LIMITS, "a", {piece("good", 1), fault})) << text_of(fault);
         expect_error_line();
     }
-    EXPECT_FALSE(catalog_->add_piece(LIMITS, "nobody's", {piece("good", 1)}));
+    EXPECT_FALSE(catalog_->add_piece(LIMITS, "unknown", {piece("good", 1)}));
     expect_error_line();
     EXPECT_EQ("", column(row("a").at("pieces").get_array(), "path"));
 }
@@ -366,7 +366,7 @@ TEST_P(Catalog_Contract, without_cmode_the_result_is_the_array) {
 
 TEST_P(Catalog_Contract, a_query_that_cannot_be_answered_changes_nothing) {
     Value result = "before";
-    EXPECT_FALSE(catalog_->get_view(LIMITS, "gaussdb", "no such view", {}, result));
+    EXPECT_FALSE(catalog_->get_view(LIMITS, "gaussdb", "no_such_view", {}, result));
     expect_error_line();
     EXPECT_FALSE(catalog_->get_view(LIMITS, "gaussdb", "catalogs", {{"limit", -1}}, result));
     expect_error_line();

@@ -4,6 +4,7 @@
 #include "json_spirit/text.h"
 #include "qmrt/file.h"
 #include "qmrt/format.h"
+#include "qmrt/names.h"
 #include "qmrt/scoped_deleter.h"
 #include "qmrt/utf8.h"
 
@@ -15,13 +16,9 @@ namespace {
 
 constexpr size_t MAX_SIZE = 1024 * 1024;
 
-bool is_single_name(std::string const& name) {
-    return name.find('/') == std::string::npos && static_cast<bool>(check_object_name(name));
-}
-
 Xbsa_Result unusable(std::string const& name, std::string const& why,
                      int code = BSA_RC_INVALID_ENV) {
-    return {code, "policy '" + qmrt::to_one_line(name) + "' cannot be used: " + why};
+    return {code, "policy '" + names::shown(name) + "' cannot be used: " + why};
 }
 
 std::string path_of(std::string const& name) {
@@ -56,19 +53,21 @@ void read_members(json_spirit::Object const& object, Xbsa_Policy& policy) {
 std::string fault_of(Xbsa_Policy const& policy) {
     if (policy.backupd_host.empty() || policy.backupd_port == 0)
         return "it does not say where the agent is";
-    if (!is_single_name(policy.cluster_id))
-        return "its cluster_id is no name";
-    if (!policy.uuid.empty() && !is_single_name(policy.uuid))
-        return "its uuid is no name";
-    return policy.pool_uuid.empty() ? "it names no pool" : "";
+    if (std::string const fault = names::fault_of_id(policy.cluster_id); !fault.empty())
+        return "its cluster_id " + fault;
+    if (std::string const fault = names::fault_of_id(policy.uuid);
+        !policy.uuid.empty() && !fault.empty())
+        return "its uuid " + fault;
+    std::string const fault = names::fault_of_id(policy.pool_uuid);
+    return fault.empty() ? "" : "its pool_uuid " + fault;
 }
 
 } // namespace
 
 Xbsa_Result Xbsa_Policy::read(std::string const& name, Xbsa_Policy& policy) {
-    if (!is_single_name(name))
+    if (std::string const fault = names::fault_of_policy(name); !fault.empty())
         return {BSA_RC_INVALID_ENV,
-                "'" + qmrt::to_one_line(name) + "' is not the name of a policy"};
+                "'" + names::shown(name) + "' is not the name of a policy: it " + fault};
     std::string text;
     Scoped_Deleter const wiper([&] { secure_memset(text.data(), 0, text.size()); });
     if (read_file(path_of(name).c_str(), text, MAX_SIZE) == -1)

@@ -71,8 +71,36 @@ TEST_F(Catalog_Calls_Test, what_is_missing_or_of_another_kind_is_named_and_nothi
     EXPECT_TRUE(catalog_.calls().empty());
 }
 
+TEST_F(Catalog_Calls_Test, a_name_that_nothing_can_have_reaches_no_catalog) {
+    std::string const nul("a\0b", 3);
+    for (std::string const& id : {std::string(), std::string("../x"), std::string("a\nb"), nul,
+                                  std::string("\xff"), std::string(100'000, 'x')}) {
+        for (char const* operation : {"initialize", "complete", "commit"}) {
+            EXPECT_FALSE(serve(operation, {{"kind", "g"}, {"set", Object{{"uuid", id}}}}));
+            EXPECT_TRUE(message_.starts_with("Invalid params: uuid: ")) << message_;
+        }
+        EXPECT_FALSE(serve("abort", {{"uuid", id}}));
+        EXPECT_FALSE(serve("add_piece", {{"uuid", id}, {"pieces", Array()}}));
+        EXPECT_TRUE(message_.starts_with("Invalid params: uuid: ")) << message_;
+    }
+    for (std::string const& path : {std::string(), std::string("../../etc/passwd"), nul,
+                                    std::string("/"), std::string("a//b"), std::string("a\nb")}) {
+        Array const pieces = {Object{{"path", "good"}}, Object{{"path", path}}};
+        EXPECT_FALSE(serve("add_piece", {{"uuid", "a"}, {"pieces", pieces}}));
+        EXPECT_TRUE(message_.starts_with("Invalid params: path: ")) << message_;
+        EXPECT_FALSE(serve("initialize",
+                           {{"kind", "g"}, {"set", Object{{"uuid", "a"}, {"pieces", pieces}}}}));
+    }
+    for (char const* key : {"pool_uuid", "resource_uuid", "backup_key", "uri"}) {
+        EXPECT_FALSE(
+            serve("initialize", {{"kind", "g"}, {"set", Object{{"uuid", "a"}, {key, "../x"}}}}));
+        EXPECT_TRUE(message_.starts_with("Invalid params: " + std::string(key) + ": ")) << message_;
+    }
+    EXPECT_TRUE(catalog_.calls().empty());
+}
+
 TEST_F(Catalog_Calls_Test, a_failure_of_the_catalog_is_told) {
-    EXPECT_FALSE(serve("abort", {{"uuid", "nobody's"}}));
+    EXPECT_FALSE(serve("abort", {{"uuid", "unknown"}}));
     EXPECT_LOGGED(LM_ERROR, "no open set");
     EXPECT_EQ("The catalog could not do abort; its log says why", message_);
 }

@@ -31,8 +31,9 @@ struct Own_Server {
         Value sent, result;
         EXPECT_TRUE(json_spirit::parse(json_spirit::to_text(params), sent, nullptr));
         if (!serve_catalog_call(catalog, operation, sent.get_obj(), result, reply.message)) {
-            // the server's own log is on another machine
-            EXPECT_NE(0u, Log_Capture::instance().claim_all(LM_ERROR, "The catalog"));
+            // the server's own log is on another machine; params that are refused are not logged
+            EXPECT_TRUE(reply.message.starts_with("Invalid params") ||
+                        Log_Capture::instance().claim_all(LM_ERROR, "The catalog") != 0);
             return false;
         }
         return json_spirit::parse(json_spirit::to_text(result), reply.result, nullptr);

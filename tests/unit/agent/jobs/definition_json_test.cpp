@@ -208,10 +208,10 @@ TEST_F(Definition_JSON_Test, what_is_required_is_asked_for) {
 }
 
 TEST_F(Definition_JSON_Test, a_name_must_be_fit_to_be_typed) {
-    for (std::string const& name : {std::string(201, 'x'), std::string("a\\nb"), std::string(" a"),
+    for (std::string const& name : {std::string(256, 'x'), std::string("a\\nb"), std::string(" a"),
                                     std::string("a "), std::string(RESOURCE)})
         EXPECT_EQ(0u, fault(backup(name)).find("name: ")) << name;
-    EXPECT_EQ("", fault(backup(std::string(200, 'x'))));
+    EXPECT_EQ("", fault(backup(std::string(255, 'x'))));
     EXPECT_EQ("", fault(backup("Nächtlich um 2:30")));
 }
 

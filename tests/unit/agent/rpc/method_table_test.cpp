@@ -56,6 +56,25 @@ protected:
 
 } // namespace
 
+TEST_F(Method_Table_Test, params_with_what_is_no_text_reach_neither_a_method_nor_a_handler) {
+    table_.add("method", echo());
+    table_.bind("handler", std::make_shared<Handler>());
+    std::string const nul("a\0b", 3);
+    for (char const* method : {"method", "handler"})
+        for (Value const& params :
+             {Value(Object{{"x", Object{{"y", Array{nul}}}}}), Value(Object{{"a\nb", 1}}),
+              Value(Object{{"x", std::string(1, '\xff')}}), Value(Object{{nul, 1}})}) {
+            request(method, params);
+            EXPECT_EQ(Value(JSON_RPC_INVALID_PARAMS), error("code"));
+            EXPECT_TRUE(error("message").get_str().starts_with("Invalid params: "));
+            JSON_RPC_Reply inside;
+            EXPECT_FALSE(
+                table_.call(method, params, RPC_PEER_LOCAL, std::chrono::seconds(5), inside));
+            EXPECT_EQ(JSON_RPC_INVALID_PARAMS, inside.code);
+        }
+    table_.remove("handler");
+}
+
 TEST_F(Method_Table_Test, a_method_gets_name_params_and_caller_and_its_result_is_the_reply) {
     table_.add("echo", echo());
     EXPECT_EQ(0, request("echo", Object{{"a", 1}}));

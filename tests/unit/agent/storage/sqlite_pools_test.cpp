@@ -100,10 +100,10 @@ TEST_F(SQLite_Pools_Test, names_are_unique_single_lines_that_are_no_uuids) {
     expect_refused(settings("a", directory("b")), "there is a pool a already");
     for (std::string const& name : {std::string(), std::string("x\ny"), std::string("\xff"),
                                     std::string(256, 'n'), std::string("x\0y", 3)})
-        expect_refused(settings(name, directory("b")), "a text of 1 to 255 bytes");
+        expect_refused(settings(name, directory("b")), "invalid pool name");
     expect_refused(settings(record_.uuid.empty() ? "00000000-0000-0000-0000-000000000001" : "",
                             directory("b")),
-                   "may not look like a uuid");
+                   "looks like an id");
     expect_refused({}, "needs a name and a URL");
 }
 

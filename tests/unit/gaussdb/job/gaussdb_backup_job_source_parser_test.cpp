@@ -39,6 +39,20 @@ TEST(GaussDB_Backup_Job_Source_Parser, a_whole_source) {
     EXPECT_EQ((std::vector<std::string>{"s"}), parsed.object().schemas_["d"]);
 }
 
+TEST(GaussDB_Backup_Job_Source_Parser, texts_that_may_not_be_such_a_name_are_refused) {
+    for (char const* text :
+         {R"({"id":"../x","entries":[]})", R"({"id":"meta","entries":[]})",
+          R"({"id":"a\nb","entries":[]})", R"({"id":"x","name":"a\nb","entries":[]})",
+          R"({"id":"x","entries":["gaussdb/a\nb"]})",
+          R"({"id":"x","entries":["gaussdb/a%0Ab"]})"}) {
+        Parse<Backup_Source> const parsed(text);
+        EXPECT_EQ(YAJL_ERR_NAME, parsed.err()) << text;
+    }
+    std::string const long_id(100'000, 'x');
+    EXPECT_EQ(YAJL_ERR_NAME,
+              Parse<Backup_Source>("{\"id\":\"" + long_id + "\",\"entries\":[]}").err());
+}
+
 TEST(GaussDB_Backup_Job_Source_Parser, without_entries_it_is_refused) {
     Parse<Backup_Source> const parsed(R"({"id": "x"})");
     EXPECT_EQ(7, parsed.err());

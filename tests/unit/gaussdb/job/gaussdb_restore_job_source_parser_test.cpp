@@ -20,6 +20,12 @@ int err_with(std::string const& pairs) {
     return Parse<Restore_Source>("{\"id\":\"x\",\"restore_as\":\"y\"," + pairs + "}").err();
 }
 
+TEST(GaussDB_Restore_Job_Source_Parser, texts_that_may_not_be_such_a_name_are_refused) {
+    for (char const* pairs : {R"("catalog_id":"../x")", R"("backup_key":"../../1_1")",
+                              R"("original":"gaussdb/a\nb")", R"("restore_as":"gaussdb/%0A")"})
+        EXPECT_EQ(YAJL_ERR_NAME, err_with(pairs)) << pairs;
+}
+
 TEST(GaussDB_Restore_Job_Source_Parser, the_table_and_the_required_keys) {
     size_t row = 0;
     for (auto const& [key, bit] : KEYS) {

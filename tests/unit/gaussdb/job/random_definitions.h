@@ -26,26 +26,31 @@ public:
     }
     int count() { return number() & INT_MAX; }
 
-    /** UTF-8 without NUL, with all that JSON must escape; often empty. */
+    /** One line of UTF-8, with all that JSON must escape in one; often empty. */
     std::string text() {
-        static constexpr char const* PARTS[] = {"a",
-                                                "Z9",
-                                                "\"",
-                                                "\\",
-                                                "/",
-                                                "\n\t\r",
-                                                "\x01\x1f\x7f",
-                                                "\xC3\xA4",
-                                                " ",
-                                                "\xE2\x82\xAC",
-                                                "{}[],:",
-                                                "\xF0\x9F\x92\xBE",
-                                                "%2F",
-                                                "'"};
+        static constexpr char const* PARTS[] = {
+            "a",        "Z9", "\"",           "\\",     "/",
+            "\xC3\xA4", " ",  "\xE2\x82\xAC", "{}[],:", "\xF0\x9F\x92\xBE",
+            "%2F",      "'"};
         std::string result;
         for (unsigned int parts = below(8); parts > 0; --parts)
             result += PARTS[below(std::size(PARTS))];
         return result;
+    }
+
+    /** An id; often empty. */
+    std::string id() {
+        static constexpr char LETTERS[] = "aZ0_.-";
+        std::string result;
+        for (unsigned int letters = below(8); letters > 0; --letters)
+            result += LETTERS[below(sizeof LETTERS - 1)];
+        return result.empty() ? result : "a" + result;
+    }
+
+    /** What people call something; often empty. */
+    std::string label() {
+        std::string const result = text();
+        return result.empty() ? result : "\"" + result + "\"";
     }
 
     /** An entry of any form, also one that names nothing. */
@@ -92,8 +97,8 @@ public:
     /** With at least one entry, as without one its text is no source. */
     GaussDB_Backup_Job_Source backup_source() {
         GaussDB_Backup_Job_Source source;
-        source.id(text());
-        source.name(text());
+        source.id(id());
+        source.name(label());
         for (unsigned int entries = 1 + below(5); entries > 0; --entries)
             source.add_entry(entry("schema", 5));
         return source;
@@ -102,10 +107,10 @@ public:
     /** With a restore_as_, as without one its text is no source. */
     GaussDB_Restore_Job_Source restore_source() {
         GaussDB_Restore_Job_Source source;
-        source.id(text());
-        source.name(text());
-        source.catalog_uuid_ = text();
-        source.backup_key_ = text();
+        source.id(id());
+        source.name(label());
+        source.catalog_uuid_ = id();
+        source.backup_key_ = id();
         source.original_ = text();
         source.restore_as_ = "gaussdb/" + text();
         for (unsigned int entries = below(5); entries > 0; --entries)
