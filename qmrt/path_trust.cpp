@@ -18,7 +18,7 @@
 namespace {
 
 // the kernel's own limit
-constexpr int MAX_LINKS = 40;
+constexpr int MOST_LINKS = 40;
 
 /** One walk from the root directory to the end of a path. */
 class Path_Walk {
@@ -75,7 +75,7 @@ private:
     bool follow(int link, std::vector<std::string> const& directory) {
         if (!is_own(status_))
             return fail_with_owner();
-        if (++links_ > MAX_LINKS)
+        if (++links_ > MOST_LINKS)
             return fail("\"" + shown() + "\" leads through too many symbolic links");
         char target[PATH_MAX];
         ssize_t const size = readlinkat(link, "", target, sizeof target);
