@@ -39,8 +39,133 @@ VALUES = [None, True, 0, -1, 2**63 - 1, 2**64, -(2**63) - 1, 1.5, 1e308, "", "x"
           "\ud800", "../../etc/passwd", "'; drop table run; --", "%s%n%d", [], {}, [[]], {"": {}}]
 
 
+# What no name can have in it: every method has to answer -32602.
+NO_LINE = ["a\u0000b", "\u0000", "a\nb", "a\r", "a\u001b[2J", "a\u007f", "x" * 100_000,
+           "/" + "x" * 100_000]
+# What leads elsewhere: every method has to answer with an error, be it that nothing has that name.
+ELSEWHERE = ["..", "../x", "../../../../etc/passwd", "/etc/shadow", "a/../../b", "'; drop table run; --",
+             "$(id)", "-rf"]
+
+ID = "6f9619ff-8b86-4011-b42d-00cf4fc9648f"
+DEFINITION = {"name": "n", "type": "backup", "subtype": "full", "target": {"pool": "none", "device_id": ""},
+              "source": {"id": ID, "name": "n", "entries": ["gaussdb/none"]}, "id": ID, "uid": ID,
+              "host_id": ID}
+SET = {"uuid": ID, "resource_uuid": ID, "backup_key": "k", "prior_backup_key": "k", "instance": "none",
+       "host_uuid": ID, "uri": "a/b", "pieces": [{"path": "a/b", "size": 1}],
+       "storages": [{"pool_uuid": ID}]}
+
+# Params of each method that change nothing when one text is no name, and its members that are names.
+# A member of "*" is one by which something is looked for: only what is no text at all is refused.
+METHODS = {
+    "agent.check": ({"instance": "none", "pool": "none", "uid": ID}, ["*instance", "pool", "uid"]),
+    "instance.show": ({"instance": "none"}, ["instance"]),
+    "instance.save": ({"name": "none", "type": "none", "options": {"user": "u", "address": "h",
+                                                                   "meta_path": "/m"}},
+                      ["name", "type", "options.user", "options.address", "options.meta_path"]),
+    "instance.remove": ({"instance": "none"}, ["instance"]),
+    "account.save": ({"instance": "none", "uid": ID, "username": "u", "password": "p"},
+                     ["instance", "uid", "username", "*password"]),
+    "gaussdb.list": ({"uid": ID, "instance": "none", "database": "d"}, ["uid", "instance", "database"]),
+    "gaussdb.roach_source": ({"action": "remove", "pool_uuid": ID, "uuid": ID, "policy_name": "meta",
+                              "definition_uuid": ID}, ["policy_name", "definition_uuid"]),
+    "pool.create": ({"name": "none", "url": "file:///nonexistent", "compression": "zstd"},
+                    ["name", "url", "compression"]),
+    "pool.update": ({"pool": "none", "name": "n", "url": "file:///nonexistent"}, ["pool", "name", "url"]),
+    "pool.remove": ({"pool": "none"}, ["pool"]),
+    "pool.find": ({"uuid": ID}, ["uuid"]),
+    "definition.save": (DEFINITION, ["name", "id", "uid", "host_id", "target.pool", "source.id",
+                                     "source.name", "source.entries.0"]),
+    "definition.show": ({"definition": "none"}, ["definition"]),
+    "definition.remove": ({"definition": "none"}, ["definition"]),
+    "job.start": ({"definition": "none"}, ["definition"]),
+    "job.list": ({"definition": "n", "instance": "n", "state": "s"},
+                 ["*definition", "*instance", "*state"]),
+    "job.show": ({"job": "none"}, ["job"]),
+    "job.log": ({"job": "none"}, ["job"]),
+    "job.cancel": ({"job": "none"}, ["job"]),
+    "job.stop": ({"job": "none"}, ["job"]),
+    "job.pause": ({"job": "none"}, ["job"]),
+    "job.resume": ({"job": "none"}, ["job"]),
+    "backup.list": ({"instance": "n", "resource_uuid": ID, "pool": "none", "type": "t"},
+                    ["*instance", "resource_uuid", "pool", "type"]),
+    "backup.show": ({"backup": "none"}, ["backup"]),
+    "backup.remove": ({"backup": "none"}, ["backup"]),
+    "catalog.initialize": ({"kind": "gaussdb", "set": SET},
+                           ["kind", "set.uuid", "set.resource_uuid", "set.backup_key",
+                            "set.prior_backup_key", "set.instance", "set.host_uuid", "*set.uri",
+                            "*set.pieces.0.path", "set.storages.0.pool_uuid"]),
+    "catalog.complete": ({"kind": "gaussdb", "set": SET}, ["kind", "set.uuid", "set.pieces.0.path"]),
+    "catalog.commit": ({"kind": "gaussdb", "set": SET}, ["kind", "set.uuid", "set.host_uuid",
+                                                         "set.storages.0.pool_uuid"]),
+    "catalog.abort": ({"uuid": ID}, ["uuid"]),
+    "catalog.add_piece": ({"uuid": ID, "pieces": [{"path": "a/b", "size": 1}]}, ["uuid", "pieces.0.path"]),
+    "catalog.get_view": ({"type": "gaussdb", "view": "catalogs", "query": {}}, ["type", "view"]),
+    "catalog.abort_open": ({"host_uuid": ID, "before": 1}, ["host_uuid"]),
+    "backupd.instance.notify": ({"type": "gaussdb", "name": "n", "uuid": ID, "change": "added"},
+                                ["type", "name", "uuid", "change"]),
+    "backup_set.gaussdb_restore_branch": ({"resource_uuid": ID, "restore_time": "2026-11-21 10:00:00"},
+                                          ["resource_uuid", "restore_time"]),
+    "group.join": ({"host_uuid": ID, "name": "n", "component": "c", "version": "v"},
+                   ["host_uuid", "name", "component", "version"]),
+    "group.forward": ({"host_uuid": ID, "method": "m", "params": {}}, ["host_uuid", "method"]),
+}
+# Of these, changed at random, none can do harm to an agent that others use.
+HARMLESS = [method for method in METHODS
+            if method.endswith((".show", ".list", ".find", ".log", ".get_view"))]
+# Methods without a text in their params.
+NAMELESS = ["agent.info", "instance.list", "pool.list", "definition.list"]
+
+
 class Failure(Exception):
     """The agent did not do what it has to."""
+
+
+class Line_Client:
+    """Asks over the agent's own socket, one call after the other."""
+
+    def __init__(self, path):
+        self.connection = socket.socket(socket.AF_UNIX)
+        self.connection.settimeout(PATIENCE)
+        self.connection.connect(path)
+        self.lines = self.connection.makefile("rb")
+        self.number = 0
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.lines.close()
+        self.connection.close()
+
+    def ask(self, method, params):
+        self.number += 1
+        message = {"jsonrpc": "2.0", "id": self.number, "method": method, "params": params}
+        self.connection.sendall(json.dumps(message).encode() + b"\n")
+        answer = json.loads(self.lines.readline())
+        if answer.get("id") != self.number:
+            raise Failure(f"the answer to {method} is {answer}")
+        return answer
+
+
+def with_text(params, member, text):
+    """A copy of the params with another text in one member: "set.pieces.0.path"."""
+    params = json.loads(json.dumps(params))
+    *parents, last = [int(part) if part.isdigit() else part for part in member.split(".")]
+    parent = params
+    for part in parents:
+        parent = parent[part]
+    parent[last] = text
+    return params
+
+
+def hostile_calls(methods):
+    """Every text member of each method with each text that is not a name: (method, member, text,
+    params). A member by which lists are chosen gets only what is not one line of text."""
+    for method in methods:
+        params, members = METHODS.get(method, ({}, []))
+        for member in members:
+            for text in NO_LINE + ([] if member.startswith("*") else ELSEWHERE):
+                yield method, member, text, with_text(params, member.lstrip("*"), text)
 
 
 def paths_of(value, path=()):
@@ -100,6 +225,9 @@ def payload(rng):
     if kind == 3:
         return bytes(rng.randrange(256) for _ in range(rng.randint(0, 2000)))
     message = rng.choice(SEEDS)
+    if rng.random() < 0.5:
+        method = rng.choice(sorted(HARMLESS))
+        message = {"jsonrpc": "2.0", "id": 1, "method": method, "params": METHODS[method][0]}
     for _ in range(rng.randrange(3)):
         message = change_value(rng, message)
     data = json.dumps(message, ensure_ascii=rng.random() < 0.5).encode("utf-8", "surrogatepass")
