@@ -61,7 +61,7 @@ dirent* next_entry(DIR* directory) {
  */
 class Tree_Remover {
 public:
-    explicit Tree_Remover(DIR* top) : top_(dirfd(top)) {}
+    explicit Tree_Remover(DIR* top) : top_(dirfd(top)) { close_to_others(top); }
 
     int empty(DIR* directory, int depth) {
         // removing while reading may skip entries, so read again until a pass finds nothing
@@ -82,6 +82,14 @@ public:
 private:
     static constexpr int MAX_DEPTH = 32;
 
+    /** Otherwise its owner could fill it as fast as it is emptied, for ever. */
+    static void close_to_others(DIR* directory) {
+        struct stat status;
+        if (geteuid() == 0 && fstat(dirfd(directory), &status) == 0 && status.st_uid != 0 &&
+            fchown(dirfd(directory), 0, 0) == 0)
+            fchmod(dirfd(directory), S_IRWXU);
+    }
+
     int remove(DIR* parent, char const* name, int depth) {
         if (unlinkat(dirfd(parent), name, 0) == 0 || errno == ENOENT)
             return 0;
@@ -92,6 +100,7 @@ private:
         Directory const directory = open_directory(dirfd(parent), name);
         if (!directory)
             return -1;
+        close_to_others(directory.get());
         if (empty(directory.get(), depth + 1) == -1)
             return -1;
         return unlinkat(dirfd(parent), name, AT_REMOVEDIR);

@@ -15,6 +15,7 @@
 #include "host/job/minor_resource_id.h"
 #include "host/mtf/archive_path.h"
 #include "host/mtf/mtf_backup.h"
+#include "qmrt/names.h"
 #include "qmrt/natoi.h"
 #include "qmrt/regex.h"
 
@@ -26,6 +27,7 @@
 #include <ctime>
 #include <exception>
 #include <new>
+#include <unistd.h>
 
 namespace {
 
@@ -92,7 +94,8 @@ bool GaussDB_Backup_Job_Executor::execute_i(Job::Action_Options const*) {
     Roach_Source roach_source = make_roach_source();
     if (!notify(roach_source, hosts))
         return false;
-    Roach_Meta_Parser parser(roach_source.meta_path(), cluster_->get_gaussdb_version().model_);
+    Roach_Meta_Parser parser(roach_source.meta_path(), cluster_->get_gaussdb_version().model_,
+                             roach_source.user_id());
     drop_lost_base(bset, parser);
     bset.meta_destination = roach_source.meta_path();
 
@@ -283,7 +286,7 @@ bool GaussDB_Backup_Job_Executor::backup_200(Roach_Executor& roach_executor,
         QMRT_LOG(LM_ERROR, "Failed to backup gaussdb metadata\n");
         return false;
     }
-    return backup_roach_metadata(bset);
+    return backup_roach_metadata(roach_source, bset);
 }
 
 bool GaussDB_Backup_Job_Executor::backup_100(Roach_Executor& roach_executor,
@@ -312,15 +315,24 @@ bool GaussDB_Backup_Job_Executor::backup_100(Roach_Executor& roach_executor,
     return has_backup_key(bset);
 }
 
-/** A set without the key could never be restored: it is none. */
+/**
+ * A set without the key could never be restored: it is none. The key becomes a name in paths, and
+ * what a tool prints is that of the database's user.
+ */
 bool GaussDB_Backup_Job_Executor::has_backup_key(GaussDB_Backup_Set const& bset) {
     if (bset.backup_key.empty())
         QMRT_LOG(LM_ERROR, "Failed to backup gaussdb data, the backup tool gave no backup key\n");
-    return !bset.backup_key.empty();
+    else if (!Roach_Source::is_single_name(bset.backup_key))
+        QMRT_LOG(LM_ERROR,
+                 "Failed to backup gaussdb data, the backup tool gave the invalid backup "
+                 "key '%s'\n",
+                 names::shown(bset.backup_key).c_str());
+    return Roach_Source::is_single_name(bset.backup_key);
 }
 
 /** Without the tool's metadata of a backup, another cluster could not restore it. */
-bool GaussDB_Backup_Job_Executor::backup_roach_metadata(GaussDB_Backup_Set& bset) {
+bool GaussDB_Backup_Job_Executor::backup_roach_metadata(Roach_Source const& roach_source,
+                                                        GaussDB_Backup_Set& bset) {
     std::shared_ptr<MTF::Event_Handler> const handler(new (std::nothrow) GaussDB_Event_Handler);
     if (!handler) {
         errno = ENOMEM;
@@ -338,6 +350,8 @@ bool GaussDB_Backup_Job_Executor::backup_roach_metadata(GaussDB_Backup_Set& bset
     backup.seq(bset.seq - 1);
     set_options_by_job_def(backup.extra_client_io_opts(), def_, 1);
     set_options_by_host(backup.extra_client_io_opts());
+    // the tool's directory: its user may have put a link or another's file into it
+    backup.source_owner(roach_source.user_id().value_or(geteuid()));
     backup.add_source(Roach_Source::metadata_directory(bset.meta_destination, bset.backup_key));
 
     std::string const uri = MTF::default_uri(bset.host_uuid, bset.minor_resource_id);

@@ -63,7 +63,7 @@ private:
     bool backup_100(Roach_Executor& roach_executor, Roach_Source const& roach_source,
                     GaussDB_Backup_Set& bset, Roach_Meta_Parser& parser);
     static bool has_backup_key(GaussDB_Backup_Set const& bset);
-    bool backup_roach_metadata(GaussDB_Backup_Set& bset);
+    bool backup_roach_metadata(Roach_Source const& roach_source, GaussDB_Backup_Set& bset);
     bool complete_set(GaussDB_Backup_Set& bset, Roach_Meta_Parser& parser);
 
     bool get_prior_backup(std::string& incarnation, std::string& backup_key) const;

@@ -10,7 +10,6 @@
 #include "host/catalog/backup_set.h"
 #include "host/job/job_mutex.h"
 #include "json_spirit/access.h"
-#include "qmrt/file.h"
 
 #include <ace/Guard_T.h>
 
@@ -40,7 +39,7 @@ GaussDB_Restore_Job_Executor::GaussDB_Restore_Job_Executor(Job& job) : Job_Execu
 
 GaussDB_Restore_Job_Executor::~GaussDB_Restore_Job_Executor() {
     if (!cache_dir_.empty())
-        rm_rf(cache_dir_.c_str());
+        Roach_Source::remove_cache_directory(def_.id());
 }
 
 bool GaussDB_Restore_Job_Executor::is_active(Job::Action_Options const*) {
@@ -84,7 +83,7 @@ bool GaussDB_Restore_Job_Executor::execute_i(Job::Action_Options const*) {
     roach_source.remove(hosts, &directories, def_.id()); // what stays behind has been logged
     if (!start(roach_executor))
         return false;
-    rm_rf(roach_source.meta_path().c_str());
+    roach_source.delete_meta();
     act_.size = chain.total_size;
     act_.set_size = chain.total_size;
     return true;

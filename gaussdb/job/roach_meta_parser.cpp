@@ -3,10 +3,11 @@
 #include "gaussdb/job/gaussdb_utils.h"
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
-#include "qmrt/file.h"
 #include "qmrt/format.h"
+#include "qmrt/guarded_file.h"
 #include "qmrt/log.h"
 
+#include <algorithm>
 #include <boost/regex.hpp>
 #include <cerrno>
 #include <exception>
@@ -14,6 +15,8 @@
 using json_spirit::extract_or_throw;
 
 namespace {
+
+constexpr uint64_t MAX_SIZE = 16 * 1024 * 1024;
 
 // a suffix of C behind a whole number, which JSON does not have
 boost::regex const META_DIGITS_RE("(\":\\d+)UL?");
@@ -37,7 +40,9 @@ json_spirit::Object const* find_backup(json_spirit::Array const& backups, std::s
 
 } // namespace
 
-Roach_Meta_Parser::Roach_Meta_Parser(std::string const& path, GAUSSDB_VERSION ver) : ver_(ver) {
+Roach_Meta_Parser::Roach_Meta_Parser(std::string const& path, GAUSSDB_VERSION ver,
+                                     std::optional<uid_t> owner)
+    : ver_(ver), owner_(owner) {
     set(path);
 }
 
@@ -48,12 +53,16 @@ void Roach_Meta_Parser::set(std::string const& path) {
 
 bool Roach_Meta_Parser::load_meta(json_spirit::Value& value) {
     std::string text;
-    errno = 0;
-    if (!read_line(file_, text, true)) {
-        if (errno == EFBIG)
-            QMRT_LOG(LM_ERROR, "Failed to read %s, its line is too long\n", file_.c_str());
+    if (read_guarded(file_.c_str(), text, {.max_size = MAX_SIZE, .owner = owner_}) == -1) {
+        // a file that is not there, or not yet, is an answer
+        if (errno == ELOOP || errno == EPERM || errno == EINVAL || errno == EFBIG)
+            QMRT_LOG(LM_ERROR, "Failed to read %s: %s\n", file_.c_str(),
+                     refusal_text(errno).c_str());
         return false;
     }
+    if (text.empty())
+        return false;
+    text.erase(std::min(text.find('\n'), text.size()));
     text = boost::regex_replace(text, META_DIGITS_RE, "$1");
     return loads_json(text.c_str(), text.size(), value, 1);
 }

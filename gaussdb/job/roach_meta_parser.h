@@ -5,7 +5,9 @@
 #include "json_spirit/value.h"
 
 #include <ace/Basic_Types.h>
+#include <optional>
 #include <string>
+#include <sys/types.h>
 
 /**
  * Reads the metadata file that the backup tool keeps beside its backups: "backups.ini", or
@@ -15,8 +17,13 @@
  */
 class Roach_Meta_Parser {
 public:
-    /** @param path  the directory of the file */
-    Roach_Meta_Parser(std::string const& path, GAUSSDB_VERSION ver);
+    /**
+     * @param path   the directory of the file
+     * @param owner  the file has to belong to this user; without a value to anybody. In either case
+     *               it has to be a regular file of at most 16 MiB that no link leads to
+     */
+    Roach_Meta_Parser(std::string const& path, GAUSSDB_VERSION ver,
+                      std::optional<uid_t> owner = std::nullopt);
 
     /** Reads in another directory from now on. */
     void set(std::string const& path);
@@ -24,8 +31,8 @@ public:
     /**
      * Whether the file lists a backup of that key. Entries are looked at from the last to the
      * first.
-     * @return false also for a file that cannot be read, with nothing logged, and for one that is
-     *         not as it should be, with an error line.
+     * @return false also for a file that is not there, with nothing logged, and for one that is not
+     *         as it should be, with an error line.
      */
     bool has_backup_key(std::string const& key);
 
@@ -41,6 +48,7 @@ private:
 
     std::string file_;
     GAUSSDB_VERSION ver_;
+    std::optional<uid_t> owner_;
 };
 
 #endif

@@ -1,7 +1,9 @@
 #include "gaussdb/job/roach_source.h"
 
+#include "gaussdb/common/gaussdb_cluster_manager.h"
 #include "gaussdb/job/client_io_options.h"
 #include "gaussdb/job/gaussdb_event_handler.h"
+#include "gaussdb/job/tool_directory.h"
 #include "host/agent/host_manager.h"
 #include "host/catalog/catalog_operator.h"
 #include "host/mtf/mtf_restore.h"
@@ -12,14 +14,15 @@
 #include "host/storage/pool_info.h"
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
-#include "qmrt/file.h"
 #include "qmrt/format.h"
+#include "qmrt/guarded_file.h"
 #include "qmrt/log.h"
+#include "qmrt/names.h"
 #include "qmrt/path.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <exception>
+#include <fcntl.h>
 #include <new>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,24 +31,48 @@ namespace {
 
 constexpr char ROOT[] = "/var/cache/quilmot/zenbrak3/gaussdb";
 constexpr char META_FILE[] = "backups.ini";
-
-/** As of open(2): close-on-exec, and for a local copy write, create, truncate as well. */
-constexpr int READ_FLAGS = 0x80000;
-constexpr int WRITE_FLAGS = 0x80241;
-constexpr size_t BUFFER_SIZE = 0x2000;
+/** Below the metadata directory: where the tool keeps each backup's. */
+constexpr char TOOL_FOLDER[] = "roach";
 
 std::string subdirectory(char const* leaf) {
     return Path_Conf(ROOT, true, leaf, 0755).c_str();
 }
 
-bool is_single_name(std::string const& name) {
-    return !name.empty() && name != "." && name != ".." &&
-           name.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
+/** Who runs the tool of a policy: its owner. */
+bool owner_of_policy(std::string const& policy, uid_t& uid) {
+    struct stat status;
+    if (policy.empty() || lstat(policy.c_str(), &status) == -1 || !S_ISREG(status.st_mode))
+        return false;
+    uid = status.st_uid;
+    return true;
 }
 
-void unlink_pid_file(std::string const& directory) {
-    // it may never have been there
-    unlink((directory + "/postmaster.pid").c_str());
+/** Removes the file only where the user could do so, too: in a directory of that user. */
+void unlink_pid_file(std::string const& directory, uid_t user) {
+    File_Descriptor const opened(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    struct stat status;
+    if (!opened || fstat(opened.get(), &status) == -1)
+        return; // it may never have been there
+    if (status.st_uid == user && user != 0)
+        unlinkat(opened.get(), "postmaster.pid", 0);
+    else
+        QMRT_LOG(LM_WARNING,
+                 "Not removing postmaster.pid in %s, the directory is not that of "
+                 "user #%u\n",
+                 names::shown(directory).c_str(), user);
+}
+
+/** A directory of root's alone, to unpack in. */
+int make_private_directory(std::string const& path) {
+    struct stat status;
+    if (mkdir(path.c_str(), 0700) == 0)
+        return 0;
+    if (errno != EEXIST || lstat(path.c_str(), &status) == -1)
+        return -1;
+    if (S_ISDIR(status.st_mode) && status.st_uid == geteuid())
+        return chmod(path.c_str(), 0700);
+    errno = EEXIST;
+    return -1;
 }
 
 bool forward(json_spirit::Object const& request, std::string const& host_uuid) {
@@ -84,9 +111,33 @@ Roach_Source::Roach_Source(std::string cluster_id, std::string device_uuid, std:
       full_backup_(full_backup),
       policy_name_(std::move(policy_name)) {}
 
+bool Roach_Source::is_single_name(std::string const& name) {
+    return names::fault_of_id(name).empty();
+}
+
+bool Roach_Source::is_run_name(std::string const& name) {
+    if (!names::fault_of_policy(name).empty())
+        return false;
+    for (std::string const own : {"meta.", "media."}) // what Tool_Directory sets aside
+        if (name.starts_with(own))
+            return false;
+    struct stat status;
+    return !GaussDB_Cluster_Manager::instance()->cluster_exists(name.c_str()) &&
+           lstat(string_sprintf("%s/%s_env", ROOT, name.c_str()).c_str(), &status) == -1;
+}
+
 std::string Roach_Source::cache_directory(std::string const& definition_uuid) {
-    return is_single_name(definition_uuid) ? string_sprintf("%s/%s", ROOT, definition_uuid.c_str())
-                                           : std::string();
+    return is_run_name(definition_uuid) ? string_sprintf("%s/%s", ROOT, definition_uuid.c_str())
+                                        : std::string();
+}
+
+bool Roach_Source::remove_cache_directory(std::string const& definition_uuid) {
+    std::string const path = cache_directory(definition_uuid);
+    struct stat status;
+    if (path.empty() || lstat(path.c_str(), &status) == -1)
+        return !path.empty();
+    // it is made by this process, for this process alone
+    return S_ISDIR(status.st_mode) && status.st_uid == geteuid() && rm_rf(path.c_str()) == 0;
 }
 
 std::string Roach_Source::metadata_directory(std::string const& meta_destination,
@@ -97,15 +148,23 @@ std::string Roach_Source::metadata_directory(std::string const& meta_destination
     return !is_directory(plain.c_str()) && is_directory(below_roach.c_str()) ? below_roach : plain;
 }
 
-/** "", logged, for a name that is no file's name or is one of the directories beside it. */
+/** "", logged, for a name that a policy cannot have. */
 std::string Roach_Source::policy_file() const {
-    if (is_single_name(policy_name_) && policy_name_ != "meta" && policy_name_ != "media") {
+    if (is_run_name(policy_name_)) {
         std::string const path = Path_Conf(ROOT, true, policy_name_.c_str(), 0750).c_str();
         if (!path.empty() && !is_directory(path.c_str()))
             return path;
     }
-    QMRT_LOG(LM_ERROR, "Invalid policy name '%s'\n", policy_name_.c_str());
+    QMRT_LOG(LM_ERROR, "Invalid policy name '%s'\n", names::shown(policy_name_).c_str());
     return "";
+}
+
+Tool_Directory Roach_Source::meta() const {
+    return {meta_path_, os_user_};
+}
+
+std::optional<uid_t> Roach_Source::user_id() const {
+    return meta().uid();
 }
 
 std::string Roach_Source::compression_name() const {
@@ -121,14 +180,22 @@ std::string Roach_Source::static_config() const {
 // the policy
 
 bool Roach_Source::create_path() {
+    if (!user_id())
+        return false;
     for (std::string const& path : {meta_path_, media_path_}) {
-        if (mkdir_p(path.c_str(), 0750) == -1) {
+        if (Tool_Directory(path, os_user_).make() == -1) {
             QMRT_LOG(LM_ERROR, "Failed to mkdir %s, errno=%d, %m\n", path.c_str(), errno);
             return false;
         }
     }
-    return chown_r(meta_path_.c_str(), os_user_.c_str(), nullptr, false) == 0 &&
-           chown_r(media_path_.c_str(), os_user_.c_str(), nullptr, false) == 0;
+    return true;
+}
+
+void Roach_Source::delete_meta() {
+    // only what is this user's: another user's comes back with that user
+    Tool_Directory const directory = meta();
+    if (directory.make() == 0)
+        directory.remove();
 }
 
 /** What policy file and request have in common. */
@@ -144,9 +211,19 @@ json_spirit::Object Roach_Source::route() const {
     return object;
 }
 
+/** They become names in a pool. */
+bool Roach_Source::are_ids_valid() const {
+    if ((cluster_id_.empty() || is_single_name(cluster_id_)) &&
+        (uuid_.empty() || is_single_name(uuid_)))
+        return true;
+    QMRT_LOG(LM_ERROR, "Invalid id of a cluster or a backup set: '%s', '%s'\n",
+             names::shown(cluster_id_).c_str(), names::shown(uuid_).c_str());
+    return false;
+}
+
 bool Roach_Source::dump_policy() {
     std::string const path = policy_file();
-    if (path.empty() || !create_path())
+    if (path.empty() || !are_ids_valid() || !create_path())
         return false;
     WebSocket_Options const& server = *WebSocket_Options::instance();
     json_spirit::Object policy = route();
@@ -193,7 +270,7 @@ bool Roach_Source::notify(std::vector<std::string> const& host_uuids, char const
 
 bool Roach_Source::add_here(char const* backup_key, bool delete_meta) {
     if (delete_meta && !meta_path_.empty())
-        rm_rf(meta_path_.c_str());
+        this->delete_meta();
     if (!dump_policy())
         return false;
     return version_.model_ != GAUSSDB_200 || !backup_key || !*backup_key ||
@@ -207,7 +284,7 @@ bool Roach_Source::remove(std::vector<std::string> const& host_uuids, std::set<s
         "uuid", uuid_)("policy_name", policy_name_)("pool_uuid", pool_uuid_);
     if (dirs) {
         json_spirit::insert(request)("dirs", json_spirit::Array(dirs->begin(), dirs->end()));
-        std::for_each(dirs->begin(), dirs->end(), unlink_pid_file);
+        remove_pid_files({dirs->begin(), dirs->end()});
     }
     return std::all_of(host_uuids.begin(), host_uuids.end(), [&](std::string const& host) {
         if (!is_this_host(host))
@@ -215,6 +292,14 @@ bool Roach_Source::remove(std::vector<std::string> const& host_uuids, std::set<s
         remove_policy(); // what it could not remove, it has told
         return true;
     });
+}
+
+void Roach_Source::remove_pid_files(std::vector<std::string> const& directories) const {
+    uid_t user = user_id().value_or(0);
+    if (os_user_.empty() && !owner_of_policy(policy_file(), user))
+        return; // no run of this host has these directories
+    for (std::string const& directory : directories)
+        unlink_pid_file(directory, user);
 }
 
 // the metadata and the pool
@@ -241,9 +326,16 @@ bool Roach_Source::connect_pool(Client_IO_Ex& io, std::string const& folder) {
     return false;
 }
 
-bool Roach_Source::put_meta(Client_IO_Ex& io, std::string const& local, std::string const& remote,
+bool Roach_Source::put_meta(Client_IO_Ex& io, std::string const& name, std::string const& folder,
                             char const* what, json_spirit::Array& pieces) {
-    if (!io.put_file(local.c_str(), remote.c_str(), true, READ_FLAGS, BUFFER_SIZE)) {
+    std::string content;
+    if (meta().read(name, content) == -1) {
+        QMRT_LOG(LM_ERROR, "Failed to backup %s, %s/%s: %s\n", what, meta_path_.c_str(),
+                 name.c_str(), refusal_text(errno).c_str());
+        return false;
+    }
+    std::string const remote = folder + "/" + name + compression_value_to_suffix(compression_);
+    if (!io.put_contents(remote.c_str(), content, true)) {
         QMRT_LOG(LM_ERROR, "Failed to backup %s, %s\n", what, io.error().c_str());
         return false;
     }
@@ -251,41 +343,44 @@ bool Roach_Source::put_meta(Client_IO_Ex& io, std::string const& local, std::str
     return true;
 }
 
+bool Roach_Source::is_backup_key(char const* backup_key) {
+    if (backup_key && is_single_name(backup_key))
+        return true;
+    QMRT_LOG(LM_ERROR, "Invalid backup key '%s'\n",
+             backup_key ? names::shown(backup_key).c_str() : "");
+    return false;
+}
+
 bool Roach_Source::backup_meta(char const* backup_key) {
     Client_IO_Ex io;
-    if (!connect_pool(io, ""))
+    if (!is_backup_key(backup_key) || !connect_pool(io, ""))
         return false;
     std::string const folder = string_sprintf("%s/roach/%s", cluster_id_.c_str(), backup_key);
-    char const* const suffix = compression_value_to_suffix(compression_);
     json_spirit::Array pieces;
-    return put_meta(io, meta_path_ + "/" + META_FILE,
-                    string_sprintf("%s/%s%s", folder.c_str(), META_FILE, suffix), "roach meta file",
-                    pieces) &&
-           put_meta(io, meta_path_ + "/" + static_config(),
-                    string_sprintf("%s/%s%s", folder.c_str(), static_config().c_str(), suffix),
-                    "cluster config", pieces) &&
+    return put_meta(io, META_FILE, folder, "roach meta file", pieces) &&
+           put_meta(io, static_config(), folder, "cluster config", pieces) &&
            Catalog_Operator(-1, -1).add_piece(uuid_, pieces);
+}
+
+bool Roach_Source::get_meta(Client_IO_Ex& io, std::string const& name, char const* what) {
+    std::string content;
+    std::string const remote = name + compression_value_to_suffix(compression_);
+    if (!io.get_contents(remote.c_str(), content, Tool_Directory::MAX_FILE_SIZE)) {
+        QMRT_LOG(LM_ERROR, "Failed to restore %s, %s\n", what, io.error().c_str());
+        return false;
+    }
+    if (meta().write(name, content) == 0)
+        return true;
+    QMRT_LOG(LM_ERROR, "Failed to restore %s, %s/%s: %s\n", what, meta_path_.c_str(), name.c_str(),
+             refusal_text(errno).c_str());
+    return false;
 }
 
 bool Roach_Source::restore_meta(char const* backup_key) {
     Client_IO_Ex io;
-    if (!connect_pool(io, string_sprintf("%s/roach/%s", cluster_id_.c_str(), backup_key)))
-        return false;
-    char const* const suffix = compression_value_to_suffix(compression_);
-    std::string const meta_file = meta_path_ + "/" + META_FILE;
-    std::string const config_file = meta_path_ + "/" + static_config();
-    if (!io.get_file((std::string(META_FILE) + suffix).c_str(), meta_file.c_str(), WRITE_FLAGS,
-                     BUFFER_SIZE)) {
-        QMRT_LOG(LM_ERROR, "Failed to restore backups.ini, %s\n", io.error().c_str());
-        return false;
-    }
-    if (!io.get_file((static_config() + suffix).c_str(), config_file.c_str(), WRITE_FLAGS,
-                     BUFFER_SIZE)) {
-        QMRT_LOG(LM_ERROR, "Failed to restore cluster config, %s\n", io.error().c_str());
-        return false;
-    }
-    return chown_r(meta_file.c_str(), os_user_.c_str(), nullptr, false) == 0 &&
-           chown_r(config_file.c_str(), os_user_.c_str(), nullptr, false) == 0;
+    return is_backup_key(backup_key) &&
+           connect_pool(io, string_sprintf("%s/roach/%s", cluster_id_.c_str(), backup_key)) &&
+           get_meta(io, META_FILE, META_FILE) && get_meta(io, static_config(), "cluster config");
 }
 
 bool Roach_Source::restore_roach_metadata(json_spirit::Object const& catalog,
@@ -301,24 +396,33 @@ bool Roach_Source::restore_roach_metadata(json_spirit::Object const& catalog,
             "host_uuid", host_uuid, true)("backup_key", backup_key, true)(
             "meta_destination", meta_destination, true)("seq", seq, true);
         if (!is_single_name(backup_key))
-            throw json_spirit::Error("backup_key: '" + backup_key + "' is no name");
+            throw json_spirit::Error("backup_key: '" + names::shown(backup_key) + "' is no name");
+        // it comes from the pool's catalog or from another host, and is to lead nowhere else
+        if (meta_destination != meta_path_)
+            throw json_spirit::Error("meta_destination: '" + names::shown(meta_destination) +
+                                     "' is not this host's metadata directory");
 
-        std::string path = meta_destination + "/roach";
-        if (mkdir_p(path.c_str(), 0755) == -1 && errno != EEXIST) {
-            QMRT_LOG(LM_ERROR, "Failed to mkdir %s, errno=%d, %m\n", path.c_str(), errno);
+        Tool_Directory const meta(meta_path_, os_user);
+        std::string const folder = meta_path_ + "/" + TOOL_FOLDER;
+        std::string const path = folder + "/" + backup_key;
+        if (meta.make() == -1 || meta.make_directory(TOOL_FOLDER) == -1) {
+            QMRT_LOG(LM_ERROR, "Failed to mkdir %s, errno=%d, %m\n", folder.c_str(), errno);
             return false;
         }
-        chown_r(path.c_str(), os_user.c_str(), nullptr, false);
-        path += "/" + backup_key;
-        if (is_directory(path.c_str())) {
+        if (meta.has_directory(std::string(TOOL_FOLDER) + "/" + backup_key)) {
             if (!new_cluster)
                 return true;
-            rm_rf(path.c_str());
+            if (meta.remove(TOOL_FOLDER, backup_key) == -1)
+                QMRT_LOG(LM_WARNING, "Failed to remove %s, errno=%d, %m\n", path.c_str(), errno);
         }
 
         std::shared_ptr<MTF::Event_Handler> const handler(new (std::nothrow) GaussDB_Event_Handler);
         if (!handler) {
             errno = ENOMEM;
+            return false;
+        }
+        if (make_private_directory(cache_dir) == -1) {
+            QMRT_LOG(LM_ERROR, "Failed to mkdir %s, errno=%d, %m\n", cache_dir.c_str(), errno);
             return false;
         }
         MTF_Restore restore(handler, log_msg_callback);
@@ -336,11 +440,10 @@ bool Roach_Source::restore_roach_metadata(json_spirit::Object const& catalog,
         }
         std::string const restored =
             metadata_directory(cache_dir + "/" + meta_destination, backup_key);
-        if (std::rename(restored.c_str(), path.c_str()) == -1) {
+        if (meta.take_in(restored, TOOL_FOLDER, backup_key) == -1) {
             QMRT_LOG(LM_ERROR, "Failed to restore %s, errno=%d, %m\n", path.c_str(), errno);
             return false;
         }
-        chown_r(path.c_str(), os_user.c_str(), nullptr, false);
         return true;
     } catch (std::exception const& error) {
         QMRT_LOG(LM_ERROR, "Invalid gaussdb catalog, %s\n", error.what());

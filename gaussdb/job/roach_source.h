@@ -2,12 +2,14 @@
 #define GAUSSDB_JOB_ROACH_SOURCE_H
 
 #include "gaussdb/common/gaussdb_const.h"
+#include "gaussdb/job/tool_directory.h"
 #include "host/storage/compression.h"
 #include "host/storage/rate_limits.h"
 #include "json_spirit/value.h"
 
 #include <ace/Basic_Types.h>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -39,8 +41,8 @@ public:
      * @param device_uuid  the device that the pool is on
      * @param uuid         of the backup set
      * @param os_user      the cluster's operating-system user, who gets the local files
-     * @param policy_name  a file name; one that is none makes dump_policy() and remove_policy()
-     *                     fail
+     * @param policy_name  a name that is_run_name() accepts; another one makes dump_policy() and
+     *                     remove_policy() fail
      */
     Roach_Source(std::string cluster_id, std::string device_uuid, std::string pool_uuid,
                  std::string uuid, Compression_Method compression, int compression_level,
@@ -48,8 +50,13 @@ public:
                  Rate_Limits const& rate_limits, GaussDB_Version const& version, bool full_backup,
                  std::string policy_name);
 
-    /** Makes the metadata and the media directory and gives them to the cluster's user. */
+    /**
+     * Makes the metadata and the media directory and gives them to the cluster's user. Another
+     * user's are set aside; see Tool_Directory.
+     */
     bool create_path();
+    /** Empties the metadata directory, with what another user has there set aside. */
+    void delete_meta();
     /** Makes the directories and writes the policy file: whole, and never readable by others. */
     bool dump_policy();
     /** Removes the policy file and the 100 series' metadata file; neither need be there. */
@@ -75,6 +82,12 @@ public:
     bool remove(std::vector<std::string> const& host_uuids, std::set<std::string>* dirs,
                 std::string const& definition_uuid);
 
+    /**
+     * Removes postmaster.pid in those of the directories that belong to the cluster's user: to the
+     * owner of the policy where this object does not name the user.
+     */
+    void remove_pid_files(std::vector<std::string> const& directories) const;
+
     /** Puts the metadata file and the static configuration of a backup into the pool and adds both
      * to the set. */
     bool backup_meta(char const* backup_key);
@@ -83,8 +96,9 @@ public:
 
     /**
      * Brings a backup's metadata directory back out of its archive.
-     * @param catalog      "minor_resource_id", "host_uuid", "backup_key", "meta_destination", "seq"
-     * @param cache_dir    where it is unpacked before it moves to its place
+     * @param catalog      "minor_resource_id", "host_uuid", "backup_key", "meta_destination",
+     *                     "seq"; the destination has to be meta_path()
+     * @param cache_dir    where it is unpacked before it moves to its place; made for root alone
      * @param new_cluster  a directory that is there is replaced; else it is left as it is, and that
      *                     is a success
      * @param log_msg_callback  gets what is logged during the restore; may be null
@@ -106,10 +120,21 @@ public:
     std::string const& meta_path() const { return meta_path_; }
     std::string const& media_path() const { return media_path_; }
 
+    /** The cluster's user; none for an unknown name. */
+    std::optional<uid_t> user_id() const;
+
+    /** True for an id, which can be a name in a path: see names::fault_of_id(). */
+    static bool is_single_name(std::string const& name);
     /**
-     * The directory of a job definition's restored metadata, "" for an id that is no single name.
+     * True for what can be the name of a policy or of a job's directory: a single name which is not
+     * one of the files that are kept beside them, as those of a cluster that is known here.
+     */
+    static bool is_run_name(std::string const& name);
+    /** The directory of a job definition's restored metadata, "" for an id that is no run's name.
      */
     static std::string cache_directory(std::string const& definition_uuid);
+    /** Removes it; false for an id that is no run's name, and for what is not such a directory. */
+    static bool remove_cache_directory(std::string const& definition_uuid);
 
 private:
     std::string policy_file() const;
@@ -117,8 +142,12 @@ private:
     json_spirit::Object add_request() const;
     bool add_here(char const* backup_key, bool delete_meta);
     bool connect_pool(Client_IO_Ex& io, std::string const& folder);
-    bool put_meta(Client_IO_Ex& io, std::string const& local, std::string const& remote,
+    bool put_meta(Client_IO_Ex& io, std::string const& name, std::string const& folder,
                   char const* what, json_spirit::Array& pieces);
+    bool get_meta(Client_IO_Ex& io, std::string const& name, char const* what);
+    static bool is_backup_key(char const* backup_key);
+    bool are_ids_valid() const;
+    Tool_Directory meta() const;
     std::string static_config() const;
     std::string compression_name() const;
 

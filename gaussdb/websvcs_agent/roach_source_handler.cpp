@@ -1,13 +1,13 @@
 #include "gaussdb/websvcs_agent/roach_source_handler.h"
 
 #include "gaussdb/job/roach_source.h"
+#include "host/process/password_file_entry.h"
 #include "json_spirit/access.h"
-#include "qmrt/file.h"
 #include "qmrt/log.h"
+#include "qmrt/names.h"
 
 #include <exception>
 #include <new>
-#include <unistd.h>
 
 namespace {
 
@@ -63,10 +63,37 @@ struct Roach_Request {
     }
 };
 
+void require(bool valid, char const* key, std::string const& value) {
+    if (!valid)
+        throw json_spirit::Error(std::string(key) + ": '" + names::shown(value) +
+                                 "' is not accepted");
+}
+
 /** A text that becomes a name in the cache directory. */
-void require_name(char const* key, std::string const& name) {
-    if (!name.empty() && Roach_Source::cache_directory(name).empty())
-        throw json_spirit::Error(std::string(key) + ": '" + name + "' is no name");
+void require_run_name(char const* key, std::string const& name) {
+    require(name.empty() || Roach_Source::is_run_name(name), key, name);
+}
+
+/** A text that becomes a name in the pool or in the metadata directory. */
+void require_name(char const* key, std::string const* name) {
+    require(!name || name->empty() || Roach_Source::is_single_name(*name), key, name ? *name : "");
+}
+
+/** Whoever asks: a policy is a database's user's, and only that user's metadata is deleted. */
+void check_targets(Roach_Request const& request) {
+    require_name("cluster_id", request.cluster_id);
+    require_name("pool_uuid", request.pool_uuid);
+    require_name("uuid", request.uuid);
+    require_name("backup_key", request.backup_key);
+    require_run_name("policy_name", request.policy_name);
+    if (request.definition_uuid)
+        require_run_name("definition_uuid", *request.definition_uuid);
+    Password_File_Entry user;
+    if (request.os_user && user.get(request.os_user->c_str()) == 0)
+        require(user.uid() != 0, "os_user", *request.os_user);
+    if (request.delete_meta_path && !request.delete_meta_path->empty())
+        require(*request.delete_meta_path == request.source().meta_path(), "delete_meta_path",
+                *request.delete_meta_path);
 }
 
 /** Reads the params; throws for what is missing, of another kind, or no name where one is meant. */
@@ -92,10 +119,8 @@ void read(json_spirit::Object const& params, Roach_Request& request) {
                                                  true)("policy_name", request.policy_name, true);
         ex("dirs", request.dirs, false)("definition_uuid", request.definition_uuid, false);
     }
-    require_name("policy_name", request.policy_name);
-    if (request.definition_uuid)
-        require_name("definition_uuid", *request.definition_uuid);
     json_spirit::extract(params)("backup_key", request.backup_key);
+    check_targets(request);
 }
 
 bool is_given(std::string const* text) {
@@ -112,7 +137,7 @@ Source_Outcome remove_source(Roach_Request const& request) {
     if (!request.pool_uuid)
         return {JSON_RPC_INVALID_PARAMS, INVALID_SOURCE};
     if (is_given(request.definition_uuid))
-        rm_rf(Roach_Source::cache_directory(*request.definition_uuid).c_str());
+        Roach_Source::remove_cache_directory(*request.definition_uuid);
     if (!request.source().remove_policy())
         return {JSON_RPC_INTERNAL_ERROR, "Failed to remove roach policy\n"};
     return {};
@@ -132,9 +157,9 @@ Source_Outcome add_source(Roach_Request const& request) {
     if (!request.cluster_id || !request.device_uuid || !request.pool_uuid || !request.uuid ||
         !request.compression || !request.os_user)
         return {JSON_RPC_INVALID_PARAMS, INVALID_SOURCE};
-    if (is_given(request.delete_meta_path))
-        rm_rf(request.delete_meta_path->c_str());
     Roach_Source source = request.source();
+    if (is_given(request.delete_meta_path))
+        source.delete_meta();
     if (!source.dump_policy())
         return {JSON_RPC_INTERNAL_ERROR, "Failed to write roach policy\n"};
     if (request.version != GAUSSDB_200)
@@ -170,9 +195,10 @@ int JSON_RPC_Roach_Source_Handler::handle_roach_source(JSON_RPC_Channel* channel
     Roach_Request wanted;
     try {
         read(request->params().get_obj(), wanted);
-        if (wanted.dirs)
-            for (std::string const& directory : json_spirit::strings_of(*wanted.dirs))
-                unlink((directory + "/postmaster.pid").c_str());
+        if (wanted.dirs) {
+            auto const directories = json_spirit::strings_of(*wanted.dirs);
+            wanted.source().remove_pid_files({directories.begin(), directories.end()});
+        }
     } catch (std::exception const& error) {
         QMRT_LOG(LM_ERROR, "Failed to add roach source, %s\n", error.what());
         return channel->send_error(JSON_RPC_INVALID_PARAMS, request->id(), INVALID_SOURCE);

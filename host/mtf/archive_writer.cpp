@@ -137,6 +137,10 @@ bool Archive_Writer::open_source(Source_Item const& item, File_Descriptor& file,
         report_.skipped(item.path, E_GET_SOURCE_DATA, strerror(errno));
         return false;
     }
+    if (!item.may_be_read(status)) {
+        report_.skipped(item.path, E_GET_SOURCE_DATA, strerror(EPERM));
+        return false;
+    }
     if ((status.st_mode & S_IFMT) == (item.status.st_mode & S_IFMT))
         return true;
     report_.skipped(item.path, E_GET_SOURCE_DATA, "it became something else meanwhile");

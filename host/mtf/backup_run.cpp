@@ -16,9 +16,9 @@ bool has_more_names(struct stat const& status) {
 
 } // namespace
 
-Error_Code Backup_Run::run(std::vector<std::string> const& sources) {
+Error_Code Backup_Run::run(std::vector<std::string> const& sources, std::optional<uid_t> owner) {
     for (std::string const& source : sources)
-        if (!walk_source(source, *this))
+        if (!walk_source(source, *this, owner))
             return code_;
     return E_OK;
 }

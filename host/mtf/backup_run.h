@@ -27,8 +27,13 @@ public:
           prior_(prior),
           clock_(std::move(clock)) {}
 
-    /** @param sources  as normalize_sources() gives them. A failure has been logged. */
-    Error_Code run(std::vector<std::string> const& sources);
+    /**
+     * @param sources  as normalize_sources() gives them
+     * @param owner    see walk_source()
+     * @return a failure has been logged
+     */
+    Error_Code run(std::vector<std::string> const& sources,
+                   std::optional<uid_t> owner = std::nullopt);
 
 private:
     using File_Id = std::pair<dev_t, ino_t>;

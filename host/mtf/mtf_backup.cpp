@@ -111,7 +111,7 @@ Error_Code MTF_Backup::backup_to(Archive_Store& store, std::string const& uri,
         return report.failed(E_WRITE_TO_STORAGE,
                              "Failed to create archive " + archive_name + ", " + writer.error());
     Backup_Run run(writer, catalogue, report, seq, has_prior ? &prior : nullptr, clock_);
-    if (Error_Code const code = run.run(sources); code != E_OK)
+    if (Error_Code const code = run.run(sources, source_owner_); code != E_OK)
         return code;
     if (catalogue.entries() == 0)
         return report.failed(E_NO_FILES_BACKUPED, "No files were backed up");

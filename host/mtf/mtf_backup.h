@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -74,6 +75,12 @@ public:
     void add_source(std::string const& path) { sources_.push_back(path); }
 
     /**
+     * The sources lie where this user can put anything: only what belongs to the user is saved, the
+     * rest is left out as unreadable, and no link is followed, not even one given as a source.
+     */
+    void source_owner(uid_t value) { source_owner_ = value; }
+
+    /**
      * Does the backup.
      * @param uri  folder below the pool's; "" for default_uri() of host_uuid and minor_resource_id
      * @return true when there is an archive in the pool now, also when it lacks files: then
@@ -108,6 +115,7 @@ private:
     int compression_level_ = 0;
     bool incremental_ = false;
     std::vector<std::string> sources_;
+    std::optional<uid_t> source_owner_;
     Client_IO_Base::Options extra_client_io_opts_;
     std::shared_ptr<MTF::Archive_Store> store_;
     std::function<int64_t()> clock_;

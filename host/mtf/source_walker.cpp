@@ -53,11 +53,11 @@ bool read_names(File_Descriptor const& directory, std::vector<std::string>& name
 
 class Walk {
 public:
-    explicit Walk(Source_Visitor& visitor) : visitor_(visitor) {}
+    Walk(Source_Visitor& visitor, std::optional<uid_t> owner) : visitor_(visitor), owner_(owner) {}
 
     bool run(std::string const& source) {
-        Source_Item item{entry_name(source), source, {}, AT_FDCWD, source, true};
-        if (!look(item, 0))
+        Source_Item item{entry_name(source), source, {}, AT_FDCWD, source, !owner_, owner_};
+        if (!look(item, owner_ ? AT_SYMLINK_NOFOLLOW : 0))
             return true;
         if (!show(item))
             return false;
@@ -77,15 +77,23 @@ public:
 
 private:
     bool look(Source_Item& item, int flags) {
-        if (fstatat(item.parent, item.base.c_str(), &item.status, flags) == 0)
+        if (fstatat(item.parent, item.base.c_str(), &item.status, flags) == -1)
+            visitor_.unreadable(item.path, errno);
+        else if (item.may_be_read(item.status))
             return true;
-        visitor_.unreadable(item.path, errno);
+        else
+            visitor_.unreadable(item.path, EPERM);
         return false;
     }
 
     bool show_child(Frame const& frame, std::string const& base) {
-        Source_Item item{
-            frame.name + "/" + base, frame.path + "/" + base, {}, frame.fd.get(), base, false};
+        Source_Item item{frame.name + "/" + base,
+                         frame.path + "/" + base,
+                         {},
+                         frame.fd.get(),
+                         base,
+                         false,
+                         owner_};
         // no path that long could be given to a system call when it is restored
         if (item.path.size() >= PATH_MAX) {
             visitor_.unreadable(item.path, ENAMETOOLONG);
@@ -99,6 +107,11 @@ private:
         if (next != Source_Visitor::GO_ON || !S_ISDIR(item.status.st_mode))
             return next != Source_Visitor::STOP;
         Frame frame{item.open(), item.name, item.path, {}};
+        struct stat opened;
+        if (frame.fd && (fstat(frame.fd.get(), &opened) == -1 || !item.may_be_read(opened))) {
+            frame.fd.reset();
+            errno = EPERM;
+        }
         if (!frame.fd || !read_names(frame.fd, frame.children))
             visitor_.unreadable(item.path, errno);
         if (frame.fd)
@@ -107,6 +120,7 @@ private:
     }
 
     Source_Visitor& visitor_;
+    std::optional<uid_t> const owner_;
     std::vector<Frame> frames_;
 };
 
@@ -150,8 +164,8 @@ bool normalize_sources(std::vector<std::string>& sources, std::string& bad) {
     return true;
 }
 
-bool walk_source(std::string const& source, Source_Visitor& visitor) {
-    return Walk(visitor).run(source);
+bool walk_source(std::string const& source, Source_Visitor& visitor, std::optional<uid_t> owner) {
+    return Walk(visitor, owner).run(source);
 }
 
 } // namespace MTF

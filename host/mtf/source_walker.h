@@ -3,6 +3,7 @@
 
 #include "qmrt/file.h"
 
+#include <optional>
 #include <string>
 #include <sys/stat.h>
 #include <vector>
@@ -18,12 +19,16 @@ struct Source_Item {
     int parent;       ///< directory that it stands in, AT_FDCWD for a source
     std::string base; ///< its name there
     bool is_source;
+    std::optional<uid_t> owner = std::nullopt; ///< whose it has to be; anybody's without a value
 
+    /** True where the item, by what an open descriptor says, may be read. */
+    bool may_be_read(struct stat const& opened) const { return !owner || opened.st_uid == *owner; }
     /**
      * Opens a regular file or a directory for reading, in the very directory where it was found, so
      * that nobody who swaps a directory for a link meanwhile can lead the reader elsewhere. Never
      * waits, not even for a FIFO that took the file's place.
-     * @return nothing, with errno set, on a failure
+     * @return nothing, with errno set, on a failure; what is opened may be another file than that
+     *         of status: see may_be_read()
      */
     File_Descriptor open() const;
     /** The text of a symbolic link. @return false, with errno set */
@@ -56,9 +61,12 @@ bool normalize_sources(std::vector<std::string>& sources, std::string& bad);
 /**
  * Shows a source and all that is below it, in the order of compare_entry_names(). A source that is
  * a symbolic link is what the link points at; other links are not followed.
+ * @param owner  with a value, not even that link is followed, and what belongs to another user is
+ *               told as unreadable, with EPERM: the sources lie where that user can put anything
  * @return false when the visitor ended the walk
  */
-bool walk_source(std::string const& source, Source_Visitor& visitor);
+bool walk_source(std::string const& source, Source_Visitor& visitor,
+                 std::optional<uid_t> owner = std::nullopt);
 
 } // namespace MTF
 

@@ -1,5 +1,7 @@
 #include "qmrt/file.h"
 
+#include "qmrt/guarded_file.h"
+
 #include "qmrt/path.h"
 #include "tests/support/temporary_directory.h"
 
@@ -164,6 +166,29 @@ protected:
     uid_t uid_ = 0;
     gid_t gid_ = 0;
 };
+
+TEST_F(Chown_Test, a_user_who_fills_a_tree_cannot_keep_rm_rf_from_its_end) {
+    files_.write("tree/inner/file", "x");
+    std::string const inner = files_.path("tree/inner");
+    ASSERT_EQ(0, chmod(files_.path().c_str(), 0755));
+    ASSERT_EQ(0, chown_r(at("tree"), "nobody"));
+    std::atomic<bool> stop = false;
+    std::atomic<bool> ready = false;
+    std::thread filler([&] {
+        // as the user, in the directory itself, so that no name has to lead there any more
+        As_File_User const user(uid_);
+        File_Descriptor const directory(open(inner.c_str(), O_RDONLY | O_DIRECTORY));
+        ready = true;
+        for (uint64_t number = 0; directory && !stop; ++number)
+            mkdirat(directory.get(), std::to_string(number).c_str(), 0755);
+    });
+    while (!ready)
+        std::this_thread::yield();
+    EXPECT_EQ(0, rm_rf(at("tree")));
+    stop = true;
+    filler.join();
+    EXPECT_FALSE(files_.exists("tree"));
+}
 
 TEST_F(Chown_Test, a_tree_goes_to_the_user_and_the_users_group) {
     files_.write("a/b/c", "x");

@@ -210,6 +210,8 @@ TEST_F(GaussDB_Restore_Job_Executor_Test,
     cluster_->info(info);
     files_.write("dn1/postmaster.pid", "1");
     files_.write("dn2/postmaster.pid", "1");
+    for (char const* directory : {"dn1", "dn2"})
+        EXPECT_EQ(0, chown_r(files_.path(directory).c_str(), USER));
     EXPECT_EQ(SUCCESS, restore());
     EXPECT_FALSE(files_.exists("dn1/postmaster.pid"));
     EXPECT_FALSE(files_.exists("dn2/postmaster.pid"));

@@ -4,6 +4,8 @@
 #include "tests/support/temporary_directory.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -144,7 +146,22 @@ TEST_F(Roach_Meta_Parser_Test, text_cut_at_every_byte_is_a_fault) {
 TEST_F(Roach_Meta_Parser_Test, a_line_of_100_mb_is_refused) {
     backups(std::string(100 << 20, ' '));
     EXPECT_FALSE(parser_.has_backup_key("1_1"));
-    EXPECT_LOGGED(LM_ERROR, "its line is too long");
+    EXPECT_LOGGED(LM_ERROR, "backups.ini: it is too large\n");
+}
+
+TEST_F(Roach_Meta_Parser_Test, a_link_and_a_file_of_another_user_are_not_read) {
+    std::string const text = "{\"BackupDetails\":[{\"BackupKey\":\"1_1\",\"BackupSize\":1}]}";
+    files_.write("elsewhere", text);
+    ASSERT_EQ(0, chmod(files_.path().c_str(), 0777));
+    ASSERT_EQ(0, symlink(files_.path("elsewhere").c_str(), files_.path("backups.ini").c_str()));
+    EXPECT_FALSE(parser_.has_backup_key("1_1"));
+    EXPECT_LOGGED(LM_ERROR, "backups.ini: it is, or is reached by, a symbolic link\n");
+    ASSERT_EQ(0, unlink(files_.path("backups.ini").c_str()));
+    ASSERT_EQ(0, link(files_.path("elsewhere").c_str(), files_.path("backups.ini").c_str()));
+    EXPECT_TRUE(Roach_Meta_Parser(files_.path(), GAUSSDB_200, geteuid()).has_backup_key("1_1"));
+    EXPECT_FALSE(
+        Roach_Meta_Parser(files_.path(), GAUSSDB_200, geteuid() + 1).has_backup_key("1_1"));
+    EXPECT_LOGGED(LM_ERROR, "backups.ini: it belongs to another user\n");
 }
 
 TEST_F(Roach_Meta_Parser_Test, of_duplicate_keys_in_an_entry_the_last_counts) {

@@ -491,13 +491,74 @@ TEST_F(Roach_Metadata_Test, an_archive_that_is_not_there) {
     EXPECT_FALSE(exists(root("meta/roach/1_1")));
 }
 
-TEST_F(Roach_Metadata_Test, an_archive_of_another_directory) {
-    write(root("meta/roach/1_1/x"), "x");
+TEST_F(Roach_Metadata_Test, a_destination_elsewhere_is_refused) {
+    for (std::string const& place : {root("other"), root("meta/.."), std::string("/etc")}) {
+        Object other = catalog();
+        other["meta_destination"] = Value(place);
+        EXPECT_FALSE(restore(true, other)) << place;
+        EXPECT_LOGGED(LM_ERROR, "Invalid gaussdb catalog, meta_destination: '" + place +
+                                    "' is not this host's metadata directory");
+    }
+    EXPECT_FALSE(exists(root("other")));
+}
+
+TEST_F(Roach_Metadata_Test, links_in_the_tools_directory_lead_root_nowhere) {
+    write(root("meta/roach/1_1/x"), "archived");
     archive();
-    Object other = catalog();
-    other["meta_destination"] = Value(root("other"));
-    EXPECT_FALSE(restore(false, other));
-    EXPECT_LOGGED(LM_ERROR, "Failed to restore " + root("other/roach/1_1") + ", errno=2, ");
+    // what belongs to others, and has to stay as it is
+    write(root("root/1_1/shadow"), "secret");
+    auto const give = [](std::string const& path) {
+        ASSERT_EQ(0, lchown(path.c_str(), getpwnam(USER)->pw_uid, getpwnam(USER)->pw_gid));
+    };
+    auto const expect_untouched = [&] {
+        struct stat status;
+        EXPECT_EQ("secret", content(root("root/1_1/shadow")));
+        ASSERT_EQ(0, stat(root("root/1_1").c_str(), &status));
+        EXPECT_EQ(geteuid(), status.st_uid);
+        ASSERT_EQ(0, stat(root("root/1_1/shadow").c_str(), &status));
+        EXPECT_EQ(geteuid(), status.st_uid);
+    };
+    rm_rf(root("meta/roach").c_str());
+    ASSERT_EQ(0, symlink(root("root").c_str(), root("meta/roach").c_str()));
+    give(root("meta/roach"));
+    EXPECT_FALSE(restore(true, catalog()));
+    EXPECT_LOGGED(LM_ERROR, "Failed to mkdir " + root("meta/roach") + ", errno=");
+    expect_untouched();
+
+    rm_rf(root("meta/roach").c_str());
+    write(root("meta/roach/other"), "");
+    ASSERT_EQ(0, symlink(root("root/1_1").c_str(), root("meta/roach/1_1").c_str()));
+    EXPECT_FALSE(restore(true, catalog()));
+    EXPECT_LOGGED(LM_ERROR, "Failed to restore " + root("meta/roach/1_1") + ", errno=20, ");
+    expect_untouched();
+}
+
+TEST_F(Roach_Metadata_Test, what_others_own_does_not_get_into_the_archive) {
+    write(root("meta/roach/1_1/x"), "mine");
+    write(root("secret"), "root's own");
+    ASSERT_EQ(0, link(root("secret").c_str(), root("meta/roach/1_1/y").c_str()));
+    auto const save = [&](std::string const& source) {
+        MTF_Backup backup(std::make_shared<GaussDB_Event_Handler>(), MTF::Metadata(), {});
+        backup.pool_uuid("pool-1");
+        backup.host_uuid("host-1");
+        backup.minor_resource_id("minor-1");
+        backup.seq(2);
+        backup.source_owner(getpwnam(USER)->pw_uid);
+        backup.add_source(source);
+        return backup.backup("") ? backup.saved_entries() : 0;
+    };
+    EXPECT_EQ(2u, save(root("meta/roach/1_1"))); // the directory and x
+    EXPECT_LOGGED(LM_WARNING, root("meta/roach/1_1/y"));
+    rm_rf(root("meta").c_str());
+    EXPECT_TRUE(restore(false, catalog()));
+    EXPECT_EQ("mine", content(root("meta/roach/1_1/x")));
+    EXPECT_FALSE(exists(root("meta/roach/1_1/y")));
+
+    rm_rf(root("meta/roach/1_1").c_str());
+    ASSERT_EQ(0, symlink(ROOT, root("meta/roach/1_1").c_str()));
+    EXPECT_EQ(0u, save(root("meta/roach/1_1")));
+    Log_Capture::instance().claim_all(LM_WARNING, "");
+    Log_Capture::instance().claim_all(LM_ERROR, "");
 }
 
 TEST_F(Roach_Metadata_Test, a_catalog_entry_that_is_none) {
@@ -519,7 +580,7 @@ TEST_F(Roach_Metadata_Test, a_catalog_entry_that_is_none) {
 TEST_F(Roach_Metadata_Test, a_place_that_cannot_be_made) {
     write(root("meta"), "a file");
     EXPECT_FALSE(restore(false, catalog()));
-    EXPECT_LOGGED(LM_ERROR, "Failed to mkdir " + root("meta/roach") + ", errno=20, ");
+    EXPECT_LOGGED(LM_ERROR, "Failed to mkdir " + root("meta/roach") + ", errno=17, ");
 }
 
 TEST_F(Roach_Metadata_Test, without_memory_for_the_handler) {
@@ -538,7 +599,113 @@ TEST_F(Roach_Metadata_Test, the_plain_directory_is_preferred_and_the_tools_own_i
     EXPECT_EQ(root("meta/1_1"), Roach_Source::metadata_directory(root("meta"), "1_1"));
 }
 
-// single names
+// another user's files
+
+TEST_F(Roach_Source_Test, links_and_files_of_others_do_not_get_into_the_pool) {
+    catalog_->add_row(Object{{"uuid", "set-1"}});
+    leave_metadata();
+    write(root("secret"), "of root");
+    std::string const meta_file = root("meta/backups.ini");
+    auto const replace = [&](auto make) {
+        ASSERT_EQ(0, unlink(meta_file.c_str()));
+        ASSERT_EQ(0, make(root("secret").c_str(), meta_file.c_str()));
+    };
+    replace(symlink);
+    EXPECT_FALSE(source().backup_meta("1_1"));
+    EXPECT_LOGGED(LM_ERROR, "meta/backups.ini: it is, or is reached by, a symbolic link");
+    replace(link);
+    EXPECT_FALSE(source().backup_meta("1_1"));
+    EXPECT_LOGGED(LM_ERROR, "meta/backups.ini: it belongs to another user");
+    replace([](char const*, char const* name) { return mkfifo(name, 0666); });
+    EXPECT_FALSE(source().backup_meta("1_1"));
+    EXPECT_LOGGED(LM_ERROR, "meta/backups.ini: it is not a regular file");
+    EXPECT_EQ(0u, pool_.files());
+}
+
+TEST_F(Roach_Source_Test, a_restore_writes_through_no_link) {
+    catalog_->add_row(Object{{"uuid", "set-1"}});
+    leave_metadata();
+    EXPECT_TRUE(source().backup_meta("1_1"));
+    write(root("victim"), "v");
+    for (std::string const name : {"meta/backups.ini", "meta/bak_cluster_static_config.common"}) {
+        ASSERT_EQ(0, unlink(root(name).c_str()));
+        ASSERT_EQ(0, symlink(root("victim").c_str(), root(name).c_str()));
+    }
+    EXPECT_TRUE(source().restore_meta("1_1"));
+    EXPECT_EQ("v", content(root("victim")));
+    EXPECT_EQ("the metadata", content(root("meta/backups.ini")));
+    struct stat status;
+    ASSERT_EQ(0, stat(root("victim").c_str(), &status));
+    EXPECT_EQ(geteuid(), status.st_uid);
+}
+
+TEST_F(Roach_Source_Test, another_users_metadata_is_set_aside_and_comes_back) {
+    Roach_Source other("c", "d", "pool-1", "s", COMPR_NONE, 0, "nobody", 0, 0, Rate_Limits(),
+                       GAUSSDB_A_811, true, "policy-2");
+    leave_metadata();
+    EXPECT_TRUE(other.create_path());
+    EXPECT_FALSE(exists(root("meta/backups.ini")));
+    other.delete_meta();
+    EXPECT_TRUE(other.create_path());
+    EXPECT_TRUE(source().create_path());
+    EXPECT_EQ("the metadata", content(root("meta/backups.ini")));
+    struct stat status;
+    ASSERT_EQ(0, stat(root("meta").c_str(), &status));
+    EXPECT_EQ(getpwnam(USER)->pw_uid, status.st_uid);
+}
+
+TEST_F(Roach_Source_Test, pid_files_go_only_from_the_users_own_directories) {
+    write(root("dn1/postmaster.pid"), "1");
+    write(root("other/postmaster.pid"), "2"); // root's
+    ASSERT_EQ(0, symlink(root("other").c_str(), root("dn1/link").c_str()));
+    source().remove_pid_files({root("dn1"), root("dn1/link"), root("other"), root("none")});
+    EXPECT_LOGGED(LM_WARNING, "Not removing postmaster.pid in " + root("dn1/link"));
+    EXPECT_LOGGED(LM_WARNING, "Not removing postmaster.pid in " + root("other"));
+    EXPECT_FALSE(exists(root("dn1/postmaster.pid")));
+    EXPECT_TRUE(exists(root("other/postmaster.pid")));
+}
+
+// names
+
+TEST_F(Roach_Source_Test, names_of_the_registrys_own_files_are_refused) {
+    write(root("c1_env"), "{}");
+    write(root("c1/cluster_static_config"), "x");
+    for (char const* name :
+         {"c1", "c1_env", "x_env", "x_act", "meta", "media", "meta.1000", ".x"}) {
+        EXPECT_FALSE(Roach_Source::is_run_name(name)) << name;
+        EXPECT_EQ("", Roach_Source::cache_directory(name)) << name;
+        EXPECT_FALSE(source(GAUSSDB_200, 8, COMPR_NONE, name).dump_policy()) << name;
+        EXPECT_LOGGED(LM_ERROR, "Invalid policy name '" + std::string(name) + "'");
+    }
+    EXPECT_TRUE(Roach_Source::is_run_name("c2"));
+    EXPECT_EQ("{}", content(root("c1_env")));
+    EXPECT_EQ("x", content(root("c1/cluster_static_config")));
+}
+
+TEST_F(Roach_Source_Test, a_directory_of_another_user_is_no_cache_directory) {
+    write(root("def-1/x"), "x");
+    ASSERT_EQ(0, chown(root("def-1").c_str(), getpwnam(USER)->pw_uid, 0));
+    EXPECT_FALSE(Roach_Source::remove_cache_directory("def-1"));
+    EXPECT_TRUE(exists(root("def-1/x")));
+    ASSERT_EQ(0, chown(root("def-1").c_str(), geteuid(), 0));
+    EXPECT_TRUE(Roach_Source::remove_cache_directory("def-1"));
+    EXPECT_FALSE(exists(root("def-1")));
+    EXPECT_TRUE(Roach_Source::remove_cache_directory("def-1"));
+}
+
+TEST_F(Roach_Source_Test, ids_and_keys_that_are_no_names_reach_no_pool) {
+    for (char const* id : {"..", "a/b", "a b", "a\nb"}) {
+        Roach_Source bad(id, "d", "pool-1", "s", COMPR_NONE, 0, USER, 0, 0, Rate_Limits(),
+                         GAUSSDB_A_811, true, "policy-1");
+        EXPECT_FALSE(bad.dump_policy()) << id;
+        EXPECT_LOGGED(LM_ERROR, "Invalid id of a cluster or a backup set: ");
+        EXPECT_FALSE(source().backup_meta(id)) << id;
+        EXPECT_LOGGED(LM_ERROR, "Invalid backup key '");
+        EXPECT_FALSE(source().restore_meta(id)) << id;
+        EXPECT_LOGGED(LM_ERROR, "Invalid backup key '");
+    }
+    EXPECT_FALSE(exists(root("policy-1")));
+}
 
 TEST_F(Roach_Source_Test, the_cache_directory_of_a_definition) {
     EXPECT_EQ(root("0011-22"), Roach_Source::cache_directory("0011-22"));

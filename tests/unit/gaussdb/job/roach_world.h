@@ -76,6 +76,11 @@ protected:
     static void write(std::string const& path, std::string const& text) {
         EXPECT_EQ(0, mkdir_p(dirname_string(path).c_str(), 0755));
         EXPECT_EQ(0, write_file_atomically(path.c_str(), text, 0644));
+        // what the tool or the database has made is its user's
+        for (std::string const& owned : {root("meta"), root("dn1")})
+            if (path.starts_with(owned)) {
+                EXPECT_EQ(0, chown_r(owned.c_str(), USER));
+            }
     }
     static bool exists(std::string const& path) {
         return std::filesystem::exists(std::filesystem::symlink_status(path));

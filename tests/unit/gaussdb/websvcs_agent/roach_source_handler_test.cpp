@@ -198,6 +198,41 @@ TEST_F(Roach_Source_Handler_Test, the_metadata_directory_goes_first) {
     EXPECT_FALSE(exists(root("meta/roach")));
 }
 
+TEST_F(Roach_Source_Handler_Test, nothing_but_the_metadata_directory_is_deleted) {
+    write(root("keep/file"), "x");
+    for (std::string const& path : {root("keep"), root("meta/../keep"), root("meta/"),
+                                    root("media"), std::string("/"), std::string("meta")})
+        expect_invalid(with(add(), "delete_meta_path", path), path);
+    EXPECT_EQ("x", content(root("keep/file")));
+    EXPECT_FALSE(exists(root("policy-1")));
+}
+
+TEST_F(Roach_Source_Handler_Test, names_of_the_registrys_own_files) {
+    write(root("c1_env"), "{}");
+    write(root("c1/static"), "x");
+    for (char const* name : {"c1", "c1_env", "meta", "media"}) {
+        expect_invalid(with(add(), "policy_name", name), name);
+        expect_invalid(with(add(), "definition_uuid", name), name);
+        expect_invalid(with(remove(), "policy_name", name), name);
+        expect_invalid(with(remove(), "definition_uuid", name), name);
+    }
+    for (char const* key : {"cluster_id", "uuid", "backup_key", "pool_uuid"})
+        expect_invalid(with(add(), key, "../x"), key);
+    EXPECT_EQ("{}", content(root("c1_env")));
+    EXPECT_EQ("x", content(root("c1/static")));
+}
+
+TEST_F(Roach_Source_Handler_Test, root_gets_no_policy) {
+    expect_invalid(with(add(), "os_user", "root"), "os_user");
+    EXPECT_FALSE(exists(root("policy-1")));
+}
+
+TEST_F(Roach_Source_Handler_Test, without_a_policy_there_are_no_directories_of_a_run) {
+    write(root("dn1/postmaster.pid"), "1");
+    EXPECT_TRUE(succeeds(with(remove(), "dirs", Array{root("dn1")})));
+    EXPECT_TRUE(exists(root("dn1/postmaster.pid")));
+}
+
 TEST_F(Roach_Source_Handler_Test, a_backup_key_fetches_metadata_and_a_failure_leaves_the_policy) {
     EXPECT_EQ("-32603 Failed to restore roach meta\n", error(with(add(), "backup_key", "1_1")));
     EXPECT_LOGGED(LM_ERROR, "Failed to restore backups.ini, ");

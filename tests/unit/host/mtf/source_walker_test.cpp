@@ -167,4 +167,34 @@ TEST_F(Source_Walker_Test, ABadSourceChangesNothing) {
     EXPECT_THAT(sources, ElementsAre("/b", "relative", "/a"));
 }
 
+TEST(Source_Owner_Test, WhatBelongsToAnotherUserIsUnreadable) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give files away";
+    constexpr uid_t OWNER = 12345;
+    Temporary_Directory files;
+    files.write("tree/mine", "1");
+    files.write("tree/other", "2");
+    files.write("tree/closed/inner", "3");
+    for (char const* name : {"tree", "tree/mine", "tree/closed/inner"})
+        ASSERT_EQ(0, chown(files.path(name).c_str(), OWNER, OWNER));
+    Recording_Visitor visitor;
+    EXPECT_TRUE(walk_source(files.path("tree"), visitor, OWNER));
+    EXPECT_THAT(visitor.paths, ElementsAre(files.path("tree"), files.path("tree/mine")));
+    EXPECT_THAT(visitor.faults, ElementsAre(std::pair(files.path("tree/closed"), EPERM),
+                                            std::pair(files.path("tree/other"), EPERM)));
+}
+
+TEST(Source_Owner_Test, ALinkGivenAsASourceIsNotFollowed) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give files away";
+    constexpr uid_t OWNER = 12345;
+    Temporary_Directory files;
+    files.write("elsewhere/file", "1");
+    ASSERT_EQ(0, symlink(files.path("elsewhere").c_str(), files.path("tree").c_str()));
+    ASSERT_EQ(0, lchown(files.path("tree").c_str(), OWNER, OWNER));
+    Recording_Visitor visitor;
+    EXPECT_TRUE(walk_source(files.path("tree"), visitor, OWNER));
+    EXPECT_THAT(visitor.paths, ElementsAre(files.path("tree"))); // the link itself
+}
+
 } // namespace
