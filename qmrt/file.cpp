@@ -282,7 +282,7 @@ int write_all(int fd, void const* data, size_t size) {
 }
 
 int copy_file(char const* source, char const* target, mode_t mode) {
-    File_Descriptor const from(open(source, O_RDONLY | O_CLOEXEC));
+    File_Descriptor const from(open(source, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status;
     if (!from || fstat(from.get(), &status) == -1)
         return -1;
@@ -301,7 +301,7 @@ int write_file_atomically(char const* path, std::string_view content, mode_t mod
 int read_file(char const* path, std::string& content, size_t max_size) {
     content.clear();
     // non-blocking, so that a FIFO without a writer is refused and not waited for
-    File_Descriptor const file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    File_Descriptor const file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status;
     if (!file || fstat(file.get(), &status) == -1)
         return -1;
@@ -326,14 +326,12 @@ int read_file(char const* path, std::string& content, size_t max_size) {
 }
 
 int read_each_line(char const* path, std::function<bool(std::string_view line)> const& visitor) {
-    File_Descriptor const file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    File_Descriptor const file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status;
     if (!file || fstat(file.get(), &status) == -1)
         return -1;
-    if (S_ISDIR(status.st_mode))
-        return fail(EISDIR);
-    if (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode))
-        return fail(EINVAL);
+    if (!S_ISREG(status.st_mode)) // a device may never end
+        return fail(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
     std::string pending;
     char buffer[65536];
     for (;;) {

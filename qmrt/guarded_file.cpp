@@ -3,6 +3,7 @@
 #include "qmrt/log.h"
 #include "qmrt/path.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -143,6 +144,20 @@ int read_guarded(char const* path, std::string& content, File_Rules const& rules
     content.clear();
     File_Descriptor const file = open_guarded(path, rules);
     return file ? read_all(file.get(), content, rules.max_size) : -1;
+}
+
+int read_guarded_lines(char const* path, File_Rules const& rules,
+                       std::function<bool(std::string_view line)> const& visitor) {
+    std::string content;
+    if (read_guarded(path, content, rules) == -1)
+        return -1;
+    for (std::string_view rest(content); !rest.empty();) {
+        std::string_view const line = rest.substr(0, rest.find('\n'));
+        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+        if (!visitor(line))
+            break;
+    }
+    return 0;
 }
 
 int read_all(int fd, std::string& content, uint64_t max_size) {

@@ -4,6 +4,7 @@
 #include "qmrt/file.h"
 
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <string>
@@ -45,6 +46,13 @@ File_Descriptor open_guarded(char const* path, File_Rules const& rules);
 
 /** Reads a whole file that open_guarded() takes; @a content is empty after a failure. */
 int read_guarded(char const* path, std::string& content, File_Rules const& rules);
+
+/**
+ * Calls @a visitor with each line of a file that open_guarded() takes, without its "\n", until it
+ * returns false. The whole file is read before the first call.
+ */
+int read_guarded_lines(char const* path, File_Rules const& rules,
+                       std::function<bool(std::string_view line)> const& visitor);
 
 /** Reads from @a fd to the end; more than @a max_size bytes is EFBIG and @a content is empty. */
 int read_all(int fd, std::string& content, uint64_t max_size);

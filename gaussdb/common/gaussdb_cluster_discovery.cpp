@@ -11,6 +11,7 @@
 #include "qmrt/environment.h"
 #include "qmrt/file.h"
 #include "qmrt/format.h"
+#include "qmrt/guarded_file.h"
 #include "qmrt/natoi.h"
 #include "qmrt/path.h"
 #include "qmrt/regex.h"
@@ -31,6 +32,9 @@ boost::regex const RE_LSNR_PORT("\\s*LSNR_PORT\\s*=\\s*(.*)$", boost::regex::ica
 // what the kernel lets a program start with, with room to spare
 constexpr size_t MAX_ENVIRONMENT = 64 * 1024 * 1024;
 
+// a profile, or an instance's settings; anybody may have named or made it
+constexpr uint64_t MAX_NAMED_FILE = 1024 * 1024;
+
 /** What stands behind @a key when @a entry begins with it. */
 void take_variable(std::string_view entry, std::string_view key, std::string& value) {
     if (entry.starts_with(key))
@@ -41,13 +45,14 @@ void take_variable(std::string_view entry, std::string_view key, std::string& va
 bool find_in_file(char const* path, boost::regex const& pattern, std::string& text,
                   bool& readable) {
     bool found = false;
-    int const result = read_each_line(path, [&](std::string_view line) {
-        qmrt::svmatch groups;
-        found = qmrt::regex_match(line, groups, pattern);
-        if (found)
-            text = groups[1];
-        return !found;
-    });
+    int const result =
+        read_guarded_lines(path, {.max_size = MAX_NAMED_FILE}, [&](std::string_view line) {
+            qmrt::svmatch groups;
+            found = qmrt::regex_match(line, groups, pattern);
+            if (found)
+                text = groups[1];
+            return !found;
+        });
     readable = result == 0;
     return found;
 }

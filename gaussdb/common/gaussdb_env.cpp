@@ -168,16 +168,14 @@ bool GaussDB_Env::init(char const* profile) {
 }
 
 bool GaussDB_Env::read(char const* profile) {
-    std::string content;
-    if (read_guarded(profile, content, {.max_size = MAX_PROFILE_SIZE}) == -1) {
+    Profile_Reader reader(vars_);
+    auto const take = [&reader](std::string_view line) {
+        reader.take(line);
+        return true;
+    };
+    if (read_guarded_lines(profile, {.max_size = MAX_PROFILE_SIZE}, take) == -1) {
         QMRT_LOG(LM_ERROR, "Failed to open %s, errno=%d, %m\n", profile, errno);
         return false;
-    }
-    Profile_Reader reader(vars_);
-    for (std::string_view rest(content); !rest.empty();) {
-        std::string_view const line = rest.substr(0, rest.find('\n'));
-        reader.take(line);
-        rest.remove_prefix(std::min(line.size() + 1, rest.size()));
     }
     reader.report(profile);
     return true;

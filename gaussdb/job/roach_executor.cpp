@@ -8,14 +8,16 @@
 #include "host/process/ace_process_ex.h"
 #include "host/process/process_options.h"
 #include "qmrt/check.h"
-#include "qmrt/file.h"
 #include "qmrt/format.h"
+#include "qmrt/guarded_file.h"
 #include "qmrt/path.h"
 #include "qmrt/regex.h"
 
 #include <boost/algorithm/string/replace.hpp>
 
 namespace {
+
+constexpr uint64_t MAX_PROFILE_SIZE = 1024 * 1024;
 
 boost::regex const RE_SSH_SOCK("export\\s+SSH_AUTH_SOCK=(.*)");
 
@@ -64,13 +66,14 @@ std::string below(char const* directory, char const* name) {
  */
 bool get_ssh_auth_sock(char const* user, std::string& sock) {
     std::string const profile = string_sprintf("/home/%s/.profile", user);
-    int const result = read_each_line(profile.c_str(), [&](std::string_view line) {
-        qmrt::svmatch groups;
-        if (!qmrt::regex_match(line, groups, RE_SSH_SOCK))
-            return true;
-        sock.assign(groups[1].first, groups[1].second);
-        return false;
-    });
+    int const result = read_guarded_lines(profile.c_str(), {.max_size = MAX_PROFILE_SIZE},
+                                          [&](std::string_view line) {
+                                              qmrt::svmatch groups;
+                                              if (!qmrt::regex_match(line, groups, RE_SSH_SOCK))
+                                                  return true;
+                                              sock.assign(groups[1].first, groups[1].second);
+                                              return false;
+                                          });
     if (result == -1) {
         QMRT_LOG(LM_ERROR, "Failed to open %s, errno=%d, %m\n", profile.c_str(), errno);
         return false;

@@ -1,10 +1,12 @@
 #include "host/xml/xml_guard.h"
 
+#include "qmrt/guarded_file.h"
+
 #include <ACEXML/common/InputSource.h>
 #include <ACEXML/common/StrCharStream.h>
 
 #include <memory>
-#include <sys/stat.h>
+#include <string>
 
 void Xml_Guard::startElement(ACEXML_Char const* uri, ACEXML_Char const* name,
                              ACEXML_Char const* qname, ACEXML_Attributes* atts) {
@@ -31,13 +33,17 @@ ACEXML_InputSource* Xml_Guard::resolveEntity(ACEXML_Char const*, ACEXML_Char con
 }
 
 int Xml_File::open(ACEXML_Char const* path) {
-    struct stat status;
-    if (stat(path, &status) == -1 || !S_ISREG(status.st_mode))
+    File_Descriptor const file = open_guarded(path, {.max_size = MAX_SIZE});
+    if (!file)
         return -1;
-    return ACEXML_FileCharStream::open(path) == 0 ? 0 : -1;
+    // by the descriptor, since another file may have taken the name
+    std::string const link = "/proc/self/fd/" + std::to_string(file.get());
+    return ACEXML_FileCharStream::open(link.c_str()) == 0 ? 0 : -1;
 }
 
 int Xml_File::get(ACEXML_Char& character) {
+    if (++read_ > MAX_SIZE) // it has grown since
+        throw ACEXML_SAXParseException("The file is too large");
     return check_end(ACEXML_FileCharStream::get(character));
 }
 

@@ -4,6 +4,8 @@
 #include <ACEXML/common/DefaultHandler.h>
 #include <ACEXML/common/FileCharStream.h>
 
+#include <cstdint>
+
 /**
  * Stands between the parser and a handler: hands the content on, and keeps a hostile file from
  * doing harm. The parser calls itself once for each level of nesting, so the depth is bounded; what
@@ -34,7 +36,9 @@ private:
  */
 class Xml_File : public ACEXML_FileCharStream {
 public:
-    /** Opens a regular file, or a link to one. @return 0, or -1 for all else. */
+    static constexpr uint64_t MAX_SIZE = 16 * 1024 * 1024;
+
+    /** Opens a file that open_guarded() takes. @return 0, or -1 with errno. */
     int open(ACEXML_Char const* path);
 
     int get(ACEXML_Char& character) override;
@@ -44,6 +48,7 @@ private:
     int check_end(int result);
 
     int ends_ = 0; ///< how often the end was read
+    uint64_t read_ = 0;
 };
 
 #endif

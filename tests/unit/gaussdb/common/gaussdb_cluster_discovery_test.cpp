@@ -526,6 +526,22 @@ TEST_F(Gaussdb_T_Test, two_instances_of_one_installation) {
     EXPECT_THAT(names(), ElementsAre("zengine_1611", "zengine_1888"));
 }
 
+TEST_F(Gaussdb_T_Test, settings_without_an_end_are_no_settings) {
+    for (char const* target : {"/dev/zero", "/dev/urandom", "/proc/kmsg"}) {
+        std::filesystem::remove("/home/data/cfg/zengine.ini");
+        std::filesystem::create_directories("/home/data/cfg");
+        std::filesystem::create_symlink(target, "/home/data/cfg/zengine.ini");
+        EXPECT_EQ(0, manager_.get_lsnr_port("/home/data")) << target;
+    }
+    std::filesystem::remove("/home/data/cfg/zengine.ini");
+    ASSERT_EQ(0, mkfifo("/home/data/cfg/zengine.ini", 0666));
+    EXPECT_EQ(0, manager_.get_lsnr_port("/home/data"));
+    std::filesystem::remove("/home/data/cfg/zengine.ini");
+    host_.write("/home/data/cfg/zengine.ini",
+                std::string(1024 * 1024, '#') + "\nlsnr_port=1888\n");
+    EXPECT_EQ(0, manager_.get_lsnr_port("/home/data")) << "too large";
+}
+
 TEST_F(Gaussdb_T_Test, beside_a_cluster_of_another_flavour_it_is_not_looked_for) {
     start(ZENGINE, {});
     start(GAUSSDB);

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -57,6 +58,19 @@ TEST_F(Parse_Xml_Test, what_is_no_file_cannot_be_opened) {
     ASSERT_EQ(0, mkfifo(files_.path("fifo").c_str(), 0600));
     EXPECT_FALSE(parse_xml(files_.path("fifo").c_str(), recorder_));
     EXPECT_LOGGED(LM_ERROR, " Failed to open XML " + files_.path("fifo") + "\n");
+}
+
+TEST_F(Parse_Xml_Test, what_has_no_end_is_not_opened) {
+    EXPECT_FALSE(parse_xml("/dev/zero", recorder_));
+    EXPECT_LOGGED(LM_ERROR, " Failed to open XML /dev/zero\n");
+    ASSERT_EQ(0, chmod(files_.path().c_str(), 01777));
+    files_.write("file.xml", "<a/>");
+    ASSERT_EQ(0, symlink("file.xml", files_.path("link").c_str()));
+    EXPECT_FALSE(parse_xml(files_.path("link").c_str(), recorder_));
+    EXPECT_LOGGED(LM_ERROR, " Failed to open XML " + files_.path("link") + "\n");
+    std::string const text = "<a>" + std::string(Xml_File::MAX_SIZE, ' ') + "</a>";
+    EXPECT_FALSE(parse_xml(files_.write("large.xml", text).c_str(), recorder_));
+    EXPECT_LOGGED(LM_ERROR, " Failed to open XML " + files_.path("large.xml") + "\n");
 }
 
 TEST_F(Parse_Xml_Test, faults_are_told_and_what_came_before_was_seen) {
