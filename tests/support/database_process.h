@@ -16,7 +16,8 @@
 
 /**
  * A real process, idle until the object goes, that looks in /proc like one of a database's: its
- * first argument, its environment and its user are the test's. Its second argument is "cat".
+ * first argument, its environment and its user are the test's. Its second argument is "cat", and
+ * what the test gives stands behind that.
  */
 class Database_Process {
 public:
@@ -24,14 +25,17 @@ public:
      * @param title        the first argument; it may hold blanks, so that it looks like several
      * @param environment  "NAME=value" each, and nothing else
      * @param user         whose it is; the test is run by root
+     * @param rest         further arguments
+     * @param executable   a copy of the test's child
      */
     Database_Process(std::string const& title, std::vector<std::string> const& environment,
-                     char const* user = "nobody") {
+                     char const* user = "nobody", std::vector<std::string> const& rest = {},
+                     char const* executable = ZENBRAK3_TEST_CHILD) {
         Password_File_Entry entry;
         int input[2];
         int started[2];
         // opened here, where the path can be walked: the user might not get there
-        File_Descriptor const program(open(ZENBRAK3_TEST_CHILD, O_RDONLY | O_CLOEXEC));
+        File_Descriptor const program(open(executable, O_RDONLY | O_CLOEXEC));
         if (entry.get(user) == -1 || !program || pipe2(input, O_CLOEXEC) == -1 ||
             pipe2(started, O_CLOEXEC) == -1)
             throw std::runtime_error("Database_Process: " + title);
@@ -39,8 +43,10 @@ public:
         for (std::string const& variable : environment)
             variables.push_back(const_cast<char*>(variable.c_str()));
         variables.push_back(nullptr);
-        char* const arguments[] = {const_cast<char*>(title.c_str()), const_cast<char*>("cat"),
-                                   nullptr};
+        std::vector<char*> arguments = {const_cast<char*>(title.c_str()), const_cast<char*>("cat")};
+        for (std::string const& argument : rest)
+            arguments.push_back(const_cast<char*>(argument.c_str()));
+        arguments.push_back(nullptr);
         pid_ = fork();
         if (pid_ == 0) {
             // other threads may hold locks of the library: only system calls from here on
@@ -48,7 +54,7 @@ public:
             if (syscall(SYS_setgroups, 0, nullptr) == 0 &&
                 syscall(SYS_setresgid, entry.gid(), entry.gid(), entry.gid()) == 0 &&
                 syscall(SYS_setresuid, entry.uid(), entry.uid(), entry.uid()) == 0)
-                syscall(SYS_execveat, program.get(), "", arguments, variables.data(),
+                syscall(SYS_execveat, program.get(), "", arguments.data(), variables.data(),
                         AT_EMPTY_PATH);
             _exit(127);
         }
