@@ -25,10 +25,13 @@ Array array_of(Object const& object, char const* key) {
     return array;
 }
 
-/** Asks for a list and makes its text: JSON, a table, or a sentence when there is nothing. */
+/**
+ * Asks for a list and makes its text: JSON, a table, or a sentence when there is nothing.
+ * @param answer  if not null and the text is not JSON, set to what was answered
+ */
 bool list_text(Command_Context& context, std::string const& method, Object const& params,
                std::string const& doing, char const* key, Table table, char const* none,
-               std::string& text) {
+               std::string& text, Object* answer = nullptr) {
     Object result;
     if (!context.ask(method, params, doing, result))
         return false;
@@ -40,7 +43,18 @@ bool list_text(Command_Context& context, std::string const& method, Object const
     // what reads a pipe gets a table without rows
     text = table.empty() && context.terminal().interactive ? std::string(none) + "\n"
                                                            : table.text(context.terminal());
+    if (answer)
+        *answer = std::move(result);
     return true;
+}
+
+/** A line for each thing about the instances that is wrong. */
+std::string instance_alerts_text(Object const& result) {
+    std::string text;
+    Array const alerts = array_of(result, "alerts");
+    for (Object const& alert : json_spirit::objects_of(alerts))
+        text += "Alert: " + value_text(json_spirit::object_get_any(alert, "text")) + "\n";
+    return text.empty() ? text : "\n" + text;
 }
 
 /** An object of the result by its fields, or as JSON. */
@@ -167,10 +181,14 @@ int list_instances(Command_Context& context, bool refresh, double interval) {
     if (refresh)
         columns.insert(columns.begin() + 1, {"STATE", "state"});
     return context.show(interval, [&](std::string& text) {
-        return list_text(context, "instance.list", {{"refresh", refresh}}, "list the instances",
-                         "instances", Table(columns),
-                         "No instances are known; `zenbrak3 instances --refresh` looks for them.",
-                         text);
+        Object answer;
+        if (!list_text(context, "instance.list", {{"refresh", refresh}}, "list the instances",
+                       "instances", Table(columns),
+                       "No instances are known; `zenbrak3 instances --refresh` looks for them.",
+                       text, &answer))
+            return false;
+        text += instance_alerts_text(answer);
+        return true;
     });
 }
 

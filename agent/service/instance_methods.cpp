@@ -67,7 +67,7 @@ public:
         Array instances;
         for (std::shared_ptr<Instance> const& instance : record()->list(TYPE))
             instances.emplace_back(describe(*instance, refresh));
-        result = Object{{"instances", std::move(instances)}};
+        result = Object{{"instances", std::move(instances)}, {"alerts", alerts()}};
         return true;
     }
 
@@ -118,6 +118,9 @@ public:
             return false;
         if (!remove_instance(instance))
             return failed(fault);
+        // or the next search would put it on record again
+        if (auto const handler = Instance_Manager::instance()->get_handler(TYPE))
+            handler->forget(instance->name.c_str());
         result = Object();
         return true;
     }
@@ -153,6 +156,13 @@ public:
 private:
     static std::shared_ptr<Instance_Backend> record() {
         return Host_Services::instance().instances();
+    }
+    static Array alerts() {
+        Array alerts;
+        if (auto const handler = Instance_Manager::instance()->get_handler(TYPE))
+            for (Instance_Alert const& alert : handler->alerts())
+                alerts.emplace_back(Object{{"instance", alert.instance}, {"text", alert.text}});
+        return alerts;
     }
     static bool failed(Method_Fault& fault) {
         fault.message = "the record of instances could not be changed; the agent's log says why";

@@ -38,6 +38,9 @@ bool Instance_Probe::probe() {
     for (auto const& [name, instance] : instances) {
         if (before.count(name) || !instance)
             continue;
+        // on record since, or the list could not be read: what is on record is kept
+        if (record->find(handler_->type(), name))
+            continue;
         instance->uuid = uuid_of(handler_->type(), name);
         if (!record->put(*instance)) {
             recorded = false;

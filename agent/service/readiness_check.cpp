@@ -147,19 +147,31 @@ void Readiness_Check::database(std::vector<std::string> const& complaints) {
 void Readiness_Check::instance(std::string const& name, std::string const& uid) {
     std::shared_ptr<Instance> const found =
         Instance_Manager::instance()->find("gaussdb", name.c_str());
-    if (!found)
+    if (!found) {
+        alerts(name);
         return bad("instance " + name, "it is not known here",
                    "start the database and run: zenbrak3 instances --refresh");
+    }
     int version = 0;
     std::string edition;
     found->get_option("version", version);
     found->get_option("edition", edition);
     good("instance " + name, "on record, version " + (edition.empty() ? "not known" : edition));
+    alerts(name);
     state(name);
     user_and_tools(*found, version);
     account(name, uid, version);
     if (version == FLAVOUR_100 || version == FLAVOUR_200 || version == FLAVOUR_TPOPS)
         xbsa_link();
+}
+
+void Readiness_Check::alerts(std::string const& name) {
+    auto const handler = Instance_Manager::instance()->get_handler("gaussdb");
+    if (!handler)
+        return;
+    for (Instance_Alert const& alert : handler->alerts())
+        if (alert.instance == name)
+            bad("alert", alert.text, "when it is put right, run: zenbrak3 instances --refresh");
 }
 
 void Readiness_Check::state(std::string const& name) {

@@ -55,6 +55,7 @@ public:
 private:
     void good(std::string subject, std::string text);
     void bad(std::string subject, std::string text, std::string advice);
+    void alerts(std::string const& name);
     void state(std::string const& name);
     void user_and_tools(Instance const& instance, int version);
     void tools(char const* const* names, std::string const& instance, std::string const& user,

@@ -1,9 +1,11 @@
 // The half of the cluster manager that finds out what runs on this host.
 #include "gaussdb/common/gaussdb_100_cluster_handler.h"
 #include "gaussdb/common/gaussdb_200_cluster_handler.h"
+#include "gaussdb/common/gaussdb_cluster_claims.h"
 #include "gaussdb/common/gaussdb_cluster_manager.h"
 #include "gaussdb/common/gaussdb_cluster_name.h"
 #include "gaussdb/common/gaussdb_cmd_handler.h"
+#include "gaussdb/common/gaussdb_ownership.h"
 #include "gaussdb/common/gaussdb_t_single_handler.h"
 #include "host/process/password_file_entry.h"
 #include "host/process/service_lister.h"
@@ -57,18 +59,63 @@ bool find_in_file(char const* path, boost::regex const& pattern, std::string& te
     return found;
 }
 
-/** The environment that a database process's tools run in. */
-bool read_environment(std::string const& profile, std::string const& gphome,
-                      std::string const& user, GaussDB_Env& env) {
-    std::string const home = "/home/" + user;
-    bool const is_read = profile.empty()
-                             ? env.init("/etc/profile") && env.read((home + "/.bashrc").c_str())
-                             : env.init(profile.c_str());
-    if (is_read) {
-        env.set_env("GPHOME", gphome);
-        env.set_env("HOME", home);
+void read_cluster_variables(std::string_view variables, std::string& profile, std::string& name,
+                            std::string& gphome) {
+    while (!variables.empty()) {
+        std::string_view const entry = variables.substr(0, variables.find('\0'));
+        take_variable(entry, "MPPDB_ENV_SEPARATE_PATH=", profile);
+        take_variable(entry, "GS_CLUSTER_NAME=", name);
+        take_variable(entry, "GPHOME=", gphome);
+        variables.remove_prefix(std::min(entry.size() + 1, variables.size()));
     }
-    return is_read;
+}
+
+/** Reads a profile with its user's rights on files: the user names it. */
+bool read_profile(GaussDB_Env& env, std::string const& profile, uid_t user, bool is_first) {
+    As_File_User const as_user(user);
+    if (!as_user) {
+        QMRT_LOG(LM_ERROR, "Failed to read %s as uid %u, errno=%d, %m\n", profile.c_str(),
+                 static_cast<unsigned>(user), errno);
+        return false;
+    }
+    return is_first ? env.init(profile.c_str()) : env.read(profile.c_str());
+}
+
+/** Fills in the environment that the tools of a claim's cluster run in. */
+bool read_environment(Cluster_Claim& claim, std::string& reason) {
+    uid_t const uid = claim.process.uid;
+    std::string const home = "/home/" + claim.user;
+    std::string const profile = claim.profile.empty() ? home + "/.bashrc" : claim.profile;
+    if (!owns_profile(profile, uid, reason) ||
+        (claim.profile.empty() && !claim.env.init("/etc/profile")) ||
+        !read_profile(claim.env, profile, uid, !claim.profile.empty()))
+        return false;
+    claim.env.set_env("GPHOME", claim.gphome);
+    claim.env.set_env("HOME", home);
+    return true;
+}
+
+bool verify_cluster(Cluster_Claim& claim, std::string& reason) {
+    return owns_process(claim.process, reason) && read_environment(claim, reason) &&
+           owns_tools(claim.env, claim.process.uid, reason);
+}
+
+bool verify_gaussdb_t(Cluster_Claim& claim, std::string& reason) {
+    return owns_process(claim.process, reason) && owns_tools(claim.env, claim.process.uid, reason);
+}
+
+/** Looks at a listed process; false when it has gone, or its id is another's by now. */
+bool view_service(Service_Info const& service, Cluster_Claim& claim) {
+    if (view_process(service.pid, claim.process) == -1) {
+        if (errno != ENOENT && errno != ESRCH)
+            QMRT_LOG(LM_ERROR, "Failed to get environment variables of pid %d, errno=%d, %m\n",
+                     service.pid, errno);
+        return false;
+    }
+    Password_File_Entry entry;
+    claim.user =
+        entry.get_by_uid(claim.process.uid) == 0 ? entry.name() : std::to_string(claim.process.uid);
+    return claim.user == service.user || !claim.process.fault.empty();
 }
 
 void log_detected(std::string const& name, GaussDB_Version const& version) {
@@ -102,14 +149,7 @@ bool get_cluster_environ_var(int pid, std::string& profile, std::string& name,
                  errno);
         return false;
     }
-    std::string_view rest(variables);
-    while (!rest.empty()) {
-        std::string_view const entry = rest.substr(0, rest.find('\0'));
-        take_variable(entry, "MPPDB_ENV_SEPARATE_PATH=", profile);
-        take_variable(entry, "GS_CLUSTER_NAME=", name);
-        take_variable(entry, "GPHOME=", gphome);
-        rest.remove_prefix(std::min(entry.size() + 1, rest.size()));
-    }
+    read_cluster_variables(variables, profile, name, gphome);
     return !name.empty() && (!profile.empty() || !gphome.empty());
 }
 
@@ -122,46 +162,68 @@ bool GaussDB_Cluster_Manager::list_cluster_i() {
     std::vector<Service_Info> services;
     if (Service_Lister::list_service(SERVICE_PATTERN, services, true, "C") != 0)
         return false;
+    pending_alerts_.clear();
+    drop_overruled();
+    Cluster_Claims claims(
+        [this](std::string const& name) { return owner_of(name); }, verify_cluster,
+        [this](std::string const& name, std::string const& text) { raise_alert(name, text); });
+    gather_claims(services, claims);
     map_type found;
-    // one text for all: a process that does not say has its predecessor's
-    std::string gphome;
-    for (Service_Info const& service : services)
-        if (!detect_cluster(service, gphome, found))
+    for (std::string const& name : claims.names())
+        if (!detect_cluster(name, claims.believed(name, cluster_exists(name.c_str())), found))
             return false;
-    if (found.empty() && snapshot().empty() && !detect_config_cluster(found))
-        return false;
-    init_clusters(found);
-    return true;
+    bool const has_any = !found.empty() || !snapshot().empty() || detect_config_cluster(found);
+    publish_alerts(false);
+    if (has_any)
+        init_clusters(found);
+    return has_any;
 }
 
-/** Adds a process's cluster to @a found if it is a new one. False only without memory. */
-bool GaussDB_Cluster_Manager::detect_cluster(Service_Info const& service, std::string& gphome,
-                                             map_type& found) {
-    std::string profile;
-    std::string name;
-    if (!get_cluster_environ_var(service.pid, profile, name, gphome) || found.count(name) ||
-        cluster_exists(name.c_str()) || !is_cluster_file_name(name))
-        return true;
-    GaussDB_Env env;
-    GaussDB_Version version(GAUSSDB_UNKNOWN, 0, 0, 0);
-    if (!read_environment(profile, gphome, service.user, env) ||
-        !get_cluster_version(service.user.c_str(), env, version))
-        return true;
-    log_detected(name, version);
-
-    GaussDB_Cluster_Handler* handler = nullptr;
-    if (version.model_ == GAUSSDB_200)
-        handler = new (std::nothrow) GaussDB_200_Cluster_Handler(env, service.user, version);
-    else if (version.model_ == GAUSSDB_100)
-        handler = new (std::nothrow) GaussDB_100_Cluster_Handler(env, service.user, version);
-    else // served only where no agent runs on its machines
-        return true;
-    if (handler == nullptr) {
-        errno = ENOMEM;
-        return false;
+/** Collects what the processes say of themselves. */
+void GaussDB_Cluster_Manager::gather_claims(std::vector<Service_Info> const& services,
+                                            Cluster_Claims& claims) {
+    // a process that does not say has its predecessor's, but never another user's
+    std::map<uid_t, std::string> gphomes;
+    for (Service_Info const& service : services) {
+        Cluster_Claim claim;
+        std::string name;
+        if (!view_service(service, claim))
+            continue;
+        std::string& gphome = gphomes[claim.process.uid];
+        read_cluster_variables(claim.process.environment, claim.profile, name, gphome);
+        claim.gphome = gphome;
+        if (!name.empty() && (!claim.profile.empty() || !gphome.empty()) &&
+            is_cluster_file_name(name))
+            claims.add(name, std::move(claim));
     }
-    found.emplace(name, GaussDB_Cluster_Handler_var(handler));
-    dump_env(name, env); // logs its own failure; the cluster is of use without
+}
+
+/** Adds a new cluster to @a found by the first claim that fits. False only without memory. */
+bool GaussDB_Cluster_Manager::detect_cluster(std::string const& name,
+                                             std::vector<Cluster_Claim> const& claims,
+                                             map_type& found) {
+    for (Cluster_Claim const& claim : claims) {
+        GaussDB_Version version(GAUSSDB_UNKNOWN, 0, 0, 0);
+        if (!get_cluster_version(claim.user.c_str(), claim.env, version))
+            continue;
+        log_detected(name, version);
+        GaussDB_Cluster_Handler* handler = nullptr;
+        if (version.model_ == GAUSSDB_200)
+            handler =
+                new (std::nothrow) GaussDB_200_Cluster_Handler(claim.env, claim.user, version);
+        else if (version.model_ == GAUSSDB_100)
+            handler =
+                new (std::nothrow) GaussDB_100_Cluster_Handler(claim.env, claim.user, version);
+        else // served only where no agent runs on its machines
+            continue;
+        if (handler == nullptr) {
+            errno = ENOMEM;
+            return false;
+        }
+        found.emplace(name, GaussDB_Cluster_Handler_var(handler));
+        dump_env(name, claim.env); // logs its own failure; the cluster is of use without
+        return true;
+    }
     return true;
 }
 
@@ -180,11 +242,12 @@ void GaussDB_Cluster_Manager::init_clusters(map_type const& found) {
 bool GaussDB_Cluster_Manager::load_config_cluster() {
     std::lock_guard const guard(discovery_mutex_);
     map_type found;
-    if (!detect_config_cluster(found))
-        return false;
+    pending_alerts_.clear();
+    bool const is_found = detect_config_cluster(found);
+    publish_alerts(true);
     for (auto const& [name, handler] : found)
         enter(name, handler);
-    return true;
+    return is_found;
 }
 
 bool GaussDB_Cluster_Manager::detect_config_cluster(map_type& found) {
@@ -204,8 +267,13 @@ bool GaussDB_Cluster_Manager::detect_config_cluster(map_type& found) {
         return false;
     }
     GaussDB_Env env;
-    if (!env.init(profile.c_str()))
+    std::string reason;
+    if (!is_owner_of(name, owner.uid(), reason) || !owns_profile(profile, owner.uid(), reason) ||
+        !read_profile(env, profile, owner.uid(), true) || !owns_tools(env, owner.uid(), reason)) {
+        if (!reason.empty())
+            raise_alert(name, "the configured profile \"" + profile + "\" is not used: " + reason);
         return false;
+    }
     // no tool can be asked: the cluster may be down
     GaussDB_Version const version(GAUSSDB_200, 6, 0, 0);
     QMRT_LOG(LM_DEBUG, "Detected instance %s, version %d, edition %d.%d.%d from %s\n", name.c_str(),
@@ -233,45 +301,63 @@ bool GaussDB_Cluster_Manager::list_gaussdb_t_single_i() {
     std::vector<Service_Info> services;
     if (Service_Lister::list_service(GAUSSDB_T_PROGRAM, services, false, "C") != 0)
         return false;
+    pending_alerts_.clear();
+    Cluster_Claims claims(
+        [this](std::string const& name) { return owner_of(name); }, verify_gaussdb_t,
+        [this](std::string const& name, std::string const& text) { raise_alert(name, text); });
     for (Service_Info const& service : services)
-        if (!detect_gaussdb_t(service))
-            return false;
-    return true;
+        add_gaussdb_t_claim(service, claims);
+    bool has_memory = true;
+    for (std::string const& name : claims.names())
+        has_memory = has_memory &&
+                     detect_gaussdb_t(name, claims.believed(name, cluster_exists(name.c_str())));
+    publish_alerts(true);
+    return has_memory;
 }
 
-/** Enters the instance of a process if it is a new one. False only without memory. */
-bool GaussDB_Cluster_Manager::detect_gaussdb_t(Service_Info const& service) {
+/** Adds the instance of a process of which the port is known. */
+void GaussDB_Cluster_Manager::add_gaussdb_t_claim(Service_Info const& service,
+                                                  Cluster_Claims& claims) {
     qmrt::svmatch groups;
-    if (!qmrt::regex_match(service.cmd, groups, RE_GAUSSDB_T_PATH))
-        return true;
+    Cluster_Claim claim;
+    if (!qmrt::regex_match(service.cmd, groups, RE_GAUSSDB_T_PATH) || !view_service(service, claim))
+        return;
     std::string const home = groups[1];
     std::string data = groups[2];
     if (data.ends_with('/'))
         data.pop_back();
+    claim.env.set_env("GSDB_HOME", home);
+    claim.env.prepend_ld_library_path((home + "/add-ons:" + home).c_str());
+    claim.env.prepend_bin_path(home.c_str());
+    // with the process's rights on files, since it names the directory
+    As_File_User const as_user(claim.process.uid);
+    int const port = as_user ? get_lsnr_port(data.c_str()) : 0;
+    if (port == 0)
+        return;
+    claim.env.set_env("GSDB_DATA", data);
+    claim.env.set_env("LSNR_PORT", std::to_string(port));
+    claims.add(string_sprintf("zengine_%d", port), std::move(claim));
+}
 
-    GaussDB_Env env;
-    env.set_env("GSDB_HOME", home);
-    env.prepend_ld_library_path((home + "/add-ons:" + home).c_str());
-    env.prepend_bin_path(home.c_str());
-    if (!is_gaussdb_t(service.user.c_str(), env, nullptr))
-        return true;
-    int const port = get_lsnr_port(data.c_str());
-    std::string const name = string_sprintf("zengine_%d", port);
-    if (port == 0 || cluster_exists(name.c_str()))
-        return true;
-    QMRT_LOG(LM_DEBUG, "Detected GaussDB T, port:%d, data_dir:%s\n", port, data.c_str());
-    env.set_env("GSDB_DATA", data);
-    env.set_env("LSNR_PORT", std::to_string(port));
-
-    GaussDB_Cluster_Handler_var const handler(new (std::nothrow)
-                                                  GaussDB_T_Single_Handler(env, service.user));
-    if (handler.null()) {
-        errno = ENOMEM;
-        return false;
-    }
-    if (init_handler(name, handler)) {
-        enter(name, handler);
-        dump_env(name, env); // logs its own failure; the instance is of use without
+/** Enters the instance of the first claim that is one. False only without memory. */
+bool GaussDB_Cluster_Manager::detect_gaussdb_t(std::string const& name,
+                                               std::vector<Cluster_Claim> const& claims) {
+    for (Cluster_Claim const& claim : claims) {
+        if (!is_gaussdb_t(claim.user.c_str(), claim.env, nullptr))
+            continue;
+        QMRT_LOG(LM_DEBUG, "Detected GaussDB T, port:%s, data_dir:%s\n",
+                 claim.env.get_value("LSNR_PORT"), claim.env.get_value("GSDB_DATA"));
+        GaussDB_Cluster_Handler_var const handler(
+            new (std::nothrow) GaussDB_T_Single_Handler(claim.env, claim.user));
+        if (handler.null()) {
+            errno = ENOMEM;
+            return false;
+        }
+        if (init_handler(name, handler)) {
+            enter(name, handler);
+            dump_env(name, claim.env); // logs its own failure; the instance is of use without
+            return true;
+        }
     }
     return true;
 }

@@ -3,30 +3,43 @@
 #include "gaussdb/common/gaussdb_100_cluster_handler.h"
 #include "gaussdb/common/gaussdb_200_cluster_handler.h"
 #include "gaussdb/common/gaussdb_cluster_name.h"
+#include "gaussdb/common/gaussdb_ownership.h"
 #include "gaussdb/common/gaussdb_t_single_handler.h"
+#include "host/agent/host_services.h"
+#include "host/agent/instance_backend.h"
+#include "host/process/password_file_entry.h"
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
 #include "qmrt/check.h"
 #include "qmrt/path.h"
+#include "qmrt/path_trust.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <unistd.h>
 
 namespace {
 
 constexpr char ENV_DIRECTORY[] = "/var/cache/quilmot/zenbrak3/gaussdb";
 
+/** Any user can start processes that are refused. */
+constexpr size_t MAX_ALERTS = 100;
+
 std::mutex instance_mutex;
 std::atomic<GaussDB_Cluster_Manager*> the_instance = nullptr;
 
-/** The record of a cluster for the agent and the administrator. */
-json_spirit::Object make_record(GaussDB_Cluster_Handler const& handler) {
+/**
+ * The record of a cluster for the agent and the administrator. It has the name by which the
+ * cluster's owner was checked, and not the one that the cluster's own files have.
+ */
+json_spirit::Object make_record(std::string const& name, GaussDB_Cluster_Handler const& handler) {
     GaussDB_Cluster_Info const info = handler.info();
     bool manual = false;
     if (json_spirit::object_get(info.extend_attrs, "manual", manual) && manual)
         return info.extend_attrs;
     GaussDB_Version const& version = handler.get_gaussdb_version();
-    return json_spirit::Object_Maker()("instance", info.name)("nodes", info.nodes)(
+    return json_spirit::Object_Maker()("instance", name)("nodes", info.nodes)(
         "app_path", info.app_path)("user", handler.user())(
         "version", static_cast<int>(version.model_))("edition", version.dump());
 }
@@ -56,6 +69,18 @@ GaussDB_Cluster_Handler* make_offline_handler(GaussDB_Env const& env, char const
     if (handler == nullptr)
         errno = ENOMEM;
     return handler;
+}
+
+/** Whether the tools of a cluster that is not running may be run as its user. */
+bool is_environment_of(GaussDB_Env const& env, char const* user, std::string& reason) {
+    Password_File_Entry entry;
+    if (entry.get(user) == -1)
+        reason = "this host does not have the user";
+    else if (entry.uid() == 0)
+        reason = "the tools of a database are not run as root";
+    else
+        owns_tools(env, entry.uid(), reason);
+    return reason.empty();
 }
 
 } // namespace
@@ -89,7 +114,7 @@ bool GaussDB_Cluster_Manager::get_instances(json_spirit::Array& instances) {
         return false;
     for (auto const& [name, handler] : snapshot())
         if (!handler.null())
-            instances.push_back(make_record(*handler));
+            instances.push_back(make_record(name, *handler));
     return true;
 }
 
@@ -98,11 +123,18 @@ bool GaussDB_Cluster_Manager::update_offline_instance(char const* name, char con
     if (QMRT_IS_NULL_OR_EMPTY(name) || QMRT_IS_NULL_OR_EMPTY(user))
         return false;
     std::lock_guard const guard(discovery_mutex_);
+    drop_of_other_user(name, user);
     if (cluster_exists(name))
         return true;
     GaussDB_Env env;
     if (!load_env(name, env)) {
         QMRT_LOG(LM_ERROR, "Failed to load environment variables of cluster %s\n", name);
+        return false;
+    }
+    std::string reason;
+    if (!is_environment_of(env, user, reason)) {
+        QMRT_LOG(LM_ERROR, "Failed to update offline instance %s of user %s, %s\n", name, user,
+                 reason.c_str());
         return false;
     }
     GaussDB_Version numbers(GAUSSDB_UNKNOWN, 0, 0, 0);
@@ -134,6 +166,82 @@ GaussDB_Cluster_Handler_var GaussDB_Cluster_Manager::get_cluster(char const* nam
 bool GaussDB_Cluster_Manager::cluster_exists(char const* name) const {
     std::shared_lock const guard(clusters_mutex_);
     return name && clusters_.count(name) != 0;
+}
+
+std::optional<std::string> GaussDB_Cluster_Manager::owner_of(std::string const& name) const {
+    auto const records = Host_Services::instance().instances();
+    if (std::shared_ptr<Instance> const record =
+            records ? records->find("gaussdb", name) : nullptr) {
+        std::string user;
+        record->get_option("user", user);
+        return user;
+    }
+    GaussDB_Cluster_Handler_var const known = get_cluster(name.c_str());
+    return known.null() ? std::nullopt : std::optional(known->user());
+}
+
+bool GaussDB_Cluster_Manager::is_owner_of(std::string const& name, uid_t uid,
+                                          std::string& reason) const {
+    std::optional<std::string> const owner = owner_of(name);
+    Password_File_Entry entry;
+    if (uid == 0)
+        reason = "it belongs to root, and the tools of a database are not run as root";
+    else if (owner && (owner->empty() || entry.get(owner->c_str()) == -1 || entry.uid() != uid))
+        reason = "it belongs to uid " + std::to_string(uid) +
+                 ", but the cluster is on record for user \"" + *owner + "\"";
+    return reason.empty();
+}
+
+/** Takes out a handler whose user is not @a user; one of no user here stays. */
+void GaussDB_Cluster_Manager::drop_of_other_user(std::string const& name, std::string const& user) {
+    GaussDB_Cluster_Handler_var const known = get_cluster(name.c_str());
+    if (known.null() || known->user().empty() || known->user() == user)
+        return;
+    QMRT_LOG(LM_ERROR,
+             "Cluster %s is on record for user \"%s\", no longer using what was found of user "
+             "\"%s\"\n",
+             name.c_str(), user.c_str(), known->user().c_str());
+    take_out(name, known);
+}
+
+/** The record decides: an administrator may have put it right. */
+void GaussDB_Cluster_Manager::drop_overruled() {
+    auto const records = Host_Services::instance().instances();
+    if (!records)
+        return;
+    for (std::shared_ptr<Instance> const& record : records->list("gaussdb")) {
+        std::string user;
+        if (record->get_option("user", user))
+            drop_of_other_user(record->name, user);
+    }
+}
+
+void GaussDB_Cluster_Manager::raise_alert(std::string const& name, std::string const& text) {
+    if (pending_alerts_.size() >= MAX_ALERTS)
+        return;
+    pending_alerts_.push_back({name, text});
+    std::vector<Instance_Alert> const before = alerts();
+    // discovery runs often: what is known already is not told again
+    if (std::none_of(before.begin(), before.end(),
+                     [&](Instance_Alert const& alert) { return alert.text == text; }))
+        QMRT_LOG(LM_ERROR, "%s\n", text.c_str());
+}
+
+/** @param keep_others  there was another search before in this discovery */
+void GaussDB_Cluster_Manager::publish_alerts(bool keep_others) {
+    std::lock_guard const guard(alerts_mutex_);
+    if (!keep_others)
+        alerts_.clear();
+    for (Instance_Alert const& alert : pending_alerts_)
+        if (std::none_of(alerts_.begin(), alerts_.end(),
+                         [&](Instance_Alert const& known) { return known.text == alert.text; }))
+            alerts_.push_back(alert);
+    pending_alerts_.clear();
+}
+
+std::vector<Instance_Alert> GaussDB_Cluster_Manager::alerts() const {
+    std::lock_guard const guard(alerts_mutex_);
+    return alerts_;
 }
 
 bool GaussDB_Cluster_Manager::add_cluster(char const* name, GaussDB_Cluster_Handler* handler) {
@@ -175,7 +283,15 @@ bool GaussDB_Cluster_Manager::load_env(std::string const& name, GaussDB_Env& env
         return false;
     Path_Conf const path(ENV_DIRECTORY, true, name + "_env", 0750);
     json_spirit::Value entries;
-    if (!path || !load_json(path.c_str(), entries))
+    std::string reason;
+    if (!path)
+        return false;
+    if (!is_trusted_path(path.str(), geteuid(), PATH_MAY_BE_MISSING, reason)) {
+        QMRT_LOG(LM_ERROR, "Failed to load %s, others can change it: %s\n", path.c_str(),
+                 reason.c_str());
+        return false;
+    }
+    if (!load_json(path.c_str(), entries))
         return false;
     if (entries.type() != json_spirit::obj_type) {
         QMRT_LOG(LM_ERROR, "%s holds no environment\n", path.c_str());

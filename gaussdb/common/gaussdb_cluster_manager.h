@@ -2,14 +2,19 @@
 #define GAUSSDB_COMMON_GAUSSDB_CLUSTER_MANAGER_H
 
 #include "gaussdb/common/gaussdb_cluster_handler.h"
+#include "host/agent/instance_handler.h"
 #include "json_spirit/value.h"
 
 #include <map>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <string>
+#include <vector>
 
+class Cluster_Claims;
 class GaussDB_Env;
+struct Cluster_Claim;
 struct Service_Info;
 
 /**
@@ -17,6 +22,11 @@ struct Service_Info;
  * process that looks like the database is asked for its environment through /proc; that says which
  * profile to read and which cluster it belongs to. What was learned is also written down, so that a
  * cluster that is stopped can be brought back.
+ *
+ * A process is believed only if its user is the one on record for the cluster, or there is no such
+ * record, and if that user owns what the process leads to (see gaussdb_ownership.h). The record is
+ * the agent's instance of that name, or else the handler that is known here. What is refused raises
+ * an alert and changes nothing.
  *
  * May be used on any thread. One discovery runs at a time, so that a new cluster is asked once; it
  * holds no lock that get_cluster(), cluster_exists(), add_cluster() and remove_cluster() want while
@@ -46,8 +56,12 @@ public:
      */
     bool get_instances(json_spirit::Array& instances);
 
+    /** What the last discovery refused. */
+    std::vector<Instance_Alert> alerts() const;
+
     /**
-     * Brings back a cluster that discovery did not see, by what was written down about it.
+     * Brings back a cluster that discovery did not see, by what was written down about it. It has
+     * to belong to @a user as a running one has to. A handler of another user is replaced.
      * @param version  its flavour, a GAUSSDB_VERSION  @param edition  its version, "8.1.1"
      * @return true when it is known now or was before; false for a flavour of which nothing is
      *         written down, and after an error line for all else
@@ -73,9 +87,9 @@ public:
     bool list_cluster();
     /**
      * Enters the cluster of the profile that GAUSSDB_MPPDBGS_PROFILE names, which need not be
-     * running. Its init() follows in list_cluster().
-     * @return false, with nothing logged, when there is no such variable or no cluster's name in
-     *         the profile
+     * running, and whose owner is the cluster's user. Its init() follows in list_cluster().
+     * @return false when the profile is not trusted, which raises an alert; false with nothing
+     *         logged when there is no such variable or no cluster's name in the profile
      */
     bool load_config_cluster();
 
@@ -86,6 +100,7 @@ public:
     /**
      * The environment of a cluster between runs of the agent: one JSON object of strings in the
      * file <name>_env below /var/cache/quilmot/zenbrak3/gaussdb, mode 0640. Failures are logged.
+     * A file that anybody but this process's user can change is not loaded.
      */
     bool dump_env(std::string const& name, GaussDB_Env const& env);
     bool load_env(std::string const& name, GaussDB_Env& env);
@@ -95,19 +110,32 @@ public:
 
 private:
     bool list_cluster_i();
-    bool detect_cluster(Service_Info const& service, std::string& gphome, map_type& found);
+    void gather_claims(std::vector<Service_Info> const& services, Cluster_Claims& claims);
+    bool detect_cluster(std::string const& name, std::vector<Cluster_Claim> const& claims,
+                        map_type& found);
     bool detect_config_cluster(map_type& found);
     void init_clusters(map_type const& found);
     bool list_gaussdb_t_single_i();
-    bool detect_gaussdb_t(Service_Info const& service);
+    void add_gaussdb_t_claim(Service_Info const& service, Cluster_Claims& claims);
+    bool detect_gaussdb_t(std::string const& name, std::vector<Cluster_Claim> const& claims);
+
+    std::optional<std::string> owner_of(std::string const& name) const;
+    bool is_owner_of(std::string const& name, uid_t uid, std::string& reason) const;
+    void drop_of_other_user(std::string const& name, std::string const& user);
+    void drop_overruled();
+    void raise_alert(std::string const& name, std::string const& text);
+    void publish_alerts(bool keep_others);
 
     map_type snapshot() const;
     bool enter(std::string const& name, GaussDB_Cluster_Handler_var const& handler);
     void take_out(std::string const& name, GaussDB_Cluster_Handler_var const& handler);
 
-    mutable std::shared_mutex clusters_mutex_; ///< never held while a tool runs
-    map_type clusters_;                        ///< guarded by clusters_mutex_
-    std::mutex discovery_mutex_;               ///< one discovery at a time; taken first
+    mutable std::shared_mutex clusters_mutex_;   ///< never held while a tool runs
+    map_type clusters_;                          ///< guarded by clusters_mutex_
+    std::mutex discovery_mutex_;                 ///< one discovery at a time; taken first
+    std::vector<Instance_Alert> pending_alerts_; ///< of this discovery; guarded by discovery_mutex_
+    mutable std::mutex alerts_mutex_;
+    std::vector<Instance_Alert> alerts_; ///< guarded by alerts_mutex_
 };
 
 /** What the module does when it is unloaded. */

@@ -159,6 +159,16 @@ int GaussDB_Instance_Handler::update_options(char const* name, char const* usern
     return 0;
 }
 
+std::vector<Instance_Alert> GaussDB_Instance_Handler::alerts() {
+    GaussDB_Cluster_Manager const* const manager = GaussDB_Cluster_Manager::instance();
+    return manager ? manager->alerts() : std::vector<Instance_Alert>();
+}
+
+void GaussDB_Instance_Handler::forget(char const* name) {
+    if (GaussDB_Cluster_Manager* const manager = GaussDB_Cluster_Manager::instance())
+        manager->remove_cluster(name);
+}
+
 bool init_tpops_instance(std::shared_ptr<Instance const> instance) {
     GaussDB_Cluster_Manager const* const manager = GaussDB_Cluster_Manager::instance();
     if (manager && manager->cluster_exists(instance->name.c_str()))

@@ -38,6 +38,9 @@ public:
      */
     int update_options(char const* name, char const* username, char const* password,
                        options_type& options) override;
+    /** The processes and profiles that the last discovery refused. */
+    std::vector<Instance_Alert> alerts() override;
+    void forget(char const* name) override;
 };
 
 /**

@@ -33,3 +33,9 @@ int Instance_Handler::logoff(char const*) {
 int Instance_Handler::update_options(char const*, char const*, char const*, options_type&) {
     return 0;
 }
+
+std::vector<Instance_Alert> Instance_Handler::alerts() {
+    return {};
+}
+
+void Instance_Handler::forget(char const*) {}

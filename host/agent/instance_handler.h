@@ -6,6 +6,13 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
+
+/** Something about an instance that an administrator has to look at. */
+struct Instance_Alert {
+    std::string instance; ///< its name
+    std::string text;     ///< what is wrong and what to do, one sentence
+};
 
 /**
  * What a module knows of the instances of one type. The agent calls it on any thread. Without an
@@ -45,6 +52,11 @@ public:
     /** Completes an instance's options once its account is known. 0, or -1 to keep them. */
     virtual int update_options(char const* name, char const* username, char const* password,
                                options_type& options);
+
+    /** What was found wrong when instances were last looked for. */
+    virtual std::vector<Instance_Alert> alerts();
+    /** The instance is not on record any more: what is still known of it is dropped. */
+    virtual void forget(char const* name);
 
     std::string const& type() const { return type_; }
 

@@ -102,6 +102,14 @@ TEST_F(Agent_Command_Test, a_pipe_gets_whole_lines) {
               out());
 }
 
+TEST_F(Agent_Command_Test, instances_are_shown_with_their_alerts) {
+    Array const alerts{Object{{"instance", "c1"}, {"text", "claimed by \"mallory\"\x1b[2J"}}};
+    agent_->on("instance.list", Object{{"instances", INSTANCES}, {"alerts", alerts}});
+    EXPECT_EQ(0, run({"instances"}));
+    EXPECT_THAT(out(), HasSubstr("\n\nAlert: claimed by \"mallory\""));
+    EXPECT_THAT(out(), Not(HasSubstr("\x1b")));
+}
+
 TEST_F(Agent_Command_Test, a_terminal_gets_what_fits) {
     agent_->on("instance.list", Object{{"instances", INSTANCES}});
     setting_.columns = 60;

@@ -68,6 +68,19 @@ TEST_F(Instance_Probe_Test, what_is_on_record_is_handed_in_and_stays_as_it_is) {
     EXPECT_TRUE(instances_->find("gaussdb", "a"));
 }
 
+TEST_F(Instance_Probe_Test, a_list_that_cannot_be_read_replaces_no_record) {
+    Instance known;
+    known.type = "gaussdb";
+    known.name = "a";
+    known.options = {{"user", "omm"}};
+    ASSERT_TRUE(instances_->put(known));
+    finder_->found = {"a"};
+    instances_->fail("list");
+    EXPECT_TRUE(probe_.probe());
+    EXPECT_EQ(known.options, instances_->find("gaussdb", "a")->options);
+    EXPECT_LOGGED(LM_ERROR, "");
+}
+
 TEST_F(Instance_Probe_Test, one_that_cannot_be_recorded_is_told) {
     finder_->found = {"a"};
     finder_->result = -1;

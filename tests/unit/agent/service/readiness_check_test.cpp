@@ -18,6 +18,9 @@ class One_State : public Instance_Handler {
 public:
     explicit One_State(std::string state) : Instance_Handler("gaussdb"), state_(std::move(state)) {}
     std::string& get_state(char const*, std::string& state) override { return state = state_; }
+    std::vector<Instance_Alert> alerts() override { return found; }
+
+    std::vector<Instance_Alert> found;
 
 private:
     std::string const state_;
@@ -75,6 +78,16 @@ TEST_F(Readiness_Check_Test, a_cluster_with_all_that_a_backup_needs) {
                                 "tool gs_guc", "tool gsql", "tool gs_check", "account"})
         expect_good(subject);
     EXPECT_TRUE(check_.ok());
+}
+
+TEST_F(Readiness_Check_Test, an_alert_about_the_instance_is_shown) {
+    auto const handler = std::make_shared<One_State>("Normal");
+    handler->found = {{"other", "not of this one"}, {"cluster", "claimed by two users"}};
+    Instance_Manager::instance()->add_handler(handler);
+    check_.instance("cluster", "uid");
+    expect_bad("alert", "claimed by two users");
+    expect_bad("instance cluster", "it is not known here");
+    EXPECT_EQ(2u, check_.lines().size());
 }
 
 TEST_F(Readiness_Check_Test, a_tool_that_is_not_there_is_named_with_where_to_put_it) {

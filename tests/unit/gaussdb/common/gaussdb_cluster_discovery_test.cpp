@@ -6,6 +6,7 @@
 #include "tests/support/cluster_xml.h"
 #include "tests/support/database_process.h"
 #include "tests/support/failing_new.h"
+#include "tests/support/fake_instances.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/product_directories.h"
 #include "tests/support/scripted_interpreters.h"
@@ -387,6 +388,251 @@ TEST_F(Discovery_Test, without_memory_the_search_ends) {
     EXPECT_TRUE(manager_.cluster_exists("c2"));
 }
 
+/** Processes of another user than the cluster's, "nobody". */
+class False_Cluster_Test : public Discovery_Test {
+protected:
+    ~False_Cluster_Test() override {
+        // each has been expected as an alert
+        for (char const* text : {"zenbrak3 instance", "but is not used: "})
+            Log_Capture::instance().claim_all(LM_ERROR, text);
+    }
+
+    static uid_t uid_of(char const* user) { return getpwnam(user)->pw_uid; }
+    /** Gives a path to a user, who alone can change it. */
+    static void give(std::string const& path, char const* user, mode_t mode = 0755) {
+        ASSERT_EQ(0, chown(path.c_str(), uid_of(user), getpwnam(user)->pw_gid));
+        ASSERT_EQ(0, chmod(path.c_str(), mode));
+    }
+    void put_on_record(char const* name, json_spirit::Object const& options) {
+        Instance instance;
+        instance.type = "gaussdb";
+        instance.name = name;
+        instance.options = options;
+        ASSERT_TRUE(record_->put(instance));
+    }
+    /** The one alert's text, when it is of "c1". */
+    std::string alert() const {
+        std::vector<Instance_Alert> const alerts = manager_.alerts();
+        return alerts.size() == 1 && alerts[0].instance == "c1" ? alerts[0].text : "not one alert";
+    }
+    /** Discovery finds nothing, runs nothing, writes nothing, and says why. */
+    void expect_refused(std::string const& reason) {
+        EXPECT_THAT(names(), testing::IsEmpty());
+        EXPECT_THAT(alert(), testing::HasSubstr(reason));
+        EXPECT_LOGGED(LM_ERROR, reason);
+        EXPECT_EQ(0u, host_.tools.calls("gs_check"));
+        EXPECT_FALSE(host_.exists(std::string(host_.CACHE) + "c1_env"));
+    }
+
+    Fake_Instances record_;
+};
+
+TEST_F(False_Cluster_Test, a_cluster_on_record_is_its_users_alone) {
+    put_on_record("c1", {{"user", "nobody"}});
+    start(GAUSSDB, C1, "daemon");
+    expect_refused(
+        "of user \"daemon\" claims cluster \"c1\", which is on record for user \"nobody\"");
+    start(GAUSSDB);
+    EXPECT_THAT(names(), ElementsAre("c1"));
+    EXPECT_EQ("nobody", manager_.get_cluster("c1")->user());
+    EXPECT_EQ(uid_of("nobody"), host_.tools.call("gs_check").uid);
+    EXPECT_THAT(alert(), testing::HasSubstr("daemon")) << "it is still there";
+    processes_.front().end();
+    EXPECT_THAT(names(), ElementsAre("c1"));
+    EXPECT_THAT(manager_.alerts(), testing::IsEmpty());
+}
+
+TEST_F(False_Cluster_Test, an_alert_is_logged_once) {
+    put_on_record("c1", {{"user", "nobody"}});
+    start(GAUSSDB, C1, "daemon");
+    for (int round = 0; round < 3; ++round)
+        EXPECT_THAT(names(), testing::IsEmpty());
+    EXPECT_EQ(1u, Log_Capture::instance().claim_all(LM_ERROR, "claims cluster \"c1\""));
+}
+
+TEST_F(False_Cluster_Test, a_known_cluster_stays_with_its_user_without_a_record) {
+    start(GAUSSDB);
+    EXPECT_THAT(names(), ElementsAre("c1"));
+    processes_.clear();
+    start(GAUSSDB, C1, "daemon");
+    EXPECT_THAT(names(), ElementsAre("c1"));
+    EXPECT_EQ("nobody", manager_.get_cluster("c1")->user());
+    EXPECT_EQ(1u, host_.tools.calls("gs_check"));
+    EXPECT_THAT(alert(), testing::HasSubstr("user \"daemon\" claims cluster \"c1\""));
+}
+
+TEST_F(False_Cluster_Test, of_two_users_neither_is_believed_until_one_is_left) {
+    start(GAUSSDB, C1, "daemon");
+    start(GAUSSDB);
+    expect_refused("of user \"nobody\" both belong to a cluster \"c1\"");
+    EXPECT_THAT(alert(), testing::HasSubstr("of user \"daemon\""));
+    processes_.front().end();
+    EXPECT_THAT(names(), ElementsAre("c1"));
+    EXPECT_EQ("nobody", manager_.get_cluster("c1")->user());
+}
+
+TEST_F(False_Cluster_Test, an_administrator_puts_a_false_record_right) {
+    start(GAUSSDB, C1, "daemon");
+    EXPECT_THAT(names(), ElementsAre("c1"));
+    put_on_record("c1", {{"user", "daemon"}});
+    start(GAUSSDB);
+    EXPECT_THAT(names(), ElementsAre("c1"));
+    EXPECT_THAT(alert(), testing::HasSubstr("on record for user \"daemon\""));
+    EXPECT_THAT(alert(), testing::HasSubstr("zenbrak3 instance remove c1"));
+
+    put_on_record("c1", {{"user", "nobody"}});
+    EXPECT_THAT(names(), ElementsAre("c1"));
+    EXPECT_EQ("nobody", manager_.get_cluster("c1")->user());
+    EXPECT_LOGGED(LM_ERROR, "Cluster c1 is on record for user \"nobody\", no longer using what was "
+                            "found of user \"daemon\"\n");
+    EXPECT_THAT(alert(), testing::HasSubstr("user \"daemon\" claims"));
+}
+
+TEST_F(False_Cluster_Test, a_record_without_a_user_belongs_to_no_process) {
+    put_on_record("c1", {{"address", "10.0.0.1"}, {"version", 4}});
+    start(GAUSSDB);
+    expect_refused("which is on record without a user of this host");
+}
+
+TEST_F(False_Cluster_Test, a_user_on_record_who_does_not_exist_is_nobody_else) {
+    put_on_record("c1", {{"user", "gone-user"}});
+    start(GAUSSDB);
+    expect_refused("which is on record for user \"gone-user\"");
+}
+
+TEST_F(False_Cluster_Test, roots_processes_are_not_believed) {
+    start(GAUSSDB, C1, "root");
+    expect_refused("it runs as root");
+}
+
+TEST_F(False_Cluster_Test, the_program_has_to_be_the_users) {
+    host_.write("/home/program", host_.read(ZENBRAK3_TEST_CHILD));
+    give("/home/program", "daemon");
+    processes_.emplace_back(GAUSSDB, C1, "nobody", std::vector<std::string>(), "/home/program");
+    expect_refused("its program: \"/home/program\" belongs to uid ");
+    processes_.clear();
+    give("/home/program", "nobody", 0775);
+    processes_.emplace_back(GAUSSDB, C1, "nobody", std::vector<std::string>(), "/home/program");
+    EXPECT_THAT(names(), testing::IsEmpty());
+    EXPECT_THAT(alert(), testing::HasSubstr("its program: \"/home/program\" is writable by"));
+    processes_.clear();
+    give("/home/program", "nobody");
+    processes_.emplace_back(GAUSSDB, C1, "nobody", std::vector<std::string>(), "/home/program");
+    std::filesystem::rename("/home/program", "/home/moved");
+    std::filesystem::copy_file("/home/moved", "/home/program");
+    std::filesystem::remove("/home/moved");
+    EXPECT_THAT(names(), testing::IsEmpty());
+    EXPECT_THAT(alert(), testing::HasSubstr("its program: \"/home/moved (deleted)\" cannot be"));
+    std::filesystem::copy_file("/home/program", "/home/moved (deleted)");
+    EXPECT_THAT(names(), testing::IsEmpty());
+    EXPECT_THAT(alert(), testing::HasSubstr("is not the file that the process runs"));
+}
+
+TEST_F(False_Cluster_Test, the_data_directory_has_to_be_the_users) {
+    std::filesystem::create_directories("/home/data/dn1");
+    give("/home/data/dn1", "daemon", 0700);
+    std::vector<std::string> in_environment = C1;
+    in_environment.push_back("PGDATA=/home/data/dn1");
+    processes_.emplace_back(GAUSSDB, in_environment, "nobody");
+    expect_refused("its data directory: \"/home/data/dn1\" belongs to uid ");
+    for (std::vector<std::string> const& rest : std::vector<std::vector<std::string>>{
+             {"-D", "/home/data/dn1"}, {"-M", "primary", "-D/home/data/dn1"}}) {
+        processes_.clear();
+        processes_.emplace_back(GAUSSDB, C1, "nobody", rest);
+        EXPECT_THAT(names(), testing::IsEmpty());
+        EXPECT_THAT(alert(), testing::HasSubstr("its data directory: \"/home/data/dn1\" belongs"));
+    }
+    give("/home/data/dn1", "nobody", 0700);
+    EXPECT_THAT(names(), ElementsAre("c1"));
+}
+
+TEST_F(False_Cluster_Test, the_profile_has_to_be_the_users) {
+    give("/home/omm/profile", "daemon");
+    start(GAUSSDB);
+    expect_refused("its profile: \"/home/omm/profile\" belongs to uid ");
+    give("/home/omm/profile", "nobody");
+    give("/home/omm", "nobody", 0777);
+    EXPECT_THAT(names(), testing::IsEmpty());
+    EXPECT_THAT(alert(), testing::HasSubstr("its profile: \"/home/omm\" is writable by"));
+    give("/home/omm", "nobody", 0700);
+    EXPECT_THAT(names(), ElementsAre("c1"));
+}
+
+TEST_F(False_Cluster_Test, a_profile_that_its_user_cannot_read_is_not_read_for_him) {
+    host_.write("/home/omm/profile", "export SECRET=of-root\n");
+    ASSERT_EQ(0, chmod("/home/omm/profile", 0600));
+    start(GAUSSDB);
+    EXPECT_THAT(names(), testing::IsEmpty());
+    EXPECT_LOGGED(LM_ERROR, "Failed to open /home/omm/profile, errno=13, Permission denied\n");
+    EXPECT_EQ(0u, host_.tools.calls("gs_check"));
+}
+
+TEST_F(False_Cluster_Test, the_tools_have_to_be_the_users) {
+    std::filesystem::create_directories("/home/theirs");
+    give("/home/theirs", "daemon");
+    start(GAUSSDB);
+    for (char const* line :
+         {"export PATH=/home/theirs:$PATH\n", "export PATH=$PATH:/home/theirs/none\n",
+          "export PATH=/tmp/none:$PATH\n", "export PATH=$PATH:../../tmp\n",
+          "export LD_LIBRARY_PATH=/home/theirs\n", "export PYTHONPATH=/x:/home/theirs\n",
+          "export GAUSSHOME=/home/theirs\n", "export ROACH_HOME=/tmp/roach\n"}) {
+        host_.write("/home/omm/profile", line);
+        EXPECT_THAT(names(), testing::IsEmpty()) << line;
+        std::string const name = std::string(line).substr(7, std::string(line).find('=') - 7);
+        EXPECT_THAT(alert(), testing::HasSubstr("is not used: " + name)) << line;
+    }
+    EXPECT_EQ(0u, host_.tools.calls("gs_check"));
+}
+
+TEST_F(False_Cluster_Test, one_tool_that_others_can_write_is_enough) {
+    host_.write("/home/tools/gsql", "");
+    host_.write("/home/omm/profile", "export PATH=/home/tools:$PATH\n");
+    ASSERT_EQ(0, chmod("/home/tools/gsql", 0666));
+    start(GAUSSDB);
+    expect_refused("PATH of its profile: \"/home/tools/gsql\" is writable by");
+}
+
+TEST_F(False_Cluster_Test, the_name_that_a_clusters_own_files_have_is_not_its_name) {
+    host_.write("/home/omm/tool/script/config/clusterconfig.xml",
+                cluster_xml({{"clusterName", "../other"}}, {{{"name", "host1"}}}));
+    start(GAUSSDB);
+    EXPECT_THAT(names(), ElementsAre("c1"));
+}
+
+TEST_F(False_Cluster_Test, a_home_that_is_not_an_absolute_path_is_refused) {
+    start(GAUSSDB);
+    for (char const* line : {"export GAUSSHOME=\"/home/omm/app\"\n", "export GAUSSHOME=app\n",
+                             "export GAUSSHOME='/home/omm/app'\n", "export GAUSSHOME=/home/`id`\n",
+                             "export ROACH_HOME=../roach\n"}) {
+        host_.write("/home/omm/profile", line);
+        EXPECT_THAT(names(), testing::IsEmpty()) << line;
+        EXPECT_THAT(alert(), testing::HasSubstr("is not an absolute path without quotes")) << line;
+    }
+    EXPECT_EQ(0u, host_.tools.calls("gs_check"));
+}
+
+TEST_F(False_Cluster_Test, a_gphome_of_another_user_is_never_taken) {
+    start(GAUSSDB, {"GPHOME=/home/theirs"}, "daemon");
+    start(GAUSSDB, {"GS_CLUSTER_NAME=c1", "MPPDB_ENV_SEPARATE_PATH=/home/omm/profile"});
+    manager_.list_cluster();
+    EXPECT_EQ("", host_.tools.call("gs_check").env.at("GPHOME"));
+    Log_Capture::instance().claim_all(LM_ERROR, "");
+}
+
+TEST_F(False_Cluster_Test, a_process_without_fault_counts_beside_one_with) {
+    processes_.emplace_back(GAUSSDB, C1, "nobody", std::vector<std::string>{"-D", "/home/none"});
+    start(GAUSSDB);
+    EXPECT_THAT(names(), ElementsAre("c1"));
+    EXPECT_THAT(manager_.alerts(), testing::IsEmpty());
+}
+
+TEST_F(False_Cluster_Test, the_number_of_alerts_is_limited) {
+    for (int number = 0; number < 120; ++number)
+        start(GAUSSDB, {"GS_CLUSTER_NAME=x" + std::to_string(number), C1[1], C1[2]}, "root");
+    EXPECT_THAT(names(), testing::IsEmpty());
+    EXPECT_EQ(100u, manager_.alerts().size());
+}
+
 class Config_Cluster_Test : public Discovery_Test {
 protected:
     Config_Cluster_Test() {
@@ -471,6 +717,35 @@ TEST_F(Config_Cluster_Test, a_profile_of_nobody_known) {
                             "or directory.\n");
 }
 
+TEST_F(Config_Cluster_Test, a_profile_of_root_would_run_tools_as_root) {
+    Scoped_Env const configured("GAUSSDB_MPPDBGS_PROFILE", PROFILE);
+    ASSERT_EQ(0, chown(PROFILE, 0, 0));
+    EXPECT_FALSE(manager_.load_config_cluster());
+    EXPECT_LOGGED(LM_ERROR, "the configured profile \"/home/omm/.mppdbgs_profile\" is not used: "
+                            "it belongs to root");
+    EXPECT_EQ(1u, manager_.alerts().size());
+}
+
+TEST_F(Config_Cluster_Test, a_profile_that_others_can_write_is_refused) {
+    Scoped_Env const configured("GAUSSDB_MPPDBGS_PROFILE", PROFILE);
+    ASSERT_EQ(0, chmod(PROFILE, 0664));
+    EXPECT_FALSE(manager_.load_config_cluster());
+    EXPECT_LOGGED(LM_ERROR, "is writable by its group or by others (mode 0664)");
+}
+
+TEST_F(Config_Cluster_Test, a_cluster_on_record_stays_with_its_user) {
+    Scoped_Env const configured("GAUSSDB_MPPDBGS_PROFILE", PROFILE);
+    Fake_Instances record;
+    Instance instance;
+    instance.type = "gaussdb";
+    instance.name = "FI-MPPDB";
+    instance.options = {{"user", "daemon"}};
+    ASSERT_TRUE(record->put(instance));
+    EXPECT_FALSE(manager_.list_cluster());
+    EXPECT_LOGGED(LM_ERROR, "but the cluster is on record for user \"daemon\"");
+    EXPECT_FALSE(manager_.cluster_exists("FI-MPPDB"));
+}
+
 class Gaussdb_T_Test : public Discovery_Test {
 protected:
     Gaussdb_T_Test() {
@@ -537,8 +812,7 @@ TEST_F(Gaussdb_T_Test, settings_without_an_end_are_no_settings) {
     ASSERT_EQ(0, mkfifo("/home/data/cfg/zengine.ini", 0666));
     EXPECT_EQ(0, manager_.get_lsnr_port("/home/data"));
     std::filesystem::remove("/home/data/cfg/zengine.ini");
-    host_.write("/home/data/cfg/zengine.ini",
-                std::string(1024 * 1024, '#') + "\nlsnr_port=1888\n");
+    host_.write("/home/data/cfg/zengine.ini", std::string(1024 * 1024, '#') + "\nlsnr_port=1888\n");
     EXPECT_EQ(0, manager_.get_lsnr_port("/home/data")) << "too large";
 }
 
@@ -574,6 +848,34 @@ TEST_F(Gaussdb_T_Test, without_a_port_it_is_passed_over) {
     std::filesystem::remove("/home/data/cfg/zengine.ini");
     start(ZENGINE, {});
     EXPECT_THAT(names(), testing::IsEmpty());
+}
+
+TEST_F(Gaussdb_T_Test, the_port_of_another_users_instance_is_not_taken_over) {
+    host_.write("/home/false/cfg/zengine.ini", "LSNR_PORT = 1611\n");
+    start(ZENGINE, {});
+    EXPECT_THAT(names(), ElementsAre("zengine_1611"));
+    processes_.clear();
+    start("/home/db/bin/zengine open -D /home/false", {}, "daemon");
+    EXPECT_TRUE(manager_.list_gaussdb_t());
+    EXPECT_EQ("nobody", manager_.get_cluster("zengine_1611")->user());
+    EXPECT_LOGGED(LM_ERROR, "user \"daemon\" claims cluster \"zengine_1611\"");
+    EXPECT_EQ(1u, host_.tools.calls("zengine"));
+}
+
+TEST_F(Gaussdb_T_Test, its_directories_have_to_be_the_users) {
+    ASSERT_EQ(0, chmod("/home/data", 0777));
+    start(ZENGINE, {});
+    EXPECT_THAT(names(), testing::IsEmpty());
+    EXPECT_LOGGED(LM_ERROR, "GSDB_DATA: \"/home/data\" is writable by");
+    EXPECT_EQ(0u, host_.tools.calls("zengine"));
+    EXPECT_EQ(1u, manager_.alerts().size());
+}
+
+TEST_F(Gaussdb_T_Test, a_configuration_that_its_user_cannot_read_is_not_read_for_him) {
+    ASSERT_EQ(0, chmod("/home/data", 0700)); // root's
+    start(ZENGINE, {});
+    EXPECT_THAT(names(), testing::IsEmpty());
+    EXPECT_EQ(0u, host_.tools.calls("zengine"));
 }
 
 TEST_F(Gaussdb_T_Test, without_memory_the_search_ends) {

@@ -359,7 +359,7 @@ TEST_F(Offline_Instance_Test, a_name_and_a_user_are_wanted) {
 TEST_F(Offline_Instance_Test, a_known_cluster_is_left_as_it_is) {
     auto* const handler = new Counting_Handler;
     manager_.add_cluster("c1", handler);
-    EXPECT_TRUE(manager_.update_offline_instance("c1", "omm", 99, "none"));
+    EXPECT_TRUE(manager_.update_offline_instance("c1", "nobody", 99, "none"));
     EXPECT_EQ(handler, manager_.get_cluster("c1").get());
     EXPECT_EQ(0, handler->inits);
 }
@@ -429,6 +429,52 @@ TEST_F(Offline_Instance_Test, a_gaussdb_t_instance) {
     GaussDB_Cluster_Handler_var const handler = manager_.get_cluster("zengine_1611");
     ASSERT_FALSE(handler.null());
     EXPECT_NE(nullptr, dynamic_cast<GaussDB_T_Single_Handler*>(handler.get()));
+}
+
+TEST_F(Offline_Instance_Test, the_user_on_record_replaces_another_users_handler) {
+    write_env_100();
+    GaussDB_Version const version(GAUSSDB_100, 1, 0, 0);
+    manager_.add_cluster("c1", new GaussDB_100_Cluster_Handler(GaussDB_Env(), "daemon", version));
+    EXPECT_TRUE(manager_.update_offline_instance("c1", "nobody", 1, "1.0.2"));
+    EXPECT_EQ("nobody", manager_.get_cluster("c1")->user());
+    EXPECT_LOGGED(LM_ERROR, "no longer using what was found of user \"daemon\"\n");
+}
+
+TEST_F(Offline_Instance_Test, tools_of_another_user_are_not_run) {
+    host_.write("/home/theirs/gs_om", "");
+    ASSERT_EQ(0, chown("/home/theirs", 1, 1));
+    GaussDB_Env env;
+    env.set_env("GPHOME", "/home/tool");
+    env.set_env("PATH", "/home/theirs");
+    ASSERT_TRUE(manager_.dump_env("c1", env));
+    EXPECT_FALSE(manager_.update_offline_instance("c1", "nobody", 1, "1.0.2"));
+    EXPECT_LOGGED(LM_ERROR, "Failed to update offline instance c1 of user nobody, PATH of its "
+                            "profile: \"/home/theirs\" belongs to uid 1\n");
+    EXPECT_FALSE(manager_.cluster_exists("c1"));
+}
+
+TEST_F(Offline_Instance_Test, a_user_who_is_root_or_not_here_is_refused) {
+    write_env_100();
+    EXPECT_FALSE(manager_.update_offline_instance("c1", "root", 1, "1.0.2"));
+    EXPECT_LOGGED(LM_ERROR, "of user root, the tools of a database are not run as root\n");
+    EXPECT_FALSE(manager_.update_offline_instance("c1", "gone-user", 1, "1.0.2"));
+    EXPECT_LOGGED(LM_ERROR, "of user gone-user, this host does not have the user\n");
+}
+
+TEST_F(Offline_Instance_Test, an_environment_that_others_can_write_is_not_loaded) {
+    write_env_100();
+    ASSERT_EQ(0, chmod(env_file_.c_str(), 0666));
+    EXPECT_FALSE(manager_.update_offline_instance("c1", "nobody", 1, "1.0.2"));
+    EXPECT_LOGGED(LM_ERROR, "Failed to load " + env_file_ + ", others can change it: ");
+    ASSERT_EQ(0, chmod(env_file_.c_str(), 0640));
+    ASSERT_EQ(0, chown(env_file_.c_str(), 1, 1));
+    EXPECT_FALSE(manager_.update_offline_instance("c1", "nobody", 1, "1.0.2"));
+    EXPECT_LOGGED(LM_ERROR, "others can change it: \"" + env_file_ + "\" belongs to uid 1\n");
+    ASSERT_EQ(0, chown(env_file_.c_str(), 0, 0));
+    ASSERT_EQ(0, chmod(host_.CACHE, 01777));
+    EXPECT_FALSE(manager_.update_offline_instance("c1", "nobody", 1, "1.0.2"));
+    EXPECT_LOGGED(LM_ERROR, "others can change it: ");
+    Log_Capture::instance().claim_all(LM_ERROR, "Failed to load environment variables");
 }
 
 TEST_F(Offline_Instance_Test, a_failing_init_leaves_nothing) {

@@ -116,6 +116,30 @@ TEST_F(Instance_Handler_Test, a_running_cluster_is_found) {
     EXPECT_EQ("1.0.2", json_spirit::object_get_str(instances_.at("c1")->options, "edition"));
 }
 
+TEST_F(Instance_Handler_Test, a_refused_process_is_told_and_goes_with_the_next_search) {
+    host_.write("/home/omm/profile", "export GAUSSHOME=app\n");
+    {
+        Database_Process const process(
+            "/home/omm/app/bin/gaussdb",
+            {"GS_CLUSTER_NAME=c1", "MPPDB_ENV_SEPARATE_PATH=/home/omm/profile"});
+        probe();
+        ASSERT_EQ(1u, handler_.alerts().size());
+        EXPECT_EQ("c1", handler_.alerts()[0].instance);
+        EXPECT_LOGGED(LM_ERROR, handler_.alerts()[0].text);
+    }
+    probe();
+    EXPECT_TRUE(handler_.alerts().empty());
+}
+
+TEST_F(Instance_Handler_Test, what_is_forgotten_is_not_found_again_unless_it_runs) {
+    discovers("c1", {{"instance", "c1"}});
+    handler_.forget("c1");
+    handler_.forget("unknown");
+    probe();
+    EXPECT_TRUE(instances_.empty());
+    EXPECT_FALSE(manager_.cluster_exists("c1"));
+}
+
 TEST_F(Instance_Handler_Test, a_record_without_a_name_adds_nothing) {
     discovers("c1", {{"note", "no name"}});
     discovers("c2", {{"instance", ""}});
