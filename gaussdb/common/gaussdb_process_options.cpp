@@ -5,6 +5,8 @@
 
 bool set_local_options(ACE_Process_Options& opts, GaussDB_Env const& env) {
     opts.handle_inheritance(0);
+    // an empty entry in a list of directories means this one: not where the agent was started
+    opts.working_directory("/");
     return env.set_opts(opts) && set_process_env(opts, "LC_ALL", "C");
 }
 

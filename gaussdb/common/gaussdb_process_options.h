@@ -17,7 +17,7 @@ public:
 
 /**
  * For a tool on this host: the variables of @a env, LC_ALL=C, no descriptor but the standard ones,
- * and the identity of @a user.
+ * the working directory "/", and the identity of @a user.
  * @return false, after an error line, when the user is null, "" or unknown, or a variable does not
  *         fit; no start takes the options then. Nor does one when the user is root, since @a env is
  *         what another user's profile says.

@@ -6,6 +6,7 @@
 #include "gaussdb/job/gaussdb_utils.h"
 #include "gaussdb/job/roach_line_handler.h"
 #include "host/process/ace_process_ex.h"
+#include "host/process/password_file_entry.h"
 #include "host/process/process_options.h"
 #include "qmrt/check.h"
 #include "qmrt/format.h"
@@ -66,15 +67,21 @@ std::string below(char const* directory, char const* name) {
  */
 bool get_ssh_auth_sock(char const* user, std::string& sock) {
     std::string const profile = string_sprintf("/home/%s/.profile", user);
-    int const result = read_guarded_lines(profile.c_str(), {.max_size = MAX_PROFILE_SIZE},
-                                          [&](std::string_view line) {
-                                              qmrt::svmatch groups;
-                                              if (!qmrt::regex_match(line, groups, RE_SSH_SOCK))
-                                                  return true;
-                                              sock.assign(groups[1].first, groups[1].second);
-                                              return false;
-                                          });
-    if (result == -1) {
+    auto const take_socket = [&](std::string_view line) {
+        qmrt::svmatch groups;
+        if (!qmrt::regex_match(line, groups, RE_SSH_SOCK))
+            return true;
+        sock.assign(groups[1].first, groups[1].second);
+        return false;
+    };
+    Password_File_Entry entry;
+    if (entry.get(user) == -1) {
+        QMRT_LOG(LM_ERROR, "Failed to look up the user %s, errno=%d, %m\n", user, errno);
+        return false;
+    }
+    As_File_User const rights(entry.uid()); // what the path leads to is the user's choice
+    if (!rights ||
+        read_guarded_lines(profile.c_str(), {.max_size = MAX_PROFILE_SIZE}, take_socket) == -1) {
         QMRT_LOG(LM_ERROR, "Failed to open %s, errno=%d, %m\n", profile.c_str(), errno);
         return false;
     }
@@ -82,6 +89,24 @@ bool get_ssh_auth_sock(char const* user, std::string& sock) {
         return false;
     boost::replace_all(sock, "~", string_sprintf("/home/%s", user));
     return true;
+}
+
+/**
+ * Lets the tool start in a directory of the cluster.
+ * @param variable  the variable of the cluster's environment that names @a directory
+ * @return false, after an error line, for one that is not an absolute path
+ */
+bool set_directory(ACE_Process_Options& opts, char const* variable, std::string const& directory) {
+    if (directory.starts_with('/')) {
+        opts.working_directory(directory.c_str());
+        return true;
+    }
+    QMRT_LOG(
+        LM_ERROR,
+        "Failed to start GaussRoach.py, %s of the cluster is not an absolute path: \"%s\"; set "
+        "it in the profile of the cluster's user\n",
+        variable, directory.c_str());
+    return false;
 }
 
 } // namespace
@@ -210,9 +235,9 @@ bool Roach_Executor::execute_200(char const* cmd, Roach_Progress_Handler* handle
     std::string sock;
     if (!set_local_options(opts, env_, user_) || !get_ssh_auth_sock(user_, sock))
         return false;
-    opts.working_directory(string_sprintf("%s/script", env_.gp_home()).c_str());
-    set_process_env(opts, "SSH_AUTH_SOCK", sock.c_str());
-    if (!set_command_line(opts, "%s", cmd))
+    std::string const gp_home = env_.gp_home();
+    if (!set_directory(opts, "GPHOME", gp_home.empty() ? gp_home : gp_home + "/script") ||
+        !set_process_env(opts, "SSH_AUTH_SOCK", sock.c_str()) || !set_command_line(opts, "%s", cmd))
         return false;
     QMRT_LOG(LM_DEBUG, "%s\n", cmd);
     return run(opts, handler, backup_key);
@@ -223,8 +248,7 @@ bool Roach_Executor::execute_100(char const* cmd, Roach_Progress_Handler* handle
     GaussDB_Process_Options opts;
     if (!set_local_options(opts, env_, user_))
         return false;
-    opts.working_directory(env_.roach_home());
-    if (!set_command_line(opts, "%s", cmd))
+    if (!set_directory(opts, "ROACH_HOME", env_.roach_home()) || !set_command_line(opts, "%s", cmd))
         return false;
     QMRT_LOG(LM_DEBUG, "%s\n", cmd);
     return run(opts, handler, backup_key);

@@ -18,6 +18,9 @@ using ACE_Log_Msg_Callback_var = std::shared_ptr<ACE_Log_Msg_Callback>;
  * another one by ssh. The tool's command lines differ between the series; each operation says which
  * it is for.
  *
+ * On this host the tool starts in a directory of the cluster: below GPHOME for the 200 series, in
+ * ROACH_HOME for the 100 series. When that is not an absolute path, nothing is run.
+ *
  * All operations wait for the tool's end and return whether it exited with 0. A failure is logged,
  * and nothing is tried again. The object keeps nothing of a run, so several threads may each have
  * one of their own.

@@ -34,6 +34,7 @@ TEST_F(GaussDB_Commands, the_state_is_asked_for_as_the_clusters_user) {
     EXPECT_EQ("[gs_om][-t][status]", tools_.call("gs_om").text());
     EXPECT_EQ(tools_.uid(), tools_.call("gs_om").uid);
     EXPECT_EQ("C", tools_.call("gs_om").env.at("LC_ALL"));
+    EXPECT_EQ("/", tools_.call("gs_om").directory) << "not where the agent was started";
     EXPECT_LOGGED(LM_DEBUG, "gs_om -t status\n");
 }
 

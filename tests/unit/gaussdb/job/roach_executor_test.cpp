@@ -180,6 +180,29 @@ TEST_F(Roach_Executor_Test, the_100_way_needs_no_ssh_agent) {
     EXPECT_EQ(0u, call.env.count("SSH_AUTH_SOCK"));
 }
 
+TEST_F(Roach_Executor_Test, without_its_directory_the_tool_is_not_run_in_the_agents) {
+    for (char const* directory : {"", "roach", "\"/roach\"", "../roach"}) {
+        env_.set_env("GPHOME", directory);
+        env_.set_env("ROACH_HOME", directory);
+        EXPECT_FALSE(executor().stop());
+        EXPECT_LOGGED(LM_ERROR, "Failed to start GaussRoach.py, GPHOME of the cluster is not an "
+                                "absolute path: ");
+        EXPECT_FALSE(executor().start(GAUSSDB_100, ""));
+        EXPECT_LOGGED(LM_ERROR,
+                      "Failed to start GaussRoach.py, ROACH_HOME of the cluster is not an "
+                      "absolute path: ");
+    }
+    EXPECT_EQ(0u, tools_.calls("python3"));
+}
+
+TEST_F(Roach_Executor_Test, a_profile_without_an_end_is_not_read) {
+    remove("/home/daemon/.profile");
+    ASSERT_EQ(0, symlink("/dev/zero", "/home/daemon/.profile"));
+    EXPECT_FALSE(executor().stop());
+    EXPECT_LOGGED(LM_ERROR, "Failed to open /home/daemon/.profile, errno=");
+    EXPECT_EQ(0u, tools_.calls("python3"));
+}
+
 TEST_F(Roach_Executor_Test, without_a_profile_the_200_way_runs_nothing) {
     remove("/home/daemon/.profile");
     EXPECT_FALSE(executor().stop());
