@@ -103,6 +103,7 @@ class Profiles_Test(Attack_Test):
                 path.unlink()
         attacker.world.stop_agent()  # which forgets what it found
         attacker.world.start_agent()
+        protection.ask("zenbrak3", "instances", "--refresh")
         super().tearDown()
 
     def pretend(self, *arguments, **options):
