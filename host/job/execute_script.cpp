@@ -57,8 +57,8 @@ bool execute_script(std::string const& script, bool strict,
     }
     ACE_Process_Options options(true, 1024 + PATH_MAX, 16384, 512, 128);
     options.handle_inheritance(0);
-    options.setenv("LC_ALL", "%s", "C");
-    // both say themselves what went wrong
-    return set_command_line(options, "%s", command_line(path, strict).c_str()) &&
+    // each says itself what went wrong
+    return set_process_env(options, "LC_ALL", "C") &&
+           set_command_line(options, "%s", command_line(path, strict).c_str()) &&
            subprocess::call(options, std::move(log_callback)) == 0;
 }
