@@ -101,19 +101,29 @@ void GaussDB_200_Cluster_Handler::find_ports() {
         dn_port_ = local_device_->data_nodes.port;
 }
 
-/** The cluster's tools load the XBSA library from a directory of the installation. */
+/**
+ * The cluster's tools load the XBSA library from a directory of the installation. That is made with
+ * the rights of the cluster's user, who can put links anywhere into its path.
+ */
 bool GaussDB_200_Cluster_Handler::place_library_link() {
     char const* const gauss_home = env_.gauss_home();
     if (QMRT_IS_NULL_OR_EMPTY(gauss_home))
         return false;
+    Password_File_Entry user;
+    if (user.get(os_user_.c_str()) == -1) {
+        QMRT_LOG(LM_ERROR, "Failed to look up the user %s, errno=%d, %m\n", os_user_.c_str(),
+                 errno);
+        return false;
+    }
+    As_File_User const rights(user.uid());
+    if (!rights) {
+        QMRT_LOG(LM_ERROR, "Failed to take the rights of the user %s, errno=%d, %m\n",
+                 os_user_.c_str(), errno);
+        return false;
+    }
     Path_Conf const directory(std::string(gauss_home) + "/lib", false, "libsimsearch", 0750);
     Path_Conf const link(directory.str(), true, "libxbsa64.so", 0750);
-    if (!link)
-        return false;
-    if (chown_r(directory.c_str(), os_user_.c_str()) == -1)
-        QMRT_LOG(LM_WARNING, "Failed to give %s to %s, errno=%d, %m\n", directory.c_str(),
-                 os_user_.c_str(), errno);
-    return place_xbsa_link("libxbsa64.so", link.c_str());
+    return link && place_xbsa_link("libxbsa64.so", link.c_str());
 }
 
 GaussDB_Client_ptr GaussDB_200_Cluster_Handler::create_client(char const* username,

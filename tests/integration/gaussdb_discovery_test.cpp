@@ -1,6 +1,7 @@
 #include "gaussdb/common/gaussdb_cluster_manager.h"
 #include "host/process/service_lister.h"
 #include "json_spirit/access.h"
+#include "qmrt/file.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/postgres_server.h"
 #include "tests/support/product_directories.h"
@@ -35,7 +36,9 @@ protected:
     Real_Server_Test() {
         host_.tools.prints("gs_check", "gs_check (GaussDB 8.1.3 build 39137c2d) compiled at 2022");
         std::filesystem::create_directories("/home/omm/app/bin");
+        std::filesystem::create_directories("/home/omm/app/lib");
         start_server();
+        chown_r("/home/omm/app/lib", server_->os_user().c_str());
         host_.write("/home/omm/app/bin/cluster_static_config", std::to_string(server_->port()));
         host_.write("/home/omm/tool/script/gspylib/__init__.py", "");
         host_.write("/home/omm/tool/script/gspylib/common/__init__.py", "");

@@ -2,6 +2,7 @@
 
 #include "gaussdb/common/gaussdb_gsql_client.h"
 #include "host/process/password_file_entry.h"
+#include "qmrt/file.h"
 #include "qmrt/path.h"
 #include "tests/support/cluster_xml.h"
 #include "tests/support/failing_new.h"
@@ -28,6 +29,8 @@ protected:
         env_.set_env("GAUSSHOME", "/home/omm/app");
         env_.set_env("GPHOME", "/home/omm/tool");
         host_.write(live_, "live");
+        std::filesystem::create_directories("/home/omm/app/lib");
+        chown_r("/home/omm", "nobody");
     }
 
     /** Lets the interpreter's next runs print this XML. */
@@ -149,7 +152,9 @@ TEST_F(Handler_200_Test, what_the_clusters_user_cannot_read_is_not_saved) {
     if (geteuid() != 0)
         GTEST_SKIP() << "only root can act as another user";
     generates(cluster_xml(cluster(), {}));
-    ASSERT_EQ(0, chmod(live_.c_str(), 0600)); // root's, as a hard link to a file of root's would be
+    // as a hard link to a file of root's would be
+    ASSERT_EQ(0, chown(live_.c_str(), 0, 0));
+    ASSERT_EQ(0, chmod(live_.c_str(), 0600));
     GaussDB_200_Cluster_Handler handler(env_, "nobody", VERSION_6);
     EXPECT_TRUE(handler.init("c1"));
     EXPECT_FALSE(host_.exists(saved_));
@@ -188,6 +193,19 @@ TEST_F(Handler_200_Test, without_gausshome_nothing_is_made_at_the_root) {
     EXPECT_CHECK_LOGGED("gauss_home is NULL or \"\"");
     EXPECT_EQ(saved_, host_.tools.call("python").args.at(5));
     EXPECT_FALSE(host_.exists("/lib/libsimsearch"));
+}
+
+TEST_F(Handler_200_Test, nothing_is_made_where_the_clusters_user_could_not) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can act as another user";
+    generates(cluster_xml(cluster(), {device("host1")}));
+    std::filesystem::create_directory("/home/roots");
+    std::filesystem::remove("/home/omm/app/lib");
+    std::filesystem::create_symlink("/home/roots", "/home/omm/app/lib");
+    GaussDB_200_Cluster_Handler handler(env_, "nobody", VERSION_6);
+    EXPECT_FALSE(handler.init("c1"));
+    EXPECT_LOGGED(LM_ERROR, "Failed to mkdir /home/omm/app/lib/libsimsearch, errno=13");
+    EXPECT_FALSE(host_.exists("/home/roots/libsimsearch"));
 }
 
 TEST_F(Handler_200_Test, xml_that_is_cut_is_a_failure) {

@@ -3,6 +3,7 @@
 #include "gaussdb/common/gaussdb_t_single_handler.h"
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
+#include "qmrt/file.h"
 #include "tests/support/cluster_xml.h"
 #include "tests/support/database_process.h"
 #include "tests/support/failing_new.h"
@@ -57,6 +58,9 @@ protected:
         std::string const step = "run cat /home/generated.xml";
         host_.tools.script("python", step);
         host_.tools.script("python3", step);
+        // the cluster's user makes the library's link below it
+        std::filesystem::create_directories("/home/omm/app/lib");
+        EXPECT_EQ(0, chown_r("/home/omm/app/lib", "nobody"));
     }
 
     static inline std::vector<std::string> const C1 = {

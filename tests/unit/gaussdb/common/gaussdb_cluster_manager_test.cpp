@@ -4,6 +4,7 @@
 #include "gaussdb/common/gaussdb_t_single_handler.h"
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
+#include "qmrt/file.h"
 #include "tests/support/cluster_xml.h"
 #include "tests/support/failing_new.h"
 #include "tests/support/log_capture.h"
@@ -406,8 +407,10 @@ TEST_F(Offline_Instance_Test, a_100_series_cluster) {
 TEST_F(Offline_Instance_Test, a_200_series_cluster_by_its_saved_configuration) {
     GaussDB_Env env;
     env.set_env("GPHOME", "/home/tool");
-    env.set_env("GAUSSHOME", "/home/gone");
+    env.set_env("GAUSSHOME", "/home/omm/gone");
     env.set_env("PATH", std::getenv("PATH"));
+    std::filesystem::create_directory("/home/omm");
+    ASSERT_EQ(0, chown_r("/home/omm", "nobody"));
     ASSERT_TRUE(manager_.dump_env("c1", env));
     host_.write(std::string(host_.CACHE) + "c1", "saved");
     host_.write("/home/generated.xml", cluster_xml({{"clusterName", "c1"}}, {}));
