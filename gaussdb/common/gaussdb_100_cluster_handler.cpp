@@ -2,7 +2,10 @@
 
 #include "gaussdb/common/gaussdb_zsql_client.h"
 #include "gaussdb/common/xbsa_link.h"
+#include "host/process/password_file_entry.h"
 #include "qmrt/format.h"
+#include "qmrt/guarded_file.h"
+#include "qmrt/log.h"
 
 #include <cerrno>
 
@@ -17,12 +20,27 @@ bool GaussDB_100_Cluster_Handler::init(char const*) {
         return true;
     inited_ = true;
     conf_ = string_sprintf("%s/script/config/clusterconfig.xml", env_.gp_home());
-    if (!parse_cluster_info())
+    if (!parse_as_user())
         return false;
     find_topology();
     find_connection();
     // this series loads another build of the library than the rest
     return place_system_xbsa_link("libxbsa64i.so");
+}
+
+/** Reads the cluster's file with the rights of its user, who decides where its path leads. */
+bool GaussDB_100_Cluster_Handler::parse_as_user() {
+    Password_File_Entry user;
+    if (user.get(os_user_.c_str()) == -1) {
+        QMRT_LOG(LM_ERROR, "Failed to look up the user %s, errno=%d, %m\n", os_user_.c_str(),
+                 errno);
+        return false;
+    }
+    As_File_User const rights(user.uid());
+    if (!rights)
+        QMRT_LOG(LM_ERROR, "Failed to take the rights of %s on files, errno=%d, %m\n",
+                 os_user_.c_str(), errno);
+    return rights && parse_cluster_info();
 }
 
 void GaussDB_100_Cluster_Handler::find_topology() {

@@ -18,6 +18,7 @@ public:
                                      char const* db) const override;
 
 private:
+    bool parse_as_user();
     void find_topology();
     void find_connection();
 

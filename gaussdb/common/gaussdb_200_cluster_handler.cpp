@@ -11,6 +11,7 @@
 #include "qmrt/path.h"
 
 #include <cerrno>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -47,8 +48,11 @@ GaussDB_200_Cluster_Handler::GaussDB_200_Cluster_Handler(GaussDB_Env const& env,
 
 bool GaussDB_200_Cluster_Handler::init(char const* name) {
     std::lock_guard const guard(init_mutex_);
-    if (inited_)
+    if (inited_) {
+        if (is_link_missing_ && is_installed())
+            is_link_missing_ = !place_library_link();
         return true;
+    }
     inited_ = true;
     if (QMRT_IS_NULL_OR_EMPTY(name) || !is_cluster_file_name(name))
         return false;
@@ -61,7 +65,18 @@ bool GaussDB_200_Cluster_Handler::init(char const* name) {
         QMRT_LOG(LM_DEBUG, "Failed to save %s as %s, errno=%d, %m\n", live.c_str(), saved.c_str(),
                  errno);
     find_ports();
-    return place_library_link();
+    is_link_missing_ = !is_installed();
+    if (!is_link_missing_)
+        return place_library_link();
+    QMRT_LOG(LM_WARNING, "The link to the XBSA library is not made, %s does not exist\n",
+             env_.gauss_home());
+    return true;
+}
+
+/** False only for a GAUSSHOME that does not exist. */
+bool GaussDB_200_Cluster_Handler::is_installed() const {
+    struct stat status;
+    return !*env_.gauss_home() || stat(env_.gauss_home(), &status) == 0 || errno != ENOENT;
 }
 
 /** Makes the XML file of the cluster's live binary file, or else of the saved one. */

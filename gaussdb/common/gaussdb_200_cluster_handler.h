@@ -19,6 +19,9 @@ public:
     /**
      * @param name  the cluster's; names its files below the product's directories, so one that
      *              cannot be a file's name is refused
+     *
+     * Nothing is made below a GAUSSHOME that does not exist: the link to the XBSA library is then
+     * made by a later call, when it does.
      */
     bool init(char const* name) override;
     /** For the coordinator, else for the data node; the database "postgres". */
@@ -33,8 +36,10 @@ public:
 private:
     bool generate_config(char const* name, std::string& live, std::string& saved);
     void find_ports();
+    bool is_installed() const;
     bool place_library_link();
 
+    bool is_link_missing_ = false;      ///< the installation was not there; guarded by init_mutex_
     uint16_t cn_port_ = 0;              ///< the coordinator's, 0 for none
     uint16_t dn_port_ = 0;              ///< the local data node's, 0 for none
     std::atomic<bool> login_cn_ = true; ///< clients go to the coordinator

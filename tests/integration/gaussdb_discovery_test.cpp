@@ -38,7 +38,8 @@ protected:
         std::filesystem::create_directories("/home/omm/app/bin");
         std::filesystem::create_directories("/home/omm/app/lib");
         start_server();
-        chown_r("/home/omm/app/lib", server_->os_user().c_str());
+        // the link to the product's library is made there as the cluster's user
+        EXPECT_EQ(0, chown_r("/home/omm/app", server_->os_user().c_str()));
         host_.write("/home/omm/app/bin/cluster_static_config", std::to_string(server_->port()));
         host_.write("/home/omm/tool/script/gspylib/__init__.py", "");
         host_.write("/home/omm/tool/script/gspylib/common/__init__.py", "");

@@ -50,6 +50,17 @@ protected:
     std::unique_ptr<GaussDB_100_Cluster_Handler> handler_;
 };
 
+TEST_F(Handler_100_Test, a_file_that_its_user_cannot_read_is_not_read_for_him) {
+    host_.write("/home/secret.xml", cluster_xml({{"clusterName", "of root"}}, {}));
+    ASSERT_EQ(0, chmod("/home/secret.xml", 0600));
+    std::filesystem::create_directories("/home/omm/tool/script/config");
+    std::filesystem::create_symlink("/home/secret.xml", conf_);
+    GaussDB_100_Cluster_Handler handler(env_, "nobody", VERSION);
+    EXPECT_FALSE(handler.init("c1"));
+    EXPECT_EQ("", handler.info().name);
+    EXPECT_LOGGED(LM_ERROR, " Failed to open XML ");
+}
+
 TEST_F(Handler_100_Test, the_file_lies_below_gphome_and_nothing_is_generated) {
     ASSERT_TRUE(init("SingleService", {{{"name", "host1"}}}));
     EXPECT_EQ(conf_, handler_->conf());

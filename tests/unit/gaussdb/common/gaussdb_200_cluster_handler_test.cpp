@@ -368,6 +368,39 @@ TEST_F(Handler_200_Test, a_library_in_the_links_place_is_a_failure) {
     EXPECT_EQ("a library", host_.read(link_));
 }
 
+TEST_F(Handler_200_Test, the_link_is_made_when_the_installation_is_back) {
+    std::filesystem::remove_all("/home/omm/app");
+    host_.write(saved_, "saved");
+    generates(cluster_xml(cluster(), {}));
+    GaussDB_200_Cluster_Handler handler(env_, "nobody", VERSION_6);
+    EXPECT_TRUE(handler.init("c1"));
+    EXPECT_LOGGED(LM_WARNING, "not made, /home/omm/app does not exist\n");
+    EXPECT_TRUE(handler.init("c1"));
+    EXPECT_FALSE(host_.exists("/home/omm/app"));
+    std::filesystem::create_directory("/home/omm/app");
+    ASSERT_EQ(0, chown_r("/home/omm/app", "nobody"));
+    EXPECT_TRUE(handler.init("c1"));
+    EXPECT_EQ("/opt/quilmot/zenbrak3/lib/libxbsa64.so", host_.link_target(link_));
+    EXPECT_EQ(1u, host_.tools.calls("python")) << "nothing else is done again";
+}
+
+TEST_F(Handler_200_Test, a_way_to_another_users_installation_changes_nothing_there) {
+    std::string const theirs = "/home/theirs/lib/libsimsearch";
+    std::filesystem::create_directories(theirs);
+    ASSERT_EQ(0, chown_r("/home/theirs", "daemon"));
+    std::filesystem::remove("/home/omm/app/lib");
+    std::filesystem::create_symlink("/home/theirs/lib", "/home/omm/app/lib");
+    generates(cluster_xml(cluster(), {}));
+    GaussDB_200_Cluster_Handler handler(env_, "nobody", VERSION_6);
+    EXPECT_FALSE(handler.init("c1"));
+    EXPECT_LOGGED(LM_ERROR, "Failed to link /opt/quilmot/zenbrak3/lib/libxbsa64.so to " + link_ +
+                                ", errno=13, Permission denied\n");
+    struct stat status;
+    ASSERT_EQ(0, stat(theirs.c_str(), &status));
+    EXPECT_EQ(1u, status.st_uid);
+    EXPECT_TRUE(std::filesystem::is_empty(theirs));
+}
+
 TEST_F(Handler_200_Test, a_link_that_points_elsewhere_is_left) {
     generates(cluster_xml(cluster(), {}));
     std::filesystem::create_directories(dirname_string(link_));

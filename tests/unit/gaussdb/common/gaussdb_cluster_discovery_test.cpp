@@ -37,6 +37,9 @@ protected:
                                  {"ServiceType", "SingleService"}},
                                 {{{"name", "host1"}}}));
         host_.tools.prints("gs_check", GS_CHECK_100);
+        // a link to the product's library is made there as the cluster's user
+        std::filesystem::create_directories("/home/omm/app/lib");
+        EXPECT_EQ(0, chown_r("/home/omm/app", "nobody"));
     }
 
     /** Starts a process of the database with these variables, or with those of the cluster "c1". */
@@ -178,6 +181,7 @@ TEST_F(Discovery_Test, a_200_series_cluster_is_found) {
 }
 
 TEST_F(Discovery_Test, the_user_is_the_processes_own) {
+    ASSERT_EQ(0, chown_r("/home/omm/app", "daemon"));
     start(GAUSSDB, C1, "daemon");
     EXPECT_THAT(names(), ElementsAre("c1"));
     EXPECT_EQ("daemon", manager_.get_cluster("c1")->user());
@@ -466,6 +470,7 @@ TEST_F(False_Cluster_Test, a_known_cluster_stays_with_its_user_without_a_record)
 }
 
 TEST_F(False_Cluster_Test, of_two_users_neither_is_believed_until_one_is_left) {
+    ASSERT_EQ(0, chown_r("/home/omm/app", "root"));
     start(GAUSSDB, C1, "daemon");
     start(GAUSSDB);
     expect_refused("of user \"nobody\" both belong to a cluster \"c1\"");
@@ -476,6 +481,7 @@ TEST_F(False_Cluster_Test, of_two_users_neither_is_believed_until_one_is_left) {
 }
 
 TEST_F(False_Cluster_Test, an_administrator_puts_a_false_record_right) {
+    ASSERT_EQ(0, chown_r("/home/omm/app", "root"));
     start(GAUSSDB, C1, "daemon");
     EXPECT_THAT(names(), ElementsAre("c1"));
     put_on_record("c1", {{"user", "daemon"}});
