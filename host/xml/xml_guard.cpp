@@ -5,6 +5,7 @@
 #include <ACEXML/common/InputSource.h>
 #include <ACEXML/common/StrCharStream.h>
 
+#include <cctype>
 #include <memory>
 #include <string>
 
@@ -44,7 +45,27 @@ int Xml_File::open(ACEXML_Char const* path) {
 int Xml_File::get(ACEXML_Char& character) {
     if (++read_ > MAX_SIZE) // it has grown since
         throw ACEXML_SAXParseException("The file is too large");
-    return check_end(ACEXML_FileCharStream::get(character));
+    int const result = check_end(ACEXML_FileCharStream::get(character));
+    if (result == 0)
+        check_character(static_cast<unsigned char>(character));
+    return result;
+}
+
+void Xml_File::check_character(unsigned char character) {
+    bool const is_blank = std::isspace(character) != 0;
+    bool const begins_name =
+        character < 0x80 && (std::isalpha(character) || character == '_' || character == ':');
+    if (character < ' ' && !is_blank)
+        throw ACEXML_SAXParseException("A character that XML does not have");
+    // the parser would take a null pointer for the name that is not there
+    if (before_ == '\0' && !is_blank && character != '<' && character < 0x80)
+        throw ACEXML_SAXParseException("The file does not begin with an element");
+    if (before_ == '<' && last_ == '?' && !begins_name)
+        throw ACEXML_SAXParseException("An instruction has no name");
+    if (before_ != '\0' || !is_blank) {
+        before_ = before_ == '\0' ? '<' : last_;
+        last_ = character;
+    }
 }
 
 int Xml_File::peek() {
@@ -54,7 +75,8 @@ int Xml_File::peek() {
 int Xml_File::check_end(int result) {
     // a few looks beyond the end are the parser's own way to find a well-formed file's end
     constexpr int ENOUGH = 100;
-    if (result == -1 && ++ends_ > ENOUGH)
+    bool const in_instruction = before_ == '<' && last_ == '?';
+    if (result == -1 && (in_instruction || ++ends_ > ENOUGH))
         throw ACEXML_SAXParseException("Unexpected end-of-file");
     return result;
 }

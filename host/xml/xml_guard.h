@@ -46,7 +46,11 @@ public:
 
 private:
     int check_end(int result);
+    /** Throws for a file on which the parser would end the process. */
+    void check_character(unsigned char character);
 
+    unsigned char before_ = '\0'; ///< the last two characters; NUL before the first one
+    unsigned char last_ = '\0';
     int ends_ = 0; ///< how often the end was read
     uint64_t read_ = 0;
 };

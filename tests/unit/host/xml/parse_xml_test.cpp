@@ -86,6 +86,15 @@ TEST_F(Parse_Xml_Test, faults_are_told_and_what_came_before_was_seen) {
     EXPECT_EQ("<a><b>", recorder_.events);
 }
 
+TEST_F(Parse_Xml_Test, an_instruction_without_a_name_is_a_fault_and_no_crash) {
+    for (char const* text : {"?6?xm6?xm&e&e", "<?VICE>\x01\x91<?\xe8>>", "<?", "<? xml?><a/>",
+                             "<a><?1 x?></a>", " x<a/>", "<a>\x01</a>", "<E>\x01\x91<?", "<E><?"}) {
+        EXPECT_FALSE(parse(text)) << text;
+        EXPECT_LOGGED(LM_ERROR, "XML " + files_.path("file.xml"));
+    }
+    EXPECT_TRUE(parse("<a><?pi x?></a>"));
+}
+
 TEST_F(Parse_Xml_Test, the_end_inside_of_what_is_not_closed_is_a_fault_and_no_endless_loop) {
     for (char const* text : {"<a><!-- </a>", "<a><![CDATA[ x", "<a><?pi", "<!-- x", "<?pi "}) {
         EXPECT_FALSE(parse(text)) << text;
