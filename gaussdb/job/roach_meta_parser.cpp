@@ -88,6 +88,10 @@ bool Roach_Meta_Parser::parse(std::string const& key, ACE_INT64& size) {
         if (ver_ == GAUSSDB_200) {
             int64_t bytes = 0;
             extract_or_throw (*backup)("BackupSize", bytes, true);
+            if (bytes < 0) {
+                QMRT_LOG(LM_ERROR, "BackupSize(%s) is invalid.\n", std::to_string(bytes).c_str());
+                return false;
+            }
             size = bytes;
             return true;
         }

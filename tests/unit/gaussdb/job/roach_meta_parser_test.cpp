@@ -50,6 +50,13 @@ TEST_F(Roach_Meta_Parser_Test, a_blank_behind_the_colon_keeps_the_suffix) {
     EXPECT_EQ(-7, size_);
 }
 
+TEST_F(Roach_Meta_Parser_Test, a_size_below_zero_is_none) {
+    backups("{\"BackupDetails\":[{\"BackupKey\":\"1_1\",\"BackupSize\":-1}]}");
+    EXPECT_FALSE(parser_.parse("1_1", size_));
+    EXPECT_LOGGED(LM_ERROR, "BackupSize(-1) is invalid.\n");
+    EXPECT_EQ(-7, size_);
+}
+
 TEST_F(Roach_Meta_Parser_Test, suffixes_in_odd_places_stay) {
     backups("{\"BackupDetails\":[{\"BackupKey\":\"1_1U\",\"BackupSize\":12ULL}]}");
     EXPECT_FALSE(parser_.has_backup_key("1_1U"));
