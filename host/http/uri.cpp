@@ -67,6 +67,9 @@ bool URI::parse(std::string const& url_text, std::string* error) {
         result.host_ = result.host_.substr(1, result.host_.size() - 2);
     result.port_ = natoi<unsigned short>(part(url, CURLUPART_PORT));
     result.path_ = part(url, CURLUPART_PATH);
+    // libcurl takes "file:a" for a path that begins nowhere
+    if (!result.path_.empty() && result.path_.front() != '/')
+        return fail("No absolute path in the URL");
     result.query_ = part(url, CURLUPART_QUERY);
     result.fragment_ = part(url, CURLUPART_FRAGMENT);
     *this = std::move(result);

@@ -171,8 +171,8 @@ TEST(URI_url, credentials_are_refused) {
 TEST(URI_url, what_is_no_url_is_refused) {
     for (char const* url :
          {"", "host/path", "/path", "://x", "http://", "http://h:65536/", "http://h:-1/",
-          "http://h:8x/", "http://a b/", "http://h\\x/", "http://h/\r\nX", "file://host/x",
-          "mailto:x", "ws:///x", "pool:////x", "http://[::1/", "http://[g]/"})
+          "file:a/b", "http://h:8x/", "http://a b/", "http://h\\x/", "http://h/\r\nX",
+          "file://host/x", "mailto:x", "ws:///x", "pool:////x", "http://[::1/", "http://[g]/"})
         fault(url);
     EXPECT_EQ("NUL in URL", fault(std::string("ws://h/\0x", 9)));
 }
