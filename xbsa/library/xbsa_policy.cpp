@@ -72,6 +72,11 @@ Xbsa_Result Xbsa_Policy::read(std::string const& name, Xbsa_Policy& policy) {
     Scoped_Deleter const wiper([&] { secure_memset(text.data(), 0, text.size()); });
     if (read_file(path_of(name).c_str(), text, MAX_SIZE) == -1)
         return not_read(name, errno);
+    return parse(name, text, policy);
+}
+
+Xbsa_Result Xbsa_Policy::parse(std::string const& name, std::string const& text,
+                               Xbsa_Policy& policy) {
     json_spirit::Value value;
     std::string fault;
     if (!json_spirit::parse(text, value, &fault))

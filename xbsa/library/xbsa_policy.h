@@ -38,6 +38,9 @@ struct Xbsa_Policy {
      */
     static Xbsa_Result read(std::string const& name, Xbsa_Policy& policy);
 
+    /** Makes a policy of a file's text. Results as of read(). */
+    static Xbsa_Result parse(std::string const& name, std::string const& text, Xbsa_Policy& policy);
+
     /** Where the job counts what passes, if it does. */
     std::string counter_path() const;
 };
