@@ -7,6 +7,8 @@
 
 namespace {
 
+constexpr size_t MAX_NAMES_OF_USER = 16;
+
 /** Two claims of one key are verified alike. */
 std::string key_of(Cluster_Claim const& claim) {
     std::string key = std::to_string(claim.process.uid);
@@ -44,6 +46,15 @@ std::string two_users_text(std::string const& name, std::vector<Cluster_Claim> c
 } // namespace
 
 void Cluster_Claims::add(std::string const& name, Cluster_Claim claim) {
+    std::set<std::string>& names = names_of_users_[claim.process.uid];
+    if (names.size() >= MAX_NAMES_OF_USER && names.count(name) == 0) {
+        if (told_users_.insert(claim.process.uid).second)
+            alert_(name, string_sprintf("user \"%s\" has processes of more than %zu clusters; "
+                                        "cluster \"%s\" and others are not used",
+                                        claim.user.c_str(), MAX_NAMES_OF_USER, name.c_str()));
+        return;
+    }
+    names.insert(name);
     auto const [claims, is_new] = claims_.try_emplace(name);
     if (is_new)
         names_.push_back(name);

@@ -43,6 +43,7 @@ public:
     Cluster_Claims(Owner owner, Verifier verifier, Alert alert)
         : owner_(std::move(owner)), verifier_(std::move(verifier)), alert_(std::move(alert)) {}
 
+    /** Of one user 16 names count: each costs a run of that user's tools. More raise an alert. */
     void add(std::string const& name, Cluster_Claim claim);
     /** The names, in the order in which they were first added. */
     std::vector<std::string> const& names() const { return names_; }
@@ -66,6 +67,8 @@ private:
     Alert alert_;
     std::vector<std::string> names_;
     std::map<std::string, std::vector<Cluster_Claim>> claims_;
+    std::map<uid_t, std::set<std::string>> names_of_users_;
+    std::set<uid_t> told_users_; ///< of whom an alert tells that they have too many
 };
 
 #endif

@@ -637,10 +637,27 @@ TEST_F(False_Cluster_Test, a_process_without_fault_counts_beside_one_with) {
 }
 
 TEST_F(False_Cluster_Test, the_number_of_alerts_is_limited) {
-    for (int number = 0; number < 120; ++number)
-        start(GAUSSDB, {"GS_CLUSTER_NAME=x" + std::to_string(number), C1[1], C1[2]}, "root");
+    for (char const* user : {"root", "daemon", "bin", "sys", "games", "man", "lp"})
+        for (int number = 0; number < 17; ++number)
+            start(GAUSSDB,
+                  {"GS_CLUSTER_NAME=" + std::string(user) + std::to_string(number), C1[1], C1[2],
+                   "PGDATA=/tmp"},
+                  user);
     EXPECT_THAT(names(), testing::IsEmpty());
     EXPECT_EQ(100u, manager_.alerts().size());
+    EXPECT_EQ(0u, host_.tools.calls("gs_check"));
+    EXPECT_EQ(7u, Log_Capture::instance().claim_all(LM_ERROR, "of more than 16 clusters"));
+}
+
+TEST_F(False_Cluster_Test, a_user_with_very_many_clusters_costs_few_runs_of_tools) {
+    host_.tools.prints("gs_check", "of no known version");
+    for (int number = 0; number < 40; ++number)
+        start(GAUSSDB, {"GS_CLUSTER_NAME=x" + std::to_string(number), C1[1], C1[2]});
+    EXPECT_THAT(names(), testing::IsEmpty());
+    EXPECT_EQ(16u, host_.tools.calls("gs_check"));
+    ASSERT_EQ(1u, manager_.alerts().size());
+    EXPECT_LOGGED(LM_ERROR, "user \"nobody\" has processes of more than 16 clusters");
+    Log_Capture::instance().claim_all(LM_ERROR, "Unrecognized GaussDB version");
 }
 
 class Config_Cluster_Test : public Discovery_Test {
