@@ -510,6 +510,43 @@ SQLite_Catalog::remove(std::string const& uuid, bool dependents,
     return done ? removal : Set_Removal();
 }
 
+bool SQLite_Catalog::find_facts(std::string const& uuid, std::optional<Set_Facts>& facts) {
+    return read_facts("uuid = ?", uuid, facts);
+}
+
+bool SQLite_Catalog::find_newest_facts(std::string const& resource_uuid,
+                                       std::optional<Set_Facts>& facts) {
+    return read_facts("resource_uuid = ? ORDER BY backup_start_time DESC, id DESC LIMIT 1",
+                      resource_uuid, facts);
+}
+
+bool SQLite_Catalog::read_facts(char const* where, std::string const& value,
+                                std::optional<Set_Facts>& facts) {
+    return database_.read("look for whose a set is", [&](SQLite::Database& database) {
+        facts.reset();
+        SQLite::Statement set(database,
+                              std::string("SELECT id, open, coalesce(row ->> '$.host_uuid', ''), "
+                                          "coalesce(resource_uuid, ''), coalesce(instance, '') "
+                                          "FROM backup_set WHERE ") +
+                                  where);
+        set.bind(1, value);
+        if (!set.executeStep())
+            return true;
+        facts = {set.getColumn(1).getInt() != 0,
+                 set.getColumn(2).getString(),
+                 set.getColumn(3).getString(),
+                 set.getColumn(4).getString(),
+                 {}};
+        SQLite::Statement pools(
+            database,
+            "SELECT pool_uuid FROM backup_storage WHERE set_id = ? AND pool_uuid IS NOT NULL");
+        pools.bind(1, set.getColumn(0).getInt64());
+        while (pools.executeStep())
+            facts->pool_uuids.push_back(pools.getColumn(0).getString());
+        return true;
+    });
+}
+
 bool SQLite_Catalog::find_uuids(std::string const& beginning, size_t limit,
                                 std::vector<std::string>& uuids) {
     std::vector<std::string> found;

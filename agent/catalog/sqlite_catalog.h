@@ -8,6 +8,7 @@
 
 #include <ctime>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,15 @@ struct Dropped_Set {
     /** Of the files that are now nobody's, or of the folders that these are in, from the pool's
      *  folder on; where the set has a "uri", the places below that, too. */
     std::vector<std::string> piece_paths;
+};
+
+/** Whose a set is, and where it lies. */
+struct Set_Facts {
+    bool open = false;
+    std::string host_uuid; ///< of the agent that wrote it
+    std::string resource_uuid;
+    std::string instance;
+    std::vector<std::string> pool_uuids; ///< of its storages
 };
 
 /** What became of the wish to remove a set. */
@@ -102,6 +112,10 @@ public:
      */
     Set_Removal remove(std::string const& uuid, bool dependents,
                        std::function<bool(std::vector<Dropped_Set> const&)> const& prepare);
+    /** Finds a set, open or complete. @param facts  nothing when there is none */
+    bool find_facts(std::string const& uuid, std::optional<Set_Facts>& facts);
+    /** The same for the newest set of a resource. */
+    bool find_newest_facts(std::string const& resource_uuid, std::optional<Set_Facts>& facts);
     /** The uuids of sets, open or complete, of any kind, that begin with a text; @a limit at most.
      */
     bool find_uuids(std::string const& beginning, size_t limit, std::vector<std::string>& uuids);
@@ -128,6 +142,7 @@ private:
 
     Database_Patience patience(Catalog_Limits const& limits) const;
     static bool form_of(std::string const& view, json_spirit::Object const& query, Row_Form& form);
+    bool read_facts(char const* where, std::string const& value, std::optional<Set_Facts>& facts);
     static Rows catalogs(SQLite::Database& database, Catalog_Query const& query,
                          Row_Form const& form);
     static json_spirit::Array depends(SQLite::Database& database, Catalog_Query query);

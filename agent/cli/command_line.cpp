@@ -43,6 +43,7 @@ Command_Line::Command_Line()
     add_agent_commands();
     add_instance_commands();
     add_pool_commands();
+    add_member_commands();
     add_backup_command();
     add_restore_command();
     add_job_commands();
@@ -235,6 +236,35 @@ void Command_Line::add_pool_commands() {
     remove->add_option("POOL", pool_, "Its name or uuid")
         ->check(name_check(names::fault_of_label))
         ->required();
+}
+
+void Command_Line::add_member_commands() {
+    CLI::App* const list =
+        command(app_, "members", "List the members of the group", "  zenbrak3 members\n",
+                [this](Command_Context& context) { return list_members(context, watch_); });
+    add_watch(*list);
+    CLI::App* const members = group("member", "Add or remove a member of the group");
+    CLI::App* const add =
+        command(*members, "add", "Add a member and print its key, once",
+                "  zenbrak3 member add db2 --all-pools > db2.key\n"
+                "  zenbrak3 member add db3 --pool main --host 4a7b6c1e-...    for that host only\n",
+                [this](Command_Context& context) { return add_member(context, member_wishes_); });
+    add->add_option("NAME", member_wishes_.name, "What it is called")->required();
+    add->add_option("--host", member_wishes_.host,
+                    "The only host that may use the key, by its uuid (zenbrak3 info there); the "
+                    "first that joins with it when it is not given")
+        ->type_name("UUID");
+    CLI::Option* const all = add->add_flag("--all-pools", member_wishes_.all_pools,
+                                           "It may use every pool, also those made later");
+    add->add_option("--pool", member_wishes_.pools, "It may use this pool; may be repeated")
+        ->type_name("POOL")
+        ->allow_extra_args(false)
+        ->excludes(all);
+    CLI::App* const remove =
+        command(*members, "remove", "Remove a member; its key opens nothing any more",
+                "  zenbrak3 member remove db2\n",
+                [this](Command_Context& context) { return remove_member(context, member_); });
+    remove->add_option("MEMBER", member_, "Its name")->required();
 }
 
 void Command_Line::add_backup_command() {

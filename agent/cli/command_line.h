@@ -51,6 +51,7 @@ private:
     void add_instance_commands();
     void add_pool_commands();
     void add_pool_wishes(CLI::App& pool);
+    void add_member_commands();
     void add_backup_command();
     void add_restore_command();
     void add_job_commands();
@@ -82,6 +83,8 @@ private:
     std::string what_;
     Job_Wishes wishes_;
     Pool_Wishes pool_wishes_;
+    std::string member_;
+    Member_Wishes member_wishes_;
     Backup_Filter backup_filter_;
     Job_Filter job_filter_;
     CLI::App* backup_command_ = nullptr;

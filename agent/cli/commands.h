@@ -43,6 +43,18 @@ int create_pool(Command_Context& context, Pool_Wishes const& wishes);
 int update_pool(Command_Context& context, std::string const& pool, Pool_Wishes const& wishes);
 int remove_pool(Command_Context& context, std::string const& pool);
 
+/** What is to be said of a new member of the group. */
+struct Member_Wishes {
+    std::string name;
+    std::string host; ///< uuid of its host; "" for the one that it joins as first
+    std::vector<std::string> pools;
+    bool all_pools = false;
+};
+int list_members(Command_Context& context, double interval);
+/** Prints the new member's key on a line of its own, for a file. */
+int add_member(Command_Context& context, Member_Wishes const& wishes);
+int remove_member(Command_Context& context, std::string const& member);
+
 struct Backup_Filter {
     std::string instance;
     std::string pool;

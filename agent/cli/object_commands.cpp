@@ -15,6 +15,7 @@ namespace {
 
 constexpr char LIST_INSTANCES[] = "`zenbrak3 instances` lists the instances.";
 constexpr char LIST_POOLS[] = "`zenbrak3 pools` lists the pools.";
+constexpr char LIST_MEMBERS[] = "`zenbrak3 members` lists the members.";
 constexpr char LIST_BACKUPS[] = "`zenbrak3 backups` lists the backups.";
 constexpr char LIST_DEFINITIONS[] = "`zenbrak3 definitions` lists the definitions.";
 
@@ -327,6 +328,41 @@ int remove_pool(Command_Context& context, std::string const& pool) {
     return done(context, result, "Pool " + pool + " is removed.");
 }
 
+int list_members(Command_Context& context, double interval) {
+    return context.show(interval, [&](std::string& text) {
+        return list_text(context, "member.list", {}, "list the members", "members",
+                         Table({{"NAME", "name"},
+                                {"CONNECTED", "connected"},
+                                {"LAST SEEN", "last_seen", Form::TIME},
+                                {"HOST", "host"},
+                                {"VERSION", "version"},
+                                {"ALL POOLS", "all_pools"},
+                                {"HOST UUID", "host_uuid"}}),
+                         "There are no members; `zenbrak3 member add` makes a key for one.", text);
+    });
+}
+
+int add_member(Command_Context& context, Member_Wishes const& wishes) {
+    Object params{{"name", wishes.name}}, result;
+    if (!wishes.host.empty())
+        params["host"] = wishes.host;
+    if (!wishes.pools.empty())
+        params["pools"] = Array(wishes.pools.begin(), wishes.pools.end());
+    if (wishes.all_pools)
+        params["all_pools"] = true;
+    if (!context.ask("member.add", params, "add member " + wishes.name, result, LIST_POOLS))
+        return context.status();
+    return done(context, result, json_spirit::object_get_str(result, "key"));
+}
+
+int remove_member(Command_Context& context, std::string const& member) {
+    Object result;
+    if (!context.ask("member.remove", Object{{"member", member}}, "remove member " + member, result,
+                     LIST_MEMBERS))
+        return context.status();
+    return done(context, result, "Member " + member + " is removed; its key opens nothing now.");
+}
+
 int list_backups(Command_Context& context, Backup_Filter const& filter, double interval) {
     Object params;
     json_spirit::insert(params)("instance", json_spirit::Skip_Empty_Helper(filter.instance))(
@@ -444,11 +480,10 @@ int print_names(Command_Context& context, std::string const& what) {
         char const* method;
         char const* key;
     };
-    static constexpr List LISTS[] = {{"instances", "instance.list", "name"},
-                                     {"pools", "pool.list", "name"},
-                                     {"jobs", "job.list", "run_id"},
-                                     {"backups", "backup.list", "uuid"},
-                                     {"definitions", "definition.list", "name"}};
+    static constexpr List LISTS[] = {
+        {"instances", "instance.list", "name"}, {"pools", "pool.list", "name"},
+        {"members", "member.list", "name"},     {"jobs", "job.list", "run_id"},
+        {"backups", "backup.list", "uuid"},     {"definitions", "definition.list", "name"}};
     for (List const& list : LISTS) {
         Value result;
         if (what != list.name || !context.try_to_ask(list.method, Object(), result) ||

@@ -27,13 +27,14 @@ _zenbrak3_options() {
 _zenbrak3_word() {
     case "${command[*]}" in
         "") _zenbrak3_commands ;;
-        pool | job | instance | definition)
+        pool | member | job | instance | definition)
             _zenbrak3_commands "${command[0]}" ;;
         backup)
             _zenbrak3_commands backup
             _zenbrak3_names instances ;;
-        instances | pools | jobs | definitions | info) ;;
-        "pool create") ;;
+        instances | pools | members | jobs | definitions | info) ;;
+        "pool create" | "member add") ;;
+        "member remove") _zenbrak3_names members ;;
         "pool remove" | "pool update") _zenbrak3_names pools ;;
         "job "*) _zenbrak3_names jobs ;;
         "backup show" | "backup remove" | restore) _zenbrak3_names backups ;;
@@ -52,10 +53,10 @@ _zenbrak3() {
         word=${COMP_WORDS[index]}
         if [[ $previous == --socket ]]; then
             program+=(--socket "$word")
-        elif [[ $word != -* && ! $previous =~ ^(-o|--(option|pool|level|compression|channels|name|url|uid|interval|instance|definition|state|limit|type|watch))$ ]]; then
+        elif [[ $word != -* && ! $previous =~ ^(-o|--(option|pool|level|compression|channels|name|url|uid|host|interval|instance|definition|state|limit|type|watch))$ ]]; then
             case "${command[*]}:$word" in
                 :*) command=("$word") ;;
-                pool:* | job:* | instance:* | definition:* | backup:show | backup:remove) command+=("$word") ;;
+                pool:* | member:* | job:* | instance:* | definition:* | backup:show | backup:remove) command+=("$word") ;;
                 *) count+=1 ;;
             esac
         fi

@@ -146,6 +146,8 @@ void Agent_Jobs::ended(Job const& job, Job_Outcome const& outcome) {
 void Agent_Jobs::finished(Job const& job) {
     std::string const run_id = job.run_id();
     std::string definition;
+    if (keys_.end)
+        keys_.end(run_id);
     time_t const now = clock_.now();
     change(run_id, [&](Job_Run& run) {
         definition = run.definition;
@@ -193,6 +195,16 @@ std::shared_ptr<ACE_Log_Msg_Callback> Agent_Jobs::log_callback(Job const& job) {
     if (auto const live = live_.find(run_id); live != live_.end())
         live->second.log = log;
     return log;
+}
+
+secure_string Agent_Jobs::run_key(Job const& job) {
+    std::string instance;
+    {
+        std::lock_guard const guard(mutex_);
+        if (auto const live = live_.find(job.run_id()); live != live_.end())
+            instance = live->second.run.instance;
+    }
+    return keys_.begin ? keys_.begin(job, instance) : secure_string();
 }
 
 // reading

@@ -67,6 +67,15 @@ public:
     bool is_any_on();
     /** The runs that are on, and those whose threads have not left the job yet. */
     std::vector<Job_Run> running();
+    /** Who makes the keys of runs, and is told when they are over. */
+    struct Key_Hooks {
+        /** See Job_Backend::run_key(). @param instance  name of what the run works on */
+        std::function<secure_string(Job const& job, std::string const& instance)> begin;
+        /** With the job's lock held. */
+        std::function<void(std::string const& run_id)> end;
+    };
+    /** To be called before anything runs. Without it no run has a key. */
+    void keys(Key_Hooks hooks) { keys_ = std::move(hooks); }
     /** Calls it whenever a run has finished, on its thread, with the job's lock held: for ever. */
     void on_finished(std::function<void()> action);
 
@@ -77,6 +86,7 @@ public:
     void finished(Job const& job) override;
     void synced(Job const& job) override;
     void alert(Job const& job, Job_Alert const& alert) override;
+    secure_string run_key(Job const& job) override;
     std::shared_ptr<ACE_Log_Msg_Callback> log_callback(Job const& job) override;
 
 private:
@@ -96,6 +106,7 @@ private:
     Run_Store store_;
     Run_Logs logs_;
     size_t const keep_runs_;
+    Key_Hooks keys_;
     Storage_Clock& clock_;
     std::mutex mutex_; // the database is never asked under it
     std::condition_variable finished_;

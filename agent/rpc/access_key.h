@@ -9,23 +9,30 @@
 #include <string>
 #include <string_view>
 
-/** The key that network clients have to know. For any thread. */
+/** The SHA-256 of a key: what is kept of those that are only checked. */
+using Key_Digest = std::array<unsigned char, 32>;
+Key_Digest key_digest(std::string_view key);
+/** 64 hexadecimal digits, and back. @return false for another text */
+std::string key_digest_text(Key_Digest const& digest);
+bool read_key_digest(std::string_view text, Key_Digest& digest);
+/** The key in the value of an Authorization field, "Bearer KEY" (RFC 6750), the scheme in either
+ * case; "" for any other. */
+std::string_view bearer_key(std::string_view authorization);
+
+/** The administrator's key. For any thread. */
 class Access_Key {
 public:
     explicit Access_Key(secure_string const& key);
 
     /**
-     * @param authorization  the field's value: "Bearer KEY" (RFC 6750), the scheme in either case
+     * @param authorization  as for bearer_key()
      * @return true for the right key; takes the same time for every wrong one of a length
      */
     bool opens(std::string_view authorization) const;
 
 private:
-    using Digest = std::array<unsigned char, 32>;
-    static Digest digest(std::string_view text);
-
     bool const empty_; ///< an empty key opens nothing
-    Digest const digest_;
+    Key_Digest const digest_;
 };
 
 /**

@@ -128,15 +128,16 @@ void Group_Connection::Impl::ws_handshake() {
 void Group_Connection::Impl::on_upgraded(error_code const& error) {
     if (error == websocket::error::upgrade_declined &&
         response.result() == http::status::unauthorized)
-        return fail("it refuses the access key: it has to be the same as the backup server's");
+        return fail(
+            "it refuses the access key: `zenbrak3 member add` there makes one for this agent");
     if (!go_on("no WebSocket handshake", error))
         return;
     stream->set_option(websocket::stream_base::decorator([](websocket::request_type&) {}));
     auto const joining = std::make_shared<Ws_Peer>(io.lease(), std::move(stream), methods,
-                                                   options.limits, RPC_PEER_BACKUPD);
+                                                   options.limits, Rpc_Caller::backupd());
     sessions.add(joining);
     joining->start();
-    joining->rename(RPC_PEER_BACKUPD, true); // never closed for being idle
+    joining->caller(Rpc_Caller::backupd()); // never closed for being idle
     joining->when_gone([this] { on_gone(); });
     join(joining);
 }
@@ -145,7 +146,8 @@ void Group_Connection::Impl::join(std::shared_ptr<Ws_Peer> const& joining) {
     Object const params{{"host_uuid", options.host_uuid},
                         {"name", options.name},
                         {"component", options.component},
-                        {"version", options.version}};
+                        {"version", options.version},
+                        {"runs", options.runs ? options.runs() : json_spirit::Array()}};
     std::weak_ptr<Ws_Peer> const weak = joining;
     joining->request("group.join", params, options.limits.message,
                      [this, weak](bool accepted, JSON_RPC_Reply const& reply) {

@@ -1,6 +1,8 @@
 #include "agent/rpc/group_link.h"
 
 #include "agent/rpc/group_connection.h"
+#include "agent/rpc/group_delivery.h"
+#include "host/agent/host_manager.h"
 #include "host/http/http_transfer.h"
 #include "host/http/uri.h"
 #include "json_spirit/text.h"
@@ -54,7 +56,9 @@ struct Group_Link::Impl {
 };
 
 Group_Link::Group_Link(Method_Table& methods, Group_Link_Options options)
-    : impl_(std::make_unique<Impl>(methods, std::move(options))) {}
+    : impl_(std::make_unique<Impl>(methods, std::move(options))) {
+    serve_deliveries(methods);
+}
 
 Group_Link::~Group_Link() {
     stop();
@@ -114,7 +118,10 @@ bool Group_Link::forward(std::string const& host_uuid, std::string const& method
                          Value const& params, JSON_RPC_Reply& reply) {
     if (host_uuid.empty())
         return fail(reply, JSON_RPC_UNREACHABLE, "there is no agent without a uuid");
-    Object const wrapped{{"host_uuid", host_uuid}, {"method", method}, {"params", params}};
+    Object const wrapped{{"host_uuid", host_uuid},
+                         {"method", method},
+                         {"params", params},
+                         {"key", Host_Manager::instance()->access_key()}};
     return impl_->ask("group.forward", wrapped, impl_->options.wait, impl_->options.forward, reply);
 }
 

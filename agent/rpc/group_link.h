@@ -7,6 +7,7 @@
 #include "json_spirit/secure_string.h"
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -15,13 +16,16 @@ struct Group_Link_Options {
     using Duration = std::chrono::milliseconds;
 
     std::string url;          ///< "wss://host:port"; without a port DEFAULT_BACKUPD_PORT_HTTPS
-    secure_string access_key; ///< the group's
+    secure_string access_key; ///< this member's own
     std::string ca_file;      ///< PEM, whom to trust; "" for the system's authorities
 
     std::string host_uuid;
     std::string name;
     std::string component;
     std::string version;
+
+    /** The runs that are on, as group.join wants them; may be null. */
+    std::function<json_spirit::Array()> runs;
 
     Rpc_Limits limits;
     Duration reconnect{1'000};       ///< after the first failure; twice as long each time
@@ -34,14 +38,14 @@ struct Group_Link_Options {
 /**
  * A member's connection to the backup server: a WebSocket over TLS that is made again whenever it
  * breaks. Calls, forwards and notifications go up through it, and the server's requests come down
- * and are served by the method table, from the caller "backupd". REST requests go beside it.
+ * and are served by the method table, from a caller of kind BACKUPD. REST requests go beside it.
  *
  * Connection and loss are logged, a loss and the first of several failures of one kind at
  * LM_WARNING. start() and stop() are for one thread at a time, the others for any.
  */
 class Group_Link : public Upstream_Backend {
 public:
-    /** @param methods  stays the caller's and lives longer */
+    /** @param methods  stays the caller's and lives longer; gets group.deliver */
     Group_Link(Method_Table& methods, Group_Link_Options options);
     /** Calls stop(). */
     ~Group_Link() override;

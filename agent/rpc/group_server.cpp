@@ -1,6 +1,8 @@
 #include "agent/rpc/group_server.h"
 
+#include "agent/rpc/group_delivery.h"
 #include "agent/rpc/rpc_peer.h"
+#include "host/agent/host_manager.h"
 #include "json_spirit/access.h"
 #include "qmrt/log.h"
 #include "qmrt/names.h"
@@ -22,17 +24,15 @@ int64_t now() {
     return static_cast<int64_t>(std::time(nullptr));
 }
 
-/** A fault also for what would pass for one of the callers that have a name of their own. */
-std::string fault_of_host_uuid(std::string_view text) {
-    if (text == RPC_PEER_LOCAL || text == RPC_PEER_BACKUPD || text == RPC_PEER_REMOTE)
-        return "is a name of the agent's own";
-    return names::fault_of_id(text);
-}
-
 /** Throws for a text that may not be such a name. */
 void require(char const* key, std::string const& text, names::Rule rule) {
     if (std::string const fault = rule(text); !fault.empty())
         throw json_spirit::Error(std::string("'") + key + "' " + fault);
+}
+
+Object delivery(Run_Scope const& run, secure_string const& key, std::string const& method,
+                Value const& params) {
+    return {{"method", method}, {"params", params}, {"key", key}, {"run", run.dump()}};
 }
 
 JSON_RPC_Reply not_connected(std::string const& host_uuid) {
@@ -44,13 +44,15 @@ JSON_RPC_Reply not_connected(std::string const& host_uuid) {
 
 class Group_Server::State : public JSON_RPC_Handler, public std::enable_shared_from_this<State> {
 public:
-    State(Method_Table& methods, std::string own_uuid, std::chrono::milliseconds answer)
-        : methods_(methods), own_uuid_(std::move(own_uuid)), answer_(answer) {}
+    State(Method_Table& methods, Group_Rules& rules, std::string own_uuid,
+          std::chrono::milliseconds answer)
+        : methods_(methods), rules_(rules), own_uuid_(std::move(own_uuid)), answer_(answer) {}
 
     int handle_object(JSON_RPC_Channel_ptr channel, JSON_RPC_Object_var object) override;
     std::vector<Group_Member> members() const;
     bool forward(std::string const& host_uuid, std::string const& method, Value const& params,
                  JSON_RPC_Reply& reply);
+    void close(std::string const& host_uuid);
 
 private:
     struct Member {
@@ -66,6 +68,7 @@ private:
     std::shared_ptr<Rpc_Peer> find(std::string const& host_uuid) const;
 
     Method_Table& methods_;
+    Group_Rules& rules_;
     std::string const own_uuid_;
     std::chrono::milliseconds const answer_;
     mutable std::mutex mutex_;
@@ -89,10 +92,11 @@ int Group_Server::State::handle_object(JSON_RPC_Channel_ptr channel, JSON_RPC_Ob
 
 int Group_Server::State::join(JSON_RPC_Channel& channel, JSON_RPC_Request const& request) {
     Group_Member member;
+    json_spirit::Array runs;
     extract_or_throw(request.params().get_obj())("host_uuid", member.host_uuid)(
-        "name", member.name, false)("component", member.component, false)("version", member.version,
-                                                                          false);
-    require("host_uuid", member.host_uuid, fault_of_host_uuid);
+        "name", member.name, false)("component", member.component,
+                                    false)("version", member.version, false)("runs", runs, false);
+    require("host_uuid", member.host_uuid, names::fault_of_id);
     for (auto const& [key, text] : {std::pair{"name", &member.name},
                                     {"component", &member.component},
                                     {"version", &member.version}})
@@ -103,12 +107,18 @@ int Group_Server::State::join(JSON_RPC_Channel& channel, JSON_RPC_Request const&
                                   "this is the backup server's own host_uuid: an agent needs one "
                                   "of its own");
     std::shared_ptr<Rpc_Peer> const peer = Rpc_Peer::of(&channel);
-    if (!peer || peer->name() == RPC_PEER_LOCAL)
-        return channel.send_error(AGENT_RPC_REFUSED, request.id(),
-                                  "an agent joins through a network connection");
+    Rpc_Caller caller = peer ? peer->caller() : Rpc_Caller();
+    std::string why = "a member joins through a network connection, with its own key";
+    if (!caller.is(Rpc_Caller::MEMBER) || !rules_.admit(caller, member.host_uuid, why)) {
+        QMRT_LOG(LM_WARNING, "Refused %s as host %s, %s\n", caller.text().c_str(),
+                 member.host_uuid.c_str(), why.c_str());
+        return channel.send_error(AGENT_RPC_REFUSED, request.id(), why.c_str());
+    }
     if (!admit(member, peer))
         return channel.send_error(AGENT_RPC_REFUSED, request.id(), "the group is full");
-    peer->rename(member.host_uuid, true);
+    rules_.joined(member.host_uuid, runs);
+    caller.host_uuid = member.host_uuid;
+    peer->caller(std::move(caller));
     peer->when_gone([self = shared_from_this(), uuid = member.host_uuid, raw = peer.get()] {
         self->leave(uuid, raw);
     });
@@ -162,6 +172,7 @@ void Group_Server::State::leave(std::string const& host_uuid, Rpc_Peer const* pe
     member.known.last_seen = now();
     member.peer.reset();
     QMRT_LOG(LM_INFO, "Agent %s has gone\n", host_uuid.c_str());
+    rules_.left(host_uuid);
 }
 
 std::shared_ptr<Rpc_Peer> Group_Server::State::find(std::string const& host_uuid) const {
@@ -172,24 +183,35 @@ std::shared_ptr<Rpc_Peer> Group_Server::State::find(std::string const& host_uuid
 
 int Group_Server::State::forward(JSON_RPC_Channel_ptr const& channel,
                                  JSON_RPC_Request const& request) {
-    std::string host_uuid;
-    std::string method;
-    extract_or_throw(request.params().get_obj())("host_uuid", host_uuid)("method", method);
+    std::string host_uuid, method, why;
+    secure_string key;
+    extract_or_throw(request.params().get_obj())("host_uuid", host_uuid)("method", method)("key",
+                                                                                           key);
     require("host_uuid", host_uuid, names::fault_of_id);
     require("method", method, names::fault_of_id);
     Value const& params = object_get_any(request.params().get_obj(), "params");
     JSON_RPC_Channel_var const asker(channel);
-    if (host_uuid == own_uuid_) {
-        std::shared_ptr<Rpc_Peer> const peer = Rpc_Peer::of(asker.get());
-        return methods_.handle(
-            channel, JSON_RPC_Object_var(new JSON_RPC_Request(request.id(), method, params)),
-            peer ? peer->name() : RPC_PEER_LOCAL);
+    std::shared_ptr<Rpc_Peer> const from = Rpc_Peer::of(asker.get());
+    Rpc_Caller const caller = from ? from->caller() : Rpc_Caller();
+    std::shared_ptr<Run_Scope const> const run =
+        rules_.run_of({caller, host_uuid, method, params, key}, why);
+    if (!run) {
+        QMRT_LOG(LM_WARNING, "Forwarded no call of '%s' from %s to host %s, %s\n",
+                 qmrt::to_one_line(method).c_str(), caller.text().c_str(),
+                 qmrt::to_one_line(host_uuid).c_str(), why.c_str());
+        return asker->send_error(AGENT_RPC_REFUSED, request.id(), why.c_str());
     }
+    Value delivered = delivery(*run, key, method, params);
+    if (host_uuid == own_uuid_)
+        return methods_.handle(
+            channel,
+            JSON_RPC_Object_var(new JSON_RPC_Request(request.id(), DELIVER, std::move(delivered))),
+            Rpc_Caller::backupd());
     std::shared_ptr<Rpc_Peer> const peer = find(host_uuid);
     if (!peer)
         return asker->send_error(JSON_RPC_UNREACHABLE, request.id(),
                                  not_connected(host_uuid).message.c_str());
-    peer->request(method, params, answer_,
+    peer->request(DELIVER, delivered, answer_,
                   [channel, id = request.id()](bool succeeded, JSON_RPC_Reply const& reply) {
                       JSON_RPC_Channel_var const back(channel);
                       if (back.null())
@@ -204,19 +226,33 @@ int Group_Server::State::forward(JSON_RPC_Channel_ptr const& channel,
 
 bool Group_Server::State::forward(std::string const& host_uuid, std::string const& method,
                                   Value const& params, JSON_RPC_Reply& reply) {
+    secure_string const key = Host_Manager::instance()->access_key();
+    std::string why;
+    std::shared_ptr<Run_Scope const> const run =
+        rules_.run_of({Rpc_Caller::local(), host_uuid, method, params, key}, why);
+    if (!run) {
+        reply = {Value(), AGENT_RPC_REFUSED, why, Value()};
+        return false;
+    }
+    Value const delivered = delivery(*run, key, method, params);
     if (host_uuid == own_uuid_)
-        return methods_.call(method, params, RPC_PEER_LOCAL, answer_, reply);
+        return methods_.call(DELIVER, delivered, Rpc_Caller::backupd(), answer_, reply);
     std::shared_ptr<Rpc_Peer> const peer = find(host_uuid);
     if (!peer) {
         reply = not_connected(host_uuid);
         return false;
     }
     std::promise<bool> answered;
-    peer->request(method, params, answer_, [&](bool succeeded, JSON_RPC_Reply const& answer) {
+    peer->request(DELIVER, delivered, answer_, [&](bool succeeded, JSON_RPC_Reply const& answer) {
         reply = answer;
         answered.set_value(succeeded);
     });
     return answered.get_future().get();
+}
+
+void Group_Server::State::close(std::string const& host_uuid) {
+    if (std::shared_ptr<Rpc_Peer> const peer = find(host_uuid))
+        peer->close();
 }
 
 std::vector<Group_Member> Group_Server::State::members() const {
@@ -230,16 +266,23 @@ std::vector<Group_Member> Group_Server::State::members() const {
     return result;
 }
 
-Group_Server::Group_Server(Method_Table& methods, std::string own_uuid,
+Group_Server::Group_Server(Method_Table& methods, Group_Rules& rules, std::string own_uuid,
                            std::chrono::milliseconds answer)
-    : methods_(methods), state_(std::make_shared<State>(methods, std::move(own_uuid), answer)) {
+    : methods_(methods),
+      state_(std::make_shared<State>(methods, rules, std::move(own_uuid), answer)) {
     methods_.bind(JOIN, state_);
     methods_.bind(FORWARD, state_);
+    serve_deliveries(methods_);
 }
 
 Group_Server::~Group_Server() {
     methods_.remove(JOIN);
     methods_.remove(FORWARD);
+    methods_.remove(DELIVER);
+}
+
+void Group_Server::close(std::string const& host_uuid) {
+    state_->close(host_uuid);
 }
 
 std::vector<Group_Member> Group_Server::members() const {

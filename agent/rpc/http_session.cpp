@@ -80,13 +80,31 @@ void Http_Session::on_header(error_code const& error) {
                  address_.c_str());
     if (error || closed_)
         return; // it goes with the last who holds it
-    auto const& request = parser_->get();
-    if (!service_.key.opens(std::string_view(request[http::field::authorization].data(),
-                                             request[http::field::authorization].size())))
+    caller_ = find_caller();
+    if (!caller_.kind)
         return deny();
-    if (websocket::is_upgrade(request))
-        return upgrade();
-    read_body();
+    if (!websocket::is_upgrade(parser_->get()))
+        return read_body();
+    if (caller_.is(Rpc_Caller::RUN))
+        return forbid(); // the connection would outlive the key
+    upgrade();
+}
+
+Rpc_Caller Http_Session::find_caller() const {
+    auto const& field = parser_->get()[http::field::authorization];
+    std::string_view const authorization(field.data(), field.size());
+    std::string_view const key = bearer_key(authorization);
+    if (service_.key.opens(authorization))
+        return Rpc_Caller::admin();
+    return key.empty() || !service_.known_keys ? Rpc_Caller()
+                                               : service_.known_keys(key_digest(key));
+}
+
+void Http_Session::forbid() {
+    QMRT_LOG(LM_WARNING, "Refused a WebSocket connection to %s\n", caller_.text().c_str());
+    Response response(http::status::forbidden, HTTP_1_1);
+    response.keep_alive(false);
+    send(std::move(response));
 }
 
 /** Lets one without the key wait, then tells it so; what it sent beside the header is not read. */
@@ -117,6 +135,7 @@ void Http_Session::answer(Request request) {
     boost::asio::post(*service_.rest_threads, [self = shared_from_this(), &service = service_,
                                                request = std::move(request)] {
         Rest_Request asked;
+        asked.caller = self->caller_;
         Value value;
         std::string fault;
         int status = 400;
@@ -166,9 +185,9 @@ void Http_Session::upgrade() {
     upgrading_->async_accept(parser_->get(), [self = shared_from_this()](error_code const& error) {
         if (error || self->closed_)
             return;
-        auto const peer = std::make_shared<Ws_Peer>(self->lease_, std::move(self->upgrading_),
-                                                    self->service_.methods, self->service_.limits,
-                                                    RPC_PEER_REMOTE);
+        auto const peer =
+            std::make_shared<Ws_Peer>(self->lease_, std::move(self->upgrading_),
+                                      self->service_.methods, self->service_.limits, self->caller_);
         self->service_.sessions.add(peer);
         peer->start();
     });

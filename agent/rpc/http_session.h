@@ -18,7 +18,8 @@ struct Http_Service {
     Rpc_Sessions& sessions;
     Rpc_Limits const limits;
     Access_Key const key;
-    Denials denials;                                      ///< on the io thread only
+    std::function<Rpc_Caller(Key_Digest const& key)> const known_keys; ///< may be null
+    Denials denials;                                                   ///< on the io thread only
     std::optional<boost::asio::thread_pool> rest_threads; ///< set when the port is open
 };
 
@@ -38,10 +39,12 @@ private:
     using Request = boost::beast::http::request<boost::beast::http::string_body>;
     using Response = boost::beast::http::response<boost::beast::http::string_body>;
 
+    Rpc_Caller find_caller() const;
     void read_header();
     void on_header(boost::system::error_code const& error);
     void read_body();
     void deny();
+    void forbid();
     void upgrade();
     void answer(Request request);
     void send(Response response);
@@ -55,6 +58,7 @@ private:
     boost::beast::flat_buffer buffer_;
     std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
     Response response_;
+    Rpc_Caller caller_; ///< of the request that is being served
     bool closed_ = false;
 };
 

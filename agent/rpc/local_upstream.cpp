@@ -20,7 +20,8 @@ bool Local_Upstream::rest(HTTP_Request const& request, Value const* body, HTTP_R
     response.clear();
     if (result)
         *result = Value();
-    Rest_Request asked{request.method(), request.path(), {}, body ? *body : Value()};
+    Rest_Request asked{
+        request.method(), request.path(), {}, body ? *body : Value(), Rpc_Caller::local()};
     if (closed_ || !http_parse_query(request.query_string(), asked.query)) {
         response.error(closed_ ? SERVER_ENDING : "the query has a broken escape in it");
         return false;
@@ -46,7 +47,7 @@ bool Local_Upstream::call(std::string const& method, Value const& params, Limits
         return unreachable(reply);
     std::chrono::seconds const timeout =
         limits.answer < 0 ? ANSWER : std::chrono::seconds(limits.answer);
-    return methods_.call(method, params, RPC_PEER_LOCAL, timeout, reply);
+    return methods_.call(method, params, Rpc_Caller::local(), timeout, reply);
 }
 
 bool Local_Upstream::forward(std::string const& host_uuid, std::string const& method,
@@ -59,7 +60,7 @@ bool Local_Upstream::notify(std::string const& method, Value const& params, std:
         closed_ ? -1
                 : methods_.handle(JSON_RPC_Channel_ptr(),
                                   JSON_RPC_Object_var(new JSON_RPC_Notify(method, params)),
-                                  RPC_PEER_LOCAL);
+                                  Rpc_Caller::local());
     if (taken == 0)
         return true;
     error = closed_ ? SERVER_ENDING : "nobody takes the notification";

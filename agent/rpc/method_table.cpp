@@ -12,10 +12,6 @@
 using json_spirit::Object;
 using json_spirit::Value;
 
-char const RPC_PEER_LOCAL[] = "local";
-char const RPC_PEER_BACKUPD[] = "backupd";
-char const RPC_PEER_REMOTE[] = "remote";
-
 namespace {
 
 constexpr size_t MAX_QUEUED_NOTIFICATIONS = 1024;
@@ -30,7 +26,7 @@ struct Entry {
 /** What a message needs on its way through the pool beside itself. */
 struct Routed {
     Entry entry;
-    std::string peer;
+    Rpc_Caller caller;
 };
 
 struct Routed_Request : JSON_RPC_Request, Routed {
@@ -100,26 +96,31 @@ Value object_or_given(Value const& params) {
     return params.is_null() ? Value(Object()) : params;
 }
 
+bool only_local(Method_Call const& call, Method_Fault& fault) {
+    if (call.caller.is(Rpc_Caller::LOCAL))
+        return true;
+    fault = {AGENT_RPC_REFUSED, "this method is not for " + call.caller.text(), Value()};
+    return false;
+}
+
 class Pool : public JSON_RPC_Thread_Pool_Handler {
 public:
-    using JSON_RPC_Thread_Pool_Handler::JSON_RPC_Thread_Pool_Handler;
+    Pool(Method_Gate const& gate, size_t threads, size_t max_queued)
+        : JSON_RPC_Thread_Pool_Handler(threads, max_queued), gate_(gate) {}
     ~Pool() override { fini(); }
 
 protected:
     int handle_object_i(JSON_RPC_Channel_ptr channel, JSON_RPC_Object_var object) override {
         auto const* const route = dynamic_cast<Routed const*>(object.get());
         auto const& message = static_cast<JSON_RPC_Notify const&>(*object);
-        if (route->entry.handler) {
-            Method_Fault refusal;
-            if (are_good_params(message.params(), refusal))
-                return route->entry.handler->handle_object(channel, object);
-            refuse_json_rpc_request(channel, object, refusal.code, refusal.message.c_str());
-            return -1;
-        }
-        Method_Call const call{message.method(), object_or_given(message.params()), route->peer};
+        Method_Call const call{message.method(), object_or_given(message.params()), route->caller};
         Value result;
         Method_Fault fault;
-        bool const done = run(route->entry.method, call, result, fault);
+        bool const allowed = gate_(call, fault);
+        bool const handled = allowed && route->entry.handler;
+        if (handled && are_good_params(message.params(), fault))
+            return route->entry.handler->handle_object(channel, object);
+        bool const done = allowed && !handled && run(route->entry.method, call, result, fault);
         if (object->type() == JSON_RPC_Object::TYPE_REQUEST)
             return answer(channel, static_cast<JSON_RPC_Request const&>(message).id(), done, result,
                           fault);
@@ -139,6 +140,8 @@ private:
         return done ? peer->send(JSON_RPC_Response(id, std::move(result)))
                     : peer->send_error(fault.code, id, fault.message.c_str(), fault.data);
     }
+
+    Method_Gate const& gate_;
 };
 
 /** The channel of a call from within the process: what is sent to it is the reply. */
@@ -179,7 +182,7 @@ bool fail_with(JSON_RPC_Reply& reply, int code, std::string message, Value data 
 
 struct Method_Table::Impl {
     Impl(size_t threads, size_t max_queued)
-        : requests(threads, max_queued), notifications(1, MAX_QUEUED_NOTIFICATIONS) {}
+        : requests(gate, threads, max_queued), notifications(gate, 1, MAX_QUEUED_NOTIFICATIONS) {}
 
     bool find(std::string const& name, Entry& entry) const {
         std::lock_guard const guard(mutex);
@@ -192,6 +195,7 @@ struct Method_Table::Impl {
 
     mutable std::mutex mutex;
     std::map<std::string, Entry> entries;
+    Method_Gate gate = only_local;
     Pool requests;
     Pool notifications;
 };
@@ -201,6 +205,10 @@ Method_Table::Method_Table(size_t threads, size_t max_queued)
 
 Method_Table::~Method_Table() {
     stop();
+}
+
+void Method_Table::gate(Method_Gate gate) {
+    impl_->gate = std::move(gate);
 }
 
 void Method_Table::add(std::string const& name, Agent_Method method) {
@@ -232,14 +240,14 @@ std::vector<std::string> Method_Table::names() const {
 }
 
 int Method_Table::handle(JSON_RPC_Channel_ptr channel, JSON_RPC_Object_var object,
-                         std::string const& peer) {
+                         Rpc_Caller const& caller) {
     if (object->type() != JSON_RPC_Object::TYPE_REQUEST &&
         object->type() != JSON_RPC_Object::TYPE_NOTIFY) {
         JSON_RPC_Channel_var const asker(channel);
         return !asker.null() && asker->handle_reply(*object) ? 0 : -1;
     }
     auto& message = static_cast<JSON_RPC_Notify&>(*object);
-    Routed route{{}, peer};
+    Routed route{{}, caller};
     if (!impl_->find(message.method(), route.entry)) {
         refuse_json_rpc_request(channel, object, JSON_RPC_METHOD_NOT_FOUND, NO_METHOD);
         return -1;
@@ -252,29 +260,30 @@ int Method_Table::handle(JSON_RPC_Channel_ptr channel, JSON_RPC_Object_var objec
                                                         std::move(route))));
 }
 
-bool Method_Table::call(std::string const& method, Value const& params, std::string const& peer,
+bool Method_Table::call(std::string const& method, Value const& params, Rpc_Caller const& caller,
                         std::chrono::milliseconds timeout, JSON_RPC_Reply& reply) {
     Entry entry;
     if (!impl_->find(method, entry))
         return fail_with(reply, JSON_RPC_METHOD_NOT_FOUND, NO_METHOD);
-    if (Method_Fault fault; entry.handler && !are_good_params(params, fault))
-        return fail_with(reply, fault.code, std::move(fault.message));
-    if (entry.handler) {
-        auto* const catcher = new Reply_Catcher;
-        JSON_RPC_Channel_var const channel(catcher);
-        return catcher->ask(*entry.handler, channel,
-                            JSON_RPC_Object_var(new JSON_RPC_Request("call", method, params)),
-                            timeout, reply);
-    }
+    Method_Call const call{method, object_or_given(params), caller};
     Method_Fault fault;
     reply = JSON_RPC_Reply();
     try {
-        if (run(entry.method, {method, object_or_given(params), peer}, reply.result, fault))
+        if (!impl_->gate(call, fault))
+            return fail_with(reply, fault.code, std::move(fault.message), std::move(fault.data));
+        if (!entry.handler && run(entry.method, call, reply.result, fault))
             return true;
     } catch (std::exception const& error) {
         QMRT_LOG(LM_ERROR, "The handler of JSON-RPC '%s' ended with an exception, %s\n",
                  qmrt::to_one_line(method).c_str(), qmrt::to_one_line(error.what()).c_str());
         return fail_with(reply, JSON_RPC_INTERNAL_ERROR, "Internal error");
+    }
+    if (entry.handler && are_good_params(params, fault)) {
+        auto* const catcher = new Reply_Catcher;
+        JSON_RPC_Channel_var const channel(catcher);
+        return catcher->ask(*entry.handler, channel,
+                            JSON_RPC_Object_var(new JSON_RPC_Request("call", method, params)),
+                            timeout, reply);
     }
     return fail_with(reply, fault.code, std::move(fault.message), std::move(fault.data));
 }

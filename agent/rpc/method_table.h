@@ -1,6 +1,7 @@
 #ifndef AGENT_RPC_METHOD_TABLE_H
 #define AGENT_RPC_METHOD_TABLE_H
 
+#include "agent/rpc/rpc_caller.h"
 #include "host/rpc/json_rpc_handler.h"
 #include "json_spirit/value.h"
 
@@ -27,18 +28,14 @@ struct Method_Fault {
 struct Method_Call {
     std::string method;
     json_spirit::Value params; ///< an object, empty when none were given
-    /**
-     * Who calls: "local" through the agent's own socket or from this process, "backupd" for what
-     * came down from the backup server, the host uuid of a member of the group, or "remote" for a
-     * WebSocket client that has joined no group.
-     */
-    std::string peer;
+    Rpc_Caller caller;
 };
 
-/** The callers that have a name of their own. */
-extern char const RPC_PEER_LOCAL[];
-extern char const RPC_PEER_BACKUPD[];
-extern char const RPC_PEER_REMOTE[];
+/**
+ * Says whether a call may be made, before it is. Called on the thread that serves the call.
+ * @param fault  when false: what the caller is told
+ */
+using Method_Gate = std::function<bool(Method_Call const& call, Method_Fault& fault)>;
 
 /**
  * Serves one method: sets @a result and returns true, or sets the fault and returns false. Called
@@ -68,6 +65,12 @@ public:
     Method_Table(Method_Table const&) = delete;
     Method_Table& operator=(Method_Table const&) = delete;
 
+    /**
+     * Asks @a gate before each call and notification. Until it is set, only local callers are
+     * served. To be set before anybody calls.
+     */
+    void gate(Method_Gate gate);
+
     /** Serves a method by a function, in place of whatever served it. */
     void add(std::string const& name, Agent_Method method);
 
@@ -87,17 +90,16 @@ public:
      * from another thread; an unknown method at once, with JSON_RPC_METHOD_NOT_FOUND; a response is
      * given to who waits for it in the channel.
      * @param object  the params are taken out of it
-     * @param peer    see Method_Call
      * @return 0; -1 when it was refused, which who asked has been told
      */
-    int handle(JSON_RPC_Channel_ptr channel, JSON_RPC_Object_var object, std::string const& peer);
+    int handle(JSON_RPC_Channel_ptr channel, JSON_RPC_Object_var object, Rpc_Caller const& caller);
 
     /**
      * Calls a method from within this process. A function runs on the caller's own thread, however
      * long it takes; a handler's answer is waited for.
      * @return true for a result; false with the code, the message and the data of the fault
      */
-    bool call(std::string const& method, json_spirit::Value const& params, std::string const& peer,
+    bool call(std::string const& method, json_spirit::Value const& params, Rpc_Caller const& caller,
               std::chrono::milliseconds timeout, JSON_RPC_Reply& reply);
 
     /** Refuses what waits and comes, and returns when what is being handled has ended. */

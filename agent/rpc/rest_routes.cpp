@@ -12,6 +12,8 @@ using json_spirit::Value;
 
 namespace {
 
+constexpr int FORBIDDEN = 403;
+
 int refuse(int status, char const* why, Value& answer) {
     answer = Object{{"error", why}};
     return status;
@@ -46,25 +48,34 @@ std::string Rest_Request::parameter(std::string const& key) const {
     return "";
 }
 
-void Rest_Routes::add(int method, std::string const& path, Rest_Function function) {
+void Rest_Routes::add(int method, std::string const& path, Rest_Function function,
+                      unsigned callers) {
     std::lock_guard const guard(mutex_);
-    functions_[{path, method}] = std::move(function);
+    routes_[{path, method}] = {std::move(function), callers};
 }
 
-Rest_Function Rest_Routes::find(int method, std::string const& path, int& refusal) const {
+Rest_Function Rest_Routes::find(Rest_Request const& request, int& refusal) const {
     std::lock_guard const guard(mutex_);
-    auto const found = functions_.find({path, method});
-    if (found != functions_.end())
-        return found->second;
-    auto const other = functions_.lower_bound({path, 0});
-    refusal = other != functions_.end() && other->first.first == path ? 405 : 404;
+    auto const found = routes_.find({request.path, request.method});
+    if (found != routes_.end() && request.caller.is(found->second.callers))
+        return found->second.function;
+    auto const other = routes_.lower_bound({request.path, 0});
+    if (found != routes_.end())
+        refusal = FORBIDDEN;
+    else
+        refusal = other != routes_.end() && other->first.first == request.path ? 405 : 404;
     return nullptr;
 }
 
 int Rest_Routes::handle(Rest_Request const& request, Value& answer) const {
     answer = Value();
     int refusal = 0;
-    Rest_Function const function = find(request.method, request.path, refusal);
+    Rest_Function const function = find(request, refusal);
+    if (refusal == FORBIDDEN) {
+        QMRT_LOG(LM_WARNING, "Refused %s %s to %s\n", http_method_name(request.method),
+                 qmrt::to_one_line(request.path).c_str(), request.caller.text().c_str());
+        return refuse(refusal, "the resource is not for this caller", answer);
+    }
     if (!function)
         return refuse(refusal,
                       refusal == 404 ? "there is no such resource"
@@ -81,8 +92,10 @@ int Rest_Routes::handle(Rest_Request const& request, Value& answer) const {
 }
 
 void add_instance_hosts_route(Rest_Routes& routes, Instance_Hosts hosts) {
-    routes.add(HTTP_METHOD_GET, "/d2/r/v2/resources",
-               [hosts = std::move(hosts)](Rest_Request const& request, Value& answer) {
-                   return instance_hosts(hosts, request, answer);
-               });
+    routes.add(
+        HTTP_METHOD_GET, "/d2/r/v2/resources",
+        [hosts = std::move(hosts)](Rest_Request const& request, Value& answer) {
+            return instance_hosts(hosts, request, answer);
+        },
+        Rest_Routes::ADMINISTRATORS | Rpc_Caller::MEMBER);
 }

@@ -1,6 +1,7 @@
 #ifndef AGENT_RPC_REST_ROUTES_H
 #define AGENT_RPC_REST_ROUTES_H
 
+#include "agent/rpc/rpc_caller.h"
 #include "host/http/http_encode.h"
 #include "host/http/http_method.h"
 #include "json_spirit/value.h"
@@ -18,6 +19,7 @@ struct Rest_Request {
     std::string path;                 ///< as it came, without the query
     HTTP_Query query;                 ///< decoded, in its order
     json_spirit::Value body;          ///< null when there was none
+    Rpc_Caller caller;
 
     /** The first value of a key of the query; "" when there is none. */
     std::string parameter(std::string const& key) const;
@@ -32,20 +34,32 @@ using Rest_Function = std::function<int(Rest_Request const& request, json_spirit
 /** The REST resources that this agent serves, by method and path. For any thread. */
 class Rest_Routes {
 public:
-    /** Serves a resource, in place of whatever served it. */
-    void add(int method, std::string const& path, Rest_Function function);
+    /** Whom a resource is for, unless it says more. */
+    static constexpr unsigned ADMINISTRATORS = Rpc_Caller::LOCAL | Rpc_Caller::ADMIN;
+
+    /**
+     * Serves a resource, in place of whatever served it.
+     * @param callers  Rpc_Caller::Kind, or-ed: whom it is for
+     */
+    void add(int method, std::string const& path, Rest_Function function,
+             unsigned callers = ADMINISTRATORS);
 
     /**
      * Answers a request. What nobody serves is 404, or 405 when the path is served by another
-     * method; an exception is logged and is 500. Such an answer is {"error": text}.
+     * method; what is not for the caller is 403, and logged; an exception is logged and is 500.
+     * Such an answer is {"error": text}.
      */
     int handle(Rest_Request const& request, json_spirit::Value& answer) const;
 
 private:
-    Rest_Function find(int method, std::string const& path, int& refusal) const;
+    struct Route {
+        Rest_Function function;
+        unsigned callers;
+    };
+    Rest_Function find(Rest_Request const& request, int& refusal) const;
 
     mutable std::mutex mutex_;
-    std::map<std::pair<std::string, int>, Rest_Function> functions_;
+    std::map<std::pair<std::string, int>, Route> routes_;
 };
 
 /** The host uuids of the hosts that have an instance of that uuid. */

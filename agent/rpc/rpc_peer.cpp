@@ -112,8 +112,8 @@ private:
 };
 
 Rpc_Peer::Rpc_Peer(std::shared_ptr<void> lease, Method_Table& table, Rpc_Limits const& limits,
-                   std::string name)
-    : lease_(std::move(lease)), table_(table), limits_(limits), name_(std::move(name)) {}
+                   Rpc_Caller caller)
+    : lease_(std::move(lease)), table_(table), limits_(limits), caller_(std::move(caller)) {}
 
 std::shared_ptr<Rpc_Peer> Rpc_Peer::of(JSON_RPC_Channel* channel) {
     if (auto const* const reply = dynamic_cast<Reply_Channel const*>(channel))
@@ -123,15 +123,15 @@ std::shared_ptr<Rpc_Peer> Rpc_Peer::of(JSON_RPC_Channel* channel) {
     return nullptr;
 }
 
-std::string Rpc_Peer::name() const {
+Rpc_Caller Rpc_Peer::caller() const {
     std::lock_guard const guard(mutex_);
-    return name_;
+    return caller_;
 }
 
-void Rpc_Peer::rename(std::string name, bool member) {
+void Rpc_Peer::caller(Rpc_Caller caller) {
     std::lock_guard const guard(mutex_);
-    name_ = std::move(name);
-    member_ = member;
+    caller_ = std::move(caller);
+    member_ = true;
 }
 
 JSON_RPC_Channel_var Rpc_Peer::channel() const {
@@ -274,9 +274,9 @@ void Rpc_Peer::pump() {
     }
     Waiting waiting;
     JSON_RPC_Channel_var channel;
-    std::string const caller = name();
+    Rpc_Caller const known = caller();
     while (next(waiting, channel))
-        table_.handle(channel, waiting.object, caller);
+        table_.handle(channel, waiting.object, known);
 }
 
 bool Rpc_Peer::next(Waiting& waiting, JSON_RPC_Channel_var& channel) {

@@ -28,10 +28,10 @@ public:
 
     /**
      * @param lease  kept until the transport has been destroyed: Rpc_Io::lease()
-     * @param name   who the peer is to the methods: Method_Call::peer
+     * @param caller  who the peer is to the methods: Method_Call::caller
      */
     Rpc_Peer(std::shared_ptr<void> lease, Method_Table& table, Rpc_Limits const& limits,
-             std::string name);
+             Rpc_Caller caller);
     virtual ~Rpc_Peer() = default;
     Rpc_Peer(Rpc_Peer const&) = delete;
     Rpc_Peer& operator=(Rpc_Peer const&) = delete;
@@ -41,9 +41,9 @@ public:
     static std::shared_ptr<Rpc_Peer> of(JSON_RPC_Channel* channel);
 
     /** May be called on any thread, as all up to close(). */
-    std::string name() const;
-    /** Gives the peer another name. @param member  true: it may be idle for ever */
-    void rename(std::string name, bool member);
+    Rpc_Caller caller() const;
+    /** Exchanges the caller for one that has proven more; the connection may be idle for ever. */
+    void caller(Rpc_Caller caller);
     /** The way to the peer; null when it has gone. */
     JSON_RPC_Channel_var channel() const;
 
@@ -120,8 +120,8 @@ private:
     Method_Table& table_;
     Rpc_Limits const limits_;
     mutable std::mutex mutex_;
-    std::string name_;
-    bool member_ = false;
+    Rpc_Caller caller_;
+    bool member_ = false; ///< may be idle for ever
     bool gone_ = false;
     std::shared_ptr<Rpc_Peer> self_; ///< from begin() to end(), also while nothing is read
     JSON_RPC_Channel_var channel_;

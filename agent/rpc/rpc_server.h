@@ -1,6 +1,7 @@
 #ifndef AGENT_RPC_RPC_SERVER_H
 #define AGENT_RPC_RPC_SERVER_H
 
+#include "agent/rpc/access_key.h"
 #include "agent/rpc/method_table.h"
 #include "agent/rpc/rest_routes.h"
 #include "agent/rpc/rpc_limits.h"
@@ -20,8 +21,14 @@ struct Rpc_Server_Options {
     unsigned short port = 0;    ///< 0 for any that is free
     std::string certificate;    ///< path, PEM, with the chain behind it
     std::string private_key;    ///< path, PEM
-    /** What clients have to know; must not be empty. */
+    /** The administrator's; must not be empty. */
     secure_string access_key;
+    /**
+     * Knows the other keys by their hashes. On the thread of all input: must not block. Asked with
+     * each request, and once for a WebSocket connection.
+     * @return a caller of kind NOBODY for a key that is not known
+     */
+    std::function<Rpc_Caller(Key_Digest const& key)> known_keys;
 
     Rpc_Limits limits;
 };
@@ -31,8 +38,9 @@ struct Rpc_Server_Options {
  *
  * At the socket a message is one JSON text a line. At the port it is one text message of a
  * WebSocket connection (RFC 6455), or one HTTP/1.1 request to a resource, over TLS 1.2 or later;
- * either needs the header field "Authorization: Bearer KEY". Who has not the key gets status 401
- * after a delay.
+ * either needs the header field "Authorization: Bearer KEY". Without a key that is known it is
+ * status 401 after a delay. A run's key opens no WebSocket connection, which would outlive the run:
+ * status 403.
  *
  * All input and output is on one thread, which waits for nobody; requests are handled on the
  * table's threads. start() and stop() are for one thread at a time.

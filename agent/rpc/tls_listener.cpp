@@ -40,6 +40,7 @@ struct Tls_Listener::Impl {
                   sessions,
                   options.limits,
                   Access_Key(options.access_key),
+                  options.known_keys,
                   Denials(options.limits),
                   std::nullopt},
           acceptor(io.context),

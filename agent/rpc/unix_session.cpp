@@ -10,7 +10,7 @@ using boost::system::error_code;
 
 Unix_Session::Unix_Session(std::shared_ptr<void> lease, Socket socket, Method_Table& table,
                            Rpc_Limits const& limits)
-    : Rpc_Peer(std::move(lease), table, limits, RPC_PEER_LOCAL), socket_(std::move(socket)) {}
+    : Rpc_Peer(std::move(lease), table, limits, Rpc_Caller::local()), socket_(std::move(socket)) {}
 
 void Unix_Session::start() {
     begin();

@@ -14,8 +14,8 @@ constexpr int PINGS_UNANSWERED = 3;
 } // namespace
 
 Ws_Peer::Ws_Peer(std::shared_ptr<void> lease, std::unique_ptr<Ws_Stream> stream,
-                 Method_Table& table, Rpc_Limits const& limits, std::string name)
-    : Rpc_Peer(std::move(lease), table, limits, std::move(name)), stream_(std::move(stream)) {
+                 Method_Table& table, Rpc_Limits const& limits, Rpc_Caller caller)
+    : Rpc_Peer(std::move(lease), table, limits, std::move(caller)), stream_(std::move(stream)) {
     websocket::stream_base::timeout none{};
     none.handshake_timeout = websocket::stream_base::none();
     none.idle_timeout = websocket::stream_base::none(); // tick() has its own, of messages
@@ -52,7 +52,7 @@ void Ws_Peer::on_read(error_code const& error) {
     heard_ = Clock::now();
     if (error) {
         // what is wrong with a frame, its size too, may be hidden by how the connection ended then
-        QMRT_LOG(LM_DEBUG, "Connection of '%s' has ended, %s\n", name().c_str(),
+        QMRT_LOG(LM_DEBUG, "Connection of %s has ended, %s\n", caller().text().c_str(),
                  error.message().c_str());
         return shut();
     }

@@ -18,7 +18,7 @@ using Ws_Stream = boost::beast::websocket::stream<Tls_Stream>;
 class Ws_Peer : public Rpc_Peer {
 public:
     Ws_Peer(std::shared_ptr<void> lease, std::unique_ptr<Ws_Stream> stream, Method_Table& table,
-            Rpc_Limits const& limits, std::string name);
+            Rpc_Limits const& limits, Rpc_Caller caller);
 
     /** Begins to read. On the stream's thread. */
     void start();

@@ -63,7 +63,7 @@ Readiness_Check::Pool pool_from(Object const& found) {
 bool check_pools(Readiness_Check& check, Method_Table& methods, std::string const& wanted,
                  uint64_t needed, Method_Fault& fault) {
     JSON_RPC_Reply reply;
-    if (!methods.call("pool.list", Object(), RPC_PEER_LOCAL, LIST_TIME, reply)) {
+    if (!methods.call("pool.list", Object(), Rpc_Caller::local(), LIST_TIME, reply)) {
         check.pools_unknown(reply.message);
         return true;
     }

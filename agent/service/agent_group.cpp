@@ -35,16 +35,18 @@ bool set_server(std::string const& url, std::string& error) {
 
 Agent_Group::Agent_Group(Agent_Config const& config, Agent_Identity const& identity,
                          Method_Table& methods, Rest_Routes const& routes,
-                         SQLite_Instances& instances)
+                         SQLite_Instances& instances, Group_Rules& rules, Run_Access const& runs)
     : config_(config),
       identity_(identity),
       methods_(methods),
       routes_(routes),
-      instances_(instances) {}
+      instances_(instances),
+      rules_(rules),
+      runs_(runs) {}
 
-bool Agent_Group::prepare(std::string& error) {
+bool Agent_Group::prepare(secure_string const& key, std::string& error) {
     if (config_.role != "member") {
-        server_ = std::make_unique<Group_Server>(methods_, identity_.host_uuid);
+        server_ = std::make_unique<Group_Server>(methods_, rules_, identity_.host_uuid);
         local_ = std::make_shared<Local_Upstream>(methods_, routes_, *server_);
         Host_Services::instance().upstream(local_);
         return true;
@@ -53,7 +55,8 @@ bool Agent_Group::prepare(std::string& error) {
         return false;
     Group_Link_Options options;
     options.url = config_.backupd_url;
-    options.access_key = Host_Manager::instance()->access_key();
+    options.access_key = key;
+    options.runs = [this] { return runs_.runs(); };
     options.ca_file = config_.backupd_ca;
     options.host_uuid = identity_.host_uuid;
     options.name = Host_Manager::instance()->name();

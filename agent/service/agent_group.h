@@ -5,6 +5,7 @@
 #include "agent/rpc/group_server.h"
 #include "agent/rpc/local_upstream.h"
 #include "agent/service/member_duties.h"
+#include "agent/service/run_access.h"
 
 #include <memory>
 #include <string>
@@ -22,16 +23,23 @@ class Agent_Group {
 public:
     /** All live longer. */
     Agent_Group(Agent_Config const& config, Agent_Identity const& identity, Method_Table& methods,
-                Rest_Routes const& routes, SQLite_Instances& instances);
+                Rest_Routes const& routes, SQLite_Instances& instances, Group_Rules& rules,
+                Run_Access const& runs);
 
-    /** Before the methods are served. @return false with what is wrong with the configuration */
-    bool prepare(std::string& error);
+    /**
+     * Before the methods are served.
+     * @param key  of a member, towards the backup server
+     * @return false with what is wrong with the configuration
+     */
+    bool prepare(secure_string const& key, std::string& error);
     /**
      * Once they are. @param port  at which this agent serves
      * @return false with what went wrong
      */
     bool join(unsigned short port, std::string& error);
     void stop();
+    /** The group's middle; null in a member. */
+    Group_Server* server() { return server_.get(); }
 
 private:
     bool publish_certificate(std::string& error) const;
@@ -41,6 +49,8 @@ private:
     Method_Table& methods_;
     Rest_Routes const& routes_;
     SQLite_Instances& instances_;
+    Group_Rules& rules_;
+    Run_Access const& runs_;
     std::unique_ptr<Group_Server> server_;  ///< of who is no member
     std::shared_ptr<Local_Upstream> local_; ///< of who is no member
     std::shared_ptr<Group_Link> link_;      ///< of a member

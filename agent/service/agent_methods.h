@@ -13,9 +13,13 @@
 class Agent_Database;
 class Agent_Jobs;
 class Agent_Module;
+class Group_Members;
+class Group_Server;
 class Instance_Probe;
 class Job_Manager;
+class Method_Access;
 class Pool_Status;
+class Run_Keys;
 class SQLite_Catalog;
 class SQLite_Pools;
 class Scheduler;
@@ -37,13 +41,19 @@ void add_agent_methods(Method_Table& methods, Agent_Config const& config,
 void add_instance_methods(Method_Table& methods, Agent_Identity const& identity,
                           Instance_Probe& probe);
 /** pool.* */
-void add_pool_methods(Method_Table& methods, Pool_Status& status, SQLite_Pools& pools);
+void add_pool_methods(Method_Table& methods, Pool_Status& status, SQLite_Pools& pools,
+                      Method_Access const& access);
 /** definition.*, job.* */
 void add_job_methods(Method_Table& methods, Job_Manager& manager, Agent_Jobs& runs,
                      Scheduler& scheduler);
 /** backup.*, catalog.* */
 void add_backup_methods(Method_Table& methods, SQLite_Catalog& catalog, SQLite_Pools& pools,
-                        Set_Files& files, Agent_Jobs& runs);
+                        Set_Files& files, Agent_Jobs& runs, Method_Access const& access);
+/** member.* */
+void add_group_member_methods(Method_Table& methods, Group_Members& members, SQLite_Pools& pools,
+                              Group_Server& group);
+/** run.*: what a member tells of its runs */
+void add_run_methods(Method_Table& methods, Run_Keys& keys);
 
 /** Lets the backup server answer those methods of a member that are about catalog and pools. */
 void forward_catalog_methods(Method_Table& methods);

@@ -17,6 +17,7 @@
 #include "host/storage/file_storage_backend.h"
 #include "qmrt/log.h"
 #include "qmrt/path.h"
+#include "qmrt/utf8.h"
 
 #include <ace/Thread_Manager.h>
 #include <sys/stat.h>
@@ -33,7 +34,8 @@ constexpr char AGENT[] = "gaussdb";
 
 std::vector<std::string> migrations() {
     return {std::string(IDENTITY_TABLES) + CATALOG_TABLES + INSTANCE_TABLES + POOL_TABLES +
-            JOB_TABLES + GROUP_TABLES};
+                JOB_TABLES + GROUP_TABLES,
+            MEMBER_TABLES};
 }
 
 /** The module that was installed with this program. */
@@ -105,11 +107,8 @@ bool Agent_Service::load_keys(std::string& error) {
     if (!load_access_key(or_else(config_.access_key_file, directory_->file("access.key")),
                          config_.access_key_file.empty(), access_key_, error))
         return false;
-    secure_string upstream = access_key_;
-    if (is_member() && !load_access_key(config_.backupd_key_file, false, upstream, error))
+    if (is_member() && !load_access_key(config_.backupd_key_file, false, upstream_key_, error))
         return false;
-    Host_Manager::instance()->access_key(upstream);
-    Host_Manager::instance()->node_access_key(access_key_);
     if (!config_.remote || !config_.certificate.empty())
         return true;
     std::string const folder = directory_->file("tls");
@@ -143,6 +142,13 @@ bool Agent_Service::install_back_ends(std::string& error) {
     set_files_ = std::make_unique<Set_Files>(*pools_, *catalog_, *journal_, *storage_);
     pool_status_ = std::make_unique<Pool_Status>(*storage_, *catalog_);
     group_instances_ = std::make_unique<Group_Instances>(*database_, identity_);
+    members_ = std::make_unique<Group_Members>(*database_);
+    if (!members_->load()) {
+        error = "The members of the group cannot be read; the log says why";
+        return false;
+    }
+    access_ = std::make_unique<Method_Access>(*catalog_, *members_, *group_instances_, keys_);
+    run_access_ = std::make_unique<Run_Access>(keys_, identity_.host_uuid, is_member());
     catalog_->on_abort([this](Dropped_Set const& set) { remove_files(set); });
     Host_Services& services = Host_Services::instance();
     services.instances(instances_);
@@ -185,6 +191,10 @@ void Agent_Service::make_jobs() {
         *database_, Agent_Jobs::Settings{.log_directory = directory_->file("logs"),
                                          .keep_runs = static_cast<size_t>(config_.kept_runs)});
     runs_->on_finished([this] { clear_up(); });
+    runs_->keys({[this](Job const& job, std::string const& instance) {
+                     return run_access_->begin(job, instance);
+                 },
+                 [this](std::string const& run_id) { run_access_->end(run_id); }});
     Host_Services::instance().jobs(runs_);
     jobs_ = std::make_unique<Job_Manager>(
         *definitions_, *runs_,
@@ -250,10 +260,11 @@ void Agent_Service::clear_up() {
 }
 
 bool Agent_Service::serve(std::string& error) {
-    add_methods();
-    group_ = std::make_unique<Agent_Group>(config_, identity_, methods_, routes_, *instances_);
-    if (!group_->prepare(error))
+    group_ = std::make_unique<Agent_Group>(config_, identity_, methods_, routes_, *instances_,
+                                           *access_, *run_access_);
+    if (!group_->prepare(upstream_key_, error))
         return false;
+    add_methods();
     Rpc_Server_Options options;
     options.socket_path = config_.socket;
     options.network = config_.remote;
@@ -262,6 +273,7 @@ bool Agent_Service::serve(std::string& error) {
     options.certificate = config_.certificate;
     options.private_key = config_.private_key;
     options.access_key = access_key_;
+    options.known_keys = [this](Key_Digest const& key) { return access_->caller(key); };
     options.limits.message_bytes = static_cast<size_t>(config_.message_size);
     options.limits.connections = static_cast<size_t>(config_.connections);
     options.limits.message = std::chrono::seconds(config_.message_timeout);
@@ -276,6 +288,9 @@ bool Agent_Service::serve(std::string& error) {
 }
 
 void Agent_Service::add_methods() {
+    methods_.gate([this](Method_Call const& call, Method_Fault& fault) {
+        return access_->allows(call, fault);
+    });
     add_agent_methods(methods_, config_, identity_, *database_, *module_);
     add_instance_methods(methods_, identity_, *probe_);
     add_job_methods(methods_, *jobs_, *runs_, *scheduler_);
@@ -285,12 +300,18 @@ void Agent_Service::add_methods() {
         add_catalog_methods();
     for (auto const& [name, handler] : module_->methods())
         methods_.bind(name, handler);
+    for (std::string const& name : methods_.names())
+        if (!Method_Access::has_row(name))
+            QMRT_LOG(LM_ERROR, "Nobody may call the method '%s': the agent does not know it\n",
+                     qmrt::to_one_line(name).c_str());
     add_rpc_route(routes_, methods_);
 }
 
 void Agent_Service::add_catalog_methods() {
-    add_pool_methods(methods_, *pool_status_, *pools_);
-    add_backup_methods(methods_, *catalog_, *pools_, *set_files_, *runs_);
+    add_pool_methods(methods_, *pool_status_, *pools_, *access_);
+    add_backup_methods(methods_, *catalog_, *pools_, *set_files_, *runs_, *access_);
+    add_group_member_methods(methods_, *members_, *pools_, *group_->server());
+    add_run_methods(methods_, keys_);
     add_group_methods(methods_, *group_instances_, *catalog_, identity_);
     methods_.add("catalog.abort_open",
                  [this](Method_Call const& call, json_spirit::Value& result, Method_Fault& fault) {

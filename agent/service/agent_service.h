@@ -16,8 +16,11 @@
 #include "agent/service/agent_identity.h"
 #include "agent/service/data_directory.h"
 #include "agent/service/group_instances.h"
+#include "agent/service/group_members.h"
 #include "agent/service/instance_probe.h"
+#include "agent/service/method_access.h"
 #include "agent/service/pool_status.h"
+#include "agent/service/run_access.h"
 #include "agent/storage/agent_storage_backend.h"
 #include "agent/storage/set_files.h"
 #include "agent/storage/sqlite_pools.h"
@@ -81,7 +84,9 @@ private:
     std::unique_ptr<Data_Directory> directory_;
     std::unique_ptr<Agent_Database> database_;
     Agent_Identity identity_;
-    secure_string access_key_;
+    secure_string access_key_;   ///< the administrator's
+    secure_string upstream_key_; ///< of a member, towards the backup server
+    Run_Keys keys_;
     std::unique_ptr<Write_Journal> journal_;
     std::shared_ptr<SQLite_Catalog> catalog_;
     std::shared_ptr<SQLite_Instances> instances_;
@@ -90,6 +95,9 @@ private:
     std::unique_ptr<Set_Files> set_files_;
     std::unique_ptr<Pool_Status> pool_status_;
     std::unique_ptr<Group_Instances> group_instances_;
+    std::unique_ptr<Group_Members> members_;
+    std::unique_ptr<Method_Access> access_;
+    std::unique_ptr<Run_Access> run_access_;
     std::shared_ptr<Agent_Module> module_;
     std::unique_ptr<Instance_Probe> probe_;
     std::unique_ptr<Definition_Store> definitions_;

@@ -1,4 +1,5 @@
 #include "agent/service/agent_methods.h"
+#include "agent/service/method_access.h"
 
 #include "agent/catalog/catalog_calls.h"
 #include "agent/catalog/sqlite_catalog.h"
@@ -28,10 +29,32 @@ bool catalog_failed(Method_Fault& fault) {
     return false;
 }
 
+/** Whether a row with its storages lies in a pool that the caller may use. */
+bool is_visible(Method_Access const& access, Rpc_Caller const& caller, Object const& row) {
+    if (!caller.is(Rpc_Caller::MEMBER))
+        return true;
+    Array storages;
+    json_spirit::object_get(row, "storages", storages);
+    return std::ranges::any_of(json_spirit::objects_of(storages), [&](Object const& storage) {
+        return access.may_use_pool(caller, json_spirit::object_get_str(storage, "pool_uuid"));
+    });
+}
+
+/** Drops the rows that the caller may not see, and those behind the limit. */
+void keep_visible(Method_Access const& access, Rpc_Caller const& caller, size_t limit,
+                  Array& rows) {
+    std::erase_if(rows, [&](Value const& row) {
+        return row.type() == json_spirit::obj_type && !is_visible(access, caller, row.get_obj());
+    });
+    if (rows.size() > limit)
+        rows.resize(limit);
+}
+
 class Backup_Methods {
 public:
-    Backup_Methods(SQLite_Catalog& catalog, SQLite_Pools& pools, Set_Files& files, Agent_Jobs& runs)
-        : catalog_(catalog), pools_(pools), files_(files), runs_(runs) {}
+    Backup_Methods(SQLite_Catalog& catalog, SQLite_Pools& pools, Set_Files& files, Agent_Jobs& runs,
+                   Method_Access const& access)
+        : catalog_(catalog), pools_(pools), files_(files), runs_(runs), access_(access) {}
 
     bool list(Method_Call const& call, Value& result, Method_Fault& fault) {
         std::string error, instance, resource, pool, type;
@@ -59,8 +82,11 @@ public:
             if (!value->empty())
                 query[key] = *value;
         Value rows;
+        if (call.caller.is(Rpc_Caller::MEMBER))
+            query.erase("limit"); // counts what it may see
         if (!catalog_.get_view(LIMITS, KIND, "catalogs", query, rows))
             return catalog_failed(fault);
+        keep_visible(access_, call.caller, static_cast<size_t>(limit), rows.get_array());
         result = Object{{"backups", std::move(rows)}};
         return true;
     }
@@ -71,6 +97,8 @@ public:
         if (!only_name(call, "backup", names::fault_of_id, beginning, fault) ||
             !find(beginning, row, fault))
             return false;
+        if (!is_visible(access_, call.caller, row))
+            return not_found("backup " + beginning, fault);
         if (!add_depends(row))
             return catalog_failed(fault);
         result = std::move(row);
@@ -189,12 +217,48 @@ private:
     SQLite_Pools& pools_;
     Set_Files& files_;
     Agent_Jobs& runs_;
+    Method_Access const& access_;
 };
 
+/** A view for a member: the rows of what lies in its pools. */
+bool visible_view(SQLite_Catalog& catalog, Method_Access const& access, Method_Call const& call,
+                  Value& result, std::string& message) {
+    Object params = call.params.get_obj();
+    Object query;
+    json_spirit::object_get(params, "query", query);
+    int64_t limit = INT64_MAX;
+    json_spirit::object_get(query, "limit", limit);
+    query.erase("limit"); // counts what it may see
+    bool const with_storages =
+        query.count("with_storages") || json_spirit::object_get_str(params, "view") == "restore";
+    query["with_storages"] = "1";
+    params["query"] = std::move(query);
+    if (!serve_catalog_call(catalog, "get_view", params, result, message))
+        return false;
+    Value& view = result.get_obj()["result"];
+    Value& rows = view.type() == json_spirit::obj_type ? view.get_obj()["rows"] : view;
+    if (rows.type() != json_spirit::array_type)
+        return true;
+    keep_visible(access, call.caller, static_cast<size_t>(std::max<int64_t>(limit, 0)),
+                 rows.get_array());
+    for (Value& row : rows.get_array())
+        if (!with_storages && row.type() == json_spirit::obj_type)
+            row.get_obj().erase("storages");
+    return true;
+}
+
 /** One operation of the catalog, for who is not in this process. */
-Agent_Method catalog_method(SQLite_Catalog& catalog, std::string const& operation) {
-    return [&catalog, operation](Method_Call const& call, Value& result, Method_Fault& fault) {
-        if (serve_catalog_call(catalog, operation, call.params.get_obj(), result, fault.message))
+Agent_Method catalog_method(SQLite_Catalog& catalog, Method_Access const& access,
+                            std::string const& operation) {
+    return [&catalog, &access, operation](Method_Call const& call, Value& result,
+                                          Method_Fault& fault) {
+        // a list of ids has no pools; who may have it, may have all of it
+        bool const limited =
+            operation == "get_view" && call.caller.is(Rpc_Caller::MEMBER) &&
+            json_spirit::object_get_str(call.params.get_obj(), "view") != "depends";
+        if (limited ? visible_view(catalog, access, call, result, fault.message)
+                    : serve_catalog_call(catalog, operation, call.params.get_obj(), result,
+                                         fault.message))
             return true;
         fault.code = fault.message.starts_with("Invalid params") ? JSON_RPC_INVALID_PARAMS
                                                                  : JSON_RPC_INTERNAL_ERROR;
@@ -205,13 +269,14 @@ Agent_Method catalog_method(SQLite_Catalog& catalog, std::string const& operatio
 } // namespace
 
 void add_backup_methods(Method_Table& methods, SQLite_Catalog& catalog, SQLite_Pools& pools,
-                        Set_Files& files, Agent_Jobs& runs) {
-    auto const backups = std::make_shared<Backup_Methods>(catalog, pools, files, runs);
+                        Set_Files& files, Agent_Jobs& runs, Method_Access const& access) {
+    auto const backups = std::make_shared<Backup_Methods>(catalog, pools, files, runs, access);
     add_member_methods<Backup_Methods>(methods, backups,
                                        {{"backup.list", &Backup_Methods::list},
                                         {"backup.show", &Backup_Methods::show},
                                         {"backup.remove", &Backup_Methods::remove}});
     for (char const* operation :
          {"initialize", "complete", "commit", "abort", "add_piece", "get_view"})
-        methods.add(std::string("catalog.") + operation, catalog_method(catalog, operation));
+        methods.add(std::string("catalog.") + operation,
+                    catalog_method(catalog, access, operation));
 }

@@ -63,6 +63,25 @@ bool Group_Instances::forget(std::string const& host_uuid, std::string const& ty
     });
 }
 
+bool Group_Instances::has(std::string const& host_uuid, std::string const& type,
+                          std::string const& name) {
+    bool found = false;
+    database_.read("look for an instance of a host", [&](SQLite::Database& database) {
+        SQLite::Statement known(
+            database, host_uuid == identity_.host_uuid
+                          ? "SELECT 1 FROM instance WHERE type = ?2 AND name = ?3"
+                          : "SELECT 1 FROM group_instance WHERE host_uuid = ?1 AND type = ?2 AND "
+                            "name = ?3");
+        if (host_uuid != identity_.host_uuid)
+            known.bind(1, host_uuid);
+        known.bind(2, type);
+        known.bind(3, name);
+        found = known.executeStep();
+        return true;
+    });
+    return found;
+}
+
 std::vector<std::string> Group_Instances::hosts_of(std::string const& instance_uuid) {
     std::set<std::string> hosts;
     database_.read("list the hosts of an instance", [&](SQLite::Database& database) {
@@ -90,7 +109,7 @@ bool failed(Method_Fault& fault) {
 
 /** The host that a call comes from. */
 std::string caller(Method_Call const& call, Agent_Identity const& identity) {
-    return call.peer == RPC_PEER_LOCAL ? identity.host_uuid : call.peer;
+    return call.caller.is(Rpc_Caller::MEMBER) ? call.caller.host_uuid : identity.host_uuid;
 }
 
 bool notify_instance(Group_Instances& instances, std::string const& host, Method_Call const& call,

@@ -1,5 +1,6 @@
 #include "agent/jobs/member_reader.h"
 #include "agent/service/agent_methods.h"
+#include "agent/service/method_access.h"
 #include "agent/service/pool_status.h"
 #include "agent/storage/sqlite_pools.h"
 
@@ -11,7 +12,8 @@ namespace {
 
 class Pool_Methods {
 public:
-    Pool_Methods(Pool_Status& status, SQLite_Pools& pools) : status_(status), pools_(pools) {}
+    Pool_Methods(Pool_Status& status, SQLite_Pools& pools, Method_Access const& access)
+        : status_(status), pools_(pools), access_(access) {}
 
     bool list(Method_Call const& call, Value& result, Method_Fault& fault) {
         std::string error;
@@ -22,7 +24,8 @@ public:
             return false;
         Array array;
         for (Pool_Record const& record : records)
-            array.emplace_back(status_.describe(record));
+            if (access_.may_use_pool(call.caller, record.uuid))
+                array.emplace_back(status_.describe(record));
         result = Object{{"pools", std::move(array)}};
         return true;
     }
@@ -68,6 +71,8 @@ public:
         if (!only_name(call, "uuid", names::fault_of_id, uuid, fault) ||
             !answer(pools_.find_record(uuid, record), fault))
             return false;
+        if (!access_.may_use_pool(call.caller, record.uuid))
+            return refused("this member was not given the pool " + record.name, fault);
         result = status_.for_data_path(record);
         return true;
     }
@@ -94,12 +99,14 @@ private:
 
     Pool_Status& status_;
     SQLite_Pools& pools_;
+    Method_Access const& access_;
 };
 
 } // namespace
 
-void add_pool_methods(Method_Table& methods, Pool_Status& status, SQLite_Pools& pools) {
-    auto const served = std::make_shared<Pool_Methods>(status, pools);
+void add_pool_methods(Method_Table& methods, Pool_Status& status, SQLite_Pools& pools,
+                      Method_Access const& access) {
+    auto const served = std::make_shared<Pool_Methods>(status, pools, access);
     add_member_methods<Pool_Methods>(methods, served,
                                      {{"pool.list", &Pool_Methods::list},
                                       {"pool.create", &Pool_Methods::create},

@@ -18,7 +18,8 @@ Value failure(Value const& id, int code, std::string const& message, Value const
     return JSON_RPC_Response_Error(code, id, message, data).value();
 }
 
-Value respond(Method_Table& methods, Value const& body) {
+Value respond(Method_Table& methods, Rest_Request const& asked) {
+    Value const& body = asked.body;
     if (body.type() != json_spirit::obj_type)
         return failure({}, JSON_RPC_INVALID_REQUEST, "Invalid Request", {});
     Object const& request = body.get_obj();
@@ -28,8 +29,8 @@ Value respond(Method_Table& methods, Value const& body) {
         id.type() == json_spirit::obj_type || id.type() == json_spirit::array_type)
         return failure({}, JSON_RPC_INVALID_REQUEST, "Invalid Request", {});
     JSON_RPC_Reply reply;
-    if (methods.call(method, json_spirit::object_get_any(request, "params"), RPC_PEER_REMOTE,
-                     TIMEOUT, reply))
+    if (methods.call(method, json_spirit::object_get_any(request, "params"), asked.caller, TIMEOUT,
+                     reply))
         return JSON_RPC_Response(id, std::move(reply.result)).value();
     return failure(id, reply.code, reply.message, reply.data);
 }
@@ -37,8 +38,11 @@ Value respond(Method_Table& methods, Value const& body) {
 } // namespace
 
 void add_rpc_route(Rest_Routes& routes, Method_Table& methods) {
-    routes.add(HTTP_METHOD_POST, PATH, [&methods](Rest_Request const& request, Value& answer) {
-        answer = respond(methods, request.body);
-        return OK;
-    });
+    routes.add(
+        HTTP_METHOD_POST, PATH,
+        [&methods](Rest_Request const& request, Value& answer) {
+            answer = respond(methods, request);
+            return OK;
+        },
+        Rest_Routes::ADMINISTRATORS | Rpc_Caller::MEMBER | Rpc_Caller::RUN);
 }

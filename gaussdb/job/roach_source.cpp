@@ -223,13 +223,19 @@ bool Roach_Source::are_ids_valid() const {
 
 bool Roach_Source::dump_policy() {
     std::string const path = policy_file();
+    secure_string const key = Host_Manager::instance()->access_key();
+    if (key.empty()) {
+        // whoever reads the policy could do all that the key of an agent opens
+        QMRT_LOG(LM_ERROR, "Failed to write policy '%s': this thread works for no run\n",
+                 policy_name_.c_str());
+        return false;
+    }
     if (path.empty() || !are_ids_valid() || !create_path())
         return false;
     WebSocket_Options const& server = *WebSocket_Options::instance();
     json_spirit::Object policy = route();
-    json_spirit::insert(policy)("access_key", Host_Manager::instance()->access_key())(
-        "backupd_host", server.host())("backupd_port", static_cast<int>(server.port()))(
-        "backupd_ssl", server.ssl());
+    json_spirit::insert(policy)("access_key", key)("backupd_host", server.host())(
+        "backupd_port", static_cast<int>(server.port()))("backupd_ssl", server.ssl());
     Password_File_Entry user;
     if (!os_user_.empty() && user.get(os_user_.c_str()) == -1)
         return false; // create_path() has refused it already

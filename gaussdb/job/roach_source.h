@@ -57,7 +57,10 @@ public:
     bool create_path();
     /** Empties the metadata directory, with what another user has there set aside. */
     void delete_meta();
-    /** Makes the directories and writes the policy file: whole, and never readable by others. */
+    /**
+     * Makes the directories and writes the policy file: whole, and never readable by others. Only
+     * on a thread that works for a run, whose key goes into it.
+     */
     bool dump_policy();
     /** Removes the policy file and the 100 series' metadata file; neither need be there. */
     bool remove_policy();

@@ -2,6 +2,10 @@
 
 #include <sys/utsname.h>
 
+namespace {
+thread_local secure_string run_key;
+} // namespace
+
 Host_Manager* Host_Manager::instance() {
     static Host_Manager manager;
     return &manager;
@@ -34,13 +38,11 @@ void Host_Manager::name(std::string value) {
 }
 
 secure_string Host_Manager::access_key() const {
-    std::lock_guard const guard(mutex_);
-    return access_key_;
+    return run_key;
 }
 
 void Host_Manager::access_key(secure_string value) {
-    std::lock_guard const guard(mutex_);
-    access_key_ = std::move(value);
+    run_key = std::move(value);
 }
 
 secure_string Host_Manager::node_access_key() const {

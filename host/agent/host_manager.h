@@ -8,7 +8,7 @@
 
 /**
  * Who this host is. The agent sets it at its start, from its configuration; any thread may read
- * and write.
+ * and write. Only access_key() belongs to a thread.
  */
 class Host_Manager {
 public:
@@ -30,10 +30,18 @@ public:
     /** The host's name: its node name (uname -n) unless another was set. */
     std::string name() const;
     void name(std::string value);
-    /** The key that storage servers know this host by; "" until it was set. */
+    /**
+     * The key of the run that the calling thread works for; "" on a thread that works for none. It
+     * opens what the data path of that run needs, until the run ends, so it may be written where
+     * the database's user reads it.
+     */
     secure_string access_key() const;
+    /**
+     * Makes the calling thread work for the run of that key; "" for none. Other threads keep
+     * theirs, and a new thread has none.
+     */
     void access_key(secure_string value);
-    /** The key that is used instead when on_backupd(). */
+    /** The key that is used instead when on_backupd(); "" unless one was set. */
     secure_string node_access_key() const;
     void node_access_key(secure_string value);
     /** CPN_AGENT unless another was set. */
@@ -48,7 +56,6 @@ private:
     mutable std::mutex mutex_;
     std::string uuid_;
     std::string name_;
-    secure_string access_key_;
     secure_string node_access_key_;
     Component component_ = CPN_AGENT;
 };

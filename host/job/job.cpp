@@ -1,5 +1,6 @@
 #include "host/job/job.h"
 
+#include "host/agent/host_manager.h"
 #include "host/agent/host_services.h"
 #include "host/job/job_backend.h"
 #include "host/job/thread_log.h"
@@ -303,6 +304,8 @@ int Job::run_i(Action_Options const*) {
 // the run
 
 void Job::set_job_thread() {
+    std::shared_ptr<Job_Backend> const jobs = Host_Services::instance().jobs();
+    set_run_key(jobs ? jobs->run_key(*this) : secure_string());
     std::lock_guard const guard(lock_);
     if (!running_)
         outcome_told_ = false;
@@ -367,11 +370,24 @@ void Job::complete() {
     running_ = false;
     if (std::shared_ptr<Job_Backend> const jobs = backend())
         jobs->finished(*this);
+    set_run_key(secure_string());
     log_this_thread_to(nullptr);
     self_ = Job_var();
 }
 
+/** Of the run and of the calling thread, which is the run's. */
+void Job::set_run_key(secure_string const& key) {
+    Host_Manager::instance()->access_key(key);
+    std::lock_guard const guard(data_lock_);
+    run_key_ = key;
+}
+
 // state and record
+
+secure_string Job::run_key() const {
+    std::lock_guard const guard(data_lock_);
+    return run_key_;
+}
 
 Job_Definition_var Job::definition() const {
     std::lock_guard const guard(data_lock_);

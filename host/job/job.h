@@ -3,6 +3,7 @@
 
 #include "host/job/job_activity.h"
 #include "host/job/job_definition.h"
+#include "json_spirit/secure_string.h"
 #include "json_spirit/value.h"
 
 #include <ace/Event_Handler.h>
@@ -97,6 +98,8 @@ public:
     void state(Job_State value);
     /** To be called after the record was written by hand. @a options is not looked at. */
     void sync(Action_Options const* options);
+    /** The key of the run that is on: see Host_Manager::access_key(). "" without one. */
+    secure_string run_key() const;
     /** Takes log lines into the job's own log. Null, after an error line, without a back end. */
     std::shared_ptr<ACE_Log_Msg_Callback> log_msg_callback() const;
 
@@ -146,7 +149,10 @@ protected:
 
     /** Sets the state on a request and tells it. -1, with nothing set, once the outcome is told. */
     int state_i(Job_State value);
-    /** Makes the calling thread the job's: its log lines go to the job's log until complete(). */
+    /**
+     * Makes the calling thread the job's until complete(): its log lines go to the job's log, and
+     * it has the run's key.
+     */
     void set_job_thread();
     /**
      * Ends the run, as the last thing on the job thread: the job may be gone after it. A run that
@@ -174,6 +180,7 @@ private:
     void change_state(Job_State value);
     void set_message(std::string const& text);
     void set_run_id(uuid_binary const& id);
+    void set_run_key(secure_string const& key);
     std::shared_ptr<Job_Backend> backend() const;
     std::string label() const;
     void init_activity();
@@ -187,6 +194,7 @@ private:
     std::unique_ptr<Activity_Page> page_;
     Job_Activity_Handle file_;
     Job_Activity* activity_; // its id and message are written under both
+    secure_string run_key_;  // under the second
     Job_var self_;           // set while a run that start() began is on
     std::atomic<bool> running_ = false;
     bool outcome_told_ = false;

@@ -2,6 +2,7 @@
 #define HOST_JOB_JOB_BACKEND_H
 
 #include "host/job/job_state.h"
+#include "json_spirit/secure_string.h"
 #include "json_spirit/value.h"
 
 #include <cstdint>
@@ -67,6 +68,12 @@ public:
     /** The activity record was changed by hand, its state too, perhaps. In order. */
     virtual void synced(Job const& job) = 0;
 
+    /**
+     * The key of the run that Job::run_id() names, which the run's threads use: see
+     * Host_Manager::access_key(). Asked once a run, on its thread, without the job's lock. It is
+     * void once finished() has been called. "" for a run without one, here.
+     */
+    virtual secure_string run_key(Job const& /*job*/) { return {}; }
     virtual void alert(Job const& job, Job_Alert const& alert) = 0;
     /**
      * Takes the log lines of the run that Job::run_id() names. Its log() may be called on several

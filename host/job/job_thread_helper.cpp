@@ -1,9 +1,12 @@
 #include "host/job/job_thread_helper.h"
 
+#include "host/agent/host_manager.h"
 #include "host/job/job.h"
 #include "host/job/thread_log.h"
 
 void Job_Thread_Helper::handle_starting() {
-    if (job_)
-        log_this_thread_to(job_->log_msg_callback());
+    if (!job_)
+        return;
+    log_this_thread_to(job_->log_msg_callback());
+    Host_Manager::instance()->access_key(job_->run_key());
 }

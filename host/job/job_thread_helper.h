@@ -5,7 +5,7 @@
 
 class Job;
 
-/** A side thread of a job: what it logs goes to the job's log as well. */
+/** A side thread of a job: what it logs goes to the job's log as well, and it has the run's key. */
 class Job_Thread_Helper : public Thread_Helper {
 public:
     /**

@@ -36,11 +36,16 @@ public:
     std::string certificate() const { return agent_.data_dir() + "/tls/agent.crt"; }
     std::string key() const { return agent_.data_dir() + "/access.key"; }
     unsigned short port() const { return port_; }
-    std::string member_settings() const {
+    /** Adds a member, whose key is in the file that the settings name. */
+    std::string member_settings(std::string const& name) {
+        std::string const key =
+            text(agent_.ask("member.add", {{"name", name}, {"all_pools", true}}), "key");
+        std::string const path = agent_.directory().write(name + ".key", key + "\n");
+        chmod(path.c_str(), 0600);
         return "[remote]\nenabled = false\n[group]\nrole = 'member'\nbackupd_url = "
                "'wss://localhost:" +
                std::to_string(port_) + "'\nbackupd_ca = '" + certificate() +
-               "'\nbackupd_key_file = '" + key() + "'\n";
+               "'\nbackupd_key_file = '" + path + "'\n";
     }
 
 private:
@@ -63,15 +68,16 @@ class Agent_Group_Test : public testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(server_.agent().start());
-        member_ = std::make_unique<Agent_Process>(ZENBRAK3_TEST_MODULE, server_.member_settings());
+        member_ =
+            std::make_unique<Agent_Process>(ZENBRAK3_TEST_MODULE, server_.member_settings("first"));
         ASSERT_TRUE(member_->start());
         member_uuid_ = text(member_->ask("agent.info"), "uuid");
-        ASSERT_TRUE(wait_for([&] { return bool(ask_member_by_server()); }));
+        ASSERT_TRUE(wait_for([&] { return is_connected(); }));
     }
-    /** The server calls the member. */
-    Agent_Process::Reply ask_member_by_server() {
-        return server_.agent().call("group.forward",
-                                    {{"host_uuid", member_uuid_}, {"method", "agent.info"}});
+    /** Whether the server has a connection of the member. */
+    bool is_connected() {
+        Array const members = server_.agent().ask("member.list").at("members").get_array();
+        return members.at(0).get_obj().at("connected").get_bool();
     }
     Object wait_for_end(Agent_Process& agent, std::string const& run) {
         Object row;
@@ -95,16 +101,23 @@ protected:
     std::string member_uuid_;
 };
 
-TEST_F(Agent_Group_Test, calls_go_both_ways_and_to_nobody_when_nobody_is_there) {
-    EXPECT_EQ(member_uuid_, text(ask_member_by_server().result.get_obj(), "uuid"));
-    Agent_Process::Reply const nobody = server_.agent().call(
-        "group.forward",
-        {{"host_uuid", "00000000-0000-0000-0000-000000000000"}, {"method", "agent.info"}});
-    EXPECT_EQ(-32001, nobody.code);
+TEST_F(Agent_Group_Test, a_member_comes_back_as_the_host_that_its_key_is_for) {
+    Object const member = server_.agent().ask("member.list").at("members").get_array()[0].get_obj();
+    EXPECT_EQ(member_uuid_, text(member, "host_uuid"));
     member_->kill();
-    EXPECT_TRUE(wait_for([&] { return ask_member_by_server().code == -32001; }));
+    EXPECT_TRUE(wait_for([&] { return !is_connected(); }));
     ASSERT_TRUE(member_->start());
-    EXPECT_TRUE(wait_for([&] { return bool(ask_member_by_server()); }));
+    EXPECT_TRUE(wait_for([&] { return is_connected(); }));
+}
+
+TEST_F(Agent_Group_Test, the_server_calls_no_methods_of_a_member_and_a_member_few_of_the_server) {
+    for (char const* method : {"agent.info", "job.start", "gaussdb.roach_source"}) {
+        Agent_Process::Reply const reply = server_.agent().call(
+            "group.forward", {{"host_uuid", member_uuid_}, {"method", method}, {"key", ""}});
+        EXPECT_EQ(-32005, reply.code) << method;
+    }
+    EXPECT_EQ(-32005, member_->call("pool.create", {{"name", "x"}, {"url", "file:///tmp"}}).code);
+    EXPECT_EQ(-32005, member_->call("backup.remove", {{"backup", "x"}}).code);
 }
 
 TEST_F(Agent_Group_Test, a_members_backup_is_in_the_servers_catalog_and_pool) {
@@ -152,18 +165,19 @@ TEST_F(Agent_Group_Test, what_a_killed_member_left_open_is_dropped_when_it_is_ba
 }
 
 TEST_F(Agent_Group_Test, a_wrong_key_joins_nothing) {
-    Agent_Process stranger(ZENBRAK3_TEST_MODULE,
-                           server_.member_settings() + "# with another key\n");
-    std::string const key = stranger.directory().write("wrong.key", "0123456789abcdef0123456789");
-    chmod(key.c_str(), 0600);
-    std::string config = stranger.directory().read("agent.toml");
-    config.replace(config.find(server_.key()), server_.key().size(), key);
-    stranger.directory().write("agent.toml", config);
+    Agent_Process stranger(ZENBRAK3_TEST_MODULE, server_.member_settings("second"));
+    server_.agent().directory().write("second.key", "0123456789abcdef0123456789");
     ASSERT_TRUE(stranger.start());
     EXPECT_TRUE(wait_for([&] {
         return server_.agent().log().find("127.0.0.1") != std::string::npos;
     })) << server_.agent().log();
     EXPECT_EQ(-32001, stranger.call("pool.list").code);
+}
+
+TEST_F(Agent_Group_Test, a_member_that_was_removed_is_out_at_once) {
+    server_.agent().ask("member.remove", {{"member", "first"}});
+    EXPECT_TRUE(wait_for([&] { return member_->call("pool.list").code == -32001; }));
+    EXPECT_TRUE(server_.agent().ask("member.list").at("members").get_array().empty());
 }
 
 TEST(Agent_Attack_Test, hostile_clients_are_answered_or_closed_and_others_are_served) {

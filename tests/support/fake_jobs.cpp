@@ -50,6 +50,9 @@ public:
         run_ids_.push_back(uuid_string());
         return run_ids_.back();
     }
+    secure_string run_key(Job const& job) override {
+        return secure_string(std::string_view("key of " + job.run_id()));
+    }
     void state_changed(Job const& job, Job_State state) override {
         std::string const run = job.run_id();
         add(std::string("state ") + job_state_to_string(state), [&] {

@@ -67,22 +67,22 @@ TEST_F(Group_Test, members_are_known_while_they_are_there_and_after) {
     EXPECT_LT(0, world_.group.members()[0].last_seen);
 }
 
-TEST_F(Group_Test, what_comes_down_is_from_the_backup_server_and_what_comes_up_from_the_member) {
+TEST_F(Group_Test, what_comes_down_is_for_a_run_and_what_comes_up_from_the_member) {
     auto const who = [](Method_Call const& call, Value& result, Method_Fault&) {
-        result = call.peer;
+        result = call.caller.text();
         return true;
     };
     world_.methods.add("who", who);
     world_.member("h1").methods.add("who", who);
     Group_Link& link = *world_.member("h2").link;
     EXPECT_TRUE(link.forward("h1", "who", Object(), reply_)) << reply_.message;
-    EXPECT_EQ(Value("backupd"), reply_.result);
+    EXPECT_EQ(Value("run r1 (host h2)"), reply_.result);
     EXPECT_TRUE(link.call("who", Object(), {}, reply_));
-    EXPECT_EQ(Value("h2"), reply_.result);
+    EXPECT_EQ(Value("member 'h2' (host h2)"), reply_.result);
     EXPECT_TRUE(link.forward(Group_World::SERVER, "who", Object(), reply_)) << reply_.message;
-    EXPECT_EQ(Value("h2"), reply_.result) << "the server serves what is for itself";
+    EXPECT_EQ(Value("run r1 (host h2)"), reply_.result) << "the server serves what is for itself";
     EXPECT_TRUE(world_.group.forward(Group_World::SERVER, "who", Object(), reply_));
-    EXPECT_EQ(Value("local"), reply_.result);
+    EXPECT_EQ(Value("run r1 (host local)"), reply_.result);
     EXPECT_TRUE(link.forward("h2", "who", Object(), reply_) ||
                 reply_.code == JSON_RPC_METHOD_NOT_FOUND)
         << "a member reaches itself";
@@ -143,6 +143,7 @@ TEST_F(Group_Test, agents_that_ask_each_other_in_turn_do_not_use_up_the_servers_
 TEST_F(Group_Test, a_host_that_comes_again_takes_the_place_of_its_old_connection) {
     auto& first = world_.member("h1");
     Method_Table methods;
+    methods.gate([](Method_Call const&, Method_Fault&) { return true; });
     methods.add("which", [](Method_Call const&, Value& result, Method_Fault&) {
         result = "second";
         return true;
@@ -206,9 +207,64 @@ TEST_F(Group_Test, a_server_that_is_not_there_is_said) {
 }
 
 TEST_F(Group_Test, an_agent_that_says_it_is_someone_else_is_refused) {
-    for (char const* uuid : {Group_World::SERVER, "local", "backupd", "remote", "a\nb"})
-        expect_failure(world_.options(uuid), "it refuses this agent");
+    expect_failure(world_.options(Group_World::SERVER), "it refuses this agent");
+    world_.rules.refused = "h1";
+    expect_failure(world_.options("h1"), "it refuses this agent, not h1");
     EXPECT_EQ(0u, world_.group.members().size());
+}
+
+TEST_F(Group_Test, only_a_members_key_joins) {
+    auto options = world_.options("h1");
+    options.access_key = secure_string(std::string_view(Group_World::KEY));
+    expect_failure(options, "with its own key");
+    EXPECT_EQ(0u, world_.group.members().size());
+}
+
+TEST_F(Group_Test, a_host_tells_its_runs_when_it_joins_and_is_lost_when_it_goes) {
+    auto options = world_.options("h1");
+    options.runs = [] { return json_spirit::Array{Object{{"run_id", "r"}}, Object()}; };
+    {
+        Method_Table methods;
+        Group_Link link(methods, options);
+        std::string error;
+        ASSERT_TRUE(link.start(error)) << error;
+        ASSERT_TRUE(link.await(true, Group_World::PATIENCE));
+        link.stop();
+        await_member("h1", false);
+    }
+    std::lock_guard const guard(world_.rules.mutex);
+    EXPECT_EQ((std::vector<std::string>{"joined h1 2", "left h1"}), world_.rules.told);
+}
+
+TEST_F(Group_Test, a_forward_that_the_rules_refuse_reaches_nobody) {
+    world_.rules.refused = "m";
+    std::atomic<int> calls = 0;
+    auto const count = [&](Method_Call const&, Value&, Method_Fault&) { return ++calls > 0; };
+    world_.member("h1").methods.add("m", count);
+    world_.methods.add("m", count);
+    for (char const* host : {"h1", Group_World::SERVER}) {
+        EXPECT_FALSE(world_.member("h2").link->forward(host, "m", Object(), reply_));
+        EXPECT_EQ(AGENT_RPC_REFUSED, reply_.code);
+        EXPECT_EQ("no run of h2", reply_.message);
+        EXPECT_FALSE(world_.group.forward(host, "m", Object(), reply_));
+        EXPECT_EQ(AGENT_RPC_REFUSED, reply_.code);
+    }
+    EXPECT_EQ(0, calls);
+    EXPECT_EQ(2u, Log_Capture::instance().claim_all(LM_WARNING, "Forwarded no call of 'm'"));
+}
+
+TEST_F(Group_Test, a_forwarded_call_works_for_its_run_on_the_other_host) {
+    std::string key = "none";
+    world_.member("h1").methods.add("key", [&](Method_Call const&, Value&, Method_Fault&) {
+        key = Host_Manager::instance()->access_key().plain();
+        return true;
+    });
+    Host_Manager::instance()->access_key("key of r1");
+    EXPECT_TRUE(world_.member("h2").link->forward("h1", "key", Object(), reply_)) << reply_.message;
+    EXPECT_EQ("key of r1", key);
+    EXPECT_TRUE(world_.group.forward("h1", "key", Object(), reply_)) << reply_.message;
+    EXPECT_EQ("key of r1", key);
+    EXPECT_EQ("key of r1", Host_Manager::instance()->access_key().plain());
 }
 
 TEST_F(Group_Test, options_that_cannot_work_are_errors) {
@@ -232,14 +288,16 @@ TEST_F(Group_Test, options_that_cannot_work_are_errors) {
 TEST_F(Group_Test, group_methods_refuse_what_they_cannot_use) {
     for (Value const& params :
          {Value(Object()), Value(Object{{"host_uuid", 1}}), Value(json_spirit::Array()), Value()}) {
-        EXPECT_FALSE(world_.methods.call("group.forward", params, "local", 10s, reply_));
+        EXPECT_FALSE(
+            world_.methods.call("group.forward", params, Rpc_Caller::local(), 10s, reply_));
         EXPECT_EQ(JSON_RPC_INVALID_PARAMS, reply_.code);
-        EXPECT_FALSE(world_.methods.call("group.join", params, "local", 10s, reply_));
+        EXPECT_FALSE(world_.methods.call("group.join", params, Rpc_Caller::local(), 10s, reply_));
         EXPECT_EQ(JSON_RPC_INVALID_PARAMS, reply_.code);
     }
-    EXPECT_FALSE(
-        world_.methods.call("group.join", Object{{"host_uuid", "h1"}}, "local", 10s, reply_));
+    EXPECT_FALSE(world_.methods.call("group.join", Object{{"host_uuid", "h1"}}, Rpc_Caller::local(),
+                                     10s, reply_));
     EXPECT_EQ(AGENT_RPC_REFUSED, reply_.code) << "without a connection of its own";
+    EXPECT_LOGGED(LM_WARNING, "Refused nobody as host h1");
 }
 
 TEST_F(Group_Test, stop_ends_those_who_wait) {

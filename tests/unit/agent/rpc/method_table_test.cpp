@@ -5,8 +5,11 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/recording_channel.h"
 
+#include <algorithm>
+#include <atomic>
 #include <future>
 #include <gtest/gtest.h>
+#include <mutex>
 #include <stdexcept>
 
 using json_spirit::Array;
@@ -18,7 +21,8 @@ namespace {
 
 Agent_Method echo() {
     return [](Method_Call const& call, Value& result, Method_Fault&) {
-        result = Object{{"method", call.method}, {"params", call.params}, {"peer", call.peer}};
+        result = Object{
+            {"method", call.method}, {"params", call.params}, {"caller", call.caller.text()}};
         return true;
     };
 }
@@ -41,7 +45,7 @@ protected:
     int request(std::string const& method, Value const& params) {
         return table_.handle(channel_,
                              JSON_RPC_Object_var(new JSON_RPC_Request(++id_, method, params)),
-                             RPC_PEER_LOCAL);
+                             Rpc_Caller::local());
     }
     Value reply() { return recording_->await(static_cast<size_t>(id_)).back(); }
     Value error(char const* key) {
@@ -69,7 +73,7 @@ TEST_F(Method_Table_Test, params_with_what_is_no_text_reach_neither_a_method_nor
             EXPECT_TRUE(error("message").get_str().starts_with("Invalid params: "));
             JSON_RPC_Reply inside;
             EXPECT_FALSE(
-                table_.call(method, params, RPC_PEER_LOCAL, std::chrono::seconds(5), inside));
+                table_.call(method, params, Rpc_Caller::local(), std::chrono::seconds(5), inside));
             EXPECT_EQ(JSON_RPC_INVALID_PARAMS, inside.code);
         }
     table_.remove("handler");
@@ -78,11 +82,11 @@ TEST_F(Method_Table_Test, params_with_what_is_no_text_reach_neither_a_method_nor
 TEST_F(Method_Table_Test, a_method_gets_name_params_and_caller_and_its_result_is_the_reply) {
     table_.add("echo", echo());
     EXPECT_EQ(0, request("echo", Object{{"a", 1}}));
-    EXPECT_EQ(Value(Object{
-                  {"jsonrpc", "2.0"},
-                  {"id", 1},
-                  {"result",
-                   Object{{"method", "echo"}, {"params", Object{{"a", 1}}}, {"peer", "local"}}}}),
+    EXPECT_EQ(Value(Object{{"jsonrpc", "2.0"},
+                           {"id", 1},
+                           {"result", Object{{"method", "echo"},
+                                             {"params", Object{{"a", 1}}},
+                                             {"caller", "the local administrator"}}}}),
               reply());
 }
 
@@ -132,7 +136,7 @@ TEST_F(Method_Table_Test, another_exception_is_logged_and_tells_the_caller_nothi
     EXPECT_EQ(Value("Internal error"), error("message"));
     EXPECT_LOGGED(LM_ERROR, "inner secret");
     JSON_RPC_Reply answer;
-    EXPECT_FALSE(table_.call("throw", Object(), RPC_PEER_LOCAL, 10s, answer));
+    EXPECT_FALSE(table_.call("throw", Object(), Rpc_Caller::local(), 10s, answer));
     EXPECT_EQ(JSON_RPC_INTERNAL_ERROR, answer.code);
     EXPECT_EQ("Internal error", answer.message);
     EXPECT_LOGGED(LM_ERROR, "inner secret");
@@ -198,7 +202,7 @@ TEST_F(Method_Table_Test, notifications_are_handled_in_order_and_answered_by_not
     });
     for (int i = 0; i < 200; ++i)
         table_.handle(channel_, JSON_RPC_Object_var(new JSON_RPC_Notify("note", Object{{"n", i}})),
-                      RPC_PEER_LOCAL);
+                      Rpc_Caller::local());
     all.get_future().wait();
     for (int i = 0; i < 200; ++i)
         EXPECT_EQ(i, seen[static_cast<size_t>(i)]);
@@ -211,8 +215,10 @@ TEST_F(Method_Table_Test, a_notification_that_fails_is_logged) {
         fault.message = "it broke\nhere";
         return false;
     });
-    table_.handle(channel_, JSON_RPC_Object_var(new JSON_RPC_Notify("note", Object())), "");
-    table_.handle(channel_, JSON_RPC_Object_var(new JSON_RPC_Notify("unknown", Object())), "");
+    table_.handle(channel_, JSON_RPC_Object_var(new JSON_RPC_Notify("note", Object())),
+                  Rpc_Caller::local());
+    table_.handle(channel_, JSON_RPC_Object_var(new JSON_RPC_Notify("unknown", Object())),
+                  Rpc_Caller::local());
     while (!Log_Capture::instance().contains("it broke?here"))
         std::this_thread::yield();
     EXPECT_LOGGED(LM_ERROR, "Failed to handle the notification 'note'");
@@ -227,23 +233,23 @@ TEST_F(Method_Table_Test, a_call_from_within_gets_the_result_or_the_whole_fault)
         return false;
     });
     JSON_RPC_Reply answer;
-    EXPECT_TRUE(table_.call("echo", Value(), "host-1", 10s, answer));
-    EXPECT_EQ(Value("host-1"), object_get_any(answer.result.get_obj(), "peer"));
-    EXPECT_TRUE(table_.call("handled", 5, "host-1", 10s, answer)) << answer.message;
+    EXPECT_TRUE(table_.call("echo", Value(), Rpc_Caller::local(), 10s, answer));
+    EXPECT_EQ(Value("the local administrator"), object_get_any(answer.result.get_obj(), "caller"));
+    EXPECT_TRUE(table_.call("handled", 5, Rpc_Caller::local(), 10s, answer)) << answer.message;
     EXPECT_EQ(Value(Array{"handled", 5}), answer.result);
-    EXPECT_FALSE(table_.call("fail", Object(), "host-1", 10s, answer));
+    EXPECT_FALSE(table_.call("fail", Object(), Rpc_Caller::local(), 10s, answer));
     EXPECT_EQ(-32005, answer.code);
     EXPECT_EQ("refused", answer.message);
     EXPECT_EQ(Value(7), answer.data);
     EXPECT_EQ(Value(), answer.result);
-    EXPECT_FALSE(table_.call("nothing", Object(), "host-1", 10s, answer));
+    EXPECT_FALSE(table_.call("nothing", Object(), Rpc_Caller::local(), 10s, answer));
     EXPECT_EQ(JSON_RPC_METHOD_NOT_FOUND, answer.code);
 }
 
 TEST_F(Method_Table_Test, a_handler_that_never_answers_a_call_is_a_time_out) {
     table_.bind("silent", std::make_shared<Handler>());
     JSON_RPC_Reply answer;
-    EXPECT_FALSE(table_.call("silent", Object(), "", 1ms, answer));
+    EXPECT_FALSE(table_.call("silent", Object(), Rpc_Caller::local(), 1ms, answer));
     EXPECT_EQ(JSON_RPC_TIMEOUT, answer.code);
 }
 
@@ -251,13 +257,13 @@ TEST_F(Method_Table_Test, a_response_goes_to_who_waits_for_it) {
     recording_->on_send = [this](JSON_RPC_Object const& object) {
         auto const& id = static_cast<JSON_RPC_Request const&>(object).id();
         EXPECT_EQ(0, table_.handle(channel_, JSON_RPC_Object_var(new JSON_RPC_Response(id, "x")),
-                                   RPC_PEER_LOCAL));
+                                   Rpc_Caller::local()));
     };
     JSON_RPC_Reply answer;
     EXPECT_TRUE(channel_->request(JSON_RPC_Request("q", "m", Value()), 10s, answer));
     EXPECT_EQ(Value("x"), answer.result);
     EXPECT_EQ(-1, table_.handle(channel_, JSON_RPC_Object_var(new JSON_RPC_Response("q", "x")),
-                                RPC_PEER_LOCAL));
+                                Rpc_Caller::local()));
 }
 
 TEST_F(Method_Table_Test, one_who_has_gone_gets_no_answer_and_does_no_harm) {
@@ -267,8 +273,10 @@ TEST_F(Method_Table_Test, one_who_has_gone_gets_no_answer_and_does_no_harm) {
         JSON_RPC_Channel_var const other(new Recording_Channel);
         gone = other;
     }
-    table_.handle(gone, JSON_RPC_Object_var(new JSON_RPC_Request(1, "echo", Object())), "");
-    table_.handle(gone, JSON_RPC_Object_var(new JSON_RPC_Request(1, "nothing", Object())), "");
+    table_.handle(gone, JSON_RPC_Object_var(new JSON_RPC_Request(1, "echo", Object())),
+                  Rpc_Caller::local());
+    table_.handle(gone, JSON_RPC_Object_var(new JSON_RPC_Request(1, "nothing", Object())),
+                  Rpc_Caller::local());
     request("echo", Object());
     EXPECT_EQ(1u, recording_->await(1).size());
 }
@@ -280,4 +288,49 @@ TEST_F(Method_Table_Test, after_stop_requests_are_refused) {
     EXPECT_EQ(-1, request("echo", Object()));
     EXPECT_EQ(Value(JSON_RPC_BUSY), error("code"));
     EXPECT_LOGGED(LM_ERROR, "shutting down");
+}
+
+TEST_F(Method_Table_Test, without_a_gate_only_local_callers_are_served) {
+    table_.add("echo", echo());
+    table_.bind("handled", std::make_shared<Handler>());
+    JSON_RPC_Reply answer;
+    for (Rpc_Caller const& caller : {Rpc_Caller(), Rpc_Caller::admin(), Rpc_Caller::backupd()})
+        for (char const* method : {"echo", "handled"}) {
+            EXPECT_FALSE(table_.call(method, Object(), caller, 10s, answer));
+            EXPECT_EQ(AGENT_RPC_REFUSED, answer.code);
+            table_.handle(channel_, JSON_RPC_Object_var(new JSON_RPC_Request(++id_, method, {})),
+                          caller);
+            EXPECT_EQ(Value(AGENT_RPC_REFUSED), error("code"));
+        }
+}
+
+TEST_F(Method_Table_Test, the_gate_is_asked_before_functions_handlers_and_notifications) {
+    std::vector<std::string> asked;
+    std::mutex mutex;
+    std::atomic<int> served = 0;
+    table_.gate([&](Method_Call const& call, Method_Fault& fault) {
+        std::lock_guard const guard(mutex);
+        asked.push_back(call.method + " of " + call.caller.text());
+        fault = {-7, "not you", 5};
+        return call.params.type() == json_spirit::obj_type && call.params.get_obj().count("let");
+    });
+    table_.add("count", [&](Method_Call const&, Value&, Method_Fault&) { return ++served > 0; });
+    table_.bind("handled", std::make_shared<Handler>());
+    table_.handle(channel_, JSON_RPC_Object_var(new JSON_RPC_Notify("count", Object())),
+                  Rpc_Caller::backupd());
+    request("handled", Object());
+    EXPECT_EQ(Value(-7), error("code"));
+    request("count", Object());
+    EXPECT_EQ(Value("not you"), error("message"));
+    EXPECT_EQ(Value(5), error("data"));
+    JSON_RPC_Reply answer;
+    EXPECT_FALSE(table_.call("handled", Object(), Rpc_Caller::admin(), 10s, answer));
+    EXPECT_EQ(-7, answer.code);
+    EXPECT_TRUE(table_.call("count", Object{{"let", 1}}, Rpc_Caller::admin(), 10s, answer));
+    EXPECT_TRUE(table_.call("handled", Object{{"let", 1}}, Rpc_Caller::admin(), 10s, answer));
+    table_.stop();
+    EXPECT_EQ(1, served);
+    EXPECT_EQ(6u, asked.size());
+    EXPECT_EQ(1, std::count(asked.begin(), asked.end(), "count of the backup server"));
+    EXPECT_LOGGED(LM_ERROR, "Failed to handle the notification 'count', not you");
 }

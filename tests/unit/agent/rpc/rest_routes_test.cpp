@@ -23,7 +23,8 @@ protected:
         });
     }
     int get(HTTP_Query const& query) {
-        return routes_.handle({HTTP_METHOD_GET, RESOURCES, query, Value()}, answer_);
+        return routes_.handle({HTTP_METHOD_GET, RESOURCES, query, Value(), Rpc_Caller::local()},
+                              answer_);
     }
     Rest_Routes routes_;
     Value answer_;
@@ -66,12 +67,16 @@ TEST(Rest_Routes, what_is_not_served_is_told_apart) {
     Rest_Routes routes;
     Value answer;
     routes.add(HTTP_METHOD_PUT, "/r", [](Rest_Request const&, Value&) { return 204; });
-    EXPECT_EQ(204, routes.handle({HTTP_METHOD_PUT, "/r", {}, Value()}, answer));
+    EXPECT_EQ(204,
+              routes.handle({HTTP_METHOD_PUT, "/r", {}, Value(), Rpc_Caller::local()}, answer));
     EXPECT_EQ(Value(), answer);
-    EXPECT_EQ(405, routes.handle({HTTP_METHOD_GET, "/r", {}, Value()}, answer));
-    EXPECT_EQ(405, routes.handle({HTTP_METHOD_TRACE, "/r", {}, Value()}, answer));
-    EXPECT_EQ(404, routes.handle({HTTP_METHOD_PUT, "/r/", {}, Value()}, answer));
-    EXPECT_EQ(404, routes.handle({HTTP_METHOD_PUT, "", {}, Value()}, answer));
+    EXPECT_EQ(405,
+              routes.handle({HTTP_METHOD_GET, "/r", {}, Value(), Rpc_Caller::local()}, answer));
+    EXPECT_EQ(405,
+              routes.handle({HTTP_METHOD_TRACE, "/r", {}, Value(), Rpc_Caller::local()}, answer));
+    EXPECT_EQ(404,
+              routes.handle({HTTP_METHOD_PUT, "/r/", {}, Value(), Rpc_Caller::local()}, answer));
+    EXPECT_EQ(404, routes.handle({HTTP_METHOD_PUT, "", {}, Value(), Rpc_Caller::local()}, answer));
 }
 
 TEST(Rest_Routes, an_exception_is_500_and_tells_nothing) {
@@ -80,7 +85,24 @@ TEST(Rest_Routes, an_exception_is_500_and_tells_nothing) {
     routes.add(HTTP_METHOD_GET, "/r", [](Rest_Request const&, Value&) -> int {
         throw std::runtime_error("inner secret");
     });
-    EXPECT_EQ(500, routes.handle({HTTP_METHOD_GET, "/r", {}, Value()}, answer));
+    EXPECT_EQ(500,
+              routes.handle({HTTP_METHOD_GET, "/r", {}, Value(), Rpc_Caller::local()}, answer));
     EXPECT_EQ(Value(Object{{"error", "internal error"}}), answer);
     EXPECT_LOGGED(LM_ERROR, "inner secret");
+}
+
+TEST(Rest_Routes, a_resource_is_for_administrators_unless_it_says_more) {
+    Rest_Routes routes;
+    auto const serve = [](Rest_Request const&, Value&) { return 204; };
+    routes.add(HTTP_METHOD_GET, "/people", serve);
+    routes.add(HTTP_METHOD_GET, "/runs", serve, Rpc_Caller::RUN);
+    auto const run = std::make_shared<Run_Scope>();
+    Rpc_Caller const caller{Rpc_Caller::RUN, {}, {}, run};
+    Value answer;
+    EXPECT_EQ(204,
+              routes.handle({HTTP_METHOD_GET, "/people", {}, {}, Rpc_Caller::admin()}, answer));
+    EXPECT_EQ(403, routes.handle({HTTP_METHOD_GET, "/people", {}, {}, caller}, answer));
+    EXPECT_EQ(204, routes.handle({HTTP_METHOD_GET, "/runs", {}, {}, caller}, answer));
+    EXPECT_EQ(403, routes.handle({HTTP_METHOD_GET, "/runs", {}, {}, Rpc_Caller::admin()}, answer));
+    EXPECT_EQ(2u, Log_Capture::instance().claim_all(LM_WARNING, "Refused GET"));
 }

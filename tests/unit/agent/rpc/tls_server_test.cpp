@@ -27,13 +27,14 @@ protected:
             return true;
         });
         methods_.add("who", [](Method_Call const& call, Value& result, Method_Fault&) {
-            result = call.peer;
+            result = call.caller.text();
             return true;
         });
         methods_.add("large", [](Method_Call const&, Value& result, Method_Fault&) {
             result = std::string(3'000'000, 'x');
             return true;
         });
+        methods_.gate([](Method_Call const&, Method_Fault&) { return true; });
         routes_.add(HTTP_METHOD_PUT, "/r", [](Rest_Request const& request, Value& answer) {
             answer = Object{{"q", request.parameter("q")}, {"body", request.body}};
             return 200;
@@ -93,7 +94,8 @@ TEST_F(Tls_Server_Test, messages_are_served_over_a_websocket) {
     one->text(ECHO);
     EXPECT_EQ(ECHOED, one->read_text());
     one->text(R"({"jsonrpc":"2.0","id":2,"method":"who"})");
-    EXPECT_EQ(R"({"id":2,"jsonrpc":"2.0","result":"remote"})", one->read_text());
+    EXPECT_EQ(R"({"id":2,"jsonrpc":"2.0","result":"an administrator on the network"})",
+              one->read_text());
     one->text("{");
     EXPECT_NE(std::string::npos, one->read_text().find("-32700"));
     one->text("[" + std::string(ECHO) + "," + ECHO + "]");
@@ -220,7 +222,7 @@ TEST_F(Tls_Server_Test, headers_bodies_and_messages_that_are_too_large_end_the_c
     one->text(std::string(100'001, 'x'));
     EXPECT_EQ("closed", one->read_text());
     await_connections(0);
-    EXPECT_LOGGED(LM_DEBUG, "Connection of 'remote' has ended");
+    EXPECT_LOGGED(LM_DEBUG, "Connection of an administrator on the network has ended");
     EXPECT_EQ(2u, Log_Capture::instance().claim_all(LM_WARNING, "its request is too large"));
     expect_service();
 }

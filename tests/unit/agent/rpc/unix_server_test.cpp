@@ -41,7 +41,7 @@ protected:
             return true;
         });
         methods_.add("who", [](Method_Call const& call, Value& result, Method_Fault&) {
-            result = call.peer;
+            result = call.caller.text();
             return true;
         });
         methods_.add("wait", [this](Method_Call const& call, Value& result, Method_Fault&) {
@@ -117,7 +117,7 @@ TEST_F(Unix_Server_Test, stop_removes_the_socket_and_tells_clients) {
     start();
     Raw_Client client = raw();
     EXPECT_TRUE(client.send("{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"who\"}\n"));
-    EXPECT_EQ(R"({"id":1,"jsonrpc":"2.0","result":"local"})", client.line());
+    EXPECT_EQ(R"({"id":1,"jsonrpc":"2.0","result":"the local administrator"})", client.line());
     server_->stop();
     server_->stop();
     EXPECT_TRUE(client.closed());
@@ -191,7 +191,7 @@ TEST_F(Unix_Server_Test, malformed_messages_are_answered_and_the_connection_goes
     client.send(std::string("\0\xff\xfe\n", 4));
     EXPECT_EQ(Value(JSON_RPC_PARSE_ERROR), code_of(client.line()));
     client.send("{\"jsonrpc\":\"2.0\",\"id\":\"q\",\"method\":\"who\"}\r\n");
-    EXPECT_EQ(R"({"id":"q","jsonrpc":"2.0","result":"local"})", client.line());
+    EXPECT_EQ(R"({"id":"q","jsonrpc":"2.0","result":"the local administrator"})", client.line());
     expect_service();
 }
 
@@ -226,7 +226,7 @@ TEST_F(Unix_Server_Test, a_batch_of_notifications_and_a_notification_give_nothin
         "[{\"jsonrpc\":\"2.0\",\"method\":\"echo\"},{\"jsonrpc\":\"2.0\",\"method\":\"x\"}]\n"
         "{\"jsonrpc\":\"2.0\",\"method\":\"nothing\"}\n"
         "{\"jsonrpc\":\"2.0\",\"id\":3,\"method\":\"who\"}\n");
-    EXPECT_EQ(R"({"id":3,"jsonrpc":"2.0","result":"local"})", client.line());
+    EXPECT_EQ(R"({"id":3,"jsonrpc":"2.0","result":"the local administrator"})", client.line());
 }
 
 TEST_F(Unix_Server_Test, a_batch_larger_than_allowed_is_refused_as_one) {

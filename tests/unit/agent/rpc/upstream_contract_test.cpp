@@ -33,9 +33,12 @@ public:
                            });
     }
     void serve(int method, std::string const& path, Rest_Answer answer) override {
-        world_.routes.add(method, path, [answer](Rest_Request const& request, Value& value) {
-            return answer(request.query, request.body, value);
-        });
+        world_.routes.add(
+            method, path,
+            [answer](Rest_Request const& request, Value& value) {
+                return answer(request.query, request.body, value);
+            },
+            Rest_Routes::ADMINISTRATORS | Rpc_Caller::MEMBER);
     }
     void serve_call(std::string const& method, RPC_Answer answer) override {
         world_.methods.add(method, method_of(std::move(answer)));

@@ -56,6 +56,18 @@ TEST_F(Host_Manager_Test, the_backup_server_is_one_of_the_components) {
     EXPECT_EQ(5, Host_Manager::CPN_LICENSED);
 }
 
+TEST_F(Host_Manager_Test, the_key_of_a_run_belongs_to_its_thread) {
+    host_->access_key(secure_string("key"));
+    std::thread([this] {
+        EXPECT_TRUE(host_->access_key().empty());
+        host_->access_key(secure_string("another"));
+        EXPECT_EQ("another", host_->access_key().plain());
+    }).join();
+    EXPECT_EQ("key", host_->access_key().plain());
+    host_->access_key(secure_string());
+    EXPECT_TRUE(host_->access_key().empty());
+}
+
 TEST_F(Host_Manager_Test, threads_read_while_one_writes) {
     host_->uuid("uuid 0");
     std::thread writer([this] {

@@ -1,0 +1,373 @@
+#include "agent/service/method_access.h"
+
+#include "agent/catalog/sqlite_catalog.h"
+#include "agent/service/group_instances.h"
+#include "agent/service/group_members.h"
+#include "host/storage/xbsa_layout.h"
+#include "json_spirit/access.h"
+#include "qmrt/log.h"
+#include "qmrt/names.h"
+#include "qmrt/utf8.h"
+
+#include <algorithm>
+#include <map>
+
+using json_spirit::Array;
+using json_spirit::Object;
+using json_spirit::object_get_str;
+
+namespace {
+
+constexpr char KIND[] = "gaussdb";
+constexpr char ROACH_SOURCE[] = "gaussdb.roach_source";
+constexpr size_t MOST_TOLD = 1024; ///< after so many all are told again
+
+Object const& object_or_empty(json_spirit::Value const& value) {
+    static Object const none;
+    return value.type() == json_spirit::obj_type ? value.get_obj() : none;
+}
+
+Array const& array_of(Object const& object, char const* key) {
+    static Array const none;
+    json_spirit::Value const& value = json_spirit::object_get_any(object, key);
+    return value.type() == json_spirit::array_type ? value.get_array() : none;
+}
+
+/** Whether a path is within a folder: no part of it leads elsewhere. */
+bool is_below(std::string const& path, std::string const& folder) {
+    return !folder.empty() && path.starts_with(folder + "/") &&
+           names::fault_of_relative_path(path).empty();
+}
+
+bool refuse(std::string& why, std::string text) {
+    why = std::move(text);
+    return false;
+}
+
+/** Whether a call from one host to another is what a run needs there. */
+bool fits_run(Run_Scope const& run, std::string const& method, Object const& params,
+              std::string& why) {
+    std::string const action = object_get_str(params, "action");
+    if (method != ROACH_SOURCE || (action != "add" && action != "remove"))
+        return refuse(why, "an agent may call only gaussdb.roach_source of another one");
+    if (action == "add" && object_get_str(params, "cluster_id") != run.cluster_id)
+        return refuse(why, "'cluster_id' is not that of the run");
+    if (object_get_str(params, "uuid") != (run.backup ? run.run_id : ""))
+        return refuse(why, "'uuid' is not that of the run's set");
+    if (run.backup && object_get_str(params, "pool_uuid") != run.pool_uuid)
+        return refuse(why, "'pool_uuid' is not that of the run");
+    return true;
+}
+
+} // namespace
+
+/** The table. */
+struct Method_Access::Table {
+    using Check = bool (Method_Access::*)(Question const&);
+    struct Row {
+        unsigned callers;       ///< who may call it at all
+        Check member = nullptr; ///< which calls of a MEMBER
+        Check run = nullptr;    ///< which calls of a RUN
+    };
+    using C = Rpc_Caller;
+    using A = Method_Access;
+    static constexpr unsigned PEOPLE = C::LOCAL | C::ADMIN;
+    static constexpr unsigned OR_MEMBER = PEOPLE | C::MEMBER;
+
+    static std::map<std::string, Row> const& rows() {
+        static std::map<std::string, Row> const table = {
+            {"account.save", {PEOPLE}},
+            {"agent.check", {PEOPLE}},
+            {"agent.info", {PEOPLE}},
+            {"backup.list", {OR_MEMBER, &A::any}}, // gets what lies in its pools
+            {"backup.remove", {PEOPLE}},
+            {"backup.show", {OR_MEMBER, &A::any}}, // the same
+            {"backup_set.gaussdb_restore_branch", {OR_MEMBER, &A::of_own_resource}},
+            {"backupd.instance.notify", {OR_MEMBER, &A::any}}, // speaks of its own host
+            {"catalog.abort", {OR_MEMBER, &A::of_own_set}},
+            {"catalog.abort_open", {OR_MEMBER, &A::of_own_host}},
+            {"catalog.add_piece", {OR_MEMBER | C::RUN, &A::own_pieces, &A::pieces_of_run}},
+            {"catalog.commit", {OR_MEMBER, &A::of_own_record}},
+            {"catalog.complete", {OR_MEMBER, &A::of_own_record}},
+            {"catalog.get_view", {OR_MEMBER | C::RUN, &A::a_view, &A::whether_set_is_there}},
+            {"catalog.initialize", {OR_MEMBER, &A::of_own_record}},
+            {"definition.list", {PEOPLE}},
+            {"definition.remove", {PEOPLE}},
+            {"definition.save", {PEOPLE}},
+            {"definition.show", {PEOPLE}},
+            {"gaussdb.list", {PEOPLE}},
+            {ROACH_SOURCE, {C::LOCAL | C::FORWARDED}},
+            {"group.deliver", {C::BACKUPD}},
+            {"group.forward", {C::MEMBER, &A::any}}, // run_of() checks it
+            {"group.join", {C::MEMBER, &A::any}},    // admit() checks it
+            {"instance.list", {PEOPLE}},
+            {"instance.remove", {PEOPLE}},
+            {"instance.save", {PEOPLE}},
+            {"instance.show", {PEOPLE}},
+            {"job.cancel", {PEOPLE}},
+            {"job.list", {PEOPLE}},
+            {"job.log", {PEOPLE}},
+            {"job.pause", {PEOPLE}},
+            {"job.resume", {PEOPLE}},
+            {"job.show", {PEOPLE}},
+            {"job.start", {PEOPLE}},
+            {"job.stop", {PEOPLE}},
+            {"member.add", {PEOPLE}},
+            {"member.list", {PEOPLE}},
+            {"member.remove", {PEOPLE}},
+            {"pool.create", {PEOPLE}},
+            {"pool.find", {OR_MEMBER | C::RUN, &A::any, &A::of_runs_pool}}, // finds its own only
+            {"pool.list", {OR_MEMBER, &A::any}},                            // gets its own only
+            {"pool.remove", {PEOPLE}},
+            {"pool.update", {PEOPLE}},
+            {"run.begin", {C::MEMBER, &A::of_own_host}},
+            {"run.end", {C::MEMBER, &A::any}}, // ends runs of its own host only
+        };
+        return table;
+    }
+};
+
+bool Method_Access::has_row(std::string const& method) {
+    return Table::rows().contains(method);
+}
+
+bool Method_Access::allows(Method_Call const& call, Method_Fault& fault) {
+    auto const found = Table::rows().find(call.method);
+    Rpc_Caller const& caller = call.caller;
+    std::string why = "this method is not for it";
+    bool allowed = found != Table::rows().end() && caller.is(found->second.callers);
+    if (allowed && !caller.is(Table::PEOPLE | Rpc_Caller::BACKUPD)) {
+        Question const question{call, object_or_empty(call.params),
+                                caller.run ? caller.run->host_uuid : caller.host_uuid, why};
+        allowed = caller.is(Rpc_Caller::MEMBER) ? for_member(question) : for_run(question);
+    }
+    if (allowed)
+        return true;
+    if (is_news(caller.text(), call.method))
+        QMRT_LOG(LM_WARNING, "Refused '%s' to %s, %s\n", qmrt::to_one_line(call.method).c_str(),
+                 caller.text().c_str(), qmrt::to_one_line(why).c_str());
+    fault = {AGENT_RPC_REFUSED, "refused to " + caller.text() + ": " + qmrt::to_one_line(why), {}};
+    return false;
+}
+
+bool Method_Access::is_news(std::string const& who, std::string const& method) {
+    std::lock_guard const guard(mutex_);
+    if (told_.size() >= MOST_TOLD)
+        told_.clear();
+    return told_.insert(who + " " + method).second;
+}
+
+bool Method_Access::for_member(Question const& question) {
+    if (!members_.find(question.call.caller.member))
+        return refuse(question.why, "it is not a member any more");
+    if (question.host.empty() && question.call.method != "group.join")
+        return refuse(question.why, "it has not joined yet");
+    auto const check = Table::rows().at(question.call.method).member;
+    return (this->*check)(question);
+}
+
+bool Method_Access::for_run(Question const& question) {
+    Run_Scope const& run = *question.call.caller.run;
+    if (question.call.caller.is(Rpc_Caller::FORWARDED))
+        return fits_run(run, question.call.method, question.params, question.why);
+    auto const check = Table::rows().at(question.call.method).run;
+    return (this->*check)(question);
+}
+
+// members
+
+bool Method_Access::any(Question const&) {
+    return true;
+}
+
+bool Method_Access::of_own_host(Question const& question) {
+    return object_get_str(question.params, "host_uuid") == question.host ||
+           refuse(question.why, "'host_uuid' is not that of its own host");
+}
+
+bool Method_Access::of_own_set(Question const& question) {
+    std::optional<Set_Facts> set;
+    if (!catalog_.find_facts(object_get_str(question.params, "uuid"), set))
+        return refuse(question.why, "the catalog could not be read");
+    return !set || set->host_uuid == question.host ||
+           refuse(question.why, "another host writes that set");
+}
+
+/** A set as a member describes it. */
+bool Method_Access::of_own_record(Question const& question) {
+    Object const& set = object_or_empty(json_spirit::object_get_any(question.params, "set"));
+    std::string const resource = object_get_str(set, "resource_uuid");
+    std::optional<Set_Facts> known;
+    if (!catalog_.find_facts(object_get_str(set, "uuid"), known))
+        return refuse(question.why, "the catalog could not be read");
+    if (object_get_str(set, "host_uuid") != question.host ||
+        (known && known->host_uuid != question.host))
+        return refuse(question.why, "another host writes that set");
+    if (known && known->resource_uuid != resource)
+        return refuse(question.why, "that set is of another resource");
+    for (Object const& storage : json_spirit::objects_of(array_of(set, "storages")))
+        if (!may_use_pool(question.call.caller, object_get_str(storage, "pool_uuid")))
+            return refuse(question.why, "it was not given the set's pool");
+    return writes_resource(question, resource) && has_own_pieces(question, set, resource);
+}
+
+bool Method_Access::of_own_resource(Question const& question) {
+    return writes_resource(question, object_get_str(question.params, "resource_uuid"));
+}
+
+bool Method_Access::own_pieces(Question const& question) {
+    std::optional<Set_Facts> set;
+    if (!catalog_.find_facts(object_get_str(question.params, "uuid"), set))
+        return refuse(question.why, "the catalog could not be read");
+    if (set && set->host_uuid != question.host)
+        return refuse(question.why, "another host writes that set");
+    return !set || has_own_pieces(question, question.params, set->resource_uuid);
+}
+
+/** What a set's pieces name is removed with it. */
+bool Method_Access::has_own_pieces(Question const& question, Object const& holder,
+                                   std::string const& resource) {
+    for (Object const& piece : json_spirit::objects_of(array_of(holder, "pieces"))) {
+        std::string const path = object_get_str(piece, "path");
+        if (!is_below(path, resource) && !is_below(path, question.host))
+            return refuse(question.why, "a piece is outside of the folders of resource and host");
+    }
+    return true;
+}
+
+/** A resource is the business of the hosts that have it; of one that nobody has, of its last. */
+bool Method_Access::writes_resource(Question const& question, std::string const& resource) {
+    std::vector<std::string> const hosts = instances_.hosts_of(resource);
+    if (std::ranges::count(hosts, question.host))
+        return true;
+    std::optional<Set_Facts> newest;
+    if (!catalog_.find_newest_facts(resource, newest))
+        return refuse(question.why, "the catalog could not be read");
+    return (hosts.empty() && (!newest || newest->host_uuid == question.host)) ||
+           refuse(question.why, "the resource is another host's");
+}
+
+/** One that is limited to some pools gets the rows of these; a list without rows cannot be cut. */
+bool Method_Access::a_view(Question const& question) {
+    std::optional<Member_Record> const member = members_.find(question.call.caller.member);
+    return (member && member->all_pools) || object_get_str(question.params, "view") != "depends" ||
+           refuse(question.why, "the view \"depends\" is for members with all pools");
+}
+
+// runs
+
+bool Method_Access::of_runs_pool(Question const& question) {
+    return run_may_use_pool(*question.call.caller.run, object_get_str(question.params, "uuid")) ||
+           refuse(question.why, "the pool is not that of the run");
+}
+
+/** A restore reads wherever its cluster has sets. */
+bool Method_Access::run_may_use_pool(Run_Scope const& run, std::string const& pool_uuid) {
+    if (run.backup)
+        return pool_uuid == run.pool_uuid;
+    json_spirit::Value rows;
+    return catalog_.get_view(
+               {-1, 0}, KIND, "catalogs",
+               {{"resource_uuid", run.cluster_id}, {"pool_uuid", pool_uuid}, {"limit", 1}}, rows) &&
+           rows.type() == json_spirit::array_type && !rows.get_array().empty();
+}
+
+bool Method_Access::pieces_of_run(Question const& question) {
+    Run_Scope const& run = *question.call.caller.run;
+    std::optional<Set_Facts> set;
+    if (!run.backup || object_get_str(question.params, "uuid") != run.run_id)
+        return refuse(question.why, "the set is not that of the run");
+    if (!catalog_.find_facts(run.run_id, set))
+        return refuse(question.why, "the catalog could not be read");
+    if (!set || !set->open || set->host_uuid != run.host_uuid ||
+        set->resource_uuid != run.cluster_id)
+        return refuse(question.why, "the set of the run is not open");
+    std::string const folder = xbsa_set_folder(run.cluster_id, run.run_id);
+    for (Object const& piece : json_spirit::objects_of(array_of(question.params, "pieces")))
+        if (!is_below(object_get_str(piece, "path"), folder))
+            return refuse(question.why, "a piece is outside of the set's folder");
+    return true;
+}
+
+/** The one question of the data path: whether the catalog has a set, of the run's cluster. */
+bool Method_Access::whether_set_is_there(Question const& question) {
+    Run_Scope const& run = *question.call.caller.run;
+    Object const& query = object_or_empty(json_spirit::object_get_any(question.params, "query"));
+    bool const plain =
+        object_get_str(question.params, "type") == KIND &&
+        object_get_str(question.params, "view") == "catalogs" &&
+        std::ranges::all_of(query, [](auto const& one) {
+            return one.first == "uuid" || one.first == "cmode" || one.first == "limit";
+        });
+    std::string const uuid = object_get_str(query, "uuid");
+    if (!plain || uuid.empty())
+        return refuse(question.why, "a run may ask only whether a set is there");
+    std::optional<Set_Facts> set;
+    if (!catalog_.find_facts(uuid, set))
+        return refuse(question.why, "the catalog could not be read");
+    if (set && set->resource_uuid != run.cluster_id)
+        return refuse(question.why, "the set is of another cluster");
+    return !set || run.pool_uuid.empty() || std::ranges::count(set->pool_uuids, run.pool_uuid) ||
+           refuse(question.why, "the set is in another pool");
+}
+
+// the group
+
+bool Method_Access::may_use_pool(Rpc_Caller const& caller, std::string const& pool_uuid) const {
+    if (!caller.is(Rpc_Caller::MEMBER))
+        return true;
+    std::optional<Member_Record> const member = members_.find(caller.member);
+    return member && member->may_use(pool_uuid);
+}
+
+Rpc_Caller Method_Access::caller(Key_Digest const& key) const {
+    if (std::shared_ptr<Run_Scope const> run = keys_.find(key))
+        return {Rpc_Caller::RUN, {}, {}, std::move(run)};
+    return members_.caller(key);
+}
+
+bool Method_Access::admit(Rpc_Caller const& member, std::string const& host_uuid,
+                          std::string& why) {
+    why.clear();
+    return members_.bind(member.member, host_uuid, why);
+}
+
+void Method_Access::joined(std::string const& host_uuid, Array const& runs) {
+    std::vector<Run_Keys::Entry> entries;
+    for (Object const& run : json_spirit::objects_of(runs)) {
+        Run_Keys::Entry entry;
+        if (entries.size() < Run_Keys::MOST_OF_A_HOST && entry.read(run) &&
+            entry.scope.host_uuid == host_uuid)
+            entries.push_back(std::move(entry));
+    }
+    keys_.replace(host_uuid, std::move(entries));
+}
+
+void Method_Access::left(std::string const& host_uuid) {
+    keys_.host_lost(host_uuid);
+}
+
+std::shared_ptr<Run_Scope const> Method_Access::run_of(Forward const& forward, std::string& why) {
+    std::shared_ptr<Run_Scope const> const run =
+        forward.key.empty()
+            ? nullptr
+            : keys_.find(key_digest(std::string_view(forward.key.data(), forward.key.size())));
+    std::string const& host = run ? run->host_uuid : forward.from.host_uuid;
+    Object const& params = object_or_empty(forward.params);
+    if (!run || (!forward.from.is(Rpc_Caller::LOCAL) && host != forward.from.host_uuid)) {
+        why = "it is not for a run of that host that is on";
+        return nullptr;
+    }
+    if (!fits_run(*run, forward.method, params, why))
+        return nullptr;
+    if (!run_may_use_pool(*run, object_get_str(params, "pool_uuid"))) {
+        why = "the pool is not that of the run";
+        return nullptr;
+    }
+    if (!instances_.has(forward.to, KIND, run->instance)) {
+        why = "host " + qmrt::to_one_line(forward.to) + " does not have the run's instance '" +
+              qmrt::to_one_line(run->instance) + "'";
+        return nullptr;
+    }
+    return run;
+}

@@ -1,0 +1,67 @@
+#include "agent/service/run_access.h"
+
+#include "host/agent/host_services.h"
+#include "host/job/job.h"
+#include "host/rpc/upstream_backend.h"
+#include "qmrt/log.h"
+#include "qmrt/utf8.h"
+
+using json_spirit::Object;
+
+namespace {
+
+/** Seconds: the backup server only notes it. */
+constexpr Upstream_Backend::Limits LIMITS{30, 0};
+
+Run_Scope scope_of(Job const& job, std::string const& host_uuid, std::string const& instance) {
+    Run_Scope scope{job.run_id(), false, host_uuid, instance, {}, {}};
+    Job_Definition_var const definition = job.definition();
+    if (definition.null())
+        return scope;
+    scope.backup = definition->type() == JOB_DEFINITION_BACKUP;
+    if (!definition->source().null())
+        scope.cluster_id = definition->source()->id();
+    if (scope.backup)
+        scope.pool_uuid = definition->target().id();
+    return scope;
+}
+
+} // namespace
+
+secure_string Run_Access::begin(Job const& job, std::string const& instance) {
+    Run_Keys::Entry entry{{}, scope_of(job, host_uuid_, instance)};
+    secure_string const key = Run_Keys::make();
+    if (entry.scope.cluster_id.empty() || key.empty()) {
+        QMRT_LOG(LM_WARNING, "Run %s has no key for the data path, %s\n",
+                 entry.scope.run_id.c_str(),
+                 key.empty() ? "cannot read random bytes" : "its source has no id");
+        return {};
+    }
+    entry.digest = key_digest(std::string_view(key.data(), key.size()));
+    Object const told = entry.dump();
+    keys_.add(std::move(entry));
+    if (!member_)
+        return key;
+    std::shared_ptr<Upstream_Backend> const server = Host_Services::instance().upstream();
+    JSON_RPC_Reply reply;
+    // one that is not connected is told when it is
+    if (!server || !server->call("run.begin", told, LIMITS, reply))
+        QMRT_LOG(LM_WARNING, "The backup server was not told of run %s, %s\n", job.run_id().c_str(),
+                 qmrt::to_one_line(reply.message).c_str());
+    return key;
+}
+
+void Run_Access::end(std::string const& run_id) {
+    keys_.end(host_uuid_, run_id);
+    std::shared_ptr<Upstream_Backend> const server = Host_Services::instance().upstream();
+    std::string ignored;
+    if (member_ && server)
+        server->notify("run.end", Object{{"run_id", run_id}}, ignored);
+}
+
+json_spirit::Array Run_Access::runs() const {
+    json_spirit::Array array;
+    for (Run_Keys::Entry const& entry : keys_.of_host(host_uuid_))
+        array.emplace_back(entry.dump());
+    return array;
+}

@@ -1,0 +1,356 @@
+#include "agent/service/method_access.h"
+
+#include "agent/catalog/catalog_tables.h"
+#include "agent/catalog/recorded_set.h"
+#include "agent/catalog/sqlite_catalog.h"
+#include "agent/instances/sqlite_instances.h"
+#include "agent/service/agent_identity.h"
+#include "agent/service/group_instances.h"
+#include "agent/service/group_members.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temporary_directory.h"
+
+#include <fstream>
+#include <gtest/gtest.h>
+#include <regex>
+
+using json_spirit::Array;
+using json_spirit::Object;
+using json_spirit::Value;
+
+namespace {
+
+constexpr unsigned PEOPLE = Rpc_Caller::LOCAL | Rpc_Caller::ADMIN;
+
+class Method_Access_Test : public testing::Test {
+protected:
+    Method_Access_Test() {
+        EXPECT_TRUE(members_.add({"m", "", false, {"p1"}}, key_, why_)) << why_;
+        EXPECT_TRUE(members_.add({"n", "", true, {}}, other_key_, why_)) << why_;
+        EXPECT_TRUE(access_.admit(caller(key_), "h1", why_)) << why_;
+        EXPECT_TRUE(access_.admit(caller(other_key_), "h2", why_)) << why_;
+        instances_.note("h1", "gaussdb", "c1", "c1");
+        instances_.note("h2", "gaussdb", "c2", "c2");
+        put("own", "h1", "c1", "p1", false);
+        put("run", "h1", "c1", "p1", true);
+        put("others", "h2", "c2", "p1", false);
+        put("elsewhere", "h1", "c1", "p2", false);
+        keys_.add({key_digest("backup key"), backup_});
+        keys_.add({key_digest("restore key"), restore_});
+    }
+    ~Method_Access_Test() override { Log_Capture::instance().claim_all(LM_WARNING, "Refused"); }
+
+    void put(std::string const& uuid, std::string const& host, std::string const& resource,
+             std::string const& pool, bool open) {
+        Recorded_Set const set("gaussdb", record(uuid, host, resource, pool));
+        EXPECT_TRUE(open ? catalog_.initialize({-1, 0}, set)
+                         : catalog_.commit({-1, 0}, set, false));
+    }
+    static Object record(std::string const& uuid, std::string const& host,
+                         std::string const& resource, std::string const& pool) {
+        return {{"uuid", uuid},
+                {"host_uuid", host},
+                {"resource_uuid", resource},
+                {"instance", resource},
+                {"storages", Array{Object{{"pool_uuid", pool}, {"size", 0}}}}};
+    }
+    Rpc_Caller caller(secure_string const& key) const {
+        return access_.caller(key_digest(key.plain()));
+    }
+    bool may(Rpc_Caller const& caller, std::string const& method, Object params = {}) {
+        Method_Fault fault;
+        bool const allowed = access_.allows({method, std::move(params), caller}, fault);
+        EXPECT_EQ(allowed ? "" : "refused to", fault.message.substr(0, 10));
+        return allowed;
+    }
+    bool member_may(std::string const& method, Object params = {}) {
+        return may(caller(key_), method, std::move(params));
+    }
+    bool backup_may(std::string const& method, Object params = {}) {
+        return may(access_.caller(key_digest("backup key")), method, std::move(params));
+    }
+    bool restore_may(std::string const& method, Object params = {}) {
+        return may(access_.caller(key_digest("restore key")), method, std::move(params));
+    }
+    static Object pieces(std::string const& uuid, std::string const& path) {
+        return {{"uuid", uuid}, {"pieces", Array{Object{{"path", path}, {"size", 1}}}}};
+    }
+    static Object view(Object query) {
+        return {{"type", "gaussdb"}, {"view", "catalogs"}, {"query", std::move(query)}};
+    }
+    static Object set(Object record) { return {{"kind", "gaussdb"}, {"set", std::move(record)}}; }
+    /** Whether a call may go from a host to another one. */
+    bool forwards(Rpc_Caller const& from, std::string const& to, std::string const& method,
+                  Object const& params, char const* key) {
+        why_.clear();
+        Value const value = params;
+        bool const run = bool(
+            access_.run_of({from, to, method, value, secure_string(std::string_view(key))}, why_));
+        EXPECT_EQ(run, why_.empty());
+        return run;
+    }
+
+    Temporary_Directory directory_;
+    std::string why_;
+    std::unique_ptr<Agent_Database> database_ = Agent_Database::open(
+        directory_.path("agent.db"),
+        {std::string(CATALOG_TABLES) + INSTANCE_TABLES + GROUP_TABLES + MEMBER_TABLES}, why_);
+    Agent_Identity const identity_{"server", "uid"};
+    SQLite_Catalog catalog_{*database_};
+    Group_Members members_{*database_};
+    Group_Instances instances_{*database_, identity_};
+    Run_Keys keys_;
+    Method_Access access_{catalog_, members_, instances_, keys_};
+    secure_string key_, other_key_;
+    Run_Scope const backup_{"run", true, "h1", "c1", "c1", "p1"};
+    Run_Scope const restore_{"restore", false, "h1", "c1", "c1", ""};
+};
+
+/** The methods that docs/rpc.md describes. */
+std::vector<std::string> described_methods() {
+    std::ifstream manual(ZENBRAK3_RPC_MANUAL);
+    std::regex const heading("^### ([a-z_.]+)$");
+    std::vector<std::string> methods;
+    std::smatch match;
+    for (std::string line; std::getline(manual, line);)
+        if (std::regex_match(line, match, heading))
+            methods.push_back(match[1]);
+    return methods;
+}
+
+} // namespace
+
+TEST_F(Method_Access_Test, every_method_of_the_manual_has_a_row) {
+    std::vector<std::string> const methods = described_methods();
+    EXPECT_LT(40u, methods.size());
+    for (std::string const& method : methods)
+        EXPECT_TRUE(Method_Access::has_row(method)) << method;
+}
+
+TEST_F(Method_Access_Test, what_has_no_row_is_for_nobody) {
+    for (Rpc_Caller const& caller : {Rpc_Caller::local(), Rpc_Caller::admin(),
+                                     Rpc_Caller::backupd(), caller(key_), Rpc_Caller()})
+        EXPECT_FALSE(may(caller, "no.such_method"));
+}
+
+TEST_F(Method_Access_Test, only_these_are_for_the_network_beside_the_administrator) {
+    std::set<std::string> const of_members = {"backup.list",
+                                              "backup.show",
+                                              "backup_set.gaussdb_restore_branch",
+                                              "backupd.instance.notify",
+                                              "catalog.abort",
+                                              "catalog.abort_open",
+                                              "catalog.add_piece",
+                                              "catalog.commit",
+                                              "catalog.complete",
+                                              "catalog.get_view",
+                                              "catalog.initialize",
+                                              "group.forward",
+                                              "group.join",
+                                              "pool.find",
+                                              "pool.list",
+                                              "run.begin",
+                                              "run.end"};
+    std::set<std::string> const of_runs = {"catalog.add_piece", "catalog.get_view", "pool.find"};
+    // what suits the checks of all of them
+    Object const params{{"uuid", "run"},         {"host_uuid", "h1"},
+                        {"resource_uuid", "c1"}, {"type", "gaussdb"},
+                        {"view", "catalogs"},    {"query", Object{{"uuid", "own"}}},
+                        {"kind", "gaussdb"},     {"set", record("run", "h1", "c1", "p1")}};
+    for (std::string const& method : described_methods()) {
+        EXPECT_EQ(of_members.contains(method), member_may(method, params)) << method;
+        Object wish = params;
+        if (method == "pool.find")
+            wish["uuid"] = "p1";
+        EXPECT_EQ(of_runs.contains(method), backup_may(method, wish)) << method;
+        EXPECT_EQ(method == "group.deliver", may(Rpc_Caller::backupd(), method, params)) << method;
+        EXPECT_FALSE(may(Rpc_Caller(), method, params)) << method;
+    }
+}
+
+TEST_F(Method_Access_Test, administration_is_for_administrators) {
+    for (char const* method : {"job.start", "definition.save", "pool.create", "account.save",
+                               "member.add", "agent.info"})
+        for (Rpc_Caller const& caller : {Rpc_Caller::local(), Rpc_Caller::admin()}) {
+            ASSERT_TRUE(caller.is(PEOPLE));
+            EXPECT_TRUE(may(caller, method)) << method;
+        }
+    EXPECT_FALSE(may(Rpc_Caller::admin(), "gaussdb.roach_source"));
+}
+
+TEST_F(Method_Access_Test, a_run_adds_pieces_to_its_own_open_set_below_its_folder) {
+    EXPECT_TRUE(backup_may("catalog.add_piece", pieces("run", "c1/xbsa/run/a/b.1")));
+    for (char const* path : {"", "/", "x", "c1/xbsa/run", "c1/xbsa/run/", "c1/xbsa/run/../own/x",
+                             "c1/xbsa/run//x", "c1/xbsa/run/./x", "c1/xbsa/own/x", "c2/xbsa/run/x",
+                             "/c1/xbsa/run/x", "c1/xbsa/run/x/.."})
+        EXPECT_FALSE(backup_may("catalog.add_piece", pieces("run", path))) << path;
+    EXPECT_FALSE(backup_may("catalog.add_piece", pieces("own", "c1/xbsa/own/x")));
+    EXPECT_FALSE(restore_may("catalog.add_piece", pieces("run", "c1/xbsa/run/x")));
+    Array ignored;
+    ASSERT_TRUE(catalog_.abort({-1, 0}, "run", ignored));
+    EXPECT_FALSE(backup_may("catalog.add_piece", pieces("run", "c1/xbsa/run/x"))) << "not open";
+}
+
+TEST_F(Method_Access_Test, a_run_may_ask_only_whether_a_set_of_its_cluster_is_there) {
+    Object const plain{{"uuid", "own"}, {"cmode", "rb_orm_rows"}, {"limit", 1}};
+    EXPECT_TRUE(backup_may("catalog.get_view", view(plain)));
+    EXPECT_TRUE(restore_may("catalog.get_view", view(plain)));
+    EXPECT_TRUE(backup_may("catalog.get_view", view({{"uuid", "not there"}})));
+    EXPECT_FALSE(backup_may("catalog.get_view", view({{"uuid", "others"}})));
+    EXPECT_FALSE(restore_may("catalog.get_view", view({{"uuid", "others"}})));
+    EXPECT_FALSE(backup_may("catalog.get_view", view({{"uuid", "elsewhere"}}))) << "another pool";
+    EXPECT_TRUE(restore_may("catalog.get_view", view({{"uuid", "elsewhere"}})));
+    for (Object const& query :
+         {Object(), Object{{"resource_uuid", "c1"}}, Object{{"uuid", "own"}, {"with_pieces", "1"}},
+          Object{{"uuid", 1}}, Object{{"uuid", ""}}})
+        EXPECT_FALSE(backup_may("catalog.get_view", view(query)));
+    for (char const* key : {"type", "view"}) {
+        Object params = view(plain);
+        params[key] = "restore";
+        EXPECT_FALSE(backup_may("catalog.get_view", params)) << key;
+    }
+}
+
+TEST_F(Method_Access_Test, a_run_finds_its_own_pool) {
+    EXPECT_TRUE(backup_may("pool.find", {{"uuid", "p1"}}));
+    EXPECT_FALSE(backup_may("pool.find", {{"uuid", "p2"}}));
+    EXPECT_FALSE(backup_may("pool.find"));
+    for (char const* pool : {"p1", "p2"})
+        EXPECT_TRUE(restore_may("pool.find", {{"uuid", pool}})) << "where its cluster has sets";
+    EXPECT_FALSE(restore_may("pool.find", {{"uuid", "p3"}}));
+}
+
+TEST_F(Method_Access_Test, a_runs_key_is_nobodys_when_the_run_has_ended) {
+    EXPECT_EQ(Rpc_Caller::RUN, access_.caller(key_digest("backup key")).kind);
+    keys_.end("h1", "run");
+    EXPECT_EQ(Rpc_Caller::NOBODY, access_.caller(key_digest("backup key")).kind);
+}
+
+TEST_F(Method_Access_Test, a_member_writes_its_own_hosts_sets) {
+    for (char const* method : {"catalog.initialize", "catalog.complete", "catalog.commit"}) {
+        EXPECT_TRUE(member_may(method, set(record("run", "h1", "c1", "p1")))) << method;
+        EXPECT_TRUE(member_may(method, set(record("new", "h1", "c1", "p1")))) << method;
+        EXPECT_TRUE(member_may(method, set(record("new", "h1", "nobodys", "p1")))) << method;
+        EXPECT_FALSE(member_may(method, set(record("new", "h2", "c1", "p1")))) << "another host";
+        EXPECT_FALSE(member_may(method, set(record("others", "h1", "c2", "p1")))) << "its set";
+        EXPECT_FALSE(member_may(method, set(record("new", "h1", "c2", "p1")))) << "its resource";
+        EXPECT_FALSE(member_may(method, set(record("new", "h1", "c1", "p2")))) << "another pool";
+        EXPECT_FALSE(member_may(method, set(record("run", "h1", "c3", "p1")))) << "changed";
+        Object strange = record("new", "h1", "c1", "p1");
+        for (char const* path : {"c2/x", "x", "c1/../c2/x", "/c1/x"}) {
+            strange["pieces"] = Array{Object{{"path", path}}};
+            EXPECT_FALSE(member_may(method, set(strange))) << path;
+        }
+        for (char const* path : {"c1/x", "h1/roach/x/y.mtf"}) {
+            strange["pieces"] = Array{Object{{"path", path}}};
+            EXPECT_TRUE(member_may(method, set(strange))) << path;
+        }
+        EXPECT_FALSE(member_may(method)) << "without a set";
+    }
+    EXPECT_TRUE(member_may("catalog.abort", {{"uuid", "run"}}));
+    EXPECT_FALSE(member_may("catalog.abort", {{"uuid", "others"}}));
+    EXPECT_TRUE(member_may("catalog.add_piece", pieces("run", "c1/roach/x")));
+    EXPECT_FALSE(member_may("catalog.add_piece", pieces("run", "c2/roach/x")));
+    EXPECT_FALSE(member_may("catalog.add_piece", pieces("others", "c1/roach/x")));
+    EXPECT_TRUE(member_may("catalog.abort_open", {{"host_uuid", "h1"}}));
+    EXPECT_FALSE(member_may("catalog.abort_open", {{"host_uuid", "h2"}}));
+    char const branch[] = "backup_set.gaussdb_restore_branch";
+    EXPECT_TRUE(member_may(branch, {{"resource_uuid", "c1"}}));
+    EXPECT_FALSE(member_may(branch, {{"resource_uuid", "c2"}}));
+}
+
+TEST_F(Method_Access_Test, a_member_tells_of_its_own_runs_only) {
+    EXPECT_TRUE(member_may("run.begin", {{"host_uuid", "h1"}}));
+    EXPECT_FALSE(member_may("run.begin", {{"host_uuid", "h2"}}));
+    access_.joined("h2", Array{Run_Keys::Entry{key_digest("stolen"), backup_}.dump()});
+    EXPECT_EQ(Rpc_Caller::NOBODY, access_.caller(key_digest("stolen")).kind) << "a run of h1";
+    access_.joined("h1", Array{});
+    EXPECT_EQ(Rpc_Caller::NOBODY, access_.caller(key_digest("backup key")).kind);
+}
+
+TEST_F(Method_Access_Test, a_member_sees_the_pools_that_it_was_given) {
+    EXPECT_TRUE(access_.may_use_pool(caller(key_), "p1"));
+    EXPECT_FALSE(access_.may_use_pool(caller(key_), "p2"));
+    EXPECT_TRUE(access_.may_use_pool(caller(other_key_), "p2"));
+    EXPECT_TRUE(access_.may_use_pool(Rpc_Caller::local(), "p2"));
+    Object depends = view({});
+    depends["view"] = "depends";
+    EXPECT_FALSE(member_may("catalog.get_view", depends));
+    EXPECT_TRUE(may(caller(other_key_), "catalog.get_view", depends));
+}
+
+TEST_F(Method_Access_Test, a_key_is_for_one_host) {
+    EXPECT_TRUE(access_.admit(caller(key_), "h1", why_));
+    EXPECT_FALSE(access_.admit(caller(key_), "h3", why_));
+    EXPECT_NE(std::string::npos, why_.find("its key is for host h1"));
+    secure_string key;
+    ASSERT_TRUE(members_.add({"late", "", true, {}}, key, why_));
+    EXPECT_FALSE(access_.admit(caller(key), "h2", why_));
+    EXPECT_NE(std::string::npos, why_.find("another member"));
+    EXPECT_FALSE(may(caller(key), "pool.list")) << "it has not joined";
+    EXPECT_TRUE(may(caller(key), "group.join"));
+}
+
+TEST_F(Method_Access_Test, members_are_kept_without_their_keys_and_end_when_removed) {
+    EXPECT_FALSE(members_.add({"m", "", true, {}}, key_, why_));
+    Group_Members again(*database_);
+    ASSERT_TRUE(again.load());
+    Rpc_Caller const known = again.caller(key_digest(key_.plain()));
+    EXPECT_EQ("m", known.member);
+    EXPECT_EQ("h1", known.host_uuid);
+    EXPECT_EQ((std::set<std::string>{"p1"}), again.find("m")->pools);
+    std::ifstream file(directory_.path("agent.db-wal"), std::ios::binary);
+    std::string const bytes((std::istreambuf_iterator<char>(file)), {});
+    EXPECT_NE(std::string::npos, bytes.find(key_digest_text(key_digest(key_.plain()))));
+    EXPECT_EQ(std::string::npos, bytes.find(key_.plain()));
+    Rpc_Caller const before = caller(key_);
+    EXPECT_TRUE(members_.remove("m", why_));
+    EXPECT_EQ(Rpc_Caller::NOBODY, caller(key_).kind);
+    EXPECT_FALSE(may(before, "pool.list")) << "on a connection that is there";
+    EXPECT_FALSE(members_.remove("m", why_));
+}
+
+TEST_F(Method_Access_Test, a_call_goes_to_another_host_only_for_a_run_and_its_instance) {
+    instances_.note("h3", "gaussdb", "c1", "c1");
+    Object const add{{"action", "add"}, {"cluster_id", "c1"}, {"uuid", "run"}, {"pool_uuid", "p1"}};
+    Rpc_Caller const member = caller(key_);
+    char const method[] = "gaussdb.roach_source";
+    EXPECT_TRUE(forwards(member, "h3", method, add, "backup key"));
+    EXPECT_FALSE(forwards(member, "h2", method, add, "backup key")) << "it has not the instance";
+    EXPECT_FALSE(forwards(member, "h3", "job.start", add, "backup key"));
+    EXPECT_FALSE(forwards(member, "h3", "group.deliver", add, "backup key"));
+    EXPECT_FALSE(forwards(member, "h3", method, add, "no key"));
+    EXPECT_FALSE(forwards(member, "h3", method, add, ""));
+    EXPECT_FALSE(forwards(caller(other_key_), "h3", method, add, "backup key")) << "a run of h1";
+    EXPECT_FALSE(forwards(Rpc_Caller(), "h3", method, add, "backup key"));
+    for (char const* key : {"action", "cluster_id", "uuid", "pool_uuid"}) {
+        Object other = add;
+        other[key] = "c2";
+        EXPECT_FALSE(forwards(member, "h3", method, other, "backup key")) << key;
+        other.erase(key);
+        EXPECT_FALSE(forwards(member, "h3", method, other, "backup key")) << key;
+    }
+    Object const restore{
+        {"action", "add"}, {"cluster_id", "c1"}, {"uuid", ""}, {"pool_uuid", "p2"}};
+    EXPECT_TRUE(forwards(member, "h3", method, restore, "restore key"));
+    EXPECT_FALSE(forwards(member, "h3", method, add, "restore key"));
+}
+
+TEST_F(Method_Access_Test, the_other_host_takes_what_is_of_the_run_and_nothing_else) {
+    Rpc_Caller const forwarded{Rpc_Caller::FORWARDED, {}, {}, std::make_shared<Run_Scope>(backup_)};
+    Object const remove{{"action", "remove"}, {"uuid", "run"}, {"pool_uuid", "p1"}};
+    EXPECT_TRUE(may(forwarded, "gaussdb.roach_source", remove));
+    Object other = remove;
+    other["uuid"] = "own";
+    EXPECT_FALSE(may(forwarded, "gaussdb.roach_source", other));
+    for (char const* method : {"job.start", "group.deliver", "pool.find", "catalog.add_piece"})
+        EXPECT_FALSE(may(forwarded, method, remove)) << method;
+}
+
+TEST_F(Method_Access_Test, a_refusal_is_logged_once_for_each_caller_and_method) {
+    for (int i = 0; i < 5; ++i) {
+        backup_may("job.start");
+        restore_may("job.start");
+    }
+    EXPECT_EQ(2u, Log_Capture::instance().claim_all(LM_WARNING, "Refused 'job.start' to run "));
+}
