@@ -22,6 +22,18 @@ MACHINE, CLUSTER = str(ROOT / "sandbox/machine"), str(ROOT / "sandbox/cluster")
 BUILD = sys.argv.pop(1)
 MACHINES = "host1=10.77.0.1,host2=10.77.0.2"
 CACHE = "/var/cache/quilmot/zenbrak3/gaussdb"
+REFUSED = -32005
+# one call of the backup server by a key: key, method, params
+POST = '''
+import http.client, json, ssl, sys
+server = http.client.HTTPSConnection(
+    "host1", 60305, context=ssl.create_default_context(cafile="/etc/zenbrak3/backupd.crt"))
+server.request("POST", "/d2/r/v2/rpc", json.dumps(
+    {"jsonrpc": "2.0", "id": 1, "method": sys.argv[2], "params": json.loads(sys.argv[3])}),
+    {"Authorization": "Bearer " + sys.argv[1]})
+answer = server.getresponse()
+print(json.dumps({"status": answer.status, "body": answer.read().decode()}))
+'''
 SERVER = """
 [remote]
 address = "0.0.0.0"
@@ -146,18 +158,24 @@ class Two_Hosts_Test(unittest.TestCase):
             host.do("ldconfig")
             host.cluster("fill", 6)
         cls.start_agents()
-        cls.first.do("install", "-d", "-g", "dbgrp", "-m", "2770", "/srv/shared/pool")
-        cls.first.do("zenbrak3", "pool", "create", "main", "file:///srv/shared/pool")
-        cls.pool = json.loads(cls.first.do("zenbrak3", "pools", "--json"))["pools"][0]["uuid"]
 
     @classmethod
     def start_agents(cls):
         cls.first.path("/etc/zenbrak3/agent.toml").write_text(SERVER)
         cls.second.path("/etc/zenbrak3/agent.toml").write_text(MEMBER)
         cls.first.start_agent()
-        for source, target in (("tls/agent.crt", "crt"), ("access.key", "key")):
+        cls.first.do("install", "-d", "-g", "dbgrp", "-m", "2770", "/srv/shared/pool")
+        cls.first.do("install", "-d", "/srv/shared/private")
+        cls.first.do("zenbrak3", "pool", "create", "main", "file:///srv/shared/pool")
+        cls.first.do("zenbrak3", "pool", "create", "private", "file:///srv/shared/private")
+        pools = json.loads(cls.first.do("zenbrak3", "pools", "--json"))["pools"]
+        cls.pool, cls.private = [next(one["uuid"] for one in pools if one["name"] == name)
+                                 for name in ("main", "private")]
+        cls.member_key = cls.first.do("zenbrak3", "member", "add", "host2", "--pool", "main").strip()
+        certificate = cls.first.path("/var/lib/zenbrak3/tls/agent.crt").read_text()
+        for target, text in (("crt", certificate), ("key", cls.member_key + "\n")):
             copy = cls.second.path("/etc/zenbrak3/backupd." + target)
-            copy.write_bytes(cls.first.path("/var/lib/zenbrak3/" + source).read_bytes())
+            copy.write_text(text)
             copy.chmod(0o600)
         cls.second.start_agent()
         for host in reversed(cls.hosts):
@@ -182,8 +200,7 @@ class Two_Hosts_Test(unittest.TestCase):
 
     def wait_for_group(self):
         """The backup server reaches the other host's agent."""
-        uuid = self.second.call("agent.info")["uuid"]
-        wait_until(lambda: self.first.call("group.forward", host_uuid=uuid, method="agent.info"),
+        wait_until(lambda: self.first.call("member.list")["members"][0]["connected"],
                    "the second host in the group")
 
     def start_backup(self, *words):
@@ -352,6 +369,104 @@ class Two_Hosts_Test(unittest.TestCase):
         self.check_nothing_is_left()
         for host in self.hosts:
             self.assertFalse(self.policy(host).exists())
+
+    # --- attacks by a member, and by who has its key
+
+    def post(self, key, method, /, **params):
+        """The answer of the backup server's port to the second host: (HTTP status, error's code)."""
+        done = json.loads(self.second.do("python3", "-c", POST, key, method, json.dumps(params)))
+        return done["status"], (json.loads(done["body"] or "{}").get("error") or {}).get("code")
+
+    def test_a_members_key_is_for_its_own_hosts_business(self):
+        of_first = self.backup()
+        first, second = [host.call("agent.info")["uuid"] for host in self.hosts]
+
+        def refused(method, /, **params):
+            self.assertEqual((200, REFUSED), self.post(self.member_key, method, **params),
+                             (method, params))
+        # administration
+        run = {"name": "evil", "type": "backup", "subtype": "full", "precondition": "touch /root/x",
+               "target": {"pool": "main"}, "source": {"id": "c1", "entries": ["gaussdb/c1"]}}
+        refused("job.start", run=run)
+        refused("definition.save", **run)
+        refused("account.save", instance="c1", username="x", password="y")
+        refused("instance.save", name="x")
+        refused("pool.create", name="x", url="file:///root")
+        refused("pool.update", pool="main", read_only=True)
+        refused("backup.remove", backup=of_first["uuid"])
+        refused("member.add", name="x", all_pools=True)
+        refused("agent.info")
+        refused("gaussdb.roach_source", action="remove", uuid="", policy_name="c1",
+                pool_uuid=self.pool, definition_uuid="meta")
+        # another host's sets
+        uuid, resource = of_first["uuid"], of_first["resource_uuid"]
+        self.assertEqual(first, of_first["host_uuid"])
+        refused("catalog.abort", uuid=uuid)
+        refused("catalog.add_piece", uuid=uuid, pieces=[{"path": resource + "/x", "size": 1}])
+        refused("catalog.abort_open", host_uuid=first, before=0)
+        record = {"uuid": uuid, "host_uuid": second, "resource_uuid": resource, "storages": []}
+        refused("catalog.commit", kind="gaussdb", set=record, overwrite=True)
+        refused("catalog.complete", kind="gaussdb", set=record)
+        fresh = dict(record, uuid="11111111-2222-3333-4444-555555555555")
+        refused("catalog.initialize", kind="gaussdb", set=dict(fresh, host_uuid=first))
+        refused("catalog.initialize", kind="gaussdb",
+                set=dict(fresh, storages=[{"pool_uuid": self.private, "size": 0}]))
+        refused("catalog.initialize", kind="gaussdb",
+                set=dict(fresh, pieces=[{"path": "another/xbsa/x", "size": 1}]))
+        # a pool that it was not given
+        refused("pool.find", uuid=self.private)
+        self.assertEqual((200, None), self.post(self.member_key, "pool.find", uuid=self.pool))
+        self.assertEqual(["main"], [one["name"] for one in self.second.call("pool.list")["pools"]])
+        # another host, and calls of another agent
+        refused("group.join", host_uuid=first)
+        refused("group.join", host_uuid="11111111-2222-3333-4444-555555555555")
+        for method in ("agent.info", "job.start", "gaussdb.roach_source", "group.deliver"):
+            refused("group.forward", host_uuid=first, method=method, params={}, key="")
+            refused("group.forward", host_uuid=second, method=method, params={}, key=self.member_key)
+        refused("group.deliver", method="agent.info", params={}, key="",
+                run={"run_id": "r", "backup": True, "host_uuid": second, "instance": "c1",
+                     "cluster_id": "c1", "pool_uuid": self.pool})
+        refused("run.begin", run_id="r", backup=True, host_uuid=first, instance="c1",
+                cluster_id="c1", pool_uuid=self.pool, key="0" * 64)
+        # a key that is nobody's, and one that was taken back
+        self.assertEqual(401, self.post("0" * 64, "pool.list")[0])
+        key = self.first.do("zenbrak3", "member", "add", "host3", "--all-pools").strip()
+        self.assertEqual((200, REFUSED), self.post(key, "pool.list"))
+        refused("group.join", host_uuid=second)  # the key is for a WebSocket connection there
+        self.first.do("zenbrak3", "member", "remove", "host3")
+        self.assertEqual(401, self.post(key, "pool.list")[0])
+        self.assertEqual([uuid], [one["uuid"] for one in self.sets() if one["uuid"] == uuid])
+        self.wait_for_group()
+
+    def test_a_member_that_was_removed_is_out(self):
+        key = self.first.do("zenbrak3", "member", "remove", "host2")
+        try:
+            wait_until(lambda: not self.second.call("pool.list"), "the end of its connection")
+            self.assertEqual(401, self.post(self.member_key, "pool.list")[0])
+        finally:
+            self.second.kill_agent()
+            key = self.first.do("zenbrak3", "member", "add", "host2", "--pool", "main").strip()
+            type(self).member_key = key
+            self.second.path("/etc/zenbrak3/backupd.key").write_text(key + "\n")
+            self.second.start_agent()
+        self.wait_for_group()
+
+    def test_the_second_hosts_run_key_dies_with_the_run(self):
+        job = self.start_backup()
+        wait_until(lambda: self.policy(self.second).exists(), "the policy on the second host")
+        text = ""
+        while not text and job.poll() is None:
+            try:
+                text = self.policy(self.second).read_text()
+            except FileNotFoundError:
+                break
+        out, _ = job.communicate(timeout=120)
+        self.assertEqual(0, job.returncode, out)
+        key = json.loads(text)["access_key"]
+        for secret in (self.member_key, self.first.path("/var/lib/zenbrak3/access.key").read_text().strip(),
+                       self.second.path("/var/lib/zenbrak3/access.key").read_text().strip()):
+            self.assertNotEqual(secret, key)
+        self.assertEqual(401, self.post(key, "pool.find", uuid=self.pool)[0])
 
 
 if __name__ == "__main__":
