@@ -16,6 +16,7 @@ int main(int argc, char** argv) {
         result = call.params;
         return true;
     });
+    methods.gate([](Method_Call const&, Method_Fault&) { return true; });
     Rpc_Server_Options options;
     options.socket_path = argv[1];
     options.network = true;
