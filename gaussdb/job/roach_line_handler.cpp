@@ -32,7 +32,9 @@ T number_of(qmrt::svmatch::value_type const& group) {
 Roach_Line_Handler::Roach_Line_Handler(std::string* backup_key, Roach_Progress_Handler* handler)
     : Text_Process_Handler(TPHF_LOG_NONE, PIPES_CLOSED_TIMEOUT),
       backup_key_(backup_key),
-      handler_(handler) {}
+      handler_(handler) {
+    unlimited();
+}
 
 int Roach_Line_Handler::handle_stdout_line(char const* line, size_t length) {
     if (!line || *line == '\0' || length == 0)

@@ -60,5 +60,5 @@ bool execute_script(std::string const& script, bool strict,
     // each says itself what went wrong
     return set_process_env(options, "LC_ALL", "C") &&
            set_command_line(options, "%s", command_line(path, strict).c_str()) &&
-           subprocess::call(options, std::move(log_callback)) == 0;
+           subprocess::call_unlimited(options, std::move(log_callback)) == 0;
 }

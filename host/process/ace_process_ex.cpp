@@ -1,5 +1,6 @@
 #include "host/process/ace_process_ex.h"
 
+#include "host/process/child_registry.h"
 #include "host/process/child_setup.h"
 #include "host/process/deadline.h"
 #include "host/process/log_callback_scope.h"
@@ -90,13 +91,22 @@ pid_t ACE_Process_Ex::spawn_i(ACE_Process_Options& options) {
     File_Descriptor child_ends[3];
     if (!make_pipes(setup, child_ends))
         return fail(std::string("its pipes cannot be made, ") + strerror(errno), errno);
-    pid_t const pid = start_child(setup.plan);
+    bool is_tried = false;
+    pid_t const pid = Child_Registry::instance().start(
+        [&] {
+            is_tried = true;
+            return start_child(setup.plan);
+        },
+        setup.plan.process_group == 0);
+    if (!is_tried)
+        return fail("this process is about to end", ESHUTDOWN);
     if (pid == -1) {
         setup.explain_failed_start();
         return fail(setup.reason(), setup.plan.error);
     }
     pid_ = pid;
     leads_group_ = setup.plan.process_group == 0;
+    user_ = setup.plan.change_ids ? setup.plan.uid : getuid();
     end_.kind = Child_End::RUNNING;
     // refused by old kernels and by some containers; then the child is looked at now and again
     pidfd_.reset(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
@@ -152,11 +162,16 @@ bool ACE_Process_Ex::wait(ACE_Time_Value const* timeout) {
 /** Takes the child's end when it is there; without WNOHANG, waits for it. */
 bool ACE_Process_Ex::reap(int wait_options) {
     siginfo_t info = {};
-    int result;
-    do
-        result = waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | wait_options);
-    while (result == -1 && errno == EINTR);
-    if (result == 0 && info.si_pid == 0)
+    int result = 0;
+    auto const look = [&](int flags) {
+        do
+            result = waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | flags);
+        while (result == -1 && errno == EINTR);
+        return result == -1 || info.si_pid != 0;
+    };
+    if (!(wait_options & WNOHANG))
+        look(WNOWAIT);
+    if (!Child_Registry::instance().reap(pid_, [&] { return look(WNOHANG); }))
         return false;
     if (result == -1)
         end_.kind = Child_End::LOST;
@@ -167,6 +182,15 @@ bool ACE_Process_Ex::reap(int wait_options) {
     }
     pidfd_.reset();
     return true;
+}
+
+void ACE_Process_Ex::abandon() {
+    if (!running())
+        return;
+    Child_Registry::instance().abandon(pid_);
+    close_pipes();
+    pidfd_.reset();
+    end_.kind = Child_End::LOST;
 }
 
 int ACE_Process_Ex::kill(int signal) {

@@ -95,6 +95,12 @@ public:
     void end_now(ACE_Time_Value const& term_timeout);
 
     /**
+     * Lets a running child go that not even SIGKILL ends, such as one that waits for a file system
+     * which does not answer. It is waited for when it has ended; its end is LOST.
+     */
+    void abandon();
+
+    /**
      * This side's ends of the pipes; ACE_INVALID_HANDLE for a stream that is not redirected or is
      * closed. They stay this object's. stdin does not block.
      */
@@ -117,6 +123,10 @@ public:
     ssize_t write_stdin(iovec const* texts, int count);
 
     unsigned int flags() const { return flags_; }
+    /** The user that the last child was started as. */
+    uid_t user() const { return user_; }
+    /** True when the last child has a process group of its own. */
+    bool leads_group() const { return leads_group_; }
     /** The name in log lines. */
     char const* label() const { return shown_label_.c_str(); }
     std::shared_ptr<ACE_Log_Msg_Callback> const& callback() const { return callback_; }
@@ -138,6 +148,7 @@ private:
 
     pid_t pid_ = -1;
     bool leads_group_ = false;
+    uid_t user_ = 0;
     File_Descriptor pidfd_;
     File_Descriptor stdin_;
     File_Descriptor stdout_;

@@ -26,6 +26,8 @@ std::string Child_End::describe() const {
     case SIGNALLED:
         return "was ended by signal " + describe_signal(code) +
                (core_dumped ? ", core dumped" : "");
+    case STOPPED:
+        return "was ended, " + reason;
     case LOST:
         return "has ended, but how is not known: this process ignores SIGCHLD, or waited for it "
                "elsewhere";

@@ -11,6 +11,7 @@ struct Child_End {
         TIMED_OUT,   ///< it had not ended at the limit of a wait, and may be running still
         EXITED,      ///< `code` is its exit status, 0 to 255
         SIGNALLED,   ///< `code` is the signal that ended it
+        STOPPED,     ///< this process has ended it, and `reason` says why
         LOST         ///< it has ended, but this process ignores SIGCHLD or waited for it elsewhere
     };
 

@@ -43,6 +43,12 @@ public:
         return one.at_ < other.at_ ? one : other;
     }
 
+    /** @a one, or @a after from now when that is later. */
+    friend Deadline later(Deadline const& one, ACE_Time_Value const& after) {
+        Deadline const other(after);
+        return one.at_ < other.at_ ? other : one;
+    }
+
 private:
     static clock::duration duration_of(ACE_Time_Value const& time) {
         return std::chrono::seconds(time.sec()) + std::chrono::microseconds(time.usec());

@@ -28,10 +28,27 @@ private:
 
 } // namespace
 
-int subprocess::call(ACE_Process_Options& options, std::shared_ptr<ACE_Log_Msg_Callback> callback) {
+namespace {
+
+int call_logged(ACE_Process_Options& options, std::shared_ptr<ACE_Log_Msg_Callback> callback,
+                bool is_question) {
     ACE_Process_Ex process(ACE_Process_Ex::REDIRECT_STDOUT | ACE_Process_Ex::REDIRECT_STDERR,
                            nullptr, std::move(callback));
-    return Text_Process_Handler(Text_Process_Handler::TPHF_LOG_CMD).call(&process, options);
+    Text_Process_Handler handler(Text_Process_Handler::TPHF_LOG_CMD);
+    if (!is_question)
+        handler.unlimited();
+    return handler.call(&process, options);
+}
+
+} // namespace
+
+int subprocess::call(ACE_Process_Options& options, std::shared_ptr<ACE_Log_Msg_Callback> callback) {
+    return call_logged(options, std::move(callback), true);
+}
+
+int subprocess::call_unlimited(ACE_Process_Options& options,
+                               std::shared_ptr<ACE_Log_Msg_Callback> callback) {
+    return call_logged(options, std::move(callback), false);
 }
 
 int subprocess::spawn_output(ACE_Process_Options& options, std::string& output, bool with_stderr) {

@@ -7,7 +7,10 @@
 #include <memory>
 #include <string>
 
-/** Running a tool to its end in one call, by Text_Process_Handler. On any thread. */
+/**
+ * Running a tool to its end in one call, by Text_Process_Handler and within its bounds of time and
+ * output. On any thread.
+ */
 namespace subprocess {
 
 /**
@@ -17,6 +20,9 @@ namespace subprocess {
  *         been logged.
  */
 int call(ACE_Process_Options& options, std::shared_ptr<ACE_Log_Msg_Callback> callback = {});
+
+/** The same without the limits of Tool_Limits, for what people may want to run for hours. */
+int call_unlimited(ACE_Process_Options& options, std::shared_ptr<ACE_Log_Msg_Callback> callback);
 
 /** The longest output that spawn_output() takes. */
 constexpr size_t MAX_OUTPUT = 64 * 1024 * 1024;

@@ -1,8 +1,11 @@
 #include "host/process/text_process_handler.h"
 
+#include "host/process/cancellation.h"
 #include "host/process/deadline.h"
 #include "host/process/log_callback_scope.h"
+#include "host/process/process_tree.h"
 #include "qmrt/check.h"
+#include "qmrt/format.h"
 #include "qmrt/utf8.h"
 
 #include <algorithm>
@@ -10,6 +13,7 @@
 #include <csignal>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -23,6 +27,17 @@ constexpr size_t BUFFER_SIZE = 64 * 1024;
  * starting has copies of them too, up to its exec, and is not something that was left behind.
  */
 constexpr suseconds_t SHORTEST_PIPES_TIMEOUT_USECS = 200000;
+
+/** Between SIGTERM and SIGKILL for a tool whose question is given up. */
+constexpr time_t STOP_GRACE_SECS = 2;
+
+/** How long the end of a killed tool is waited for; one that the kernel holds back is let go. */
+constexpr time_t KILL_GRACE_SECS = 2;
+
+/** How often a question is looked at where the kernel cannot tell that the tool has ended. */
+constexpr suseconds_t LOOK_INTERVAL_USECS = 50000;
+
+constexpr char NOBODY_WAITS[] = "nobody waits for its answer any more";
 
 /** A line of the log holds 4 KiB. */
 constexpr size_t MAX_LOGGED = 4000;
@@ -100,6 +115,15 @@ pid_t Text_Process_Handler::spawn_i(ACE_Process_Ex* process, ACE_Process_Options
         log_line(LM_DEBUG, line, strlen(line));
     tail_.clear();
     end_ = Child_End();
+    std::shared_ptr<Cancellation> const cancellation = Cancellation::current();
+    if (is_question_ && cancellation && cancellation->cancelled()) {
+        QMRT_LOG(LM_WARNING, "No tool is started, nobody waits for its answer any more\n");
+        end_.reason = NOBODY_WAITS;
+        errno = ECANCELED;
+        return -1;
+    }
+    if (is_question_ && options.getgroup() == ACE_INVALID_PID)
+        options.setgroup(0);
     pid_t const pid = process->spawn(options);
     if (pid == -1) {
         if (!process->running())
@@ -118,7 +142,92 @@ pid_t Text_Process_Handler::spawn_i(ACE_Process_Ex* process, ACE_Process_Options
         buffer_ = std::make_unique_for_overwrite<char[]>(BUFFER_SIZE);
     delivers_ = true;
     terminates_ = false;
+    begin_question();
     return pid;
+}
+
+void Text_Process_Handler::begin_question() {
+    time_limit_.reset();
+    cancellation_.reset();
+    next_step_.reset();
+    stop_step_ = NOT_STOPPED;
+    printed_ = 0;
+    pipes_.clear();
+    tree_ = std::make_unique<Process_Tree>(process_->getpid());
+    if (!is_question_)
+        return;
+    limits_ = Tool_Limits::get();
+    time_limit_ = std::make_unique<Deadline>(ACE_Time_Value(limits_.seconds));
+    cancellation_ = Cancellation::current();
+    for (Stream* const stream : {&stdout_, &stderr_}) {
+        stream->lines = Line_Splitter(Tool_Limits::LINE_BYTES);
+        struct stat status;
+        if (stream->open && fstat(handle_of(*stream), &status) == 0)
+            pipes_.insert(status.st_ino);
+    }
+}
+
+/** Why the question has to be given up; "" as long as it keeps to its bounds. */
+std::string Text_Process_Handler::find_fault() const {
+    if (cancellation_ && cancellation_->cancelled())
+        return NOBODY_WAITS;
+    // what holds the pipes of a tool that has answered is no reason to lose the answer
+    if (process_->running() && time_limit_->passed())
+        return string_sprintf("it has not answered within %lld seconds (limits.tool_timeout)",
+                              static_cast<long long>(limits_.seconds));
+    if (printed_ > limits_.output_bytes)
+        return string_sprintf("it has printed more than %llu bytes (limits.tool_output)",
+                              static_cast<unsigned long long>(limits_.output_bytes));
+    if (stdout_.lines.has_cut() || stderr_.lines.has_cut())
+        return string_sprintf("it has printed a line of more than %zu bytes",
+                              Tool_Limits::LINE_BYTES);
+    return "";
+}
+
+/** Takes the next step in the ending of a question that goes beyond its bounds. */
+void Text_Process_Handler::hold_to_bounds() {
+    if (!time_limit_ || is_over())
+        return;
+    if (stop_step_ == NOT_STOPPED) {
+        std::string const fault = find_fault();
+        if (!fault.empty())
+            stop_tool(fault);
+    }
+    if (stop_step_ == ASKED_TO_END && next_step_->passed())
+        kill_tool();
+    else if (stop_step_ == KILLED && next_step_->passed() && process_->running()) {
+        QMRT_LOG(LM_ERROR, "%s (pid %d) does not end, not even by SIGKILL, and is left alone\n",
+                 process_->label(), process_->getpid());
+        process_->abandon();
+    }
+}
+
+void Text_Process_Handler::stop_tool(std::string const& fault) {
+    stop_reason_ = fault;
+    stop_step_ = ASKED_TO_END;
+    delivers_ = false;
+    // before its end takes the line of its children apart
+    tree_->add_descendants(process_->running());
+    process_->kill(SIGTERM);
+    next_step_ =
+        std::make_unique<Deadline>(ACE_Time_Value(process_->running() ? STOP_GRACE_SECS : 0));
+}
+
+void Text_Process_Handler::kill_tool() {
+    stop_step_ = KILLED;
+    tree_->add_descendants(process_->running());
+    process_->kill(SIGKILL);
+    kill_holders();
+    for (Stream* const stream : {&stdout_, &stderr_})
+        if (stream->open)
+            close_stream(*stream);
+    next_step_ = std::make_unique<Deadline>(ACE_Time_Value(KILL_GRACE_SECS));
+}
+
+void Text_Process_Handler::kill_holders() {
+    if (!pipes_.empty())
+        tree_->add_holders(pipes_, process_->user());
+    tree_->kill();
 }
 
 /** False as well when the process went before its run was over. */
@@ -212,7 +321,7 @@ bool Text_Process_Handler::follow(Deadline const& limit) {
 
 /** Waits for the next thing to happen, up to the limit, and sees to it. */
 void Text_Process_Handler::follow_once(Deadline const& limit, bool until_writable) {
-    if (!stdout_.open && !stderr_.open && !until_writable) {
+    if (!stdout_.open && !stderr_.open && !until_writable && !time_limit_) {
         ACE_Time_Value left;
         if (limit.limited())
             left = limit.left();
@@ -220,26 +329,41 @@ void Text_Process_Handler::follow_once(Deadline const& limit, bool until_writabl
         return;
     }
     // poll() passes over an entry without a descriptor
-    pollfd entries[] = {{handle_of(stdout_), POLLIN, 0},
-                        {handle_of(stderr_), POLLIN, 0},
-                        {process_->running() ? process_->end_handle() : -1, POLLIN, 0},
-                        {until_writable ? process_->stdin_handle() : -1, POLLOUT, 0}};
-    Deadline next = pipes_limit_ ? earlier(limit, *pipes_limit_) : limit;
-    if (process_->running() && process_->end_handle() == -1)
-        next = earlier(next, Deadline(ACE_Time_Value(REACTOR_EVENT_WAIT_TIME)));
-    if (poll(entries, std::size(entries), next.poll_timeout()) == -1)
+    pollfd entries[] = {
+        {handle_of(stdout_), POLLIN, 0},
+        {handle_of(stderr_), POLLIN, 0},
+        {process_->running() ? process_->end_handle() : -1, POLLIN, 0},
+        {until_writable ? process_->stdin_handle() : -1, POLLOUT, 0},
+        {stop_step_ == NOT_STOPPED && cancellation_ ? cancellation_->handle() : -1, POLLIN, 0}};
+    if (poll(entries, std::size(entries), next_look(limit).poll_timeout()) == -1)
         return; // interrupted
     if (entries[0].revents)
         read_stream(stdout_, BUFFER_SIZE);
     if (entries[1].revents)
         read_stream(stderr_, BUFFER_SIZE);
     look_for_end();
+    hold_to_bounds();
+}
+
+/** Up to when nothing has to be done unless something happens. */
+Deadline Text_Process_Handler::next_look(Deadline const& limit) const {
+    Deadline next = pipes_limit_ ? earlier(limit, *pipes_limit_) : limit;
+    if (time_limit_ && stop_step_ == NOT_STOPPED && process_->running())
+        next = earlier(next, *time_limit_);
+    if (next_step_ && (stop_step_ == ASKED_TO_END || process_->running()))
+        next = earlier(next, *next_step_);
+    if (process_->running() && process_->end_handle() == -1)
+        next = earlier(next, Deadline(time_limit_ ? ACE_Time_Value(0, LOOK_INTERVAL_USECS)
+                                                  : ACE_Time_Value(REACTOR_EVENT_WAIT_TIME)));
+    return next;
 }
 
 void Text_Process_Handler::look_for_end() {
     if (process_->running() && process_->wait(&ACE_Time_Value::zero)) {
         ACE_Time_Value const wanted(terminates_ ? 0 : pipes_closed_timeout_secs_);
         pipes_limit_ = std::make_unique<Deadline>(std::max(wanted, shortest_pipes_timeout()));
+        if (time_limit_ && stop_step_ == NOT_STOPPED)
+            *pipes_limit_ = earlier(*pipes_limit_, later(*time_limit_, shortest_pipes_timeout()));
     }
     if (!process_->running() && pipes_limit_ && pipes_limit_->passed())
         give_up_open_streams();
@@ -255,6 +379,8 @@ void Text_Process_Handler::give_up_open_streams() {
     QMRT_LOG(LM_WARNING,
              "%s (pid %d) %s, but another process holds its output open; that is not waited for\n",
              process_->label(), process_->getpid(), process_->end().describe().c_str());
+    if (time_limit_)
+        kill_holders();
     for (Stream* const stream : {&stdout_, &stderr_})
         if (stream->open)
             close_stream(*stream);
@@ -262,6 +388,12 @@ void Text_Process_Handler::give_up_open_streams() {
 
 int Text_Process_Handler::finish() {
     end_ = process_->end();
+    if (stop_step_ != NOT_STOPPED) {
+        tree_->kill();
+        end_ = Child_End();
+        end_.kind = Child_End::STOPPED;
+        end_.reason = stop_reason_;
+    }
     log_end();
     process_ = nullptr;
     own_process_.reset();
@@ -271,7 +403,8 @@ int Text_Process_Handler::finish() {
 void Text_Process_Handler::log_end() const {
     if (end_.success())
         return;
-    bool const is_expected = end_.kind == Child_End::EXITED || terminates_;
+    bool const is_expected =
+        end_.kind == Child_End::EXITED || terminates_ || end_.reason == NOBODY_WAITS;
     std::string const tail = tail_.lines();
     QMRT_LOG(is_expected ? LM_WARNING : LM_ERROR, "%s (pid %d) %s%s%s\n", process_->label(),
              process_->getpid(), end_.describe().c_str(),
@@ -308,6 +441,7 @@ void Text_Process_Handler::deliver(Stream& stream, char const* data, size_t size
     bool const is_stdout = &stream == &stdout_;
     if (!is_stdout || process_->flags() & ACE_Process_Ex::REDIRECT_STDOUT_STDERR)
         tail_.feed(data, size);
+    printed_ += size;
     if (!delivers_)
         return;
     if (is_stdout)
@@ -329,8 +463,8 @@ void Text_Process_Handler::deliver_line(Stream& stream, char const* line, size_t
 }
 
 void Text_Process_Handler::tell_cut_line(Stream& stream) {
-    if (!stream.lines.has_cut() || stream.told_cut)
-        return;
+    if (!stream.lines.has_cut() || stream.told_cut || time_limit_)
+        return; // a question is ended for it, which is told then
     stream.told_cut = true;
     QMRT_LOG(LM_WARNING, "%s (pid %d) prints lines of more than %Q bytes, they are cut\n",
              process_->label(), process_->getpid(), static_cast<uint64_t>(Line_Splitter::MAX_LINE));

@@ -5,15 +5,19 @@
 #include "host/process/child_end.h"
 #include "host/process/line_splitter.h"
 #include "host/process/output_tail.h"
+#include "host/process/tool_limits.h"
 
 #include <ace/Log_Priority.h>
 #include <ace/Time_Value.h>
 
 #include <memory>
+#include <set>
 #include <string>
 #include <sys/uio.h>
 
+class Cancellation;
 class Deadline;
+class Process_Tree;
 
 /**
  * Runs a tool and follows what it prints, line by line. The base of all line handlers: a derived
@@ -37,6 +41,14 @@ class Deadline;
  * A child that leaves a process behind which holds its pipes: after the child's end these are read
  * for as long as the constructor says (a fifth of a second at least), then a warning is logged and
  * the run is over.
+ *
+ * A run is a question to a tool unless unlimited() was called, and a question is answered in
+ * bounds: it ends when the tool takes longer or prints more than Tool_Limits say, or when the
+ * cancellation that was current at its start is cancelled. The tool then gets SIGTERM, and two
+ * seconds later SIGKILL, together with its process group, which is its own, with its descendants,
+ * and with its user's processes that hold its pipes. The result is -1, end().kind is STOPPED, and
+ * one LM_ERROR line tells the tool and the limit. A process that holds the pipes of a tool that has
+ * ended is killed when the run gives them up.
  */
 class Text_Process_Handler {
 public:
@@ -63,6 +75,9 @@ public:
     virtual ~Text_Process_Handler();
     Text_Process_Handler(Text_Process_Handler const&) = delete;
     Text_Process_Handler& operator=(Text_Process_Handler const&) = delete;
+
+    /** Runs of this handler are backups and the like, which may last for hours. Before a run. */
+    void unlimited() { is_question_ = false; }
 
     /** Runs the program of @a options to its end. @a redirect_flags are ACE_Process_Ex's. */
     int call(unsigned int redirect_flags, ACE_Process_Options& options);
@@ -143,11 +158,21 @@ private:
         Line_Splitter lines;
     };
 
+    /** How far the ending of a question that went beyond its bounds has come. */
+    enum Stop_Step { NOT_STOPPED, ASKED_TO_END, KILLED };
+
     pid_t spawn_i(ACE_Process_Ex* process, ACE_Process_Options& options);
+    void begin_question();
+    std::string find_fault() const;
+    void hold_to_bounds();
+    void stop_tool(std::string const& fault);
+    void kill_tool();
+    void kill_holders();
     bool has_run();
     bool is_over() const { return !process_->running() && !stdout_.open && !stderr_.open; }
     bool follow(Deadline const& limit);
     void follow_once(Deadline const& limit, bool until_writable);
+    Deadline next_look(Deadline const& limit) const;
     void look_for_end();
     void give_up_open_streams();
     int finish();
@@ -173,6 +198,18 @@ private:
     std::unique_ptr<char[]> buffer_;
     bool delivers_ = false;
     bool terminates_ = false;
+
+    bool is_question_ = true;
+    Tool_Limits limits_;
+    std::unique_ptr<Deadline> time_limit_; ///< null for a run without limits
+    std::shared_ptr<Cancellation> cancellation_;
+    uint64_t printed_ = 0; ///< bytes
+    std::set<ino_t> pipes_;
+    Stop_Step stop_step_ = NOT_STOPPED;
+    std::string stop_reason_;
+    std::unique_ptr<Deadline> next_step_;
+    std::unique_ptr<Process_Tree> tree_;
+
     Output_Tail tail_;
     Child_End end_;
 };

@@ -17,6 +17,10 @@
  *   tell FIFO            opens the FIFO for writing and closes it
  *   leave FIFO TEXT      leaves a process behind that holds the streams, awaits FIFO, writes TEXT
  *   leave-flood          leaves a process behind that writes to stdout for ever
+ *   daemon FILE          leaves a process behind that nothing but the streams connects with it, and
+ *                        that minds no SIGTERM; FILE gets its process id
+ *   session FILE         makes a child in a session of its own, without the streams; the same
+ *   stay                 never ends by itself
  *   ignore SIGNAL        ignores the signal
  *   on-term N            on SIGTERM writes "told to end" and exits with N
  *   signal N             ends itself by the signal
@@ -236,6 +240,42 @@ void leave_flood() {
         write_all(1, "left behind\n");
 }
 
+/** Writes the file under another name first: whoever sees it sees the whole number. */
+void tell_pid(std::string const& path) {
+    std::string const unfinished = path + ".new";
+    int const fd = open(unfinished.c_str(), O_WRONLY | O_CREAT, 0600);
+    write_all(fd, std::to_string(getpid()));
+    close(fd);
+    rename(unfinished.c_str(), path.c_str());
+}
+
+[[noreturn]] void stay(std::string const& path) {
+    signal(SIGTERM, SIG_IGN);
+    tell_pid(path);
+    for (;;)
+        pause();
+}
+
+void daemonise() {
+    std::string const path = take();
+    if (fork() != 0)
+        return;
+    setsid();
+    if (fork() != 0)
+        _exit(0);
+    stay(path);
+}
+
+void make_session() {
+    std::string const path = take();
+    if (fork() != 0)
+        return;
+    setsid();
+    for (int fd = 0; fd < 3; ++fd)
+        close(fd);
+    stay(path);
+}
+
 int volatile term_status;
 
 void on_term() {
@@ -279,6 +319,13 @@ int main(int, char** argv) {
         {"tell", tell},
         {"leave", leave},
         {"leave-flood", leave_flood},
+        {"daemon", daemonise},
+        {"stay",
+         [] {
+             for (;;)
+                 pause();
+         }},
+        {"session", make_session},
         {"ignore", [] { signal(static_cast<int>(take_number()), SIG_IGN); }},
         {"on-term", on_term},
         {"signal", [] { end_by_signal(); }},

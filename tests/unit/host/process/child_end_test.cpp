@@ -41,6 +41,9 @@ TEST(Child_End, describes_itself) {
     Child_End refused;
     refused.reason = "the command line is empty";
     EXPECT_EQ("was not started: the command line is empty", refused.describe());
+    Child_End stopped = make(Child_End::STOPPED);
+    stopped.reason = "it took too long";
+    EXPECT_EQ("was ended, it took too long", stopped.describe());
     EXPECT_NE(std::string::npos, make(Child_End::LOST).describe().find("ignores SIGCHLD"));
 }
 

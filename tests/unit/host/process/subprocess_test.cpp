@@ -95,6 +95,7 @@ TEST(subprocess_spawn_output, a_longer_one_is_a_failure_and_takes_no_more_memory
     EXPECT_EQ(-1, subprocess::spawn_output(options, output, true));
     EXPECT_EQ(EFBIG, errno);
     EXPECT_EQ(subprocess::MAX_OUTPUT, output.size());
+    EXPECT_LOGGED(LM_ERROR, "it has printed more than 67108864 bytes (limits.tool_output)");
     EXPECT_LOGGED(LM_ERROR, "it is longer than 67108864 bytes");
     expect_no_children();
 }

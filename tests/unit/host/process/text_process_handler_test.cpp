@@ -225,6 +225,7 @@ TEST(Text_Process_Handler, into_one_pipe_all_are_lines_of_stdout_in_their_order)
 
 TEST(Text_Process_Handler, a_long_line_is_whole) {
     Recorder handler;
+    handler.unlimited();
     EXPECT_EQ(0, call(handler, "blob out 16777216 out ''"));
     ASSERT_EQ(1u, handler.out.size());
     EXPECT_EQ(16777216u, handler.out[0].size());
@@ -232,6 +233,7 @@ TEST(Text_Process_Handler, a_long_line_is_whole) {
 
 TEST(Text_Process_Handler, a_line_without_end_comes_in_pieces_and_is_told_once) {
     Recorder handler;
+    handler.unlimited();
     EXPECT_EQ(0, call(handler, "blob out 50000000 out '' blob err 17000000"));
     ASSERT_EQ(3u, handler.out.size());
     EXPECT_EQ(16777216u, handler.out[0].size());
@@ -337,6 +339,7 @@ TEST(Text_Process_Handler, a_process_left_behind_is_read_to_its_end_when_that_co
 TEST(Text_Process_Handler, a_process_left_behind_is_given_up_with_a_warning) {
     Fifo fifo;
     Recorder handler(Text_Process_Handler::TPHF_LOG_NONE, 0);
+    handler.unlimited();
     EXPECT_EQ(0, call(handler, "leave " + fifo.path + " late flood out 500 out 'its last'"));
     ASSERT_EQ(501u, handler.out.size());
     EXPECT_EQ("its last", handler.out.back());
@@ -349,6 +352,7 @@ TEST(Text_Process_Handler, a_process_left_behind_is_given_up_with_a_warning) {
 TEST(Text_Process_Handler, the_end_of_the_time_for_it_is_kept) {
     Fifo fifo;
     Recorder handler(Text_Process_Handler::TPHF_LOG_NONE, 1);
+    handler.unlimited();
     auto const begin = std::chrono::steady_clock::now();
     EXPECT_EQ(0, call(handler, "leave " + fifo.path + " late"));
     auto const took = std::chrono::steady_clock::now() - begin;
@@ -360,6 +364,7 @@ TEST(Text_Process_Handler, the_end_of_the_time_for_it_is_kept) {
 
 TEST(Text_Process_Handler, a_process_left_behind_that_floods_is_given_up_too) {
     Recorder handler(Text_Process_Handler::TPHF_LOG_NONE, 0);
+    handler.unlimited();
     EXPECT_EQ(0, call(handler, "leave-flood out own"));
     EXPECT_THAT(handler.out, testing::Contains("own"));
     EXPECT_LOGGED(LM_WARNING, "but another process holds its output open");
@@ -433,6 +438,7 @@ TEST(Text_Process_Handler, a_limit_counts_for_a_tool_that_closed_its_streams_too
 
 TEST(Text_Process_Handler, a_limit_counts_for_a_tool_that_never_stops_printing) {
     Recorder handler;
+    handler.unlimited();
     Child_Options options("flood out 1000000000");
     ASSERT_NE(-1, handler.spawn(OUT_AND_ERR, options));
     handler.stdout_result = 1;
@@ -479,6 +485,7 @@ TEST(Text_Process_Handler, terminate_does_not_wait_for_what_the_tool_leaves_behi
     Fifo ready;
     Fifo never;
     Recorder handler; // with the usual 60 seconds
+    handler.unlimited();
     Child_Options options("leave " + fifo.path + " late tell " + ready.path + " await " +
                           never.path);
     ASSERT_NE(-1, handler.spawn(OUT_AND_ERR, options));
@@ -584,6 +591,7 @@ TEST(Text_Process_Handler, nothing_to_give_is_given_at_once) {
 
 TEST(Text_Process_Handler, a_text_of_any_length_is_given_while_the_output_is_read) {
     Recorder handler;
+    handler.unlimited();
     Child_Options options("cat");
     ASSERT_NE(-1, handler.spawn(ALL, options));
     std::string big(5 * 1024 * 1024, 'x');
@@ -614,6 +622,7 @@ TEST(Text_Process_Handler, a_dead_tool_while_the_password_is_written_is_an_error
 TEST(Text_Process_Handler, a_dead_tool_whose_stdin_somebody_holds_is_an_error_too) {
     Fifo fifo;
     Recorder handler(Text_Process_Handler::TPHF_LOG_NONE, 0);
+    handler.unlimited();
     Child_Options options("leave " + fifo.path + " late exit 2");
     ASSERT_NE(-1, handler.spawn(ALL, options));
     std::string big(1024 * 1024, 'x');

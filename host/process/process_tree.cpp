@@ -1,0 +1,139 @@
+#include "host/process/process_tree.h"
+
+#include "qmrt/path.h"
+
+#include <charconv>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <poll.h>
+#include <string>
+#include <string_view>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+/** Each round finds the children of those found before; a tool that forks faster is not worth more.
+ */
+constexpr int MOST_ROUNDS = 20;
+constexpr size_t MAX_STATUS_FILE = 64 * 1024;
+
+struct Process_Status {
+    pid_t parent = 0;
+    uid_t user = 0; ///< the real one
+};
+
+/** What follows @a key at the beginning of a line; names in this file have no raw line breaks. */
+bool take_number(std::string const& text, char const* key, long& number) {
+    size_t const at = text.find(key);
+    if (at == std::string::npos)
+        return false;
+    number = std::strtol(text.c_str() + at + std::strlen(key), nullptr, 10);
+    return true;
+}
+
+bool read_status(pid_t pid, Process_Status& status) {
+    std::string text;
+    long parent = 0;
+    long user = 0;
+    std::string const path = "/proc/" + std::to_string(pid) + "/status";
+    if (read_file(path.c_str(), text, MAX_STATUS_FILE) == -1 ||
+        !take_number(text, "\nPPid:", parent) || !take_number(text, "\nUid:", user))
+        return false;
+    status = {static_cast<pid_t>(parent), static_cast<uid_t>(user)};
+    return true;
+}
+
+std::vector<pid_t> all_processes() {
+    std::vector<pid_t> pids;
+    Directory_Reader reader("/proc");
+    while (char const* const name = reader ? reader.next() : nullptr) {
+        pid_t pid = 0;
+        char const* const end = name + std::strlen(name);
+        auto const read = std::from_chars(name, end, pid);
+        if (read.ec == std::errc() && read.ptr == end && pid > 1)
+            pids.push_back(pid);
+    }
+    return pids;
+}
+
+/** By the text of the links: looking behind one may hang on a file system that does not answer. */
+bool holds_one_of(pid_t pid, std::set<ino_t> const& pipes) {
+    constexpr std::string_view PREFIX = "pipe:[";
+    std::string const folder = "/proc/" + std::to_string(pid) + "/fd";
+    Directory_Reader reader(folder.c_str());
+    while (char const* const name = reader ? reader.next() : nullptr) {
+        char target[64];
+        ssize_t const size = readlink((folder + "/" + name).c_str(), target, sizeof target - 1);
+        if (size <= 0)
+            continue;
+        target[size] = '\0';
+        if (std::string_view(target).starts_with(PREFIX) &&
+            pipes.count(std::strtoull(target + PREFIX.size(), nullptr, 10)))
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+/** The caller looks at the process again behind this: its id may be another's by then. */
+bool Process_Tree::add(pid_t pid) {
+    if (pid == root_ || pid == getpid() || found_.count(pid))
+        return false;
+    found_.emplace(pid, File_Descriptor(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))));
+    return true;
+}
+
+/** Whose ids may be others' by now. */
+void Process_Tree::forget_ended() {
+    std::erase_if(found_, [](auto const& one) {
+        pollfd entry = {one.second.get(), POLLIN, 0};
+        return one.second && poll(&entry, 1, 0) == 1;
+    });
+}
+
+void Process_Tree::add_descendants(bool root_lives) {
+    forget_ended();
+    bool has_new = true;
+    for (int round = 0; has_new && round < MOST_ROUNDS; ++round) {
+        has_new = false;
+        for (pid_t const pid : all_processes()) {
+            Process_Status status;
+            auto const is_ours = [&] {
+                return read_status(pid, status) &&
+                       ((root_lives && status.parent == root_) || found_.count(status.parent) != 0);
+            };
+            if (!is_ours() || !add(pid))
+                continue;
+            if (is_ours())
+                has_new = true;
+            else
+                found_.erase(pid);
+        }
+    }
+}
+
+void Process_Tree::add_holders(std::set<ino_t> const& pipes, uid_t user) {
+    for (pid_t const pid : all_processes()) {
+        Process_Status status;
+        auto const is_holder = [&] {
+            // a child that another thread is just starting has copies of all descriptors
+            return read_status(pid, status) && status.user == user && status.parent != getpid() &&
+                   holds_one_of(pid, pipes);
+        };
+        if (is_holder() && add(pid) && !is_holder())
+            found_.erase(pid);
+    }
+}
+
+void Process_Tree::kill() {
+    for (auto const& [pid, handle] : found_) {
+        if (handle)
+            syscall(SYS_pidfd_send_signal, handle.get(), SIGKILL, nullptr, 0);
+        else
+            ::kill(pid, SIGKILL);
+    }
+}
