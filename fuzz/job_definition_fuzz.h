@@ -28,7 +28,7 @@ public:
         Parser whole, pieces;
         bool const parsed = parse(whole, input, input.size());
         if (parse(pieces, input, piece) != parsed ||
-            (whole.err() != pieces.err() && !(is_no_text(whole) && is_no_text(pieces))))
+            (whole.err() != pieces.err() && !(is_no_text(whole) || is_no_text(pieces))))
             std::abort();
         if (parsed != (whole.err() == 0) || parsed != whole.error().empty())
             std::abort();
