@@ -1,7 +1,11 @@
 #include "agent/cli/command_line.h"
 
+#include "agent/cli/terminal.h"
 #include "agent/cli/unix_connection.h"
 #include "qmrt/names.h"
+
+#include <iostream>
+#include <sstream>
 
 namespace {
 
@@ -483,7 +487,9 @@ bool Command_Line::parse(int argc, char const* const* argv, int& status) {
         app_.parse(argc, argv);
         check_backup();
     } catch (CLI::ParseError const& error) {
-        status = app_.exit(error) == 0 ? EXIT_OK : EXIT_USAGE;
+        std::ostringstream fault; // has in it what was typed, or pasted from elsewhere
+        status = app_.exit(error, std::cout, fault) == 0 ? EXIT_OK : EXIT_USAGE;
+        std::cerr << printable_lines(fault.str());
         return false;
     }
     CLI::App const* parsed = &app_;
