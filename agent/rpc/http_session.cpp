@@ -17,6 +17,8 @@ namespace {
 constexpr uint32_t MAX_HEADER = 16 * 1024;
 /** HTTP/1.1, as Beast writes a version. */
 constexpr unsigned int HTTP_1_1 = 11;
+/** How often a caller that waits for its answer is looked after. */
+constexpr std::chrono::milliseconds CALLER_INTERVAL{500};
 
 /** @return false, with what is wrong, for a query or a body that cannot be read */
 bool read_request(http::request<http::string_body> const& from, Rest_Request& to,
@@ -55,6 +57,8 @@ void Http_Session::start() {
 
 void Http_Session::close() {
     closed_ = true;
+    if (call_)
+        call_->cancel();
     delay_.cancel();
     if (stream_)
         beast::get_lowest_layer(*stream_).close();
@@ -131,9 +135,27 @@ void Http_Session::read_body() {
                      });
 }
 
+/** Nothing is read while a request is answered, so that a caller that goes is to be looked for. */
+void Http_Session::watch_caller() {
+    delay_.expires_after(CALLER_INTERVAL);
+    delay_.async_wait([self = shared_from_this()](error_code const& error) {
+        if (error || self->closed_ || !self->call_)
+            return;
+        auto& socket = beast::get_lowest_layer(*self->stream_).socket();
+        if (socket.is_open() && !is_gone(socket.native_handle(), true))
+            return self->watch_caller();
+        self->call_->cancel();
+        self->close();
+    });
+}
+
 void Http_Session::answer(Request request) {
+    call_ = std::make_shared<Cancellation>();
+    beast::get_lowest_layer(*stream_).expires_never();
+    watch_caller();
     boost::asio::post(*service_.rest_threads, [self = shared_from_this(), &service = service_,
-                                               request = std::move(request)] {
+                                               call = call_, request = std::move(request)] {
+        Cancellation_Scope const scope(call);
         Rest_Request asked;
         asked.caller = self->caller_;
         Value value;
@@ -162,6 +184,8 @@ void Http_Session::answer(Request request) {
 void Http_Session::send(Response response) {
     if (closed_)
         return;
+    call_.reset();
+    delay_.cancel();
     response_ = std::move(response);
     response_.prepare_payload();
     beast::get_lowest_layer(*stream_).expires_after(service_.limits.message);

@@ -6,6 +6,7 @@
 #include "agent/rpc/rpc_io.h"
 #include "agent/rpc/rpc_sessions.h"
 #include "agent/rpc/ws_peer.h"
+#include "host/process/cancellation.h"
 
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/thread_pool.hpp>
@@ -47,6 +48,7 @@ private:
     void forbid();
     void upgrade();
     void answer(Request request);
+    void watch_caller();
     void send(Response response);
 
     std::shared_ptr<void> const lease_;
@@ -54,7 +56,8 @@ private:
     std::unique_ptr<Ws_Stream> upgrading_;
     std::string const address_;
     Http_Service& service_;
-    boost::asio::steady_timer delay_;
+    boost::asio::steady_timer delay_;    ///< also the watch over the caller while it waits
+    std::shared_ptr<Cancellation> call_; ///< of the request that is being answered
     boost::beast::flat_buffer buffer_;
     std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
     Response response_;

@@ -8,6 +8,7 @@
 
 #include <map>
 #include <mutex>
+#include <set>
 
 using json_spirit::Object;
 using json_spirit::Value;
@@ -16,6 +17,87 @@ namespace {
 
 constexpr size_t MAX_QUEUED_NOTIFICATIONS = 1024;
 char const NO_METHOD[] = "Method not found";
+
+/** The calls that are being handled, to be cancelled together. */
+class Live_Calls {
+public:
+    void add(std::shared_ptr<Cancellation> const& call) {
+        std::lock_guard const guard(mutex_);
+        calls_.insert(call);
+        if (closed_)
+            call->cancel();
+    }
+    void remove(std::shared_ptr<Cancellation> const& call) {
+        std::lock_guard const guard(mutex_);
+        calls_.erase(calls_.find(call));
+    }
+    /** @param for_good  those that come later, too */
+    void cancel(bool for_good) {
+        std::lock_guard const guard(mutex_);
+        closed_ = closed_ || for_good;
+        for (auto const& call : calls_)
+            call->cancel();
+    }
+
+private:
+    std::mutex mutex_;
+    std::multiset<std::shared_ptr<Cancellation>> calls_; ///< one may call another on its thread
+    bool closed_ = false;
+};
+
+/** What runs while there is one ends when its caller goes. */
+class Live_Call {
+public:
+    /** @param caller  null: nobody tells when the caller goes */
+    Live_Call(Live_Calls& calls, std::shared_ptr<Cancellation> caller)
+        : calls_(calls),
+          cancellation_(caller ? std::move(caller) : std::make_shared<Cancellation>()),
+          scope_(cancellation_) {
+        calls_.add(cancellation_);
+    }
+    ~Live_Call() { calls_.remove(cancellation_); }
+    Live_Call(Live_Call const&) = delete;
+    Live_Call& operator=(Live_Call const&) = delete;
+
+private:
+    Live_Calls& calls_;
+    std::shared_ptr<Cancellation> const cancellation_;
+    Cancellation_Scope const scope_;
+};
+
+/** Counts the calls that may wait for tools. */
+class Tool_Turns : public std::enable_shared_from_this<Tool_Turns> {
+public:
+    /** @return the turn, to be kept until the call is over; null when there are too many */
+    std::shared_ptr<void> take(std::string const& instance) {
+        std::lock_guard const guard(mutex_);
+        size_t& here = of_instance_[instance];
+        if (all_ >= Method_Table::TOOL_CALLS || here >= Method_Table::TOOL_CALLS_OF_INSTANCE)
+            return nullptr;
+        ++all_;
+        ++here;
+        return std::shared_ptr<void>(
+            this, [self = shared_from_this(), instance](void*) { self->give_back(instance); });
+    }
+
+private:
+    void give_back(std::string const& instance) {
+        std::lock_guard const guard(mutex_);
+        --all_;
+        if (--of_instance_[instance] == 0)
+            of_instance_.erase(instance);
+    }
+
+    std::mutex mutex_;
+    size_t all_ = 0;
+    std::map<std::string, size_t> of_instance_;
+};
+
+std::string busy_with(std::string const& instance) {
+    return "Server is busy: many calls wait for the tools of " +
+           (instance.empty() ? std::string("the instances") : "the instance " + names::shown(instance)) +
+           " already; look whether its tools answer, and try again later";
+}
 
 /** One of the two. */
 struct Entry {
@@ -27,17 +109,22 @@ struct Entry {
 struct Routed {
     Entry entry;
     Rpc_Caller caller;
+    std::shared_ptr<void> turn; ///< null for a method that waits for no tool
 };
 
 struct Routed_Request : JSON_RPC_Request, Routed {
     Routed_Request(JSON_RPC_Request& request, Routed route)
         : JSON_RPC_Request(request.id(), request.method(), std::move(request.params())),
-          Routed(std::move(route)) {}
+          Routed(std::move(route)) {
+        hold(request.held());
+    }
 };
 
 struct Routed_Notify : JSON_RPC_Notify, Routed {
     Routed_Notify(JSON_RPC_Notify& notify, Routed route)
-        : JSON_RPC_Notify(notify.method(), std::move(notify.params())), Routed(std::move(route)) {}
+        : JSON_RPC_Notify(notify.method(), std::move(notify.params())), Routed(std::move(route)) {
+        hold(notify.held());
+    }
 };
 
 /**
@@ -105,12 +192,14 @@ bool only_local(Method_Call const& call, Method_Fault& fault) {
 
 class Pool : public JSON_RPC_Thread_Pool_Handler {
 public:
-    Pool(Method_Gate const& gate, size_t threads, size_t max_queued)
-        : JSON_RPC_Thread_Pool_Handler(threads, max_queued), gate_(gate) {}
+    Pool(Method_Gate const& gate, Live_Calls& calls, size_t threads, size_t max_queued)
+        : JSON_RPC_Thread_Pool_Handler(threads, max_queued), gate_(gate), calls_(calls) {}
     ~Pool() override { fini(); }
 
 protected:
     int handle_object_i(JSON_RPC_Channel_ptr channel, JSON_RPC_Object_var object) override {
+        JSON_RPC_Channel_var const asker(channel);
+        Live_Call const live(calls_, asker.null() ? nullptr : asker->cancellation());
         auto const* const route = dynamic_cast<Routed const*>(object.get());
         auto const& message = static_cast<JSON_RPC_Notify const&>(*object);
         Method_Call const call{message.method(), object_or_given(message.params()), route->caller};
@@ -142,6 +231,7 @@ private:
     }
 
     Method_Gate const& gate_;
+    Live_Calls& calls_;
 };
 
 /** The channel of a call from within the process: what is sent to it is the reply. */
@@ -182,7 +272,22 @@ bool fail_with(JSON_RPC_Reply& reply, int code, std::string message, Value data 
 
 struct Method_Table::Impl {
     Impl(size_t threads, size_t max_queued)
-        : requests(gate, threads, max_queued), notifications(gate, 1, MAX_QUEUED_NOTIFICATIONS) {}
+        : requests(gate, calls, threads, max_queued),
+          tool_requests(gate, calls, Method_Table::TOOL_CALLS, Method_Table::TOOL_CALLS),
+          notifications(gate, calls, 1, MAX_QUEUED_NOTIFICATIONS) {}
+
+    /** The instance whose tools a call may wait for. */
+    std::optional<std::string> instance_of(std::string const& method, Value const& params) const {
+        Instance_Of_Call function;
+        {
+            std::lock_guard const guard(mutex);
+            auto const found = waiting.find(method);
+            if (found == waiting.end())
+                return std::nullopt;
+            function = found->second;
+        }
+        return function(params);
+    }
 
     bool find(std::string const& name, Entry& entry) const {
         std::lock_guard const guard(mutex);
@@ -196,7 +301,11 @@ struct Method_Table::Impl {
     mutable std::mutex mutex;
     std::map<std::string, Entry> entries;
     Method_Gate gate = only_local;
+    std::map<std::string, Instance_Of_Call> waiting;
+    std::shared_ptr<Tool_Turns> const turns = std::make_shared<Tool_Turns>();
+    Live_Calls calls;
     Pool requests;
+    Pool tool_requests;
     Pool notifications;
 };
 
@@ -231,6 +340,11 @@ void Method_Table::remove(std::string const& name) {
     impl_->entries.erase(found);
 }
 
+void Method_Table::may_wait_for_tools(std::string const& name, Instance_Of_Call instance_of) {
+    std::lock_guard const guard(impl_->mutex);
+    impl_->waiting[name] = std::move(instance_of);
+}
+
 std::vector<std::string> Method_Table::names() const {
     std::lock_guard const guard(impl_->mutex);
     std::vector<std::string> result;
@@ -247,7 +361,7 @@ int Method_Table::handle(JSON_RPC_Channel_ptr channel, JSON_RPC_Object_var objec
         return !asker.null() && asker->handle_reply(*object) ? 0 : -1;
     }
     auto& message = static_cast<JSON_RPC_Notify&>(*object);
-    Routed route{{}, caller};
+    Routed route{{}, caller, nullptr};
     if (!impl_->find(message.method(), route.entry)) {
         refuse_json_rpc_request(channel, object, JSON_RPC_METHOD_NOT_FOUND, NO_METHOD);
         return -1;
@@ -255,7 +369,16 @@ int Method_Table::handle(JSON_RPC_Channel_ptr channel, JSON_RPC_Object_var objec
     if (object->type() == JSON_RPC_Object::TYPE_NOTIFY)
         return impl_->notifications.handle_object(
             channel, JSON_RPC_Object_var(new Routed_Notify(message, std::move(route))));
-    return impl_->requests.handle_object(
+    Pool* pool = &impl_->requests;
+    if (auto const instance = impl_->instance_of(message.method(), message.params())) {
+        pool = &impl_->tool_requests;
+        route.turn = impl_->turns->take(*instance);
+        if (!route.turn) {
+            refuse_json_rpc_request(channel, object, JSON_RPC_BUSY, busy_with(*instance).c_str());
+            return -1;
+        }
+    }
+    return pool->handle_object(
         channel, JSON_RPC_Object_var(new Routed_Request(static_cast<JSON_RPC_Request&>(message),
                                                         std::move(route))));
 }
@@ -266,6 +389,13 @@ bool Method_Table::call(std::string const& method, Value const& params, Rpc_Call
     if (!impl_->find(method, entry))
         return fail_with(reply, JSON_RPC_METHOD_NOT_FOUND, NO_METHOD);
     Method_Call const call{method, object_or_given(params), caller};
+    std::shared_ptr<void> turn;
+    if (auto const instance = impl_->instance_of(method, params)) {
+        turn = impl_->turns->take(*instance);
+        if (!turn)
+            return fail_with(reply, JSON_RPC_BUSY, busy_with(*instance));
+    }
+    Live_Call const live(impl_->calls, Cancellation::current());
     Method_Fault fault;
     reply = JSON_RPC_Reply();
     try {
@@ -288,7 +418,13 @@ bool Method_Table::call(std::string const& method, Value const& params, Rpc_Call
     return fail_with(reply, fault.code, std::move(fault.message), std::move(fault.data));
 }
 
+void Method_Table::cancel() {
+    impl_->calls.cancel(false);
+}
+
 void Method_Table::stop() {
+    impl_->calls.cancel(true);
     impl_->requests.fini();
+    impl_->tool_requests.fini();
     impl_->notifications.fini();
 }

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -47,11 +48,25 @@ using Agent_Method =
     std::function<bool(Method_Call const& call, json_spirit::Value& result, Method_Fault& fault)>;
 
 /**
+ * Tells which instance's tools a call with these params may wait for; "" for all of them, nothing
+ * when it waits for no tool. Called on several threads at once.
+ */
+using Instance_Of_Call =
+    std::function<std::optional<std::string>(json_spirit::Value const& params)>;
+
+/**
  * The methods that this agent serves, by name. All operations may be called on any thread.
  *
  * Requests are handled on a pool of threads, notifications on one thread of their own, so that they
  * are handled in the order in which they came. When too many wait, a request is answered with
  * JSON_RPC_BUSY and a notification is lost, with an error line for either.
+ *
+ * A call of a method that may wait for the database's tools takes none of these threads: it has
+ * others, and few calls at once may wait for one instance, so that one whose tools hang holds up
+ * neither the other methods nor, soon, the other instances. Further ones get JSON_RPC_BUSY.
+ *
+ * A call runs in a Cancellation_Scope: when its caller goes, or at cancel(), the tool that it waits
+ * for is ended.
  */
 class Method_Table {
 public:
@@ -82,6 +97,14 @@ public:
 
     void remove(std::string const& name);
 
+    /** Calls of this method may wait for a tool. Before it is served. */
+    void may_wait_for_tools(std::string const& name, Instance_Of_Call instance_of);
+    static constexpr size_t TOOL_CALLS = 16;            ///< at once, of all
+    static constexpr size_t TOOL_CALLS_OF_INSTANCE = 4; ///< at once, of those for one instance
+
+    /** Cancels the calls that are being handled. */
+    void cancel();
+
     /** In ascending order. */
     std::vector<std::string> names() const;
 
@@ -102,7 +125,9 @@ public:
     bool call(std::string const& method, json_spirit::Value const& params, Rpc_Caller const& caller,
               std::chrono::milliseconds timeout, JSON_RPC_Reply& reply);
 
-    /** Refuses what waits and comes, and returns when what is being handled has ended. */
+    /**
+     * Refuses what waits and comes, cancels what is being handled, and returns when that has ended.
+     */
     void stop();
 
 private:

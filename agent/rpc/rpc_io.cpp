@@ -3,7 +3,14 @@
 #include "qmrt/log.h"
 
 #include <exception>
+#include <poll.h>
 #include <pthread.h>
+
+bool is_gone(boost::asio::detail::socket_type socket, bool ends_with_its_sending) {
+    // poll() tells of both ends' end without being asked
+    pollfd entry = {socket, static_cast<short>(ends_with_its_sending ? POLLRDHUP : 0), 0};
+    return poll(&entry, 1, 0) == 1;
+}
 
 void Rpc_Io::start() {
     thread_ = std::thread([this] {

@@ -1,11 +1,19 @@
 #ifndef AGENT_RPC_RPC_IO_H
 #define AGENT_RPC_RPC_IO_H
 
+#include <boost/asio/detail/socket_types.hpp>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <memory>
 #include <optional>
 #include <thread>
+
+/**
+ * True when the peer of a connection has gone: it has closed it, or it broke. One that has only
+ * ended its own sending still waits for answers.
+ * @param ends_with_its_sending  the protocol has no such half: the end of its sending is the end
+ */
+bool is_gone(boost::asio::detail::socket_type socket, bool ends_with_its_sending);
 
 /** An io_context with its one thread: what runs on it needs no lock. */
 class Rpc_Io {

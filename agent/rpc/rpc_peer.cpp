@@ -79,6 +79,7 @@ public:
     Reply_Channel(std::weak_ptr<Rpc_Peer> peer, uint64_t key, std::shared_ptr<Batch> batch)
         : peer_(std::move(peer)), key_(key), batch_(std::move(batch)) {}
     std::shared_ptr<Rpc_Peer> peer() const { return peer_.lock(); }
+    std::shared_ptr<Cancellation> cancellation() const override { return cancellation_; }
 
 protected:
     int send_i(JSON_RPC_Object const& object) override {
@@ -108,6 +109,7 @@ private:
     std::weak_ptr<Rpc_Peer> const peer_;
     uint64_t const key_;
     std::shared_ptr<Batch> const batch_;
+    std::shared_ptr<Cancellation> const cancellation_ = std::make_shared<Cancellation>();
     std::atomic<bool> answered_ = false;
 };
 
@@ -167,6 +169,8 @@ void Rpc_Peer::end() {
     }
     if (!channel.null())
         channel->peer_gone();
+    for (auto const& [key, one] : open)
+        one->cancellation()->cancel();
     for (auto const& [id, one] : pending)
         one.on_reply(false, unreachable());
     for (auto const& function : functions)

@@ -13,7 +13,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr size_t REST_THREADS = 2;
+/** More than may wait for tools, so that these never keep the others out. */
+constexpr size_t REST_THREADS = Method_Table::TOOL_CALLS + 4;
 
 /** The address as a text; an IPv4 address stays one when it came in through an IPv6 socket. */
 std::string address_of(tcp::socket const& socket) {

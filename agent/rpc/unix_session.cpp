@@ -1,5 +1,6 @@
 #include "agent/rpc/unix_session.h"
 
+#include "agent/rpc/rpc_io.h"
 #include "qmrt/log.h"
 
 #include <boost/asio/post.hpp>
@@ -167,6 +168,12 @@ void Unix_Session::flush() {
     }
     await_writable();
     resume();
+}
+
+/** A read sees no difference between a client that has gone and one that only sends no more. */
+void Unix_Session::tick_i(Clock::time_point) {
+    if (!reading_ && socket_.is_open() && is_gone(socket_.native_handle(), false))
+        shut();
 }
 
 void Unix_Session::close() {

@@ -25,6 +25,7 @@ public:
 protected:
     bool write(std::string text) override;
     void resume() override;
+    void tick_i(Clock::time_point now) override;
 
 private:
     std::shared_ptr<Unix_Session> self() {

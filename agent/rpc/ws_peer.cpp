@@ -1,5 +1,6 @@
 #include "agent/rpc/ws_peer.h"
 
+#include "agent/rpc/rpc_io.h"
 #include "qmrt/log.h"
 
 #include <boost/asio/post.hpp>
@@ -136,6 +137,10 @@ void Ws_Peer::on_sent(error_code const& error) {
 }
 
 void Ws_Peer::tick_i(Clock::time_point now) {
+    // while nothing is read, a closed connection is not seen either
+    auto& socket = beast::get_lowest_layer(*stream_).socket();
+    if (!reading_ && socket.is_open() && is_gone(socket.native_handle(), true))
+        return shut();
     // while nothing is read, no pong can be seen
     if (reading_ && now - heard_ > limits().ping * PINGS_UNANSWERED) {
         QMRT_LOG(LM_INFO, "Closed a connection, its peer no longer answers\n");

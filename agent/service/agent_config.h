@@ -17,7 +17,7 @@ struct Agent_Config {
     std::string module;                         ///< "": the installed one
     std::string log = "stderr";                 ///< or "journal"
     std::string log_level = "info";             ///< "debug", "info", "warning" or "error"
-    int64_t stop_timeout = 60;                  ///< seconds for running jobs to end
+    int64_t stop_timeout = 60;                  ///< seconds for the agent to end, and its jobs
     int64_t probe_interval = 600;               ///< seconds between discoveries; 0: only on request
     int64_t kept_runs = 100;                    ///< of each definition
     // [socket]
@@ -32,7 +32,10 @@ struct Agent_Config {
     // [limits]
     int64_t message_size = 16 * 1024 * 1024; ///< bytes of one request
     int64_t connections = 256;
-    int64_t message_timeout = 30; ///< seconds for a whole request to come in
+    int64_t message_timeout = 30;               ///< seconds for a whole request to come in
+    int64_t unfinished_size = 64 * 1024 * 1024; ///< bytes of all requests that are not answered
+    int64_t tool_timeout = 60; ///< seconds for a tool of the database to answer a question
+    int64_t tool_output = 64 * 1024 * 1024; ///< bytes of such an answer
     // [group]
     std::string role = "alone";   ///< "alone", "backupd" or "member"
     std::string backupd_url;      ///< of a member: "wss://HOST:PORT"

@@ -37,6 +37,8 @@ struct Agent_Identity;
 void add_agent_methods(Method_Table& methods, Agent_Config const& config,
                        Agent_Identity const& identity, Agent_Database& database,
                        Agent_Module const& module);
+/** Tells the table which of the module's methods and of those here may wait for tools. */
+void note_tool_calls(Method_Table& methods, std::vector<std::string> const& module_methods);
 /** instance.*, account.save */
 void add_instance_methods(Method_Table& methods, Agent_Identity const& identity,
                           Instance_Probe& probe);

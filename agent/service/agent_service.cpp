@@ -8,12 +8,15 @@
 #include "agent/service/access_key_file.h"
 #include "agent/service/agent_methods.h"
 #include "agent/service/rpc_route.h"
+#include "agent/service/stop_watchdog.h"
 #include "agent/storage/pool_path.h"
 #include "agent/storage/pool_sweep.h"
 #include "agent/storage/remote_pools.h"
 #include "host/agent/host_manager.h"
 #include "host/agent/host_services.h"
 #include "host/agent/instance_manager.h"
+#include "host/process/child_registry.h"
+#include "host/process/tool_limits.h"
 #include "host/storage/file_storage_backend.h"
 #include "qmrt/log.h"
 #include "qmrt/path.h"
@@ -23,6 +26,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -61,13 +65,35 @@ bool make_parent(std::string const& path, std::string& error) {
     return false;
 }
 
+void set_tool_limits(Agent_Config const& config) {
+    Tool_Limits limits;
+    limits.seconds = config.tool_timeout;
+    limits.output_bytes = static_cast<uint64_t>(config.tool_output);
+    Tool_Limits::set(limits);
+}
+
+/** Of the time to stop: for what is left to do behind the end of the jobs. */
+int64_t time_behind_jobs(int64_t stop_timeout) {
+    return std::min<int64_t>(stop_timeout / 4, 5);
+}
+
+/** Ends the process although its threads hang, and leaves no child. */
+void end_at_once() {
+    QMRT_LOG(LM_ERROR, "The agent has not ended in time (agent.stop_timeout); what is still on is "
+                       "given up\n");
+    Child_Registry::instance().end_all();
+    _exit(0);
+}
+
 bool is_there(std::string const& path) {
     return access(path.c_str(), F_OK) == 0;
 }
 
 } // namespace
 
-Agent_Service::Agent_Service(Agent_Config const& config) : config_(config) {}
+Agent_Service::Agent_Service(Agent_Config const& config) : config_(config) {
+    set_tool_limits(config);
+}
 
 Agent_Service::~Agent_Service() {
     stop();
@@ -298,8 +324,12 @@ void Agent_Service::add_methods() {
         forward_catalog_methods(methods_);
     else
         add_catalog_methods();
-    for (auto const& [name, handler] : module_->methods())
+    std::vector<std::string> of_module;
+    for (auto const& [name, handler] : module_->methods()) {
         methods_.bind(name, handler);
+        of_module.push_back(name);
+    }
+    note_tool_calls(methods_, of_module);
     for (std::string const& name : methods_.names())
         if (!Method_Access::has_row(name))
             QMRT_LOG(LM_ERROR, "Nobody may call the method '%s': the agent does not know it\n",
@@ -334,18 +364,35 @@ void Agent_Service::add_catalog_methods() {
 void Agent_Service::reload(Agent_Config const& config) {
     config_.stop_timeout = config.stop_timeout;
     probe_->interval(config.probe_interval);
+    set_tool_limits(config);
+}
+
+/** @return false when a job has not ended, not even without its tools */
+bool Agent_Service::end_jobs() {
+    int64_t const reserve = time_behind_jobs(config_.stop_timeout);
+    if (jobs_->shutdown(config_.stop_timeout - reserve).empty())
+        return true;
+    Child_Registry::instance().end_all();
+    return jobs_->shutdown(reserve / 2).empty();
 }
 
 bool Agent_Service::stop() {
     if (stopped_)
         return true;
     stopped_ = true;
+    // the longer time is for what the end of all children makes end, too
+    Stop_Watchdog const watchdog(
+        std::chrono::seconds(config_.stop_timeout) + std::chrono::seconds(1), end_at_once);
     bool all_ended = true;
-    // nobody asks for anything new; then what runs ends; then what it worked with goes
+    // what answers nobody any more ends at once; nobody asks for anything new; then what runs ends;
+    // then what it worked with goes
+    if (probe_)
+        probe_->cancel();
+    methods_.cancel();
     if (scheduler_)
         scheduler_->stop();
     if (jobs_)
-        all_ended = jobs_->shutdown(config_.stop_timeout).empty();
+        all_ended = end_jobs();
     if (probe_)
         probe_->stop();
     if (group_)

@@ -48,8 +48,10 @@ public:
     void reload(Agent_Config const& config);
 
     /**
-     * Serves nobody any more, tells running jobs to cancel, waits for them up to the configured
-     * limit, and drops the sets that are open still. More than once does no harm.
+     * Serves nobody any more, ends the tools that somebody waits for, tells running jobs to cancel,
+     * and drops the sets that are open still. What has not ended shortly before the configured
+     * limit loses its tools: they are killed. At the limit the process ends, and leaves none of
+     * them. More than once does no harm.
      * @return false when a job did not end: its threads may still use all that this object holds,
      *         so the process must end without destroying it
      */
@@ -73,6 +75,7 @@ private:
     void remove_files(Dropped_Set const& set);
     /** After a run: sees to it that nothing of it stays in the pools that no set has. */
     void clear_up();
+    bool end_jobs();
     void add_methods();
     void add_catalog_methods();
     bool serve(std::string& error);

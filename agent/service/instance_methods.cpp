@@ -197,7 +197,29 @@ private:
     Instance_Probe& probe_;
 };
 
+/** The instance that a call names; "" without one. */
+std::string instance_of(Value const& params) {
+    return params.type() == json_spirit::obj_type
+               ? json_spirit::object_get_str(params.get_obj(), "instance")
+               : "";
+}
+
 } // namespace
+
+void note_tool_calls(Method_Table& methods, std::vector<std::string> const& module_methods) {
+    for (std::string const& method : module_methods)
+        if (method != "gaussdb.roach_source") // which asks no tool, and backups wait for it
+            methods.may_wait_for_tools(method, instance_of);
+    methods.may_wait_for_tools("instance.show", instance_of);
+    methods.may_wait_for_tools("account.save", instance_of);
+    methods.may_wait_for_tools("instance.list", [](Value const& params) {
+        bool refresh = false;
+        bool const given = params.type() == json_spirit::obj_type &&
+                           json_spirit::object_get(params.get_obj(), "refresh", refresh);
+        return given && refresh ? std::optional<std::string>("") : std::nullopt;
+    });
+    methods.may_wait_for_tools("agent.check", [](Value const&) { return std::string(); });
+}
 
 void add_instance_methods(Method_Table& methods, Agent_Identity const& identity,
                           Instance_Probe& probe) {

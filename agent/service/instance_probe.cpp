@@ -65,7 +65,12 @@ void Instance_Probe::interval(int64_t seconds) {
     changed_.notify_all();
 }
 
+void Instance_Probe::cancel() {
+    cancellation_->cancel();
+}
+
 void Instance_Probe::stop() {
+    cancel();
     {
         std::lock_guard const guard(mutex_);
         ended_ = true;
@@ -75,6 +80,7 @@ void Instance_Probe::stop() {
 }
 
 void Instance_Probe::run() {
+    Cancellation_Scope const scope(cancellation_);
     std::unique_lock lock(mutex_);
     while (!ended_) {
         lock.unlock();

@@ -2,6 +2,7 @@
 #define AGENT_SERVICE_INSTANCE_PROBE_H
 
 #include "host/agent/instance_handler.h"
+#include "host/process/cancellation.h"
 #include "qmrt/thread_helper.h"
 
 #include <condition_variable>
@@ -33,7 +34,9 @@ public:
     void start(int64_t interval);
     /** From the next look on. */
     void interval(int64_t seconds);
-    /** Waits for a look that is on, and ends. */
+    /** Gives up a look that the thread is at. */
+    void cancel();
+    /** Gives up a look that the thread is at, and ends. */
     void stop();
 
     /** The uuid of an instance: the same on every host that has an instance of that name. */
@@ -43,6 +46,7 @@ private:
     void run();
 
     std::shared_ptr<Instance_Handler> const handler_;
+    std::shared_ptr<Cancellation> const cancellation_ = std::make_shared<Cancellation>();
     std::mutex probing_; ///< one look at a time
     std::mutex mutex_;
     std::condition_variable changed_;

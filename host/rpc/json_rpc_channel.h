@@ -1,6 +1,7 @@
 #ifndef HOST_RPC_JSON_RPC_CHANNEL_H
 #define HOST_RPC_JSON_RPC_CHANNEL_H
 
+#include "host/process/cancellation.h"
 #include "host/rpc/json_rpc_object.h"
 
 #include <ace/Bound_Ptr.h>
@@ -56,6 +57,9 @@ public:
 
     /** Ends every wait in request(), now and from now on, with JSON_RPC_UNREACHABLE. */
     void peer_gone();
+
+    /** Cancelled when the peer no longer waits for the answer; null when that is not told. */
+    virtual std::shared_ptr<Cancellation> cancellation() const { return nullptr; }
 
 protected:
     /** Sends. Logs a failure. May be called on several threads at once. */

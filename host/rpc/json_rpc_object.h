@@ -6,6 +6,7 @@
 #include <ace/Recursive_Thread_Mutex.h>
 #include <ace/Refcounted_Auto_Ptr.h>
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -48,6 +49,10 @@ public:
      */
     std::string text() const;
 
+    /** Keeps something as long as this message: what its memory counts against, for example. */
+    void hold(std::shared_ptr<void> held) { held_ = std::move(held); }
+    std::shared_ptr<void> const& held() const { return held_; }
+
 protected:
     explicit JSON_RPC_Object(Type type) : type_(type) {}
 
@@ -58,6 +63,7 @@ protected:
 
 private:
     Type type_ = TYPE_NONE;
+    std::shared_ptr<void> held_;
 };
 
 /** A message object that several hold. */

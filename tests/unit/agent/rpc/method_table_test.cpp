@@ -10,7 +10,9 @@
 #include <future>
 #include <gtest/gtest.h>
 #include <mutex>
+#include <poll.h>
 #include <stdexcept>
+#include <thread>
 
 using json_spirit::Array;
 using json_spirit::Object;
@@ -333,4 +335,73 @@ TEST_F(Method_Table_Test, the_gate_is_asked_before_functions_handlers_and_notifi
     EXPECT_EQ(6u, asked.size());
     EXPECT_EQ(1, std::count(asked.begin(), asked.end(), "count of the backup server"));
     EXPECT_LOGGED(LM_ERROR, "Failed to handle the notification 'count', not you");
+}
+
+namespace {
+
+/** Waits for its cancellation, as one that waits for a tool does. */
+Agent_Method wait_for_cancellation(std::atomic<size_t>& waiting) {
+    return [&waiting](Method_Call const&, Value& result, Method_Fault&) {
+        pollfd entry = {Cancellation::current()->handle(), POLLIN, 0};
+        ++waiting;
+        result = poll(&entry, 1, 30'000);
+        --waiting;
+        return true;
+    };
+}
+
+std::optional<std::string> instance_of_call(Value const& params) {
+    return object_get_str(params.get_obj(), "instance");
+}
+
+bool becomes(std::atomic<size_t> const& number, size_t value) {
+    for (int i = 0; i < 3000 && number != value; ++i)
+        std::this_thread::sleep_for(10ms);
+    return number == value;
+}
+
+} // namespace
+
+TEST_F(Method_Table_Test, calls_that_wait_for_tools_hold_up_nobody_and_few_wait_for_one_instance) {
+    std::atomic<size_t> waiting = 0;
+    table_.add("ask", wait_for_cancellation(waiting));
+    table_.may_wait_for_tools("ask", instance_of_call);
+    table_.add("echo", echo());
+    // the table has two threads
+    for (size_t i = 0; i < Method_Table::TOOL_CALLS_OF_INSTANCE; ++i)
+        EXPECT_EQ(0, request("ask", Object{{"instance", "stuck"}}));
+    EXPECT_TRUE(becomes(waiting, Method_Table::TOOL_CALLS_OF_INSTANCE));
+
+    Recording_Channel* const other = new Recording_Channel;
+    JSON_RPC_Channel_var const others(other);
+    auto const ask = [&](std::string const& method, Value const& params) {
+        return table_.handle(others, JSON_RPC_Object_var(new JSON_RPC_Request(1, method, params)),
+                             Rpc_Caller::local());
+    };
+    EXPECT_EQ(0, ask("echo", Object()));
+    EXPECT_EQ("echo",
+              object_get_str(object_get_any(other->await(1).back().get_obj(), "result").get_obj(),
+                             "method"));
+    EXPECT_EQ(-1, ask("ask", Object{{"instance", "stuck"}}));
+    Object const refusal = object_get_any(other->await(2).back().get_obj(), "error").get_obj();
+    EXPECT_EQ(Value(JSON_RPC_BUSY), object_get_any(refusal, "code"));
+    EXPECT_NE(std::string::npos,
+              object_get_str(refusal, "message").find("the tools of the instance stuck"));
+    JSON_RPC_Reply reply;
+    EXPECT_FALSE(table_.call("ask", Object{{"instance", "stuck"}}, Rpc_Caller::local(), 1s, reply));
+    EXPECT_EQ(JSON_RPC_BUSY, reply.code);
+    EXPECT_EQ(0, ask("ask", Object{{"instance", "well"}}));
+    EXPECT_TRUE(becomes(waiting, Method_Table::TOOL_CALLS_OF_INSTANCE + 1));
+
+    table_.cancel();
+    EXPECT_EQ(Method_Table::TOOL_CALLS_OF_INSTANCE,
+              recording_->await(Method_Table::TOOL_CALLS_OF_INSTANCE).size());
+    other->await(3);
+    EXPECT_TRUE(becomes(waiting, 0));
+    // the turns are free again
+    while (ask("ask", Object{{"instance", "stuck"}}) != 0)
+        std::this_thread::yield();
+    EXPECT_TRUE(becomes(waiting, 1));
+    table_.stop();
+    EXPECT_EQ(0u, waiting);
 }

@@ -6,7 +6,9 @@
 #include "tests/unit/agent/rpc/tls_client.h"
 
 #include <algorithm>
+#include <future>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <thread>
 
 using json_spirit::Object;
@@ -305,4 +307,38 @@ TEST_F(Tls_Server_Test, what_cannot_be_served_is_said) {
     start();
     EXPECT_NE(std::string::npos,
               refusal([this](auto& o) { o.port = server_->port(); }).find("cannot listen"));
+}
+
+TEST_F(Tls_Server_Test, a_client_that_goes_takes_its_questions_along) {
+    std::atomic<int> asked = 0;
+    std::promise<bool> cancelled[2];
+    auto const ask = [&] {
+        pollfd entry = {Cancellation::current()->handle(), POLLIN, 0};
+        std::promise<bool>& result = cancelled[asked++];
+        result.set_value(poll(&entry, 1, 30'000) == 1);
+    };
+    methods_.add("ask", [&](Method_Call const&, Value&, Method_Fault&) {
+        ask();
+        return true;
+    });
+    routes_.add(HTTP_METHOD_GET, "/ask", [&](Rest_Request const&, Value&) {
+        ask();
+        return 200;
+    });
+    start();
+    {
+        auto const gone = websocket();
+        gone->text(R"({"jsonrpc":"2.0","id":1,"method":"ask"})");
+        while (asked != 1)
+            std::this_thread::yield();
+    }
+    EXPECT_TRUE(cancelled[0].get_future().get());
+    {
+        auto const gone = client();
+        gone->send(std::string("GET /ask HTTP/1.1\r\nHost: h\r\nAuthorization: Bearer ") + KEY +
+                   "\r\n\r\n");
+        while (asked != 2)
+            std::this_thread::yield();
+    }
+    EXPECT_TRUE(cancelled[1].get_future().get());
 }

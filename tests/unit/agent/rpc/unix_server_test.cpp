@@ -8,6 +8,7 @@
 
 #include <future>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -418,4 +419,48 @@ TEST_F(Unix_Server_Test, many_clients_at_once_get_each_its_own_answers) {
         threads.emplace_back(run, i);
     for (std::thread& thread : threads)
         thread.join();
+}
+
+namespace {
+
+/** Waits as one that waits for a tool does. @return true when it was cancelled */
+bool await_cancellation(std::chrono::milliseconds limit) {
+    pollfd entry = {Cancellation::current()->handle(), POLLIN, 0};
+    return poll(&entry, 1, static_cast<int>(limit.count())) == 1;
+}
+
+} // namespace
+
+TEST_F(Unix_Server_Test, a_client_that_goes_takes_its_questions_along) {
+    std::promise<bool> cancelled;
+    methods_.add("ask", [&](Method_Call const&, Value& result, Method_Fault&) {
+        ++waiting_;
+        cancelled.set_value(await_cancellation(PATIENCE));
+        result = true;
+        return true;
+    });
+    options_.limits.message = 200ms; // so that connections are looked after often
+    start();
+    {
+        auto client = raw();
+        client.send(R"({"jsonrpc":"2.0","id":1,"method":"ask"})"
+                    "\n");
+        while (waiting_ == 0)
+            std::this_thread::yield();
+    }
+    EXPECT_TRUE(cancelled.get_future().get());
+}
+
+TEST_F(Unix_Server_Test, one_that_only_sends_no_more_waits_for_its_answer) {
+    options_.limits.message = 20ms;
+    methods_.add("ask", [&](Method_Call const&, Value& result, Method_Fault&) {
+        result = await_cancellation(300ms);
+        return true;
+    });
+    start();
+    auto client = raw();
+    client.send(R"({"jsonrpc":"2.0","id":1,"method":"ask"})"
+                "\n");
+    client.half_close();
+    EXPECT_EQ(R"({"id":1,"jsonrpc":"2.0","result":false})", client.line());
 }
