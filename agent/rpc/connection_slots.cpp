@@ -2,35 +2,95 @@
 
 #include "qmrt/log.h"
 
-std::shared_ptr<void> Connection_Slots::take(std::string const& address) {
-    std::lock_guard const guard(mutex_);
-    auto const found = of_address_.find(address);
-    size_t const here = found == of_address_.end() ? 0 : found->second;
-    if (all_ >= limits_.connections || here >= limits_.connections_per_address) {
-        if (!refusing_)
-            QMRT_LOG(LM_WARNING, "Refused a connection from %s, there are %Q, %Q of them from it\n",
-                     address.empty() ? "this host" : address.c_str(), static_cast<ACE_UINT64>(all_),
-                     static_cast<ACE_UINT64>(here));
-        refusing_ = true;
-        return nullptr;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto TELL_INTERVAL = 60s;
+constexpr char USER_PREFIX[] = "user ";
+
+} // namespace
+
+std::shared_ptr<Connection_Slots::Slot> Connection_Slots::take_local() {
+    {
+        std::lock_guard const guard(mutex_);
+        if (!enter(local_, "", limits_.connections, limits_.connections)) {
+            tell("this host", local_);
+            return nullptr;
+        }
     }
-    refusing_ = false;
-    ++all_;
-    if (!address.empty())
-        ++of_address_[address];
-    return std::shared_ptr<void>(
-        this, [self = shared_from_this(), address](void*) { self->give_back(address); });
+    return std::shared_ptr<Slot>(new Slot(shared_from_this(), Slot::LOCAL, ""));
+}
+
+std::shared_ptr<Connection_Slots::Slot> Connection_Slots::take_stranger(std::string const& origin,
+                                                                        bool is_here) {
+    std::string const shown = is_here ? USER_PREFIX + origin : origin;
+    {
+        std::lock_guard const guard(mutex_);
+        Room& room = strangers_of(shown);
+        if (!enter(room, shown, limits_.strangers, limits_.strangers_of_origin)) {
+            tell(shown, room);
+            return nullptr;
+        }
+    }
+    return std::shared_ptr<Slot>(new Slot(shared_from_this(), Slot::STRANGER, shown));
+}
+
+Connection_Slots::Room& Connection_Slots::strangers_of(std::string const& origin) {
+    return origin.starts_with(USER_PREFIX) ? strangers_here_ : strangers_of_network_;
+}
+
+bool Connection_Slots::enter(Room& room, std::string const& origin, size_t most,
+                             size_t most_of_origin) {
+    auto const found = room.of_origin.find(origin);
+    size_t const here = found == room.of_origin.end() ? 0 : found->second;
+    if (room.all >= most || here >= most_of_origin)
+        return false;
+    ++room.all;
+    ++room.of_origin[origin];
+    return true;
+}
+
+void Connection_Slots::leave(Room& room, std::string const& origin) {
+    --room.all;
+    auto const found = room.of_origin.find(origin);
+    if (--found->second == 0)
+        room.of_origin.erase(found);
+}
+
+bool Connection_Slots::move(Slot& slot) {
+    std::lock_guard const guard(mutex_);
+    if (slot.room_ != Slot::STRANGER)
+        return true;
+    if (!enter(keyed_, slot.origin_, limits_.connections, limits_.connections_per_address)) {
+        tell(slot.origin_, keyed_);
+        return false;
+    }
+    leave(strangers_of(slot.origin_), slot.origin_);
+    slot.room_ = Slot::KEYED;
+    return true;
+}
+
+void Connection_Slots::give_back(Slot const& slot) {
+    std::lock_guard const guard(mutex_);
+    leave(slot.room_ == Slot::LOCAL   ? local_
+          : slot.room_ == Slot::KEYED ? keyed_
+                                      : strangers_of(slot.origin_),
+          slot.origin_);
+}
+
+/** Whoever is refused again and again fills no log with it. */
+void Connection_Slots::tell(std::string const& origin, Room const& room) {
+    Time const now = std::chrono::steady_clock::now();
+    if (told_at_ != Time() && now - told_at_ < TELL_INTERVAL)
+        return;
+    told_at_ = now;
+    QMRT_LOG(LM_WARNING, "Refused a connection from %s, there are %Q%s\n", origin.c_str(),
+             static_cast<ACE_UINT64>(room.all),
+             &room == &keyed_ || &room == &local_ ? "" : " that have not shown the access key");
 }
 
 size_t Connection_Slots::taken() const {
     std::lock_guard const guard(mutex_);
-    return all_;
-}
-
-void Connection_Slots::give_back(std::string const& address) {
-    std::lock_guard const guard(mutex_);
-    --all_;
-    auto const found = of_address_.find(address);
-    if (found != of_address_.end() && --found->second == 0)
-        of_address_.erase(found);
+    return local_.all + strangers_here_.all + strangers_of_network_.all + keyed_.all;
 }

@@ -36,16 +36,20 @@ bool read_request(http::request<http::string_body> const& from, Rest_Request& to
 
 } // namespace
 
-Http_Session::Http_Session(std::shared_ptr<void> lease, std::unique_ptr<Tls_Stream> stream,
-                           std::string address, Http_Service& service)
+Http_Session::Http_Session(std::shared_ptr<void> lease,
+                           std::shared_ptr<Connection_Slots::Slot> slot,
+                           std::unique_ptr<Tls_Stream> stream, std::string address,
+                           Http_Service& service)
     : lease_(std::move(lease)),
+      slot_(std::move(slot)),
+      key_by_(Rpc_Peer::Clock::now() + std::min(service.limits.key, service.limits.message)),
       stream_(std::move(stream)),
       address_(std::move(address)),
       service_(service),
       delay_(stream_->get_executor()) {}
 
 void Http_Session::start() {
-    beast::get_lowest_layer(*stream_).expires_after(service_.limits.message);
+    beast::get_lowest_layer(*stream_).expires_at(key_by_);
     stream_->async_handshake(boost::asio::ssl::stream_base::server,
                              [self = shared_from_this()](error_code const& error) {
                                  if (!error)
@@ -72,7 +76,10 @@ void Http_Session::read_header() {
     parser_.emplace();
     parser_->header_limit(MAX_HEADER);
     parser_->body_limit(service_.limits.message_bytes);
-    beast::get_lowest_layer(*stream_).expires_after(service_.limits.message);
+    if (keyed_)
+        beast::get_lowest_layer(*stream_).expires_after(service_.limits.message);
+    else
+        beast::get_lowest_layer(*stream_).expires_at(key_by_);
     http::async_read_header(
         *stream_, buffer_, *parser_,
         [self = shared_from_this()](error_code const& error, size_t) { self->on_header(error); });
@@ -87,8 +94,11 @@ void Http_Session::on_header(error_code const& error) {
     caller_ = find_caller();
     if (!caller_.kind)
         return deny();
+    if (!slot_->show_key())
+        return refuse_for_want_of_room();
+    keyed_ = true;
     if (!websocket::is_upgrade(parser_->get()))
-        return read_body();
+        return has_room_for_body() ? read_body() : refuse_for_want_of_room();
     if (caller_.is(Rpc_Caller::RUN))
         return forbid(); // the connection would outlive the key
     upgrade();
@@ -111,11 +121,32 @@ void Http_Session::forbid() {
     send(std::move(response));
 }
 
+bool Http_Session::has_room_for_body() {
+    if (!service_.limits.budget)
+        return true;
+    charge_ = service_.limits.budget->begin();
+    // one that comes in pieces may be as long as any
+    auto const length = parser_->content_length();
+    uint64_t const most = service_.limits.message_bytes;
+    return charge_->grow_to(static_cast<size_t>(
+        parser_->chunked() ? most : std::min<uint64_t>(length.value_or(0), most)));
+}
+
+/** What it sent beside the header is not read. */
+void Http_Session::refuse_for_want_of_room() {
+    Response response(http::status::service_unavailable, HTTP_1_1);
+    response.set(http::field::retry_after, "1");
+    response.keep_alive(false);
+    send(std::move(response));
+}
+
 /** Lets one without the key wait, then tells it so; what it sent beside the header is not read. */
 void Http_Session::deny() {
     auto const delay = service_.denials.deny(address_, std::chrono::steady_clock::now());
     QMRT_LOG(LM_WARNING, "Refused a request from %s without the right key\n", address_.c_str());
-    delay_.expires_after(delay);
+    Rpc_Peer::Clock::duration const left = key_by_ - Rpc_Peer::Clock::now();
+    delay_.expires_after(keyed_ ? delay
+                                : std::max(std::min<Rpc_Peer::Clock::duration>(delay, left), {}));
     delay_.async_wait([self = shared_from_this()](error_code const& error) {
         if (error || self->closed_)
             return;
@@ -191,6 +222,7 @@ void Http_Session::send(Response response) {
     beast::get_lowest_layer(*stream_).expires_after(service_.limits.message);
     http::async_write(*stream_, response_,
                       [self = shared_from_this()](error_code const& error, size_t) {
+                          self->charge_.reset();
                           if (!error && self->response_.keep_alive())
                               self->read_header();
                       });
@@ -209,9 +241,11 @@ void Http_Session::upgrade() {
     upgrading_->async_accept(parser_->get(), [self = shared_from_this()](error_code const& error) {
         if (error || self->closed_)
             return;
-        auto const peer =
-            std::make_shared<Ws_Peer>(self->lease_, std::move(self->upgrading_),
-                                      self->service_.methods, self->service_.limits, self->caller_);
+        auto const peer = std::make_shared<Ws_Peer>(
+            std::make_shared<std::pair<std::shared_ptr<void>, std::shared_ptr<void>>>(self->lease_,
+                                                                                      self->slot_),
+            std::move(self->upgrading_), self->service_.methods, self->service_.limits,
+            self->caller_);
         self->service_.sessions.add(peer);
         peer->start();
     });

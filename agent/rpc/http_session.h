@@ -2,6 +2,8 @@
 #define AGENT_RPC_HTTP_SESSION_H
 
 #include "agent/rpc/access_key.h"
+#include "agent/rpc/connection_slots.h"
+#include "agent/rpc/message_budget.h"
 #include "agent/rpc/rest_routes.h"
 #include "agent/rpc/rpc_io.h"
 #include "agent/rpc/rpc_sessions.h"
@@ -30,8 +32,8 @@ struct Http_Service {
  */
 class Http_Session : public std::enable_shared_from_this<Http_Session> {
 public:
-    Http_Session(std::shared_ptr<void> lease, std::unique_ptr<Tls_Stream> stream,
-                 std::string address, Http_Service& service);
+    Http_Session(std::shared_ptr<void> lease, std::shared_ptr<Connection_Slots::Slot> slot,
+                 std::unique_ptr<Tls_Stream> stream, std::string address, Http_Service& service);
 
     void start();
     void close();
@@ -44,6 +46,8 @@ private:
     void read_header();
     void on_header(boost::system::error_code const& error);
     void read_body();
+    bool has_room_for_body();
+    void refuse_for_want_of_room();
     void deny();
     void forbid();
     void upgrade();
@@ -52,7 +56,11 @@ private:
     void send(Response response);
 
     std::shared_ptr<void> const lease_;
-    std::unique_ptr<Tls_Stream> stream_; ///< null when it has become another's
+    std::shared_ptr<Connection_Slots::Slot> const slot_;
+    Rpc_Peer::Clock::time_point const key_by_; ///< when the key has to have been shown
+    bool keyed_ = false;
+    std::shared_ptr<Message_Budget::Charge> charge_; ///< of the request that is not answered
+    std::unique_ptr<Tls_Stream> stream_;             ///< null when it has become another's
     std::unique_ptr<Ws_Stream> upgrading_;
     std::string const address_;
     Http_Service& service_;

@@ -95,7 +95,8 @@ private:
 
 std::string busy_with(std::string const& instance) {
     return "Server is busy: many calls wait for the tools of " +
-           (instance.empty() ? std::string("the instances") : "the instance " + names::shown(instance)) +
+           (instance.empty() ? std::string("the instances")
+                             : "the instance " + names::shown(instance)) +
            " already; look whether its tools answer, and try again later";
 }
 

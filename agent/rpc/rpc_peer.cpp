@@ -234,7 +234,7 @@ bool Rpc_Peer::take_reply(JSON_RPC_Object const& object) {
     return true;
 }
 
-void Rpc_Peer::take(std::string_view text) {
+void Rpc_Peer::take(std::string_view text, std::shared_ptr<void> const& held) {
     {
         std::lock_guard const guard(mutex_);
         active_ = Clock::now();
@@ -256,6 +256,7 @@ void Rpc_Peer::take(std::string_view text) {
             take_reply(*object);
             continue;
         }
+        object->hold(held);
         std::lock_guard const guard(mutex_);
         backlog_.push_back({object, batch});
     }

@@ -70,8 +70,8 @@ protected:
     /** The connection has ended. The same; more than once does no harm. */
     void end();
 
-    /** A message has come. On the transport's thread. */
-    void take(std::string_view text);
+    /** A message has come. On the transport's thread. @param held  kept until it is answered */
+    void take(std::string_view text, std::shared_ptr<void> const& held = nullptr);
     /** False while so many requests are in flight that no more should be read. */
     bool wants_more() const;
     /** True when nothing is in flight. */

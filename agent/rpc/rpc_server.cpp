@@ -1,5 +1,6 @@
 #include "agent/rpc/rpc_server.h"
 
+#include "agent/rpc/message_budget.h"
 #include "agent/rpc/rpc_io.h"
 #include "agent/rpc/rpc_sessions.h"
 #include "agent/rpc/tls_listener.h"
@@ -7,9 +8,21 @@
 
 #include <boost/asio/post.hpp>
 
+namespace {
+
+/** With a budget that all connections share, and in which one message always has room. */
+Rpc_Server_Options with_budget(Rpc_Server_Options options) {
+    Rpc_Limits& limits = options.limits;
+    limits.budget = std::make_shared<Message_Budget>(
+        std::max(limits.unfinished_bytes, limits.message_bytes + 2 * Message_Budget::FREE_BYTES));
+    return options;
+}
+
+} // namespace
+
 struct Rpc_Server::Impl {
     Impl(Method_Table& methods, Rest_Routes const& routes, Rpc_Server_Options the_options)
-        : options(std::move(the_options)),
+        : options(with_budget(std::move(the_options))),
           slots(std::make_shared<Connection_Slots>(options.limits)),
           sessions(io.context, options.limits),
           local(io, sessions, slots, methods, options.limits),

@@ -40,7 +40,8 @@ struct Rpc_Server_Options {
  * WebSocket connection (RFC 6455), or one HTTP/1.1 request to a resource, over TLS 1.2 or later;
  * either needs the header field "Authorization: Bearer KEY". Without a key that is known it is
  * status 401 after a delay. A run's key opens no WebSocket connection, which would outlive the run:
- * status 403.
+ * status 403. Who shows none within Rpc_Limits::key is closed. A request for which there is no room
+ * gets status 503.
  *
  * All input and output is on one thread, which waits for nobody; requests are handled on the
  * table's threads. start() and stop() are for one thread at a time.

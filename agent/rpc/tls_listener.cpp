@@ -1,6 +1,7 @@
 #include "agent/rpc/tls_listener.h"
 
 #include "agent/rpc/http_session.h"
+#include "agent/rpc/peer_user.h"
 #include "agent/rpc/tls_context.h"
 #include "qmrt/log.h"
 
@@ -133,16 +134,15 @@ void Tls_Listener::Impl::accept() {
 
 void Tls_Listener::Impl::begin(tcp::socket socket) {
     std::string const address = address_of(socket);
-    std::shared_ptr<void> slot = slots->take(address);
+    std::optional<uid_t> const user = user_of_peer(socket);
+    auto slot = slots->take_stranger(user ? std::to_string(*user) : address, user.has_value());
     if (!slot)
         return; // which closes it
     error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);
-    auto lease = std::make_shared<std::pair<std::shared_ptr<void>, std::shared_ptr<void>>>(
-        io.lease(), std::move(slot));
     auto const session = std::make_shared<Http_Session>(
-        std::move(lease), std::make_unique<Tls_Stream>(std::move(socket), *context), address,
-        service);
+        io.lease(), std::move(slot), std::make_unique<Tls_Stream>(std::move(socket), *context),
+        address, service);
     std::erase_if(sessions_begun, [](auto const& one) { return one.expired(); });
     sessions_begun.push_back(session);
     session->start();

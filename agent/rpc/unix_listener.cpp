@@ -122,7 +122,7 @@ void Unix_Listener::accept() {
 }
 
 void Unix_Listener::begin(stream_protocol::socket socket) {
-    std::shared_ptr<void> slot = slots_->take("");
+    std::shared_ptr<void> slot = slots_->take_local();
     if (!slot)
         return; // which closes it
     auto lease = std::make_shared<std::pair<std::shared_ptr<void>, std::shared_ptr<void>>>(

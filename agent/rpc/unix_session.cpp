@@ -36,6 +36,10 @@ void Unix_Session::read() {
 
 void Unix_Session::on_read(size_t size) {
     inbox_.append(buffer_.data(), size);
+    if (!charge_ && limits().budget)
+        charge_ = limits().budget->begin();
+    if (charge_ && !charge_->grow_to(inbox_.size()))
+        return refuse_for_want_of_room();
     go_on();
 }
 
@@ -54,9 +58,7 @@ void Unix_Session::go_on() {
             return end_when_done();
         paused_ = false;
     }
-    inbox_.erase(0, taken_);
-    searched_ -= taken_;
-    taken_ = 0;
+    shrink_inbox();
     if (inbox_.size() > limits().message_bytes)
         return refuse_size();
     receiving(!inbox_.empty());
@@ -73,9 +75,31 @@ bool Unix_Session::take_line() {
     std::string_view const line = std::string_view(inbox_).substr(taken_, end - taken_);
     searched_ = taken_ = end + 1;
     receiving(false);
+    std::shared_ptr<void> held;
+    if (line.size() > Message_Budget::FREE_BYTES)
+        held = std::move(charge_); // what stands behind it in the inbox is less than one read
     if (line.find_first_not_of(" \t\r") != std::string_view::npos)
-        take(line);
+        take(line, held);
     return true;
+}
+
+/** Drops what has been handled, and the memory of a large message. */
+void Unix_Session::shrink_inbox() {
+    inbox_.erase(0, taken_);
+    searched_ -= taken_;
+    taken_ = 0;
+    if (inbox_.empty() && inbox_.capacity() > buffer_.size())
+        inbox_ = std::string();
+    if (inbox_.size() <= Message_Budget::FREE_BYTES)
+        charge_.reset();
+}
+
+void Unix_Session::refuse_for_want_of_room() {
+    write(JSON_RPC_Response_Error(JSON_RPC_BUSY, json_spirit::Value(),
+                                  "Server is busy: too many large messages are not answered yet",
+                                  json_spirit::Value())
+              .text());
+    shut();
 }
 
 void Unix_Session::refuse_size() {

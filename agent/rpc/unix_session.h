@@ -1,6 +1,7 @@
 #ifndef AGENT_RPC_UNIX_SESSION_H
 #define AGENT_RPC_UNIX_SESSION_H
 
+#include "agent/rpc/message_budget.h"
 #include "agent/rpc/rpc_peer.h"
 
 #include <array>
@@ -36,6 +37,8 @@ private:
     bool take_line();
     void go_on();
     void refuse_size();
+    void refuse_for_want_of_room();
+    void shrink_inbox();
     void end_when_done();
     void await_writable();
     void flush();
@@ -44,7 +47,8 @@ private:
 
     // on the socket's thread only
     std::string inbox_;
-    size_t taken_ = 0;    ///< bytes of the inbox that have been handled
+    std::shared_ptr<Message_Budget::Charge> charge_; ///< of the message that is coming in
+    size_t taken_ = 0;                               ///< bytes of the inbox that have been handled
     size_t searched_ = 0; ///< up to where there is no line's end behind them
     bool reading_ = false;
     bool at_end_ = false; ///< the client sends no more

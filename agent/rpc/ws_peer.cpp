@@ -57,14 +57,20 @@ void Ws_Peer::on_read(error_code const& error) {
                  error.message().c_str());
         return shut();
     }
+    if (!charge_ && limits().budget)
+        charge_ = limits().budget->begin();
+    if (charge_ && !charge_->grow_to(inbox_.size()))
+        return shut();
     if (!stream_->is_message_done()) {
         receiving(true);
         return read();
     }
     receiving(false);
     auto const data = inbox_.cdata();
+    std::shared_ptr<void> const held = std::move(charge_);
+    charge_.reset();
     if (stream_->got_text())
-        take({static_cast<char const*>(data.data()), data.size()});
+        take({static_cast<char const*>(data.data()), data.size()}, held);
     else
         take("binary"); // which is answered as no JSON
     inbox_.clear();

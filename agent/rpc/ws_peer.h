@@ -1,6 +1,7 @@
 #ifndef AGENT_RPC_WS_PEER_H
 #define AGENT_RPC_WS_PEER_H
 
+#include "agent/rpc/message_budget.h"
 #include "agent/rpc/rpc_peer.h"
 
 #include <atomic>
@@ -46,6 +47,7 @@ private:
     // on the stream's thread only
     std::unique_ptr<Ws_Stream> const stream_;
     boost::beast::flat_buffer inbox_;
+    std::shared_ptr<Message_Budget::Charge> charge_; ///< of the message that is coming in
     bool reading_ = false;
     bool pinging_ = false;
     Clock::time_point heard_ = Clock::now();

@@ -303,6 +303,7 @@ bool Agent_Service::serve(std::string& error) {
     options.limits.message_bytes = static_cast<size_t>(config_.message_size);
     options.limits.connections = static_cast<size_t>(config_.connections);
     options.limits.message = std::chrono::seconds(config_.message_timeout);
+    options.limits.unfinished_bytes = static_cast<size_t>(config_.unfinished_size);
     server_ = std::make_unique<Rpc_Server>(methods_, routes_, options);
     if (!make_parent(config_.socket, error) || !server_->start(error))
         return false;

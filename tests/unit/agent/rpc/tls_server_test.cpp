@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <thread>
+#include <unistd.h>
 
 using json_spirit::Object;
 using json_spirit::Value;
@@ -152,11 +153,11 @@ TEST_F(Tls_Server_Test, those_without_the_key_wait_and_hold_up_nobody) {
     options_.limits.denied_most = 1h;
     start();
     std::vector<std::unique_ptr<Tls_Client>> denied;
-    for (int i = 0; i < 20; ++i) {
+    for (int i = 0; i < 10; ++i) {
         denied.push_back(client());
         denied.back()->send("GET / HTTP/1.1\r\nHost: x\r\n\r\n");
     }
-    while (server_->connections() < 20)
+    while (server_->connections() < 10)
         std::this_thread::yield();
     expect_service();
     server_->stop(); // does not wait for them either
@@ -280,8 +281,8 @@ TEST_F(Tls_Server_Test, one_address_cannot_take_all_connections) {
     start();
     auto const first = websocket();
     auto const second = websocket();
-    EXPECT_FALSE(client()->secure());
-    EXPECT_LOGGED(LM_WARNING, "Refused a connection from 127.0.0.1");
+    EXPECT_EQ(503, client()->upgrade(KEY));
+    EXPECT_LOGGED(LM_WARNING, "Refused a connection from user ");
     first->text(ECHO);
     EXPECT_EQ(ECHOED, first->read_text());
 }
@@ -341,4 +342,71 @@ TEST_F(Tls_Server_Test, a_client_that_goes_takes_its_questions_along) {
             std::this_thread::yield();
     }
     EXPECT_TRUE(cancelled[1].get_future().get());
+}
+
+TEST_F(Tls_Server_Test, those_without_the_key_take_only_their_own_room) {
+    options_.limits.strangers_of_origin = 3;
+    start();
+    auto const keyed = websocket();
+    std::vector<std::unique_ptr<Tls_Client>> strangers;
+    for (int i = 0; i < 3; ++i)
+        strangers.push_back(client(false));
+    await_connections(4);
+    EXPECT_FALSE(client()->secure());
+    EXPECT_FALSE(client()->secure());
+    EXPECT_EQ(1u, Log_Capture::instance().claim_all(
+                      LM_WARNING, "Refused a connection from user " + std::to_string(getuid()) +
+                                      ", there are 3 that have not shown the access key"));
+    keyed->text(ECHO);
+    EXPECT_EQ(ECHOED, keyed->read_text());
+    strangers.clear();
+    await_connections(1);
+    expect_service();
+}
+
+TEST_F(Tls_Server_Test, one_who_has_not_shown_the_key_in_time_is_closed) {
+    options_.limits.key = 200ms;
+    options_.limits.denied = options_.limits.denied_most = 1h;
+    start();
+    auto const keyed = websocket();
+    auto const silent = client(false);
+    auto const secure = client();
+    auto const slow = client();
+    slow->send("GET / HTTP/1.1\r\nHost: x\r\n");
+    auto const wrong = client();
+    EXPECT_TRUE(wrong->http("GET", "/r", "wrong").starts_with("HTTP/1.1 401"))
+        << "the answer waits no longer than that";
+    EXPECT_TRUE(silent->closed());
+    EXPECT_TRUE(secure->closed());
+    EXPECT_TRUE(slow->closed());
+    expect_denials(1);
+    keyed->text(ECHO);
+    EXPECT_EQ(ECHOED, keyed->read_text());
+}
+
+TEST_F(Tls_Server_Test, large_requests_that_are_not_answered_have_a_bound) {
+    options_.limits.message_bytes = 600'000;
+    options_.limits.unfinished_bytes = 1'000'000;
+    start();
+    std::string const head =
+        std::string("PUT /r HTTP/1.1\r\nHost: h\r\nAuthorization: Bearer ") + KEY + "\r\n";
+    auto first = client();
+    first->send(head + "Content-Length: 600000\r\n\r\n\"");
+    while (client()
+               ->http("PUT", "/r", KEY, '"' + std::string(500'000, 'x') + '"')
+               .starts_with("HTTP/1.1 200"))
+        std::this_thread::yield(); // the first one's head has not been read yet
+    auto const in_pieces = client();
+    in_pieces->send(head + "Transfer-Encoding: chunked\r\n\r\n");
+    EXPECT_TRUE(in_pieces->receive().starts_with("HTTP/1.1 503"));
+    auto const message = websocket();
+    message->text('"' + std::string(500'000, 'x') + '"');
+    EXPECT_EQ("closed", message->read_text());
+    EXPECT_EQ(1u, Log_Capture::instance().claim_all(LM_WARNING, "(limits.unfinished_size)"));
+    expect_service(); // small ones are free
+    first.reset();
+    await_connections(0);
+    EXPECT_TRUE(client()
+                    ->http("PUT", "/r", KEY, '"' + std::string(500'000, 'x') + '"')
+                    .starts_with("HTTP/1.1 200"));
 }

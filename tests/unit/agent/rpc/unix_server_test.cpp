@@ -464,3 +464,28 @@ TEST_F(Unix_Server_Test, one_that_only_sends_no_more_waits_for_its_answer) {
     client.half_close();
     EXPECT_EQ(R"({"id":1,"jsonrpc":"2.0","result":false})", client.line());
 }
+
+TEST_F(Unix_Server_Test, large_messages_that_are_not_answered_have_a_bound) {
+    options_.limits.message_bytes = 600'000;
+    options_.limits.unfinished_bytes = 1'000'000;
+    start();
+    std::string const large = R"({"jsonrpc":"2.0","id":1,"method":"wait","params":{"a":")" +
+                              std::string(550'000, 'x') + "\"}}";
+    Raw_Client first = raw();
+    first.send(large + "\n"); // being handled
+    while (waiting_ < 1)
+        std::this_thread::yield();
+    Raw_Client second = raw();
+    second.send(large);
+    EXPECT_NE(std::string::npos, second.line().find("Server is busy: too many large messages"));
+    EXPECT_TRUE(second.closed());
+    EXPECT_LOGGED(LM_WARNING, "(limits.unfinished_size)");
+    expect_service(); // small ones are free
+    gate_.open();
+    EXPECT_GT(first.line().size(), 550'000u);
+    // what was answered has given its room back
+    for (int i = 0; i < 5; ++i) {
+        first.send(large + "\n");
+        EXPECT_GT(first.line().size(), 550'000u);
+    }
+}
