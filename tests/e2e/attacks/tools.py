@@ -1,13 +1,15 @@
-"""The database's user replaces the tools that the agent asks: they hang, print for ever, stay behind."""
+"""The agent's time and room: tools that hang, print for ever and stay behind, and crowds at the port."""
 import contextlib
 import os
 import pathlib
 import signal
+import socket
 import subprocess
+import sys
 import time
 
 from attacks import attacker
-from attacks.attacker import Attack_Test
+from attacks.attacker import Attack_Test, USER, start_as
 from protected_cluster import processes
 from sandbox_test import HOME, wait_until
 import protection
@@ -143,3 +145,59 @@ class Tools_Test(Attack_Test):
             self.assertFalse(marked())
         attacker.world.start_agent()
         protection.ask("zenbrak3", "instances", "--refresh")
+
+
+CROWD = """
+import socket, select, time
+crowd = []
+while True:
+    while len(crowd) < 200:
+        one = socket.socket()
+        one.settimeout(5)
+        try:
+            one.connect(("127.0.0.1", 60305))
+        except OSError:
+            one.close()
+            break
+        crowd.append(one)
+    gone = select.select(crowd, [], [], 0.01)[0] if crowd else []
+    for one in gone:
+        crowd.remove(one)
+        one.close()
+"""
+
+
+def memory_of(pid):
+    """The most memory that a process has had, in MiB."""
+    lines = pathlib.Path("/proc/%d/status" % pid).read_text().splitlines()
+    return next(int(line.split()[1]) for line in lines if line.startswith("VmHWM")) // 1024
+
+
+class Room_Test(Attack_Test):
+    def test_a_crowd_without_the_key_keeps_no_backup_out(self):
+        crowd = start_as(USER, sys.executable, "-c", CROWD)
+        try:
+            wait_until(lambda: "that have not shown the access key"
+                       in pathlib.Path(protection.AGENT_LOG).read_text(errors="replace"))
+            run = attacker.world.backup("--name", "crowded")
+            self.assertEqual("completed", run["state"], run)
+        finally:
+            crowd.kill()
+            crowd.wait()
+
+    def test_large_messages_without_end_take_little_memory(self):
+        before = memory_of(attacker.world.agent.pid)
+        line = b'{"jsonrpc": "2.0", "id": 1, "method": "agent.info", "params": {"a": "' + b"x" * (
+            15 * 1024 * 1024)
+        clients = []
+        for _ in range(60):
+            client = socket.socket(socket.AF_UNIX)
+            client.connect("/run/zenbrak3/agent.sock")
+            client.settimeout(10)
+            with contextlib.suppress(OSError):  # refused
+                client.sendall(line)
+            clients.append(client)
+        protection.ask("zenbrak3", "info")
+        for client in clients:
+            client.close()
+        self.assertLess(memory_of(attacker.world.agent.pid) - before, 300)
