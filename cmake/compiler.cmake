@@ -12,6 +12,8 @@ if(CCACHE)
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wvla
+    # a text from outside is never a format; tools/check_log_formats looks at the log's own
+    -Wformat=2 -Werror=format-security
     # no machine's path in the product, and the same objects from any checkout
     -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
 if(NOT CMAKE_UNITY_BUILD) # where several sources are one, a warning may be about that alone

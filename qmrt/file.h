@@ -31,7 +31,8 @@ private:
 
 /**
  * The functions below return 0, or -1 with errno set; they log nothing unless they say so.
- * All may be used on any thread.
+ * All may be used on any thread. Links are followed, except where a function says otherwise: for
+ * files that another user names or owns there is qmrt/guarded_file.h.
  */
 
 /**
@@ -90,9 +91,9 @@ int write_file_atomically(char const* path, std::string_view content, mode_t mod
 int read_file(char const* path, std::string& content, size_t max_size);
 
 /**
- * Calls @a visitor with each line of a file, without its "\n", until it returns false. The last
- * line counts with or without a "\n". Lines may hold any bytes; one of more than 16 MiB is EFBIG.
- * The line is valid during the call only.
+ * Calls @a visitor with each line of a regular file, without its "\n", until it returns false. The
+ * last line counts with or without a "\n". Lines may hold any bytes; one of more than 16 MiB is
+ * EFBIG. The line is valid during the call only.
  * @return 0 also when the visitor ended the reading; -1 when the file could not be opened or read.
  */
 int read_each_line(char const* path, std::function<bool(std::string_view line)> const& visitor);
