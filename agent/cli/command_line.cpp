@@ -232,6 +232,8 @@ void Command_Line::add_pool_commands() {
         ->add_option("--url", pool_wishes_.url, std::string(POOL_URL) + ". You move what is in it")
         ->type_name("URL");
     add_pool_wishes(*update);
+    update->add_flag("--separate", pool_wishes_.separate,
+                     "Close its folders to all but root and each cluster's own user");
     update->add_flag("--writable", pool_wishes_.writable, "It is written to again")
         ->excludes("--read-only");
     CLI::App* const remove = command(

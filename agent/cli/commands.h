@@ -37,6 +37,7 @@ struct Pool_Wishes {
     std::string limit;       ///< "100 GiB"; "0" for none
     bool read_only = false;
     bool writable = false; ///< no longer read-only
+    bool separate = false; ///< its directory is closed to others
 };
 int list_pools(Command_Context& context, double interval);
 int create_pool(Command_Context& context, Pool_Wishes const& wishes);

@@ -77,6 +77,12 @@ int done(Command_Context& context, Object const& result, std::string const& what
     return EXIT_OK;
 }
 
+/** As done(); a warning of the answer is told besides. */
+int done_with_pool(Command_Context& context, Object const& pool, std::string const& what) {
+    std::string const warning = json_spirit::object_get_str(pool, "warning");
+    return done(context, pool, warning.empty() ? what : what + "\nWarning: " + warning + ".");
+}
+
 /** The user on whose behalf this is: @a wish, else the agent's own default. */
 bool find_uid(Command_Context& context, std::string const& wish, std::string& uid) {
     uid = wish;
@@ -149,6 +155,8 @@ bool read_wishes(Pool_Wishes const& wishes, Object& params, std::string& error) 
         }
         params["limit"] = limit;
     }
+    if (wishes.separate)
+        params["separate"] = true;
     if (wishes.read_only || wishes.writable)
         params["read_only"] = wishes.read_only;
     return true;
@@ -304,7 +312,7 @@ int create_pool(Command_Context& context, Pool_Wishes const& wishes) {
         return context.fail(EXIT_USAGE, error);
     if (!context.ask("pool.create", params, "create pool " + wishes.name, pool))
         return context.status();
-    return done(context, pool, "Pool " + wishes.name + " is ready.");
+    return done_with_pool(context, pool, "Pool " + wishes.name + " is ready.");
 }
 
 int update_pool(Command_Context& context, std::string const& pool, Pool_Wishes const& wishes) {
@@ -317,7 +325,7 @@ int update_pool(Command_Context& context, std::string const& pool, Pool_Wishes c
     params["pool"] = pool;
     if (!context.ask("pool.update", params, "change pool " + pool, updated, LIST_POOLS))
         return context.status();
-    return done(context, updated, "Pool " + pool + " is changed.");
+    return done_with_pool(context, updated, "Pool " + pool + " is changed.");
 }
 
 int remove_pool(Command_Context& context, std::string const& pool) {

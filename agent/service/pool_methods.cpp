@@ -3,6 +3,7 @@
 #include "agent/service/method_access.h"
 #include "agent/service/pool_status.h"
 #include "agent/storage/sqlite_pools.h"
+#include "host/storage/xbsa_folder.h"
 
 using json_spirit::Array;
 using json_spirit::Object;
@@ -41,7 +42,7 @@ public:
             return invalid_params(error, fault);
         if (!answer(pools_.create(settings, record), fault))
             return false;
-        result = status_.describe(record);
+        result = described(record);
         return true;
     }
     bool update(Method_Call const& call, Value& result, Method_Fault& fault) {
@@ -54,7 +55,7 @@ public:
             return invalid_params(error, fault);
         if (!answer(pools_.update(pool, settings, record), fault))
             return false;
-        result = status_.describe(record);
+        result = described(record);
         return true;
     }
     bool remove(Method_Call const& call, Value& result, Method_Fault& fault) {
@@ -78,6 +79,12 @@ public:
     }
 
 private:
+    /** With "warning": why the clusters in it are not separated, "" when they are. */
+    Object described(Pool_Record const& record) {
+        Object object = status_.describe(record);
+        object["warning"] = record.read_only ? "" : fault_of_separation(record.path);
+        return object;
+    }
     static bool read_settings(Member_Reader& reader, Pool_Settings& settings) {
         std::string text;
         int64_t number = 0;
@@ -94,6 +101,8 @@ private:
             settings.limit = number;
         if (reader.flag("read_only", flag))
             settings.read_only = flag;
+        if (reader.flag("separate", flag))
+            settings.separate = flag;
         return reader.finish();
     }
 

@@ -4,6 +4,8 @@
 #include "host/agent/instance_manager.h"
 #include "host/process/process_options.h"
 #include "host/process/subprocess.h"
+#include "host/storage/xbsa_folder.h"
+#include "host/storage/xbsa_layout.h"
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
 #include "qmrt/format.h"
@@ -156,6 +158,8 @@ void Readiness_Check::instance(std::string const& name, std::string const& uid) 
     std::string edition;
     found->get_option("version", version);
     found->get_option("edition", edition);
+    found->get_option("user", user_);
+    resource_ = found->uuid;
     good("instance " + name, "on record, version " + (edition.empty() ? "not known" : edition));
     alerts(name);
     state(name);
@@ -263,6 +267,11 @@ void Readiness_Check::pool(Pool const& pool, uint64_t needed) {
                    "mount it here as well, at the same place as on the backup server");
     if (pool.read_only)
         return bad(subject, "it is read-only", "choose another pool, or make it writable");
+    if (std::string const fault = fault_of_separation(pool.path); !fault.empty())
+        bad(subject, fault,
+            "run: zenbrak3 pool update " + pool.name +
+                " --separate. Where that does not help, use a file system with owners");
+    user_folder(pool);
     uint64_t left = pool.available;
     if (pool.limit)
         left = std::min(left, pool.limit > pool.used ? pool.limit - pool.used : 0);
@@ -272,6 +281,21 @@ void Readiness_Check::pool(Pool const& pool, uint64_t needed) {
     if (left == 0 || left < needed)
         return bad(subject, text, "make room in it, raise its limit, or choose another pool");
     good(subject, text);
+}
+
+/** Whether the database's user can write where the XBSA library will. */
+void Readiness_Check::user_folder(Pool const& pool) {
+    struct stat status;
+    std::string const folder = pool.path + "/" + xbsa_cluster_folder(resource_);
+    // the first backup makes it
+    if (user_.empty() || resource_.empty() || lstat(folder.c_str(), &status) == -1)
+        return;
+    Storage_Result const result = check_xbsa_folder_writable(folder, user_);
+    if (result)
+        return good("pool " + pool.name, user_ + " can write to its own folder");
+    bad("pool " + pool.name, result.text(),
+        "let each cluster have a pool of its own, or correct the owner: chown -R " + user_ + " " +
+            folder);
 }
 
 void Readiness_Check::pools_unknown(std::string const& why) {

@@ -9,8 +9,9 @@
 #include <vector>
 
 /**
- * Finds out what is missing for a backup of an instance, before one is tried. It looks, and changes
- * nothing; a tool is looked for, not run. One object is for one check, on any thread.
+ * Finds out what is missing for a backup of an instance, before one is tried. It looks, and leaves
+ * nothing behind: in a pool an empty file is made and removed. A tool is looked for, not run. One
+ * object is for one check, on any thread.
  */
 class Readiness_Check {
 public:
@@ -62,7 +63,10 @@ private:
                std::string const& app_path);
     void account(std::string const& name, std::string const& uid, int version);
     void xbsa_link();
+    void user_folder(Pool const& pool);
 
+    std::string user_;     ///< the database's, of the instance that was looked at
+    std::string resource_; ///< that instance's uuid
     std::vector<Line> lines_;
 };
 

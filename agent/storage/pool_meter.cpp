@@ -8,6 +8,8 @@
 namespace {
 
 constexpr int64_t MOST_OF_THE_TIME = 20;
+/** Levels of folders below a pool that are counted. */
+constexpr int MAX_DEPTH = 64;
 
 uint64_t bytes_below(std::string const& path, bool with_unfinished) {
     namespace fs = std::filesystem;
@@ -17,6 +19,9 @@ uint64_t bytes_below(std::string const& path, bool with_unfinished) {
     fs::recursive_directory_iterator entry(path, fs::directory_options::skip_permission_denied,
                                            error);
     for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
+        // no deeper than anything is stored: each level takes a descriptor
+        if (entry.depth() >= MAX_DEPTH)
+            entry.disable_recursion_pending();
         std::error_code gone;
         if (entry->symlink_status(gone).type() != fs::file_type::regular || gone ||
             (!with_unfinished && entry->path().filename().string().starts_with(UNFINISHED_PREFIX)))

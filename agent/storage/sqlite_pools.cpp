@@ -2,9 +2,12 @@
 
 #include "agent/storage/pool_path.h"
 
+#include "host/process/password_file_entry.h"
+#include "host/storage/xbsa_folder.h"
 #include "qmrt/file.h"
 #include "qmrt/format.h"
 #include "qmrt/names.h"
+#include "qmrt/path.h"
 #include "qmrt/utf8.h"
 #include "qmrt/uuid.h"
 
@@ -13,6 +16,7 @@
 #include <cinttypes>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -68,6 +72,64 @@ Storage_Result check_writable(std::string const& path) {
     return {};
 }
 
+std::string user_text(uid_t uid) {
+    Password_File_Entry entry;
+    return entry.get_by_uid(uid) == 0 ? entry.name() : string_sprintf("#%u", uid);
+}
+
+/** Nobody but root may be able to put something else in the place of the pool's directory. */
+Storage_Result check_way_to(std::string const& real) {
+    for (std::string way = dirname_string(real);; way = dirname_string(way)) {
+        struct stat status;
+        if (stat(way.c_str(), &status) == -1)
+            return refuse("the directory " + way + " cannot be looked at: " + strerror(errno));
+        if (status.st_uid != 0 && status.st_uid != geteuid())
+            return refuse("the directory " + real + " could be replaced by the user " +
+                          user_text(status.st_uid) + ", whose " + way + " is; choose another");
+        // in a sticky directory everybody removes what is theirs, and the pool is root's
+        if (status.st_mode & (S_IWGRP | S_IWOTH) && !(status.st_mode & S_ISVTX))
+            return refuse("the directory " + real +
+                          " could be replaced by other users, who can "
+                          "write to " +
+                          way + "; choose another, or chmod go-w " + way);
+        if (way == "/")
+            return {};
+    }
+}
+
+/** What a pool's directory holds that no pool makes; "" for nothing. */
+std::string foreign_entry(std::string const& path, bool& empty) {
+    empty = true;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(path, error), end; !error && entry != end;
+         entry.increment(error)) {
+        std::string const name = entry->path().filename();
+        uuid_binary uuid;
+        if (name == "lost+found" || name.starts_with(UNFINISHED_PREFIX))
+            continue;
+        empty = false;
+        if (!uuid_string_to_binary(name, uuid) || !is_directory(entry->path().c_str()))
+            return name;
+    }
+    return "";
+}
+
+/** That the directory may be taken over: its owner and mode change, and so does who can enter. */
+Storage_Result check_content(std::string const& path) {
+    struct stat status;
+    if (stat(path.c_str(), &status) == -1)
+        return refuse("the directory " + path + " cannot be looked at: " + strerror(errno));
+    bool empty = true;
+    std::string const foreign = foreign_entry(path, empty);
+    if (!foreign.empty())
+        return refuse("the directory " + path + " has something else in it, " +
+                      qmrt::to_one_line(foreign) + "; make an empty one for the pool");
+    if (!empty && status.st_uid != 0 && status.st_uid != geteuid())
+        return refuse("the directory " + path + " is not empty and belongs to the user " +
+                      user_text(status.st_uid) + "; give it to root, or make another");
+    return {};
+}
+
 Storage_Result check_directory(Pool_Record const& record) {
     struct stat status;
     if (stat(record.path.c_str(), &status) == -1)
@@ -78,6 +140,12 @@ Storage_Result check_directory(Pool_Record const& record) {
     if (real_path(record.path) == "/")
         return refuse("the root directory cannot be a pool");
     return record.read_only ? Storage_Result() : check_writable(record.path);
+}
+
+/** Whether the directory may become a pool's own. */
+Storage_Result check_separable(Pool_Record const& record) {
+    Storage_Result const result = check_way_to(real_path(record.path));
+    return result ? check_content(record.path) : result;
 }
 
 Storage_Result check_compression(Pool_Record const& record) {
@@ -223,7 +291,7 @@ Storage_Result SQLite_Pools::check(Pool_Record const& record, bool place_changed
                                                 " is, contains or lies in that of pool " +
                                                 other.name + "; give each pool one of its own"};
     }
-    return {};
+    return place_changed && !record.read_only ? check_separable(record) : Storage_Result();
 }
 
 bool SQLite_Pools::write(char const* purpose, char const* sql, Pool_Record const& record) {
@@ -249,6 +317,8 @@ Storage_Result SQLite_Pools::create(Pool_Settings const& settings, Pool_Record& 
     Storage_Result result = apply(settings, made);
     if (result)
         result = check(made, true);
+    if (result && !made.read_only)
+        result = separate_pool(made.path);
     if (!result)
         return result;
     if (!write("record a pool",
@@ -272,6 +342,9 @@ Storage_Result SQLite_Pools::update(std::string const& pool, Pool_Settings const
     if (result)
         result =
             check(changed, changed.path != before.path || (before.read_only && !changed.read_only));
+    bool const moved = changed.path != before.path;
+    if (result && !changed.read_only && (moved || settings.separate))
+        result = separate_pool(changed.path);
     if (!result)
         return result;
     if (!write("change a pool",

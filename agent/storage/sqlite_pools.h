@@ -35,6 +35,7 @@ struct Pool_Settings {
     std::optional<int64_t> compression_level;
     std::optional<int64_t> limit;
     std::optional<bool> read_only;
+    bool separate = false; ///< close its directory and folders to others, as those of a new pool
 };
 
 /** Tells what the resources have in a pool. False, logged, when it cannot be told. */
@@ -67,7 +68,11 @@ public:
     /** All pools by their names. */
     Storage_Result list(std::vector<Pool_Record>& records);
 
-    /** Records a new pool; name and url must be set. */
+    /**
+     * Records a new pool; name and url must be set. The directory has to be empty or a pool's,
+     * root's or an empty one, and to lie where nobody else can replace it. It is closed to others;
+     * see host/storage/xbsa_folder.h.
+     */
     Storage_Result create(Pool_Settings const& settings, Pool_Record& record);
     /** Changes a pool, by uuid or name. What is in it is not touched: who moves a pool moves it. */
     Storage_Result update(std::string const& pool, Pool_Settings const& settings,

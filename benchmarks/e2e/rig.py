@@ -155,7 +155,7 @@ class Ours(object):
             time.sleep(0.1)
         run("zenbrak3", "instances", "--refresh")
         run("zenbrak3", "account", "c1", "backup", input="Backup@123\n")
-        run("install", "-d", "-g", "dbgrp", "-m", "2770", "/srv/pool")
+        run("mkdir", "-p", "/srv/pool")
         run("zenbrak3", "pool", "create", "main", "file:///srv/pool")
 
     def backup(self, *words):

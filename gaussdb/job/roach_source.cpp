@@ -5,6 +5,7 @@
 #include "gaussdb/job/gaussdb_event_handler.h"
 #include "gaussdb/job/tool_directory.h"
 #include "host/agent/host_manager.h"
+#include "host/agent/host_services.h"
 #include "host/catalog/catalog_operator.h"
 #include "host/mtf/mtf_restore.h"
 #include "host/process/password_file_entry.h"
@@ -12,6 +13,7 @@
 #include "host/rpc/websocket_options.h"
 #include "host/storage/client_io_ex.h"
 #include "host/storage/pool_info.h"
+#include "host/storage/xbsa_folder.h"
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
 #include "qmrt/format.h"
@@ -211,6 +213,31 @@ json_spirit::Object Roach_Source::route() const {
     return object;
 }
 
+/** The tool is run as the user soon, and must have its place in the pool: its own and no other. */
+bool Roach_Source::prepare_pool() {
+    if (os_user_.empty() || cluster_id_.empty())
+        return true;
+    Pool_Info info;
+    std::shared_ptr<Pool_Backend> const pools = Host_Services::instance().pools();
+    // what cannot be found or reached now is told by who needs it; nothing is open without this
+    if (!pools || !pools->find(pool_uuid_, info))
+        return true;
+    bool const writes = !uuid_.empty() && !info.read_only;
+    Storage_Result const prepared =
+        writes ? give_xbsa_folder(info.url, cluster_id_, os_user_)
+               : check_xbsa_folder_readable(info.url, cluster_id_, os_user_);
+    if (prepared.code() == Storage_Result::UNREACHABLE) {
+        // a pool may come back while the tool tries again
+        QMRT_LOG(LM_INFO, "Pool %s is not prepared, %s\n", info.name.c_str(),
+                 prepared.text().c_str());
+        return true;
+    }
+    if (!prepared)
+        QMRT_LOG(LM_ERROR, "Failed to prepare pool %s, %s\n", info.name.c_str(),
+                 prepared.text().c_str());
+    return bool(prepared);
+}
+
 /** They become names in a pool. */
 bool Roach_Source::are_ids_valid() const {
     if ((cluster_id_.empty() || is_single_name(cluster_id_)) &&
@@ -230,7 +257,7 @@ bool Roach_Source::dump_policy() {
                  policy_name_.c_str());
         return false;
     }
-    if (path.empty() || !are_ids_valid() || !create_path())
+    if (path.empty() || !are_ids_valid() || !create_path() || !prepare_pool())
         return false;
     WebSocket_Options const& server = *WebSocket_Options::instance();
     json_spirit::Object policy = route();
@@ -239,7 +266,8 @@ bool Roach_Source::dump_policy() {
     Password_File_Entry user;
     if (!os_user_.empty() && user.get(os_user_.c_str()) == -1)
         return false; // create_path() has refused it already
-    File_Owner const owner{user.uid(), user.gid()};
+    // not the user's group, in which other databases' users may be
+    File_Owner const owner{user.uid(), getegid()};
     return dump_json(path.c_str(), json_spirit::Value(std::move(policy)), 0, false, 0640,
                      os_user_.empty() ? nullptr : &owner);
 }

@@ -58,8 +58,9 @@ public:
     /** Empties the metadata directory, with what another user has there set aside. */
     void delete_meta();
     /**
-     * Makes the directories and writes the policy file: whole, and never readable by others. Only
-     * on a thread that works for a run, whose key goes into it.
+     * Makes the directories, the cluster's folder in the pool, and the policy file: whole, and
+     * never readable by others. Only on a thread that works for a run, whose key goes into the
+     * policy.
      */
     bool dump_policy();
     /** Removes the policy file and the 100 series' metadata file; neither need be there. */
@@ -150,6 +151,7 @@ private:
     bool get_meta(Client_IO_Ex& io, std::string const& name, char const* what);
     static bool is_backup_key(char const* backup_key);
     bool are_ids_valid() const;
+    bool prepare_pool();
     Tool_Directory meta() const;
     std::string static_config() const;
     std::string compression_name() const;

@@ -53,7 +53,7 @@ int Tool_Directory::make() const {
         if (status.st_uid == owner_->uid)
             return 0;
         if (status.st_uid == geteuid()) // just made
-            return fchown(directory.get(), owner_->uid, owner_->gid);
+            return fchown(directory.get(), owner_->uid, getegid());
         if (!again)
             return refuse_entry(EPERM);
         if (set_aside(status.st_uid) == -1)

@@ -1,5 +1,7 @@
 #include "host/storage/file_pool_folder.h"
 
+#include "host/storage/xbsa_layout.h"
+
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -8,7 +10,7 @@
 
 namespace {
 
-constexpr mode_t FOLDER_MODE = 0750;
+constexpr mode_t FOLDER_MODE = 0700;
 constexpr int FOLDER_FLAGS = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 Storage_Result::Code code_of(int error) {
@@ -46,18 +48,27 @@ int open_error(int parent, char const* name) {
     return error;
 }
 
-/** Opens the folder @a name. @param make  who to share it with if it has to be made, or null */
-int enter(int parent, char const* name, Pool_Sharing const* make) {
-    int fd = openat(parent, name, FOLDER_FLAGS);
+/** Opens a folder; one that only lets through, to pass through. */
+int open_or_pass(int parent, char const* name, int flags) {
+    int const fd = openat(parent, name, flags);
+    return fd != -1 || errno != EACCES ? fd : openat(parent, name, flags | O_PATH);
+}
+
+/** Syncs a folder; one that is open to pass through is not the caller's to sync. */
+int sync_folder(int fd) {
+    return fsync(fd) == -1 && errno != EBADF ? -1 : 0;
+}
+
+/** Opens the folder @a name, and makes it if that is wanted. */
+int enter(int parent, char const* name, bool make) {
+    int fd = open_or_pass(parent, name, FOLDER_FLAGS);
     if (fd != -1 || errno != ENOENT || !make)
         return fd;
-    bool const made = mkdirat(parent, name, make->folder_mode()) == 0;
+    bool const made = mkdirat(parent, name, FOLDER_MODE) == 0;
     if (!made && errno != EEXIST)
         return -1;
-    fd = openat(parent, name, FOLDER_FLAGS);
-    if (fd != -1 && made)
-        make->share_folder(fd);
-    if (fd != -1 && made && fsync(parent) == -1) {
+    fd = open_or_pass(parent, name, FOLDER_FLAGS);
+    if (fd != -1 && made && sync_folder(parent) == -1) {
         int const error = errno;
         close(fd);
         errno = error;
@@ -66,9 +77,9 @@ int enter(int parent, char const* name, Pool_Sharing const* make) {
     return fd;
 }
 
-Storage_Result walk(int pool, File_Pool_Folder::Parts const& parts, size_t depth,
-                    Pool_Sharing const* make, File_Descriptor& folder) {
-    File_Descriptor at(openat(pool, ".", FOLDER_FLAGS));
+Storage_Result walk(int pool, File_Pool_Folder::Parts const& parts, size_t depth, bool make,
+                    File_Descriptor& folder) {
+    File_Descriptor at(open_or_pass(pool, ".", FOLDER_FLAGS));
     if (!at)
         return storage_errno("failed to open the pool's folder", errno);
     for (size_t i = 0; i < depth; ++i) {
@@ -82,6 +93,11 @@ Storage_Result walk(int pool, File_Pool_Folder::Parts const& parts, size_t depth
     return {};
 }
 
+/** True where the first @a depth parts are those of a cluster's folder for the XBSA library. */
+bool is_xbsa_folder(File_Pool_Folder::Parts const& parts, size_t depth) {
+    return depth == 2 && xbsa_cluster_folder(parts[0]) == parts[0] + "/" + parts[1];
+}
+
 } // namespace
 
 Storage_Result storage_errno(std::string const& what, int error) {
@@ -91,33 +107,9 @@ Storage_Result storage_errno(std::string const& what, int error) {
     return {code_of(error), what + ": " + reason};
 }
 
-Pool_Sharing::Pool_Sharing(int pool) {
-    struct stat status;
-    if (fstat(pool, &status) == -1 || !(status.st_mode & S_IWGRP))
-        return;
-    pool_mode_ = status.st_mode;
-    group_ = status.st_gid;
-}
-
-mode_t Pool_Sharing::folder_mode() const {
-    // without S_ISGID the rights would be another group's until share_folder()
-    return pool_mode_ & S_ISGID ? (FOLDER_MODE & ~S_IRWXG) | (pool_mode_ & S_IRWXG) : FOLDER_MODE;
-}
-
-void Pool_Sharing::share_folder(int fd) const {
-    share(fd, FOLDER_MODE, S_IRWXG | S_ISGID);
-}
-
-void Pool_Sharing::share_file(int fd) const {
-    share(fd, OBJECT_MODE, S_IRGRP | S_IWGRP);
-}
-
-void Pool_Sharing::share(int fd, mode_t own_mode, mode_t group_bits) const {
-    struct stat status;
-    if (pool_mode_ == 0 || fstat(fd, &status) == -1)
-        return;
-    if (status.st_gid == group_ || fchown(fd, static_cast<uid_t>(-1), group_) == 0)
-        fchmod(fd, (own_mode & ~S_IRWXG) | (pool_mode_ & group_bits));
+File_Descriptor File_Pool_Folder::open_pool(char const* path) {
+    // the pool's own directory may be reached by a link
+    return File_Descriptor(open_or_pass(AT_FDCWD, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 File_Pool_Folder::Parts File_Pool_Folder::full_parts(std::string const& name) const {
@@ -130,7 +122,7 @@ File_Pool_Folder::Parts File_Pool_Folder::full_parts(std::string const& name) co
 
 Storage_Result File_Pool_Folder::open_folder(Parts const& parts, size_t depth,
                                              File_Descriptor& folder) const {
-    return walk(pool_.get(), parts, depth, nullptr, folder);
+    return walk(pool_.get(), parts, depth, false, folder);
 }
 
 Storage_Result File_Pool_Folder::make_folder(Parts const& parts, size_t depth,
@@ -139,7 +131,7 @@ Storage_Result File_Pool_Folder::make_folder(Parts const& parts, size_t depth,
     constexpr int ATTEMPTS = 100;
     Storage_Result result;
     for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
-        result = walk(pool_.get(), parts, depth, &sharing_, folder);
+        result = walk(pool_.get(), parts, depth, true, folder);
         if (result.code() != Storage_Result::NOT_FOUND)
             return result;
     }
@@ -149,7 +141,7 @@ Storage_Result File_Pool_Folder::make_folder(Parts const& parts, size_t depth,
 void File_Pool_Folder::remove_empty_folders(Parts const& parts) const {
     for (size_t depth = parts.size() - 1; depth > 0; --depth) {
         File_Descriptor parent;
-        if (!open_folder(parts, depth - 1, parent) ||
+        if (is_xbsa_folder(parts, depth) || !open_folder(parts, depth - 1, parent) ||
             unlinkat(parent.get(), parts[depth - 1].c_str(), AT_REMOVEDIR) == -1)
             return;
     }

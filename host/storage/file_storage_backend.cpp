@@ -170,10 +170,13 @@ Storage_Result File_Storage_Connection::list(std::string const& folder,
     if (!result)
         return result;
     File_Pool_Folder::Parts const parts = pool_->full_parts(folder);
-    File_Descriptor fd;
-    result = pool_->open_folder(parts, parts.size(), fd);
+    File_Descriptor found_folder;
+    result = pool_->open_folder(parts, parts.size(), found_folder);
     if (!result)
         return result;
+    File_Descriptor fd(openat(found_folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd)
+        return storage_errno("failed to list '" + folder + "'", errno);
     std::unique_ptr<DIR, Directory_Closer> const directory(fdopendir(fd.get()));
     if (!directory)
         return storage_errno("failed to list '" + folder + "'", errno);
@@ -251,7 +254,7 @@ Storage_Result File_Storage_Backend::connect(std::string const& url, Storage_Acc
         result = check_object_name(path.substr(pool.size() + (pool.back() != '/')));
     if (!result)
         return result;
-    File_Descriptor folder(::open(pool.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    File_Descriptor folder = File_Pool_Folder::open_pool(pool.c_str());
     if (!folder)
         return {Storage_Result::UNREACHABLE,
                 storage_errno("failed to open pool folder '" + pool + "'", errno).text()};

@@ -11,8 +11,8 @@
  * made; what a killed process left is not listed, and goes when the next object is written into
  * that folder, no earlier than a day after its last change.
  *
- * What is made has mode 0640, folders 0750, less the umask; in a pool whose folder its group may
- * write it is shared with that group, see Pool_Sharing.
+ * What is made has mode 0600, folders 0700: see xbsa_folder.h for who enters what. A folder that
+ * may be passed through and not be listed is passed through.
  *
  * Links below the pool folder are neither objects nor folders: they are BAD_NAME, are not listed
  * and never followed. The way to the pool folder itself may have links.

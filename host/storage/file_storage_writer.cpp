@@ -20,7 +20,9 @@ constexpr uint64_t WRITE_OUT_STEP = 8 * 1024 * 1024;
 /** True when nobody writes to the file any more: its writer holds a lock, and dies with it. */
 bool is_abandoned(int folder, char const* name, time_t age) {
     struct stat status;
-    File_Descriptor const file(openat(folder, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    // a FIFO of that name would hold the reader for ever
+    File_Descriptor const file(
+        openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     return file && fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
            status.st_mtime <= time(nullptr) - age && flock(file.get(), LOCK_EX | LOCK_NB) == 0;
 }
@@ -114,7 +116,6 @@ Storage_Result File_Storage_Writer::open_temporary() {
         if (file_) {
             temporary_ = name;
             flock(file_.get(), LOCK_EX | LOCK_NB);
-            pool_->sharing().share_file(file_.get());
             return {};
         }
         result = failed("create", errno);

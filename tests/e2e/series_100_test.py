@@ -39,7 +39,7 @@ class Series_100_Test(unittest.TestCase):
                                            stderr=subprocess.DEVNULL) == 0)
         zenbrak3("instances", "--refresh")
         zenbrak3("account", "c1", "backup", input="Backup@123\n")
-        subprocess.check_call(["install", "-d", "-g", "dbgrp", "-m", "2770", "/srv/pool"])
+        subprocess.check_call(["mkdir", "-p", "/srv/pool"])
         zenbrak3("pool", "create", "main", "file:///srv/pool")
 
     @classmethod

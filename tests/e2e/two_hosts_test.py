@@ -164,7 +164,7 @@ class Two_Hosts_Test(unittest.TestCase):
         cls.first.path("/etc/zenbrak3/agent.toml").write_text(SERVER)
         cls.second.path("/etc/zenbrak3/agent.toml").write_text(MEMBER)
         cls.first.start_agent()
-        cls.first.do("install", "-d", "-g", "dbgrp", "-m", "2770", "/srv/shared/pool")
+        cls.first.do("mkdir", "-p", "/srv/shared/pool")
         cls.first.do("install", "-d", "/srv/shared/private")
         cls.first.do("zenbrak3", "pool", "create", "main", "file:///srv/shared/pool")
         cls.first.do("zenbrak3", "pool", "create", "private", "file:///srv/shared/private")

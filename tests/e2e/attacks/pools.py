@@ -99,11 +99,11 @@ class Metadata_Attack_Test(Attack_Test):
                         os._exit(0)
                 except BlockingIOError:
                     pass
-                for directory in META.glob("roach/*"):
-                    try:
+                try:
+                    for directory in META.glob("roach/*"):
                         os.link(secret, directory / "hard")
-                    except OSError:
-                        pass
+                except OSError:
+                    pass
         os.close(read_end)
         try:
             run = self.backup()
@@ -136,3 +136,123 @@ class Metadata_Attack_Test(Attack_Test):
         self.assertEqual(owner, META.stat().st_uid)
         done = run_as(DATABASE_USER, "mv", META, CACHE / "moved")
         self.assertNotEqual(0, done.returncode)
+
+
+SECOND = "gauss2"  # the user of another database, of the same group
+SECOND_POLICY = CACHE / "second_policy"
+LIBRARY = "/opt/quilmot/zenbrak3/lib/libxbsa64.so"
+XBSA_TOOL = pathlib.Path(__file__).resolve().parents[2] / "support/xbsa_tool"
+
+
+def second_user():
+    try:
+        return pwd.getpwnam(SECOND)
+    except KeyError:
+        group = str(pwd.getpwnam(DATABASE_USER).pw_gid)
+        subprocess.run(["useradd", "--create-home", "-g", group, SECOND], check=True)
+        return pwd.getpwnam(SECOND)
+
+
+class Two_Users_Of_A_Pool_Test(Attack_Test):
+    def setUp(self):
+        self.user = second_user()
+        self.run = attacker.world.backup("--name", "ready")
+        self.assertEqual("completed", self.run["state"])
+        self.pool = next(iter(attacker.world.pools.values()))
+        self.objects = [path for name, path in attacker.world.objects(self.run["run_id"]).items()
+                        if "/xbsa/" in name]
+        self.assertTrue(self.objects)
+        self.cluster = self.objects[0].relative_to(self.pool).parts[0]
+
+    def assert_refused(self, *words, user=SECOND):
+        done = run_as(user, *words)
+        self.assertNotEqual(0, done.returncode, "%s did %s" % (user, words))
+
+    def test_plain_access_reaches_nothing_of_another_user(self):
+        cluster, one = self.pool / self.cluster, self.objects[0]
+        before = one.read_bytes()
+        for words in (["ls", self.pool], ["ls", cluster], ["ls", cluster / "xbsa"],
+                      ["ls", one.parent], ["cat", one], ["rm", "-f", one],
+                      ["cp", "/etc/hostname", one], ["touch", one.parent / "new"],
+                      ["touch", self.pool / "new"], ["mkdir", cluster / "new"],
+                      ["ls", cluster / "roach"], ["mv", cluster, self.pool / "moved"],
+                      ["ln", one, self.pool / "link"], ["chmod", "777", cluster / "xbsa"]):
+            self.assert_refused(*words)
+        # its own user reaches that, and nothing that is root's
+        for words in (["ls", self.pool], ["ls", cluster], ["ls", cluster / "roach"],
+                      ["mv", cluster / "xbsa", cluster / "moved"],
+                      ["ln", "-s", "/etc", cluster / "link"]):
+            self.assert_refused(*words, user=DATABASE_USER)
+        self.assertEqual(before, one.read_bytes())
+
+    def test_an_edited_policy_reaches_nothing_of_another_user(self):
+        tool = pathlib.Path(self.user.pw_dir) / "xbsa_tool"
+        tool.write_bytes(XBSA_TOOL.read_bytes())
+        tool.chmod(0o755)
+        run_id = attacker.world.start_slow_backup(rate=2000000)
+        try:
+            attacker.world.wait_for_percent(run_id, 1)
+            policy = attacker.world.policy("main")
+            self.assert_refused("cat", policy)  # though it is of the same group
+            # a policy of its own, as a run of its own would give it, with another's cluster_id
+            SECOND_POLICY.write_bytes(policy.read_bytes())
+            os.chown(SECOND_POLICY, self.user.pw_uid, 0)
+            for words in (["list", "gaussdb", "*"], ["put", "gaussdb", tool],
+                          ["get", "gaussdb", "*", self.user.pw_dir]):
+                done = run_as(SECOND, tool, LIBRARY, SECOND_POLICY.name, *words)
+                self.assertNotEqual(0, done.returncode, done.stdout)
+                self.assertIn("ermission denied", done.stdout + done.stderr)
+        finally:
+            SECOND_POLICY.unlink(missing_ok=True)
+            run = attacker.world.wait(run_id)
+        self.assertEqual("completed", run["state"], run)
+        for path in self.objects:
+            self.assertTrue(path.exists())
+
+    def test_what_a_user_plants_in_its_folder_leads_root_nowhere(self):
+        VICTIM.mkdir()
+        (VICTIM / "file").write_text(SECRET)
+        before = ids(VICTIM), ids(VICTIM / "file")
+        xbsa = self.pool / self.cluster / "xbsa"
+        folder = self.objects[0].parent
+        try:
+            for words in (["ln", "-s", VICTIM, folder / "a-link"],
+                          ["mkfifo", folder / ".zenbrak3-unfinished-x"],
+                          ["ln", "-s", VICTIM, xbsa / "a-link"]):
+                self.assertEqual(0, run_as(DATABASE_USER, *words).returncode, words)
+            subprocess.run(["zenbrak3", "backup", "remove", self.run["run_id"]], check=True,
+                           stdout=subprocess.DEVNULL, timeout=60)
+            attacker.world.sets.discard(self.run["run_id"])
+            self.assertEqual(before, (ids(VICTIM), ids(VICTIM / "file")))
+            self.assertEqual(["file"], os.listdir(VICTIM))
+        finally:
+            subprocess.run(["rm", "-rf", VICTIM, folder, xbsa / "a-link"], check=True)
+
+    def test_places_that_others_can_replace_become_no_pool(self):
+        home = attacker.home()
+        run_as(attacker.USER, "mkdir", "-p", home / "pool")
+        run_as(DATABASE_USER, "mkdir", "-p", attacker.home(DATABASE_USER) / "pool")
+        for path in (home / "pool", attacker.home(DATABASE_USER) / "pool", "/etc", "/var"):
+            before = ids(path)
+            done = subprocess.run(["zenbrak3", "pool", "create", "bad", path], text=True,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            self.assertNotEqual(0, done.returncode, path)
+            self.assertEqual(before, ids(path))
+        subprocess.run(["rm", "-r", home / "pool", attacker.home(DATABASE_USER) / "pool"],
+                       check=True)
+
+    def test_check_tells_of_a_pool_that_others_can_reach(self):
+        os.chmod(self.pool, 0o2770)
+        try:
+            done = subprocess.run(["zenbrak3", "check", "c1", "--pool", "main"], text=True,
+                                  stdout=subprocess.PIPE)
+            self.assertIn("--separate", done.stdout)
+            subprocess.run(["zenbrak3", "pool", "update", "main", "--separate"], check=True,
+                           stdout=subprocess.DEVNULL)
+            self.assertEqual(0o711, self.pool.stat().st_mode & 0o7777)
+            done = subprocess.run(["zenbrak3", "check", "c1", "--pool", "main"], text=True,
+                                  stdout=subprocess.PIPE)
+            self.assertNotIn("--separate", done.stdout)
+            self.assertIn("can write to its own folder", done.stdout)
+        finally:
+            os.chmod(self.pool, 0o711)

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -57,6 +58,40 @@ protected:
                         }};
     Pool_Record record_;
 };
+
+TEST_F(SQLite_Pools_Test, a_new_pool_is_closed_to_others) {
+    std::string const made = directory("p");
+    std::string const path = database_.directory().path("p");
+    ASSERT_EQ(0, chmod(path.c_str(), 0775));
+    ASSERT_TRUE(create(settings("p", made)));
+    struct stat status;
+    ASSERT_EQ(0, stat(path.c_str(), &status));
+    EXPECT_EQ(0711u, status.st_mode & 07777);
+    ASSERT_EQ(0, chmod(path.c_str(), 02770));
+    Pool_Settings wanted;
+    wanted.separate = true;
+    ASSERT_TRUE(pools_.update("p", wanted, record_));
+    ASSERT_EQ(0, stat(path.c_str(), &status));
+    EXPECT_EQ(0711u, status.st_mode & 07777);
+}
+
+TEST_F(SQLite_Pools_Test, a_directory_that_is_used_or_can_be_replaced_is_no_pool) {
+    database_.directory().write("used/notes.txt", "x");
+    expect_refused(settings("a", url("used")), "has something else in it, notes.txt");
+    database_.directory().write("again/6f9619ff-8b86-4011-b42d-00c04fc964ff/x", "x");
+    EXPECT_TRUE(create(settings("b", url("again"))));
+    std::string const open = directory("open/pool");
+    ASSERT_EQ(0, chmod(database_.directory().path("open").c_str(), 0777));
+    expect_refused(settings("c", open), "could be replaced by other users");
+    if (geteuid() != 0)
+        return; // only root can give files away
+    ASSERT_EQ(0, chmod(database_.directory().path("open").c_str(), 0755));
+    ASSERT_EQ(0, chown(database_.directory().path("open").c_str(), 12345, 0));
+    expect_refused(settings("c", open), "could be replaced by the user #12345");
+    struct stat status;
+    ASSERT_EQ(0, stat(database_.directory().path("used").c_str(), &status));
+    EXPECT_NE(0711u, status.st_mode & 07777);
+}
 
 TEST_F(SQLite_Pools_Test, a_pool_is_found_by_what_it_was_made_with) {
     Pool_Settings wanted = settings("my pool", directory("a b"));

@@ -4,10 +4,14 @@
 #include "tests/support/own_thread.h"
 #include "tests/support/temporary_directory.h"
 
+#include "host/storage/file_pool_folder.h"
+#include "host/storage/file_storage_writer.h"
+#include "host/storage/xbsa_folder.h"
 #include <fcntl.h>
 #include <functional>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sstream>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -67,9 +71,9 @@ TEST_F(file_storage_backend, an_object_is_a_file_that_others_cannot_read) {
     EXPECT_EQ("content", directory_.read("pool/f/o"));
     struct stat status;
     ASSERT_EQ(0, stat(directory_.path("pool/f/o").c_str(), &status));
-    EXPECT_EQ(0640u, status.st_mode & 07777);
+    EXPECT_EQ(0600u, status.st_mode & 07777);
     ASSERT_EQ(0, stat(directory_.path("pool/f").c_str(), &status));
-    EXPECT_EQ(0750u, status.st_mode & 07777);
+    EXPECT_EQ(0700u, status.st_mode & 07777);
 }
 
 TEST_F(file_storage_backend, urls_of_other_places_are_refused) {
@@ -272,117 +276,163 @@ TEST_F(file_storage_backend, folders_that_come_and_go_meanwhile_fail_nobody) {
     EXPECT_TRUE(std::filesystem::is_empty(directory_.path("pool")));
 }
 
-/** A pool that root and the users of a group share, in a directory that they can reach. */
-class file_storage_shared_pool : public file_storage_backend {
+/** A pool with the folders of two databases' users in it, where they can reach it. */
+class file_storage_separate_pool : public file_storage_backend {
 protected:
-    static constexpr gid_t POOL_GROUP = 1;
-    static constexpr gid_t OTHER_GROUP = 2;
-    static constexpr uid_t DATABASE_USER = 4242;
-    static constexpr uid_t OTHER_USER = 4343;
+    static constexpr char FIRST[] = "daemon";
+    static constexpr char SECOND[] = "games";
 
     void SetUp() override {
         if (geteuid() != 0)
             GTEST_SKIP() << "only root can act as other users";
         file_storage_backend::SetUp();
         ASSERT_EQ(0, chmod(directory_.path().c_str(), 0755));
-        share(02770);
+        EXPECT_TRUE(separate_pool(pool_));
+        EXPECT_TRUE(give_xbsa_folder(url(), "first", FIRST));
+        EXPECT_TRUE(give_xbsa_folder(url(), "second", SECOND));
     }
-    void share(mode_t mode) {
-        ASSERT_EQ(0, chown(pool_.c_str(), 0, POOL_GROUP));
-        ASSERT_EQ(0, chmod(pool_.c_str(), mode));
-        connection_ = connect(pool_);
-    }
-    /** Does something as another user, who is in the pool's group; true when it was done. */
-    bool as_user(uid_t user, std::function<bool()> const& action) {
+    std::string url() const { return "file://" + pool_; }
+    /** Does something as a user of the operating system; true when it was done. */
+    bool as_user(char const* name, std::function<bool()> const& action) {
+        passwd const* const user = getpwnam(name);
         pid_t const child = fork();
         if (child == 0) {
-            gid_t const groups[] = {POOL_GROUP};
-            umask(077);
-            bool const changed =
-                setgroups(1, groups) == 0 && setgid(OTHER_GROUP) == 0 && setuid(user) == 0;
-            _exit(changed && action() ? 0 : 1);
+            umask(0);
+            bool const changed = setgroups(0, nullptr) == 0 && setgid(user->pw_gid) == 0 &&
+                                 setuid(user->pw_uid) == 0;
+            connection_ = changed ? connect(pool_) : nullptr;
+            _exit(connection_ && action() ? 0 : 1);
         }
         int status = -1;
         return waitpid(child, &status, 0) == child && status == 0;
     }
-    bool put_as(uid_t user, std::string const& name) {
-        return as_user(user, [&] {
-            connection_ = connect(pool_);
-            Storage_Result const result = put(name, "content");
-            if (!result)
-                fprintf(stderr, "%s\n", result.text().c_str());
-            return static_cast<bool>(result);
-        });
+    bool can_read(std::string const& name) {
+        std::unique_ptr<Storage_Reader> reader;
+        return static_cast<bool>(connection_->open(name, reader));
     }
-    std::string mode_and_group(std::string const& name) const {
+    bool can_list(std::string const& folder) {
+        std::vector<Storage_Entry> entries;
+        return static_cast<bool>(connection_->list(folder, entries));
+    }
+    std::string mode_of(std::string const& name) const {
         struct stat status {};
-        EXPECT_EQ(0, stat((pool_ + "/" + name).c_str(), &status));
+        EXPECT_EQ(0, lstat((pool_ + "/" + name).c_str(), &status)) << name;
         std::ostringstream text;
-        text << std::oct << (status.st_mode & 07777) << " " << std::dec << status.st_gid;
+        passwd const* const user = getpwuid(status.st_uid);
+        text << std::oct << (status.st_mode & 07777) << " " << (user ? user->pw_name : "?");
         return text.str();
     }
 
     std::string const pool_ = directory_.path("pool");
 };
 
-TEST_F(file_storage_shared_pool, what_a_member_makes_has_the_pool_s_group_and_its_rights) {
-    ASSERT_TRUE(put_as(DATABASE_USER, "set/data/object"));
-    EXPECT_EQ("2770 1", mode_and_group("set"));
-    EXPECT_EQ("2770 1", mode_and_group("set/data"));
-    EXPECT_EQ("660 1", mode_and_group("set/data/object"));
-}
-
-TEST_F(file_storage_shared_pool, what_root_makes_a_member_can_read_replace_and_remove) {
-    ASSERT_TRUE(put("set/object", "by root"));
-    EXPECT_EQ("660 1", mode_and_group("set/object"));
-    EXPECT_TRUE(as_user(DATABASE_USER, [&] {
-        connection_ = connect(pool_);
-        std::unique_ptr<Storage_Reader> reader;
-        return connection_->open("set/object", reader) && put("set/object", "by the user") &&
-               connection_->remove("set/object");
+TEST_F(file_storage_separate_pool, a_user_has_its_own_folder_and_nothing_else) {
+    ASSERT_TRUE(as_user(FIRST, [&] {
+        return put("first/xbsa/set/object", "content") && can_read("first/xbsa/set/object") &&
+               can_list("first/xbsa") && put("first/xbsa/set/object", "other") &&
+               put("first/xbsa/set/gone", "x") && connection_->remove("first/xbsa/set/gone");
     }));
-    EXPECT_EQ(0u, files_in_pool());
+    EXPECT_EQ("700 daemon", mode_of("first/xbsa/set"));
+    EXPECT_EQ("600 daemon", mode_of("first/xbsa/set/object"));
+    EXPECT_FALSE(as_user(SECOND, [&] { return can_read("first/xbsa/set/object"); }));
+    EXPECT_FALSE(as_user(SECOND, [&] { return can_list("first/xbsa"); }));
+    EXPECT_FALSE(as_user(SECOND, [&] { return can_list("first/xbsa/set"); }));
+    EXPECT_FALSE(as_user(SECOND, [&] { return can_list("first"); }));
+    EXPECT_FALSE(as_user(SECOND, [&] { return can_list(""); }));
+    EXPECT_FALSE(as_user(SECOND, [&] { return !!put("first/xbsa/set/object", "mine"); }));
+    EXPECT_FALSE(as_user(SECOND, [&] { return !!put("first/xbsa/set/new", "mine"); }));
+    EXPECT_FALSE(as_user(SECOND, [&] { return !!put("first/roach/new", "mine"); }));
+    EXPECT_FALSE(as_user(SECOND, [&] { return !!put("third/xbsa/new", "mine"); }));
+    EXPECT_FALSE(as_user(SECOND, [&] { return !!connection_->remove("first/xbsa/set/object"); }));
+    EXPECT_TRUE(can_read("first/xbsa/set/object"));
 }
 
-TEST_F(file_storage_shared_pool, members_share_folders) {
-    ASSERT_TRUE(put_as(DATABASE_USER, "set/one"));
-    EXPECT_TRUE(put_as(OTHER_USER, "set/two"));
-    EXPECT_TRUE(put_as(OTHER_USER, "set/one"));
-    EXPECT_TRUE(as_user(DATABASE_USER, [&] { return !!connect(pool_)->remove("set/two"); }));
+TEST_F(file_storage_separate_pool, what_root_makes_is_roots) {
+    umask(0);
+    ASSERT_TRUE(put("first/roach/key/backups.ini", "content"));
+    EXPECT_EQ("700 root", mode_of("first/roach"));
+    EXPECT_EQ("600 root", mode_of("first/roach/key/backups.ini"));
+    EXPECT_FALSE(as_user(FIRST, [&] { return can_read("first/roach/key/backups.ini"); }));
 }
 
-TEST_F(file_storage_shared_pool, a_pool_without_the_set_group_bit_is_shared_too) {
-    share(0770);
-    ASSERT_TRUE(put_as(DATABASE_USER, "set/object"));
-    EXPECT_EQ("770 1", mode_and_group("set"));
-    EXPECT_EQ("660 1", mode_and_group("set/object"));
+TEST_F(file_storage_separate_pool, folders_have_the_owners_and_modes_that_separate) {
+    EXPECT_EQ("711 root", mode_of(""));
+    EXPECT_EQ("711 root", mode_of("first"));
+    EXPECT_EQ("700 daemon", mode_of("first/xbsa"));
+    EXPECT_EQ("", fault_of_separation(pool_));
+    ASSERT_EQ(0, chmod(pool_.c_str(), 02775));
+    EXPECT_NE("", fault_of_separation(pool_));
 }
 
-TEST_F(file_storage_shared_pool, a_pool_that_its_group_may_only_read_is_as_it_was) {
-    umask(022);
-    share(0750);
-    ASSERT_TRUE(put("set/object", "content"));
-    EXPECT_EQ("750 0", mode_and_group("set"));
-    EXPECT_EQ("640 0", mode_and_group("set/object"));
+TEST_F(file_storage_separate_pool, anothers_folder_is_refused_with_both_names) {
+    Storage_Result const result = give_xbsa_folder(url(), "first", SECOND);
+    EXPECT_FALSE(result);
+    EXPECT_NE(std::string::npos, result.text().find("daemon")) << result.text();
+    EXPECT_NE(std::string::npos, result.text().find("games")) << result.text();
+    EXPECT_EQ("700 daemon", mode_of("first/xbsa"));
+    EXPECT_TRUE(check_xbsa_folder_readable(url(), "first", FIRST));
+    EXPECT_TRUE(check_xbsa_folder_readable(url(), "none", FIRST));
+    Storage_Result const read = check_xbsa_folder_readable(url(), "first", SECOND);
+    EXPECT_FALSE(read);
+    EXPECT_NE(std::string::npos, read.text().find("setfacl")) << read.text();
 }
 
-TEST_F(file_storage_shared_pool, a_pool_of_its_owner_alone_is_as_it_was) {
-    umask(022);
-    share(0700);
-    ASSERT_TRUE(put("set/object", "content"));
-    EXPECT_EQ("750 0", mode_and_group("set"));
-    EXPECT_EQ("640 0", mode_and_group("set/object"));
-    EXPECT_FALSE(as_user(DATABASE_USER, [&] {
-        std::shared_ptr<Storage_Connection> made;
-        return !!backend_.connect("file://" + pool_, {}, made);
-    }));
+TEST_F(file_storage_separate_pool, ids_that_lead_elsewhere_are_refused) {
+    for (char const* id : {"", "..", "a/b", "/tmp"})
+        EXPECT_FALSE(give_xbsa_folder(url(), id, FIRST)) << id;
+    EXPECT_FALSE(give_xbsa_folder(url(), "third", "no-such-user"));
 }
 
-TEST_F(file_storage_shared_pool, rights_that_the_group_does_not_have_are_not_given) {
-    share(02730); // may make things in it, and not list it
-    ASSERT_TRUE(put("set/object", "content"));
-    EXPECT_EQ("2730 1", mode_and_group("set"));
-    EXPECT_EQ("620 1", mode_and_group("set/object"));
+TEST_F(file_storage_separate_pool, links_in_the_place_of_folders_are_not_followed) {
+    directory_.write("victim/xbsa/file", "x");
+    std::string const victim = directory_.path("victim");
+    struct stat before {};
+    ASSERT_EQ(0, stat((victim + "/xbsa").c_str(), &before));
+    ASSERT_EQ(0, symlink(victim.c_str(), (pool_ + "/third").c_str()));
+    EXPECT_FALSE(give_xbsa_folder(url(), "third", FIRST));
+    ASSERT_EQ(0, mkdir((pool_ + "/fourth").c_str(), 0777));
+    ASSERT_EQ(0, symlink((victim + "/xbsa").c_str(), (pool_ + "/fourth/xbsa").c_str()));
+    EXPECT_FALSE(give_xbsa_folder(url(), "fourth", FIRST));
+    EXPECT_TRUE(separate_pool(pool_));
+    struct stat status;
+    ASSERT_EQ(0, stat((victim + "/xbsa").c_str(), &status));
+    EXPECT_EQ(0u, status.st_uid);
+    EXPECT_EQ(before.st_mode, status.st_mode);
+}
+
+TEST_F(file_storage_separate_pool, a_pool_of_an_older_version_is_closed) {
+    ASSERT_TRUE(as_user(FIRST, [&] { return !!put("first/xbsa/set/object", "content"); }));
+    directory_.write("pool/first/roach/key/file", "x");
+    directory_.write("pool/host/roach/file", "x");
+    passwd const* const user = getpwnam(FIRST);
+    ASSERT_EQ(0, chown((pool_ + "/first").c_str(), user->pw_uid, user->pw_gid));
+    for (char const* name : {"", "/first", "/first/xbsa", "/first/roach", "/host"})
+        ASSERT_EQ(0, chmod((pool_ + name).c_str(), 02770));
+    EXPECT_TRUE(separate_pool(pool_));
+    EXPECT_EQ("711 root", mode_of(""));
+    EXPECT_EQ("711 root", mode_of("first"));
+    EXPECT_EQ("700 daemon", mode_of("first/xbsa"));
+    EXPECT_EQ("700 root", mode_of("first/roach"));
+    EXPECT_EQ("700 root", mode_of("host"));
+    EXPECT_TRUE(as_user(FIRST, [&] { return can_read("first/xbsa/set/object"); }));
+}
+
+TEST_F(file_storage_separate_pool, a_users_folder_stays_when_root_removes_the_last_object) {
+    ASSERT_TRUE(as_user(FIRST, [&] { return !!put("first/xbsa/set/object", "content"); }));
+    connection_ = connect(pool_);
+    EXPECT_TRUE(connection_->remove("first/xbsa/set/object"));
+    EXPECT_EQ("700 daemon", mode_of("first/xbsa"));
+    EXPECT_TRUE(std::filesystem::is_empty(pool_ + "/first/xbsa"));
+    EXPECT_TRUE(as_user(FIRST, [&] { return !!put("first/xbsa/next/object", "content"); }));
+}
+
+TEST_F(file_storage_separate_pool, a_pipe_that_looks_unfinished_does_not_hold_root) {
+    std::string const name = pool_ + "/first/xbsa/" + UNFINISHED_PREFIX + "x";
+    ASSERT_EQ(0, mkfifo(name.c_str(), 0666));
+    File_Descriptor const folder(open((pool_ + "/first/xbsa").c_str(), O_RDONLY | O_DIRECTORY));
+    size_t left = 0;
+    EXPECT_EQ(0u, sweep_unfinished(folder, 0, &left));
+    EXPECT_EQ(1u, left);
 }
 
 } // namespace

@@ -1,0 +1,55 @@
+#ifndef HOST_STORAGE_XBSA_FOLDER_H
+#define HOST_STORAGE_XBSA_FOLDER_H
+
+#include "host/storage/storage_backend.h"
+
+#include <string>
+
+/**
+ * Who may enter what in a pool that is a directory:
+ *
+ *     <pool>                   root, 0711   the databases' users pass through and list nothing
+ *     <pool>/<cluster>         root, 0711
+ *     <pool>/<cluster>/xbsa    the cluster's user, 0700: what the XBSA library writes
+ *     all else                 root, 0700 and 0600
+ *
+ * So no database's user reaches what another one's backups are made of, and none can replace a
+ * folder with a link. The functions follow no link below the pool's directory. A pool of another
+ * kind than a directory is left as it is: success. They may be used on any thread.
+ */
+
+/**
+ * Makes a cluster's folders for the XBSA library, before it is run as @a user. What an older
+ * version left open to a group is closed.
+ * @return FAILED when the folder is another user's, with both names; where the file system has no
+ *         owners and the user cannot write either. Where the user can, a warning line tells that
+ *         the pool's clusters are not separated.
+ */
+Storage_Result give_xbsa_folder(std::string const& pool_url, std::string const& cluster_id,
+                                std::string const& user);
+
+/**
+ * Checks that a user may read what a cluster has in a pool, which may be another's: that is up to
+ * the administrator.
+ * @return FAILED with what to do; success also when nothing is there
+ */
+Storage_Result check_xbsa_folder_readable(std::string const& pool_url,
+                                          std::string const& cluster_id, std::string const& user);
+
+/** Checks that a user can make files in a folder of its own; it must be there. */
+Storage_Result check_xbsa_folder_writable(std::string const& folder, std::string const& user);
+
+/**
+ * Gives the folders of a pool the owners and modes above, as far as they are known without the
+ * clusters' users: an xbsa folder keeps its owner.
+ * @param path  the pool's directory, whose owner and mode are set, too
+ */
+Storage_Result separate_pool(std::string const& path);
+
+/**
+ * Why the users of a pool are not separated, and what to do; "" when they are. Makes and removes an
+ * empty file in the pool's directory.
+ */
+std::string fault_of_separation(std::string const& path);
+
+#endif
