@@ -209,11 +209,14 @@ secure_string Agent_Jobs::run_key(Job const& job) {
 
 // reading
 
-void Agent_Jobs::show_present(Job_Run& run) {
-    std::lock_guard const guard(mutex_);
+/** A row that was read before its run ended is read again, since the run is not live any more. */
+Job_Answer Agent_Jobs::show_present(Job_Run& run) {
+    std::unique_lock guard(mutex_);
     auto const live = live_.find(run.run_id);
-    if (live == live_.end())
-        return;
+    if (live == live_.end()) {
+        guard.unlock();
+        return run.end_time ? Job_Answer() : store_.find(run.run_id, run);
+    }
     int const alerts = run.alerts;
     run = live->second.run;
     run.alerts = alerts;
@@ -222,21 +225,20 @@ void Agent_Jobs::show_present(Job_Run& run) {
         run.state = JOB_STATE_COMPLETING;
         run.end_time = 0;
     }
+    return {};
 }
 
 Job_Answer Agent_Jobs::list(Run_Query const& query, std::vector<Job_Run>& result) {
-    Job_Answer const answer = store_.list(query, result);
-    if (answer)
-        for (Job_Run& run : result)
-            show_present(run);
+    Job_Answer answer = store_.list(query, result);
+    for (Job_Run& run : result)
+        if (answer)
+            answer = show_present(run);
     return answer;
 }
 
 Job_Answer Agent_Jobs::find(std::string const& beginning, Job_Run& result) {
     Job_Answer const answer = store_.find(beginning, result);
-    if (answer)
-        show_present(result);
-    return answer;
+    return answer ? show_present(result) : answer;
 }
 
 Job_Answer Agent_Jobs::last(std::string const& definition, Job_Run& result) {

@@ -100,7 +100,7 @@ private:
 
     /** Changes a live run and writes it; one that is not live is left alone. */
     void change(std::string const& run_id, std::function<void(Job_Run& run)> const& what);
-    void show_present(Job_Run& run);
+    Job_Answer show_present(Job_Run& run);
     void forget(std::string const& run_id);
 
     Run_Store store_;

@@ -211,9 +211,11 @@ protected:
         if (handled && are_good_params(message.params(), fault))
             return route->entry.handler->handle_object(channel, object);
         bool const done = allowed && !handled && run(route->entry.method, call, result, fault);
-        if (object->type() == JSON_RPC_Object::TYPE_REQUEST)
+        if (object->type() == JSON_RPC_Object::TYPE_REQUEST) {
+            object->hold(nullptr); // whoever has the answer has the room for the next request
             return answer(channel, static_cast<JSON_RPC_Request const&>(message).id(), done, result,
                           fault);
+        }
         if (!done)
             QMRT_LOG(LM_ERROR, "Failed to handle the notification '%s', %s\n",
                      qmrt::to_one_line(call.method).c_str(),

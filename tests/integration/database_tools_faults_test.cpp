@@ -223,9 +223,9 @@ TEST_P(Tool_Fault, a_megabyte_without_a_line_break_does_no_harm) {
     EXPECT_TRUE(run());
 }
 
-TEST_P(Tool_Fault, a_megabyte_of_digits_and_blanks_does_no_harm) {
+TEST_P(Tool_Fault, a_line_of_digits_and_blanks_up_to_the_limit_does_no_harm) {
     std::string const line = "gs_check (GaussDB Kernel cluster_state : port= - 11111111 22222222 ";
-    script("repeat 16384 " + line + "\nout\n" + print_wanted());
+    script("repeat 15000 " + line + "\nout\n" + print_wanted());
     auto const begin = std::chrono::steady_clock::now();
     EXPECT_TRUE(run());
     // a pattern that goes back over all of it again and again takes minutes

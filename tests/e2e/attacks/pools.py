@@ -214,7 +214,7 @@ class Two_Users_Of_A_Pool_Test(Attack_Test):
         (VICTIM / "file").write_text(SECRET)
         before = ids(VICTIM), ids(VICTIM / "file")
         xbsa = self.pool / self.cluster / "xbsa"
-        folder = self.objects[0].parent
+        folder = xbsa / self.run["run_id"]
         try:
             for words in (["ln", "-s", VICTIM, folder / "a-link"],
                           ["mkfifo", folder / ".zenbrak3-unfinished-x"],

@@ -140,18 +140,20 @@ TEST_F(Readiness_Check_Test, flavours_that_are_logged_on_to_need_an_account) {
 }
 
 TEST_F(Readiness_Check_Test, pools) {
+    std::string const path = directory_.path();
+    ASSERT_EQ(0, chmod(path.c_str(), 0711));
     struct {
         Readiness_Check::Pool pool;
         uint64_t needed;
         char const* fault;
     } const cases[] = {
-        {{"p", true, false, 100, 0, 0, "/tmp"}, 100, nullptr},
-        {{"p", true, false, 100, 0, 0, "/tmp"}, 0, nullptr},
-        {{"p", true, false, 100, 0, 0, "/tmp"}, 101, "100 B free"},
-        {{"p", true, false, 5000, 10, 2058, "/tmp"}, 3000, "2.0 KiB free"},
-        {{"p", true, false, 5000, 100, 60, "/tmp"}, 0, "0 B free"},
-        {{"p", false, false, 100, 0, 0, "/tmp"}, 0, "not there"},
-        {{"p", true, true, 100, 0, 0, "/tmp"}, 0, "read-only"},
+        {{"p", true, false, 100, 0, 0, path}, 100, nullptr},
+        {{"p", true, false, 100, 0, 0, path}, 0, nullptr},
+        {{"p", true, false, 100, 0, 0, path}, 101, "100 B free"},
+        {{"p", true, false, 5000, 10, 2058, path}, 3000, "2.0 KiB free"},
+        {{"p", true, false, 5000, 100, 60, path}, 0, "0 B free"},
+        {{"p", false, false, 100, 0, 0, path}, 0, "not there"},
+        {{"p", true, true, 100, 0, 0, path}, 0, "read-only"},
         {{"p", true, false, 100, 0, 0, "/not mounted"}, 0, "/not mounted is not on this host"},
     };
     for (auto const& row : cases) {
@@ -162,6 +164,10 @@ TEST_F(Readiness_Check_Test, pools) {
         else
             expect_good("pool p");
     }
+    ASSERT_EQ(0, chmod(path.c_str(), 0755));
+    check_ = Readiness_Check();
+    check_.pool({"p", true, false, 100, 0, 0, path}, 0);
+    expect_bad("pool p", "other users can list or change its directory");
     check_.no_pool();
     expect_bad("pool", "there is none");
     check_ = Readiness_Check();
