@@ -196,17 +196,16 @@ class Profiles_Test(Attack_Test):
     def test_a_job_does_not_wait_for_the_profile_of_its_user(self):
         profile = HOME / ".profile"
         kept = profile.read_bytes()
-
-        def put_back():
+        try:
+            for make in (["mkfifo", profile], ["ln", "-s", "/dev/zero", profile]):
+                run_as(DATABASE_USER, "rm", "-f", profile)
+                self.assertEqual(0, run_as(DATABASE_USER, *make).returncode)
+                begin = time.monotonic()
+                run = attacker.world.backup()
+                self.assertNotEqual("completed", run["state"])
+                self.assertLess(time.monotonic() - begin, 60)
+                self.assertIn("Failed to open %s" % profile, attacker.world.log(run))
+        finally:
             profile.unlink()
             profile.write_bytes(kept)
             os.chown(profile, HOME.stat().st_uid, HOME.stat().st_gid)
-        self.addCleanup(put_back)
-        for make in (["mkfifo", profile], ["ln", "-s", "/dev/zero", profile]):
-            run_as(DATABASE_USER, "rm", "-f", profile)
-            self.assertEqual(0, run_as(DATABASE_USER, *make).returncode)
-            begin = time.monotonic()
-            run = attacker.world.backup()
-            self.assertNotEqual("completed", run["state"])
-            self.assertLess(time.monotonic() - begin, 60)
-            self.assertIn("Failed to open %s" % profile, attacker.world.log(run))
