@@ -25,7 +25,7 @@ public:
         Slot(Slot const&) = delete;
         Slot& operator=(Slot const&) = delete;
 
-        /** The client has shown the key. @return false when there is no room for it */
+        /** The client has shown the key. @return false when its room is full */
         bool show_key() { return slots_->move(*this); }
 
     private:

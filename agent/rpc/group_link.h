@@ -45,7 +45,7 @@ struct Group_Link_Options {
  */
 class Group_Link : public Upstream_Backend {
 public:
-    /** @param methods  stays the caller's and lives longer; gets group.deliver */
+    /** @param methods  not owned, must outlive this object; gets group.deliver */
     Group_Link(Method_Table& methods, Group_Link_Options options);
     /** Calls stop(). */
     ~Group_Link() override;

@@ -26,7 +26,7 @@ public:
 
         /**
          * The message is so long by now.
-         * @return false when there is no room for it; one line a minute at LM_WARNING tells it
+         * @return false when the budget is used up; logs one line a minute at LM_WARNING
          */
         bool grow_to(size_t size);
 

@@ -19,7 +19,7 @@
 class Run_Keys {
 public:
     using Clock = std::chrono::steady_clock;
-    /** For how long the keys of a host hold whose connection has gone. */
+    /** How long a host's keys stay valid after its connection is lost. */
     static constexpr std::chrono::minutes LOST_HOST{15};
     /** Keys of one host at most; the agent itself runs far fewer jobs at once. */
     static constexpr size_t MOST_OF_A_HOST = 1024;
@@ -44,7 +44,7 @@ public:
     void end(std::string const& host_uuid, std::string const& run_id);
     /** Exchanges all keys of a host: it has joined, and these of its runs are on. */
     void replace(std::string const& host_uuid, std::vector<Entry> entries);
-    /** The connection of a host has gone; replace() or LOST_HOST later its keys are void. */
+    /** A host's connection is lost; its keys end with replace() or after LOST_HOST. */
     void host_lost(std::string const& host_uuid, Clock::time_point now = Clock::now());
 
     /** What a key is for; null for one that is not known, or no longer. */

@@ -194,7 +194,7 @@ void Unix_Session::flush() {
     resume();
 }
 
-/** A read sees no difference between a client that has gone and one that only sends no more. */
+/** A read cannot tell a client that disconnected from one that only stopped sending. */
 void Unix_Session::tick_i(Clock::time_point) {
     if (!reading_ && socket_.is_open() && is_gone(socket_.native_handle(), false))
         shut();

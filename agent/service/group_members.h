@@ -46,7 +46,7 @@ public:
      * @param why  when false
      */
     bool add(Member_Record const& member, secure_string& key, std::string& why);
-    /** @return false with why: there is no such member, or the database failed */
+    /** @return false with why: the member does not exist, or the database failed */
     bool remove(std::string const& name, std::string& why);
     /** Takes @a host_uuid for the only host of a member that has none. @return false with why */
     bool bind(std::string const& name, std::string const& host_uuid, std::string& why);

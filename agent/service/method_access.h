@@ -19,7 +19,8 @@ struct Set_Facts;
  * Who may call which method: the one table of it is in method_access.cpp. What has no row there is
  * refused to everybody.
  *
- * - Administrators, at the socket or with the administrator's key, may do all that is for people.
+ * - Administrators, at the socket or with the administrator's key, may call every method for
+ * people.
  * - A member of the group may do its own host's business: write the sets that its own host writes,
  *   of resources that it has, into pools that it was given; and read what lies in those pools.
  * - A run's key opens the three calls that the data path needs, for that run's set and for the sets
