@@ -5,6 +5,7 @@
 #include "qmrt/file.h"
 
 #include <fcntl.h>
+#include <filesystem>
 #include <grp.h>
 #include <signal.h>
 #include <stdexcept>
@@ -13,6 +14,23 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
+
+/**
+ * The test's child as a program that only root can change. Processes are believed to be a
+ * database's only if that is so from "/" down, and the build directory may lie anywhere. It lies
+ * in the temporary directory, which the private root keeps for root, and stays for the next test.
+ */
+inline std::string const& trusted_test_child() {
+    static std::string const path = [] {
+        std::string const copy = std::filesystem::temp_directory_path() / "zenbrak3_test_child";
+        std::string const scratch = copy + "." + std::to_string(getpid());
+        std::filesystem::copy_file(ZENBRAK3_TEST_CHILD, scratch);
+        std::filesystem::permissions(scratch, std::filesystem::perms(0755));
+        std::filesystem::rename(scratch, copy);
+        return copy;
+    }();
+    return path;
+}
 
 /**
  * A real process, idle until the object goes, that looks in /proc like one of a database's: its
@@ -26,16 +44,16 @@ public:
      * @param environment  "NAME=value" each, and nothing else
      * @param user         whose it is; the test is run by root
      * @param rest         further arguments
-     * @param executable   a copy of the test's child
+     * @param executable   the test's child or a copy of it
      */
     Database_Process(std::string const& title, std::vector<std::string> const& environment,
                      char const* user = "nobody", std::vector<std::string> const& rest = {},
-                     char const* executable = ZENBRAK3_TEST_CHILD) {
+                     std::string const& executable = trusted_test_child()) {
         Password_File_Entry entry;
         int input[2];
         int started[2];
         // opened here, where the path can be walked: the user might not get there
-        File_Descriptor const program(open(executable, O_RDONLY | O_CLOEXEC));
+        File_Descriptor const program(open(executable.c_str(), O_RDONLY | O_CLOEXEC));
         if (entry.get(user) == -1 || !program || pipe2(input, O_CLOEXEC) == -1 ||
             pipe2(started, O_CLOEXEC) == -1)
             throw std::runtime_error("Database_Process: " + title);

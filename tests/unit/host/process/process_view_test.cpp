@@ -64,7 +64,8 @@ protected:
 };
 
 TEST_F(Process_View_Test, a_process_is_seen_with_all_that_belongs_to_it) {
-    Database_Process const process("/opt/db/bin/gaussdb", {"A=1", "B=x y"});
+    Database_Process const process("/opt/db/bin/gaussdb", {"A=1", "B=x y"}, "nobody", {},
+                                   ZENBRAK3_TEST_CHILD);
     ASSERT_EQ(0, view_process(process.pid(), view_));
     EXPECT_EQ(process.pid(), view_.pid);
     EXPECT_EQ(nobody_.uid(), view_.uid);
@@ -79,7 +80,7 @@ TEST_F(Process_View_Test, a_process_is_seen_with_all_that_belongs_to_it) {
 }
 
 TEST_F(Process_View_Test, a_process_that_has_gone_is_told_by_errno) {
-    Database_Process process("x", {});
+    Database_Process process("x", {}, "nobody", {}, ZENBRAK3_TEST_CHILD);
     pid_t const pid = process.pid();
     process.end();
     view_.program = "before";
