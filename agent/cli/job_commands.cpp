@@ -25,6 +25,7 @@ std::vector<Column> const& run_fields() {
                                             {"Level", "subtype"},
                                             {"Instance", "instance"},
                                             {"State", "state"},
+                                            {"Waits for", "waiting_for"},
                                             {"Code", "code"},
                                             {"Message", "message"},
                                             {"Done", "percent", Form::PERCENT},

@@ -63,6 +63,9 @@ std::string run_title(json_spirit::Object const& run) {
 
 std::string progress_text(json_spirit::Object const& run) {
     std::string text = printable(json_spirit::object_get_str(run, "state"));
+    std::string const waits_for = json_spirit::object_get_str(run, "waiting_for");
+    if (!waits_for.empty())
+        return text + ", waits for " + printable(waits_for);
     int64_t const percent = percent_of(run);
     int64_t const total = number_of(run, "total_size");
     int64_t const processed = number_of(run, "processed_size");

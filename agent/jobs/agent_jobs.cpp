@@ -27,6 +27,13 @@ Job_Run record_of(Job const& job) {
     return run;
 }
 
+/** Of a run that failed before its job began to work. */
+Job_Alert start_alert(std::string const& text) {
+    constexpr unsigned long FAILS = 7;
+    constexpr unsigned long NOT_STARTED = 101;
+    return {FAILS, NOT_STARTED, 0, json_spirit::Value::null, 1, text};
+}
+
 } // namespace
 
 Agent_Jobs::Agent_Jobs(Agent_Database& database, Settings settings, Storage_Clock& clock)
@@ -52,15 +59,60 @@ bool Agent_Jobs::recover() {
 
 std::string Agent_Jobs::new_run_id(Job const& job) {
     Job_Run run = record_of(job);
+    {
+        std::lock_guard const guard(mutex_);
+        auto const unstarted = std::ranges::find_if(live_, [&](auto const& entry) {
+            return entry.second.unstarted && entry.second.run.definition == run.definition;
+        });
+        if (unstarted != live_.end()) {
+            unstarted->second.unstarted = false;
+            unstarted->second.run.waiting_for.clear();
+            return unstarted->first;
+        }
+    }
+    return add(run) ? run.run_id : "";
+}
+
+bool Agent_Jobs::add(Job_Run& run, bool unstarted) {
     run.start_time = clock_.now();
     if (!store_.add(run))
-        return "";
+        return false;
     std::lock_guard const guard(mutex_);
     // a job has one run at a time: what is left of an earlier one never began
     std::erase_if(live_,
                   [&](auto const& entry) { return entry.second.run.definition == run.definition; });
-    live_[run.run_id] = {run, clock_.steady_ns(), nullptr};
-    return run.run_id;
+    live_[run.run_id] = {run, clock_.steady_ns(), nullptr, false, unstarted};
+    return true;
+}
+
+bool Agent_Jobs::add_unstarted(Job_Run& run) {
+    run.run_id = uuid_string();
+    return add(run, true);
+}
+
+void Agent_Jobs::end_unstarted(std::string const& run_id, Job_Outcome const& outcome) {
+    {
+        std::lock_guard const guard(mutex_);
+        auto const live = live_.find(run_id);
+        if (live == live_.end() || !live->second.unstarted)
+            return;
+    }
+    if (outcome.state == JOB_STATE_ERROR)
+        store_.add_alert(run_id, start_alert(outcome.message), clock_.now());
+    time_t const now = clock_.now();
+    finish(run_id, [&](Job_Run& run) {
+        run.state = outcome.state;
+        run.code = outcome.code;
+        run.message = outcome.message;
+        run.end_time = now;
+        run.waiting_for.clear();
+    });
+}
+
+void Agent_Jobs::waits_for(std::string const& run_id, std::string const& what) {
+    std::lock_guard const guard(mutex_);
+    if (auto const live = live_.find(run_id); live != live_.end())
+        live->second.run.waiting_for = what;
 }
 
 void Agent_Jobs::change(std::string const& run_id, std::function<void(Job_Run& run)> const& what) {
@@ -145,18 +197,34 @@ void Agent_Jobs::ended(Job const& job, Job_Outcome const& outcome) {
 
 void Agent_Jobs::finished(Job const& job) {
     std::string const run_id = job.run_id();
-    std::string definition;
     if (keys_.end)
         keys_.end(run_id);
+    bool const skipped = job.state() == JOB_STATE_SKIPPED;
+    std::string const fault =
+        skipped && skip_judge_ ? skip_judge_(instance_of(run_id)) : std::string();
+    if (!fault.empty()) {
+        QMRT_LOG(LM_ERROR, "The run was skipped: %s\n", fault.c_str());
+        store_.add_alert(run_id, start_alert(fault), clock_.now());
+    }
     time_t const now = clock_.now();
-    change(run_id, [&](Job_Run& run) {
-        definition = run.definition;
+    finish(run_id, [&](Job_Run& run) {
         if (run.end_time)
             return;
         run.end_time = now;
-        run.state = JOB_STATE_SKIPPED;
-        run.message = job.state() == JOB_STATE_SKIPPED ? "It was not this host's to run"
-                                                       : "Its precondition was not met";
+        run.state = fault.empty() ? JOB_STATE_SKIPPED : JOB_STATE_ERROR;
+        run.code = fault.empty() ? 0 : -1;
+        run.message = !fault.empty() ? fault
+                      : skipped      ? "It was not this host's to run"
+                                     : "Its precondition was not met";
+    });
+}
+
+/** The last change of a run, after which it is no longer live. */
+void Agent_Jobs::finish(std::string const& run_id, std::function<void(Job_Run& run)> const& what) {
+    std::string definition;
+    change(run_id, [&](Job_Run& run) {
+        definition = run.definition;
+        what(run);
     });
     std::vector<std::string> old;
     if (store_.prune(definition, keep_runs_, old))
@@ -197,14 +265,14 @@ std::shared_ptr<ACE_Log_Msg_Callback> Agent_Jobs::log_callback(Job const& job) {
     return log;
 }
 
+std::string Agent_Jobs::instance_of(std::string const& run_id) {
+    std::lock_guard const guard(mutex_);
+    auto const live = live_.find(run_id);
+    return live == live_.end() ? "" : live->second.run.instance;
+}
+
 secure_string Agent_Jobs::run_key(Job const& job) {
-    std::string instance;
-    {
-        std::lock_guard const guard(mutex_);
-        if (auto const live = live_.find(job.run_id()); live != live_.end())
-            instance = live->second.run.instance;
-    }
-    return keys_.begin ? keys_.begin(job, instance) : secure_string();
+    return keys_.begin ? keys_.begin(job, instance_of(job.run_id())) : secure_string();
 }
 
 // reading

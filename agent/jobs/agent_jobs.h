@@ -67,6 +67,30 @@ public:
     bool is_any_on();
     /** The runs that are on, and those whose threads have not left the job yet. */
     std::vector<Job_Run> running();
+
+    /**
+     * Puts a run on record before its job can be started. It is JOB_STATE_STARTING, and counts as
+     * running, until that job's start, which takes the run over, or end_unstarted().
+     * @param run  gets its id and start
+     * @return false when the database failed
+     */
+    bool add_unstarted(Job_Run& run);
+    /**
+     * Ends a run whose job was never started. The message of one that failed becomes an alert, too.
+     * A run that has been taken over is left alone.
+     */
+    void end_unstarted(std::string const& run_id, Job_Outcome const& outcome);
+    /** Says what a run that is on waits for, started or not; "" when it waits no longer. */
+    void waits_for(std::string const& run_id, std::string const& what);
+
+    /**
+     * Judges a run whose job skipped itself.
+     * @return what to report as an error instead; "" when the skip is right
+     */
+    using Skip_Judge = std::function<std::string(std::string const& instance)>;
+    /** To be called before anything runs. Without it every skip is right. */
+    void judge_skips(Skip_Judge judge) { skip_judge_ = std::move(judge); }
+
     /** Who makes the keys of runs, and is told when they are over. */
     struct Key_Hooks {
         /** See Job_Backend::run_key(). @param instance  name of what the run works on */
@@ -96,17 +120,22 @@ private:
         int64_t written = 0; ///< when it was written last, by the steady clock
         std::shared_ptr<Run_Log> log;
         bool ended = false; ///< its outcome was told, and its thread has not left the job yet
+        bool unstarted = false;
     };
 
+    bool add(Job_Run& run, bool unstarted = false);
+    std::string instance_of(std::string const& run_id);
     /** Changes a live run and writes it; one that is not live is left alone. */
     void change(std::string const& run_id, std::function<void(Job_Run& run)> const& what);
     Job_Answer show_present(Job_Run& run);
+    void finish(std::string const& run_id, std::function<void(Job_Run& run)> const& what);
     void forget(std::string const& run_id);
 
     Run_Store store_;
     Run_Logs logs_;
     size_t const keep_runs_;
     Key_Hooks keys_;
+    Skip_Judge skip_judge_;
     Storage_Clock& clock_;
     std::mutex mutex_; // the database is never asked under it
     std::condition_variable finished_;

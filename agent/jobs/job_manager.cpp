@@ -1,5 +1,6 @@
 #include "agent/jobs/job_manager.h"
 
+#include "host/job/job_backend.h"
 #include "host/job/job_creator.h"
 #include "json_spirit/access.h"
 #include "qmrt/file.h"
@@ -138,6 +139,8 @@ bool Job_Manager::is_running(std::string const& definition_id) {
 }
 
 bool Job_Manager::runs(std::string const& definition_id) const {
+    if (waiting_.count(definition_id))
+        return true;
     auto const live = live_.find(definition_id);
     return live != live_.end() && live->second->running();
 }
@@ -199,17 +202,94 @@ Job_Answer Job_Manager::start_i(std::string const& id_or_name, std::string& run_
     if (closing_)
         return Job_Answer::refused("Job " + stored.name +
                                    " cannot be started: the agent is about to end");
+    Start_Answer const may = may_start(stored);
+    answer = may.kind == Start_Answer::START ? start_now(stored, run_id)
+                                             : start_later(stored, may, run_id);
+    if (answer)
+        definition_id = stored.id;
+    return answer;
+}
+
+Job_Answer Job_Manager::start_now(Stored_Definition const& stored, std::string& run_id) {
     Job_var job;
-    answer = job_of(stored, job);
+    Job_Answer const answer = job_of(stored, job);
     if (!answer)
         return answer;
     std::string refusal;
     if (job->start(nullptr, &refusal) == -1)
         return Job_Answer::refused(refusal);
     run_id = job->run_id();
-    definition_id = stored.id;
     QMRT_LOG(LM_INFO, "Job %s has been started, run %s\n", stored.name.c_str(), run_id.c_str());
     return {};
+}
+
+// runs that wait
+
+Start_Answer Job_Manager::may_start(Stored_Definition const& stored) const {
+    for (Start_Condition const& condition : settings_.conditions)
+        if (Start_Answer answer = condition(stored); answer.kind != Start_Answer::START)
+            return answer;
+    return {};
+}
+
+/** Puts a run on record that waits, or that has ended already since it can never start. */
+Job_Answer Job_Manager::start_later(Stored_Definition const& stored, Start_Answer const& may,
+                                    std::string& run_id) {
+    std::string const hindrance = runs(stored.id)   ? "it is running already"
+                                  : !stored.enabled ? "it is disabled"
+                                                    : "";
+    if (!hindrance.empty())
+        return Job_Answer::refused("Job " + stored.name + " cannot be started: " + hindrance);
+    Job_Run run;
+    run.definition = stored.id;
+    run.name = stored.name;
+    run.type = json_spirit::object_get_str(stored.body, "type");
+    run.subtype = json_spirit::object_get_str(stored.body, "subtype");
+    run.instance = stored.instance;
+    run.waiting_for = may.kind == Start_Answer::WAIT ? may.text : "";
+    if (!jobs_.add_unstarted(run))
+        return Job_Answer::failed();
+    run_id = run.run_id;
+    Waiting const waiting{run_id, clock_.steady_ns()};
+    if (goes_on_waiting(stored, waiting, may))
+        waiting_[stored.id] = waiting;
+    return {};
+}
+
+void Job_Manager::start_waiting() {
+    std::lock_guard const guard(mutex_);
+    std::erase_if(waiting_, [&](auto const& entry) {
+        Stored_Definition stored;
+        Job_Answer const found = definitions_.find(entry.first, stored);
+        return !goes_on_waiting(stored, entry.second,
+                                found ? may_start(stored) : Start_Answer::fail(found.text));
+    });
+}
+
+/** Does to a run what its conditions say: starts it, ends it, or lets it wait. */
+bool Job_Manager::goes_on_waiting(Stored_Definition const& stored, Waiting const& waiting,
+                                  Start_Answer may) {
+    if (may.kind == Start_Answer::START) {
+        std::string run_id;
+        Job_Answer const answer = start_now(stored, run_id);
+        if (answer)
+            return false;
+        may = Start_Answer::fail(answer.text);
+    }
+    int64_t const waited = (clock_.steady_ns() - waiting.since) / NS_PER_SECOND;
+    if (may.kind == Start_Answer::WAIT && may.limit > 0 && waited >= may.limit)
+        may = Start_Answer::fail("gave up after " + std::to_string(waited) +
+                                 " seconds of waiting for " + may.text);
+    if (may.kind == Start_Answer::WAIT) {
+        jobs_.waits_for(waiting.run_id, may.text);
+        return true;
+    }
+    bool const failed = may.kind == Start_Answer::FAIL;
+    QMRT_LOG(failed ? LM_ERROR : LM_INFO, "Job %s, run %s, was not started: %s\n",
+             stored.name.c_str(), waiting.run_id.c_str(), may.text.c_str());
+    jobs_.end_unstarted(waiting.run_id, failed ? Job_Outcome{JOB_STATE_ERROR, -1, may.text}
+                                               : Job_Outcome{JOB_STATE_SKIPPED, 0, may.text});
+    return false;
 }
 
 Job_Answer Job_Manager::start_new(Object const& given, std::string& run_id,
@@ -266,6 +346,9 @@ Job_Answer Job_Manager::request(std::string const& run, Request what) {
     Job_Answer const answer = jobs_.find(run, found);
     if (!answer)
         return answer;
+    auto const waiting = waiting_.find(found.definition);
+    if (waiting != waiting_.end() && waiting->second.run_id == found.run_id)
+        return request_waiting(found, what);
     auto const live = live_.find(found.definition);
     if (live == live_.end() || !live->second->running() || live->second->run_id() != found.run_id)
         return Job_Answer::refused("Run " + found.run_id + " of job " + found.name +
@@ -276,11 +359,26 @@ Job_Answer Job_Manager::request(std::string const& run, Request what) {
     return {};
 }
 
+/** A run that has not started can only be ended, and at once. */
+Job_Answer Job_Manager::request_waiting(Job_Run const& run, Request what) {
+    if (what != &Job::abort && what != &Job::stop)
+        return Job_Answer::refused("Run " + run.run_id + " of job " + run.name +
+                                   " has not started; it waits for " + run.waiting_for);
+    waiting_.erase(run.definition);
+    jobs_.end_unstarted(run.run_id, {JOB_STATE_CANCELED, 0,
+                                     "It was canceled while it waited for " + run.waiting_for});
+    return {};
+}
+
 std::vector<std::string> Job_Manager::shutdown(int64_t seconds) {
     std::vector<Job_var> running;
     {
         std::lock_guard const guard(mutex_);
         closing_ = true;
+        for (auto const& [id, waiting] : waiting_)
+            jobs_.end_unstarted(waiting.run_id, {JOB_STATE_CANCELED, 0,
+                                                 "The agent ended before the job could start"});
+        waiting_.clear();
         for (auto const& [id, job] : live_)
             if (job->running())
                 running.push_back(job);

@@ -5,6 +5,7 @@
 #include "agent/jobs/definition_json.h"
 #include "agent/jobs/definition_store.h"
 #include "agent/jobs/job_modules.h"
+#include "agent/jobs/start_condition.h"
 #include "host/job/job.h"
 
 #include <map>
@@ -31,6 +32,9 @@ json_spirit::Object described_to_json(Described_Definition const& definition, ti
  *
  * Each request is carried out whole before the next begins; none waits for a run. Requests may come
  * on any thread that holds none of the jobs' locks.
+ *
+ * A run whose conditions do not hold yet is on record at once and waits. It counts as running, says
+ * in Job_Run::waiting_for what it waits for, and can be canceled. start_waiting() starts it.
  */
 class Job_Manager {
 public:
@@ -39,6 +43,8 @@ public:
         Definition_Defaults defaults;
         /** For the jobs' activity files, one a definition; made with mode 0700. */
         std::string activity_directory;
+        /** A run starts when all of them say so; the first one that does not decides. */
+        std::vector<Start_Condition> conditions = {};
     };
 
     /** @param definitions, jobs, clock  not owned; live longer than this */
@@ -57,7 +63,7 @@ public:
     Job_Answer list(std::vector<Described_Definition>& result);
 
     /**
-     * Starts a run of a definition.
+     * Starts a run of a definition, or lets it wait.
      * @param run_id         gets the run's id
      * @param definition_id  gets the definition's
      * @return REFUSED, with the reason, when it runs already, is disabled, the module makes no job
@@ -72,6 +78,9 @@ public:
      */
     Job_Answer start_new(json_spirit::Object const& given, std::string& run_id,
                          std::string& definition_id);
+
+    /** Starts the waiting runs whose conditions hold by now, and ends those that cannot start. */
+    void start_waiting();
 
     /** Requests to the run whose id begins like that. REFUSED when it has ended or cannot do it. */
     Job_Answer cancel(std::string const& run);
@@ -91,16 +100,27 @@ public:
     std::vector<std::string> shutdown(int64_t seconds);
 
 private:
+    /** A run whose job has not been started yet. */
+    struct Waiting {
+        std::string run_id;
+        int64_t since; ///< by the steady clock
+    };
     using Request = int (Job::*)(Job::Action_Options const*, std::string*);
 
     Job_Answer save_i(json_spirit::Object const& given, std::string& id);
     Job_Answer start_i(std::string const& id_or_name, std::string& run_id,
                        std::string& definition_id);
+    Job_Answer start_now(Stored_Definition const& stored, std::string& run_id);
+    Job_Answer start_later(Stored_Definition const& stored, Start_Answer const& may,
+                           std::string& run_id);
+    Start_Answer may_start(Stored_Definition const& stored) const;
+    bool goes_on_waiting(Stored_Definition const& stored, Waiting const& waiting, Start_Answer may);
     Job_Answer remove_i(Stored_Definition const& stored);
     Job_Answer check(json_spirit::Object const& normal, Job_Definition_var& result) const;
     Job_Answer job_of(Stored_Definition const& stored, Job_var& result);
     Job_Answer make_job(Stored_Definition const& stored, Job_var& result);
     Job_Answer request(std::string const& run, Request what);
+    Job_Answer request_waiting(Job_Run const& run, Request what);
     bool runs(std::string const& definition_id) const;
     Job_Answer describe(Stored_Definition const& stored, Described_Definition& result);
     Job_Module const* module_of(json_spirit::Object const& definition) const;
@@ -112,6 +132,7 @@ private:
     Storage_Clock& clock_;
     std::mutex mutex_; // held during a whole request; taken before any job's lock
     std::map<std::string, Job_var> live_;
+    std::map<std::string, Waiting> waiting_; // by the definition's id
     bool closing_ = false;
 };
 

@@ -61,7 +61,7 @@ json_spirit::Object run_to_json(Job_Run const& run) {
         "state", job_state_to_string(run.state))("code", run.code)("message", run.message)(
         "percent", run.percent)("processed_size", run.processed_size)("total_size", run.total_size)(
         "speed", run.speed)("set_size", run.set_size)("start_time", int64_t{run.start_time})(
-        "end_time", int64_t{run.end_time})("alerts", run.alerts);
+        "end_time", int64_t{run.end_time})("alerts", run.alerts)("waiting_for", run.waiting_for);
 }
 
 json_spirit::Object alert_to_json(Run_Alert const& alert) {

@@ -31,9 +31,14 @@ struct Job_Run {
     time_t start_time = 0;
     time_t end_time = 0; ///< 0 while it is on
     int alerts = 0;      ///< how many; only read
+    /** What the run waits for at the moment, for people; "" for nothing. Not kept. */
+    std::string waiting_for = {};
 };
 
-/** {"run_id", "definition", ..., "end_time", "alerts"}; the state is job_state_to_string()'s. */
+/**
+ * {"run_id", "definition", ..., "end_time", "alerts", "waiting_for"}; the state is
+ * job_state_to_string()'s.
+ */
 json_spirit::Object run_to_json(Job_Run const& run);
 
 struct Run_Alert {

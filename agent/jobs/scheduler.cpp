@@ -83,6 +83,7 @@ void Scheduler::wake() {
 void Scheduler::work() {
     time_t wait = 0;
     while (bell_->wait(wait)) {
+        manager_.start_waiting();
         time_t const next = run_due();
         wait = next ? std::clamp<time_t>(next - clock_.now(), 0, LONGEST_WAIT) : LONGEST_WAIT;
     }

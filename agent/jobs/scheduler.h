@@ -17,6 +17,9 @@
  * due while the job is disabled, or still runs, is passed over with a line in the log. When the
  * clock is set back by more than an hour, schedules begin anew from the new time.
  *
+ * The thread also calls Job_Manager::start_waiting() whenever a run has finished, when it is woken,
+ * and at least every 30 seconds.
+ *
  * A continuous job comes again so many seconds after its last run ended, however that was started,
  * or after its definition was saved or a start failed, whichever is the latest.
  */
@@ -34,7 +37,10 @@ public:
     int start();
     /** Ends that thread and waits for it. Runs go on. */
     void stop();
-    /** A definition may have changed: looks again now. Any thread may call it. */
+    /**
+     * A definition may have changed, or what a waiting run waits for may be over: looks again now.
+     * Thread-safe.
+     */
     void wake();
 
     /**

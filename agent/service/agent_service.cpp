@@ -221,11 +221,21 @@ void Agent_Service::make_jobs() {
                      return run_access_->begin(job, instance);
                  },
                  [this](std::string const& run_id) { run_access_->end(run_id); }});
+    instance_condition_ = std::make_unique<Instance_Condition>(*probe_, identity_.host_uuid);
+    runs_->judge_skips([this](std::string const& instance) {
+        return instance_condition_->fault_of_skip(instance);
+    });
     Host_Services::instance().jobs(runs_);
     jobs_ = std::make_unique<Job_Manager>(
         *definitions_, *runs_,
-        Job_Manager::Settings{{module}, std::move(defaults), directory_->file("activity")});
+        Job_Manager::Settings{{module},
+                              std::move(defaults),
+                              directory_->file("activity"),
+                              {[this](Stored_Definition const& definition) {
+                                  return instance_condition_->may_start(definition);
+                              }}});
     scheduler_ = std::make_unique<Scheduler>(*jobs_, *definitions_, *runs_);
+    probe_->on_searched([this] { scheduler_->wake(); });
 }
 
 bool Agent_Service::recover(std::string& error) {

@@ -17,6 +17,7 @@
 #include "agent/service/data_directory.h"
 #include "agent/service/group_instances.h"
 #include "agent/service/group_members.h"
+#include "agent/service/instance_condition.h"
 #include "agent/service/instance_probe.h"
 #include "agent/service/method_access.h"
 #include "agent/service/pool_status.h"
@@ -103,6 +104,7 @@ private:
     std::unique_ptr<Run_Access> run_access_;
     std::shared_ptr<Agent_Module> module_;
     std::unique_ptr<Instance_Probe> probe_;
+    std::unique_ptr<Instance_Condition> instance_condition_;
     std::unique_ptr<Definition_Store> definitions_;
     std::shared_ptr<Agent_Jobs> runs_;
     std::unique_ptr<Job_Manager> jobs_;

@@ -24,6 +24,14 @@ std::string Instance_Probe::uuid_of(std::string const& type, std::string const& 
 
 bool Instance_Probe::probe() {
     std::lock_guard const one(probing_);
+    bool const recorded = search();
+    searched_ = true;
+    if (on_searched_)
+        on_searched_();
+    return recorded;
+}
+
+bool Instance_Probe::search() {
     std::shared_ptr<Instance_Backend> const record = Host_Services::instance().instances();
     if (!handler_ || !record)
         return true;

@@ -5,7 +5,9 @@
 #include "host/process/cancellation.h"
 #include "qmrt/thread_helper.h"
 
+#include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -30,6 +32,11 @@ public:
      */
     bool probe();
 
+    /** Whether probe() has been carried out once; always true without a handler. Thread-safe. */
+    bool has_searched() const { return !handler_ || searched_; }
+    /** Called at the end of each probe(), on its thread. To be set before the first one. */
+    void on_searched(std::function<void()> action) { on_searched_ = std::move(action); }
+
     /** Begins to look, now and every @a interval seconds; 0: only now. */
     void start(int64_t interval);
     /** From the next look on. */
@@ -43,10 +50,13 @@ public:
     static std::string uuid_of(std::string const& type, std::string const& name);
 
 private:
+    bool search();
     void run();
 
     std::shared_ptr<Instance_Handler> const handler_;
     std::shared_ptr<Cancellation> const cancellation_ = std::make_shared<Cancellation>();
+    std::atomic<bool> searched_ = false;
+    std::function<void()> on_searched_;
     std::mutex probing_; ///< one look at a time
     std::mutex mutex_;
     std::condition_variable changed_;

@@ -2,6 +2,7 @@
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
 #include "tests/support/agent_process.h"
+#include "tests/support/scoped_env.h"
 
 #include <chrono>
 #include <csignal>
@@ -113,6 +114,71 @@ TEST_F(Agent_Life_Test, a_backup_is_run_recorded_and_read_back) {
     ASSERT_TRUE(agent_.start());
     EXPECT_EQ("completed", text(job(run), "state"));
     expect_restorable(run);
+}
+
+/** A backup of an instance, by which the agent decides whether it may start. */
+Object instance_backup(std::string const& instance) {
+    Object definition = backup_definition("of " + instance, 2, 1000, 0);
+    definition["source"].get_obj()["restore_as"] = "gaussdb/" + instance;
+    return definition;
+}
+
+/** Starts the agent so that its first search for instances lasts until let_search_end(). */
+class First_Search_Test : public Agent_Life_Test {
+protected:
+    void SetUp() override {
+        Agent_Life_Test::SetUp();
+        make_pool();
+        EXPECT_EQ(0, agent_.stop());
+        ASSERT_TRUE(agent_.start());
+    }
+    void let_search_end() { agent_.directory().write("searched", ""); }
+
+    Scoped_Env const gate_{"ZENBRAK3_TEST_SEARCH_GATE",
+                           agent_.directory().path("searched").c_str()};
+};
+
+TEST_F(First_Search_Test, a_run_waits_for_it_and_says_so) {
+    std::string const run = start_job(instance_backup("test"));
+    EXPECT_EQ("starting", text(job(run), "state"));
+    EXPECT_EQ("the first search for instances", text(job(run), "waiting_for"));
+    let_search_end();
+    Object const row = wait_for_end(run);
+    EXPECT_EQ("completed", text(row, "state")) << json_spirit::to_text(row, true);
+    EXPECT_EQ("", text(row, "waiting_for"));
+    expect_restorable(run);
+}
+
+TEST_F(First_Search_Test, a_missed_schedule_waits_for_it) {
+    Object definition = instance_backup("test");
+    definition["schedule"] = Object{{"type", "continuous"}, {"at", "1"}};
+    agent_.ask("definition.save", definition);
+    std::vector<Object> runs;
+    do // until it is on record and waits
+        runs = list(agent_.ask("job.list"), "jobs");
+    while (runs.empty() ||
+           (text(runs[0], "waiting_for").empty() && text(runs[0], "state") == "starting"));
+    EXPECT_EQ("the first search for instances", text(runs[0], "waiting_for"));
+    let_search_end();
+    EXPECT_EQ("completed", text(wait_for_end(text(runs[0], "run_id")), "state"));
+}
+
+TEST_F(First_Search_Test, a_run_that_waits_for_it_is_canceled_at_once) {
+    std::string const run = start_job(instance_backup("test"));
+    agent_.ask("job.cancel", {{"job", run}});
+    EXPECT_EQ("canceled", text(job(run), "state"));
+    EXPECT_EQ(0, agent_.stop());
+}
+
+TEST_F(First_Search_Test, an_instance_that_nobody_knows_by_then_fails_the_run) {
+    std::string const run = start_job(instance_backup("nobody"));
+    EXPECT_EQ("starting", text(job(run), "state"));
+    let_search_end();
+    Object const row = wait_for_end(run);
+    EXPECT_EQ("error", text(row, "state"));
+    EXPECT_NE(std::string::npos, text(row, "message").find("\"nobody\" is not known on any host"));
+    ASSERT_EQ(1u, list(row, "alert_list").size());
+    EXPECT_TRUE(pool_files().empty());
 }
 
 TEST_F(Agent_Life_Test, every_method_is_in_the_manual) {

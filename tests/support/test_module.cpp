@@ -12,6 +12,7 @@
 #include "host/job/job_alert.h"
 #include "host/job/job_creator.h"
 #include "host/job/job_event_handler.h"
+#include "host/process/cancellation.h"
 #include "host/storage/client_io_ex.h"
 #include "host/storage/pool_info.h"
 #include "host/yajl/yajl_gen.h"
@@ -25,7 +26,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
+#include <memory>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -244,11 +248,22 @@ public:
     }
 };
 
+/**
+ * Holds a search back until the file of ZENBRAK3_TEST_SEARCH_GATE is there, or it is cancelled.
+ */
+void pass_search_gate() {
+    char const* const gate = getenv("ZENBRAK3_TEST_SEARCH_GATE");
+    std::shared_ptr<Cancellation> const cancellation = Cancellation::current();
+    while (gate && access(gate, F_OK) == -1 && !(cancellation && cancellation->cancelled()))
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+}
+
 /** One instance, "test", that takes every account. */
 class Test_Instance_Handler : public Instance_Handler {
 public:
     Test_Instance_Handler() : Instance_Handler("gaussdb") {}
     int probe_instances(instances_type& instances) override {
+        pass_search_gate();
         auto const found = instances.emplace("test", std::make_shared<Instance>());
         if (found.second) {
             found.first->second->type = "gaussdb";

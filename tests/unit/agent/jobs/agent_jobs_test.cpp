@@ -273,6 +273,53 @@ TEST_F(Agent_Jobs_Test, a_run_that_stayed_away_is_skipped) {
     EXPECT_NE(0, found(unmet).end_time);
 }
 
+TEST_F(Agent_Jobs_Test, a_skip_that_no_other_host_makes_up_for_is_an_error) {
+    std::string fault = "nobody runs it";
+    std::string asked = "not asked";
+    jobs_->judge_skips([&](std::string const& instance) {
+        asked = instance;
+        return fault;
+    });
+    ASSERT_TRUE(
+        Definition_Store(*database_)
+            .save(normal(backup("nightly", std::string(R"(,"id":")") + RESOURCE + "\"")), 1));
+    auto const skip = [](Job& job, Job_Event_Handler&) {
+        job.activity().state = JOB_STATE_SKIPPED;
+    };
+    std::string const failed = run(skip);
+    EXPECT_EQ("production", asked);
+    EXPECT_EQ(JOB_STATE_ERROR, found(failed).state);
+    EXPECT_EQ(-1, found(failed).code);
+    EXPECT_EQ("nobody runs it", found(failed).message);
+    EXPECT_EQ(1, found(failed).alerts);
+    EXPECT_LOGGED(LM_ERROR, "The run was skipped: nobody runs it");
+    fault.clear();
+    std::string const right = run(skip);
+    EXPECT_EQ(JOB_STATE_SKIPPED, found(right).state);
+    EXPECT_EQ(0, found(right).alerts);
+    asked = "not asked";
+    run([](Job& job, Job_Event_Handler&) { job.activity().state = JOB_STATE_IDLE; });
+    run(succeed);
+    EXPECT_EQ("not asked", asked);
+}
+
+TEST_F(Agent_Jobs_Test, a_run_says_what_it_waits_for_while_it_is_on) {
+    std::string during;
+    std::string const id = run([&](Job& job, Job_Event_Handler& events) {
+        events.handle_start_job();
+        jobs_->waits_for(job.run_id(), "the end of job other");
+        during = found(job.run_id()).waiting_for;
+        jobs_->waits_for(job.run_id(), "");
+        events.handle_success();
+    });
+    EXPECT_EQ("the end of job other", during);
+    EXPECT_EQ("", found(id).waiting_for);
+    jobs_->waits_for(id, "too late");
+    EXPECT_EQ("", found(id).waiting_for);
+    jobs_->end_unstarted(id, {JOB_STATE_ERROR, -1, "too late"});
+    EXPECT_EQ(JOB_STATE_COMPLETED, found(id).state);
+}
+
 TEST_F(Agent_Jobs_Test, only_the_newest_runs_of_a_definition_are_kept_with_their_logs) {
     make(3);
     auto const log = [](Job& job, Job_Event_Handler& events) {

@@ -7,6 +7,7 @@
 #include "tests/unit/agent/jobs/stepped_job.h"
 
 #include <ace/Thread_Manager.h>
+#include <gmock/gmock.h>
 
 using json_spirit::Object;
 
@@ -30,7 +31,12 @@ protected:
             *store_, *jobs_,
             Job_Manager::Settings{{parsers_.module(with_creator ? &creator_ : nullptr)},
                                   defaults(),
-                                  directory_.path("jobs")},
+                                  directory_.path("jobs"),
+                                  {[this](Stored_Definition const&) { return first_; },
+                                   [this](Stored_Definition const& definition) {
+                                       EXPECT_NE("", definition.instance);
+                                       return second_;
+                                   }}},
             clock_);
     }
     void end() {
@@ -87,6 +93,8 @@ protected:
 
     Virtual_Clock clock_;
     Gate gate_;
+    Start_Answer first_;
+    Start_Answer second_;
     Stepped_Job_Creator creator_;
     std::unique_ptr<Definition_Store> store_;
     std::shared_ptr<Agent_Jobs> jobs_;
@@ -414,6 +422,158 @@ TEST_F(Job_Manager_Test, many_threads_start_one_job_once) {
         thread.join();
     EXPECT_EQ(1, started);
     EXPECT_EQ(7u, Log_Capture::instance().claim_all(LM_WARNING, "it is running already"));
+}
+
+class Waiting_Run_Test : public Job_Manager_Test {
+protected:
+    /** Requests a run that waits for this. */
+    std::string start_with(Start_Answer const& answer) {
+        second_ = answer;
+        definition_ = save(backup());
+        return start();
+    }
+    std::vector<Run_Alert> alerts(std::string const& run_id) {
+        std::vector<Run_Alert> result;
+        EXPECT_TRUE(jobs_->alerts(run_id, result));
+        return result;
+    }
+    std::string definition_;
+};
+
+TEST_F(Waiting_Run_Test, waits_on_record_and_starts_when_all_conditions_hold) {
+    std::string const id = start_with(Start_Answer::wait("the tide"));
+    EXPECT_EQ(0, creator_.created);
+    EXPECT_EQ(JOB_STATE_STARTING, run(id).state);
+    EXPECT_EQ("the tide", run(id).waiting_for);
+    EXPECT_EQ("production", run(id).instance);
+    EXPECT_EQ("backup", run(id).type);
+    EXPECT_EQ("full", run(id).subtype);
+    EXPECT_TRUE(manager_->is_running(definition_));
+    first_ = Start_Answer::wait("the moon");
+    second_ = {};
+    manager_->start_waiting();
+    EXPECT_EQ(0, creator_.created);
+    EXPECT_EQ("the moon", run(id).waiting_for);
+    first_ = {};
+    manager_->start_waiting();
+    settle(definition_);
+    EXPECT_EQ(JOB_STATE_COMPLETED, run(id).state);
+    EXPECT_EQ("", run(id).waiting_for);
+    std::vector<Job_Run> runs;
+    ASSERT_TRUE(jobs_->list({}, runs));
+    EXPECT_EQ(1u, runs.size()) << "the job has taken the waiting run over";
+}
+
+TEST_F(Waiting_Run_Test, is_taken_over_by_its_own_job_alone) {
+    std::string const id = start_with(Start_Answer::wait("the tide"));
+    second_ = {};
+    save(backup("other"));
+    std::string const other = start("other");
+    settle("other");
+    EXPECT_NE(id, other);
+    EXPECT_EQ("the tide", run(id).waiting_for);
+    manager_->start_waiting();
+    settle(definition_);
+    EXPECT_EQ(JOB_STATE_COMPLETED, run(id).state);
+}
+
+TEST_F(Waiting_Run_Test, keeps_others_from_starting_changing_or_removing_it) {
+    start_with(Start_Answer::wait("the tide"));
+    EXPECT_EQ("Job nightly cannot be started: it is running already", try_start().text);
+    std::string id;
+    EXPECT_EQ(Job_Answer::REFUSED,
+              manager_->save(backup("nightly", R"(,"id":")" + definition_ + "\""), id).kind);
+    EXPECT_EQ(Job_Answer::REFUSED, manager_->remove(definition_).kind);
+}
+
+TEST_F(Waiting_Run_Test, of_a_disabled_definition_is_refused) {
+    second_ = Start_Answer::wait("the tide");
+    save(backup("nightly", R"(,"enabled":false)"));
+    EXPECT_EQ("Job nightly cannot be started: it is disabled", try_start().text);
+}
+
+TEST_F(Waiting_Run_Test, is_canceled_at_once_and_takes_no_other_request) {
+    std::string const id = start_with(Start_Answer::wait("the tide"));
+    Job_Answer const paused = manager_->pause(id);
+    EXPECT_EQ(Job_Answer::REFUSED, paused.kind);
+    EXPECT_THAT(paused.text, testing::HasSubstr("has not started; it waits for the tide"));
+    EXPECT_TRUE(manager_->cancel(id.substr(0, 12)));
+    EXPECT_EQ(JOB_STATE_CANCELED, run(id).state);
+    EXPECT_EQ("It was canceled while it waited for the tide", run(id).message);
+    EXPECT_NE(0, run(id).end_time);
+    EXPECT_EQ(Job_Answer::REFUSED, manager_->cancel(id).kind);
+    second_ = {};
+    manager_->start_waiting();
+    EXPECT_EQ(0, creator_.created);
+    start();
+    settle(definition_);
+}
+
+TEST_F(Waiting_Run_Test, is_given_up_after_its_limit_with_an_alert) {
+    std::string const id = start_with(Start_Answer::wait("the tide", 60));
+    clock_.sleep_ns(59 * NS_PER_SECOND);
+    manager_->start_waiting();
+    EXPECT_EQ(JOB_STATE_STARTING, run(id).state);
+    clock_.sleep_ns(NS_PER_SECOND);
+    manager_->start_waiting();
+    EXPECT_EQ(JOB_STATE_ERROR, run(id).state);
+    EXPECT_EQ("gave up after 60 seconds of waiting for the tide", run(id).message);
+    ASSERT_EQ(1u, alerts(id).size());
+    EXPECT_EQ(run(id).message, alerts(id)[0].alert.text);
+    EXPECT_EQ(7u, alerts(id)[0].alert.level);
+    EXPECT_FALSE(manager_->is_running(definition_));
+    EXPECT_LOGGED(LM_ERROR, "was not started: gave up after 60 seconds");
+}
+
+TEST_F(Waiting_Run_Test, that_may_never_start_fails_with_an_alert) {
+    std::string const id = start_with(Start_Answer::fail("nobody knows it"));
+    EXPECT_EQ(JOB_STATE_ERROR, run(id).state);
+    EXPECT_EQ(-1, run(id).code);
+    EXPECT_EQ("nobody knows it", run(id).message);
+    ASSERT_EQ(1u, alerts(id).size());
+    EXPECT_FALSE(manager_->is_running(definition_));
+    EXPECT_EQ(0, creator_.created);
+    EXPECT_LOGGED(LM_ERROR, "Job nightly, run " + id + ", was not started: nobody knows it");
+}
+
+TEST_F(Waiting_Run_Test, that_is_not_this_hosts_is_skipped_without_an_alert) {
+    std::string const id = start_with(Start_Answer::skip("another host runs it"));
+    EXPECT_EQ(JOB_STATE_SKIPPED, run(id).state);
+    EXPECT_EQ("another host runs it", run(id).message);
+    EXPECT_TRUE(alerts(id).empty());
+    EXPECT_NE(0, run(id).end_time);
+}
+
+TEST_F(Waiting_Run_Test, of_which_no_job_can_be_made_any_more_fails) {
+    std::string const id = start_with(Start_Answer::wait("the tide"));
+    second_ = {};
+    creator_.refuse = true;
+    manager_->start_waiting();
+    EXPECT_EQ(JOB_STATE_ERROR, run(id).state);
+    EXPECT_THAT(run(id).message, testing::HasSubstr("The module made no job of nightly"));
+    EXPECT_LOGGED(LM_ERROR, "The module made no job of nightly");
+}
+
+TEST_F(Waiting_Run_Test, ends_with_the_agent) {
+    std::string const id = start_with(Start_Answer::wait("the tide"));
+    EXPECT_TRUE(manager_->shutdown(1).empty());
+    EXPECT_EQ(JOB_STATE_CANCELED, run(id).state);
+    EXPECT_EQ("The agent ended before the job could start", run(id).message);
+    second_ = {};
+    manager_->start_waiting();
+    EXPECT_EQ(0, creator_.created);
+}
+
+TEST_F(Waiting_Run_Test, that_cannot_be_put_on_record_is_refused) {
+    second_ = Start_Answer::wait("the tide");
+    definition_ = save(backup());
+    ASSERT_TRUE(database_->change("break", [](SQLite::Database& database) {
+        database.exec("DROP TABLE job_alerts; DROP TABLE job_runs");
+        return true;
+    }));
+    EXPECT_EQ(Job_Answer::FAILED, try_start().kind);
+    EXPECT_FALSE(manager_->is_running(definition_));
+    EXPECT_LOGGED(LM_ERROR, "");
 }
 
 } // namespace

@@ -30,11 +30,13 @@ protected:
         jobs_ = std::make_shared<Agent_Jobs>(*database_,
                                              Agent_Jobs::Settings{directory_.path("logs")}, clock_);
         Host_Services::instance().jobs(jobs_);
-        manager_ = std::make_unique<Job_Manager>(*store_, *jobs_,
-                                                 Job_Manager::Settings{{parsers_.module(&creator_)},
-                                                                       defaults(),
-                                                                       directory_.path("jobs")},
-                                                 clock_);
+        manager_ = std::make_unique<Job_Manager>(
+            *store_, *jobs_,
+            Job_Manager::Settings{{parsers_.module(&creator_)},
+                                  defaults(),
+                                  directory_.path("jobs"),
+                                  {[this](auto const&) { return may_start(); }}},
+            clock_);
         scheduler_ = std::make_unique<Scheduler>(*manager_, *store_, *jobs_, clock_);
     }
     void end() {
@@ -54,6 +56,9 @@ protected:
             id);
         EXPECT_TRUE(answer) << answer.text;
         return id;
+    }
+    Start_Answer may_start() const {
+        return held_back_ ? Start_Answer::wait("the tide") : Start_Answer();
     }
     void pass(time_t seconds) { clock_.sleep_ns(seconds * NS_PER_SECOND); }
     /** Looks, and lets the runs that it started come to their end unless they wait at the gate. */
@@ -83,6 +88,7 @@ protected:
     Scoped_Env const zone_;
     Virtual_Clock clock_;
     Gate gate_;
+    std::atomic<bool> held_back_ = false;
     Stepped_Job_Creator creator_;
     std::unique_ptr<Definition_Store> store_;
     std::shared_ptr<Agent_Jobs> jobs_;
@@ -304,6 +310,21 @@ TEST_F(Scheduler_Test, its_thread_starts_what_is_due_when_it_is_woken) {
     EXPECT_TRUE(gate_.wait_for_arrivals(1));
     scheduler_->stop();
     scheduler_->stop();
+}
+
+TEST_F(Scheduler_Test, its_thread_starts_a_waiting_run_when_it_is_woken) {
+    creator_.steps = steps_through(gate_);
+    held_back_ = true;
+    save("hourly", "15");
+    pass(15 * 60);
+    look();
+    ASSERT_EQ(1u, runs());
+    ASSERT_EQ(0, scheduler_->start());
+    held_back_ = false;
+    scheduler_->wake();
+    EXPECT_TRUE(gate_.wait_for_arrivals(1));
+    scheduler_->stop();
+    EXPECT_EQ(1u, runs());
 }
 
 TEST_F(Scheduler_Test, its_thread_sees_the_end_of_a_run) {

@@ -90,6 +90,20 @@ TEST_F(Instance_Probe_Test, one_that_cannot_be_recorded_is_told) {
     EXPECT_LOGGED(LM_ERROR, "");
 }
 
+TEST_F(Instance_Probe_Test, says_when_the_first_search_is_over) {
+    std::vector<bool> told;
+    probe_.on_searched([&] { told.push_back(probe_.has_searched()); });
+    EXPECT_FALSE(probe_.has_searched());
+    finder_->result = -1;
+    probe_.probe();
+    EXPECT_LOGGED(LM_ERROR, "Not all instances of gaussdb could be looked for");
+    EXPECT_TRUE(probe_.has_searched());
+    probe_.probe();
+    EXPECT_LOGGED(LM_ERROR, "Not all instances of gaussdb could be looked for");
+    EXPECT_EQ((std::vector<bool>{true, true}), told);
+    EXPECT_TRUE(Instance_Probe(nullptr).has_searched());
+}
+
 TEST_F(Instance_Probe_Test, looks_at_once_and_again_when_the_interval_is_over) {
     probe_.start(0);
     finder_->looks.acquire();
