@@ -76,10 +76,8 @@ def check_media(given, cluster):
 
 
 def policy_of(given, cluster):
-    # the older series names the policy by a path
-    if cluster.release.series == 100:
-        return os.path.basename(given["--nbu-policy"])
-    return given["--media-destination"]
+    # what it means is the media's to know
+    return given["--nbu-policy" if cluster.release.series == 100 else "--media-destination"]
 
 
 def block_size(given):

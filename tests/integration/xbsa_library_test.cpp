@@ -54,7 +54,8 @@ TEST(xbsa_library_file, it_exports_the_api_and_nothing_else) {
                                     "BSASendData",
                                     "BSAQueryObject",
                                     "BSAQueryServiceProvider",
-                                    "BSATerminate"};
+                                    "BSATerminate",
+                                    "NBBSAUpdateEnv"};
     EXPECT_EQ(api, names);
 }
 

@@ -20,7 +20,7 @@ inline std::string last_error() {
 
 /** Opens a session with a policy; @return its code */
 inline int open(long& handle, std::string const& policy) {
-    std::string keyword = "NBU_POLICY=" + policy;
+    std::string keyword = "NBBSA_POLICY=" + policy;
     std::string version = "BSA_API_VERSION=1.1.0";
     char* environment[] = {version.data(), keyword.data(), nullptr};
     return BSAInit(&handle, nullptr, nullptr, environment);
@@ -36,7 +36,7 @@ inline BSA_ObjectDescriptor object(std::string const& path, std::string const& s
     return descriptor;
 }
 
-inline BSA_QueryDescriptor pattern(std::string const& path, std::string const& space = "") {
+inline BSA_QueryDescriptor pattern(std::string const& path, std::string const& space = "*") {
     BSA_QueryDescriptor query;
     std::memset(&query, 0, sizeof query);
     std::strncpy(query.objectName.objectSpaceName, space.c_str(), BSA_MAX_OSNAME - 1);
@@ -87,14 +87,15 @@ inline int put(long handle, std::string const& path, std::string const& content,
     return code == BSA_RC_SUCCESS ? BSAEndTxn(handle, BSA_Vote_COMMIT) : code;
 }
 
-/** Reads a whole object; the code that ended it, BSA_RC_NO_MORE_DATA for its end. */
-inline int get(long handle, BSA_UInt64 copy_id, std::string& content, size_t piece = 100000) {
+/** Reads a whole object in the transaction that has begun; the code that ended it. */
+inline int get_object(long handle, BSA_UInt64 copy_id, std::string& content, size_t piece) {
     BSA_ObjectDescriptor descriptor = object("");
     descriptor.copyId = copy_id;
     std::string memory(piece, '\0');
-    BSA_DataBlock32 data = block(memory.data(), memory.size());
+    BSA_DataBlock32 data = block(nullptr, 0);
     content.clear();
     int code = BSAGetObject(handle, &descriptor, &data);
+    data = block(memory.data(), memory.size());
     while (code == BSA_RC_SUCCESS) {
         code = BSAGetData(handle, &data);
         content.append(memory, 0, data.numBytes);
@@ -104,9 +105,22 @@ inline int get(long handle, BSA_UInt64 copy_id, std::string& content, size_t pie
     return code;
 }
 
-/** The paths of all that a query finds, in its order. */
-inline std::vector<std::string> find(long handle, BSA_QueryDescriptor query,
-                                     std::vector<BSA_ObjectDescriptor>* found = nullptr) {
+/**
+ * Reads a whole object in a transaction of its own, which stays open after a failure.
+ * @return the code that ended it, BSA_RC_NO_MORE_DATA for its end
+ */
+inline int get(long handle, BSA_UInt64 copy_id, std::string& content, size_t piece = 100000) {
+    int code = BSABeginTxn(handle);
+    if (code == BSA_RC_SUCCESS)
+        code = get_object(handle, copy_id, content, piece);
+    if (code == BSA_RC_NO_MORE_DATA)
+        BSAEndTxn(handle, BSA_Vote_COMMIT);
+    return code;
+}
+
+/** The paths of all that a query finds, in its order, in the transaction that has begun. */
+inline std::vector<std::string> find_objects(long handle, BSA_QueryDescriptor query,
+                                             std::vector<BSA_ObjectDescriptor>* found = nullptr) {
     std::vector<std::string> paths;
     BSA_ObjectDescriptor descriptor;
     int code = BSAQueryObject(handle, &query, &descriptor);
@@ -118,6 +132,16 @@ inline std::vector<std::string> find(long handle, BSA_QueryDescriptor query,
     }
     if (code != BSA_RC_NO_MORE_DATA && code != BSA_RC_NO_MATCH)
         paths.push_back("error " + std::to_string(code) + ": " + last_error());
+    return paths;
+}
+
+/** The same in a transaction of its own. */
+inline std::vector<std::string> find(long handle, BSA_QueryDescriptor query,
+                                     std::vector<BSA_ObjectDescriptor>* found = nullptr) {
+    if (BSABeginTxn(handle) != BSA_RC_SUCCESS)
+        return {"error: " + last_error()};
+    std::vector<std::string> paths = find_objects(handle, query, found);
+    BSAEndTxn(handle, BSA_Vote_COMMIT);
     return paths;
 }
 

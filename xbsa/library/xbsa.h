@@ -6,14 +6,29 @@
 
 /**
  * The Backup Services API, XBSA: The Open Group's document C425 of April 1998, for applications
- * that hand their data to a backup service. In C, as its callers are.
+ * that hand their data to a backup service, with the reserved fields, keywords and one function of
+ * the media type "NBU". In C, as its callers are.
  *
- * Every function returns one of the codes below. Texts end with a NUL and fit into the arrays that
- * they stand in. Times are UTC. What is marked "rsv" is reserved, and is zero.
+ * Every function returns one of the codes below. Texts end with a NUL and fit into their arrays.
+ * Times are UTC. Fields named "rsv" are reserved: zero in answers, ignored in arguments.
+ *
+ * The order of the calls:
+ *
+ *     BSAInit
+ *       BSABeginTxn                        a transaction either modifies or retrieves
+ *         BSACreateObject BSASendData* BSAEndData      modifies
+ *         BSADeleteObject                              modifies
+ *         BSAGetObject BSAGetData* BSAEndData          retrieves
+ *         BSAQueryObject BSAGetNextQueryObject*        in either
+ *       BSAEndTxn
+ *     BSATerminate
+ *
+ * Any other order gives BSA_RC_INVALID_CALL_SEQUENCE and changes nothing. Between BSACreateObject()
+ * or BSAGetObject() and BSAEndData() nothing else is allowed but an abort.
  *
  * Beyond the standard a process may have several sessions at once, each for one thread at a time;
- * calls that meet on one session wait for each other. A session is the process's that opened it: in
- * a forked child its handle is not valid.
+ * concurrent calls on one session wait for each other. A session belongs to the process that opened
+ * it: in a forked child its handle is not valid.
  */
 
 #ifdef __cplusplus
@@ -32,7 +47,7 @@ extern "C" {
 
 /** How a call ended. */
 #define BSA_RC_SUCCESS 0x00
-#define BSA_RC_ABORT_SYSTEM_ERROR 0x03 /**< something failed; the transaction is to be aborted */
+#define BSA_RC_ABORT_SYSTEM_ERROR 0x03     /**< something failed; abort the transaction */
 #define BSA_RC_AUTHENTICATION_FAILURE 0x04 /**< the service does not accept who asks */
 #define BSA_RC_INVALID_CALL_SEQUENCE 0x05  /**< not in this state of the session */
 #define BSA_RC_INVALID_HANDLE 0x06         /**< no session, or one that has ended */
@@ -46,7 +61,7 @@ extern "C" {
 #define BSA_RC_ACCESS_FAILURE 0x4D         /**< not allowed to do this with that */
 #define BSA_RC_BUFFER_TOO_SMALL 0x4E       /**< of a text; the size says how much it takes */
 #define BSA_RC_INVALID_COPYID 0x4F         /**< 0, which no object has */
-#define BSA_RC_INVALID_ENV 0x50            /**< the environment names no usable policy */
+#define BSA_RC_INVALID_ENV 0x50            /**< an entry of the environment is invalid or missing */
 #define BSA_RC_INVALID_OBJECTDESCRIPTOR 0x51
 #define BSA_RC_INVALID_QUERYDESCRIPTOR 0x53
 #define BSA_RC_NULL_ARGUMENT 0x55 /**< a pointer that may not be null is */
@@ -59,6 +74,8 @@ typedef uint32_t BSA_UInt32;
 typedef uint64_t BSA_UInt64;
 /** Names a block of shared memory. This service has none, and does not look at it. */
 typedef int BSA_ShareId;
+/** Names a session. */
+typedef long BSA_Handle;
 
 /** Who asks. Not looked at: the policy's access key says it. May be null. */
 typedef char BSA_SecurityToken[BSA_MAX_TOKEN_SIZE];
@@ -93,7 +110,7 @@ typedef struct {
 } BSA_ApiVersion;
 
 typedef struct {
-    char bsa_ObjectOwner[BSA_MAX_BSAOBJECT_OWNER]; /**< to the service */
+    char bsa_ObjectOwner[BSA_MAX_BSAOBJECT_OWNER]; /**< to the service: stored, grants nothing */
     char app_ObjectOwner[BSA_MAX_APPOBJECT_OWNER]; /**< to the application */
 } BSA_ObjectOwner;
 
@@ -114,7 +131,7 @@ typedef struct {
     BSA_UInt64 restoreOrder;
     char rsv2[31];
     char rsv3[31];
-    BSA_UInt64 estimatedSize; /**< bytes; in an answer the real size */
+    BSA_UInt64 estimatedSize; /**< bytes; the application's own estimate, also in an answer */
     char resourceType[BSA_MAX_RESOURCETYPE];
     BSA_ObjectType objectType;
     BSA_ObjectStatus objectStatus;
@@ -124,24 +141,25 @@ typedef struct {
 } BSA_ObjectDescriptor;
 
 /**
- * What to look for. Owners and names are texts, or patterns in which "*" stands for any characters,
- * "?" for one, and a backslash takes the next one as it is; "" is as "*". A time that is all zeros
- * is no bound.
+ * What to look for. Owners and names are patterns in which "*" stands for any characters, "?" for
+ * one, and a backslash takes the next one literally. "" matches only an empty text, except that an
+ * owner of two empty texts is the session's. pathName is mandatory. A time of all zeros is no
+ * bound.
  */
 typedef struct {
     BSA_ObjectOwner objectOwner;
     BSA_ObjectName objectName;
-    struct tm createTimeLB; /**< not created before it */
-    struct tm createTimeUB; /**< not created after it */
-    struct tm expireTimeLB; /**< objects do not expire: not looked at */
-    struct tm expireTimeUB;
+    struct tm createTime_from; /**< not created before it */
+    struct tm createTime_to;   /**< not created after it */
+    struct tm rsv1;
+    struct tm rsv2;
     BSA_CopyType copyType;
-    char rsv1[31];
-    char rsv2[31];
     char rsv3[31];
+    char rsv4[31];
+    char rsv5[31];
     BSA_ObjectType objectType;
     BSA_ObjectStatus objectStatus;
-    char rsv4[31];
+    char rsv6[100];
 } BSA_QueryDescriptor;
 
 /** Memory of the caller's. The data stand behind the header, from bufferPtr + headerBytes on. */
@@ -159,28 +177,31 @@ typedef struct {
  * @param bsaHandle    gets its handle
  * @param token        not looked at
  * @param objectOwner  the owner of objects that are created without one; may be null
- * @param environment  texts "KEYWORD=value" up to a null pointer, or null for none.
- *                     "BSA_API_VERSION" wants that version of the API; "NBU_POLICY" names the
- *                     policy. Without the latter the process's own environment is asked for it, and
- *                     last the bsa_ObjectOwner is taken for the policy's name. Others are kept.
+ * @param environment  texts "KEYWORD=value", no blanks around "=", up to a null pointer:
+ *                     BSA_API_VERSION  mandatory, "1.1.0"; another is BSA_RC_VERSION_NOT_SUPPORTED
+ *                     NBBSA_POLICY     mandatory, the policy: its name, or a path in the media
+ * directory BSA_DELIMITER    one character of ASCII; the default is "/" Other keywords are kept and
+ * not used. Nothing of it is taken from the process's own environment.
  */
 int BSAInit(long* bsaHandle, BSA_SecurityToken* token, BSA_ObjectOwner* objectOwner,
             char** environment);
 /** Ends a session. A transaction that has not ended is aborted. */
 int BSATerminate(long bsaHandle);
 
-/** Begins a transaction: what is created and deleted in it happens when it ends, or not at all. */
+/** Begins a transaction: its creations and deletions happen when it ends, or not at all. */
 int BSABeginTxn(long bsaHandle);
 /**
- * Ends the transaction, also when the vote cannot be followed: then nothing of it stays.
+ * Ends the transaction. When a commit fails, nothing of the transaction stays:
+ * BSA_RC_TRANSACTION_ABORTED. An abort succeeds.
  * @param vote  BSA_Vote_COMMIT when all of it is to happen
  */
 int BSAEndTxn(long bsaHandle, BSA_Vote vote);
 
 /**
- * Begins an object; in a transaction.
+ * Begins an object.
  * @param objectDescriptor  copyId and createTime are filled in; an empty owner is the session's
- * @param dataBlock         gets how the service likes its blocks: no header. May be null.
+ * @param dataBlock         gets the service's preferences: bufferLen, numBytes and headerBytes are
+ * 0, which is a block of any length without header and trailer. May be null.
  */
 int BSACreateObject(long bsaHandle, BSA_ObjectDescriptor* objectDescriptor,
                     BSA_DataBlock32* dataBlock);
@@ -188,12 +209,12 @@ int BSACreateObject(long bsaHandle, BSA_ObjectDescriptor* objectDescriptor,
 int BSASendData(long bsaHandle, BSA_DataBlock32* dataBlock);
 /** Ends the object that is written, or stops reading. */
 int BSAEndData(long bsaHandle);
-/** Removes an object when the transaction ends; in a transaction. */
+/** Removes an object when the transaction is committed; until then queries still find it. */
 int BSADeleteObject(long bsaHandle, BSA_UInt64 copyId);
 
 /**
- * Finds objects, the newest first, and gives the first of them; a next query forgets the rest.
- * Outside of a transaction as well.
+ * Finds objects, the newest first, and gives the first of them. The next query and the end of the
+ * transaction discard the rest.
  */
 int BSAQueryObject(long bsaHandle, BSA_QueryDescriptor* queryDescriptor,
                    BSA_ObjectDescriptor* objectDescriptor);
@@ -201,8 +222,8 @@ int BSAQueryObject(long bsaHandle, BSA_QueryDescriptor* queryDescriptor,
 int BSAGetNextQueryObject(long bsaHandle, BSA_ObjectDescriptor* objectDescriptor);
 
 /**
- * Begins to read an object. Outside of a transaction as well.
- * @param objectDescriptor  its copyId says which; the rest is filled in
+ * Begins to read an object.
+ * @param objectDescriptor  its copyId says which; nothing else is read or changed
  * @param dataBlock         as in BSACreateObject()
  */
 int BSAGetObject(long bsaHandle, BSA_ObjectDescriptor* objectDescriptor,
@@ -215,26 +236,36 @@ int BSAGetObject(long bsaHandle, BSA_ObjectDescriptor* objectDescriptor,
 int BSAGetData(long bsaHandle, BSA_DataBlock32* dataBlock);
 
 /**
- * Says why the last call of the calling thread failed; "" when it did not.
- * @param size   of the memory; gets the length of the text with its NUL
+ * Says why the last call of the calling thread failed.
+ * @param size   of the memory; gets the length of the text with its NUL, 0 when the call did not
+ * fail
  * @param error  gets the text
  */
 int BSAGetLastError(BSA_UInt32* size, char* error);
 /**
  * Gives what the session was opened with.
  * @param objectOwner  gets the owner; may be null
- * @param environment  gets the texts and a null pointer, as many as BSAInit() was given; they are
- *                     the session's, until it ends. May be null.
+ * @param environment  gets the texts and a null pointer, as many as BSAInit() was given and
+ *                     NBBSAUpdateEnv() added; they are the session's, until it ends or
+ *                     NBBSAUpdateEnv() is called. May be null.
  */
 int BSAGetEnvironment(long bsaHandle, BSA_ObjectOwner* objectOwner, char** environment);
 /** Gives the version of the API. Before BSAInit() as well. */
 int BSAQueryApiVersion(BSA_ApiVersion* apiVersion);
 /**
- * Gives the service's name. Before BSAInit() as well.
+ * Gives the service's name, three fields: maker, product and version. Before BSAInit() as well.
  * @param size       of the memory; gets the length of the text with its NUL
- * @param delimiter  gets one character, which stands between the parts of a path name; may be null
+ * @param delimiter  gets the character between the fields; may be null
  */
 int BSAQueryServiceProvider(BSA_UInt32* size, char* delimiter, char* provider);
+
+/**
+ * Changes a session's environment; outside of a transaction. An extension of the media type.
+ * @param bsaHandle    the session's handle
+ * @param environment  as of BSAInit(); what it does not name stays. A new NBBSA_POLICY is used from
+ *                     then on. BSA_API_VERSION cannot change. On a failure nothing changes.
+ */
+int NBBSAUpdateEnv(BSA_Handle* bsaHandle, char** environment);
 
 #ifdef __cplusplus
 }

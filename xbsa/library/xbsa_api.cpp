@@ -16,7 +16,8 @@
 
 namespace {
 
-constexpr char PROVIDER[] = "zenbrak3 XBSA 1.0";
+constexpr char PROVIDER[] = "quilmot/zenbrak3/1.0";
+constexpr char DELIMITER = '/';
 constexpr size_t MAX_ENVIRONMENT = 1024;
 constexpr size_t MAX_ENVIRONMENT_TEXT = 4096;
 
@@ -104,9 +105,9 @@ Xbsa_Result null_argument(char const* name) {
     return {BSA_RC_NULL_ARGUMENT, std::string(name) + " is null"};
 }
 
-/** A call on a session. */
+/** A call on what holds a session. */
 template <typename Action>
-int session_call(char const* name, long handle, Action action) noexcept {
+int with_session(char const* name, long handle, Action action) noexcept {
     return call(name, [&]() -> Xbsa_Result {
         auto const entry = Session_Table::instance().find(handle);
         if (!entry)
@@ -114,14 +115,21 @@ int session_call(char const* name, long handle, Action action) noexcept {
         std::lock_guard const guard(entry->in_use);
         if (!entry->session)
             return {BSA_RC_INVALID_HANDLE, "the session has ended"};
-        return action(*entry->session);
+        return action(entry->session);
     });
 }
 
-/** Fills what the service has to say of a caller's block. */
+/** A call on a session. */
+template <typename Action>
+int session_call(char const* name, long handle, Action action) noexcept {
+    return with_session(name, handle, [&](auto& session) { return action(*session); });
+}
+
+/** Fills the service's preferences into a caller's block: any length, no header, no trailer. */
 void offer(BSA_DataBlock32* block) {
     if (!block)
         return;
+    block->bufferLen = 0;
     block->numBytes = 0;
     block->headerBytes = 0;
 }
@@ -189,11 +197,26 @@ int BSAInit(long* bsaHandle, BSA_SecurityToken*, BSA_ObjectOwner* objectOwner, c
 }
 
 int BSATerminate(long bsaHandle) {
-    return session_call(__func__, bsaHandle, [&](Xbsa_Session&) -> Xbsa_Result {
-        auto const entry = Session_Table::instance().find(bsaHandle);
-        entry->session.reset();
+    return with_session(__func__, bsaHandle, [&](auto& session) -> Xbsa_Result {
+        session.reset();
         Session_Table::instance().remove(bsaHandle);
         return {};
+    });
+}
+
+int NBBSAUpdateEnv(BSA_Handle* bsaHandle, char** environment) {
+    if (!bsaHandle || !environment)
+        return call(__func__,
+                    [&] { return null_argument(bsaHandle ? "environment" : "bsaHandle"); });
+    return with_session(__func__, *bsaHandle, [&](std::unique_ptr<Xbsa_Session>& session) {
+        std::vector<std::string> texts;
+        if (!read_environment(environment, texts))
+            return Xbsa_Result(BSA_RC_INVALID_ENV, "the environment is too large");
+        std::unique_ptr<Xbsa_Session> changed;
+        Xbsa_Result result = session->reopen(std::move(texts), changed);
+        if (result)
+            session = std::move(changed);
+        return result;
     });
 }
 
@@ -267,7 +290,7 @@ int BSAGetObject(long bsaHandle, BSA_ObjectDescriptor* objectDescriptor,
     return session_call(__func__, bsaHandle, [&](Xbsa_Session& session) {
         if (!objectDescriptor)
             return null_argument("objectDescriptor");
-        Xbsa_Result result = session.get(*objectDescriptor);
+        Xbsa_Result result = session.get(objectDescriptor->copyId);
         if (result)
             offer(dataBlock);
         return result;
@@ -290,7 +313,12 @@ int BSAGetData(long bsaHandle, BSA_DataBlock32* dataBlock) {
 }
 
 int BSAGetLastError(BSA_UInt32* size, char* error) {
-    return size ? give_text(last_error, *size, error) : BSA_RC_NULL_ARGUMENT;
+    if (!size)
+        return BSA_RC_NULL_ARGUMENT;
+    if (!last_error.empty())
+        return give_text(last_error, *size, error);
+    *size = 0;
+    return BSA_RC_SUCCESS;
 }
 
 int BSAGetEnvironment(long bsaHandle, BSA_ObjectOwner* objectOwner, char** environment) {
@@ -320,7 +348,7 @@ int BSAQueryServiceProvider(BSA_UInt32* size, char* delimiter, char* provider) {
         if (!size)
             return null_argument("size");
         if (delimiter)
-            *delimiter = '/';
+            *delimiter = DELIMITER;
         if (give_text(PROVIDER, *size, provider) == BSA_RC_SUCCESS)
             return {};
         return {BSA_RC_BUFFER_TOO_SMALL, "the name of the service takes more memory"};

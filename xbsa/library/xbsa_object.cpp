@@ -60,6 +60,15 @@ bool read_bound(tm const& time, int64_t& bound) {
     return true;
 }
 
+/** Takes over an owner; two empty texts are the session's. False for a text that does not end. */
+bool read_owner(BSA_ObjectOwner const& owner, BSA_ObjectOwner const& session, std::string& bsa,
+                std::string& app) {
+    if (!xbsa_text(owner.bsa_ObjectOwner, bsa) || !xbsa_text(owner.app_ObjectOwner, app))
+        return false;
+    return !bsa.empty() || !app.empty() ||
+           (xbsa_text(session.bsa_ObjectOwner, bsa) && xbsa_text(session.app_ObjectOwner, app));
+}
+
 /** Takes over an enumeration's value, if it is one of them. */
 template <typename Enum>
 bool read_enum(Enum const& from, int least, int most, Enum& to) {
@@ -72,13 +81,12 @@ bool read_enum(Enum const& from, int least, int most, Enum& to) {
 
 } // namespace
 
-bool Xbsa_Object::read(BSA_ObjectDescriptor const& descriptor) {
+bool Xbsa_Object::read(BSA_ObjectDescriptor const& descriptor, BSA_ObjectOwner const& owner) {
     info.assign(reinterpret_cast<char const*>(descriptor.objectInfo), BSA_MAX_OBJECTINFO);
     info.erase(info.find_last_not_of('\0') + 1);
     restore_order = descriptor.restoreOrder;
     estimated_size = descriptor.estimatedSize;
-    return xbsa_text(descriptor.objectOwner.bsa_ObjectOwner, bsa_owner) &&
-           xbsa_text(descriptor.objectOwner.app_ObjectOwner, app_owner) &&
+    return read_owner(descriptor.objectOwner, owner, bsa_owner, app_owner) &&
            xbsa_text(descriptor.objectName.objectSpaceName, space) &&
            xbsa_text(descriptor.objectName.pathName, path) && !(space + path).empty() &&
            xbsa_text(descriptor.resourceType, resource_type) &&
@@ -98,7 +106,7 @@ void Xbsa_Object::write(BSA_ObjectDescriptor& descriptor, bool newest) const {
     descriptor.copyType = copy_type;
     descriptor.copyId = copy_id;
     descriptor.restoreOrder = restore_order;
-    descriptor.estimatedSize = size;
+    descriptor.estimatedSize = estimated_size;
     xbsa_put_text(resource_type, descriptor.resourceType);
     descriptor.objectType = object_type;
     descriptor.objectStatus =
@@ -169,13 +177,12 @@ Xbsa_Object Xbsa_Object::from_json(json_spirit::Object const& object) {
     return made;
 }
 
-bool Xbsa_Query::read(BSA_QueryDescriptor const& descriptor) {
-    return xbsa_text(descriptor.objectOwner.bsa_ObjectOwner, bsa_owner_) &&
-           xbsa_text(descriptor.objectOwner.app_ObjectOwner, app_owner_) &&
+bool Xbsa_Query::read(BSA_QueryDescriptor const& descriptor, BSA_ObjectOwner const& owner) {
+    return read_owner(descriptor.objectOwner, owner, bsa_owner_, app_owner_) &&
            xbsa_text(descriptor.objectName.objectSpaceName, space_) &&
-           xbsa_text(descriptor.objectName.pathName, path_) &&
-           read_bound(descriptor.createTimeLB, created_from_) &&
-           read_bound(descriptor.createTimeUB, created_to_) &&
+           xbsa_text(descriptor.objectName.pathName, path_) && !path_.empty() &&
+           read_bound(descriptor.createTime_from, created_from_) &&
+           read_bound(descriptor.createTime_to, created_to_) &&
            read_enum(descriptor.copyType, BSA_CopyType_ANY, BSA_CopyType_BACKUP, copy_type_) &&
            read_enum(descriptor.objectType, BSA_ObjectType_ANY, BSA_ObjectType_OTHER,
                      object_type_) &&
@@ -197,8 +204,6 @@ bool Xbsa_Query::wants(Xbsa_Object const& object, bool newest) const {
 }
 
 bool xbsa_matches(std::string const& pattern, std::string const& text) {
-    if (pattern.empty())
-        return true;
     // goes back to the last "*" only, so no pattern takes more than length times length steps
     size_t p = 0, t = 0, star = std::string::npos, star_text = 0;
     while (t < text.size()) {

@@ -32,8 +32,11 @@ struct Xbsa_Object {
     std::string set;  ///< the backup set that it is in
     std::string file; ///< its data's name in the set's folder
 
-    /** Takes over what a caller says; false for texts that do not end and for unknown types. */
-    bool read(BSA_ObjectDescriptor const& descriptor);
+    /**
+     * Takes over what a caller says; false for texts that do not end and for unknown types.
+     * @param owner  the session's, for an object without one
+     */
+    bool read(BSA_ObjectDescriptor const& descriptor, BSA_ObjectOwner const& owner);
     /** Fills a descriptor. @param newest  whether it is the most recent copy */
     void write(BSA_ObjectDescriptor& descriptor, bool newest) const;
 
@@ -49,8 +52,11 @@ struct Xbsa_Object {
 /** What a caller looks for, in a form that can be asked. */
 class Xbsa_Query {
 public:
-    /** False for texts that do not end, unknown types and times that are none. */
-    bool read(BSA_QueryDescriptor const& descriptor);
+    /**
+     * False for texts that do not end, an empty path name, unknown types and invalid times.
+     * @param owner  the session's, for a query without one
+     */
+    bool read(BSA_QueryDescriptor const& descriptor, BSA_ObjectOwner const& owner);
 
     /** Whether owner and name are wanted. */
     bool wants_name(Xbsa_Object const& object) const;
@@ -66,7 +72,7 @@ private:
     BSA_ObjectStatus status_ = BSA_ObjectStatus_ANY;
 };
 
-/** Whether a text is like a pattern of BSA_QueryDescriptor; "" is like everything. */
+/** Whether a text matches a pattern of BSA_QueryDescriptor. */
 bool xbsa_matches(std::string const& pattern, std::string const& text);
 
 /** The number that an enumeration in a caller's memory has, whatever it is. */

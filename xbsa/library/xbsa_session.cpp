@@ -5,16 +5,18 @@
 #include "qmrt/utf8.h"
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <tuple>
 #include <unistd.h>
 
 namespace {
 
-constexpr char POLICY_KEYWORD[] = "NBU_POLICY";
+constexpr char POLICY_KEYWORD[] = "NBBSA_POLICY";
 constexpr char VERSION_KEYWORD[] = "BSA_API_VERSION";
+constexpr char DELIMITER_KEYWORD[] = "BSA_DELIMITER";
+constexpr char VERSION[] = "1.1.0";
 
 Xbsa_Result wrong_sequence(char const* why) {
     return {BSA_RC_INVALID_CALL_SEQUENCE, why};
@@ -28,21 +30,37 @@ std::string value_of(std::vector<std::string> const& environment, std::string co
     return "";
 }
 
-std::string policy_name(std::vector<std::string> const& environment, BSA_ObjectOwner const& owner) {
-    std::string name = value_of(environment, POLICY_KEYWORD);
-    if (name.empty())
-        if (char const* const set = std::getenv(POLICY_KEYWORD))
-            name = set;
-    if (name.empty())
-        xbsa_text(owner.bsa_ObjectOwner, name);
-    return name;
+/** The keyword of a text "KEYWORD=value"; "" for any other text. */
+std::string keyword_of(std::string const& text) {
+    size_t const end = text.find('=');
+    auto const is_blank = [](char c) { return c == ' ' || c == '\t'; };
+    if (end == std::string::npos || end == 0 || is_blank(text[end - 1]) || is_blank(text[end + 1]))
+        return "";
+    return text.substr(0, end);
 }
 
-Xbsa_Result check_version(std::string const& wanted) {
-    if (wanted.empty() || wanted == "1.1.0" || wanted == "1.1")
-        return {};
-    return {BSA_RC_VERSION_NOT_SUPPORTED,
-            "version '" + qmrt::to_one_line(wanted) + "' of the API is not this one, 1.1.0"};
+/** The 100 series is told its policy as a path in the tool's directory of media. */
+std::string policy_name(std::string const& value) {
+    std::string const media = std::string(Xbsa_Policy::DIRECTORY) + "/media/";
+    return value.starts_with(media) ? value.substr(media.size()) : value;
+}
+
+Xbsa_Result check_environment(std::vector<std::string> const& environment) {
+    for (std::string const& text : environment)
+        if (keyword_of(text).empty())
+            return {BSA_RC_INVALID_ENV,
+                    "'" + qmrt::to_one_line(text) +
+                        "' in the environment is not of the form KEYWORD=value"};
+    std::string const version = value_of(environment, VERSION_KEYWORD);
+    if (version.empty())
+        return {BSA_RC_INVALID_ENV, "BSA_API_VERSION is not set in the environment"};
+    if (version != VERSION)
+        return {BSA_RC_VERSION_NOT_SUPPORTED, "version '" + qmrt::to_one_line(version) +
+                                                  "' of the API is not supported (expected 1.1.0)"};
+    std::string const delimiter = value_of(environment, DELIMITER_KEYWORD);
+    if (delimiter.size() > 1 || (delimiter.size() == 1 && !std::isgraph(delimiter[0])))
+        return {BSA_RC_INVALID_ENV, "BSA_DELIMITER is not one character"};
+    return {};
 }
 
 int64_t microseconds_now() {
@@ -75,12 +93,12 @@ Xbsa_Session::Xbsa_Session(Xbsa_Policy policy, BSA_ObjectOwner const& owner,
 
 Xbsa_Result Xbsa_Session::open(BSA_ObjectOwner const& owner, std::vector<std::string> environment,
                                std::unique_ptr<Xbsa_Session>& session) {
-    Xbsa_Result result = check_version(value_of(environment, VERSION_KEYWORD));
+    Xbsa_Result result = check_environment(environment);
     if (!result)
         return result;
-    std::string const name = policy_name(environment, owner);
+    std::string const name = policy_name(value_of(environment, POLICY_KEYWORD));
     if (name.empty())
-        return {BSA_RC_INVALID_ENV, "no policy is named: NBU_POLICY is not set"};
+        return {BSA_RC_INVALID_ENV, "no policy is named: NBBSA_POLICY is not set"};
     Xbsa_Policy policy;
     result = Xbsa_Policy::read(name, policy);
     if (!result)
@@ -91,6 +109,19 @@ Xbsa_Result Xbsa_Session::open(BSA_ObjectOwner const& owner, std::vector<std::st
     if (result)
         session = std::move(made);
     return result;
+}
+
+Xbsa_Result Xbsa_Session::reopen(std::vector<std::string> changes,
+                                 std::unique_ptr<Xbsa_Session>& session) const {
+    if (transaction_)
+        return wrong_sequence("the environment cannot change within a transaction");
+    for (std::string const& text : environment_) {
+        std::string const keyword = keyword_of(text);
+        if (std::none_of(changes.begin(), changes.end(),
+                         [&](std::string const& other) { return keyword_of(other) == keyword; }))
+            changes.push_back(text);
+    }
+    return open(owner_, std::move(changes), session);
 }
 
 Xbsa_Result Xbsa_Session::connect() {
@@ -131,8 +162,6 @@ Xbsa_Result Xbsa_Session::connect_pool(Pool_Info const& pool) {
 Xbsa_Result Xbsa_Session::begin_transaction() {
     if (transaction_)
         return wrong_sequence("a transaction has begun already");
-    if (download_ && !download_->ended())
-        return wrong_sequence("an object is being read");
     transaction_ = std::make_unique<Xbsa_Transaction>(*repository_, agent_, counter_);
     return {};
 }
@@ -140,12 +169,26 @@ Xbsa_Result Xbsa_Session::begin_transaction() {
 Xbsa_Result Xbsa_Session::end_transaction(BSA_Vote vote) {
     if (!transaction_)
         return wrong_sequence("no transaction has begun");
-    if (vote == BSA_Vote_COMMIT && upload_)
-        return wrong_sequence("an object is being written");
+    if (vote == BSA_Vote_COMMIT && (upload_ || download_))
+        return wrong_sequence("BSAEndData() has not ended the object");
     download_.reset();
     upload_.reset();
+    found_.clear();
+    queried_ = false;
     std::unique_ptr<Xbsa_Transaction> const ending = std::move(transaction_);
     return vote == BSA_Vote_COMMIT ? ending->commit() : Xbsa_Result();
+}
+
+Xbsa_Result Xbsa_Session::may_begin(Xbsa_Transaction::Kind kind) {
+    if (!transaction_)
+        return wrong_sequence("no transaction has begun");
+    if (upload_ || download_)
+        return wrong_sequence("BSAEndData() has not ended the object");
+    if (!transaction_->fits(kind))
+        return wrong_sequence(kind == Xbsa_Transaction::MODIFIES
+                                  ? "the transaction retrieves objects: it cannot modify any"
+                                  : "the transaction modifies objects: it cannot retrieve any");
+    return {};
 }
 
 Xbsa_Result Xbsa_Session::may_write() const {
@@ -167,37 +210,31 @@ Xbsa_Packing Xbsa_Session::packing() const {
 }
 
 Xbsa_Result Xbsa_Session::create(BSA_ObjectDescriptor& descriptor) {
-    if (!transaction_)
-        return wrong_sequence("no transaction has begun");
-    if (upload_ || (download_ && !download_->ended()))
-        return wrong_sequence("another object is being written or read");
+    Xbsa_Result result = may_begin(Xbsa_Transaction::MODIFIES);
+    if (!result)
+        return result;
     Xbsa_Object object;
-    if (!object.read(descriptor))
+    if (!object.read(descriptor, owner_))
         return {BSA_RC_INVALID_OBJECTDESCRIPTOR,
                 "the object has no name, an unknown type, or a text without an end"};
-    Xbsa_Result result = may_write();
+    result = may_write();
     if (result && transaction_->objects() >= Xbsa_Repository::MAX_OBJECTS)
         result = {BSA_RC_ABORT_SYSTEM_ERROR, "the transaction has too many objects"};
     if (result)
         result = new_copy_id(object.copy_id);
     if (!result)
         return result;
-    if (object.bsa_owner.empty() && object.app_owner.empty()) {
-        xbsa_text(owner_.bsa_ObjectOwner, object.bsa_owner);
-        xbsa_text(owner_.app_ObjectOwner, object.app_owner);
-    }
     object.created = microseconds_now();
     object.compression = packing().method;
     object.set = policy_.uuid;
     object.name_file();
-    BSA_UInt64 const estimated = descriptor.estimatedSize;
     auto upload = std::make_unique<Xbsa_Upload>(object, limiters_);
     result = upload->begin(repository_->connection(), repository_->data_name(object), packing());
     if (!result)
         return result;
     upload_ = std::move(upload);
+    transaction_->become(Xbsa_Transaction::MODIFIES);
     object.write(descriptor, true);
-    descriptor.estimatedSize = estimated;
     return {};
 }
 
@@ -231,18 +268,18 @@ Xbsa_Result Xbsa_Session::end_data() {
 }
 
 Xbsa_Result Xbsa_Session::remove(uint64_t copy_id) {
-    if (!transaction_)
-        return wrong_sequence("no transaction has begun");
-    if (upload_ || (download_ && !download_->ended()))
-        return wrong_sequence("an object is being written or read");
+    Xbsa_Result result = may_begin(Xbsa_Transaction::MODIFIES);
     Xbsa_Object object;
-    Xbsa_Result result = find_copy(copy_id, object);
+    if (result)
+        result = find_copy(copy_id, object);
     if (result)
         result = may_write();
     if (result && object.set != policy_.uuid)
         result = {BSA_RC_ACCESS_FAILURE, "the object is in another backup set"};
-    if (result)
+    if (result) {
         transaction_->remove(std::move(object));
+        transaction_->become(Xbsa_Transaction::MODIFIES);
+    }
     return result;
 }
 
@@ -294,12 +331,14 @@ std::vector<Xbsa_Session::Found> Xbsa_Session::answer(Xbsa_Query const& wanted,
 
 Xbsa_Result Xbsa_Session::query(BSA_QueryDescriptor const& query,
                                 BSA_ObjectDescriptor& descriptor) {
-    if (upload_ || (download_ && !download_->ended()))
-        return wrong_sequence("an object is being written or read");
+    if (!transaction_)
+        return wrong_sequence("no transaction has begun");
+    if (upload_ || download_)
+        return wrong_sequence("BSAEndData() has not ended the object");
     Xbsa_Query wanted;
-    if (!wanted.read(query))
-        return {BSA_RC_INVALID_QUERYDESCRIPTOR,
-                "the query has an unknown type, a time that is none, or a text without an end"};
+    if (!wanted.read(query, owner_))
+        return {BSA_RC_INVALID_QUERYDESCRIPTOR, "the query has no pathName, an unknown type, an "
+                                                "invalid time, or a text without an end"};
     std::vector<Xbsa_Object> objects;
     Xbsa_Result const result =
         find([&](Xbsa_Object const& object) { return wanted.wants_name(object); }, objects);
@@ -322,27 +361,27 @@ Xbsa_Result Xbsa_Session::next_object(BSA_ObjectDescriptor& descriptor) {
     return {};
 }
 
-Xbsa_Result Xbsa_Session::get(BSA_ObjectDescriptor& descriptor) {
-    if (upload_ || (download_ && !download_->ended()))
-        return wrong_sequence("another object is being written or read");
+Xbsa_Result Xbsa_Session::get(uint64_t copy_id) {
+    Xbsa_Result result = may_begin(Xbsa_Transaction::RETRIEVES);
+    if (!result)
+        return result;
     auto const known = std::find_if(found_.begin(), found_.end(), [&](Found const& found) {
-        return found.object.copy_id == descriptor.copyId;
+        return found.object.copy_id == copy_id;
     });
-    Found wanted{{}, true};
-    Xbsa_Result result;
+    Xbsa_Object object;
     if (known != found_.end())
-        wanted = *known;
+        object = known->object;
     else
-        result = find_copy(descriptor.copyId, wanted.object);
+        result = find_copy(copy_id, object);
     if (!result)
         return result;
-    auto download = std::make_unique<Xbsa_Download>(wanted.object, limiters_);
-    result = download->begin(repository_->connection(), repository_->data_name(wanted.object));
-    if (!result)
-        return result;
-    download_ = std::move(download);
-    wanted.object.write(descriptor, wanted.newest);
-    return {};
+    auto download = std::make_unique<Xbsa_Download>(object, limiters_);
+    result = download->begin(repository_->connection(), repository_->data_name(object));
+    if (result) {
+        download_ = std::move(download);
+        transaction_->become(Xbsa_Transaction::RETRIEVES);
+    }
+    return result;
 }
 
 Xbsa_Result Xbsa_Session::receive(void* buffer, size_t size, size_t& got) {

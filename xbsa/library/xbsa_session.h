@@ -24,6 +24,14 @@ public:
     static Xbsa_Result open(BSA_ObjectOwner const& owner, std::vector<std::string> environment,
                             std::unique_ptr<Xbsa_Session>& session);
 
+    /**
+     * Opens another session that has this one's owner and environment, with changes. Not in a
+     * transaction.
+     * @param changes  texts "KEYWORD=value"
+     */
+    Xbsa_Result reopen(std::vector<std::string> changes,
+                       std::unique_ptr<Xbsa_Session>& session) const;
+
     BSA_ObjectOwner const& owner() const { return owner_; }
     std::vector<std::string> const& environment() const { return environment_; }
 
@@ -37,7 +45,7 @@ public:
 
     Xbsa_Result query(BSA_QueryDescriptor const& query, BSA_ObjectDescriptor& descriptor);
     Xbsa_Result next_object(BSA_ObjectDescriptor& descriptor);
-    Xbsa_Result get(BSA_ObjectDescriptor& descriptor);
+    Xbsa_Result get(uint64_t copy_id);
     /** @param got  0 only with BSA_RC_NO_MORE_DATA, or when @a size is */
     Xbsa_Result receive(void* buffer, size_t size, size_t& got);
 
@@ -47,6 +55,8 @@ private:
 
     Xbsa_Result connect();
     Xbsa_Result connect_pool(Pool_Info const& pool);
+    /** Whether something of that kind can begin now. */
+    Xbsa_Result may_begin(Xbsa_Transaction::Kind kind);
     /** What forbids to write with this policy; success when nothing does. */
     Xbsa_Result may_write() const;
     Xbsa_Packing packing() const;

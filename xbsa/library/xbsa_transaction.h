@@ -7,6 +7,7 @@
 #include "xbsa/library/xbsa_transfer.h"
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 /**
@@ -16,12 +17,18 @@
  */
 class Xbsa_Transaction {
 public:
+    /** What a transaction does; its first call that succeeds decides. */
+    enum Kind { MODIFIES, RETRIEVES };
+
     /** @param repository, agent, counter  must live as long as the transaction */
     Xbsa_Transaction(Xbsa_Repository const& repository, Xbsa_Agent& agent, Xbsa_Counter& counter)
         : repository_(repository), agent_(agent), counter_(counter) {}
     ~Xbsa_Transaction();
     Xbsa_Transaction(Xbsa_Transaction const&) = delete;
     Xbsa_Transaction& operator=(Xbsa_Transaction const&) = delete;
+
+    bool fits(Kind kind) const { return kind_.value_or(kind) == kind; }
+    void become(Kind kind) { kind_ = kind; }
 
     size_t objects() const { return uploads_.size(); }
     /** Takes an object whose data have all come. On a failure it is dropped. */
@@ -55,6 +62,7 @@ private:
     std::vector<std::unique_ptr<Xbsa_Upload>> uploads_;
     std::vector<Xbsa_Object> removals_;
     bool failed_ = false;
+    std::optional<Kind> kind_;
 };
 
 #endif

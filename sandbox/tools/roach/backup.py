@@ -7,7 +7,7 @@ import time
 from roach import files
 from roach.agents import Agents
 from roach.cluster import Tool_Error, environment
-from roach.frames import PAGE, Frame_Writer
+from roach.frames import OBJECT_SIZE, PAGE, Frame_Writer
 from roach.object_store import MIB, open_store
 from roach.postgres import Session, parse_lsn
 from roach.screen import Progress, say
@@ -258,13 +258,14 @@ class Backup(object):
             crew.close()
         return moved
 
-    def _writer(self, store, node, label):
+    def _writer(self, store, node, label, size):
+        """@param size  bytes that are to come, about"""
         name = "%s/%s/%s" % (self.key, self.nodes[node].instance.name, label)
         names = []
 
         def create(number):
             names.append("%s_%04d.rch" % (name, number))
-            return store.create(names[-1], 0)
+            return store.create(names[-1], min(size, OBJECT_SIZE))
         writer = Frame_Writer(create, self.block)
         writer.names = names
         return writer
@@ -278,7 +279,9 @@ class Backup(object):
             for node, unit in worker.take(work):
                 if node != current:
                     data += self._finish(writer, current, objects)
-                    current, writer = node, self._writer(store, node, "data%d" % worker.number)
+                    current, writer = node, self._writer(
+                        store, node, "data%d" % worker.number,
+                        sum(end - begin for _, _, begin, end in self.nodes[node].units))
                 if not copy_unit(writer, self.nodes[node].instance.data, unit,
                                  self.nodes[node].since):
                     missing.append((node, unit[0]))
@@ -308,8 +311,9 @@ class Backup(object):
         moved = 0
         for number, node in enumerate(self.nodes):
             node.stop()
-            writer = self._writer(store, number, "log")
-            for path in node.log_segments():
+            segments = node.log_segments()
+            writer = self._writer(store, number, "log", sum(map(os.path.getsize, segments)))
+            for path in segments:
                 descriptor = os.open(path, os.O_RDONLY | os.O_CLOEXEC)
                 try:
                     writer.file("pg_wal/" + os.path.basename(path))

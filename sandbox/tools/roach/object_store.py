@@ -2,11 +2,11 @@
 
     store = open_store(policy)
     store.begin(); writer = store.create(name, bytes); writer.send(memory); writer.end(); store.commit()
-    store.sizes("20240101_000000/dn_6001/")         names below a prefix, and their sizes
-    reader = store.open(name); count = reader.read(memory); reader.end()
+    store.begin(); names = store.names("20240101_000000/dn_6001/")         below a prefix
+    reader = store.open(name); count = reader.read(memory); reader.end(); store.commit()
 
-A store belongs to the process that opened it and to one thread. All failures are Store_Error. A name
-must not hold "*", "?" or a backslash.
+A transaction either writes or reads. A store belongs to the process that opened it and to one thread. All
+failures are Store_Error. A name must not hold "*", "?" or a backslash.
 """
 import ctypes
 import os
@@ -17,6 +17,9 @@ from roach.cluster import Tool_Error
 MIB = 1024 * 1024
 
 
+SMALLEST_BLOCK = 16384  # that anything here sends or reads
+
+
 class Store_Error(Tool_Error):
     pass
 
@@ -25,7 +28,12 @@ class Store_Error(Tool_Error):
 
 BSA_RC_NO_MATCH, BSA_RC_NO_MORE_DATA = 0x11, 0x12
 ANY, BACKUP, FILE, COMMIT, ABORT = 1, 3, 2, 1, 2
-OBJECT_SPACE = b"gaussdb"
+OBJECT_SPACE, OWNER = b"gaussdb", b"gs_roach"
+VERSION = (1, 1, 0)
+
+
+class Api_Version(ctypes.Structure):
+    _fields_ = [(name, ctypes.c_uint16) for name in ("issue", "version", "level")]
 
 
 class Tm(ctypes.Structure):
@@ -54,11 +62,10 @@ class Object_Descriptor(ctypes.Structure):
 
 class Query_Descriptor(ctypes.Structure):
     _fields_ = [("owner", Object_Owner), ("name", Object_Name), ("create_from", Tm),
-                ("create_to", Tm), ("expire_from", Tm), ("expire_to", Tm),
-                ("copy_type", ctypes.c_int), ("rsv1", ctypes.c_char * 31),
-                ("rsv2", ctypes.c_char * 31), ("rsv3", ctypes.c_char * 31),
-                ("object_type", ctypes.c_int), ("object_status", ctypes.c_int),
-                ("rsv4", ctypes.c_char * 31)]
+                ("create_to", Tm), ("rsv1", Tm), ("rsv2", Tm), ("copy_type", ctypes.c_int),
+                ("rsv3", ctypes.c_char * 31), ("rsv4", ctypes.c_char * 31),
+                ("rsv5", ctypes.c_char * 31), ("object_type", ctypes.c_int),
+                ("object_status", ctypes.c_int), ("rsv6", ctypes.c_char * 100)]
 
 
 class Data_Block(ctypes.Structure):
@@ -89,8 +96,14 @@ class Xbsa_Store(object):
             raise Store_Error("[GAUSS-53202] : Failed to load %s: %s" % (path, error))
         self.handle = ctypes.c_long()
         self.in_transaction = False
-        keywords = (ctypes.c_char_p * 2)(b"NBU_POLICY=" + policy.encode(), None)
-        owner = Object_Owner(app=b"gs_roach")
+        version = Api_Version()
+        self.call("BSAQueryApiVersion", ctypes.byref(version))
+        if (version.issue, version.version, version.level) != VERSION:
+            raise Store_Error("[GAUSS-53202] : %s has version %d.%d.%d of the API instead of %d.%d.%d."
+                              % ((path, version.issue, version.version, version.level) + VERSION))
+        keywords = (ctypes.c_char_p * 3)(b"BSA_API_VERSION=%d.%d.%d" % VERSION,
+                                         b"NBBSA_POLICY=" + policy.encode(), None)
+        owner = Object_Owner(app=OWNER)
         self.call("BSAInit", ctypes.byref(self.handle), None, ctypes.byref(owner), keywords)
 
     def call(self, name, *arguments, **expected):
@@ -121,39 +134,48 @@ class Xbsa_Store(object):
         self.call("BSATerminate", self.handle)
 
     def create(self, name, estimated_size):
-        descriptor = Object_Descriptor(copy_type=BACKUP, estimated_size=estimated_size,
-                                       object_type=FILE, object_status=ANY)
+        # an object that is announced as empty takes no data
+        descriptor = Object_Descriptor(copy_type=BACKUP, estimated_size=max(estimated_size, 1),
+                                       object_type=FILE)
+        descriptor.owner.app = OWNER
         descriptor.name.space, descriptor.name.path = OBJECT_SPACE, b"/" + name.encode()
         descriptor.resource_type = b"gs_roach"
-        self.call("BSACreateObject", self.handle, ctypes.byref(descriptor),
-                  ctypes.byref(Data_Block()))
+        wish = Data_Block()
+        self.call("BSACreateObject", self.handle, ctypes.byref(descriptor), ctypes.byref(wish))
+        self._check(wish)
         return Xbsa_Writer(self)
 
+    @staticmethod
+    def _check(wish):
+        if wish.header_bytes or wish.buffer_len > SMALLEST_BLOCK:
+            raise Store_Error("[GAUSS-53203] : The media want blocks with a header of %d bytes, of %d "
+                              "bytes at least." % (wish.header_bytes, wish.buffer_len))
+
     def _query(self, pattern):
-        """The newest copy of each object whose path name matches, by path name."""
+        """The copy id of the newest copy of each object whose path name matches, by path name."""
         query = Query_Descriptor(copy_type=ANY, object_type=ANY, object_status=ANY)
+        query.owner.bsa, query.owner.app = b"*", OWNER
         query.name.space, query.name.path = OBJECT_SPACE, pattern.encode()
         found = {}
         descriptor = Object_Descriptor()
         code = self.call("BSAQueryObject", self.handle, ctypes.byref(query),
                          ctypes.byref(descriptor), more=(BSA_RC_NO_MATCH,))
         while code == 0:
-            found.setdefault(descriptor.name.path.decode()[1:],
-                             (descriptor.copy_id, descriptor.estimated_size))
+            found.setdefault(descriptor.name.path.decode()[1:], descriptor.copy_id)
             code = self.call("BSAGetNextQueryObject", self.handle, ctypes.byref(descriptor),
                              more=(BSA_RC_NO_MORE_DATA,))
         return found
 
-    def sizes(self, prefix):
-        return {name: size for name, (_, size) in self._query("/" + prefix + "*").items()}
+    def names(self, prefix):
+        return set(self._query("/" + prefix + "*"))
 
     def open(self, name):
         found = self._query("/" + name)
         if name not in found:
             raise Store_Error("[GAUSS-53204] : The media have no object %s." % name)
-        descriptor = Object_Descriptor(copy_id=found[name][0])
-        self.call("BSAGetObject", self.handle, ctypes.byref(descriptor),
-                  ctypes.byref(Data_Block()))
+        descriptor, wish = Object_Descriptor(copy_id=found[name]), Data_Block()
+        self.call("BSAGetObject", self.handle, ctypes.byref(descriptor), ctypes.byref(wish))
+        self._check(wish)
         return Xbsa_Reader(self, name)
 
 
@@ -226,15 +248,14 @@ class Directory_Store(object):
     def close(self):
         self.abort()
 
-    def sizes(self, prefix):
+    def names(self, prefix):
         top = os.path.join(self.root, os.path.dirname(prefix))
-        found = {}
+        found = set()
         for directory, _, names in os.walk(top):
             for name in names:
-                path = os.path.join(directory, name)
-                relative = os.path.relpath(path, self.root)
+                relative = os.path.relpath(os.path.join(directory, name), self.root)
                 if relative.startswith(prefix) and not name.endswith(".partial"):
-                    found[relative] = os.path.getsize(path)
+                    found.add(relative)
         return found
 
     def open(self, name):

@@ -92,9 +92,11 @@ class Restore(object):
             self._check_metadata()
         store = open_store(self.policy)
         try:
+            store.begin()
             self.chain = self._load_chain(store)
             self.targets = self._match_nodes()
             self._check_objects(store)
+            store.commit()
         finally:
             store.close()
         self._check_space()
@@ -164,16 +166,13 @@ class Restore(object):
                 if instance.local]
 
     def _check_objects(self, store):
-        """What the store can say without reading: that all objects are there, in their sizes."""
+        """What the store can say without reading: that all objects are there."""
         for manifest in self.chain:
-            sizes = store.sizes(manifest["key"] + "/")
+            names = store.names(manifest["key"] + "/")
             for node in manifest["nodes"].values():
-                for name, size in node["objects"]:
-                    if name not in sizes:
+                for name, _ in node["objects"]:
+                    if name not in names:
                         raise Tool_Error("[GAUSS-53204] : The media have no object %s." % name)
-                    if sizes[name] != size:
-                        raise Tool_Error("[GAUSS-53205] : The object %s has %d bytes instead of %d."
-                                         % (name, sizes[name], size))
 
     def _check_space(self):
         last = self.chain[-1]["nodes"]
@@ -214,8 +213,10 @@ class Restore(object):
     def _work(self, worker, work):
         store = open_store(self.policy)
         try:
+            store.begin()
             for number, name, _ in worker.take(work):
                 self._read_object(worker, store, self.targets[number].staging, name)
+            store.commit()
         finally:
             store.close()
 

@@ -53,6 +53,7 @@ protected:
 
     Xbsa_World world_;
     long handle_ = 0;
+    std::string version_ = "BSA_API_VERSION=1.1.0";
 };
 
 #endif

@@ -61,39 +61,72 @@ TEST_F(Xbsa_Api, a_policy_without_tls_is_served_too) {
     EXPECT_EQ(1u, plain.calls("pool.find").size());
 }
 
-TEST_F(Xbsa_Api, the_policy_is_named_by_the_keyword_the_environment_or_the_owner) {
+TEST_F(Xbsa_Api, only_the_keyword_names_the_policy) {
     BSA_ObjectOwner owner{};
-    std::strcpy(owner.bsa_ObjectOwner, "not-a-policy");
-    std::string keyword = std::string("NBU_POLICY=") + Xbsa_World::POLICY;
-    char* environment[] = {keyword.data(), nullptr};
-    long handle = 0;
-    EXPECT_EQ(BSA_RC_SUCCESS, BSAInit(&handle, nullptr, &owner, environment));
-    BSATerminate(handle);
-    {
-        Scoped_Env const variable("NBU_POLICY", Xbsa_World::POLICY);
-        EXPECT_EQ(BSA_RC_SUCCESS, BSAInit(&handle, nullptr, &owner, nullptr));
-        BSATerminate(handle);
-    }
     std::strcpy(owner.bsa_ObjectOwner, Xbsa_World::POLICY);
-    EXPECT_EQ(BSA_RC_SUCCESS, BSAInit(&handle, nullptr, &owner, nullptr));
-    BSATerminate(handle);
+    Scoped_Env const variable("NBBSA_POLICY", Xbsa_World::POLICY);
+    Scoped_Env const older("NBU_POLICY", Xbsa_World::POLICY);
+    std::string old_keyword = std::string("NBU_POLICY=") + Xbsa_World::POLICY;
+    char* environment[] = {version_.data(), old_keyword.data(), nullptr};
+    EXPECT_REFUSED(BSA_RC_INVALID_ENV, "NBBSA_POLICY is not set",
+                   BSAInit(&handle_, nullptr, &owner, environment));
+    std::strcpy(owner.bsa_ObjectOwner, "not-a-policy");
+    std::string keyword = std::string("NBBSA_POLICY=") + Xbsa_World::POLICY;
+    environment[1] = keyword.data();
+    EXPECT_EQ(BSA_RC_SUCCESS, BSAInit(&handle_, nullptr, &owner, environment));
+}
+
+TEST_F(Xbsa_Api, a_policy_can_be_a_path_in_the_media_directory) {
+    ASSERT_EQ(BSA_RC_SUCCESS,
+              xbsa::open(handle_, "/var/cache/quilmot/zenbrak3/gaussdb/media/nightly"))
+        << xbsa::last_error();
+}
+
+TEST_F(Xbsa_Api, an_environment_that_is_not_valid_is_refused) {
+    std::string keyword = std::string("NBBSA_POLICY=") + Xbsa_World::POLICY;
+    Scoped_Env const not_looked_at("BSA_API_VERSION", "1.1.0");
+    char* without_version[] = {keyword.data(), nullptr};
+    EXPECT_REFUSED(BSA_RC_INVALID_ENV, "BSA_API_VERSION is not set",
+                   BSAInit(&handle_, nullptr, nullptr, without_version));
+    EXPECT_REFUSED(BSA_RC_INVALID_ENV, "BSA_API_VERSION is not set",
+                   BSAInit(&handle_, nullptr, nullptr, nullptr));
+    for (std::string text : {"OTHER", "", "=value", "OTHER =1", "OTHER= 1", "OTHER\t=1"}) {
+        char* environment[] = {version_.data(), keyword.data(), text.data(), nullptr};
+        EXPECT_REFUSED(BSA_RC_INVALID_ENV, "is not of the form KEYWORD=value",
+                       BSAInit(&handle_, nullptr, nullptr, environment));
+    }
+    for (std::string text : {"BSA_DELIMITER=//", "BSA_DELIMITER=\xe4", "BSA_DELIMITER=\x01"}) {
+        char* environment[] = {version_.data(), keyword.data(), text.data(), nullptr};
+        EXPECT_REFUSED(BSA_RC_INVALID_ENV, "BSA_DELIMITER is not one character",
+                       BSAInit(&handle_, nullptr, nullptr, environment));
+    }
+    EXPECT_EQ(0, handle_);
+    std::string delimiter = "BSA_DELIMITER=.", empty = "NBBSA_SCHEDULE=";
+    char* good[] = {version_.data(), keyword.data(), delimiter.data(), empty.data(), nullptr};
+    EXPECT_EQ(BSA_RC_SUCCESS, BSAInit(&handle_, nullptr, nullptr, good)) << xbsa::last_error();
 }
 
 TEST_F(Xbsa_Api, a_session_without_a_policy_is_refused) {
     long handle = 0;
+    char* environment[] = {version_.data(), nullptr};
     EXPECT_REFUSED(BSA_RC_INVALID_ENV, "no policy is named",
-                   BSAInit(&handle, nullptr, nullptr, nullptr));
+                   BSAInit(&handle, nullptr, nullptr, environment));
     EXPECT_REFUSED(BSA_RC_INVALID_ENV, "No such file", xbsa::open(handle, "other"));
-    for (char const* name : {"../gaussdb/nightly", "/etc/passwd", "..", "a/b", "."})
+    for (char const* name : {"../gaussdb/nightly", "/etc/passwd", "..", "a/b", ".",
+                             "/var/cache/quilmot/zenbrak3/gaussdb/nightly",
+                             "/var/cache/quilmot/zenbrak3/gaussdb/media/../nightly",
+                             "/var/cache/quilmot/zenbrak3/gaussdb/media/a/nightly"})
         EXPECT_REFUSED(BSA_RC_INVALID_ENV, "is not the name of a policy", xbsa::open(handle, name));
     EXPECT_EQ(0, handle);
 }
 
 TEST_F(Xbsa_Api, another_version_of_the_api_is_refused) {
-    std::string version = "BSA_API_VERSION=2.0.0";
-    char* environment[] = {version.data(), nullptr};
-    EXPECT_REFUSED(BSA_RC_VERSION_NOT_SUPPORTED, "'2.0.0'",
-                   BSAInit(&handle_, nullptr, nullptr, environment));
+    for (std::string const wanted : {"2.0.0", "1.1", "1.1.1", "1.1.0.0"}) {
+        std::string version = "BSA_API_VERSION=" + wanted;
+        char* environment[] = {version.data(), nullptr};
+        EXPECT_REFUSED(BSA_RC_VERSION_NOT_SUPPORTED, "'" + wanted + "'",
+                       BSAInit(&handle_, nullptr, nullptr, environment));
+    }
 }
 
 TEST_F(Xbsa_Api, an_environment_or_owner_without_an_end_is_refused) {
@@ -179,6 +212,10 @@ TEST_F(Xbsa_Api, a_handle_that_is_none_or_has_ended_is_invalid_in_every_call) {
         EXPECT_EQ(BSA_RC_INVALID_HANDLE, BSATerminate(handle));
     }
     EXPECT_EQ(48u, Log_Capture::instance().claim_all(LM_ERROR, "there is no such session"));
+    BSA_Handle none = ended;
+    char* environment[] = {version_.data(), nullptr};
+    EXPECT_REFUSED(BSA_RC_INVALID_HANDLE, "there is no such session",
+                   NBBSAUpdateEnv(&none, environment));
 }
 
 TEST_F(Xbsa_Api, null_pointers_are_refused_in_every_call) {
@@ -196,7 +233,10 @@ TEST_F(Xbsa_Api, null_pointers_are_refused_in_every_call) {
     EXPECT_EQ(BSA_RC_NULL_ARGUMENT, BSAQueryApiVersion(nullptr));
     EXPECT_EQ(BSA_RC_NULL_ARGUMENT, BSAQueryServiceProvider(nullptr, nullptr, nullptr));
     EXPECT_EQ(BSA_RC_NULL_ARGUMENT, BSAGetLastError(nullptr, nullptr));
-    EXPECT_EQ(10u, Log_Capture::instance().claim_all(LM_ERROR, " is null"));
+    char* environment[] = {nullptr};
+    EXPECT_EQ(BSA_RC_NULL_ARGUMENT, NBBSAUpdateEnv(nullptr, environment));
+    EXPECT_EQ(BSA_RC_NULL_ARGUMENT, NBBSAUpdateEnv(&handle_, nullptr));
+    EXPECT_EQ(12u, Log_Capture::instance().claim_all(LM_ERROR, " is null"));
 }
 
 TEST_F(Xbsa_Api, calls_out_of_their_order_are_refused_and_change_nothing) {
@@ -213,12 +253,15 @@ TEST_F(Xbsa_Api, calls_out_of_their_order_are_refused_and_change_nothing) {
     refused(BSAGetData(handle_, &block));
     refused(BSAGetNextQueryObject(handle_, &descriptor));
     refused(BSADeleteObject(handle_, 1));
+    refused(BSAQueryObject(handle_, &query, &descriptor));
+    refused(BSAGetObject(handle_, &descriptor, &block));
 
     ASSERT_EQ(BSA_RC_SUCCESS, BSABeginTxn(handle_));
     refused(BSABeginTxn(handle_));
     refused(BSASendData(handle_, &block));
+    refused(BSAGetNextQueryObject(handle_, &descriptor));
     ASSERT_EQ(BSA_RC_SUCCESS, BSACreateObject(handle_, &descriptor, &block));
-    block.numBytes = 1;
+    block = xbsa::block(memory, sizeof memory, 1);
     refused(BSACreateObject(handle_, &descriptor, &block));
     refused(BSAEndTxn(handle_, BSA_Vote_COMMIT));
     refused(BSAQueryObject(handle_, &query, &descriptor));
@@ -229,7 +272,95 @@ TEST_F(Xbsa_Api, calls_out_of_their_order_are_refused_and_change_nothing) {
     refused(BSASendData(handle_, &block));
     EXPECT_EQ(BSA_RC_SUCCESS, BSAEndTxn(handle_, BSA_Vote_COMMIT)) << xbsa::last_error();
     EXPECT_THAT(xbsa::find(handle_, query), ElementsAre("/x"));
-    EXPECT_EQ(15u, Log_Capture::instance().claim_all(LM_ERROR, "BSA"));
+    EXPECT_EQ(18u, Log_Capture::instance().claim_all(LM_ERROR, "BSA"));
+}
+
+TEST_F(Xbsa_Api, what_is_read_is_ended_before_anything_else) {
+    open_session();
+    BSA_UInt64 id = 0;
+    ASSERT_EQ(BSA_RC_SUCCESS, xbsa::put(handle_, "/x", "content", &id));
+    char memory[10] = {};
+    BSA_DataBlock32 block = xbsa::block(memory, sizeof memory);
+    BSA_ObjectDescriptor descriptor = xbsa::object("/x"), other = xbsa::object("/y");
+    BSA_QueryDescriptor query = xbsa::pattern("*");
+    descriptor.copyId = id;
+    auto const refused = [](int code) { EXPECT_EQ(BSA_RC_INVALID_CALL_SEQUENCE, code); };
+    ASSERT_EQ(BSA_RC_SUCCESS, BSABeginTxn(handle_));
+    ASSERT_EQ(BSA_RC_SUCCESS, BSAGetObject(handle_, &descriptor, nullptr));
+    EXPECT_EQ(BSA_RC_SUCCESS, BSAGetData(handle_, &block));
+    EXPECT_EQ(BSA_RC_NO_MORE_DATA, BSAGetData(handle_, &block));
+    EXPECT_EQ(BSA_RC_NO_MORE_DATA, BSAGetData(handle_, &block)) << "and again";
+    refused(BSAGetObject(handle_, &descriptor, nullptr));
+    refused(BSAQueryObject(handle_, &query, &other));
+    refused(BSACreateObject(handle_, &other, nullptr));
+    refused(BSADeleteObject(handle_, id));
+    refused(BSASendData(handle_, &block));
+    refused(BSAEndTxn(handle_, BSA_Vote_COMMIT));
+    EXPECT_EQ(BSA_RC_SUCCESS, BSAEndData(handle_));
+    refused(BSAGetData(handle_, &block));
+    EXPECT_EQ(BSA_RC_SUCCESS, BSAEndTxn(handle_, BSA_Vote_COMMIT));
+    EXPECT_EQ(7u, Log_Capture::instance().claim_all(LM_ERROR, "BSA"));
+}
+
+TEST_F(Xbsa_Api, a_transaction_modifies_or_retrieves) {
+    open_session();
+    BSA_UInt64 id = 0;
+    ASSERT_EQ(BSA_RC_SUCCESS, xbsa::put(handle_, "/x", "content", &id));
+    BSA_ObjectDescriptor got = xbsa::object("/x"), made = xbsa::object("/y");
+    got.copyId = id;
+    ASSERT_EQ(BSA_RC_SUCCESS, BSABeginTxn(handle_));
+    EXPECT_THAT(xbsa::find_objects(handle_, xbsa::pattern("*")), ElementsAre("/x"));
+    ASSERT_EQ(BSA_RC_SUCCESS, BSAGetObject(handle_, &got, nullptr));
+    ASSERT_EQ(BSA_RC_SUCCESS, BSAEndData(handle_));
+    EXPECT_REFUSED(BSA_RC_INVALID_CALL_SEQUENCE, "the transaction retrieves",
+                   BSACreateObject(handle_, &made, nullptr));
+    EXPECT_REFUSED(BSA_RC_INVALID_CALL_SEQUENCE, "the transaction retrieves",
+                   BSADeleteObject(handle_, id));
+    EXPECT_THAT(xbsa::find_objects(handle_, xbsa::pattern("*")), ElementsAre("/x"));
+    ASSERT_EQ(BSA_RC_SUCCESS, BSAEndTxn(handle_, BSA_Vote_COMMIT));
+
+    ASSERT_EQ(BSA_RC_SUCCESS, BSABeginTxn(handle_));
+    EXPECT_EQ(BSA_RC_SUCCESS, BSADeleteObject(handle_, id));
+    EXPECT_THAT(xbsa::find_objects(handle_, xbsa::pattern("*")), ElementsAre("/x"));
+    EXPECT_REFUSED(BSA_RC_INVALID_CALL_SEQUENCE, "the transaction modifies",
+                   BSAGetObject(handle_, &got, nullptr));
+    ASSERT_EQ(BSA_RC_SUCCESS, xbsa::put_object(handle_, made, "more"));
+    EXPECT_REFUSED(BSA_RC_INVALID_CALL_SEQUENCE, "the transaction modifies",
+                   BSAGetObject(handle_, &got, nullptr));
+    ASSERT_EQ(BSA_RC_SUCCESS, BSAEndTxn(handle_, BSA_Vote_COMMIT));
+    EXPECT_THAT(xbsa::find(handle_, xbsa::pattern("*")), ElementsAre("/y"));
+}
+
+TEST_F(Xbsa_Api, a_call_that_fails_does_not_decide_what_the_transaction_is) {
+    open_session();
+    BSA_UInt64 id = 0;
+    ASSERT_EQ(BSA_RC_SUCCESS, xbsa::put(handle_, "/x", "content", &id));
+    BSA_ObjectDescriptor nameless = xbsa::object("", ""), got = xbsa::object("/x");
+    ASSERT_EQ(BSA_RC_SUCCESS, BSABeginTxn(handle_));
+    EXPECT_REFUSED(BSA_RC_INVALID_OBJECTDESCRIPTOR, "has no name",
+                   BSACreateObject(handle_, &nameless, nullptr));
+    got.copyId = id + 1;
+    EXPECT_REFUSED(BSA_RC_OBJECT_NOT_FOUND, "no object", BSAGetObject(handle_, &got, nullptr));
+    EXPECT_EQ(BSA_RC_SUCCESS, BSADeleteObject(handle_, id));
+    EXPECT_EQ(BSA_RC_SUCCESS, BSAEndTxn(handle_, BSA_Vote_ABORT));
+    ASSERT_EQ(BSA_RC_SUCCESS, BSABeginTxn(handle_));
+    EXPECT_REFUSED(BSA_RC_OBJECT_NOT_FOUND, "no object", BSADeleteObject(handle_, id + 1));
+    got.copyId = id;
+    EXPECT_EQ(BSA_RC_SUCCESS, BSAGetObject(handle_, &got, nullptr));
+}
+
+TEST_F(Xbsa_Api, the_answers_of_a_query_end_with_its_transaction) {
+    open_session();
+    ASSERT_EQ(BSA_RC_SUCCESS, xbsa::put(handle_, "/1", "x"));
+    ASSERT_EQ(BSA_RC_SUCCESS, xbsa::put(handle_, "/2", "x"));
+    BSA_QueryDescriptor query = xbsa::pattern("*");
+    BSA_ObjectDescriptor descriptor;
+    ASSERT_EQ(BSA_RC_SUCCESS, BSABeginTxn(handle_));
+    ASSERT_EQ(BSA_RC_SUCCESS, BSAQueryObject(handle_, &query, &descriptor));
+    ASSERT_EQ(BSA_RC_SUCCESS, BSAEndTxn(handle_, BSA_Vote_COMMIT));
+    ASSERT_EQ(BSA_RC_SUCCESS, BSABeginTxn(handle_));
+    EXPECT_REFUSED(BSA_RC_INVALID_CALL_SEQUENCE, "nothing has been asked for",
+                   BSAGetNextQueryObject(handle_, &descriptor));
 }
 
 TEST_F(Xbsa_Api, a_vote_that_is_none_is_refused) {
@@ -257,7 +388,7 @@ TEST_F(Xbsa_Api, version_and_provider_are_told_without_a_session) {
     EXPECT_EQ('/', delimiter);
     std::string name(size, 'x');
     EXPECT_EQ(BSA_RC_SUCCESS, BSAQueryServiceProvider(&size, nullptr, name.data()));
-    EXPECT_STREQ("zenbrak3 XBSA 1.0", name.c_str());
+    EXPECT_STREQ("quilmot/zenbrak3/1.0", name.c_str());
     EXPECT_EQ(name.size(), size);
 }
 
@@ -279,23 +410,65 @@ TEST_F(Xbsa_Api, the_last_error_is_the_thread_s_own) {
     std::thread([] { EXPECT_EQ("", xbsa::last_error()); }).join();
     EXPECT_EQ("there is no such session", xbsa::last_error());
     open_session();
-    EXPECT_EQ("", xbsa::last_error());
+    char text[10] = "unchanged";
+    BSA_UInt32 size = sizeof text;
+    EXPECT_EQ(BSA_RC_SUCCESS, BSAGetLastError(&size, text));
+    EXPECT_EQ(0u, size) << "there is none";
+    EXPECT_STREQ("unchanged", text);
 }
 
 TEST_F(Xbsa_Api, a_session_gives_back_its_environment_and_owner) {
     BSA_ObjectOwner owner{};
     std::strcpy(owner.app_ObjectOwner, "omm");
-    std::string keyword = std::string("NBU_POLICY=") + Xbsa_World::POLICY;
+    std::string keyword = std::string("NBBSA_POLICY=") + Xbsa_World::POLICY;
     char other[] = "OTHER=1";
-    char* environment[] = {other, keyword.data(), nullptr};
+    char* environment[] = {other, keyword.data(), version_.data(), nullptr};
     ASSERT_EQ(BSA_RC_SUCCESS, BSAInit(&handle_, nullptr, &owner, environment));
     BSA_ObjectOwner got{};
-    char* texts[3] = {};
+    char* texts[4] = {};
     EXPECT_EQ(BSA_RC_SUCCESS, BSAGetEnvironment(handle_, &got, texts));
     EXPECT_STREQ("omm", got.app_ObjectOwner);
     EXPECT_STREQ("OTHER=1", texts[0]);
     EXPECT_EQ(keyword, texts[1]);
-    EXPECT_EQ(nullptr, texts[2]);
+    EXPECT_EQ(version_, texts[2]);
+    EXPECT_EQ(nullptr, texts[3]);
+}
+
+TEST_F(Xbsa_Api, an_environment_can_change_between_transactions) {
+    open_session();
+    world_.policy["uuid"] = Xbsa_World::OLDER_SET;
+    world_.save_policy("weekly");
+    std::string policy = "NBBSA_POLICY=weekly", schedule = "NBBSA_SCHEDULE=full";
+    char* changes[] = {policy.data(), schedule.data(), nullptr};
+    ASSERT_EQ(BSA_RC_SUCCESS, BSABeginTxn(handle_));
+    EXPECT_REFUSED(BSA_RC_INVALID_CALL_SEQUENCE, "cannot change within a transaction",
+                   NBBSAUpdateEnv(&handle_, changes));
+    ASSERT_EQ(BSA_RC_SUCCESS, BSAEndTxn(handle_, BSA_Vote_COMMIT));
+    ASSERT_EQ(BSA_RC_SUCCESS, xbsa::put(handle_, "/before", "x"));
+    ASSERT_EQ(BSA_RC_SUCCESS, NBBSAUpdateEnv(&handle_, changes)) << xbsa::last_error();
+    ASSERT_EQ(BSA_RC_SUCCESS, xbsa::put(handle_, "/after", "x"));
+    EXPECT_EQ(1u, world_.data_files().size());
+    EXPECT_EQ(1u, world_.data_files(Xbsa_World::OLDER_SET).size());
+    char* texts[4] = {};
+    EXPECT_EQ(BSA_RC_SUCCESS, BSAGetEnvironment(handle_, nullptr, texts));
+    EXPECT_EQ(policy, texts[0]);
+    EXPECT_EQ(schedule, texts[1]);
+    EXPECT_EQ(version_, texts[2]);
+    EXPECT_EQ(nullptr, texts[3]);
+}
+
+TEST_F(Xbsa_Api, an_environment_that_cannot_be_leaves_the_session_as_it_was) {
+    open_session();
+    std::string bad = "NBBSA_POLICY=none", version = "BSA_API_VERSION=2.0.0";
+    std::string huge = "A=" + std::string(10000, 'x');
+    char* none[] = {bad.data(), nullptr};
+    EXPECT_REFUSED(BSA_RC_INVALID_ENV, "No such file", NBBSAUpdateEnv(&handle_, none));
+    char* newer[] = {version.data(), nullptr};
+    EXPECT_REFUSED(BSA_RC_VERSION_NOT_SUPPORTED, "2.0.0", NBBSAUpdateEnv(&handle_, newer));
+    char* large[] = {huge.data(), nullptr};
+    EXPECT_REFUSED(BSA_RC_INVALID_ENV, "is too large", NBBSAUpdateEnv(&handle_, large));
+    EXPECT_EQ(BSA_RC_SUCCESS, xbsa::put(handle_, "/x", "x"));
+    EXPECT_EQ(1u, world_.data_files().size());
 }
 
 // several at once

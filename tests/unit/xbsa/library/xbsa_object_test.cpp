@@ -8,7 +8,8 @@
 namespace {
 
 TEST(Xbsa_Matches_Test, patterns) {
-    EXPECT_TRUE(xbsa_matches("", "anything"));
+    EXPECT_TRUE(xbsa_matches("", ""));
+    EXPECT_FALSE(xbsa_matches("", "anything"));
     EXPECT_TRUE(xbsa_matches("*", ""));
     EXPECT_TRUE(xbsa_matches("/a/*", "/a/b/c"));
     EXPECT_TRUE(xbsa_matches("*c", "/a/b/c"));
@@ -35,6 +36,8 @@ TEST(Xbsa_Matches_Test, a_pattern_of_many_stars_is_answered_soon) {
         pattern += "*a";
     EXPECT_FALSE(xbsa_matches(pattern + "b", std::string(1023, 'a')));
 }
+
+constexpr BSA_ObjectOwner NOBODY = {};
 
 Xbsa_Object named(std::string const& space, std::string const& path) {
     Xbsa_Object object;
@@ -72,7 +75,7 @@ TEST(Xbsa_Object_Test, what_is_written_is_read_again) {
     descriptor.objectInfo[100] = 0xff;
     descriptor.restoreOrder = UINT64_MAX;
     Xbsa_Object object;
-    ASSERT_TRUE(object.read(descriptor));
+    ASSERT_TRUE(object.read(descriptor, NOBODY));
     object.copy_id = UINT64_MAX;
     object.created = 1700000000123456;
     object.size = 5;
@@ -116,12 +119,12 @@ TEST(Xbsa_Query_Test, times_bound_what_is_wanted) {
     time_t const seconds = 1700000000;
     for (int const offset : {-1, 0, 1}) {
         time_t const bound = seconds + offset;
-        BSA_QueryDescriptor from = xbsa::pattern(""), to = xbsa::pattern("");
-        gmtime_r(&bound, &from.createTimeLB);
-        gmtime_r(&bound, &to.createTimeUB);
+        BSA_QueryDescriptor from = xbsa::pattern("*"), to = xbsa::pattern("*");
+        gmtime_r(&bound, &from.createTime_from);
+        gmtime_r(&bound, &to.createTime_to);
         Xbsa_Query after, before;
-        ASSERT_TRUE(after.read(from));
-        ASSERT_TRUE(before.read(to));
+        ASSERT_TRUE(after.read(from, NOBODY));
+        ASSERT_TRUE(before.read(to, NOBODY));
         EXPECT_EQ(offset <= 0, after.wants(object, true)) << offset;
         EXPECT_EQ(offset >= 0, before.wants(object, true)) << offset;
     }
@@ -131,17 +134,17 @@ TEST(Xbsa_Query_Test, types_bound_what_is_wanted) {
     Xbsa_Object object;
     object.copy_type = BSA_CopyType_ARCHIVE;
     object.object_type = BSA_ObjectType_DIRECTORY;
-    BSA_QueryDescriptor query = xbsa::pattern("");
+    BSA_QueryDescriptor query = xbsa::pattern("*");
     query.copyType = BSA_CopyType_BACKUP;
     Xbsa_Query backups, directories, files;
-    ASSERT_TRUE(backups.read(query));
+    ASSERT_TRUE(backups.read(query, NOBODY));
     EXPECT_FALSE(backups.wants(object, true));
     query.copyType = BSA_CopyType_ARCHIVE;
     query.objectType = BSA_ObjectType_DIRECTORY;
-    ASSERT_TRUE(directories.read(query));
+    ASSERT_TRUE(directories.read(query, NOBODY));
     EXPECT_TRUE(directories.wants(object, true));
     query.objectType = BSA_ObjectType_FILE;
-    ASSERT_TRUE(files.read(query));
+    ASSERT_TRUE(files.read(query, NOBODY));
     EXPECT_FALSE(files.wants(object, true));
 }
 

@@ -105,7 +105,7 @@ TEST_F(Xbsa_Session_Test, a_large_transaction_is_committed_and_aborted_as_a_whol
             BSA_ObjectDescriptor descriptor = xbsa::object("/" + std::to_string(i));
             ASSERT_EQ(BSA_RC_SUCCESS, xbsa::put_object(handle_, descriptor, "content"));
         }
-        EXPECT_THAT(xbsa::find(handle_, xbsa::pattern("*")), IsEmpty());
+        EXPECT_THAT(xbsa::find_objects(handle_, xbsa::pattern("*")), IsEmpty());
         EXPECT_EQ(BSA_RC_SUCCESS, BSAEndTxn(handle_, vote));
         EXPECT_EQ(vote == BSA_Vote_COMMIT ? 151u : 0u, world_.files_in_pool());
     }
@@ -164,8 +164,14 @@ TEST_F(Xbsa_Session_Test, a_block_that_cannot_be_is_refused) {
     EXPECT_EQ(BSA_RC_SUCCESS, BSAEndData(handle_));
     EXPECT_EQ(BSA_RC_SUCCESS, BSAEndTxn(handle_, BSA_Vote_COMMIT));
 
-    BSA_DataBlock32 block = xbsa::block(memory, 0);
+    BSA_DataBlock32 block = xbsa::block(memory, 5, 5);
+    block.headerBytes = 5;
+    ASSERT_EQ(BSA_RC_SUCCESS, BSABeginTxn(handle_));
     EXPECT_EQ(BSA_RC_SUCCESS, BSAGetObject(handle_, &descriptor, &block));
+    EXPECT_EQ(0u, block.bufferLen) << "no preference";
+    EXPECT_EQ(0u, block.numBytes);
+    EXPECT_EQ(0u, block.headerBytes);
+    EXPECT_EQ(memory, block.bufferPtr);
     EXPECT_REFUSED(BSA_RC_INVALID_DATABLOCK, "no memory for data", BSAGetData(handle_, &block));
     block = xbsa::block(memory, 100);
     block.headerBytes = 6;
@@ -225,7 +231,12 @@ TEST_F(Xbsa_Session_Test, a_query_gives_back_what_the_object_was_created_with) {
     ASSERT_EQ(BSA_RC_SUCCESS, BSAEndTxn(handle_, BSA_Vote_COMMIT));
 
     std::vector<BSA_ObjectDescriptor> found;
-    ASSERT_THAT(xbsa::find(handle_, xbsa::pattern("/base/1"), &found), ElementsAre("/base/1"));
+    BSA_QueryDescriptor query = xbsa::pattern("/base/1");
+    EXPECT_THAT(xbsa::find(handle_, query), IsEmpty()) << "owners are compared as they are";
+    std::strcpy(query.objectOwner.app_ObjectOwner, "o*");
+    EXPECT_THAT(xbsa::find(handle_, query), IsEmpty()) << "both of them";
+    std::strcpy(query.objectOwner.bsa_ObjectOwner, "*");
+    ASSERT_THAT(xbsa::find(handle_, query, &found), ElementsAre("/base/1"));
     BSA_ObjectDescriptor const& got = found[0];
     EXPECT_EQ(descriptor.copyId, got.copyId);
     EXPECT_STREQ("tablespace", got.objectName.objectSpaceName);
@@ -237,7 +248,7 @@ TEST_F(Xbsa_Session_Test, a_query_gives_back_what_the_object_was_created_with) {
     EXPECT_EQ(BSA_ObjectType_OTHER, got.objectType);
     EXPECT_EQ(BSA_ObjectStatus_MOST_RECENT, got.objectStatus);
     EXPECT_EQ(sent.restoreOrder, got.restoreOrder);
-    EXPECT_EQ(7u, got.estimatedSize);
+    EXPECT_EQ(12u, got.estimatedSize) << "the application's own value";
     EXPECT_EQ(0, std::memcmp(sent.objectInfo, got.objectInfo, BSA_MAX_OBJECTINFO));
     tm created = got.createTime;
     EXPECT_GE(timegm(&created), before);
@@ -246,11 +257,18 @@ TEST_F(Xbsa_Session_Test, a_query_gives_back_what_the_object_was_created_with) {
 
 TEST_F(Xbsa_Session_Test, an_object_without_an_owner_is_the_session_s) {
     BSA_ObjectOwner owner{};
-    std::strcpy(owner.bsa_ObjectOwner, Xbsa_World::POLICY);
+    std::strcpy(owner.bsa_ObjectOwner, "tool");
     std::strcpy(owner.app_ObjectOwner, "omm");
-    ASSERT_EQ(BSA_RC_SUCCESS, BSAInit(&handle_, nullptr, &owner, nullptr));
+    std::string policy = std::string("NBBSA_POLICY=") + Xbsa_World::POLICY;
+    char* environment[] = {version_.data(), policy.data(), nullptr};
+    ASSERT_EQ(BSA_RC_SUCCESS, BSAInit(&handle_, nullptr, &owner, environment));
     ASSERT_EQ(BSA_RC_SUCCESS, xbsa::put(handle_, "/1", "x"));
     BSA_QueryDescriptor query = xbsa::pattern("*");
+    std::vector<BSA_ObjectDescriptor> found;
+    EXPECT_THAT(xbsa::find(handle_, query, &found), ElementsAre("/1")) << "and so is a query";
+    EXPECT_STREQ("tool", found.at(0).objectOwner.bsa_ObjectOwner);
+    EXPECT_STREQ("omm", found.at(0).objectOwner.app_ObjectOwner);
+    std::strcpy(query.objectOwner.bsa_ObjectOwner, "*");
     std::strcpy(query.objectOwner.app_ObjectOwner, "o*");
     EXPECT_THAT(xbsa::find(handle_, query), ElementsAre("/1"));
     std::strcpy(query.objectOwner.app_ObjectOwner, "other");
@@ -282,18 +300,34 @@ TEST_F(Xbsa_Session_Test, a_query_that_finds_nothing_or_cannot_be) {
     open_session();
     BSA_ObjectDescriptor descriptor;
     BSA_QueryDescriptor query = xbsa::pattern("/none");
+    ASSERT_EQ(BSA_RC_SUCCESS, BSABeginTxn(handle_));
     EXPECT_EQ(BSA_RC_NO_MATCH, BSAQueryObject(handle_, &query, &descriptor));
     EXPECT_EQ(BSA_RC_NO_MORE_DATA, BSAGetNextQueryObject(handle_, &descriptor));
     std::memset(&query.copyType, 0, sizeof query.copyType);
     EXPECT_REFUSED(BSA_RC_INVALID_QUERYDESCRIPTOR, "an unknown type",
                    BSAQueryObject(handle_, &query, &descriptor));
     query = xbsa::pattern("*");
-    query.createTimeLB.tm_mon = 12;
-    EXPECT_REFUSED(BSA_RC_INVALID_QUERYDESCRIPTOR, "a time that is none",
+    query.createTime_from.tm_mon = 12;
+    EXPECT_REFUSED(BSA_RC_INVALID_QUERYDESCRIPTOR, "an invalid time",
+                   BSAQueryObject(handle_, &query, &descriptor));
+    query = xbsa::pattern("");
+    EXPECT_REFUSED(BSA_RC_INVALID_QUERYDESCRIPTOR, "no pathName",
                    BSAQueryObject(handle_, &query, &descriptor));
     std::memset(query.objectName.pathName, '*', BSA_MAX_PATHNAME);
     EXPECT_REFUSED(BSA_RC_INVALID_QUERYDESCRIPTOR, "a text without an end",
                    BSAQueryObject(handle_, &query, &descriptor));
+}
+
+TEST_F(Xbsa_Session_Test, an_empty_text_of_a_query_is_an_empty_text) {
+    open_session();
+    ASSERT_EQ(BSA_RC_SUCCESS, xbsa::put(handle_, "/1", "x"));
+    ASSERT_EQ(BSA_RC_SUCCESS, BSABeginTxn(handle_));
+    BSA_ObjectDescriptor nowhere = xbsa::object("/2", "");
+    ASSERT_EQ(BSA_RC_SUCCESS, xbsa::put_object(handle_, nowhere, "x"));
+    ASSERT_EQ(BSA_RC_SUCCESS, BSAEndTxn(handle_, BSA_Vote_COMMIT));
+    EXPECT_THAT(xbsa::find(handle_, xbsa::pattern("*", "")), ElementsAre("/2"));
+    EXPECT_THAT(xbsa::find(handle_, xbsa::pattern("*", "db")), ElementsAre("/1"));
+    EXPECT_THAT(xbsa::find(handle_, xbsa::pattern("/*", "*")), ElementsAre("/2", "/1"));
 }
 
 TEST_F(Xbsa_Session_Test, a_restore_finds_the_objects_of_all_sets_that_the_catalog_has) {
@@ -322,20 +356,29 @@ TEST_F(Xbsa_Session_Test, a_copy_id_alone_leads_to_its_object) {
     std::string read;
     EXPECT_EQ(BSA_RC_NO_MORE_DATA, xbsa::get(handle_, id, read));
     EXPECT_EQ("content", read);
+    BSA_ObjectDescriptor descriptor = xbsa::object("as the caller has it");
+    ASSERT_EQ(BSA_RC_SUCCESS, BSABeginTxn(handle_));
+    descriptor.copyId = id;
+    EXPECT_EQ(BSA_RC_SUCCESS, BSAGetObject(handle_, &descriptor, nullptr));
+    EXPECT_STREQ("as the caller has it", descriptor.objectName.pathName);
+    EXPECT_EQ(BSA_RC_SUCCESS, BSAEndData(handle_));
+    descriptor.copyId = id + 1;
     EXPECT_REFUSED(BSA_RC_OBJECT_NOT_FOUND, "no object with that copy id",
-                   xbsa::get(handle_, id + 1, read));
-    EXPECT_REFUSED(BSA_RC_INVALID_COPYID, "copy id 0", xbsa::get(handle_, 0, read));
+                   BSAGetObject(handle_, &descriptor, nullptr));
+    descriptor.copyId = 0;
+    EXPECT_REFUSED(BSA_RC_INVALID_COPYID, "copy id 0", BSAGetObject(handle_, &descriptor, nullptr));
 }
 
 TEST_F(Xbsa_Session_Test, an_object_that_has_gone_since_the_query_is_not_found) {
     open_session();
     ASSERT_EQ(BSA_RC_SUCCESS, xbsa::put(handle_, "/1", "content"));
     std::vector<BSA_ObjectDescriptor> found;
-    ASSERT_EQ(1u, xbsa::find(handle_, xbsa::pattern("*"), &found).size());
+    ASSERT_EQ(BSA_RC_SUCCESS, BSABeginTxn(handle_));
+    ASSERT_EQ(1u, xbsa::find_objects(handle_, xbsa::pattern("*"), &found).size());
     std::filesystem::remove(world_.data_files()[0]);
     EXPECT_REFUSED(BSA_RC_OBJECT_NOT_FOUND, "there is no object",
                    BSAGetObject(handle_, &found[0], nullptr));
-    EXPECT_THAT(xbsa::find(handle_, xbsa::pattern("*")), IsEmpty());
+    EXPECT_THAT(xbsa::find_objects(handle_, xbsa::pattern("*")), IsEmpty());
 }
 
 // damage
@@ -357,12 +400,14 @@ TEST_F(Xbsa_Session_Test, a_damaged_object_is_an_error_and_not_data) {
             std::string read;
             EXPECT_REFUSED(BSA_RC_ABORT_SYSTEM_ERROR, "is damaged", xbsa::get(handle_, id, read));
             EXPECT_LT(read.size(), content.size()) << codec << " at " << at;
-            BSAEndData(handle_);
+            EXPECT_EQ(BSA_RC_SUCCESS, BSAEndData(handle_));
+            EXPECT_EQ(BSA_RC_SUCCESS, BSAEndTxn(handle_, BSA_Vote_COMMIT));
         }
         std::ofstream(file, std::ios::binary) << stored.substr(0, stored.size() - 1);
         std::string read;
         EXPECT_REFUSED(BSA_RC_ABORT_SYSTEM_ERROR, "is damaged", xbsa::get(handle_, id, read));
         EXPECT_EQ("", read);
+        EXPECT_EQ(BSA_RC_SUCCESS, BSAEndTxn(handle_, BSA_Vote_ABORT));
         std::filesystem::remove(file);
     }
 }
@@ -388,7 +433,7 @@ TEST_F(Xbsa_Session_Test, an_object_is_removed_when_the_transaction_ends) {
     ASSERT_EQ(BSA_RC_SUCCESS, BSAEndTxn(handle_, BSA_Vote_COMMIT));
     ASSERT_EQ(BSA_RC_SUCCESS, BSABeginTxn(handle_));
     EXPECT_EQ(BSA_RC_SUCCESS, BSADeleteObject(handle_, first.copyId));
-    EXPECT_EQ(2u, xbsa::find(handle_, xbsa::pattern("*")).size());
+    EXPECT_EQ(2u, xbsa::find_objects(handle_, xbsa::pattern("*")).size());
     ASSERT_EQ(BSA_RC_SUCCESS, BSAEndTxn(handle_, BSA_Vote_ABORT));
     EXPECT_EQ(2u, xbsa::find(handle_, xbsa::pattern("*")).size());
     for (BSA_UInt64 const id : {first.copyId, second.copyId}) {
