@@ -5,6 +5,7 @@ import pathlib
 import random
 import re
 import shutil
+import socket
 import subprocess
 import sys
 import time
@@ -29,6 +30,12 @@ PART_ROWS = 64 * MIB // ROW  # farther apart than any compressor's window at thi
 
 class Failure(Exception):
     pass
+
+
+def free_port():
+    with socket.socket() as listener:
+        listener.bind(("", 0))
+        return listener.getsockname()[1]
 
 
 def run(*words, **options):
@@ -212,7 +219,7 @@ class By_Hand(object):
 
     def _roach(self, action, *words):
         return self.cluster.tool(
-            "python3", "GaussRoach.py", "-t", action, "--master-port=0", "--media-type", "NBU",
+            "python3", "GaussRoach.py", "-t", action, "--master-port=%d" % free_port(), "--media-type", "NBU",
             "--media-destination", "hand", "--metadata-destination", self.META,
             "--parallel-process=%d" % STREAMS, *words)
 

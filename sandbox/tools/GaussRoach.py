@@ -16,6 +16,7 @@
     --nbu-policy PATH  --mode single|cluster       of the older series
 """
 import os
+import re
 import signal
 import sys
 import time
@@ -33,6 +34,20 @@ from roach.restore import Restore  # noqa: E402
 from roach.screen import marked, say  # noqa: E402
 
 DEFAULT_BLOCK = MIB
+MEDIA = {"-t", "--master-port", "--media-type", "--media-destination", "--metadata-destination",
+         "--parallel-process"}
+MEMORY = {"--max-memory-usage", "--buffer-size", "--buffer-block-size"}
+OLDER = {"--nbu-policy", "--mode"}
+# what each series takes beyond that
+ALLOWED = {
+    ("backup", 200): MEDIA | MEMORY | {"--compression-type", "--prior-backup-key"},
+    ("backup", 100): MEDIA | OLDER | {"--prior-backup-key"},
+    ("restore", 200): MEDIA | MEMORY | {"--clean", "--backup-key", "--restore-new-cluster",
+                                        "--restore-configs"},
+    ("restore", 100): MEDIA | OLDER | {"--clean", "--backup-key", "--restore-new-cluster"},
+    ("start", 200): {"-t", "--restore-new-cluster", "-X"},
+    ("start", 100): {"-t", "--media-type", "--restore-new-cluster"},
+}
 LONG_OPTIONS = [
     "master-port=", "media-type=", "media-destination=", "metadata-destination=",
     "compression-type=", "prior-backup-key=", "backup-key=", "parallel-process=",
@@ -69,10 +84,19 @@ def check_media(given, cluster):
         if given["--mode"] not in ("single", "cluster"):
             raise Tool_Error("[GAUSS-50004] : The parameter '--mode' value is incorrect: %s."
                              % given["--mode"])
-    elif "--nbu-policy" in given or "--mode" in given:
-        raise Tool_Error("[GAUSS-50000] : Unrecognized parameter: --nbu-policy, --mode")
+        if given["--media-destination"] == given["--metadata-destination"]:
+            raise Tool_Error("[GAUSS-50002] : Incorrect parameter. The directories of the media and of "
+                             "the metadata must differ.")
     if given.get("--mode") != "single":
         required(given, "master-port")
+
+
+def backup_key(given, name):
+    """A key, or "" when none is given."""
+    key = given.get(name, "")
+    if key and not re.fullmatch(r"\d{8}_\d{6}", key):
+        raise Tool_Error("[GAUSS-50004] : The parameter '%s' value is incorrect: %s." % (name, key))
+    return key
 
 
 def policy_of(given, cluster):
@@ -102,20 +126,20 @@ def begin(given, cluster):
     """Takes what a run must have for itself alone, until it ends: the lock and the agents."""
     say("Parsing the configuration file.")
     held = only_one(cluster)
-    with listen(number(given, "master-port", 0, 0, 65535)) as listener:
+    # without the other machines there is nothing to listen for
+    with listen(number(given, "master-port", 0, 1024, 65535)) as listener:
         say("Roach master is ready to accept connections. Starting agents now...")
         return held, Agents(cluster, listener)
 
 
 def backup(given, cluster):
     check_media(given, cluster)
-    start = time.monotonic()
+    start, prior = time.monotonic(), backup_key(given, "--prior-backup-key")
     processes, block = number(given, "parallel-process", 2, 1, 64), block_size(given)
     held, agents = begin(given, cluster)
     with agents:
         key = Backup(cluster, Metadata(given["--metadata-destination"], cluster.release),
-                     policy_of(given, cluster), given.get("--prior-backup-key", ""),
-                     processes, block, agents).run()
+                     policy_of(given, cluster), prior, processes, block, agents).run()
     word = "backup key" if cluster.release.series == 100 else "Backup key"
     say("[MASTER]Backup operation SUCCESSFUL. %s: %s" % (word, key))
     say(taken(start))
@@ -131,12 +155,15 @@ def restore(given, cluster):
         raise Tool_Error("[GAUSS-50001] : Incorrect parameter. Parameter '--clean' is required: the "
                          "data directories are replaced.")
     new = "--restore-new-cluster" in given
-    start = time.monotonic()
+    if "--restore-configs" in given and not new:
+        raise Tool_Error("[GAUSS-50001] : Incorrect parameter. Parameter '--restore-new-cluster' is "
+                         "required with '--restore-configs'.")
+    start, key = time.monotonic(), backup_key(given, "--backup-key")
     processes, block = number(given, "parallel-process", 2, 1, 64), block_size(given)
     held, agents = begin(given, cluster)
     with agents:
         Restore(cluster, Metadata(given["--metadata-destination"], cluster.release),
-                policy_of(given, cluster), given["--backup-key"], processes, block,
+                policy_of(given, cluster), key, processes, block,
                 new and "--restore-configs" not in given, agents).run()
     marked("[MASTER]Restore operation finished.")
     say(taken(start))
@@ -147,6 +174,9 @@ def restore(given, cluster):
 
 def start(given, cluster):
     if "-X" in given:
+        if "--restore-new-cluster" not in given:
+            raise Tool_Error("[GAUSS-50001] : Incorrect parameter. Parameter '--restore-new-cluster' is "
+                             "required with '-X'.")
         try:
             names = {one.get("value") for one in
                      xml.etree.ElementTree.parse(given["-X"]).iterfind(".//DEVICE/PARAM")
@@ -205,6 +235,8 @@ def run(arguments):
         raise Tool_Error("[GAUSS-53214] : The operation was ended by a signal.")
     signal.signal(signal.SIGTERM, ended)
     signal.signal(signal.SIGINT, ended)
+    options.only(given, given["-t"], ALLOWED.get((given["-t"], cluster.release.series),
+                                                 {"-t", "--metadata-destination"}))
     try:
         return ACTIONS[given["-t"]](given, cluster)
     except Tool_Error:

@@ -158,7 +158,7 @@ class Restoring_Test(Fault_Test):
 
 
 class Object_Test(Restoring_Test):
-    def test_a_damaged_object_is_named_and_the_database_left_alone(self):
+    def test_a_damaged_object_is_named_and_the_data_are_gone_until_a_restore_completes(self):
         uuid = world.backup("--name", "ready")["run_id"]
         victim = self.largest_object(uuid)
         content = victim.read_bytes()
@@ -169,7 +169,10 @@ class Object_Test(Restoring_Test):
 
         self.assert_failed(run, "object", "Failed to restore gaussdb data")
         self.assertRegex(world.log(run), r"object \d+_\d+/dn_600\d/(data|log)")
-        self.assert_database_untouched()
+        self.assertIn("The data directories are not complete. Restore the cluster", world.log(run))
+        self.assertRegex(cluster("tool", "gs_om", "-t", "status"), "cluster_state +: Unavailable")
+        refused = world.backup("--name", "of nothing")
+        self.assert_failed(refused, "GaussDB cluster state is abnormal, stop backup")
         victim.write_bytes(content)
         self.assertEqual("completed", world.restore(uuid)["state"])
         self.assertEqual(self.rows, world.rows())

@@ -42,8 +42,9 @@ protected:
         for (char const* directory : {"/home/omm/store", "/home/omm/meta"}) {
             fs::remove_all(directory);
             fs::create_directory(directory);
-            fs::permissions(directory, fs::perms::all);
+            fs::permissions(directory, fs::perms::owner_all);
         }
+        EXPECT_EQ(0, std::system("chown omm /home/omm/store /home/omm/meta"));
         sandbox("start");
         json_spirit::Array instances;
         if (manager_.get_instances(instances) && instances.size() == 1)

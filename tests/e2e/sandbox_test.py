@@ -9,6 +9,7 @@ import pathlib
 import pwd
 import re
 import signal
+import socket
 import subprocess
 import sys
 import time
@@ -18,6 +19,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 CLUSTER = str(ROOT / "sandbox/cluster")
 HOME = pathlib.Path("/home/omm")
 STORE, META = HOME / "store", HOME / "meta"
+KEY = "20240101_000000"  # that no backup has
 
 
 def cluster(*words, **options):
@@ -37,8 +39,14 @@ def tool(*words, **environment):
     return done.returncode, done.stdout, done.stderr
 
 
-def common(action, meta=META):
-    return ["python3", "GaussRoach.py", "-t", action, "--master-port=0", "--media-type", "NBU",
+def free_port():
+    with socket.socket() as listener:
+        listener.bind(("", 0))
+        return listener.getsockname()[1]
+
+
+def common(action, meta=META, port=None):
+    return ["python3", "GaussRoach.py", "-t", action, "--master-port=%d" % (port or free_port()), "--media-type", "NBU",
             "--media-destination", "pool1", "--metadata-destination", str(meta)]
 
 
@@ -252,7 +260,7 @@ class Sandbox_Test(unittest.TestCase):
                  "SANDBOX_OBJECT_RATE=20000000", *common("backup"), "--parallel-process=2"],
                 stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
             for line in run.stdout:
-                found = re.search(r"N0 \S+: (\d+)\.", line)
+                found = re.search(r"N0 \S+: (\d+)[.%]", line)
                 if found and int(found.group(1)) >= part:
                     break
             else:
@@ -292,29 +300,50 @@ class Sandbox_Test(unittest.TestCase):
         self.assert_no_backup_is_open()
         self.assertEqual([], list(STORE.rglob("*.rch")) + list(STORE.rglob("*.partial")))
 
-    def test_a_damaged_or_missing_object_is_named_and_the_running_database_is_left_alone(self):
+    def largest_object(self, key):
+        return max((STORE / key).rglob("data*.rch"), key=lambda path: path.stat().st_size)
+
+    def test_a_missing_object_is_named_and_the_running_database_is_left_alone(self):
         cluster("fill", 20)
         key = backup()
         state = cluster("checksums")
-        victim = max((STORE / key).rglob("data*.rch"), key=lambda path: path.stat().st_size)
-        name = str(victim.relative_to(STORE))
-        content = victim.read_bytes()
-
-        victim.write_bytes(content[:-100])
+        victim = self.largest_object(key)
+        victim.rename(victim.with_suffix(".away"))
         status, out, err = restore(key)
-        self.assertEqual((1, True), (status, name in err), out + err)
-        victim.write_bytes(b"\0" * 100 + content[100:])
-        status, out, err = restore(key)
-        self.assertEqual((1, True), (status, name in err), out + err)
-        self.assertNotIn("Restore SUCCESSFUL", out)
-        victim.unlink()
-        status, out, err = restore(key)
-        self.assertEqual((1, True), (status, name in err), out + err)
+        self.assertEqual((1, True), (status, str(victim.relative_to(STORE)) in err), out + err)
+        self.assertNotIn("not complete", err)
         self.assertEqual(state, cluster("checksums"), "the server was not even stopped")
-        self.assertEqual([], list((HOME / "data").glob("*.roach_restore")))
-        victim.write_bytes(content)
-        restore_and_start(key)
+
+    def test_a_damaged_object_is_named_and_the_data_are_gone_until_a_restore_succeeds(self):
+        cluster("fill", 20)
+        whole = backup()
+        state = cluster("checksums")
+        time.sleep(1)
+        key = backup()
+        victim = self.largest_object(key)
+        content = victim.read_bytes()
+        for damaged in (content[:-100], b"\0" * 100 + content[100:]):
+            victim.write_bytes(damaged)
+            status, out, err = restore(key)
+            self.assertEqual((1, True), (status, str(victim.relative_to(STORE)) in err), out + err)
+            self.assertIn("The data directories are not complete. Restore the cluster", err)
+            self.assertNotIn("Restore SUCCESSFUL", out)
+            self.assertIn("Restore operation FAILED", out)
+            # what is there then does not start, whatever came before the damage
+            self.assertRegex(tool("gs_om", "-t", "status")[1], "cluster_state +: Unavailable")
+            status, _, err = tool("python3", "GaussRoach.py", "-t", "start")
+            self.assertEqual((1, True), (status, "Failed to start" in err), err)
+        restore_and_start(whole)
         self.assertEqual(state, cluster("checksums"))
+
+    def test_a_restore_keeps_nothing_of_what_was_there(self):
+        key = backup()
+        sql("create table later as select 1")
+        stray = HOME / "data/dn1/base/stray"
+        stray.write_text("of another time")
+        restore_and_start(key)
+        self.assertFalse(stray.exists())
+        self.assertEqual("0", sql("select count(*) from pg_class where relname = 'later'"))
 
     def test_a_chain_without_a_member_is_refused(self):
         first = backup()
@@ -416,16 +445,85 @@ class Sandbox_Test(unittest.TestCase):
                       common("backup") + ["--with-sugar"], common("backup") + ["--nbu-policy", "x"],
                       common("backup") + ["word"], common("backup") + ["--parallel-process=0"],
                       common("backup") + ["--compression-type=5"], common("dance"),
-                      common("backup")[:-2], common("restore") + ["--backup-key", "1_1"],
-                      common("restore") + ["--clean"]):
-            status, _, err = tool(*words, SANDBOX_OBJECT_DIRECTORY=STORE)
+                      common("backup")[:-2], common("restore") + ["--backup-key", KEY],
+                      common("restore") + ["--clean"],
+                      # of another action, of the other series, without what it goes with
+                      common("backup") + ["--clean"], common("backup") + ["--backup-key", KEY],
+                      common("restore") + ["--clean", "--backup-key", KEY, "--prior-backup-key", KEY],
+                      common("restore") + ["--clean", "--backup-key", KEY, "--restore-configs"],
+                      common("backup") + ["--mode", "cluster"],
+                      ["python3", "GaussRoach.py", "-t", "start", "--media-type", "NBU"],
+                      ["python3", "GaussRoach.py", "-t", "start", "-X", "/x"],
+                      ["python3", "GaussRoach.py", "-t", "stop", "--clean"],
+                      ["gs_om", "-t", "status", "--reset"], ["gs_om", "-t", "stop", "-m", "slow"],
+                      ["gs_om", "-t", "start", "--detail"], ["gs_om", "-t", "start", "--time-out", "x"],
+                      # values
+                      common("backup") + ["--prior-backup-key", "yesterday"],
+                      common("restore") + ["--clean", "--backup-key", "1_1"],
+                      common("backup", port=80), common("backup", port=70000),
+                      ["gs_guc", "check", "-I", "all", "-c", "port"],
+                      ["gs_guc", "check", "-Z", "sugar", "-I", "all", "-c", "port"],
+                      ["gs_guc", "check", "-Z", "datanode", "-I", "dn_1", "-c", "port"],
+                      ["gs_guc", "check", "-Z", "datanode", "-Z", "coordinator", "-I", "dn_6001", "-c", "port"],
+                      ["gs_guc", "check", "-Z", "datanode", "-N", "nowhere", "-I", "all", "-c", "port"],
+                      ["gs_guc", "check", "-Z", "datanode", "-D", "/tmp", "-c", "port"]):
+            status, out, err = tool(*words, SANDBOX_OBJECT_DIRECTORY=STORE)
             self.assertEqual(1, status, words)
             self.assertRegex(err, "GAUSS-5|gs_guc:", words)
+            self.assertNotIn("Performing presetup", out, words)
+
+    def test_a_port_that_is_in_use_is_refused(self):
+        with socket.socket() as taken:
+            taken.bind(("", 0))
+            taken.listen()
+            port = taken.getsockname()[1]
+            status, _, err = tool(*common("backup", port=port), SANDBOX_OBJECT_DIRECTORY=STORE)
+        self.assertEqual((1, True), (status, "listen on the port %d" % port in err), err)
+
+    def test_only_the_cluster_s_user_in_its_environment_is_served(self):
+        tools = ("gs_om -t status", "gs_check -i CheckClusterState",
+                 "gs_guc check -Z datanode -I all -c port", " ".join(common("backup")))
+        profile = ". /home/omm/gauss_env_profile; cd $GPHOME/script; "
+        for words in tools:
+            for user, reason in (([], "root permission"),
+                                 (["setpriv", "--reuid=1", "--clear-groups"], "GAUSS-50323|Permission denied")):
+                done = subprocess.run([*user, "bash", "-c", profile + words], text=True,
+                                      stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                self.assertNotEqual(0, done.returncode, words)
+                self.assertRegex(done.stderr, reason, (user, words))
+            for name in ("GAUSSHOME", "GPHOME", "PGHOST", "GAUSSLOG", "GS_CLUSTER_NAME"):
+                status, _, err = tool(*words.split(), **{name: ""})
+                self.assertEqual(1, status, (name, words))
+                self.assertIn("environment variable [%s]" % name, err, words)
+
+    def test_the_metadata_directory_is_the_user_s_own(self):
+        for change, undo in (("chown root %s", "chown omm %s"), ("chmod 777 %s", "chmod 755 %s"),
+                             ("chmod 770 %s", "chmod 755 %s"), ("mv %s %s.away", "mv %s.away %s")):
+            change, undo = (words.replace("%s", str(META)) for words in (change, undo))
+            subprocess.check_call(change.split())
+            for words in (common("backup"), common("restore") + ["--clean", "--backup-key", KEY]):
+                status, _, err = tool(*words, SANDBOX_OBJECT_DIRECTORY=STORE)
+                self.assertEqual((1, True), (status, str(META) in err), err)
+            subprocess.check_call(undo.split())
+        status, _, err = tool(*common("backup", "meta"), SANDBOX_OBJECT_DIRECTORY=STORE)
+        self.assertEqual((1, True), (status, "is not absolute" in err), err)
 
     def test_a_status_line_begins_with_a_control_sequence(self):
         out = roach("backup")[1]
         lines = [line for line in out.splitlines() if "COMPLETED" in line]
-        self.assertRegex(lines[-1], r"^\x1b\[.*N0 127\.0\.0\.1: 100\.00% COMPLETED$")
+        self.assertRegex(lines[-1], r"^\x1b\[.*N0 127\.0\.0\.1: 100% COMPLETED$")
+
+    def test_a_backup_says_what_the_published_one_says(self):
+        """As a terminal shows it: the redrawn lines are their last."""
+        def shape(text):
+            shown = []
+            for line in text.splitlines():
+                ups = line.count("\x1b[1A")
+                del shown[len(shown) - ups:]
+                shown.append(re.sub("\x1b\\[[0-9]*[A-Z]", "", line))
+            return [re.sub(r"\d+_\d+$|\d+s$|\d+\.\d+\.\d+\.\d+", "*", line) for line in shown]
+        sample = (ROOT / "tests/data/roach/backup-full-disk.txt").read_text()
+        self.assertEqual(shape(sample.split("\n", 1)[1]), shape(roach("backup")[1]))
 
 
 if __name__ == "__main__":

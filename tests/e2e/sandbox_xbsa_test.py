@@ -103,7 +103,7 @@ class Sandbox_Xbsa_Test(unittest.TestCase):
         pieces = [json.loads(line) for line in (AGENT / "calls.jsonl").read_text().splitlines()]
         self.assertTrue([one for one in pieces if one["method"] == "catalog.add_piece"])
 
-        # a damaged object is noticed, and what runs goes on
+        # a damaged object is noticed, when the data that were there have gone
         victim = max((path for path in self.objects() if full_set in path.parts),
                      key=lambda path: path.stat().st_size)
         content = bytearray(victim.read_bytes())
@@ -112,6 +112,13 @@ class Sandbox_Xbsa_Test(unittest.TestCase):
         status, out, err = roach("restore", "--clean", "--backup-key", incremental)
         self.assertEqual(1, status)
         self.assertRegex(err, r"object 2\d+_\d+/dn_600\d/data")
+        self.assertIn("The data directories are not complete", err)
+        content[len(content) // 2] ^= 1
+        victim.write_bytes(content)
+        status, out, err = roach("restore", "--clean", "--backup-key", incremental)
+        self.assertEqual(0, status, out + err)
+        status, out, err = tool("python3", "GaussRoach.py", "-t", "start")
+        self.assertEqual(0, status, out + err)
         self.assertEqual(state, cluster("checksums"))
 
     def test_a_killed_backup_leaves_no_object(self):

@@ -109,11 +109,21 @@ class Instance(object):
 
 
 class Cluster(object):
-    """The cluster of the environment. Raises Tool_Error when it cannot be read."""
+    """The cluster of the environment, for the user who has it. Raises Tool_Error when it cannot be read."""
 
     def __init__(self):
+        if os.geteuid() == 0:
+            raise Tool_Error("[GAUSS-50105] : Cannot run this script as a user with the root permission.")
+        for name in ("GAUSSHOME", "GPHOME", "PGHOST", "GAUSSLOG", "GS_CLUSTER_NAME"):
+            environment(name)
         self.home = environment("GAUSSHOME")
         self.name = environment("GS_CLUSTER_NAME")
+        try:
+            owner = os.stat(self.home).st_uid
+        except OSError as error:
+            raise Tool_Error("[GAUSS-50201] : The %s does not exist: %s" % (self.home, error))
+        if owner != os.geteuid():
+            raise Tool_Error("[GAUSS-50323] : The user is not the cluster installation user.")
         self.config = os.path.join(self.home, "bin", "cluster_static_config")
         self.release = Release()
         self.info = dbClusterInfo()

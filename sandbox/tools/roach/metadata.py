@@ -8,6 +8,7 @@
 import json
 import os
 import shutil
+import stat
 import time
 
 from gspylib.common.DbClusterInfo import ConfigError, dbClusterInfo
@@ -23,7 +24,22 @@ class Metadata(object):
         self.top = (os.path.dirname(parent) if os.path.basename(parent) == "roach" else directory)
         self.name = "backupset_nbu.ini" if release.series == 100 else "backups.ini"
 
+    def check(self):
+        """The directory has to be there, and this user's alone to write."""
+        if not self.top.startswith("/"):
+            raise Tool_Error("[GAUSS-50213] : The path %s is not absolute." % self.directory)
+        try:
+            about = os.stat(self.top)
+        except OSError as error:
+            raise Tool_Error("[GAUSS-50201] : The %s does not exist: %s" % (self.top, error))
+        if not stat.S_ISDIR(about.st_mode):
+            raise Tool_Error("[GAUSS-50211] : The %s is not a directory." % self.top)
+        if about.st_uid != os.geteuid() or about.st_mode & 0o022 or about.st_mode & 0o700 != 0o700:
+            raise Tool_Error("[GAUSS-50104] : The owner or the mode of %s is incorrect: it has to be "
+                             "the user's own, who alone writes it." % self.top)
+
     def prepare(self):
+        self.check()
         try:
             os.makedirs(os.path.join(self.top, "roach"), exist_ok=True)
             os.makedirs(self.directory, exist_ok=True)

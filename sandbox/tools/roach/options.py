@@ -21,6 +21,14 @@ def parse(arguments, short, long_names):
     return options
 
 
+def only(given, action, allowed):
+    """Refuses what does not belong to an action."""
+    for name in given:
+        if name not in allowed:
+            raise Tool_Error("[GAUSS-50002] : Incorrect parameter. Parameter '%s' is not of the action "
+                             "%s." % (name, action))
+
+
 def main(name, run, arguments):
     """Runs a tool and turns its failure into the tool's message and exit status 1."""
     import sys

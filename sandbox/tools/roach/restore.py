@@ -1,8 +1,8 @@
-"""A restore of all data nodes: a full backup and the incremental ones behind it, into directories of
-their own, which take the data directories' places when all of it is there."""
+"""A restore of all data nodes in their places: the data directories are cleaned, and a full backup and the
+incremental ones behind it are written into them. When that fails, what was there before is lost, and a
+server does not start on what is there then: its control file comes last."""
 import json
 import os
-import shutil
 import uuid
 
 from roach import files
@@ -14,7 +14,7 @@ from roach.object_store import MIB, open_store
 from roach.screen import Progress, marked, say
 from roach.workers import Crew
 
-SUFFIX = ".roach_restore"
+PENDING = files.CONTROL + ".roach"
 CONFIGURATION = ("postgresql.conf", "postgresql.auto.conf", "pg_hba.conf", "pg_ident.conf")
 
 
@@ -24,7 +24,8 @@ class Target(object):
     def __init__(self, instance, name):
         self.instance = instance
         self.name = name
-        self.staging = instance.data + SUFFIX
+        self.data = instance.data
+        self.configuration = {}  # the cluster's own, which is kept
 
 
 class Restore(object):
@@ -48,46 +49,40 @@ class Restore(object):
             "key": self.key, "policy": self.policy, "metadata": self.metadata.directory,
             "processes": self.processes, "block": self.block, "keep": self.keep_configuration})
         try:
-            self._make_staging()
+            self.agents.tell("clean")
+            self._clean()
+            self.agents.gather("done")
             for manifest in self.chain:
                 self.agents.tell("bring")
                 self._bring(manifest)
                 marked("[MASTER]Restore SUCCESSFUL. Backup key: %s" % manifest["key"])
-            for target in self.targets:
-                self._complete(target)
-            self.agents.ask("complete")
-        except BaseException:
-            self._remove_staging()
-            raise
-        self.agents.tell("put_in_place")
-        self._put_all_in_place()
-        self.agents.gather("done")
+            self.agents.tell("complete")
+            self._complete()
+            self.agents.gather("done")
+        except Tool_Error as error:
+            raise Tool_Error("%s The data directories are not complete. Restore the cluster before it "
+                             "is started." % error)
 
     def run_part(self, master):
         """What an agent does of its master's restore: this machine's data nodes, in its steps."""
         self.master = master
         self._prepare()
         master.tell("done")
-        try:
-            self._make_staging()
-            for manifest in self.chain:
-                master.order("bring")
-                self._bring(manifest)
-                master.tell("done")
-            master.order("complete")
-            for target in self.targets:
-                self._complete(target)
+        master.order("clean")
+        self._clean()
+        master.tell("done")
+        for manifest in self.chain:
+            master.order("bring")
+            self._bring(manifest)
             master.tell("done")
-            master.order("put_in_place")
-        except BaseException:
-            self._remove_staging()
-            raise
-        self._put_all_in_place()
+        master.order("complete")
+        self._complete()
         master.tell("done")
 
     # --- before anything is changed
 
     def _prepare(self):
+        self.metadata.check()
         if self.cluster.release.series != 100:
             self._check_metadata()
         store = open_store(self.policy)
@@ -115,15 +110,6 @@ class Restore(object):
         """Whether this machine must have the metadata of each backup instead of asking the media."""
         release = self.cluster.release
         return release.series != 100 and (not self.master or release.keeps_metadata_everywhere)
-
-    def _make_staging(self):
-        for target in self.targets:
-            remove_tree(target.staging)
-            os.makedirs(target.staging, 0o700)
-
-    def _remove_staging(self):
-        for target in self.targets:
-            remove_tree(target.staging)
 
     def _load_chain(self, store):
         """The manifests, the full backup's first."""
@@ -178,19 +164,33 @@ class Restore(object):
         last = self.chain[-1]["nodes"]
         needed = {}
         for target in self.targets:
-            parent = os.path.dirname(target.staging)
+            parent = os.path.dirname(target.data)
             try:
                 os.makedirs(parent, exist_ok=True)
                 device = os.stat(parent).st_dev
             except OSError as error:
                 raise Tool_Error("[GAUSS-50208] : Failed to create %s: %s" % (parent, error))
             size = sum(about[0] for about in last[target.name]["files"].values())
-            needed.setdefault(device, [parent, 0])[1] += size
+            needed.setdefault(device, [parent, 0])[1] += size - bytes_in(target.data)
         for parent, size in needed.values():
             about = os.statvfs(parent)
             if about.f_bavail * about.f_frsize < size:
                 raise Tool_Error("[GAUSS-50400] : The remaining space of %s is not enough, the "
-                                 "restore needs %d MB." % (parent, size // MIB + 1))
+                                 "restore needs %d MB more." % (parent, size // MIB + 1))
+
+    def _clean(self):
+        """From here on the cluster's own data are gone."""
+        for target in self.targets:
+            target.instance.stop()
+            if self.keep_configuration:
+                target.configuration = read_configuration(target.data)
+            os.makedirs(target.data, 0o700, exist_ok=True)
+            empty(target.data)
+            os.mkdir(os.path.join(target.data, "pg_tblspc"), 0o700)
+            for oid, place in self.chain[-1]["nodes"][target.name]["tablespaces"].items():
+                os.makedirs(place, 0o700, exist_ok=True)
+                empty(place)
+                os.symlink(place, os.path.join(target.data, "pg_tblspc", oid))
 
     # --- the data
 
@@ -215,7 +215,7 @@ class Restore(object):
         try:
             store.begin()
             for number, name, _ in worker.take(work):
-                self._read_object(worker, store, self.targets[number].staging, name)
+                self._read_object(worker, store, self.targets[number].data, name)
             store.commit()
         finally:
             store.close()
@@ -229,7 +229,7 @@ class Restore(object):
                 current[0] = None
             if path.startswith("/") or ".." in path.split("/"):
                 raise Tool_Error("[GAUSS-53205] : The object %s is damaged." % name)
-            full = os.path.join(directory, path)
+            full = os.path.join(directory, PENDING if path == files.CONTROL else path)
             flags = os.O_WRONLY | os.O_CREAT | os.O_CLOEXEC
             try:
                 current[0] = os.open(full, flags, 0o600)
@@ -255,52 +255,56 @@ class Restore(object):
 
     # --- the end
 
-    def _complete(self, target):
+    def _complete(self):
+        for target in self.targets:
+            self._complete_node(target)
+
+    def _complete_node(self, target):
         """Makes of the files what the last backup saw: none that were dropped, all in their sizes."""
         node = self.chain[-1]["nodes"][target.name]
-        for directory, _, names in os.walk(target.staging):
+        for directory, _, names in os.walk(target.data, followlinks=True):
             for name in names:
                 full = os.path.join(directory, name)
-                path = os.path.relpath(full, target.staging)
+                path = os.path.relpath(full, target.data)
                 about = node["files"].get(path)
                 if about:
                     if os.path.getsize(full) != about[0]:
                         os.truncate(full, about[0])
                     os.chmod(full, about[2])
-                elif path not in (files.CONTROL, "backup_label") and not path.startswith("pg_wal/"):
+                elif path not in (PENDING, "backup_label") and not path.startswith("pg_wal/"):
                     os.unlink(full)
         for path in node["directories"] + ["pg_wal", "pg_wal/archive_status"]:
-            os.makedirs(os.path.join(target.staging, path), 0o700, exist_ok=True)
-        missing = [path for path in node["files"]
-                   if not os.path.exists(os.path.join(target.staging, path))]
+            os.makedirs(os.path.join(target.data, path), 0o700, exist_ok=True)
+        missing = [path for path in [PENDING, *node["files"]]
+                   if not os.path.exists(os.path.join(target.data, path))]
         if missing:
             raise Tool_Error("[GAUSS-53205] : The backup %s has no data of %s."
                              % (self.key, missing[0]))
-        with open(os.path.join(target.staging, INCARNATIONS), "w") as history:
+        with open(os.path.join(target.data, INCARNATIONS), "w") as history:
             json.dump(node["incarnations"] + [[str(uuid.uuid4()), self.key]], history)
-        if self.keep_configuration:
-            for name in CONFIGURATION:
-                own = os.path.join(target.instance.data, name)
-                if os.path.exists(own):
-                    shutil.copy2(own, os.path.join(target.staging, name))
+        for name, content in target.configuration.items():
+            with open(os.path.join(target.data, name), "wb") as configuration:
+                configuration.write(content)
+        os.rename(os.path.join(target.data, PENDING), os.path.join(target.data, files.CONTROL))
 
-    def _put_all_in_place(self):
-        for target in self.targets:
-            self._put_in_place(target)
 
-    def _put_in_place(self, target):
-        target.instance.stop()
-        remove_tree(target.instance.data)
-        for oid, place in self.chain[-1]["nodes"][target.name]["tablespaces"].items():
-            self._move_tablespace(os.path.join(target.staging, "pg_tblspc", oid), place)
-        os.rename(target.staging, target.instance.data)
+def read_configuration(data):
+    found = {}
+    for name in CONFIGURATION:
+        try:
+            with open(os.path.join(data, name), "rb") as configuration:
+                found[name] = configuration.read()
+        except FileNotFoundError:
+            pass
+    return found
 
-    @staticmethod
-    def _move_tablespace(link, place):
-        os.makedirs(place, 0o700, exist_ok=True)
-        for name in os.listdir(place):
-            remove_tree(os.path.join(place, name))
-        for name in os.listdir(link):
-            shutil.move(os.path.join(link, name), os.path.join(place, name))
-        os.rmdir(link)
-        os.symlink(place, link)
+
+def empty(directory):
+    for name in os.listdir(directory):
+        remove_tree(os.path.join(directory, name))
+
+
+def bytes_in(directory):
+    return sum(os.lstat(os.path.join(place, name)).st_size
+               for place, _, names in os.walk(directory) for name in names
+               if os.path.lexists(os.path.join(place, name)))

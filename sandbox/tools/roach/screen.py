@@ -37,8 +37,8 @@ class Progress(object):
             text += HOME_LINE * len(self.machines)
         self.shown = shown
         for (number, address), part in zip(self.machines, shown):
-            text += START_LINE + "N%d %s: %d.%02d%% COMPLETED\n" % (
-                number, address, part // 100, part % 100)
+            text += START_LINE + "N%d %s: %s%% COMPLETED\n" % (
+                number, address, "100" if part == 10000 else "%d.%02d" % divmod(part, 100))
         sys.stdout.write(text)
         sys.stdout.flush()
         return hundredths // 100
