@@ -210,6 +210,15 @@ void File_Descriptor::reset(int fd) {
     fd_ = fd;
 }
 
+/** Sets what the umask has taken from a directory that was just made. */
+static int set_mode(char const* path, mode_t mode) {
+    File_Descriptor const directory(open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status;
+    if (!directory || fstat(directory.get(), &status) == -1)
+        return -1;
+    return (status.st_mode & 0777) == mode ? 0 : fchmod(directory.get(), mode);
+}
+
 int mkdir_p(char const* path, mode_t mode) {
     std::string const whole = path;
     if (whole.empty())
@@ -217,8 +226,11 @@ int mkdir_p(char const* path, mode_t mode) {
     for (size_t end = 0; end < whole.size();) {
         end = std::min(whole.find('/', end + 1), whole.size());
         std::string const prefix = whole.substr(0, end);
-        if (mkdir(prefix.c_str(), mode) == 0)
+        if (mkdir(prefix.c_str(), mode) == 0) {
+            if (set_mode(prefix.c_str(), mode) == -1)
+                return -1;
             continue;
+        }
         struct stat status;
         int const error = errno;
         if (stat(prefix.c_str(), &status) == -1)

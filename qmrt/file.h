@@ -36,7 +36,7 @@ private:
  */
 
 /**
- * Makes a directory with its parents, each new one with @a mode less the process's umask.
+ * Makes a directory with its parents, each new one with @a mode, whatever the process's umask.
  * An existing directory, or a link to one, is a success and is left as it is. A file in the way is
  * EEXIST at the end of the path and ENOTDIR before it.
  */

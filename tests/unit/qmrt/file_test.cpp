@@ -45,6 +45,19 @@ TEST_F(File_Test, mkdir_p_leaves_the_mode_of_what_is_there) {
     EXPECT_EQ(0700u, mode_of("a"));
 }
 
+TEST_F(File_Test, mkdir_p_gives_the_mode_whatever_the_umask) {
+    for (mode_t const mask : {0077u, 0u, 0027u}) {
+        mode_t const old = umask(mask);
+        std::string const name = "with" + std::to_string(mask);
+        EXPECT_EQ(0, mkdir_p(at(name + "/b"), 0755));
+        EXPECT_EQ(0, mkdir_p(at(name + "/b/private"), 0700));
+        umask(old);
+        EXPECT_EQ(0755u, mode_of(name));
+        EXPECT_EQ(0755u, mode_of(name + "/b"));
+        EXPECT_EQ(0700u, mode_of(name + "/b/private"));
+    }
+}
+
 TEST_F(File_Test, mkdir_p_takes_a_link_to_a_directory) {
     mkdir_p(at("a"), 0755);
     ASSERT_EQ(0, symlink("a", at("link")));
