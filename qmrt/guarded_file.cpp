@@ -321,3 +321,18 @@ void As_File_User::give_back() {
     }
     errno = error;
 }
+
+std::string closed_directory(std::string const& path, uid_t uid) {
+    As_File_User const user(uid);
+    if (!user)
+        return path;
+    struct stat status;
+    for (size_t end = path.find('/'); end != std::string::npos;) {
+        std::string const directory = path.substr(0, std::max<size_t>(end, 1));
+        if (stat((directory + "/.").c_str(), &status) == -1)
+            return errno == EACCES ? directory : "";
+        end = end + 1 >= path.size() ? std::string::npos
+                                     : std::min(path.find('/', end + 1), path.size());
+    }
+    return "";
+}

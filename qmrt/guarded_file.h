@@ -135,4 +135,10 @@ private:
     std::vector<gid_t> groups_; ///< of this thread before
 };
 
+/**
+ * The first directory above an absolute path, or the path itself, that a user cannot pass through.
+ * @return "" if there is none, also when the way ends before; the path if it cannot be found out
+ */
+std::string closed_directory(std::string const& path, uid_t uid);
+
 #endif

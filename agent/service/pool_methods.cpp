@@ -3,7 +3,11 @@
 #include "agent/service/method_access.h"
 #include "agent/service/pool_status.h"
 #include "agent/storage/sqlite_pools.h"
+#include "host/agent/host_services.h"
+#include "host/agent/instance_backend.h"
 #include "host/storage/xbsa_folder.h"
+
+#include <unistd.h>
 
 using json_spirit::Array;
 using json_spirit::Object;
@@ -79,11 +83,24 @@ public:
     }
 
 private:
-    /** With "warning": why the clusters in it are not separated, "" when they are. */
+    /** With "warning": why it is not fit for the clusters that are known, "" when it is. */
     Object described(Pool_Record const& record) {
         Object object = status_.describe(record);
-        object["warning"] = record.read_only ? "" : fault_of_separation(record.path);
+        object["warning"] = record.read_only ? "" : fault_of_pool(record.path);
         return object;
+    }
+    static std::string fault_of_pool(std::string const& path) {
+        if (std::string const fault = fault_of_separation(path); !fault.empty())
+            return fault;
+        std::shared_ptr<Instance_Backend> const instances = Host_Services::instance().instances();
+        std::string user;
+        for (std::shared_ptr<Instance> const& instance : instances->list("gaussdb"))
+            if (geteuid() == 0 && instance->get_option("user", user) && !user.empty())
+                if (Storage_Result const result = check_pool_writable(path, instance->uuid, user);
+                    !result)
+                    return "the instance " + instance->name + " cannot be backed up to it, " +
+                           result.text();
+        return "";
     }
     static bool read_settings(Member_Reader& reader, Pool_Settings& settings) {
         std::string text;

@@ -2,6 +2,7 @@
 
 #include "host/agent/instance_handler.h"
 #include "host/agent/instance_manager.h"
+#include "host/process/password_file_entry.h"
 #include "host/process/process_options.h"
 #include "host/process/subprocess.h"
 #include "host/storage/xbsa_folder.h"
@@ -9,6 +10,7 @@
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
 #include "qmrt/format.h"
+#include "qmrt/guarded_file.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -38,6 +40,8 @@ constexpr char const* NO_TOOLS[] = {nullptr};
 /** Where the module keeps the environment under which a cluster's tools run, by its name. */
 constexpr char ENVIRONMENTS[] = "/var/cache/quilmot/zenbrak3/gaussdb/";
 constexpr char SYSTEM_LINK[] = "/usr/openv/lib/libxbsa64.so";
+constexpr char LIBRARIES[] = "/usr/openv/lib/";
+constexpr char OWN_LIBRARIES[] = "/opt/quilmot/zenbrak3/lib/";
 
 /** Whether the flavour is reached by ssh only, so that its tools are on another machine. */
 bool is_remote(int version) {
@@ -167,6 +171,7 @@ void Readiness_Check::instance(std::string const& name, std::string const& uid) 
     account(name, uid, version);
     if (version == FLAVOUR_100 || version == FLAVOUR_200 || version == FLAVOUR_TPOPS)
         xbsa_link();
+    passages();
 }
 
 void Readiness_Check::alerts(std::string const& name) {
@@ -285,17 +290,26 @@ void Readiness_Check::pool(Pool const& pool, uint64_t needed) {
 
 /** Whether the database's user can write where the XBSA library will. */
 void Readiness_Check::user_folder(Pool const& pool) {
-    struct stat status;
-    std::string const folder = pool.path + "/" + xbsa_cluster_folder(resource_);
-    // the first backup makes it
-    if (user_.empty() || resource_.empty() || lstat(folder.c_str(), &status) == -1)
+    if (user_.empty() || resource_.empty() || geteuid() != 0)
         return;
-    Storage_Result const result = check_xbsa_folder_writable(folder, user_);
+    Storage_Result const result = check_pool_writable(pool.path, resource_, user_);
     if (result)
         return good("pool " + pool.name, user_ + " can write to its own folder");
     bad("pool " + pool.name, result.text(),
-        "let each cluster have a pool of its own, or correct the owner: chown -R " + user_ + " " +
-            folder);
+        "let others pass through the directories above the pool: chmod o+x DIRECTORY. If the "
+        "folder "
+        "is another user's, let each cluster have a pool of its own");
+}
+
+/** Whether the database's user reaches its policy, its metadata and the XBSA library. */
+void Readiness_Check::passages() {
+    Password_File_Entry entry;
+    if (user_.empty() || geteuid() != 0 || entry.get(user_.c_str()) == -1)
+        return;
+    for (char const* directory : {ENVIRONMENTS, LIBRARIES, OWN_LIBRARIES})
+        if (std::string const closed = closed_directory(directory, entry.uid()); !closed.empty())
+            bad("directory " + closed, "the user " + user_ + " cannot pass through it",
+                "run: chmod o+x " + closed);
 }
 
 void Readiness_Check::pools_unknown(std::string const& why) {

@@ -10,8 +10,8 @@
 
 /**
  * Finds out what is missing for a backup of an instance, before one is tried. It looks, and leaves
- * nothing behind: in a pool an empty file is made and removed. A tool is looked for, not run. One
- * object is for one check, on any thread.
+ * nothing behind: in a pool an empty file is made and removed, as root and as the database's user.
+ * A tool is looked for, not run. One object is for one check, on any thread.
  */
 class Readiness_Check {
 public:
@@ -63,6 +63,7 @@ private:
                std::string const& app_path);
     void account(std::string const& name, std::string const& uid, int version);
     void xbsa_link();
+    void passages();
     void user_folder(Pool const& pool);
 
     std::string user_;     ///< the database's, of the instance that was looked at

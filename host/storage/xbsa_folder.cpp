@@ -100,6 +100,21 @@ bool can_user_write(int folder, uid_t uid) {
     return file && unlinkat(folder, name.c_str(), 0) == 0;
 }
 
+/** @param path  of the open folder, by which its user has to get there, too */
+Storage_Result check_folder_writable(int folder, std::string const& path,
+                                     Password_File_Entry const& user) {
+    struct stat status;
+    if (fstat(folder, &status) == -1)
+        return storage_errno("cannot open " + path, errno);
+    if (std::string const closed = closed_directory(path, user.uid()); !closed.empty())
+        return failed("the user " + std::string(user.name()) + " cannot pass through " + closed +
+                      ", which belongs to the user " + name_of(status.st_uid));
+    if (can_user_write(folder, user.uid()))
+        return {};
+    return failed(path + " belongs to the user " + name_of(status.st_uid) + "; the user " +
+                  user.name() + " cannot write to it");
+}
+
 /** The xbsa folder of a cluster's folder, for its user. */
 Storage_Result give_folder(int cluster, std::string const& where, Password_File_Entry const& user) {
     File_Descriptor const xbsa = make_and_enter(cluster, XBSA, CLOSED_MODE);
@@ -166,18 +181,29 @@ Storage_Result check_xbsa_folder_readable(std::string const& pool_url,
                   user + ":rX " + where);
 }
 
-Storage_Result check_xbsa_folder_writable(std::string const& folder, std::string const& user) {
+Storage_Result check_pool_writable(std::string const& pool_path, std::string const& cluster_id,
+                                   std::string const& user) {
     Password_File_Entry entry;
     if (entry.get(user.c_str()) == -1)
         return failed("the user " + names::shown(user) + " is not known on this host");
-    File_Descriptor const opened = enter_folder(AT_FDCWD, folder);
-    struct stat status;
-    if (!opened || fstat(opened.get(), &status) == -1)
+    if (std::string const closed = closed_directory(pool_path, entry.uid()); !closed.empty())
+        return failed("the user " + user + " cannot pass through " + closed);
+    std::string const folder = pool_path + "/" + xbsa_cluster_folder(cluster_id);
+    File_Descriptor const existing = enter_folder(AT_FDCWD, folder);
+    if (existing)
+        return check_folder_writable(existing.get(), folder, entry);
+    if (errno != ENOENT)
         return storage_errno("cannot open " + folder, errno);
-    if (can_user_write(opened.get(), entry.uid()))
-        return {};
-    return failed(folder + " belongs to the user " + name_of(status.st_uid) + "; the user " + user +
-                  " cannot write to it");
+    File_Descriptor const pool(open(pool_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::string const name = UNFINISHED_PREFIX + uuid_string();
+    File_Descriptor const scratch = make_and_enter(pool.get(), name, CLOSED_MODE);
+    if (!scratch)
+        return storage_errno("cannot make a folder in " + pool_path, errno);
+    set_owner_and_mode(scratch.get(), entry.uid(), entry.gid(), CLOSED_MODE);
+    Storage_Result const result =
+        check_folder_writable(scratch.get(), pool_path + "/" + name, entry);
+    unlinkat(pool.get(), name.c_str(), AT_REMOVEDIR);
+    return result;
 }
 
 Storage_Result separate_pool(std::string const& path) {

@@ -36,8 +36,15 @@ Storage_Result give_xbsa_folder(std::string const& pool_url, std::string const& 
 Storage_Result check_xbsa_folder_readable(std::string const& pool_url,
                                           std::string const& cluster_id, std::string const& user);
 
-/** Checks that a user can make files in a folder of its own; it must be there. */
-Storage_Result check_xbsa_folder_writable(std::string const& folder, std::string const& user);
+/**
+ * Checks that a cluster's user can write to a pool as the XBSA library will. A file is made and
+ * removed as that user, by its whole path: in the cluster's folder, or before its first backup in a
+ * scratch folder that is given to the user as that one will be.
+ * @param pool_path  the pool's directory
+ * @return FAILED with what is in the way, such as a directory that the user cannot pass through
+ */
+Storage_Result check_pool_writable(std::string const& pool_path, std::string const& cluster_id,
+                                   std::string const& user);
 
 /**
  * Gives the folders of a pool the owners and modes above, as far as they are known without the

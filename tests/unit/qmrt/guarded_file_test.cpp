@@ -238,6 +238,21 @@ TEST_F(As_File_User_Test, what_the_user_cannot_do_the_thread_cannot) {
     EXPECT_TRUE(can_read());
 }
 
+TEST_F(As_File_User_Test, a_directory_that_the_user_cannot_pass_is_named) {
+    files_.write("open/closed/inner/file", "x");
+    constexpr uid_t NOBODY = 65534;
+    EXPECT_EQ("", closed_directory(at("open/closed/inner"), NOBODY));
+    ASSERT_EQ(0, chmod(at("open/closed").c_str(), 0700));
+    EXPECT_EQ(at("open/closed"), closed_directory(at("open/closed/inner/not there"), NOBODY));
+    EXPECT_EQ(at("open/closed"), closed_directory(at("open/closed"), NOBODY));
+    EXPECT_EQ("", closed_directory(at("open"), NOBODY));
+    EXPECT_EQ("", closed_directory(at("open/not there/x"), NOBODY));
+    EXPECT_EQ("", closed_directory(at("open/closed/inner"), 0));
+    EXPECT_EQ("", closed_directory("/", NOBODY));
+    ASSERT_EQ(0, chmod(at("open/closed").c_str(), 0711));
+    EXPECT_EQ("", closed_directory(at("open/closed/inner/"), NOBODY));
+}
+
 TEST_F(As_File_User_Test, other_threads_keep_their_rights) {
     std::atomic<int> step = 0;
     bool could_read = false;

@@ -175,6 +175,28 @@ TEST_F(Readiness_Check_Test, pools) {
     expect_bad("pool", "the backup server was not asked: no connection");
 }
 
+TEST_F(Readiness_Check_Test, the_pool_is_written_to_as_the_databases_user) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root: another user's rights are taken";
+    add_instance({{"version", 2}, {"user", "nobody"}});
+    Instance instance = *instances_->find("gaussdb", "cluster");
+    instance.uuid = "0123";
+    ASSERT_TRUE(instances_->put(instance));
+    directory_.write("pool/.keep", "");
+    std::filesystem::remove(directory_.path("pool/.keep"));
+    ASSERT_EQ(0, chmod(directory_.path("pool").c_str(), 0711));
+    for (mode_t const mode : {0755u, 0700u}) {
+        ASSERT_EQ(0, chmod(directory_.path().c_str(), mode));
+        check_ = Readiness_Check();
+        check_.instance("cluster", "uid");
+        check_.pool({"p", true, false, 100, 0, 0, directory_.path("pool")}, 0);
+        if (mode == 0755)
+            expect_good("pool p");
+        else
+            expect_bad("pool p", "nobody cannot pass through " + directory_.path());
+    }
+}
+
 TEST_F(Readiness_Check_Test, a_module_without_jobs_and_a_damaged_database) {
     check_.module("/m.so", {"GaussDB_Instance_Handler"});
     check_.database({"row 3 missing from index"});

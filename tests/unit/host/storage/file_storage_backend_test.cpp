@@ -377,6 +377,25 @@ TEST_F(file_storage_separate_pool, anothers_folder_is_refused_with_both_names) {
     EXPECT_NE(std::string::npos, read.text().find("setfacl")) << read.text();
 }
 
+TEST_F(file_storage_separate_pool, a_pool_is_tried_as_its_user) {
+    EXPECT_TRUE(check_pool_writable(pool_, "first", FIRST));
+    EXPECT_TRUE(check_pool_writable(pool_, "third", FIRST)) << "before the first backup";
+    EXPECT_TRUE(std::filesystem::is_empty(pool_ + "/first/xbsa"));
+    size_t entries = 0;
+    for (auto const& entry : std::filesystem::directory_iterator(pool_))
+        entries += entry.is_directory();
+    EXPECT_EQ(2u, entries) << "a scratch folder is left behind";
+    Storage_Result const other = check_pool_writable(pool_, "first", SECOND);
+    EXPECT_FALSE(other);
+    EXPECT_NE(std::string::npos, other.text().find("belongs to the user daemon")) << other.text();
+    EXPECT_FALSE(check_pool_writable(pool_, "first", "no-such-user"));
+    EXPECT_FALSE(check_pool_writable(directory_.path("none"), "first", FIRST));
+    ASSERT_EQ(0, chmod(directory_.path().c_str(), 0700));
+    Storage_Result const closed = check_pool_writable(pool_, "first", FIRST);
+    EXPECT_FALSE(closed);
+    EXPECT_EQ("the user daemon cannot pass through " + directory_.path(), closed.text());
+}
+
 TEST_F(file_storage_separate_pool, ids_that_lead_elsewhere_are_refused) {
     for (char const* id : {"", "..", "a/b", "/tmp"})
         EXPECT_FALSE(give_xbsa_folder(url(), id, FIRST)) << id;
