@@ -2,6 +2,7 @@
 #define TESTS_SUPPORT_CHILD_OPTIONS_H
 
 #include "host/process/process_options.h"
+#include "tests/support/test_child_path.h"
 
 #include <ace/Process.h>
 

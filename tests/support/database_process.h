@@ -3,6 +3,7 @@
 
 #include "host/process/password_file_entry.h"
 #include "qmrt/file.h"
+#include "tests/support/test_child_path.h"
 
 #include <fcntl.h>
 #include <filesystem>

@@ -11,6 +11,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/product_directories.h"
 #include "tests/support/scripted_interpreters.h"
+#include "tests/support/test_child_path.h"
 
 #include <atomic>
 #include <gmock/gmock.h>

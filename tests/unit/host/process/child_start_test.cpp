@@ -2,6 +2,7 @@
 
 #include "tests/support/child_options.h"
 #include "tests/support/own_thread.h"
+#include "tests/support/test_child_path.h"
 
 #include <csignal>
 #include <fcntl.h>

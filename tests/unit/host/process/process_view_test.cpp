@@ -2,6 +2,7 @@
 
 #include "host/process/password_file_entry.h"
 #include "tests/support/database_process.h"
+#include "tests/support/test_child_path.h"
 
 #include <climits>
 #include <csignal>

@@ -6,6 +6,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/own_thread.h"
 #include "tests/support/temporary_directory.h"
+#include "tests/support/test_child_path.h"
 
 #include <fcntl.h>
 #include <fstream>
@@ -52,7 +53,7 @@ public:
     }
 
     std::string command(std::string const& arguments) const {
-        return ZENBRAK3_TEST_CHILD " out ready await " + fifo + " args " + arguments;
+        return std::string(ZENBRAK3_TEST_CHILD) + " out ready await " + fifo + " args " + arguments;
     }
     /** A text that only this service's command line has. */
     std::string const& mark() const { return fifo; }

@@ -2,6 +2,7 @@
 
 #include "tests/support/child_options.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/test_child_path.h"
 
 #include <ace/Log_Msg.h>
 #include <ace/Log_Record.h>

@@ -5,6 +5,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/own_thread.h"
 #include "tests/support/temporary_directory.h"
+#include "tests/support/test_child_path.h"
 
 #include <ace/Log_Record.h>
 
