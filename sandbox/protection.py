@@ -1,10 +1,12 @@
 """The agent on a machine of the sandbox: what the demo and the tests of the whole road share."""
 import json
 import os
+import socket
 import subprocess
-import time
 
-CLUSTER = os.path.join(os.path.dirname(os.path.realpath(__file__)), "cluster")
+HERE = os.path.dirname(os.path.realpath(__file__))
+CLUSTER = os.path.join(HERE, "cluster")
+RUN_UNIT = os.path.join(HERE, "run_unit")
 POOL = "/srv/pool"
 AGENT_LOG = "/var/log/zenbrak3-agent.log"
 ACCOUNT, PASSWORD = "backup", "Backup@123"
@@ -28,25 +30,33 @@ def tell(*words):
     return json.loads(ask("zenbrak3", *words, "--json"))
 
 
+def package_of(build):
+    """The Debian package of what is built in that directory."""
+    return ask(os.path.join(HERE, "make_package"), build).strip()
+
+
 def install(build):
-    """Installs what is built in that directory on this machine."""
-    subprocess.check_call(["cmake", "--install", build, "--prefix", "/usr", "--strip"],
-                          stdout=subprocess.DEVNULL)
-    subprocess.check_call(["ldconfig"])
+    """Installs the package of what is built in that directory on this machine."""
+    ask("dpkg", "--install", package_of(build))
 
 
 def start_agent():
-    """The agent's process, as soon as it serves. Raises Failure when it does not come to that."""
-    with open(AGENT_LOG, "ab") as log:
-        agent = subprocess.Popen(["zenbrak3-agent"], stdin=subprocess.DEVNULL, stdout=log,
-                                 stderr=log, start_new_session=True)
-    end = time.monotonic() + 30
-    while subprocess.call(["zenbrak3", "info"], stdout=subprocess.DEVNULL,
-                          stderr=subprocess.DEVNULL):
-        if agent.poll() is not None or time.monotonic() > end:
-            raise Failure("the agent does not serve")
-        time.sleep(0.1)
-    return agent
+    """The agent's process, as its unit has it, as soon as it is ready. Raises Failure when it does
+    not come to that."""
+    with open(AGENT_LOG, "ab") as log, socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as ready:
+        ready.bind("")  # an abstract address, that nobody else has
+        ready.settimeout(0.2)
+        agent = subprocess.Popen(
+            [RUN_UNIT], stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True,
+            env={"NOTIFY_SOCKET": "@" + ready.getsockname()[1:].decode()})
+        for _ in range(300):
+            try:
+                if ready.recv(4096).startswith(b"READY=1"):
+                    return agent
+            except TimeoutError:
+                if agent.poll() is not None:
+                    break
+    raise Failure("the agent is not ready; %s says why" % AGENT_LOG)
 
 
 def save_account(instance):

@@ -10,7 +10,10 @@ import sys
 import unittest
 
 sys.dont_write_bytecode = True
-from sandbox_test import HOME, cluster, roach_processes, wait_until  # noqa: E402
+from sandbox_test import HOME, ROOT, cluster, roach_processes  # noqa: E402
+
+sys.path.insert(0, str(ROOT / "sandbox"))
+import protection  # noqa: E402
 
 BUILD = sys.argv.pop(1)
 CACHE = pathlib.Path("/var/cache/quilmot/zenbrak3/gaussdb")
@@ -29,14 +32,8 @@ class Series_100_Test(unittest.TestCase):
     def setUpClass(cls):
         cluster("create", "--series", 100, "--nodes", 2, "--no-fsync")
         cluster("fill", 8)
-        subprocess.check_call(["cmake", "--install", BUILD, "--prefix", "/usr", "--strip"],
-                              stdout=subprocess.DEVNULL)
-        subprocess.check_call(["ldconfig"])
-        cls.log = open("/var/log/zenbrak3-agent.log", "wb")
-        cls.agent = subprocess.Popen(["zenbrak3-agent"], stdin=subprocess.DEVNULL, stdout=cls.log,
-                                     stderr=cls.log)
-        wait_until(lambda: subprocess.call(["zenbrak3", "info"], stdout=subprocess.DEVNULL,
-                                           stderr=subprocess.DEVNULL) == 0)
+        protection.install(BUILD)
+        cls.agent = protection.start_agent()
         zenbrak3("instances", "--refresh")
         zenbrak3("account", "c1", "backup", input="Backup@123\n")
         subprocess.check_call(["mkdir", "-p", "/srv/pool"])
@@ -46,7 +43,6 @@ class Series_100_Test(unittest.TestCase):
     def tearDownClass(cls):
         cls.agent.terminate()
         cls.agent.wait()
-        cls.log.close()
 
     def backup(self, *words):
         zenbrak3("backup", "c1", "--pool", "main", *words)

@@ -19,6 +19,7 @@ import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 MACHINE, CLUSTER = str(ROOT / "sandbox/machine"), str(ROOT / "sandbox/cluster")
+RUN_UNIT, MAKE_PACKAGE = str(ROOT / "sandbox/run_unit"), str(ROOT / "sandbox/make_package")
 BUILD = sys.argv.pop(1)
 MACHINES = "host1=10.77.0.1,host2=10.77.0.2"
 CACHE = "/var/cache/quilmot/zenbrak3/gaussdb"
@@ -112,7 +113,7 @@ class Host(object):
     def start_agent(self):
         log = open(self.directory / "agent.log", "ab")
         with log:
-            self.agent = subprocess.Popen(self.words("zenbrak3-agent"), stdin=subprocess.DEVNULL,
+            self.agent = subprocess.Popen(self.words(RUN_UNIT), stdin=subprocess.DEVNULL,
                                           stdout=log, stderr=log)
         wait_until(lambda: subprocess.call(self.words("zenbrak3", "info"), stderr=subprocess.DEVNULL,
                                            stdout=subprocess.DEVNULL) == 0, "the agent's answer")
@@ -140,7 +141,7 @@ class Two_Hosts_Test(unittest.TestCase):
         cls.work.chmod(0o755)
         cls.addClassCleanup(cls.clean)
         share = cls.work / "share"
-        for directory in (share / "keys", share / "pool", share / "image"):
+        for directory in (share / "keys", share / "pool"):
             directory.mkdir(parents=True)
         cls.hosts = [Host(cls.work / name, name, address, share)
                      for name, _, address in (one.partition("=") for one in MACHINES.split(","))]
@@ -149,13 +150,11 @@ class Two_Hosts_Test(unittest.TestCase):
         making = [subprocess.Popen(host.words(
             CLUSTER, "create", "--nodes", 2, "--machines", MACHINES, "--keys", "/srv/shared/keys",
             "--no-fsync"), stdout=subprocess.DEVNULL) for host in cls.hosts]
-        run("cmake", "--install", BUILD, "--prefix", "/usr", "--strip",
-            env=dict(os.environ, DESTDIR=str(share / "image")))
+        package = run(MAKE_PACKAGE, BUILD).strip()
         if [one.wait() for one in making] != [0, 0]:
             raise AssertionError("the cluster could not be made")
         for host in cls.hosts:
-            host.do("cp", "-a", "/srv/shared/image/.", "/")
-            host.do("ldconfig")
+            host.do("dpkg", "--install", package)
             host.cluster("fill", 6)
         cls.start_agents()
 
