@@ -186,6 +186,18 @@ std::string fault_of_host(std::string_view host) {
     return fault;
 }
 
+std::string fault_of_bare_path(std::string_view path) {
+    std::string fault = fault_of_absolute_path(path);
+    return fault.empty() ? fault_for_shells(path) : fault;
+}
+
+std::string fault_of_listed_name(std::string_view name) {
+    std::string fault = fault_of_label(name);
+    if (fault.empty() && name.find('.') != std::string_view::npos)
+        fault = "has a '.' in it, which parts a schema from its table";
+    return fault;
+}
+
 std::string fault_of_policy(std::string_view name) {
     std::string fault = fault_of_id(name);
     if (fault.empty() && is_registry_name(name))

@@ -76,6 +76,30 @@ std::string fault_of_host(std::string_view host);
  */
 std::string fault_of_policy(std::string_view name);
 
+/**
+ * Where ssh logs in: a host, or an account of letters, digits, ".", "_" and "-", "@" and a host.
+ */
+std::string fault_of_ssh_address(std::string_view address);
+
+/**
+ * Options that ssh and scp read alike, each a word: "-4", "-6", "-C", "-q", "-i FILE" and
+ * "-o NAME=VALUE" for the names of a list. An option that starts a program, or that accepts a host
+ * key which nobody has confirmed, is not in the list. "" for none.
+ */
+std::string fault_of_ssh_options(std::string_view options);
+
+/** Shell text for a remote machine that stands between single quotes here: a line without "'". */
+std::string fault_of_remote_commands(std::string_view commands);
+
+/** An absolute path that is the same word in every shell. */
+std::string fault_of_bare_path(std::string_view path);
+
+/**
+ * A name in a list of names, one on a line, a schema's and a table's parted by a ".": a label
+ * without a ".".
+ */
+std::string fault_of_listed_name(std::string_view name);
+
 /** True for "meta", "media" and what ends as the files beside a cluster's or a policy's own. */
 bool is_registry_name(std::string_view name);
 
