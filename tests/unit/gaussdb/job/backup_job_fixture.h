@@ -60,8 +60,8 @@ public:
     }
     /** The tool of the 100 series does. */
     void roach_100_works(std::string const& then = "") {
-        tools_.script("python", leave("2_2", "backupset_nbu.ini", "\"5 KB\"") +
-                                    "out backup key: 2_2\n" + then + "\nexit 0");
+        new_script("python", leave("2_2", "backupset_nbu.ini", "\"5 KB\"") +
+                                 "out backup key: 2_2\n" + then + "\nexit 0");
     }
     void roach_fails() { tools_.script("python3", "err no space\nexit 1"); }
 
