@@ -7,6 +7,9 @@ json_spirit::Object GaussDB_Backup_Set::dump() const {
     json_spirit::insert(object)("incarnation", incarnation)("instance", instance)(
         "database_version", database_version)("seq", seq)("meta_destination", meta_destination)(
         "backup_key", backup_key)("prior_backup_key", prior_backup_key)("compression", compression)(
-        "nodes", nodes)("series", static_cast<int>(series));
+        "nodes", nodes)("nodes_count", nodes)("granularity", granularity)("database", database)(
+        "series", static_cast<int>(series));
+    if (!tables.empty())
+        object["tables"] = tables;
     return object;
 }

@@ -9,7 +9,10 @@ class GaussDB_Backup_Set : public Backup_Set {
 public:
     GaussDB_Backup_Set() : Backup_Set("gaussdb") {}
 
-    /** With a key for each field below, of the field's name. */
+    /**
+     * With a key for each field below, of the field's name, and "nodes_count" for the nodes again;
+     * without "tables" when there are none.
+     */
     json_spirit::Object dump() const override;
 
     /** Uuid of the full set with which this chain begins; for a full backup the set's own. */
@@ -22,6 +25,10 @@ public:
     std::string prior_backup_key; ///< what an incremental one builds on; "" for a full one
     std::string compression;      ///< the method's name; "" for none
     int nodes = 0;                ///< machines of the cluster
+    std::string granularity;      ///< "schema" for a set of schemas, "" for one of a whole cluster
+    std::string database;         ///< of a set of schemas
+    /** Databases, schemas and tables in the set: {"uuid", "parent_uuid", "type", "name"} each. */
+    json_spirit::Array tables;
     GAUSSDB_VERSION series = GAUSSDB_UNKNOWN;
 };
 

@@ -48,8 +48,15 @@ json_spirit::Array GaussDB_Catalog::rows(char const* view, Object const& query) 
 bool GaussDB_Catalog::get_prior_backup(std::string const& resource_uuid,
                                        std::string const& pool_uuid, std::string& incarnation,
                                        std::string& backup_key) const {
+    return get_prior_backup(resource_uuid, pool_uuid, Object(), incarnation, backup_key);
+}
+
+bool GaussDB_Catalog::get_prior_backup(std::string const& resource_uuid,
+                                       std::string const& pool_uuid, Object const& more,
+                                       std::string& incarnation, std::string& backup_key) const {
     return logged("Failed to get prior backup: ", [&] {
         Object query = row_query("backup_end_time");
+        query.insert(more.begin(), more.end());
         json_spirit::insert(query)("resource_uuid", resource_uuid)("pool_uuid", pool_uuid)("limit",
                                                                                            1);
         json_spirit::Array const found = rows("catalogs", query);
@@ -91,6 +98,32 @@ bool GaussDB_Catalog::get_storage_size(std::string const& uuid, ACE_INT64& size)
         int64_t bytes = 0;
         extract_or_throw(storages->front().get_obj())("size", bytes, true);
         size = bytes;
+        return true;
+    });
+}
+
+bool GaussDB_Catalog::get_sizes(std::string const& uuid, ACE_INT64& storage_size,
+                                ACE_INT64& set_size) const {
+    return logged("Failed to get gaussdb backup storage size, ", [&] {
+        Object query;
+        json_spirit::insert(query)("uuid", uuid)("with_storages", "1")("with_pieces",
+                                                                       "1")("cmode", "rb_orm_rows");
+        json_spirit::Array const found = rows("catalogs", query);
+        if (found.empty())
+            return false;
+        json_spirit::Array const* storages = nullptr;
+        json_spirit::Array const* pieces = nullptr;
+        extract_or_throw(found.front().get_obj())("storages", storages, true)("pieces", pieces,
+                                                                              true);
+        if (storages->empty() || pieces->empty())
+            return false;
+        int64_t stored = 0;
+        int64_t total = 0;
+        extract_or_throw(storages->front().get_obj())("size", stored, true);
+        for (Object const& piece : json_spirit::objects_of(*pieces))
+            total += json_spirit::object_get_int64_or_throw(piece, "size");
+        storage_size = stored;
+        set_size = total;
         return true;
     });
 }

@@ -2,9 +2,11 @@
 
 #include "gaussdb/job/cluster_job.h"
 #include "gaussdb/job/gaussdb_backup_job_executor.h"
+#include "gaussdb/job/gaussdb_non_intrusive_backup_executor.h"
+#include "gaussdb/job/gaussdb_non_intrusive_restore_executor.h"
 #include "gaussdb/job/gaussdb_restore_job_executor.h"
 #include "gaussdb/job/gaussdb_utils.h"
-#include "job/default_job_t.h"
+#include "job/controllable_job_t.h"
 #include "qmrt/check.h"
 
 #include <cerrno>
@@ -57,9 +59,11 @@ Job_var GaussDB_Job_Creator::create(Job_Definition_var definition) {
     case GAUSSDB_T:
         return refuse(*definition, "GaussDB T");
     case GAUSSDB_DWS:
-        return refuse(*definition, "GaussDB DWS");
     case GAUSSDB_FOR_OPENGAUSS:
-        return refuse(*definition, "GaussDB for openGauss");
+        return is_backup ? make_job<Controllable_Job_T<GaussDB_Non_Intrusive_Backup_Job_Executor>>(
+                               definition)
+                         : make_job<Controllable_Job_T<GaussDB_Non_Intrusive_Restore_Job_Executor>>(
+                               definition);
     case GAUSSDB_TPOPS:
         return refuse(*definition, "GaussDB of TPOPS");
     default:

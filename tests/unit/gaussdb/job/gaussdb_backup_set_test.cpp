@@ -25,6 +25,8 @@ GaussDB_Backup_Set filled() {
     set.prior_backup_key = "1_1";
     set.compression = "zstd";
     set.nodes = 3;
+    set.granularity = "schema";
+    set.database = "sales";
     set.series = GAUSSDB_200;
     return set;
 }
@@ -42,8 +44,18 @@ TEST(GaussDB_Backup_Set, shows_its_fields_beside_those_of_every_set) {
                                            {"prior_backup_key", "1_1"},
                                            {"compression", "zstd"},
                                            {"nodes", 3},
+                                           {"nodes_count", 3},
+                                           {"granularity", "schema"},
+                                           {"database", "sales"},
                                            {"series", 2}})
         EXPECT_EQ(value, object.at(key)) << key;
+}
+
+TEST(GaussDB_Backup_Set, shows_what_tables_it_holds_when_it_knows) {
+    GaussDB_Backup_Set set = filled();
+    EXPECT_FALSE(set.dump().count("tables"));
+    set.tables.emplace_back(Object{{"name", "t1"}});
+    EXPECT_EQ(Value(set.tables), set.dump().at("tables"));
 }
 
 TEST(GaussDB_Backup_Set, is_found_in_the_catalog_under_its_database) {

@@ -1,7 +1,10 @@
 #include "gaussdb/job/gaussdb_job_creator.h"
 
 #include "gaussdb/job/gaussdb_backup_job_executor.h"
+#include "gaussdb/job/gaussdb_non_intrusive_backup_executor.h"
+#include "gaussdb/job/gaussdb_non_intrusive_restore_executor.h"
 #include "gaussdb/job/gaussdb_restore_job_executor.h"
+#include "job/controllable_job_t.h"
 #include "job/default_job_t.h"
 #include "tests/support/failing_new.h"
 #include "tests/unit/gaussdb/job/cluster_world.h"
@@ -54,10 +57,7 @@ TEST_F(GaussDB_Job_Creator_Test, the_job_has_the_definition_and_one_reference) {
 
 TEST_F(GaussDB_Job_Creator_Test, flavours_that_cannot_be_protected_yet) {
     std::pair<GAUSSDB_VERSION, char const*> const flavours[] = {
-        {GAUSSDB_T, "GaussDB T"},
-        {GAUSSDB_DWS, "GaussDB DWS"},
-        {GAUSSDB_FOR_OPENGAUSS, "GaussDB for openGauss"},
-        {GAUSSDB_TPOPS, "GaussDB of TPOPS"}};
+        {GAUSSDB_T, "GaussDB T"}, {GAUSSDB_TPOPS, "GaussDB of TPOPS"}};
     for (auto const& [flavour, name] : flavours) {
         make_cluster(flavour);
         std::string const line =
@@ -66,6 +66,16 @@ TEST_F(GaussDB_Job_Creator_Test, flavours_that_cannot_be_protected_yet) {
         EXPECT_EQ(1u, Log_Capture::instance().claim_all(LM_ERROR, line));
         EXPECT_FALSE(creator_.create(restore_to("gaussdb/c1")).get());
         EXPECT_EQ(1u, Log_Capture::instance().claim_all(LM_ERROR, line));
+    }
+}
+
+TEST_F(GaussDB_Job_Creator_Test, clusters_without_an_agent_get_jobs_that_can_be_stopped) {
+    for (GAUSSDB_VERSION flavour : {GAUSSDB_DWS, GAUSSDB_FOR_OPENGAUSS}) {
+        make_cluster(flavour);
+        EXPECT_TRUE(is<Controllable_Job_T<GaussDB_Non_Intrusive_Backup_Job_Executor>>(
+            creator_.create(backup_of("c1"))));
+        EXPECT_TRUE(is<Controllable_Job_T<GaussDB_Non_Intrusive_Restore_Job_Executor>>(
+            creator_.create(restore_to("gaussdb/c1"))));
     }
 }
 

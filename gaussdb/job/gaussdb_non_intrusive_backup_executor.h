@@ -1,0 +1,99 @@
+#ifndef GAUSSDB_JOB_GAUSSDB_NON_INTRUSIVE_BACKUP_EXECUTOR_H
+#define GAUSSDB_JOB_GAUSSDB_NON_INTRUSIVE_BACKUP_EXECUTOR_H
+
+#include "gaussdb/common/gaussdb_cluster_handler.h"
+#include "gaussdb/job/gaussdb_backup_job_options.h"
+#include "gaussdb/job/gaussdb_backup_job_source.h"
+#include "gaussdb/job/gaussdb_backup_set.h"
+#include "host/job/job_event_handler.h"
+#include "job/job_executor_t.h"
+
+#include <ace/Event.h>
+#include <ace/Time_Value.h>
+
+#include <string>
+#include <vector>
+
+class Roach_Source;
+
+/**
+ * Backs up a cluster of the DWS or the openGauss flavour, on whose machines no agent is installed:
+ * the database's own backup tool runs on a database node, which is reached by ssh, and sends the
+ * data to its counterpart on this host, roach_client or backUpAgent. A DWS cluster is saved as a
+ * whole or by schemas of one database.
+ *
+ * A set is opened in the catalog before the tool runs. A run that fails after that drops the set
+ * when the executor is destroyed. What the hosts were told for the backup tool is taken back only
+ * after a success.
+ *
+ * An incremental backup builds on nothing, and keeps its level, when there is nothing to build on.
+ * A cancel stops the tool on the node, and the run fails.
+ */
+class GaussDB_Non_Intrusive_Backup_Job_Executor
+    : public Job_Executor_T<GaussDB_Backup_Job_Source, GaussDB_Backup_Job_Options,
+                            Job_Event_Handler> {
+public:
+    explicit GaussDB_Non_Intrusive_Backup_Job_Executor(Job& job);
+    ~GaussDB_Non_Intrusive_Backup_Job_Executor() override;
+
+protected:
+    static constexpr int STOP_INTERVAL = 2; ///< seconds between two looks for a cancel
+
+    bool execute_i(Job::Action_Options const* options) override;
+    bool is_active(Job::Action_Options const* options) override;
+
+    ACE_Time_Value stop_interval_{STOP_INTERVAL};
+
+private:
+    bool is_opengauss() const;
+    bool is_schema_backup() const { return !src_->schemas_.empty(); }
+    bool check_names() const;
+    bool choose_type();
+    bool read_instance();
+    bool find_service(std::string& user);
+    void choose_base(GaussDB_Backup_Set& bset) const;
+    Roach_Source make_roach_source(std::string const& user) const;
+    void count_nodes();
+    bool make_command(std::string& cmd, std::string const& prior_backup_key);
+    bool open_set(GaussDB_Backup_Set& bset);
+    bool run_tool(std::string const& cmd, GaussDB_Backup_Set& bset);
+    bool complete_set(GaussDB_Backup_Set& bset);
+    bool save_schemas(std::string const& database, json_spirit::Array& tables) const;
+    bool save_tables(GaussDB_Client& client, std::string const& database, std::string const& schema,
+                     std::string const& parent, json_spirit::Array& tables) const;
+
+    bool canceled() const;
+    bool get_size(ACE_INT64& storage_size, ACE_INT64& set_size) const;
+    bool get_prior_backup(std::string& incarnation, std::string& backup_key, bool full,
+                          bool schema_only) const;
+    bool get_seq(ACE_INT64& seq) const;
+    void init_catalog(GaussDB_Backup_Set& bset) const;
+    bool get_client_info(std::string& user);
+    void clean_dws_metadata() const;
+    bool generate_dws_backup_cmd(std::string& cmd);
+    bool generate_for_opengauss_backup_cmd(std::string& cmd) const;
+    bool generate_common_backup_cmd(std::string& cmd, std::string const& prior_backup_key) const;
+    bool save_tables_info(json_spirit::Array& tables) const;
+    void job_stop_thread(ACE_Event& event);
+    bool dump_schema_list(std::vector<std::string> const& schemas, std::string const& path) const;
+    bool execute_ssh_command(std::string const& command, std::string& result) const;
+    bool get_roach_host_name(std::string& hostname) const;
+
+    GaussDB_Cluster_Handler_var cluster_; ///< empty until is_active() has found it
+    bool abort_catalog_ = false;          ///< the set is open
+    std::string job_instance_uuid_;       ///< the run's id, and the set's
+    std::string address_;                 ///< the node, for ssh
+    std::string meta_path_;               ///< the tool's metadata directory on the node
+    std::string instance_;
+    std::string remote_ip_; ///< where the backUpAgent listens; openGauss only
+    std::string ssh_opts_;
+    std::string source_commands_;
+    uint16_t backup_port_ = 0; ///< of the tool's master
+    uint16_t client_port_ = 0; ///< of the service that takes the data
+    int nodes_count_ = 0;
+    std::vector<std::string> host_uuids_; ///< the agents that get the policy
+    Job_Definition_Subtype backup_type_ = JOB_DEFINITION_SUBTYPE_FULL;
+    std::string schema_list_; ///< the list on the node, while it is there
+};
+
+#endif
