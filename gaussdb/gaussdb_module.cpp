@@ -6,7 +6,11 @@
 #include "gaussdb/job/gaussdb_job_creator.h"
 #include "gaussdb/job/gaussdb_restore_job_options_parser.h"
 #include "gaussdb/job/gaussdb_restore_job_source_parser.h"
+#include "gaussdb/websvcs_agent/gaussdb_create_instance_handler.h"
+#include "gaussdb/websvcs_agent/gaussdb_get_instance_handler.h"
 #include "gaussdb/websvcs_agent/gaussdb_list_handler.h"
+#include "gaussdb/websvcs_agent/gaussdb_modify_instance_handler.h"
+#include "gaussdb/websvcs_agent/gaussdb_remove_instance_handler.h"
 #include "gaussdb/websvcs_agent/roach_source_handler.h"
 #include "host/agent/module_factory.h"
 #include "host/agent/object_creator.h"
@@ -28,6 +32,14 @@ MODULE_CREATOR_FACTORY(GaussDB_Restore_Job_Source_Parser_Creator, Parser_Creator
 
 MODULE_FACTORY(GaussDB_Instance_Handler, Instance_Handler, GaussDB_Instance_Handler)
 MODULE_FACTORY(JSON_RPC_GaussDB_List_Handler, JSON_RPC_Handler, JSON_RPC_GaussDB_List_Handler)
+MODULE_FACTORY(JSON_RPC_GaussDB_Create_Instance_Handler, JSON_RPC_Handler,
+               JSON_RPC_GaussDB_Create_Instance_Handler)
+MODULE_FACTORY(JSON_RPC_GaussDB_Get_Instance_Handler, JSON_RPC_Handler,
+               JSON_RPC_GaussDB_Get_Instance_Handler)
+MODULE_FACTORY(JSON_RPC_GaussDB_Modify_Instance_Handler, JSON_RPC_Handler,
+               JSON_RPC_GaussDB_Modify_Instance_Handler)
+MODULE_FACTORY(JSON_RPC_GaussDB_Remove_Instance_Handler, JSON_RPC_Handler,
+               JSON_RPC_GaussDB_Remove_Instance_Handler)
 MODULE_FACTORY(JSON_RPC_Roach_Source_Handler, JSON_RPC_Handler, JSON_RPC_Roach_Source_Handler)
 
 /** The clusters go with the module: nobody could give them back once its code is gone. */

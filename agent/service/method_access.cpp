@@ -95,7 +95,11 @@ struct Method_Access::Table {
             {"definition.remove", {PEOPLE}},
             {"definition.save", {PEOPLE}},
             {"definition.show", {PEOPLE}},
+            {"gaussdb.create_instance", {PEOPLE}},
+            {"gaussdb.get_instance", {PEOPLE}},
             {"gaussdb.list", {PEOPLE}},
+            {"gaussdb.modify_instance", {PEOPLE}},
+            {"gaussdb.remove_instance", {PEOPLE}},
             {ROACH_SOURCE, {C::LOCAL | C::FORWARDED}},
             {"group.deliver", {C::BACKUPD}},
             {"group.forward", {C::MEMBER, &A::any}}, // run_of() checks it

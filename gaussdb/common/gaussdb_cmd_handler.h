@@ -25,10 +25,14 @@ inline constexpr char DEFAULT_SSH_OPTS[] = "-o ConnectTimeout=4";
 
 /**
  * Brings a remote shell into the database's environment, up to the place where the tool's name
- * follows. The longer form also reads the machine's and the data warehouse's profile.
+ * follows: by the openGauss flavour's file, by the machine's and the data warehouse's profile, or
+ * by both.
  */
 inline constexpr char SOURCE_GAUSS_ENV_FILE[] =
     "test -f ~/gauss_env_file && source ~/gauss_env_file; ";
+inline constexpr char SOURCE_DWS_PROFILE[] =
+    "source /etc/profile; test -f $BIGDATA_HOME/mppdb/.mppdbgs_profile && source "
+    "$BIGDATA_HOME/mppdb/.mppdbgs_profile; ";
 inline constexpr char SOURCE_ALL_PROFILES[] =
     "test -f ~/gauss_env_file && source ~/gauss_env_file; source /etc/profile; "
     "test -f $BIGDATA_HOME/mppdb/.mppdbgs_profile && source $BIGDATA_HOME/mppdb/.mppdbgs_profile; ";

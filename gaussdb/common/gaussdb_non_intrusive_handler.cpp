@@ -11,10 +11,6 @@
 
 namespace {
 
-constexpr char DWS_SOURCE_CMD[] =
-    "source /etc/profile; test -f $BIGDATA_HOME/mppdb/.mppdbgs_profile && source "
-    "$BIGDATA_HOME/mppdb/.mppdbgs_profile; ";
-
 constexpr char COORDINATOR_PORT[] = "gs_guc check -Z coordinator -I all -c \"port\"";
 constexpr char DATANODE_PORT[] = "gs_guc check -Z datanode -I all -c \"port\"";
 
@@ -28,7 +24,7 @@ std::string GaussDB_Non_Intrusive_Handler::Access::remote(char const* command) c
 GaussDB_Non_Intrusive_Handler::GaussDB_Non_Intrusive_Handler(GaussDB_Version const& version)
     : GaussDB_Cluster_Handler(GaussDB_Env(), std::string(), version) {
     access_.source_cmd =
-        version.model_ == GAUSSDB_FOR_OPENGAUSS ? SOURCE_GAUSS_ENV_FILE : DWS_SOURCE_CMD;
+        version.model_ == GAUSSDB_FOR_OPENGAUSS ? SOURCE_GAUSS_ENV_FILE : SOURCE_DWS_PROFILE;
     access_.ssh_opts = DEFAULT_SSH_OPTS;
 }
 

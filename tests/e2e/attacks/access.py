@@ -110,6 +110,11 @@ class Run_Key_Test(Attack_Test):
         self.refused("agent.info")
         self.refused("agent.check", instance="c1")
         self.refused("gaussdb.list")
+        self.refused("gaussdb.create_instance", name="mine", uid="u", address="127.0.0.1",
+                     meta_path="/m", backup_port=1)
+        self.refused("gaussdb.get_instance", instance="c1")
+        self.refused("gaussdb.modify_instance", name="c1", address="127.0.0.1")
+        self.refused("gaussdb.remove_instance", instance="c1")
         # from agent to agent
         wish = dict(policy, action="add", os_user="root", minor=0, patch=0, policy_name="x",
                     delete_meta_path="/root/x")

@@ -1,0 +1,26 @@
+#ifndef GAUSSDB_WEBSVCS_AGENT_INSTANCE_REQUEST_H
+#define GAUSSDB_WEBSVCS_AGENT_INSTANCE_REQUEST_H
+
+#include "gaussdb/common/gaussdb_cluster_handler.h"
+#include "host/rpc/json_rpc_handler.h"
+
+#include <string>
+
+/** What the handlers of instances share. Any thread may call these. */
+
+/**
+ * Checks what a handler was given.
+ * @param peer     receives the channel
+ * @return the request; null, after a log line, for what is not one or when the requester has gone
+ */
+JSON_RPC_Request* open_request(JSON_RPC_Channel_ptr const& channel,
+                               JSON_RPC_Object_var const& object, JSON_RPC_Channel_var& peer);
+
+/** Sends the result of a request; without memory it sends an error and sets ENOMEM. */
+int send_result(JSON_RPC_Channel* channel, JSON_RPC_Request* request,
+                json_spirit::Value const& result);
+
+/** GaussDB_Cluster_Handler::init(), which throws for a record with values of another kind. */
+bool init_handler(GaussDB_Cluster_Handler& handler);
+
+#endif
