@@ -8,6 +8,7 @@
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -144,6 +145,8 @@ protected:
         int code = SUCCESS;
         while ((code = library().get_data(handle_, &block)) == SUCCESS) {
             EXPECT_LE(block.num_bytes, BLOCK);
+            if (block.num_bytes == 0)
+                throw std::runtime_error("no data, and no end of them");
             content.append(memory, 0, block.num_bytes);
         }
         EXPECT_EQ(NO_MORE_DATA, code) << last_error();
@@ -156,7 +159,7 @@ protected:
         std::vector<std::string> paths;
         Guarded<Object_Descriptor> found;
         int code = library().query_object(handle_, &wanted.value, &found.value);
-        while (code == SUCCESS) {
+        while (code == SUCCESS && paths.size() < 1000) {
             paths.emplace_back(found->object_name.path_name);
             if (all)
                 all->push_back(found.value);

@@ -98,6 +98,8 @@ inline int get_object(long handle, BSA_UInt64 copy_id, std::string& content, siz
     data = block(memory.data(), memory.size());
     while (code == BSA_RC_SUCCESS) {
         code = BSAGetData(handle, &data);
+        if (code == BSA_RC_SUCCESS && data.numBytes == 0)
+            return BSA_RC_INVALID_DATABLOCK; // which would go on for ever
         content.append(memory, 0, data.numBytes);
     }
     if (code == BSA_RC_NO_MORE_DATA)
@@ -124,7 +126,7 @@ inline std::vector<std::string> find_objects(long handle, BSA_QueryDescriptor qu
     std::vector<std::string> paths;
     BSA_ObjectDescriptor descriptor;
     int code = BSAQueryObject(handle, &query, &descriptor);
-    while (code == BSA_RC_SUCCESS) {
+    while (code == BSA_RC_SUCCESS && paths.size() < 100000) {
         paths.emplace_back(descriptor.objectName.pathName);
         if (found)
             found->push_back(descriptor);

@@ -191,8 +191,9 @@ int BSATerminate(long bsaHandle);
 /** Begins a transaction: its creations and deletions happen when it ends, or not at all. */
 int BSABeginTxn(long bsaHandle);
 /**
- * Ends the transaction. When a commit fails, nothing of the transaction stays:
- * BSA_RC_TRANSACTION_ABORTED. An abort succeeds.
+ * Ends the transaction. A commit that fails is an abort, BSA_RC_TRANSACTION_ABORTED; if only the
+ * removal of an object fails, the code is that of the removal, and the rest is committed. An abort
+ * succeeds.
  * @param vote  BSA_Vote_COMMIT when all of it is to happen
  */
 int BSAEndTxn(long bsaHandle, BSA_Vote vote);
