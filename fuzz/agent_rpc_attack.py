@@ -116,7 +116,8 @@ METHODS = {
     "member.remove": ({"member": "none"}, ["member"]),
 }
 # Methods between agents: nobody at the socket may call them.
-CLOSED = ["group.deliver", "group.forward", "group.join", "run.begin", "run.end"]
+CLOSED = ["group.deliver", "group.forward", "group.join", "run.begin", "run.end",
+          "run.hold", "run.release"]
 # Of these, changed at random, none can do harm to an agent that others use.
 HARMLESS = [method for method in METHODS
             if method.endswith((".show", ".list", ".find", ".log", ".get_view"))]

@@ -275,6 +275,19 @@ secure_string Agent_Jobs::run_key(Job const& job) {
     return keys_.begin ? keys_.begin(job, instance_of(job.run_id())) : secure_string();
 }
 
+Hold_Answer Agent_Jobs::hold(Job const& job, std::set<std::string> const& resources) {
+    return holds_.hold ? holds_.hold(job, resources) : Hold_Answer();
+}
+
+void Agent_Jobs::release(Job const& job, std::set<std::string> const& resources) {
+    if (holds_.release)
+        holds_.release(job, resources);
+}
+
+void Agent_Jobs::waiting(Job const& job, std::string const& what) {
+    waits_for(job.run_id(), what);
+}
+
 // reading
 
 /** A row that was read before its run ended is read again, since the run is not live any more. */

@@ -100,6 +100,14 @@ public:
     };
     /** To be called before anything runs. Without it no run has a key. */
     void keys(Key_Hooks hooks) { keys_ = std::move(hooks); }
+    /** Who knows which run has what for itself. */
+    struct Hold_Hooks {
+        /** See Job_Backend::hold() and release(). */
+        std::function<Hold_Answer(Job const& job, std::set<std::string> const& resources)> hold;
+        std::function<void(Job const& job, std::set<std::string> const& resources)> release;
+    };
+    /** To be called before anything runs. Without it every run has what it asks for. */
+    void holds(Hold_Hooks hooks) { holds_ = std::move(hooks); }
     /** Calls it whenever a run has finished, on its thread, with the job's lock held: for ever. */
     void on_finished(std::function<void()> action);
 
@@ -111,6 +119,9 @@ public:
     void synced(Job const& job) override;
     void alert(Job const& job, Job_Alert const& alert) override;
     secure_string run_key(Job const& job) override;
+    Hold_Answer hold(Job const& job, std::set<std::string> const& resources) override;
+    void release(Job const& job, std::set<std::string> const& resources) override;
+    void waiting(Job const& job, std::string const& what) override;
     std::shared_ptr<ACE_Log_Msg_Callback> log_callback(Job const& job) override;
 
 private:
@@ -136,6 +147,7 @@ private:
     size_t const keep_runs_;
     Key_Hooks keys_;
     Skip_Judge skip_judge_;
+    Hold_Hooks holds_;
     Storage_Clock& clock_;
     std::mutex mutex_; // the database is never asked under it
     std::condition_variable finished_;

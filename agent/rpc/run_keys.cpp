@@ -70,8 +70,23 @@ std::shared_ptr<Run_Scope const> Run_Keys::find(Key_Digest const& digest,
     auto const found = keys_.find(digest);
     if (found == keys_.end())
         return nullptr;
-    auto const lost = lost_.find(found->second->host_uuid);
-    return lost != lost_.end() && now - lost->second >= LOST_HOST ? nullptr : found->second;
+    return is_lost(found->second->host_uuid, now) ? nullptr : found->second;
+}
+
+std::shared_ptr<Run_Scope const> Run_Keys::find_run(std::string const& host_uuid,
+                                                    std::string const& run_id,
+                                                    Clock::time_point now) const {
+    std::lock_guard const guard(mutex_);
+    auto const found = std::ranges::find_if(keys_, [&](auto const& one) {
+        return one.second->run_id == run_id && one.second->host_uuid == host_uuid;
+    });
+    return found == keys_.end() || is_lost(host_uuid, now) ? nullptr : found->second;
+}
+
+/** Under the lock. */
+bool Run_Keys::is_lost(std::string const& host_uuid, Clock::time_point now) const {
+    auto const lost = lost_.find(host_uuid);
+    return lost != lost_.end() && now - lost->second >= LOST_HOST;
 }
 
 std::vector<Run_Keys::Entry> Run_Keys::of_host(std::string const& host_uuid) const {

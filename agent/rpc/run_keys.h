@@ -50,10 +50,16 @@ public:
     /** What a key is for; null for one that is not known, or no longer. */
     std::shared_ptr<Run_Scope const> find(Key_Digest const& digest,
                                           Clock::time_point now = Clock::now()) const;
+    /** What a running run is about; null for one that has ended, is not known, or has no key. */
+    std::shared_ptr<Run_Scope const> find_run(std::string const& host_uuid,
+                                              std::string const& run_id,
+                                              Clock::time_point now = Clock::now()) const;
     /** The keys of a host's runs. */
     std::vector<Entry> of_host(std::string const& host_uuid) const;
 
 private:
+    bool is_lost(std::string const& host_uuid, Clock::time_point now) const;
+
     mutable std::mutex mutex_;
     std::map<Key_Digest, std::shared_ptr<Run_Scope const>> keys_;
     std::map<std::string, Clock::time_point> lost_; ///< hosts that have gone, and when

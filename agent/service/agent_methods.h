@@ -19,6 +19,7 @@ class Instance_Probe;
 class Job_Manager;
 class Method_Access;
 class Pool_Status;
+class Run_Holds;
 class Run_Keys;
 class SQLite_Catalog;
 class SQLite_Pools;
@@ -55,7 +56,7 @@ void add_backup_methods(Method_Table& methods, SQLite_Catalog& catalog, SQLite_P
 void add_group_member_methods(Method_Table& methods, Group_Members& members, SQLite_Pools& pools,
                               Group_Server& group);
 /** run.*: what a member tells of its runs */
-void add_run_methods(Method_Table& methods, Run_Keys& keys);
+void add_run_methods(Method_Table& methods, Run_Keys& keys, Run_Holds& holds);
 
 /** Lets the backup server answer those methods of a member that are about catalog and pools. */
 void forward_catalog_methods(Method_Table& methods);

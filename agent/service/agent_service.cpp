@@ -174,7 +174,7 @@ bool Agent_Service::install_back_ends(std::string& error) {
         return false;
     }
     access_ = std::make_unique<Method_Access>(*catalog_, *members_, *group_instances_, keys_);
-    run_access_ = std::make_unique<Run_Access>(keys_, identity_.host_uuid, is_member());
+    run_access_ = std::make_unique<Run_Access>(keys_, holds_, identity_.host_uuid, is_member());
     catalog_->on_abort([this](Dropped_Set const& set) { remove_files(set); });
     Host_Services& services = Host_Services::instance();
     services.instances(instances_);
@@ -225,6 +225,12 @@ void Agent_Service::make_jobs() {
     runs_->judge_skips([this](std::string const& instance) {
         return instance_condition_->fault_of_skip(instance);
     });
+    runs_->holds({[this](Job const& job, std::set<std::string> const& resources) {
+                      return run_access_->hold(job, resources);
+                  },
+                  [this](Job const& job, std::set<std::string> const& resources) {
+                      run_access_->release(job, resources);
+                  }});
     Host_Services::instance().jobs(runs_);
     jobs_ = std::make_unique<Job_Manager>(
         *definitions_, *runs_,
@@ -352,7 +358,7 @@ void Agent_Service::add_catalog_methods() {
     add_pool_methods(methods_, *pool_status_, *pools_, *access_);
     add_backup_methods(methods_, *catalog_, *pools_, *set_files_, *runs_, *access_);
     add_group_member_methods(methods_, *members_, *pools_, *group_->server());
-    add_run_methods(methods_, keys_);
+    add_run_methods(methods_, keys_, holds_);
     add_group_methods(methods_, *group_instances_, *catalog_, identity_);
     methods_.add("catalog.abort_open",
                  [this](Method_Call const& call, json_spirit::Value& result, Method_Fault& fault) {

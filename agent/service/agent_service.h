@@ -91,6 +91,9 @@ private:
     secure_string access_key_;   ///< the administrator's
     secure_string upstream_key_; ///< of a member, towards the backup server
     Run_Keys keys_;
+    Run_Holds holds_{[this](std::string const& host_uuid, std::string const& run_id) {
+        return keys_.find_run(host_uuid, run_id) != nullptr;
+    }};
     std::unique_ptr<Write_Journal> journal_;
     std::shared_ptr<SQLite_Catalog> catalog_;
     std::shared_ptr<SQLite_Instances> instances_;

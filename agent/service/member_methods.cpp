@@ -3,7 +3,9 @@
 #include "agent/rpc/run_keys.h"
 #include "agent/service/agent_methods.h"
 #include "agent/service/group_members.h"
+#include "agent/service/run_access.h"
 #include "agent/storage/sqlite_pools.h"
+#include "host/job/run_hold.h"
 #include "json_spirit/access.h"
 
 using json_spirit::Array;
@@ -71,6 +73,37 @@ Object describe(Member_Record const& member, std::vector<Group_Member> const& jo
     return object;
 }
 
+/** The params of run.hold and run.release. */
+struct Run_Wish {
+    std::string run_id;
+    std::string name;
+    std::set<std::string> resources;
+
+    bool read(Method_Call const& call, Method_Fault& fault);
+};
+
+bool Run_Wish::read(Method_Call const& call, Method_Fault& fault) {
+    constexpr size_t MOST = 4096;
+    std::string error;
+    Object rest = call.params.get_obj();
+    Array given;
+    bool const has_resources = json_spirit::object_get(rest, "resources", given);
+    rest.erase("resources");
+    Member_Reader reader(rest, "", error);
+    reader.required_text("run_id", run_id, names::fault_of_id);
+    reader.text("name", name, names::fault_of_title);
+    if (!has_resources || given.empty() || given.size() > MOST)
+        reader.blame("resources", "wanted an array of resources");
+    for (Value const& one : given) {
+        Run_Hold::Resource resource;
+        if (one.type() == json_spirit::str_type && Run_Hold::parse(one.get_str(), resource))
+            resources.insert(one.get_str());
+        else
+            reader.blame("resources", "wanted names of resources");
+    }
+    return reader.finish() || invalid_params(error, fault);
+}
+
 } // namespace
 
 void add_group_member_methods(Method_Table& methods, Group_Members& members, SQLite_Pools& pools,
@@ -104,7 +137,29 @@ void add_group_member_methods(Method_Table& methods, Group_Members& members, SQL
     });
 }
 
-void add_run_methods(Method_Table& methods, Run_Keys& keys) {
+void add_run_methods(Method_Table& methods, Run_Keys& keys, Run_Holds& holds) {
+    methods.add("run.hold", [&](Method_Call const& call, Value& result, Method_Fault& fault) {
+        Run_Wish wish;
+        if (!wish.read(call, fault))
+            return false;
+        std::shared_ptr<Run_Scope const> const run =
+            keys.find_run(call.caller.host_uuid, wish.run_id);
+        if (!run)
+            return refused("it is not for a run of that host that is on", fault);
+        result = Object{{"waits_for", holds.hold({run->host_uuid, run->run_id,
+                                                  Run_Access::text_of(wish.name, run->instance)},
+                                                 wish.resources)}};
+        return true;
+    });
+    methods.add("run.release", [&](Method_Call const& call, Value& result, Method_Fault& fault) {
+        Run_Wish wish;
+        if (!wish.read(call, fault))
+            return false;
+        holds.release(call.caller.host_uuid, wish.run_id, wish.resources);
+        result = Object();
+        return true;
+    });
+
     methods.add("run.begin", [&](Method_Call const& call, Value& result, Method_Fault& fault) {
         Run_Keys::Entry entry;
         if (!entry.read(call.params.get_obj()))

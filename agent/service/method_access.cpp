@@ -3,6 +3,7 @@
 #include "agent/catalog/sqlite_catalog.h"
 #include "agent/service/group_instances.h"
 #include "agent/service/group_members.h"
+#include "host/job/run_hold.h"
 #include "host/storage/xbsa_layout.h"
 #include "json_spirit/access.h"
 #include "qmrt/log.h"
@@ -126,6 +127,8 @@ struct Method_Access::Table {
             {"pool.update", {PEOPLE}},
             {"run.begin", {C::MEMBER, &A::of_own_host}},
             {"run.end", {C::MEMBER, &A::any}}, // ends runs of its own host only
+            {"run.hold", {C::MEMBER, &A::resources_of_run}},
+            {"run.release", {C::MEMBER, &A::any}}, // releases what runs of its own host have
         };
         return table;
     }
@@ -256,6 +259,29 @@ bool Method_Access::a_view(Question const& question) {
     std::optional<Member_Record> const member = members_.find(question.call.caller.member);
     return (member && member->all_pools) || object_get_str(question.params, "view") != "depends" ||
            refuse(question.why, "the view \"depends\" is for members with all pools");
+}
+
+/** What the hosts of the run's instance have; what another instance has would be kept from it. */
+bool Method_Access::resources_of_run(Question const& question) {
+    std::shared_ptr<Run_Scope const> const run =
+        keys_.find_run(question.host, object_get_str(question.params, "run_id"));
+    if (!run)
+        return refuse(question.why, "it is not for a run of that host that is on");
+    for (std::string const& name :
+         json_spirit::strings_of(array_of(question.params, "resources"))) {
+        Run_Hold::Resource resource;
+        if (!Run_Hold::parse(name, resource))
+            return refuse(question.why, "a resource has no valid name");
+        bool const own =
+            resource.kind == Run_Hold::Resource::INSTANCE
+                ? resource.owner == run->cluster_id ||
+                      std::ranges::count(instances_.hosts_of(resource.owner), question.host) > 0
+                : resource.owner == question.host ||
+                      instances_.has(resource.owner, KIND, run->instance);
+        if (!own)
+            return refuse(question.why, "a resource is not one of the run's instance");
+    }
+    return true;
 }
 
 // runs

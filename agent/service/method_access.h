@@ -71,6 +71,7 @@ private:
     bool of_own_resource(Question const& question);
     bool own_pieces(Question const& question);
     bool a_view(Question const& question);
+    bool resources_of_run(Question const& question);
     // checks of runs' calls
     bool of_runs_pool(Question const& question);
     bool pieces_of_run(Question const& question);

@@ -3,7 +3,9 @@
 #include "host/agent/host_services.h"
 #include "host/job/job.h"
 #include "host/rpc/upstream_backend.h"
+#include "json_spirit/access.h"
 #include "qmrt/log.h"
+#include "qmrt/names.h"
 #include "qmrt/utf8.h"
 
 using json_spirit::Object;
@@ -57,6 +59,56 @@ void Run_Access::end(std::string const& run_id) {
     std::string ignored;
     if (member_ && server)
         server->notify("run.end", Object{{"run_id", run_id}}, ignored);
+}
+
+namespace {
+
+json_spirit::Object hold_request(Job const& job, std::set<std::string> const& resources) {
+    Job_Definition_var const definition = job.definition();
+    return {{"run_id", job.run_id()},
+            {"name", definition.null() ? std::string() : definition->name()},
+            {"resources", json_spirit::Array(resources.begin(), resources.end())}};
+}
+
+} // namespace
+
+std::string Run_Access::text_of(std::string const& job_name, std::string const& instance) {
+    return "job \"" + names::shown(job_name) + "\" of instance \"" + names::shown(instance) + "\"";
+}
+
+Hold_Answer Run_Access::hold(Job const& job, std::set<std::string> const& resources) {
+    std::shared_ptr<Run_Scope const> const run = keys_.find_run(host_uuid_, job.run_id());
+    if (!run)
+        return {Hold_Answer::REFUSED, "the run has no key, so nobody could see when it ends"};
+    std::string waits_for;
+    if (!member_) {
+        Job_Definition_var const definition = job.definition();
+        std::string const name = definition.null() ? std::string() : definition->name();
+        waits_for = holds_.hold({host_uuid_, run->run_id, text_of(name, run->instance)}, resources);
+    } else {
+        std::shared_ptr<Upstream_Backend> const server = Host_Services::instance().upstream();
+        Job_Definition_var const definition = job.definition();
+        Upstream_Backend::Limits const limits{
+            LIMITS.answer, definition.null() ? -1 : definition->max_seconds_retry()};
+        JSON_RPC_Reply reply;
+        if (!server || !server->call("run.hold", hold_request(job, resources), limits, reply))
+            return {Hold_Answer::REFUSED, server ? "the backup server answered: " + reply.message
+                                                 : std::string("no backup server is configured")};
+        if (reply.result.type() != json_spirit::obj_type)
+            return {Hold_Answer::REFUSED, "the backup server did not answer with an object"};
+        waits_for = json_spirit::object_get_str(reply.result.get_obj(), "waits_for");
+    }
+    return {waits_for.empty() ? Hold_Answer::GRANTED : Hold_Answer::WAIT, waits_for};
+}
+
+void Run_Access::release(Job const& job, std::set<std::string> const& resources) {
+    std::string const run_id = job.run_id();
+    if (!member_)
+        return holds_.release(host_uuid_, run_id, resources);
+    std::shared_ptr<Upstream_Backend> const server = Host_Services::instance().upstream();
+    std::string ignored; // the server frees them when it learns that the run has ended
+    if (server)
+        server->notify("run.release", hold_request(job, resources), ignored);
 }
 
 json_spirit::Array Run_Access::runs() const {

@@ -5,6 +5,7 @@
 #include "host/agent/host_manager.h"
 #include "host/job/job_activity.h"
 #include "host/job/job_alert.h"
+#include "host/job/run_hold.h"
 #include "qmrt/log.h"
 
 #include <ctime>
@@ -29,6 +30,16 @@ bool get_hosts_of_cluster(Job& job, GaussDB_Cluster_Handler const& cluster,
     raise_alert(job, 7, 6);
     QMRT_LOG(LM_ERROR, "Failed to get cluster hosts of %s\n", instance.c_str());
     return false;
+}
+
+std::set<std::string> roach_resources(std::vector<std::string> const& host_uuids,
+                                      std::string const& policy_name) {
+    std::set<std::string> resources;
+    for (std::string const& host : host_uuids) {
+        resources.insert(Run_Hold::metadata(host));
+        resources.insert(Run_Hold::policy(host, policy_name));
+    }
+    return resources;
 }
 
 void raise_alert(Job& job, unsigned long level, unsigned long code) {

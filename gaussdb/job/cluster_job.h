@@ -3,6 +3,7 @@
 
 #include "gaussdb/common/gaussdb_cluster_handler.h"
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,13 @@ bool uses_python3(GaussDB_Version const& version);
  */
 bool get_hosts_of_cluster(Job& job, GaussDB_Cluster_Handler const& cluster,
                           std::string const& instance, std::vector<std::string>& host_uuids);
+
+/**
+ * What a run of the backup tool uses alone on each of the cluster's hosts, for Run_Hold: the tool's
+ * metadata directory, which a host has one of, and the policy file.
+ */
+std::set<std::string> roach_resources(std::vector<std::string> const& host_uuids,
+                                      std::string const& policy_name);
 
 /** Raises an alert that has nothing to add to its two numbers; see write_job_alert(). */
 void raise_alert(Job& job, unsigned long level, unsigned long code);

@@ -13,6 +13,7 @@
 #include "host/job/job_mutex.h"
 #include "host/job/job_thread_helper.h"
 #include "host/job/minor_resource_id.h"
+#include "host/job/run_hold.h"
 #include "host/mtf/archive_path.h"
 #include "host/mtf/mtf_backup.h"
 #include "qmrt/names.h"
@@ -74,6 +75,9 @@ bool GaussDB_Backup_Job_Executor::is_active(Job::Action_Options const*) {
 }
 
 bool GaussDB_Backup_Job_Executor::execute_i(Job::Action_Options const*) {
+    Run_Hold const instance(job_, {Run_Hold::instance(src_->id())});
+    if (!instance)
+        return false;
     ACE_Guard<ACE_Thread_Mutex> const lock(Job_Mutex::get(src_->id()));
     if (!lock.locked() || cluster_.null() || QMRT_IS_NULL_AT(LM_ERROR, opts_))
         return false;
@@ -91,7 +95,12 @@ bool GaussDB_Backup_Job_Executor::execute_i(Job::Action_Options const*) {
     Hosts hosts;
     if (!get_hosts_of_cluster(job_, *cluster_, instance_, hosts))
         return false;
+    Run_Hold const tool(job_, roach_resources(hosts, tgt_.id()));
+    if (!tool)
+        return false;
     Roach_Source roach_source = make_roach_source();
+    // after a failure, too: the policy's key is void then
+    Scoped_Deleter policy([&] { roach_source.drop_policy(); });
     if (!notify(roach_source, hosts))
         return false;
     Roach_Meta_Parser parser(roach_source.meta_path(), cluster_->get_gaussdb_version().model_,
@@ -101,6 +110,7 @@ bool GaussDB_Backup_Job_Executor::execute_i(Job::Action_Options const*) {
 
     if (!open_set(bset) || !run_roach(roach_source, bset, parser) || !complete_set(bset, parser))
         return false;
+    policy.release();
     roach_source.remove(hosts, nullptr, ""); // what stays behind has been logged
     return true;
 }

@@ -25,8 +25,11 @@ class Roach_Source;
  *
  * A set is opened in the catalog before the tool runs and completed when everything of it is in the
  * pool. A run that fails in between drops the set again when the executor is destroyed, which is
- * before the job is told that it is over. What the hosts of the cluster were told for the backup
- * tool is taken back only after a success.
+ * before the job is told that it is over. What the other hosts of the cluster were told for the
+ * backup tool is taken back only after a success; this host's policy goes in any case.
+ *
+ * A run has its instance, and the tool's directories on all hosts of the cluster, for itself: see
+ * Run_Hold.
  *
  * An incremental backup becomes a full one when there is nothing to build on. A cancel is not
  * looked at: the tool runs to its end.

@@ -9,6 +9,7 @@
 #include "gaussdb/job/roach_source.h"
 #include "host/catalog/backup_set.h"
 #include "host/job/job_mutex.h"
+#include "host/job/run_hold.h"
 #include "json_spirit/access.h"
 
 #include <ace/Guard_T.h>
@@ -54,6 +55,9 @@ bool GaussDB_Restore_Job_Executor::new_cluster() const {
 }
 
 bool GaussDB_Restore_Job_Executor::execute_i(Job::Action_Options const*) {
+    Run_Hold const instance(job_, {Run_Hold::instance(tgt_.id())});
+    if (!instance)
+        return false;
     ACE_Guard<ACE_Thread_Mutex> const lock(Job_Mutex::get(tgt_.id()));
     if (!lock.locked())
         return false;
@@ -70,7 +74,12 @@ bool GaussDB_Restore_Job_Executor::execute_i(Job::Action_Options const*) {
     if (!load_chain(chain) || !choose_cache_dir() ||
         !get_hosts_of_cluster(job_, *cluster_, instance_, hosts))
         return false;
+    Run_Hold const tool(job_, roach_resources(hosts, chain.pool_uuid));
+    if (!tool)
+        return false;
     Roach_Source roach_source = make_roach_source(chain);
+    // after a failure, too: the policy's key is void then
+    Scoped_Deleter policy([&] { roach_source.drop_policy(); });
     if (!restore_roach_metadata(roach_source, chain) || !notify(roach_source, hosts, chain))
         return false;
 
@@ -80,6 +89,7 @@ bool GaussDB_Restore_Job_Executor::execute_i(Job::Action_Options const*) {
     if (!run_roach(roach_executor, roach_source, chain))
         return false;
     std::set<std::string> directories = data_directories();
+    policy.release();
     roach_source.remove(hosts, &directories, def_.id()); // what stays behind has been logged
     if (!start(roach_executor))
         return false;

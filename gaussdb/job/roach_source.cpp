@@ -278,6 +278,11 @@ bool Roach_Source::remove_policy() {
            rm_rf(Path_Conf(ROOT, true, "meta/backupset_nbu.ini", 0750).c_str()) == 0;
 }
 
+void Roach_Source::drop_policy() const {
+    if (is_run_name(policy_name_))
+        unlink(Path_Conf(ROOT, true, policy_name_.c_str(), 0750).c_str());
+}
+
 // the other hosts
 
 json_spirit::Object Roach_Source::add_request() const {

@@ -65,6 +65,8 @@ public:
     bool dump_policy();
     /** Removes the policy file and the 100 series' metadata file; neither need be there. */
     bool remove_policy();
+    /** Removes the policy file alone, after a run that failed; logs nothing. */
+    void drop_policy() const;
 
     /**
      * Gives the policy to hosts, in their order; stops at the first that fails. On this host it is

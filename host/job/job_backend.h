@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 
 class ACE_Log_Msg_Callback;
@@ -35,6 +36,13 @@ struct Job_Alert {
     json_spirit::Value detail; ///< what the text may want to name
     long count;                ///< how often it happened
     std::string text;          ///< level and code in words
+};
+
+/** The answer to a run that wants resources for itself. */
+struct Hold_Answer {
+    enum Kind { GRANTED, WAIT, REFUSED };
+    Kind kind = GRANTED;
+    std::string text; ///< WAIT: for what, such as a job of an instance; REFUSED: why
 };
 
 /**
@@ -74,6 +82,20 @@ public:
      * void once finished() has been called. "" for a run without one, here.
      */
     virtual secure_string run_key(Job const& /*job*/) { return {}; }
+
+    /**
+     * Asks for resources, all or none, for the run that Job::run_id() names. A run that is told to
+     * wait keeps its place in the queue as long as it asks again with the same resources. Does not
+     * wait for other runs. Without the job's lock. Here: always granted. See Run_Hold.
+     */
+    virtual Hold_Answer hold(Job const& /*job*/, std::set<std::string> const& /*resources*/) {
+        return {};
+    }
+    /** Ends what hold() began: the resources, or the place in the queue. */
+    virtual void release(Job const& /*job*/, std::set<std::string> const& /*resources*/) {}
+    /** What the run waits for, for people; "" when it waits no longer. */
+    virtual void waiting(Job const& /*job*/, std::string const& /*what*/) {}
+
     virtual void alert(Job const& job, Job_Alert const& alert) = 0;
     /**
      * Takes the log lines of the run that Job::run_id() names. Its log() may be called on several

@@ -91,7 +91,7 @@ class Protected_Cluster(object):
 
     def remove_pool(self, name):
         pool = next(pool for pool in tell("pools")["pools"] if pool["name"] == name)
-        # a run that failed leaves its policy to the next one of that pool, which there is none of
+        # a run that was killed leaves its policy to the next one of that pool, which there is none of
         self.policy(name).unlink(missing_ok=True)
         protection.ask("zenbrak3", "pool", "remove", name)
         self.pools.pop(pool["uuid"])
@@ -228,7 +228,7 @@ class Protected_Cluster(object):
         for pool, directory in self.pools.items():
             self._assert_pool_is_clean(pool, directory, catalog)
         left = {path.name for path in CACHE.iterdir()} - {"meta", "media", "c1", "c1_env"}
-        # a run that failed leaves its policy to the next one
+        # a run that was killed leaves its policy to the next one
         assert left <= set(self.pools), "in %s: %s" % (CACHE, left)
         left = set(os.listdir("/tmp")) - set(ROOT.parts[2:3] if ROOT.parts[1] == "tmp" else ())
         assert not left, left

@@ -78,6 +78,29 @@ public:
     void finished(Job const&) override {
         add("finished", [&] { ++finished_; });
     }
+    Hold_Answer hold(Job const&, std::set<std::string> const& resources) override {
+        std::function<Hold_Answer(std::set<std::string> const&)> action;
+        {
+            std::lock_guard const guard(mutex_);
+            holds_.push_back("hold" + joined(resources));
+            action = on_hold_;
+        }
+        return action ? action(resources) : Hold_Answer();
+    }
+    void release(Job const&, std::set<std::string> const& resources) override {
+        std::lock_guard const guard(mutex_);
+        holds_.push_back("release" + joined(resources));
+    }
+    void waiting(Job const&, std::string const& what) override {
+        std::lock_guard const guard(mutex_);
+        holds_.push_back("waiting " + what);
+    }
+    static std::string joined(std::set<std::string> const& resources) {
+        std::string text;
+        for (std::string const& resource : resources)
+            text += " " + resource;
+        return text;
+    }
     void synced(Job const&) override {
         add("synced", [] {});
     }
@@ -124,6 +147,8 @@ public:
     std::map<std::string, Fake_Jobs::Run> runs_;
     size_t finished_ = 0;
     bool refuse_runs_ = false;
+    std::function<Hold_Answer(std::set<std::string> const&)> on_hold_;
+    std::vector<std::string> holds_;
     std::function<void(std::string const&)> on_event_;
     std::shared_ptr<Lines> lines_ = std::make_shared<Lines>();
 };
@@ -135,6 +160,15 @@ Fake_Jobs::Fake_Jobs() : backend_(std::make_shared<Backend>()) {
 Fake_Jobs::~Fake_Jobs() {
     ACE_Thread_Manager::instance()->wait();
     Host_Services::instance().jobs(nullptr);
+}
+
+void Fake_Jobs::on_hold(std::function<Hold_Answer(std::set<std::string> const& resources)> action) {
+    std::lock_guard const guard(backend_->mutex_);
+    backend_->on_hold_ = std::move(action);
+}
+
+std::vector<std::string> Fake_Jobs::holds() const {
+    return backend_->copy(backend_->holds_);
 }
 
 std::vector<std::string> Fake_Jobs::events() const {
@@ -186,6 +220,7 @@ void Fake_Jobs::clear() {
     backend_->alerts_.clear();
     backend_->run_ids_.clear();
     backend_->runs_.clear();
+    backend_->holds_.clear();
     backend_->finished_ = 0;
 }
 

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,10 @@ public:
 
     /** Called with each event that is one, on the thread that it came on, before it is kept. */
     void on_event(std::function<void(std::string const& event)> action);
+    /** Answers runs that want resources for themselves; without it they get them. */
+    void on_hold(std::function<Hold_Answer(std::set<std::string> const& resources)> action);
+    /** What was asked for and given back: "hold a b", "release a b", and "waiting TEXT". */
+    std::vector<std::string> holds() const;
     /** The next runs get no id. */
     void refuse_runs(bool value = true);
 

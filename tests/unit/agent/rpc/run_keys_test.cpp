@@ -44,6 +44,20 @@ TEST_F(Run_Keys_Test, a_key_is_known_until_its_run_ends) {
     EXPECT_EQ("h1/r2", run_of("k2"));
 }
 
+TEST_F(Run_Keys_Test, a_run_is_known_as_long_as_its_key) {
+    EXPECT_EQ(nullptr, keys_.find_run("h1", "r1", NOW));
+    keys_.add(run_key("k1", "h1", "r1"));
+    ASSERT_NE(nullptr, keys_.find_run("h1", "r1", NOW));
+    EXPECT_EQ("c1", keys_.find_run("h1", "r1", NOW)->instance);
+    EXPECT_EQ(nullptr, keys_.find_run("h2", "r1", NOW));
+    EXPECT_EQ(nullptr, keys_.find_run("h1", "r2", NOW));
+    keys_.host_lost("h1", NOW);
+    EXPECT_NE(nullptr, keys_.find_run("h1", "r1", NOW + Run_Keys::LOST_HOST - 1s));
+    EXPECT_EQ(nullptr, keys_.find_run("h1", "r1", NOW + Run_Keys::LOST_HOST));
+    keys_.replace("h1", {});
+    EXPECT_EQ(nullptr, keys_.find_run("h1", "r1", NOW)) << "it has come back without the run";
+}
+
 TEST_F(Run_Keys_Test, a_host_ends_only_its_own_runs_and_takes_no_key_of_another) {
     keys_.add(run_key("k1", "h1", "r1"));
     keys_.end("h2", "r1");

@@ -150,12 +150,15 @@ TEST_F(Method_Access_Test, only_these_are_for_the_network_beside_the_administrat
                                               "pool.find",
                                               "pool.list",
                                               "run.begin",
-                                              "run.end"};
+                                              "run.end",
+                                              "run.hold",
+                                              "run.release"};
     std::set<std::string> const of_runs = {"catalog.add_piece", "catalog.get_view", "pool.find"};
     // what suits the checks of all of them
     Object const params{{"uuid", "run"},         {"host_uuid", "h1"},
                         {"resource_uuid", "c1"}, {"type", "gaussdb"},
                         {"view", "catalogs"},    {"query", Object{{"uuid", "own"}}},
+                        {"run_id", "run"},       {"resources", Array{}},
                         {"kind", "gaussdb"},     {"set", record("run", "h1", "c1", "p1")}};
     for (std::string const& method : described_methods()) {
         EXPECT_EQ(of_members.contains(method), member_may(method, params)) << method;
@@ -266,6 +269,23 @@ TEST_F(Method_Access_Test, a_member_tells_of_its_own_runs_only) {
     EXPECT_EQ(Rpc_Caller::NOBODY, access_.caller(key_digest("stolen")).kind) << "a run of h1";
     access_.joined("h1", Array{});
     EXPECT_EQ(Rpc_Caller::NOBODY, access_.caller(key_digest("backup key")).kind);
+}
+
+TEST_F(Method_Access_Test, a_member_reserves_what_the_hosts_of_its_runs_instance_have) {
+    auto const may_hold = [&](std::string const& run, Array const& resources) {
+        return member_may("run.hold", {{"run_id", run}, {"resources", resources}});
+    };
+    EXPECT_TRUE(may_hold("run", {"metadata/h1", "policy/h1/p1", "instance/c1"}));
+    EXPECT_FALSE(may_hold("run", {"metadata/h1", "metadata/h2"}));
+    EXPECT_FALSE(may_hold("run", {"policy/h2/p1"}));
+    EXPECT_FALSE(may_hold("run", {"instance/c2"}));
+    EXPECT_FALSE(may_hold("run", {"meta"}));
+    EXPECT_FALSE(may_hold("another run", {"metadata/h1"}));
+    instances_.note("h2", "gaussdb", "c1", "c1"); // the cluster lies there, too
+    EXPECT_TRUE(may_hold("run", {"metadata/h1", "metadata/h2", "policy/h2/p1"}));
+    keys_.end("h1", "run");
+    keys_.end("h1", "restore");
+    EXPECT_FALSE(may_hold("run", {"metadata/h1"}));
 }
 
 TEST_F(Method_Access_Test, a_member_sees_the_pools_that_it_was_given) {
