@@ -196,8 +196,8 @@ bool Roach_Source::create_path() {
 void Roach_Source::delete_meta() {
     // only what is this user's: another user's comes back with that user
     Tool_Directory const directory = meta();
-    if (directory.make() == 0)
-        directory.remove();
+    if (directory.make() == 0 && directory.remove() == -1)
+        QMRT_LOG(LM_ERROR, "Failed to remove %s, errno=%d, %m\n", meta_path_.c_str(), errno);
 }
 
 /** What policy file and request have in common. */

@@ -13,6 +13,8 @@
 namespace {
 
 constexpr mode_t TOOL_DIRECTORY_MODE = 0750;
+/** Behind the path of a directory that is being removed. */
+constexpr char REMOVED[] = ".removed";
 
 int refuse_entry(int error) {
     errno = error;
@@ -71,7 +73,11 @@ int Tool_Directory::set_aside(uid_t other) const {
 }
 
 int Tool_Directory::remove() const {
-    return rm_rf(path_.c_str());
+    std::string const removed = path_ + REMOVED;
+    if (rm_rf(removed.c_str()) == -1 ||
+        (std::rename(path_.c_str(), removed.c_str()) == -1 && errno != ENOENT))
+        return -1;
+    return rm_rf(removed.c_str());
 }
 
 File_Descriptor Tool_Directory::open_folder(std::string const& name) const {

@@ -33,7 +33,11 @@ public:
      * "<path>.<uid>", and comes back when the directory is made for that user again.
      */
     int make() const;
-    /** Removes the directory with all that is in it. */
+    /**
+     * Removes the directory with all that is in it. It is moved out of the way first, to
+     * "<path>.removed": directories that rm_rf() could not remove are root's, and the user's tool
+     * would meet them in the next one. What is left there goes with the next remove().
+     */
     int remove() const;
 
     /** Reads a whole regular file that belongs to the user. */
