@@ -126,6 +126,11 @@ bool parse_part(Job_Module::Parser_Creator* creator, char const* member, Object 
         error = std::string(member) + ": " + parser->error();
         return false;
     }
+    if (!parser->ignored().empty()) {
+        // whoever wrote it meant something by it
+        error = std::string(member) + ": " + parser->ignored();
+        return false;
+    }
     result = Part_var(parser->release().release());
     return true;
 }

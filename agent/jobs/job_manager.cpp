@@ -59,6 +59,9 @@ Job_Answer Job_Manager::check(Object const& normal, Job_Definition_var& result) 
     std::string error;
     if (!definition_from_json(*module, normal, result, error))
         return Job_Answer::invalid(error);
+    error = module->creator ? module->creator->fault_of(*result) : std::string();
+    if (!error.empty())
+        return Job_Answer::invalid(error);
     return {};
 }
 

@@ -1,7 +1,5 @@
 #include "gaussdb/job/gaussdb_backup_job_options_parser.h"
 
-#include "qmrt/natoi.h"
-
 Job_Definition_Key const GaussDB_Backup_Job_Options_Parser::key_table_1[] = {
     {"compression", 11, COMPRESSION_BIT},
     {"channels", 8, CHANNELS_BIT},
@@ -35,6 +33,10 @@ bool GaussDB_Backup_Job_Options_Parser::handle_string_i(char const* text, size_t
     switch (state.key) {
     case COMPRESSION_BIT:
         options->compression_ = compression_name_to_value(text, static_cast<ssize_t>(length));
+        if (std::string_view const name(text, length);
+            options->compression_ == COMPR_NONE && !name.empty() && name != "none")
+            ignore("unknown compression \"" + names::shown(std::string(name)) +
+                   "\" (expected none, zstd, lzop or auto)");
         break;
     case CACHE_DIR_BIT:
         stored = store(options->cache_dir_, text, length);
@@ -57,7 +59,7 @@ bool GaussDB_Backup_Job_Options_Parser::handle_number_i(char const* text, size_t
     JSON_State& state = states_.back();
     if (!state.obj || state.key == 0)
         return true;
-    int const value = natoi<int>(text, length);
+    int const value = state.key == FILESPLIT_SIZE_BIT ? 0 : whole_number<int>(text, length);
     switch (state.key) {
     case CHANNELS_BIT:
         options->channels_ = value;
@@ -90,7 +92,7 @@ bool GaussDB_Backup_Job_Options_Parser::handle_number_i(char const* text, size_t
         options->master_timeout_ = static_cast<unsigned int>(value);
         break;
     case FILESPLIT_SIZE_BIT:
-        options->filesplit_size_ = natoi<unsigned long>(text, length);
+        options->filesplit_size_ = whole_number<unsigned long>(text, length);
         break;
     default:
         return wrong_type("a number");
@@ -109,5 +111,7 @@ bool GaussDB_Backup_Job_Options_Parser::handle_boolean_i(bool value) {
         options->mount_ = value;
     else if (state.key == CLEAN_META_BIT)
         options->clean_meta_ = value;
+    else if (state.key != 0)
+        unwanted("boolean");
     return seen(state);
 }

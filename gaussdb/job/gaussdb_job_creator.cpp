@@ -6,6 +6,7 @@
 #include "gaussdb/job/gaussdb_non_intrusive_restore_executor.h"
 #include "gaussdb/job/gaussdb_restore_job_executor.h"
 #include "gaussdb/job/gaussdb_utils.h"
+#include "gaussdb/job/job_definition_rules.h"
 #include "job/controllable_job_t.h"
 #include "qmrt/check.h"
 
@@ -48,6 +49,10 @@ Job_var refuse(Job_Definition const& definition, char const* flavour) {
 }
 
 } // namespace
+
+std::string GaussDB_Job_Creator::fault_of(Job_Definition const& definition) {
+    return fault_of_job_definition(definition, flavour_of(definition));
+}
 
 Job_var GaussDB_Job_Creator::create(Job_Definition_var definition) {
     if (QMRT_IS_NULL_AT(LM_ERROR, definition.get()))

@@ -18,6 +18,8 @@ public:
      *         yet; null with ENOMEM when there is no memory
      */
     Job_var create(Job_Definition_var definition) override;
+    /** As fault_of_job_definition() has it, for the flavour of the definition's cluster. */
+    std::string fault_of(Job_Definition const& definition) override;
 };
 
 #endif

@@ -1,7 +1,5 @@
 #include "gaussdb/job/gaussdb_restore_job_options_parser.h"
 
-#include "qmrt/natoi.h"
-
 Job_Definition_Key const GaussDB_Restore_Job_Options_Parser::key_table_1[] = {
     {"channels", 8, CHANNELS_BIT},
     {"max_memory_usage", 16, MAX_MEMORY_USAGE_BIT},
@@ -42,10 +40,10 @@ bool GaussDB_Restore_Job_Options_Parser::handle_number_i(char const* text, size_
     if (!can_take_value())
         return false;
     JSON_State& state = states_.back();
-    int const value = natoi<int>(text, length);
-    switch (state.key) {
-    case 0:
+    if (state.key == 0)
         return true;
+    int const value = whole_number<int>(text, length);
+    switch (state.key) {
     case CHANNELS_BIT:
         object()->channels_ = value;
         break;
@@ -73,5 +71,7 @@ bool GaussDB_Restore_Job_Options_Parser::handle_boolean_i(bool value) {
     JSON_State& state = states_.back();
     if (state.key == MOUNT_BIT)
         object()->mount_ = value;
+    else if (state.key != 0)
+        unwanted("boolean");
     return seen(state);
 }

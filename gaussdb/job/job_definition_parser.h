@@ -4,12 +4,14 @@
 #include "host/yajl/yajl_parser.h"
 #include "qmrt/key2_value.h"
 #include "qmrt/names.h"
+#include "qmrt/natoi.h"
 
 #include <cerrno>
 #include <cstdint>
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /**
@@ -35,7 +37,8 @@
  * For all: null is skipped; of a key that comes twice the last value counts (entries: all of them);
  * a number beyond its field's range becomes the field's largest value, as natoi() has it; a string
  * that is stored must have no NUL (YAJL_ERR_NUL) and be a name of its kind (YAJL_ERR_NAME, see
- * qmrt/names.h), since it goes into command lines and paths; "" is left alone. What
+ * qmrt/names.h), since it goes into command lines and paths; "" is left alone. What is skipped, or
+ * counts for something else than it says, is in ignored(), for a caller that refuses it. What
  * else can be wrong is YAJL_Parser_Base's. error() names the key and the byte. Nothing is logged,
  * but for each required key that is not there a warning.
  */
@@ -60,13 +63,18 @@ Job_Definition_Key const& get_key_value_entry(Job_Definition_Key const* table, u
 template <typename Base, typename Object>
 class Job_Definition_Parser_T : public YAJL_Parser<Base> {
 public:
-    bool handle_start_map_i() override { return push(true); }
+    bool handle_start_map_i() override {
+        if (!states_.empty())
+            unwanted("map");
+        return push(true);
+    }
     bool handle_map_key_i(char const* text, size_t length) override {
         if (states_.empty())
             return no_level();
         states_.back().key = get_key_value_entry(table_, text, length).value;
-        return true;
+        return states_.back().key != 0 || unknown_key(text, length);
     }
+    bool handle_start_array_i() override { return states_.empty() || unwanted("list"); }
     bool handle_end_map_i() override { return pop(); }
 
 protected:
@@ -107,6 +115,28 @@ protected:
         return true;
     }
 
+    // what is taken and does nothing; see YAJL_Parser_Base::ignored()
+
+    bool unknown_key(char const* text, size_t length) {
+        return this->ignore("unknown key \"" + names::shown(std::string(text, length)) + "\"");
+    }
+    /** A value of a kind that its key takes nothing of. @param given  "list" */
+    bool unwanted(char const* given) {
+        return this->ignore(std::string("a ") + given + " at key \"" +
+                            names::shown(this->current_key()) + "\", which takes none");
+    }
+    /** Of a number only the whole part counts, and of a large one what its field can hold. */
+    template <typename Number>
+    Number whole_number(char const* text, size_t length) {
+        errno = 0;
+        auto const value = natoi<Number>(text, length);
+        if (errno == ERANGE ||
+            std::string_view(text, length).find_first_of(".eE") != std::string_view::npos)
+            this->ignore("\"" + this->current_key() + "\" wants a whole number of its range, not " +
+                         names::shown(std::string(text, length)));
+        return value;
+    }
+
     bool no_level() {
         return this->stop(YAJL_ERR_STRUCTURE, "an end, a key or a value outside of any object");
     }
@@ -117,6 +147,8 @@ protected:
     bool misplaced_string() { return this->stop(YAJL_ERR_PLACE, "a string where none is wanted"); }
 
     Job_Definition_Key const* table_;
+    /** The key that takes a list; no key's bit for none. */
+    uint64_t list_key_ = ~uint64_t{0};
     std::vector<JSON_State> states_;
 };
 
@@ -129,7 +161,11 @@ public:
     bool handle_map_key_i(char const* text, size_t length) override {
         return this->states_.size() > 1 || Parent::handle_map_key_i(text, length);
     }
-    bool handle_start_array_i() override { return this->push(false); }
+    bool handle_start_array_i() override {
+        if (this->states_.size() != 1 || this->states_.back().key != this->list_key_)
+            this->unwanted("list");
+        return this->push(false);
+    }
     bool handle_end_array_i() override { return this->pop(); }
 
 protected:

@@ -32,6 +32,9 @@ public:
         }
     }
 
+    bool handle_number_i(char const*, size_t) override { return unwanted_value("number"); }
+    bool handle_boolean_i(bool) override { return unwanted_value("boolean"); }
+
     /** An array of entries counts as given also when it is empty. */
     bool handle_end_array_i() override {
         if (!this->pop())
@@ -46,9 +49,16 @@ public:
     }
 
 protected:
-    Job_Source_Parser_T() : Job_Level_Parser_T<Job_Source, Source>(Parser::key_table) {}
+    Job_Source_Parser_T() : Job_Level_Parser_T<Job_Source, Source>(Parser::key_table) {
+        this->list_key_ = Parser::ENTRIES_BIT;
+    }
 
 private:
+    /** Below an unknown key it has been told already. */
+    bool unwanted_value(char const* given) {
+        return this->states_.empty() || this->states_.front().key == 0 || this->unwanted(given);
+    }
+
     /** The id of a source names its policy's file. */
     static names::Rule rule_of(uint64_t bit) {
         if (bit == JOB_SOURCE_ID_BIT)

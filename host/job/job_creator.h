@@ -17,6 +17,13 @@ public:
      * @return null for a definition that is not this creator's, or with errno ENOMEM.
      */
     virtual Job_var create(Job_Definition_var definition) = 0;
+    /**
+     * Why a run of @a definition could not do what the definition says, as far as that can be seen
+     * now, such as an option that the instance's flavour does not have. Runs no tool. May be called
+     * on any thread.
+     * @return a sentence that begins with "options" or "source"; "" without a fault
+     */
+    virtual std::string fault_of(Job_Definition const& /*definition*/) { return ""; }
 };
 
 /** Destroys a Job_Creator; see host/agent/module_factory.h. */

@@ -165,6 +165,12 @@ bool YAJL_Parser_Base::stop(int code, std::string what) {
     return false;
 }
 
+bool YAJL_Parser_Base::ignore(std::string what) {
+    if (ignored_.empty())
+        ignored_ = qmrt::to_one_line(what);
+    return true;
+}
+
 bool YAJL_Parser_Base::fail_by_yajl(int status, bool at_end) {
     // at the end yajl counts the blank that it adds
     size_t const at = consumed_ + (at_end ? 0 : yajl_get_bytes_consumed(handle_.get()));
@@ -239,7 +245,6 @@ bool YAJL_Parser_Base::check(char const* text, size_t length) {
     return stop(YAJL_ERR_UTF8, "a string or key is no UTF-8");
 }
 
-/** The beginning of the innermost key whose value is being parsed; "" when there is none. */
 std::string YAJL_Parser_Base::current_key() const {
     constexpr size_t MAX_SHOWN = 64;
     auto const found = std::find_if(keys_.rbegin(), keys_.rend(),

@@ -63,6 +63,12 @@ public:
      */
     std::string const& error() const { return error_; }
 
+    /**
+     * The first thing in the text that the handlers took and did nothing with, such as
+     * 'unknown key "x"'; "" for none. It is for the caller to decide whether that is a fault.
+     */
+    std::string const& ignored() const { return ignored_; }
+
     /** Sets the bound in place of MAX_STRING_SIZE. Before the first piece. */
     void max_string_size(size_t limit) { max_string_size_ = limit; }
 
@@ -74,6 +80,11 @@ protected:
      * @return false
      */
     bool stop(int code, std::string what);
+
+    /** For a handler that does nothing with what it got. @return true */
+    bool ignore(std::string what);
+    /** The beginning of the innermost key whose value is being parsed; "" when there is none. */
+    std::string current_key() const;
 
 private:
     friend struct YAJL_Parser_Events;
@@ -87,11 +98,11 @@ private:
     bool enter();
     bool leave();
     bool check(char const* text, size_t length);
-    std::string current_key() const;
 
     std::unique_ptr<yajl_handle_t, Handle_Deleter> handle_;
     std::vector<std::string> keys_; ///< for each open level the key that its value is for
     std::string error_;
+    std::string ignored_;
     std::string reason_; ///< why an event was refused, in words
     size_t max_string_size_ = MAX_STRING_SIZE;
     json_spirit::Escape_Scan escapes_;

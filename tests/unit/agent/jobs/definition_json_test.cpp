@@ -156,6 +156,18 @@ TEST_F(Definition_JSON_Test, an_unknown_member_is_refused_by_its_name) {
     EXPECT_EQ("target.name: is not known", fault(restore(R"(,"target":{"id":"x","name":"y"})")));
 }
 
+TEST_F(Definition_JSON_Test, what_the_modules_parsers_take_no_notice_of_is_refused_by_its_name) {
+    EXPECT_EQ("options: unknown key \"chanels\"", fault(R"(,"options":{"chanels":2})"));
+    EXPECT_EQ("options: a boolean at key \"channels\", which takes none",
+              fault(R"(,"options":{"channels":true})"));
+    EXPECT_EQ("", fault(R"(,"options":{"channels":2})"));
+    EXPECT_EQ("options: unknown key \"cache_dir\"",
+              fault(restore(R"(,"options":{"cache_dir":"/x"})")));
+    Object object = backup();
+    object["source"] = json(R"({"id":"r","entries":["gaussdb/c1"],"schemas":"x"})");
+    EXPECT_EQ("source: unknown key \"schemas\"", fault(object));
+}
+
 TEST_F(Definition_JSON_Test, a_member_of_a_wrong_kind_is_refused_by_its_name) {
     std::pair<char const*, char const*> const wrong[] = {
         {"id", "5"},

@@ -125,6 +125,23 @@ TEST_F(Job_Manager_Test, a_definition_with_a_fault_is_not_kept) {
     EXPECT_TRUE(all.empty());
 }
 
+TEST_F(Job_Manager_Test, a_definition_that_could_not_do_what_it_says_is_refused) {
+    std::string id;
+    std::string run_id;
+    creator_.fault = "options: \"mount\" is not an option of it";
+    for (Job_Answer const& answer :
+         {manager_->save(backup(), id), manager_->start_new(backup(), run_id, id)}) {
+        EXPECT_EQ(Job_Answer::INVALID, answer.kind);
+        EXPECT_EQ(creator_.fault, answer.text);
+    }
+    EXPECT_EQ(Job_Answer::NOT_FOUND, try_start().kind) << "it was kept";
+    creator_.fault.clear();
+    save(backup());
+    creator_.fault = "options: \"mount\" is not an option of it"; // the instance is known by now
+    EXPECT_NE(std::string::npos, try_start().text.find(creator_.fault)) << try_start().text;
+    EXPECT_EQ(0, creator_.created);
+}
+
 TEST_F(Job_Manager_Test, what_is_not_there_is_not_found) {
     EXPECT_EQ(Job_Answer::NOT_FOUND, try_start("nobody").kind);
     EXPECT_EQ(Job_Answer::NOT_FOUND, manager_->remove("nobody").kind);

@@ -97,7 +97,10 @@ public:
         events.handle_start_job();
         events.handle_success();
     };
+    std::string fault_of(Job_Definition const&) override { return fault; }
+
     bool refuse = false;
+    std::string fault; ///< of every definition
     std::atomic<int> created = 0;
     std::atomic<int> removals = 0;
 };
