@@ -16,7 +16,7 @@ constexpr size_t LONGEST_ENDING = 16;
 constexpr size_t MAX_SHOWN = 200;
 constexpr std::string_view SHELL_CHARACTERS = " '\"\\`$;&|<>()*?[]{}~#!";
 constexpr std::string_view REGISTRY_DIRECTORIES[] = {"meta", "media"};
-constexpr std::string_view REGISTRY_ENDINGS[] = {"_env", "_act"};
+constexpr std::string_view REGISTRY_ENDINGS[] = {"_env", "_act", "_identity"};
 
 bool is_letter_or_digit(char c) {
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');

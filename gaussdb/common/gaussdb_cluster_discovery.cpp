@@ -173,6 +173,7 @@ bool GaussDB_Cluster_Manager::list_cluster_i() {
         if (!detect_cluster(name, claims.believed(name, cluster_exists(name.c_str())), found))
             return false;
     bool const has_any = !found.empty() || !snapshot().empty() || detect_config_cluster(found);
+    check_records();
     publish_alerts(false);
     if (has_any)
         init_clusters(found);
@@ -232,10 +233,11 @@ void GaussDB_Cluster_Manager::init_clusters(map_type const& found) {
     map_type all = snapshot();
     all.insert(found.begin(), found.end());
     for (auto const& [name, handler] : all) {
+        std::string fault;
         if (!init_handler(name, handler))
             take_out(name, handler);
-        else if (found.count(name))
-            enter(name, handler);
+        else if (found.count(name) && enter(name, handler))
+            is_same_cluster(name.c_str(), false, fault); // recorded, or told with the next search
     }
 }
 

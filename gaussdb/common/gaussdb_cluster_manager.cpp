@@ -2,6 +2,7 @@
 
 #include "gaussdb/common/gaussdb_100_cluster_handler.h"
 #include "gaussdb/common/gaussdb_200_cluster_handler.h"
+#include "gaussdb/common/gaussdb_cluster_identity.h"
 #include "gaussdb/common/gaussdb_cluster_name.h"
 #include "gaussdb/common/gaussdb_ownership.h"
 #include "gaussdb/common/gaussdb_t_single_handler.h"
@@ -11,6 +12,7 @@
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
 #include "qmrt/check.h"
+#include "qmrt/format.h"
 #include "qmrt/path.h"
 #include "qmrt/path_trust.h"
 
@@ -81,6 +83,34 @@ bool is_environment_of(GaussDB_Env const& env, char const* user, std::string& re
     else
         owns_tools(env, entry.uid(), reason);
     return reason.empty();
+}
+
+std::string identity_path(std::string const& name) {
+    return Path_Conf(ENV_DIRECTORY, true, name + "_identity", 0755).str();
+}
+
+/** An empty one when nothing was recorded. */
+Cluster_Identity load_identity(std::string const& name) {
+    Cluster_Identity record;
+    json_spirit::Value value;
+    std::string reason;
+    std::string const path = identity_path(name);
+    if (path.empty() || access(path.c_str(), F_OK) == -1)
+        return record;
+    if (!is_trusted_path(path, geteuid(), PATH_MAY_BE_MISSING, reason) ||
+        !load_json(path.c_str(), value) || value.type() != json_spirit::obj_type ||
+        !record.read(value.get_obj())) {
+        QMRT_LOG(LM_ERROR, "Failed to load %s, what it recorded of the cluster is lost. %s\n",
+                 path.c_str(), reason.c_str());
+        return Cluster_Identity();
+    }
+    return record;
+}
+
+void save_identity(std::string const& name, Cluster_Identity const& record) {
+    std::string const path = identity_path(name); // what cannot be written has been logged
+    if (!path.empty())
+        dump_json(path.c_str(), record.dump(), 0, false, 0640);
 }
 
 } // namespace
@@ -264,6 +294,7 @@ bool GaussDB_Cluster_Manager::remove_cluster(char const* name) {
         map_type::node_type taken; // the handler goes after the lock
         std::lock_guard const guard(clusters_mutex_);
         taken = clusters_.extract(name);
+        found_here_.erase(name);
     }
     return true;
 }
@@ -301,6 +332,72 @@ bool GaussDB_Cluster_Manager::load_env(std::string const& name, GaussDB_Env& env
     return true;
 }
 
+bool GaussDB_Cluster_Manager::is_found_here(std::string const& name) const {
+    std::shared_lock const guard(clusters_mutex_);
+    return found_here_.contains(name);
+}
+
+// which cluster it is
+
+bool GaussDB_Cluster_Manager::is_same_cluster(char const* name, bool with_data,
+                                              std::string& fault) {
+    GaussDB_Cluster_Handler_var const handler = get_cluster(name);
+    if (handler.null() || !is_found_here(name))
+        return true;
+    std::lock_guard const guard(records_mutex_);
+    Cluster_Identity record = load_identity(name);
+    if (record.name.empty()) // the profile said so when the cluster was found
+        record.name = handler->env().get_value("GS_CLUSTER_NAME");
+    Cluster_Identity const present = Cluster_Identity::look(*handler, record);
+    std::string const difference = record.difference(present, with_data);
+    if (difference.empty()) {
+        if (record.complete(present))
+            save_identity(name, record);
+        return true;
+    }
+    fault = string_sprintf(
+        "cluster \"%s\" is not the one on record: %s. If it is gone for good, run: zenbrak3 "
+        "instance "
+        "remove %s; if it is the same one after a planned change, run that and then: zenbrak3 "
+        "instances --refresh",
+        name, difference.c_str(), name);
+    return false;
+}
+
+bool GaussDB_Cluster_Manager::owns_its_tools(char const* name, std::string& fault) const {
+    GaussDB_Cluster_Handler_var const handler = get_cluster(name);
+    std::string reason;
+    if (handler.null() || !is_found_here(name) ||
+        is_environment_of(handler->env(), handler->user().c_str(), reason))
+        return true;
+    fault = string_sprintf("the tools of cluster \"%s\" are not run: %s", name, reason.c_str());
+    return false;
+}
+
+void GaussDB_Cluster_Manager::record_data(char const* name) {
+    GaussDB_Cluster_Handler_var const handler = get_cluster(name);
+    if (handler.null() || !is_found_here(name))
+        return;
+    std::lock_guard const guard(records_mutex_);
+    Cluster_Identity record = load_identity(name);
+    record.systems = Cluster_Identity::look(*handler, record).systems;
+    save_identity(name, record);
+}
+
+void GaussDB_Cluster_Manager::forget_record(char const* name) {
+    if (!name || !is_cluster_file_name(name))
+        return;
+    std::lock_guard const guard(records_mutex_);
+    unlink(identity_path(name).c_str());
+}
+
+/** Tells of the clusters whose users have another one now. */
+void GaussDB_Cluster_Manager::check_records() {
+    for (auto const& [name, handler] : snapshot())
+        if (std::string fault; !is_same_cluster(name.c_str(), false, fault))
+            raise_alert(name, fault);
+}
+
 GaussDB_Cluster_Manager::map_type GaussDB_Cluster_Manager::snapshot() const {
     std::shared_lock const guard(clusters_mutex_);
     return clusters_;
@@ -310,7 +407,10 @@ GaussDB_Cluster_Manager::map_type GaussDB_Cluster_Manager::snapshot() const {
 bool GaussDB_Cluster_Manager::enter(std::string const& name,
                                     GaussDB_Cluster_Handler_var const& handler) {
     std::lock_guard const guard(clusters_mutex_);
-    return clusters_.try_emplace(name, handler).second;
+    bool const is_new = clusters_.try_emplace(name, handler).second;
+    if (is_new)
+        found_here_.insert(name);
+    return is_new;
 }
 
 /** Takes out the entry unless it is another handler's by now. */
@@ -318,6 +418,8 @@ void GaussDB_Cluster_Manager::take_out(std::string const& name,
                                        GaussDB_Cluster_Handler_var const& handler) {
     std::lock_guard const guard(clusters_mutex_);
     auto const found = clusters_.find(name);
-    if (found != clusters_.end() && found->second.get() == handler.get())
-        clusters_.erase(found);
+    if (found == clusters_.end() || found->second.get() != handler.get())
+        return;
+    clusters_.erase(found);
+    found_here_.erase(name);
 }

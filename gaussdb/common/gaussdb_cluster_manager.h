@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <shared_mutex>
 #include <string>
 #include <vector>
@@ -93,6 +94,20 @@ public:
      */
     bool load_config_cluster();
 
+    /**
+     * Whether the cluster that the tools of @a name answer for is the one that was recorded when it
+     * was found: see Cluster_Identity. Clusters that were not found on this host have no record.
+     * Runs a tool only when the topology's file has changed.
+     * @param fault  when false: what differs and what to do, one sentence
+     */
+    bool is_same_cluster(char const* name, bool with_data, std::string& fault);
+    /** Whether its user still owns its tools, as when it was found. @param fault  as above */
+    bool owns_its_tools(char const* name, std::string& fault) const;
+    /** Its databases are others now, and rightly: after a restore. */
+    void record_data(char const* name);
+    /** Drops what was recorded; the next discovery records the cluster as it is then. */
+    void forget_record(char const* name);
+
     /** Discovery of GaussDB T. @return false only when processes cannot be listed. */
     bool list_gaussdb_t();
     bool list_gaussdb_t_single();
@@ -125,6 +140,8 @@ private:
     void drop_overruled();
     void raise_alert(std::string const& name, std::string const& text);
     void publish_alerts(bool keep_others);
+    void check_records();
+    bool is_found_here(std::string const& name) const;
 
     map_type snapshot() const;
     bool enter(std::string const& name, GaussDB_Cluster_Handler_var const& handler);
@@ -132,6 +149,8 @@ private:
 
     mutable std::shared_mutex clusters_mutex_;   ///< never held while a tool runs
     map_type clusters_;                          ///< guarded by clusters_mutex_
+    std::set<std::string> found_here_;           ///< by discovery; guarded by clusters_mutex_
+    std::mutex records_mutex_;                   ///< one look at what was recorded at a time
     std::mutex discovery_mutex_;                 ///< one discovery at a time; taken first
     std::vector<Instance_Alert> pending_alerts_; ///< of this discovery; guarded by discovery_mutex_
     mutable std::mutex alerts_mutex_;

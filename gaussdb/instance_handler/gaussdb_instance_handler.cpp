@@ -125,6 +125,13 @@ int GaussDB_Instance_Handler::probe_instances(instances_type& instances) {
 std::string& GaussDB_Instance_Handler::get_state(char const* name, std::string& state) {
     GaussDB_Cluster_Handler_var const cluster = find_cluster(name);
     bool balanced = false;
+    std::string fault;
+    if (!cluster.null() &&
+        !GaussDB_Cluster_Manager::instance()->is_same_cluster(name, false, fault)) {
+        // the tools would tell the state of another cluster of its user
+        QMRT_LOG(LM_ERROR, "%s\n", fault.c_str());
+        return state = "error";
+    }
     if (!cluster.null() && cluster->get_status(state, balanced))
         return state;
     QMRT_LOG(LM_ERROR, "GaussDB_Instance_Handler::get_state error.\n");
@@ -166,7 +173,8 @@ std::vector<Instance_Alert> GaussDB_Instance_Handler::alerts() {
 
 void GaussDB_Instance_Handler::forget(char const* name) {
     if (GaussDB_Cluster_Manager* const manager = GaussDB_Cluster_Manager::instance())
-        manager->remove_cluster(name);
+        if (manager->remove_cluster(name))
+            manager->forget_record(name);
 }
 
 bool init_tpops_instance(std::shared_ptr<Instance const> instance) {

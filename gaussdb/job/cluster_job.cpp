@@ -32,6 +32,17 @@ bool get_hosts_of_cluster(Job& job, GaussDB_Cluster_Handler const& cluster,
     return false;
 }
 
+bool is_cluster_on_record(Job& job, std::string const& instance, bool with_data) {
+    GaussDB_Cluster_Manager* const clusters = GaussDB_Cluster_Manager::instance();
+    std::string fault;
+    if (!clusters || (clusters->owns_its_tools(instance.c_str(), fault) &&
+                      clusters->is_same_cluster(instance.c_str(), with_data, fault)))
+        return true;
+    raise_alert(job, 7, 102);
+    QMRT_LOG(LM_ERROR, "Nothing was touched, %s\n", fault.c_str());
+    return false;
+}
+
 std::set<std::string> roach_resources(std::vector<std::string> const& host_uuids,
                                       std::string const& policy_name) {
     std::set<std::string> resources;

@@ -27,6 +27,14 @@ bool get_hosts_of_cluster(Job& job, GaussDB_Cluster_Handler const& cluster,
                           std::string const& instance, std::vector<std::string>& host_uuids);
 
 /**
+ * Checks that the cluster's tools are still its user's, and answer for the cluster on record.
+ * Before a job touches anything.
+ * @param with_data  whether the databases have to be those on record
+ * @return false after an error line and alert (7, 102)
+ */
+bool is_cluster_on_record(Job& job, std::string const& instance, bool with_data);
+
+/**
  * What a run of the backup tool uses alone on each of the cluster's hosts, for Run_Hold: the tool's
  * metadata directory, which a host has one of, and the policy file.
  */

@@ -81,7 +81,7 @@ bool GaussDB_Backup_Job_Executor::execute_i(Job::Action_Options const*) {
     ACE_Guard<ACE_Thread_Mutex> const lock(Job_Mutex::get(src_->id()));
     if (!lock.locked() || cluster_.null() || QMRT_IS_NULL_AT(LM_ERROR, opts_))
         return false;
-    if (!is_cluster_healthy())
+    if (!is_cluster_on_record(job_, instance_, true) || !is_cluster_healthy())
         return false;
     reset_activity(act_);
     job_instance_uuid_ = uuid_binary_to_string(act_.id);

@@ -1,5 +1,6 @@
 #include "gaussdb/job/gaussdb_restore_job_executor.h"
 
+#include "gaussdb/common/gaussdb_cluster_manager.h"
 #include "gaussdb/job/client_io_options.h"
 #include "gaussdb/job/cluster_job.h"
 #include "gaussdb/job/gaussdb_catalog.h"
@@ -67,6 +68,9 @@ bool GaussDB_Restore_Job_Executor::execute_i(Job::Action_Options const*) {
     }
     if (QMRT_IS_NULL_AT(LM_ERROR, opts_))
         return false;
+    // its databases need not be those on record: they are what is replaced
+    if (!is_cluster_on_record(job_, instance_, false))
+        return false;
     reset_activity(act_);
 
     Chain chain;
@@ -94,6 +98,7 @@ bool GaussDB_Restore_Job_Executor::execute_i(Job::Action_Options const*) {
     if (!start(roach_executor))
         return false;
     roach_source.delete_meta();
+    GaussDB_Cluster_Manager::instance()->record_data(instance_.c_str());
     act_.size = chain.total_size;
     act_.set_size = chain.total_size;
     return true;

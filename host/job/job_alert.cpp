@@ -23,6 +23,7 @@ constexpr Alert_Row ALERTS[] = {
     {7, 7, "The hosts of the database cluster could not be told the policy"},
     {7, 8, "The backup set could not be opened in the catalog"},
     {7, 9, "The metadata of the backup could not be saved"},
+    {7, 102, "The database cluster is not the one on record, nothing was touched"},
     {7, 11, "The data was restored, but the database did not start: start it by hand"},
 };
 

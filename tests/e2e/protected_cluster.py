@@ -227,7 +227,8 @@ class Protected_Cluster(object):
         assert listed == self.sets, "backups shown: %s" % (listed ^ self.sets)
         for pool, directory in self.pools.items():
             self._assert_pool_is_clean(pool, directory, catalog)
-        left = {path.name for path in CACHE.iterdir()} - {"meta", "media", "c1", "c1_env"}
+        left = {path.name for path in CACHE.iterdir()} - {"meta", "media", "c1", "c1_env",
+                                                          "c1_identity"}
         # a run that was killed leaves its policy to the next one
         assert left <= set(self.pools), "in %s: %s" % (CACHE, left)
         left = set(os.listdir("/tmp")) - set(ROOT.parts[2:3] if ROOT.parts[1] == "tmp" else ())

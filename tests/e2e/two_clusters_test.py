@@ -61,6 +61,13 @@ def log(run_id):
 class World(object):
     """The agent and the two clusters, made once."""
 
+    only = None
+
+    @classmethod
+    def the(cls):
+        cls.only = cls.only or World()
+        return cls.only
+
     def __init__(self):
         for name in USERS:
             cluster("create", "--name", name, "--user", USERS[name], "--port", PORTS[name],
@@ -81,15 +88,10 @@ class World(object):
         protection.ask("zenbrak3", "instances", "--refresh")
 
 
-class Two_Clusters_Test(unittest.TestCase):
+class World_Test(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.world = World()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.world.agent.terminate()
-        cls.world.agent.wait()
+        cls.world = World.the()
 
     def tearDown(self):
         left = {path.name for path in CACHE.iterdir()}
@@ -100,6 +102,9 @@ class Two_Clusters_Test(unittest.TestCase):
         for run in [ended(run_id) for run_id in run_ids]:
             self.assertEqual("completed", run["state"], "%s\n%s" % (run, log(run["run_id"])))
 
+
+
+class Two_Clusters_Test(World_Test):
     def rows(self):
         return {name: of(name, "checksums") for name in USERS}
 
@@ -157,6 +162,22 @@ class Two_Clusters_Test(unittest.TestCase):
         third = start_backup("c2")
         self.assert_completed(slow, same, third)
 
+    def test_what_could_have_no_effect_is_refused_before_anything_starts(self):
+        self.assert_completed(uuid := start_backup("c1"))
+        before = len(tell("jobs")["jobs"])
+        for words, named in (
+                (("restore", uuid, "-o", "restore_time=2026-11-21T10:00:00Z"), "restore_time"),
+                (("restore", uuid, "-o", "chanels=2"), "chanels"),
+                (("backup", "c1", "--pool", "main", "-o", "mount=true"), "mount"),
+                (("backup", "c1", "--pool", "main", "-o", "channels=-1"), "channels"),
+                (("backup", "c1", "--pool", "main", "-o", "compression=gzip"), "gzip"),
+                (("backup", "c1", "--pool", "main", "--compression", "zstd:99"), "99")):
+            done = subprocess.run(["zenbrak3", *words], stdin=subprocess.DEVNULL, text=True,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            self.assertNotEqual(0, done.returncode, words)
+            self.assertIn(named, done.stderr, words)
+        self.assertEqual(before, len(tell("jobs")["jobs"]), "a run was started")
+
     def test_an_agent_that_died_holds_nothing(self):
         slow = self.slow_backup("c1")
         self.wait_for_wait(start_backup("c2"))
@@ -165,5 +186,43 @@ class Two_Clusters_Test(unittest.TestCase):
         self.assert_completed(*[start_backup(name) for name in USERS])
 
 
+class Vanished_Cluster_Test(World_Test):
+    """The last one: the cluster c2 goes, and its user gets another one."""
+
+    def test_a_vanished_clusters_name_does_not_take_anothers_data(self):
+        self.assert_completed(uuid := start_backup("c2"))
+        sets = tell("backups")["backups"]
+        of("c2", "remove")
+        cluster("create", "--name", "c3", "--user", USERS["c2"], "--port", PORTS["c2"], "--nodes", 2,
+                "--no-fsync")
+        self.refuses("c2", uuid)
+        self.assertEqual("error", self.states()["c2"])
+        self.world.kill_agent()
+        self.refuses("c2", uuid)
+        self.assertEqual("error", self.states()["c2"])
+        self.assertEqual("Normal", self.states()["c3"])
+        self.assertEqual(sets, tell("backups")["backups"])
+        protection.save_account("c3")
+        self.assert_completed(start_backup("c3"))
+
+    def refuses(self, name, uuid):
+        rows = of(name, "checksums")
+        for run_id in (start_backup(name), start_restore(uuid, name)):
+            run = ended(run_id)
+            self.assertEqual("error", run["state"], run)
+            self.assertIn('cluster "%s" is not the one on record' % name, run["message"])
+            self.assertIn("zenbrak3 instance remove " + name, run["message"])
+            self.assertGreater(run["alerts"], 0)
+        self.assertEqual(rows, of(name, "checksums"))
+
+    @staticmethod
+    def states():
+        return {one["name"]: one["state"] for one in tell("instances", "--refresh")["instances"]}
+
+
 if __name__ == "__main__":
-    unittest.main(verbosity=2)
+    program = unittest.main(verbosity=2, exit=False)
+    if World.only:
+        World.only.agent.terminate()
+        World.only.agent.wait()
+    sys.exit(not program.result.wasSuccessful())

@@ -314,7 +314,7 @@ class Two_Hosts_Test(unittest.TestCase):
         self.assertEqual(keys, self.metadata(self.second))
         for host in self.hosts:
             # neither a policy nor the directory of the restore
-            self.assertLessEqual(set(os.listdir(host.path(CACHE))), {"c1", "c1_env", "media", "meta"})
+            self.assertLessEqual(set(os.listdir(host.path(CACHE))), {"c1", "c1_env", "c1_identity", "media", "meta"})
         self.check_nothing_is_left()
 
     def test_an_incremental_backup_needs_the_metadata_of_every_host(self):

@@ -87,7 +87,8 @@ TEST(Names_Test, instances) {
     for (std::string const& name :
          {std::string("-x"), std::string("a b"), std::string("it's"), std::string("$(id)"),
           std::string("a;b"), std::string("a*"), std::string("meta"), std::string("media"),
-          std::string("c1_env"), std::string("c1_act"), std::string(UUID), std::string(240, 'x')})
+          std::string("c1_env"), std::string("c1_act"), std::string("c1_identity"),
+          std::string(UUID), std::string(240, 'x')})
         EXPECT_NE("", names::fault_of_instance(name)) << name;
 }
 

@@ -403,6 +403,91 @@ TEST_F(Offline_Instance_Test, a_100_series_cluster) {
     EXPECT_EQ(GaussDB_Cluster_Handler::TYPE_SINGLE, handler->type());
 }
 
+/** A cluster that was brought back, whose user's profile the test changes. */
+class Recorded_Cluster_Test : public Offline_Instance_Test {
+protected:
+    void SetUp() override {
+        profile_names("c1");
+        write_env_100();
+        bring_back(manager_);
+    }
+    void profile_names(std::string const& name) {
+        host_.write("/home/nobody/.bashrc", "export GS_CLUSTER_NAME=" + name + "\n");
+    }
+    static void bring_back(GaussDB_Cluster_Manager& manager) {
+        ASSERT_TRUE(manager.update_offline_instance("c1", "nobody", 1, "1.0.2"));
+    }
+    static std::string fault(GaussDB_Cluster_Manager& manager) {
+        std::string text;
+        bool const is_same = manager.is_same_cluster("c1", true, text);
+        EXPECT_EQ(is_same, text.empty());
+        return text;
+    }
+};
+
+TEST_F(Recorded_Cluster_Test, it_is_the_same_as_long_as_its_users_tools_answer_for_it) {
+    EXPECT_EQ("", fault(manager_));
+    EXPECT_EQ("", fault(manager_));
+    profile_names("c2");
+    EXPECT_EQ("cluster \"c1\" is not the one on record: its user's tools answer for the cluster "
+              "\"c2\" now. If it is gone for good, run: zenbrak3 instance remove c1; if it is the "
+              "same one after a planned change, run that and then: zenbrak3 instances --refresh",
+              fault(manager_));
+    profile_names("c1");
+    EXPECT_EQ("", fault(manager_));
+}
+
+TEST_F(Recorded_Cluster_Test, the_record_outlives_the_agent_and_goes_when_it_is_forgotten) {
+    EXPECT_EQ("", fault(manager_));
+    profile_names("c2");
+    GaussDB_Cluster_Manager later;
+    bring_back(later);
+    EXPECT_NE("", fault(later));
+    later.remove_cluster("c1");
+    EXPECT_EQ("", fault(later)) << "not known any more";
+    later.forget_record("c1");
+    bring_back(later);
+    EXPECT_EQ("", fault(later)) << "accepted as it is";
+}
+
+TEST_F(Recorded_Cluster_Test, the_name_of_its_environment_counts_without_a_record) {
+    GaussDB_Env env;
+    env.set_env("GPHOME", "/home/tool");
+    env.set_env("GS_CLUSTER_NAME", "c1");
+    ASSERT_TRUE(manager_.dump_env("c1", env));
+    profile_names("c2");
+    GaussDB_Cluster_Manager later;
+    bring_back(later);
+    EXPECT_NE("", fault(later));
+}
+
+TEST_F(Recorded_Cluster_Test, a_record_that_others_can_write_is_not_believed) {
+    EXPECT_EQ("", fault(manager_));
+    std::string const path = std::string(host_.CACHE) + "c1_identity";
+    ASSERT_EQ(0, chmod(path.c_str(), 0666));
+    profile_names("c2");
+    EXPECT_EQ("", fault(manager_)) << "recorded anew";
+    EXPECT_LOGGED(LM_ERROR, "Failed to load " + path);
+}
+
+TEST_F(Recorded_Cluster_Test, its_tools_have_to_be_its_users_at_each_job) {
+    std::string text;
+    EXPECT_TRUE(manager_.owns_its_tools("c1", text));
+    ASSERT_EQ(0, chmod("/home/tool/script", 0777));
+    EXPECT_FALSE(manager_.owns_its_tools("c1", text));
+    EXPECT_TRUE(text.starts_with("the tools of cluster \"c1\" are not run: GPHOME: ")) << text;
+}
+
+TEST_F(Recorded_Cluster_Test, a_cluster_that_was_added_by_hand_has_no_record) {
+    manager_.remove_cluster("c1");
+    manager_.add_cluster("c1", new Counting_Handler);
+    profile_names("c2");
+    ASSERT_EQ(0, chmod("/home/tool/script", 0777));
+    std::string text;
+    EXPECT_EQ("", fault(manager_));
+    EXPECT_TRUE(manager_.owns_its_tools("c1", text));
+}
+
 TEST_F(Offline_Instance_Test, a_200_series_cluster_by_its_saved_configuration) {
     GaussDB_Env env;
     env.set_env("GPHOME", "/home/tool");

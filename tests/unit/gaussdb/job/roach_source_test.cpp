@@ -671,7 +671,7 @@ TEST_F(Roach_Source_Test, names_of_the_registrys_own_files_are_refused) {
     write(root("c1_env"), "{}");
     write(root("c1/cluster_static_config"), "x");
     for (char const* name :
-         {"c1", "c1_env", "x_env", "x_act", "meta", "media", "meta.1000", ".x"}) {
+         {"c1", "c1_env", "x_env", "x_act", "x_identity", "meta", "media", "meta.1000", ".x"}) {
         EXPECT_FALSE(Roach_Source::is_run_name(name)) << name;
         EXPECT_EQ("", Roach_Source::cache_directory(name)) << name;
         EXPECT_FALSE(source(GAUSSDB_200, 8, COMPR_NONE, name).dump_policy()) << name;
