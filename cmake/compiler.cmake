@@ -6,9 +6,9 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
 find_program(CCACHE ccache)
 if(CCACHE)
-    # the sloppiness lets it work with precompiled headers
+    # the sloppiness lets it work with precompiled headers, and in any locale
     set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env
-        CCACHE_SLOPPINESS=pch_defines,time_macros ${CCACHE})
+        CCACHE_SLOPPINESS=pch_defines,time_macros,locale ${CCACHE})
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wvla

@@ -31,8 +31,14 @@ Scripted_Tools::Scripted_Tools() {
 
 void Scripted_Tools::script(std::string const& tool, std::string const& text) {
     directory_.write(tool + ".script", text);
+    // a copy: other users run it, who may not reach the build directory
+    std::string const program = path("scripted_tool.program");
+    if (!std::filesystem::exists(program)) {
+        std::filesystem::copy_file(ZENBRAK3_SCRIPTED_TOOL, program);
+        std::filesystem::permissions(program, std::filesystem::perms(0755));
+    }
     std::error_code exists;
-    std::filesystem::create_symlink(ZENBRAK3_SCRIPTED_TOOL, path(tool), exists);
+    std::filesystem::create_symlink(program, path(tool), exists);
 }
 
 void Scripted_Tools::prints(std::string const& tool, std::string const& output, int status) {
