@@ -423,16 +423,22 @@ void Command_Line::add_job_commands() {
         one->add_option("--interval", wait_.interval, "Seconds between two looks at the job")
             ->type_name("SECONDS")
             ->check(CLI::Range(0.01, 86400.0));
-    std::vector<CLI::App*> all{show, log, wait};
+    CLI::App* const cancel = command(
+        *jobs, "cancel", "Cancel a run; one that waits ends at once",
+        "  zenbrak3 job cancel 0f3a91c2\n"
+        "  zenbrak3 job cancel 0f3a91c2 --now    do not wait for the database's backup tool\n",
+        [this](Command_Context& context) { return cancel_job(context, job_, now_); });
+    cancel->add_flag("--now", now_,
+                     "End the run's programs on all hosts, within 15 seconds; without it a run ends "
+                     "when its program does");
+    std::vector<CLI::App*> all{show, log, wait, cancel};
     struct Change {
         char const* name;
         char const* what;
         char const* examples;
     };
     for (Change const& change :
-         {Change{"cancel", "End a run; what it has done so far is dropped",
-                 "  zenbrak3 job cancel 0f3a91c2\n"},
-          Change{"stop", "End a run at the next good place, where the job can be stopped so",
+         {Change{"stop", "End a run at the next good place, where the job can be stopped so",
                  "  zenbrak3 job stop 0f3a91c2\n"},
           Change{"pause", "Let a run wait", "  zenbrak3 job pause 0f3a91c2\n"},
           Change{"resume", "Let a paused run go on", "  zenbrak3 job resume 0f3a91c2\n"}})

@@ -67,6 +67,7 @@ private:
     double watch_ = 0;
     bool refresh_ = false;
     bool follow_ = false;
+    bool now_ = false;
     bool no_wait_ = false;
     Wait wait_;
     std::string level_ = "full";

@@ -95,7 +95,9 @@ int list_jobs(Command_Context& context, Job_Filter const& filter, double interva
 int show_job(Command_Context& context, std::string const& job);
 /** @param follow  goes on until the run is over */
 int show_job_log(Command_Context& context, std::string const& job, bool follow, double interval);
-/** @param action  "cancel", "stop", "pause" or "resume" */
+/** Asks the agent to cancel a run, and looks for a moment whether it ends. */
+int cancel_job(Command_Context& context, std::string const& job, bool now);
+/** @param action  "stop", "pause" or "resume" */
 int change_job(Command_Context& context, std::string const& job, std::string const& action);
 /** Waits for a run that is on already. */
 int wait_for_job(Command_Context& context, std::string const& job, double interval);

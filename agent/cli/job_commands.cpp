@@ -17,6 +17,10 @@ namespace {
 
 constexpr char LIST_JOBS[] = "`zenbrak3 jobs` lists the jobs.";
 constexpr std::chrono::milliseconds FIRST_LOOK{50};
+/** How long a cancelled run is looked at: one that waits ends at once. */
+constexpr std::chrono::milliseconds SOON{1000};
+/** The same for one whose programs are ended. */
+constexpr std::chrono::milliseconds LONGEST_END{15000};
 
 std::vector<Column> const& run_fields() {
     static std::vector<Column> const fields{{"Job", "run_id"},
@@ -273,6 +277,38 @@ int show_job_log(Command_Context& context, std::string const& job, bool follow, 
         if (!more && !Interruption::sleep(pause))
             return EXIT_INTERRUPTED;
     }
+}
+
+int cancel_job(Command_Context& context, std::string const& job, bool now) {
+    std::string const doing = "cancel job " + job;
+    Object run;
+    if (!context.ask("job.cancel", now ? Object{{"job", job}, {"now", true}} : Object{{"job", job}},
+                     doing, run, LIST_JOBS))
+        return context.status();
+    Interruption::install();
+    auto const limit = std::chrono::steady_clock::now() + (now ? LONGEST_END : SOON);
+    do {
+        if (!context.ask("job.show", Object{{"job", job}}, doing, run, LIST_JOBS))
+            return context.status();
+    } while (!is_over(run) && std::chrono::steady_clock::now() < limit &&
+             Interruption::sleep(FIRST_LOOK));
+    if (context.json()) {
+        context.print_json(run);
+        return EXIT_OK;
+    }
+    std::string const id = printable(job);
+    if (is_over(run))
+        context.print("Job " + id + " has ended: " + printable(object_get_str(run, "state")) +
+                      ".\n");
+    else if (now)
+        context.print("The agent is ending the programs of job " + id + "; `zenbrak3 job wait " +
+                      id + "` waits for it.\n");
+    else
+        context.print("Job " + id +
+                      " is still running. It ends when the program that it runs has ended, and "
+                      "what a finished backup tool has made is kept.\n`zenbrak3 job cancel " +
+                      id + " --now` ends that program.\n");
+    return EXIT_OK;
 }
 
 int change_job(Command_Context& context, std::string const& job, std::string const& action) {

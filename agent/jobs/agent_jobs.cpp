@@ -136,6 +136,9 @@ void Agent_Jobs::state_changed(Job const& job, Job_State state) {
         if (!began && state == JOB_STATE_RUNNING)
             run.start_time = now;
         run.state = state;
+        if (state == JOB_STATE_CANCELING)
+            run.message = "It ends when the program that it runs has ended; \"zenbrak3 job cancel "
+                          "RUN --now\" ends that program";
         if (began || is_run_state(state))
             return;
         // the job fell back to where it was before; ended() follows if it was something else

@@ -327,8 +327,8 @@ Job_Answer Job_Manager::start_new(Object const& given, std::string& run_id,
     return answer;
 }
 
-Job_Answer Job_Manager::cancel(std::string const& run) {
-    return request(run, &Job::abort);
+Job_Answer Job_Manager::cancel(std::string const& run, bool now) {
+    return request(run, now ? &Job::abort_now : &Job::abort);
 }
 
 Job_Answer Job_Manager::stop(std::string const& run) {
@@ -364,7 +364,7 @@ Job_Answer Job_Manager::request(std::string const& run, Request what) {
 
 /** A run that has not started can only be ended, and at once. */
 Job_Answer Job_Manager::request_waiting(Job_Run const& run, Request what) {
-    if (what != &Job::abort && what != &Job::stop)
+    if (what != &Job::abort && what != &Job::abort_now && what != &Job::stop)
         return Job_Answer::refused("Run " + run.run_id + " of job " + run.name +
                                    " has not started; it waits for " + run.waiting_for);
     waiting_.erase(run.definition);

@@ -83,7 +83,8 @@ public:
     void start_waiting();
 
     /** Requests to the run whose id begins like that. REFUSED when it has ended or cannot do it. */
-    Job_Answer cancel(std::string const& run);
+    /** @param now  ends the run's programs, too: Job::abort_now() */
+    Job_Answer cancel(std::string const& run, bool now = false);
     Job_Answer stop(std::string const& run);
     Job_Answer pause(std::string const& run);
     Job_Answer resume(std::string const& run);

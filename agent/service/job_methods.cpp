@@ -136,7 +136,21 @@ public:
         return true;
     }
 
-    /** A request to a run: job.cancel and so on. */
+    bool cancel(Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::string error, run;
+        bool now = false;
+        Member_Reader reader(call.params.get_obj(), "", error);
+        reader.required_text("job", run, names::fault_of_id);
+        reader.flag("now", now);
+        if (!reader.finish())
+            return invalid_params(error, fault);
+        if (!answer(manager_.cancel(run, now), fault))
+            return false;
+        result = Object();
+        return true;
+    }
+
+    /** A request to a run: job.stop and so on. */
     Agent_Method request(Job_Answer (Job_Manager::*what)(std::string const&)) {
         return [this, what](Method_Call const& call, Value& result, Method_Fault& fault) {
             std::string run;
@@ -168,13 +182,13 @@ void add_job_methods(Method_Table& methods, Job_Manager& manager, Agent_Jobs& ru
                                      {"definition.show", &Job_Methods::show_definition},
                                      {"definition.remove", &Job_Methods::remove_definition},
                                      {"job.start", &Job_Methods::start},
+                                     {"job.cancel", &Job_Methods::cancel},
                                      {"job.list", &Job_Methods::list_runs},
                                      {"job.show", &Job_Methods::show_run},
                                      {"job.log", &Job_Methods::read_log}});
     using Request = Job_Answer (Job_Manager::*)(std::string const&);
     for (auto const& [name, what] :
-         {std::pair<char const*, Request>{"job.cancel", &Job_Manager::cancel},
-          {"job.stop", &Job_Manager::stop},
+         {std::pair<char const*, Request>{"job.stop", &Job_Manager::stop},
           {"job.pause", &Job_Manager::pause},
           {"job.resume", &Job_Manager::resume}})
         methods.add(name, [jobs, request = jobs->request(what)](

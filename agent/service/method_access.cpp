@@ -49,7 +49,7 @@ bool refuse(std::string& why, std::string text) {
 bool fits_run(Run_Scope const& run, std::string const& method, Object const& params,
               std::string& why) {
     std::string const action = object_get_str(params, "action");
-    if (method != ROACH_SOURCE || (action != "add" && action != "remove"))
+    if (method != ROACH_SOURCE || (action != "add" && action != "remove" && action != "end"))
         return refuse(why, "an agent may call only gaussdb.roach_source of another one");
     if (action == "add" && object_get_str(params, "cluster_id") != run.cluster_id)
         return refuse(why, "'cluster_id' is not that of the run");

@@ -2,6 +2,7 @@
 
 #include "gaussdb/common/gaussdb_cluster_manager.h"
 #include "gaussdb/job/gaussdb_utils.h"
+#include "gaussdb/job/roach_source.h"
 #include "host/agent/host_manager.h"
 #include "host/job/job_activity.h"
 #include "host/job/job_alert.h"
@@ -55,6 +56,19 @@ std::set<std::string> roach_resources(std::vector<std::string> const& host_uuids
 
 void raise_alert(Job& job, unsigned long level, unsigned long code) {
     write_job_alert(&job, level, code, 0, json_spirit::Value::null, 1);
+}
+
+Cancelled_Run_Cleanup::Cancelled_Run_Cleanup(Job_Activity const& activity, Roach_Source& source,
+                                             std::vector<std::string> const& host_uuids,
+                                             std::string definition_uuid)
+    : activity_(activity),
+      source_(source),
+      host_uuids_(host_uuids),
+      definition_uuid_(std::move(definition_uuid)) {}
+
+Cancelled_Run_Cleanup::~Cancelled_Run_Cleanup() {
+    if (!dismissed_ && activity_.state == JOB_STATE_CANCELING)
+        source_.end(host_uuids_, definition_uuid_);
 }
 
 void reset_activity(Job_Activity& activity) {

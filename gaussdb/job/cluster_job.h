@@ -8,6 +8,7 @@
 #include <vector>
 
 class Job;
+class Roach_Source;
 struct Job_Activity;
 
 /** What the executors have in common beside what gaussdb_utils.h has. Any thread. */
@@ -43,6 +44,30 @@ std::set<std::string> roach_resources(std::vector<std::string> const& host_uuids
 
 /** Raises an alert that has nothing to add to its two numbers; see write_job_alert(). */
 void raise_alert(Job& job, unsigned long level, unsigned long code);
+
+/**
+ * Cleans up on all hosts behind a cancelled run: when this goes while the run is being cancelled,
+ * unless dismiss() was called, the backup tool's programs are ended and the policy is removed.
+ */
+class Cancelled_Run_Cleanup {
+public:
+    /** All must outlive this object. @param definition_uuid  see Roach_Source::end() */
+    Cancelled_Run_Cleanup(Job_Activity const& activity, Roach_Source& source,
+                          std::vector<std::string> const& host_uuids, std::string definition_uuid);
+    ~Cancelled_Run_Cleanup();
+    Cancelled_Run_Cleanup(Cancelled_Run_Cleanup const&) = delete;
+    Cancelled_Run_Cleanup& operator=(Cancelled_Run_Cleanup const&) = delete;
+
+    /** The run has succeeded. */
+    void dismiss() { dismissed_ = true; }
+
+private:
+    Job_Activity const& activity_;
+    Roach_Source& source_;
+    std::vector<std::string> const& host_uuids_;
+    std::string const definition_uuid_;
+    bool dismissed_ = false;
+};
 
 /** The run's work starts now: no code, no message, no progress. For the job thread. */
 void reset_activity(Job_Activity& activity);

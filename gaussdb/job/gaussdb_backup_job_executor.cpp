@@ -101,6 +101,7 @@ bool GaussDB_Backup_Job_Executor::execute_i(Job::Action_Options const*) {
     Roach_Source roach_source = make_roach_source();
     // after a failure, too: the policy's key is void then
     Scoped_Deleter policy([&] { roach_source.drop_policy(); });
+    Cancelled_Run_Cleanup cleanup(act_, roach_source, hosts, "");
     if (!notify(roach_source, hosts))
         return false;
     Roach_Meta_Parser parser(roach_source.meta_path(), cluster_->get_gaussdb_version().model_,
@@ -111,6 +112,7 @@ bool GaussDB_Backup_Job_Executor::execute_i(Job::Action_Options const*) {
     if (!open_set(bset) || !run_roach(roach_source, bset, parser) || !complete_set(bset, parser))
         return false;
     policy.release();
+    cleanup.dismiss();
     roach_source.remove(hosts, nullptr, ""); // what stays behind has been logged
     return true;
 }

@@ -84,7 +84,10 @@ bool GaussDB_Restore_Job_Executor::execute_i(Job::Action_Options const*) {
     Roach_Source roach_source = make_roach_source(chain);
     // after a failure, too: the policy's key is void then
     Scoped_Deleter policy([&] { roach_source.drop_policy(); });
-    if (!restore_roach_metadata(roach_source, chain) || !notify(roach_source, hosts, chain))
+    if (!restore_roach_metadata(roach_source, chain))
+        return false;
+    Cancelled_Run_Cleanup cleanup(act_, roach_source, hosts, def_.id());
+    if (!notify(roach_source, hosts, chain))
         return false;
 
     Roach_Executor roach_executor(cluster_->user().c_str(), cluster_->env(),
@@ -97,6 +100,7 @@ bool GaussDB_Restore_Job_Executor::execute_i(Job::Action_Options const*) {
     roach_source.remove(hosts, &directories, def_.id()); // what stays behind has been logged
     if (!start(roach_executor))
         return false;
+    cleanup.dismiss();
     roach_source.delete_meta();
     GaussDB_Cluster_Manager::instance()->record_data(instance_.c_str());
     act_.size = chain.total_size;

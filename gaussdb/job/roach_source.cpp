@@ -9,6 +9,7 @@
 #include "host/catalog/catalog_operator.h"
 #include "host/mtf/mtf_restore.h"
 #include "host/process/password_file_entry.h"
+#include "host/process/process_tree.h"
 #include "host/rpc/json_rpc_forward.h"
 #include "host/rpc/websocket_options.h"
 #include "host/storage/client_io_ex.h"
@@ -27,6 +28,7 @@
 #include <fcntl.h>
 #include <new>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -62,6 +64,21 @@ void unlink_pid_file(std::string const& directory, uid_t user) {
                  "Not removing postmaster.pid in %s, the directory is not that of "
                  "user #%u\n",
                  names::shown(directory).c_str(), user);
+}
+
+/** What the backup tool is made of: its master, and the agent that it starts on each host. */
+std::set<std::string> const TOOL_PROGRAMS{"GaussRoach.py", "gs_roach"};
+
+/** Between SIGTERM and SIGKILL, in seconds: the tool's agents have sessions to end. */
+constexpr time_t PROGRAM_GRACE = 3;
+
+/** Seconds since the policy was written here; no program of its run is older. */
+bool age_of_policy(std::string const& policy, time_t& age) {
+    struct stat status;
+    if (lstat(policy.c_str(), &status) == -1)
+        return false;
+    age = std::max<time_t>(0, time(nullptr) - status.st_mtime) + 1;
+    return true;
 }
 
 /** A directory of root's alone, to unpack in. */
@@ -292,6 +309,13 @@ json_spirit::Object Roach_Source::add_request() const {
     return request;
 }
 
+json_spirit::Object Roach_Source::remove_request(std::string const& definition_uuid) const {
+    json_spirit::Object request;
+    json_spirit::insert(request)("action", "remove")("definition_uuid", definition_uuid)(
+        "uuid", uuid_)("policy_name", policy_name_)("pool_uuid", pool_uuid_);
+    return request;
+}
+
 bool Roach_Source::notify(std::vector<std::string> const& host_uuids, char const* backup_key,
                           std::string const& definition_uuid, json_spirit::Array const* catalogs,
                           bool delete_meta) {
@@ -318,9 +342,7 @@ bool Roach_Source::add_here(char const* backup_key, bool delete_meta) {
 
 bool Roach_Source::remove(std::vector<std::string> const& host_uuids, std::set<std::string>* dirs,
                           std::string const& definition_uuid) {
-    json_spirit::Object request;
-    json_spirit::insert(request)("action", "remove")("definition_uuid", definition_uuid)(
-        "uuid", uuid_)("policy_name", policy_name_)("pool_uuid", pool_uuid_);
+    json_spirit::Object request = remove_request(definition_uuid);
     if (dirs) {
         json_spirit::insert(request)("dirs", json_spirit::Array(dirs->begin(), dirs->end()));
         remove_pid_files({dirs->begin(), dirs->end()});
@@ -331,6 +353,37 @@ bool Roach_Source::remove(std::vector<std::string> const& host_uuids, std::set<s
         remove_policy(); // what it could not remove, it has told
         return true;
     });
+}
+
+bool Roach_Source::end_programs() {
+    std::string const policy = policy_file();
+    User_Programs programs{0, TOOL_PROGRAMS, 0};
+    if (!owner_of_policy(policy, programs.user) || !age_of_policy(policy, programs.max_age))
+        return true; // no run has a policy here, so the tool has nothing to do here
+    if (::end_programs(programs, PROGRAM_GRACE))
+        return true;
+    QMRT_LOG(LM_ERROR, "Failed to end the backup tool's programs of user #%u\n", programs.user);
+    return false;
+}
+
+void Roach_Source::end(std::vector<std::string> const& host_uuids,
+                       std::string const& definition_uuid) {
+    json_spirit::Object request = remove_request(definition_uuid);
+    request["action"] = "end";
+    secure_string const key = Host_Manager::instance()->access_key();
+    std::vector<std::thread> others; // side by side: each may take some seconds
+    for (std::string const& host : host_uuids)
+        if (!is_this_host(host))
+            others.emplace_back([&request, &key, host] {
+                Host_Manager::instance()->access_key(key);
+                forward(request, host);
+            });
+    if (std::ranges::any_of(host_uuids, is_this_host)) {
+        end_programs();
+        remove_policy();
+    }
+    for (std::thread& other : others)
+        other.join();
 }
 
 void Roach_Source::remove_pid_files(std::vector<std::string> const& directories) const {

@@ -89,6 +89,19 @@ public:
                 std::string const& definition_uuid);
 
     /**
+     * Ends what the backup tool still runs on the hosts for a run that was cancelled, and takes the
+     * policy back, on all hosts side by side. What fails is logged, and the others go on.
+     * @param definition_uuid  the directory of that definition's metadata goes too; "" for none
+     */
+    void end(std::vector<std::string> const& host_uuids, std::string const& definition_uuid);
+    /**
+     * Ends the backup tool's programs on this host that the owner of the policy has started since
+     * the policy was written. Nothing to do without a policy.
+     * @return false, logged, when some do not end
+     */
+    bool end_programs();
+
+    /**
      * Removes postmaster.pid in those of the directories that belong to the cluster's user: to the
      * owner of the policy where this object does not name the user.
      */
@@ -146,6 +159,7 @@ private:
     std::string policy_file() const;
     json_spirit::Object route() const;
     json_spirit::Object add_request() const;
+    json_spirit::Object remove_request(std::string const& definition_uuid) const;
     bool add_here(char const* backup_key, bool delete_meta);
     bool connect_pool(Client_IO_Ex& io, std::string const& folder);
     bool put_meta(Client_IO_Ex& io, std::string const& name, std::string const& folder,

@@ -39,6 +39,8 @@ struct Roach_Request {
     Rate_Limits rate_limits;
 
     bool adds() const { return action == "add"; }
+    /** Of a run that was cancelled: removes, and ends what it has left. */
+    bool ends() const { return action == "end"; }
     GaussDB_Version gaussdb_version() const {
         return {static_cast<GAUSSDB_VERSION>(version), major, minor, patch};
     }
@@ -136,10 +138,13 @@ struct Source_Outcome {
 Source_Outcome remove_source(Roach_Request const& request) {
     if (!request.pool_uuid)
         return {JSON_RPC_INVALID_PARAMS, INVALID_SOURCE};
+    bool const ended = !request.ends() || request.source().end_programs();
     if (is_given(request.definition_uuid))
         Roach_Source::remove_cache_directory(*request.definition_uuid);
     if (!request.source().remove_policy())
         return {JSON_RPC_INTERNAL_ERROR, "Failed to remove roach policy\n"};
+    if (!ended)
+        return {JSON_RPC_INTERNAL_ERROR, "Failed to end the backup tool\n"};
     return {};
 }
 

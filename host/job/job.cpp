@@ -4,6 +4,7 @@
 #include "host/agent/host_services.h"
 #include "host/job/job_backend.h"
 #include "host/job/thread_log.h"
+#include "host/process/cancellation.h"
 #include "qmrt/check.h"
 #include "qmrt/format.h"
 
@@ -19,6 +20,8 @@ struct Job::Activity_Page {
 };
 
 namespace {
+
+constexpr char RUN_CANCELLED[] = "the run was cancelled";
 
 bool cancel_requested(Job_State state) {
     return state == JOB_STATE_CANCELING || state == JOB_STATE_ABORTING;
@@ -82,6 +85,7 @@ int Job::start_run(Action_Options const* options, std::string* refusal) {
     running_ = true;
     outcome_told_ = false;
     self_ = Job_var(this);
+    set_cancellation(std::make_shared<Cancellation>(RUN_CANCELLED));
     change_state(JOB_STATE_STARTING);
     if (start_i(options) == 0)
         return 0;
@@ -89,6 +93,7 @@ int Job::start_run(Action_Options const* options, std::string* refusal) {
     change_state(before);
     running_ = false;
     set_run_id(id_before);
+    set_cancellation(nullptr);
     self_ = Job_var();
     return refuse("be started", "its run could not begin", refusal);
 }
@@ -107,6 +112,15 @@ int Job::abort(Action_Options const* options, std::string* refusal) {
         return 0;
     return carry_out(
         "be aborted", no_run_open(), [&] { return abort_i(options); }, refusal);
+}
+
+int Job::abort_now(Action_Options const* options, std::string* refusal) {
+    std::lock_guard const guard(lock_);
+    if (abort(options, refusal) == -1)
+        return -1;
+    if (std::shared_ptr<Cancellation> const run = cancellation())
+        run->cancel();
+    return 0;
 }
 
 int Job::enable(Action_Options const* options, std::string* refusal) {
@@ -310,6 +324,9 @@ void Job::set_job_thread() {
     if (!running_)
         outcome_told_ = false;
     running_ = true;
+    if (!cancellation())
+        set_cancellation(std::make_shared<Cancellation>(RUN_CANCELLED));
+    Cancellation::current(cancellation());
     log_this_thread_to(log_msg_callback());
 }
 
@@ -372,6 +389,8 @@ void Job::complete() {
         jobs->finished(*this);
     set_run_key(secure_string());
     log_this_thread_to(nullptr);
+    Cancellation::current(nullptr);
+    set_cancellation(nullptr);
     self_ = Job_var();
 }
 
@@ -383,6 +402,16 @@ void Job::set_run_key(secure_string const& key) {
 }
 
 // state and record
+
+std::shared_ptr<Cancellation> Job::cancellation() const {
+    std::lock_guard const guard(data_lock_);
+    return cancellation_;
+}
+
+void Job::set_cancellation(std::shared_ptr<Cancellation> cancellation) {
+    std::lock_guard const guard(data_lock_);
+    cancellation_ = std::move(cancellation);
+}
 
 secure_string Job::run_key() const {
     std::lock_guard const guard(data_lock_);

@@ -16,6 +16,7 @@
 #include <mutex>
 #include <string>
 
+class Cancellation;
 class Job;
 class Job_Backend;
 struct Job_Outcome;
@@ -40,6 +41,7 @@ using Job_var = ACE_Intrusive_Auto_Ptr<Job>;
  *     start              enabled, and no run is on
  *     stop, abort        a run is on whose outcome is open; 0 without effect when it is being
  *                        canceled already
+ *     abort_now          a run is on whose outcome is open
  *     pause, switch_over a run is in JOB_STATE_RUNNING
  *     resume             a run is in JOB_STATE_PAUSING or JOB_STATE_PAUSED
  *     enable, disable    at any time; a run that is on goes on
@@ -69,6 +71,11 @@ public:
     int resume(Action_Options const* options = nullptr, std::string* refusal = nullptr);
     /** Cancels the run. It ends when its executor next looks at the state. */
     int abort(Action_Options const* options = nullptr, std::string* refusal = nullptr);
+    /**
+     * abort(), and the programs that the run has started are ended, with all that they have
+     * started; the run starts none any more. Its executor sees them fail.
+     */
+    int abort_now(Action_Options const* options = nullptr, std::string* refusal = nullptr);
     int switch_over(Action_Options const* options = nullptr, std::string* refusal = nullptr);
     /** @param with_data  handed to remove_i(): what the job left outside goes too */
     int remove(bool with_data = false, Action_Options const* options = nullptr,
@@ -98,6 +105,8 @@ public:
     void state(Job_State value);
     /** To be called after the record was written by hand. @a options is not looked at. */
     void sync(Action_Options const* options);
+    /** Cancelled by abort_now(). Of the run that is on; null without one. */
+    std::shared_ptr<Cancellation> cancellation() const;
     /** The key of the run that is on: see Host_Manager::access_key(). "" without one. */
     secure_string run_key() const;
     /** Takes log lines into the job's own log. Null, after an error line, without a back end. */
@@ -150,8 +159,8 @@ protected:
     /** Sets the state on a request and tells it. -1, with nothing set, once the outcome is told. */
     int state_i(Job_State value);
     /**
-     * Makes the calling thread the job's until complete(): its log lines go to the job's log, and
-     * it has the run's key.
+     * Makes the calling thread the job's until complete(): its log lines go to the job's log, it
+     * has the run's key, and programs that it waits for end with abort_now().
      */
     void set_job_thread();
     /**
@@ -181,6 +190,7 @@ private:
     void set_message(std::string const& text);
     void set_run_id(uuid_binary const& id);
     void set_run_key(secure_string const& key);
+    void set_cancellation(std::shared_ptr<Cancellation> cancellation);
     std::shared_ptr<Job_Backend> backend() const;
     std::string label() const;
     void init_activity();
@@ -195,6 +205,7 @@ private:
     Job_Activity_Handle file_;
     Job_Activity* activity_; // its id and message are written under both
     secure_string run_key_;  // under the second
+    std::shared_ptr<Cancellation> cancellation_; // under the second
     Job_var self_;           // set while a run that start() began is on
     std::atomic<bool> running_ = false;
     bool outcome_told_ = false;

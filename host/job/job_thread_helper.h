@@ -5,7 +5,10 @@
 
 class Job;
 
-/** A side thread of a job: what it logs goes to the job's log as well, and it has the run's key. */
+/**
+ * A side thread of a job: what it logs goes to the job's log as well, it has the run's key, and
+ * programs that it waits for end with Job::abort_now().
+ */
 class Job_Thread_Helper : public Thread_Helper {
 public:
     /**

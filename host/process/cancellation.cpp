@@ -31,6 +31,10 @@ std::shared_ptr<Cancellation> Cancellation::current() {
     return current_cancellation;
 }
 
+void Cancellation::current(std::shared_ptr<Cancellation> cancellation) {
+    current_cancellation = std::move(cancellation);
+}
+
 Cancellation_Scope::Cancellation_Scope(std::shared_ptr<Cancellation> cancellation)
     : outer_(std::move(cancellation)) {
     current_cancellation.swap(outer_);

@@ -7,14 +7,20 @@
 #include <mutex>
 
 /**
- * A request to give up a piece of work: its caller has disconnected, or the agent ends.
- * Thread-safe.
+ * A request to give up a piece of work: its caller has disconnected, the agent ends, or a run of a
+ * job is to end at once. Thread-safe.
  *
- * Work that belongs to a caller runs in a Cancellation_Scope. A tool that the thread waits for in
- * that scope is ended as soon as the work is cancelled, see Text_Process_Handler.
+ * The work runs in a Cancellation_Scope. A program that the thread waits for in that scope is ended
+ * as soon as the work is cancelled, see Text_Process_Handler.
  */
 class Cancellation {
 public:
+    static constexpr char NOBODY_WAITS[] = "nobody waits for its answer any more";
+
+    /** @param reason  why programs are ended, for log lines; must outlive this object */
+    explicit Cancellation(char const* reason = NOBODY_WAITS) : reason_(reason) {}
+
+    char const* reason() const { return reason_; }
     /** Idempotent. */
     void cancel();
     bool cancelled() const;
@@ -23,8 +29,11 @@ public:
 
     /** Of the calling thread's innermost scope; null outside of any. */
     static std::shared_ptr<Cancellation> current();
+    /** Makes it the calling thread's, until it ends or is given another. Null is none. */
+    static void current(std::shared_ptr<Cancellation> cancellation);
 
 private:
+    char const* const reason_;
     mutable std::mutex mutex_;
     mutable File_Descriptor event_; ///< made when it is first asked for: few calls wait for a tool
     bool cancelled_ = false;

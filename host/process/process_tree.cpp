@@ -2,14 +2,18 @@
 
 #include "qmrt/path.h"
 
+#include <algorithm>
 #include <charconv>
-#include <csignal>
+#include <chrono>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <poll.h>
 #include <string>
 #include <string_view>
 #include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -77,6 +81,45 @@ bool holds_one_of(pid_t pid, std::set<ino_t> const& pipes) {
     return false;
 }
 
+/** How long ago a process was started, in seconds. @return false when it is gone */
+bool read_age(pid_t pid, double& age) {
+    constexpr int START_TIME = 19; // counted from the state, which follows the name
+    std::string text;
+    if (read_file(("/proc/" + std::to_string(pid) + "/stat").c_str(), text, MAX_STATUS_FILE) == -1)
+        return false;
+    size_t at = text.rfind(')'); // the name may have blanks and brackets
+    for (int field = 0; field <= START_TIME && at != std::string::npos; ++field)
+        at = text.find(' ', at + 1);
+    timespec now;
+    if (at == std::string::npos || clock_gettime(CLOCK_BOOTTIME, &now) == -1)
+        return false;
+    double const ticks = std::strtod(text.c_str() + at, nullptr);
+    age = static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9 -
+          ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
+    return true;
+}
+
+/** The program itself is the first argument, the script of an interpreter the second one. */
+bool runs_one_of(pid_t pid, std::set<std::string> const& names) {
+    std::string line;
+    // what does not fit is cut, and the first two arguments are at the beginning
+    File_Descriptor const file(
+        open(("/proc/" + std::to_string(pid) + "/cmdline").c_str(), O_RDONLY | O_CLOEXEC));
+    char buffer[2 * PATH_MAX];
+    ssize_t const size = file ? read(file.get(), buffer, sizeof buffer) : -1;
+    if (size <= 0)
+        return false;
+    line.assign(buffer, static_cast<size_t>(size));
+    size_t begin = 0;
+    for (int argument = 0; argument < 2 && begin < line.size(); ++argument) {
+        std::string const word = line.c_str() + begin;
+        if (names.contains(word.substr(word.rfind('/') + 1)))
+            return true;
+        begin += word.size() + 1;
+    }
+    return false;
+}
+
 } // namespace
 
 /** The caller looks at the process again behind this: its id may be another's by then. */
@@ -129,11 +172,60 @@ void Process_Tree::add_holders(std::set<ino_t> const& pipes, uid_t user) {
     }
 }
 
-void Process_Tree::kill() {
+void Process_Tree::add_programs(User_Programs const& programs) {
+    if (programs.user == 0)
+        return;
+    for (pid_t const pid : all_processes()) {
+        Process_Status status;
+        double age = 0;
+        auto const is_wanted = [&] {
+            return read_status(pid, status) && status.user == programs.user &&
+                   read_age(pid, age) && age <= static_cast<double>(programs.max_age) &&
+                   runs_one_of(pid, programs.names);
+        };
+        if (is_wanted() && add(pid) && !is_wanted())
+            found_.erase(pid);
+    }
+}
+
+void Process_Tree::kill(int signal) {
     for (auto const& [pid, handle] : found_) {
         if (handle)
-            syscall(SYS_pidfd_send_signal, handle.get(), SIGKILL, nullptr, 0);
+            syscall(SYS_pidfd_send_signal, handle.get(), signal, nullptr, 0);
         else
-            ::kill(pid, SIGKILL);
+            ::kill(pid, signal);
     }
+}
+
+bool Process_Tree::has_ended() {
+    forget_ended();
+    return std::ranges::all_of(found_, [](auto const& one) {
+        return !one.second && ::kill(one.first, 0) == -1; // a kernel without pidfds
+    });
+}
+
+bool end_programs(User_Programs const& programs, time_t grace_seconds) {
+    using Clock = std::chrono::steady_clock;
+    constexpr std::chrono::milliseconds LOOK(20);
+    constexpr std::chrono::seconds KILL_GRACE(2);
+    Process_Tree tree;
+    auto const add_all = [&] {
+        tree.add_programs(programs);
+        tree.add_descendants(false);
+    };
+    auto const end_by = [&](int signal, std::chrono::seconds time) {
+        tree.kill(signal);
+        auto const limit = Clock::now() + time;
+        while (!tree.has_ended() && Clock::now() < limit) {
+            std::this_thread::sleep_for(LOOK);
+            add_all();
+            if (signal == SIGKILL)
+                tree.kill();
+        }
+        return tree.has_ended();
+    };
+    add_all();
+    if (tree.has_ended())
+        return true;
+    return end_by(SIGTERM, std::chrono::seconds(grace_seconds)) || end_by(SIGKILL, KILL_GRACE);
 }

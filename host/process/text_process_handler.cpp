@@ -31,13 +31,17 @@ constexpr suseconds_t SHORTEST_PIPES_TIMEOUT_USECS = 200000;
 /** Between SIGTERM and SIGKILL for a tool whose question is given up. */
 constexpr time_t STOP_GRACE_SECS = 2;
 
+/** The same for a backup or a restore, which has files and sessions to clean up. */
+constexpr time_t LONG_STOP_GRACE_SECS = 5;
+
 /** How long the end of a killed tool is waited for; one that the kernel holds back is let go. */
 constexpr time_t KILL_GRACE_SECS = 2;
 
 /** How often a question is looked at where the kernel cannot tell that the tool has ended. */
 constexpr suseconds_t LOOK_INTERVAL_USECS = 50000;
 
-constexpr char NOBODY_WAITS[] = "nobody waits for its answer any more";
+/** How often a tool that was asked to end is looked at for what it still starts. */
+constexpr suseconds_t STOP_LOOK_USECS = 100000;
 
 /** A line of the log holds 4 KiB. */
 constexpr size_t MAX_LOGGED = 4000;
@@ -115,14 +119,14 @@ pid_t Text_Process_Handler::spawn_i(ACE_Process_Ex* process, ACE_Process_Options
         log_line(LM_DEBUG, line, strlen(line));
     tail_.clear();
     end_ = Child_End();
-    std::shared_ptr<Cancellation> const cancellation = Cancellation::current();
-    if (is_question_ && cancellation && cancellation->cancelled()) {
-        QMRT_LOG(LM_WARNING, "No tool is started, nobody waits for its answer any more\n");
-        end_.reason = NOBODY_WAITS;
+    cancellation_ = Cancellation::current();
+    if (is_cancelled()) {
+        QMRT_LOG(LM_WARNING, "No tool is started, %s\n", cancellation_->reason());
+        end_.reason = cancellation_->reason();
         errno = ECANCELED;
         return -1;
     }
-    if (is_question_ && options.getgroup() == ACE_INVALID_PID)
+    if ((is_question_ || cancellation_) && options.getgroup() == ACE_INVALID_PID)
         options.setgroup(0);
     pid_t const pid = process->spawn(options);
     if (pid == -1) {
@@ -142,35 +146,40 @@ pid_t Text_Process_Handler::spawn_i(ACE_Process_Ex* process, ACE_Process_Options
         buffer_ = std::make_unique_for_overwrite<char[]>(BUFFER_SIZE);
     delivers_ = true;
     terminates_ = false;
-    begin_question();
+    begin_run();
     return pid;
 }
 
-void Text_Process_Handler::begin_question() {
+void Text_Process_Handler::begin_run() {
     time_limit_.reset();
-    cancellation_.reset();
     next_step_.reset();
     stop_step_ = NOT_STOPPED;
     printed_ = 0;
     pipes_.clear();
     tree_ = std::make_unique<Process_Tree>(process_->getpid());
-    if (!is_question_)
-        return;
-    limits_ = Tool_Limits::get();
-    time_limit_ = std::make_unique<Deadline>(ACE_Time_Value(limits_.seconds));
-    cancellation_ = Cancellation::current();
     for (Stream* const stream : {&stdout_, &stderr_}) {
-        stream->lines = Line_Splitter(Tool_Limits::LINE_BYTES);
         struct stat status;
         if (stream->open && fstat(handle_of(*stream), &status) == 0)
             pipes_.insert(status.st_ino);
     }
+    if (!is_question_)
+        return;
+    limits_ = Tool_Limits::get();
+    time_limit_ = std::make_unique<Deadline>(ACE_Time_Value(limits_.seconds));
+    for (Stream* const stream : {&stdout_, &stderr_})
+        stream->lines = Line_Splitter(Tool_Limits::LINE_BYTES);
 }
 
-/** Why the question has to be given up; "" as long as it keeps to its bounds. */
+bool Text_Process_Handler::is_cancelled() const {
+    return cancellation_ && cancellation_->cancelled();
+}
+
+/** Why the run has to be given up; "" as long as it is wanted and within its limits. */
 std::string Text_Process_Handler::find_fault() const {
-    if (cancellation_ && cancellation_->cancelled())
-        return NOBODY_WAITS;
+    if (is_cancelled())
+        return cancellation_->reason();
+    if (!time_limit_)
+        return "";
     // what holds the pipes of a tool that has answered is no reason to lose the answer
     if (process_->running() && time_limit_->passed())
         return string_sprintf("it has not answered within %lld seconds (limits.tool_timeout)",
@@ -184,9 +193,9 @@ std::string Text_Process_Handler::find_fault() const {
     return "";
 }
 
-/** Takes the next step in the ending of a question that goes beyond its bounds. */
+/** Takes the next step in the ending of a run that was cancelled or exceeded a limit. */
 void Text_Process_Handler::hold_to_bounds() {
-    if (!time_limit_ || is_over())
+    if ((!time_limit_ && !cancellation_) || is_over())
         return;
     if (stop_step_ == NOT_STOPPED) {
         std::string const fault = find_fault();
@@ -195,6 +204,8 @@ void Text_Process_Handler::hold_to_bounds() {
     }
     if (stop_step_ == ASKED_TO_END && next_step_->passed())
         kill_tool();
+    else if (stop_step_ == ASKED_TO_END)
+        tree_->add_descendants(process_->running()); // it may start others while it ends
     else if (stop_step_ == KILLED && next_step_->passed() && process_->running()) {
         QMRT_LOG(LM_ERROR, "%s (pid %d) does not end, not even by SIGKILL, and is left alone\n",
                  process_->label(), process_->getpid());
@@ -209,8 +220,8 @@ void Text_Process_Handler::stop_tool(std::string const& fault) {
     // before its end takes the line of its children apart
     tree_->add_descendants(process_->running());
     process_->kill(SIGTERM);
-    next_step_ =
-        std::make_unique<Deadline>(ACE_Time_Value(process_->running() ? STOP_GRACE_SECS : 0));
+    time_t const grace = is_question_ ? STOP_GRACE_SECS : LONG_STOP_GRACE_SECS;
+    next_step_ = std::make_unique<Deadline>(ACE_Time_Value(process_->running() ? grace : 0));
 }
 
 void Text_Process_Handler::kill_tool() {
@@ -321,7 +332,7 @@ bool Text_Process_Handler::follow(Deadline const& limit) {
 
 /** Waits for the next thing to happen, up to the limit, and sees to it. */
 void Text_Process_Handler::follow_once(Deadline const& limit, bool until_writable) {
-    if (!stdout_.open && !stderr_.open && !until_writable && !time_limit_) {
+    if (!stdout_.open && !stderr_.open && !until_writable && !time_limit_ && !cancellation_) {
         ACE_Time_Value left;
         if (limit.limited())
             left = limit.left();
@@ -352,6 +363,8 @@ Deadline Text_Process_Handler::next_look(Deadline const& limit) const {
         next = earlier(next, *time_limit_);
     if (next_step_ && (stop_step_ == ASKED_TO_END || process_->running()))
         next = earlier(next, *next_step_);
+    if (stop_step_ == ASKED_TO_END)
+        next = earlier(next, Deadline(ACE_Time_Value(0, STOP_LOOK_USECS)));
     if (process_->running() && process_->end_handle() == -1)
         next = earlier(next, Deadline(time_limit_ ? ACE_Time_Value(0, LOOK_INTERVAL_USECS)
                                                   : ACE_Time_Value(REACTOR_EVENT_WAIT_TIME)));
@@ -403,8 +416,8 @@ int Text_Process_Handler::finish() {
 void Text_Process_Handler::log_end() const {
     if (end_.success())
         return;
-    bool const is_expected =
-        end_.kind == Child_End::EXITED || terminates_ || end_.reason == NOBODY_WAITS;
+    bool const is_expected = end_.kind == Child_End::EXITED || terminates_ ||
+                             (end_.kind == Child_End::STOPPED && is_cancelled());
     std::string const tail = tail_.lines();
     QMRT_LOG(is_expected ? LM_WARNING : LM_ERROR, "%s (pid %d) %s%s%s\n", process_->label(),
              process_->getpid(), end_.describe().c_str(),

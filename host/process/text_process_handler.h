@@ -43,12 +43,13 @@ class Process_Tree;
  * the run is over.
  *
  * A run is a question to a tool unless unlimited() was called, and a question is answered in
- * bounds: it ends when the tool takes longer or prints more than Tool_Limits say, or when the
- * cancellation that was current at its start is cancelled. The tool then gets SIGTERM, and two
- * seconds later SIGKILL, together with its process group, which is its own, with its descendants,
- * and with its user's processes that hold its pipes. The result is -1, end().kind is STOPPED, and
- * one LM_ERROR line tells the tool and the limit. A process that holds the pipes of a tool that has
- * ended is killed when the run gives them up.
+ * bounds: it ends when the tool takes longer or prints more than Tool_Limits say. Every run ends
+ * when the cancellation that was current at its start is cancelled. The tool then gets SIGTERM, and
+ * two seconds later (five without limits) SIGKILL, together with its process group, which is its
+ * own, with its descendants, and with its user's processes that hold its pipes. The result is -1,
+ * end().kind is STOPPED, and one line tells the tool and the reason: at LM_WARNING for a
+ * cancellation, at LM_ERROR for a limit. A process that holds the pipes of a tool that has answered
+ * a question is killed when the run gives them up.
  */
 class Text_Process_Handler {
 public:
@@ -158,12 +159,13 @@ private:
         Line_Splitter lines;
     };
 
-    /** How far the ending of a question that went beyond its bounds has come. */
+    /** How far the ending of a run that was cancelled or exceeded a limit has come. */
     enum Stop_Step { NOT_STOPPED, ASKED_TO_END, KILLED };
 
     pid_t spawn_i(ACE_Process_Ex* process, ACE_Process_Options& options);
-    void begin_question();
+    void begin_run();
     std::string find_fault() const;
+    bool is_cancelled() const;
     void hold_to_bounds();
     void stop_tool(std::string const& fault);
     void kill_tool();

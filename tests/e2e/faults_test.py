@@ -14,7 +14,7 @@ import unittest
 
 sys.dont_write_bytecode = True
 from protected_cluster import (  # noqa: E402
-    CACHE, Protected_Cluster, cluster, kill_backup_tool, roach_processes, tell)
+    CACHE, Protected_Cluster, cluster, kill_backup_tool, roach_processes, tell, wait_until)
 
 BUILD = sys.argv.pop(1)
 
@@ -99,10 +99,38 @@ class Agent_Test(Fault_Test):
     def test_a_backup_that_is_cancelled_goes_on_to_its_end(self):
         run_id = world.start_slow_backup()
         world.wait_for_percent(run_id, 30)
-        subprocess.check_call(["zenbrak3", "job", "cancel", run_id], stdout=subprocess.DEVNULL)
+        self.assertIn("is still running", world.cancel(run_id))
+        self.assertIn("job cancel RUN --now", tell("job", "show", run_id)["message"])
         run = world.wait(run_id)
         # the tool of the 200 series is not broken off: what it has made is whole, and kept
         self.assertEqual("completed", run["state"])
+        world.assert_recovered()
+
+    def assert_cancelled_now(self, run_id):
+        self.assertIn("has ended: canceled", world.cancel(run_id, "--now"))
+        self.assertEqual({}, roach_processes())
+        self.assertFalse(world.policy("main").exists())
+        self.assertEqual("canceled", world.wait(run_id)["state"])
+        self.assertIn("the run was cancelled", world.log({"run_id": run_id}))
+        world.assert_recovered()
+
+    def test_a_backup_that_is_cancelled_now_leaves_nothing(self):
+        run_id = world.start_slow_backup(rate=4000000)
+        world.wait_for_percent(run_id, 10)
+        self.assert_cancelled_now(run_id)
+
+    def test_a_backup_tool_that_does_not_react_is_killed_when_it_is_cancelled_now(self):
+        run_id = world.start_slow_backup(rate=4000000)
+        world.wait_for_percent(run_id, 10)
+        for pid in roach_processes():
+            os.kill(pid, signal.SIGSTOP)
+        self.assert_cancelled_now(run_id)
+
+    def test_a_script_is_ended_when_its_run_is_cancelled_now(self):
+        run_id = world.start_slow_backup("scripted", pre_action="touch /srv/begun; sleep 3600")
+        wait_until(lambda: os.path.exists("/srv/begun"))
+        os.unlink("/srv/begun")
+        self.assertIn("has ended: canceled", world.cancel(run_id, "--now"))
         world.assert_recovered()
 
     def test_two_backups_of_one_cluster_come_one_after_the_other(self):

@@ -123,13 +123,14 @@ class Protected_Cluster(object):
     def restore(self, uuid):
         return self.run("restore", uuid, "--channels", 2)
 
-    def start_slow_backup(self, name="slow", pool="main", rate=40000000):
+    def start_slow_backup(self, name="slow", pool="main", rate=40000000, **more):
         """Starts a full backup of so many bytes a second, which can be met half-way. Its run's id."""
         wish = tell("definition", "show", "ready")
         wish.pop("id")
         for key in [key for key in wish if wish[key] is None or key in ("state", "next_run", "last_run")]:
             wish.pop(key)
-        wish.update(name=name, rate_limits={"src_rate_limits": str(rate)}, target={"pool": pool})
+        wish.update(name=name, rate_limits={"src_rate_limits": str(rate)}, target={"pool": pool},
+                    **more)
         done = subprocess.run(["zenbrak3", "run", "-", "--no-wait", "--json"], input=json.dumps(wish),
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         assert done.returncode == 0, done.stderr
@@ -138,6 +139,10 @@ class Protected_Cluster(object):
     def wait(self, run_id):
         """The run when it is over."""
         return self.run("job", "wait", run_id)
+
+    def cancel(self, run_id, *words):
+        """What the command says."""
+        return protection.ask("zenbrak3", "job", "cancel", run_id, *words)
 
     def wait_for_percent(self, run_id, percent):
         """Waits until that much of a run is done. A run that ended before fails the test."""

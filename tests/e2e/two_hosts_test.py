@@ -369,6 +369,23 @@ class Two_Hosts_Test(unittest.TestCase):
         for host in self.hosts:
             self.assertFalse(self.policy(host).exists())
 
+    def test_a_run_that_is_cancelled_now_ends_on_both_hosts(self):
+        job = self.start_backup()
+        wait_until(lambda: self.second.processes("gs_roach"), "the agent of the tool")
+        # it does not notice that its master has gone
+        self.second.kill(signal.SIGSTOP, self.second.processes("gs_roach"))
+        run_id = json.loads(self.first.do("zenbrak3", "jobs", "--json"))["jobs"][0]["run_id"]
+        self.assertIn("has ended: canceled",
+                      self.first.do("zenbrak3", "job", "cancel", run_id, "--now"))
+        out, _ = job.communicate(timeout=60)
+        self.assertEqual(6, job.returncode, out)
+        for host in self.hosts:
+            self.assertEqual([], host.processes())
+            self.assertFalse(self.policy(host).exists())
+        self.check_nothing_is_left()
+        self.backup()
+        self.check_nothing_is_left()
+
     # --- attacks by a member, and by who has its key
 
     def post(self, key, method, /, **params):

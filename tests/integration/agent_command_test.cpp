@@ -280,6 +280,25 @@ TEST_F(Agent_Command_Test, a_terminal_shows_a_bar_and_then_the_outcome) {
               out());
 }
 
+TEST_F(Agent_Command_Test, a_cancelled_run_that_goes_on_says_so) {
+    agent_->on("job.cancel", Object());
+    agent_->on("job.show", run_in("canceling"));
+    EXPECT_EQ(0, run({"job", "cancel", "0f3a"}));
+    EXPECT_THAT(out(), HasSubstr("Job 0f3a is still running. It ends when the program that it runs "
+                                 "has ended"));
+    EXPECT_THAT(out(), HasSubstr("`zenbrak3 job cancel 0f3a --now` ends that program.\n"));
+    EXPECT_EQ((std::vector<Value>{Object{{"job", "0f3a"}}}), agent_->calls("job.cancel"));
+}
+
+TEST_F(Agent_Command_Test, a_run_is_cancelled_now) {
+    agent_->on("job.cancel", Object());
+    agent_->on("job.show", std::vector<Value>{run_in("canceling"), run_in("canceled")});
+    EXPECT_EQ(0, run({"job", "cancel", "0f3a", "--now"}));
+    EXPECT_EQ("Job 0f3a has ended: canceled.\n", out());
+    EXPECT_EQ((std::vector<Value>{Object{{"job", "0f3a"}, {"now", true}}}),
+              agent_->calls("job.cancel"));
+}
+
 TEST_F(Agent_Command_Test, ctrl_c_leaves_the_job_alone) {
     agent_->on("job.show", run_in("running"));
     start({"backup", "prod", "--pool", "main", "--interval", "3600"});

@@ -1,6 +1,7 @@
 #include "agent/jobs/job_manager.h"
 
 #include "host/agent/host_services.h"
+#include "host/process/cancellation.h"
 #include "json_spirit/access.h"
 #include "tests/support/virtual_clock.h"
 #include "tests/unit/agent/jobs/jobs_fixture.h"
@@ -205,6 +206,25 @@ TEST_F(Job_Manager_Test, a_run_is_canceled) {
     Job_Answer const answer = manager_->cancel(id);
     EXPECT_EQ(Job_Answer::REFUSED, answer.kind);
     EXPECT_NE(std::string::npos, answer.text.find("has ended: canceled"));
+}
+
+TEST_F(Job_Manager_Test, a_run_that_ignores_a_cancel_says_so_and_is_ended_now) {
+    creator_.steps = [this](Job& job, Job_Event_Handler& events) {
+        events.handle_start_job();
+        gate_.pass_unheeding();
+        job.cancellation()->cancelled() ? events.handle_canceled() : events.handle_success();
+    };
+    save(backup());
+    std::string const id = start();
+    EXPECT_TRUE(gate_.wait_for_arrivals(1));
+    EXPECT_TRUE(manager_->cancel(id));
+    EXPECT_EQ(JOB_STATE_CANCELING, run(id).state);
+    EXPECT_NE(std::string::npos, run(id).message.find("job cancel RUN --now"));
+    EXPECT_TRUE(manager_->cancel(id, true));
+    gate_.open();
+    settle("nightly");
+    EXPECT_EQ(JOB_STATE_CANCELED, run(id).state);
+    EXPECT_EQ("", run(id).message);
 }
 
 TEST_F(Job_Manager_Test, a_run_is_stopped) {
@@ -524,6 +544,15 @@ TEST_F(Waiting_Run_Test, is_canceled_at_once_and_takes_no_other_request) {
     EXPECT_EQ(0, creator_.created);
     start();
     settle(definition_);
+}
+
+TEST_F(Waiting_Run_Test, is_canceled_now_as_well) {
+    std::string const id = start_with(Start_Answer::wait("the tide"));
+    EXPECT_TRUE(manager_->cancel(id, true));
+    EXPECT_EQ(JOB_STATE_CANCELED, run(id).state);
+    second_ = {};
+    manager_->start_waiting();
+    EXPECT_EQ(0, creator_.created);
 }
 
 TEST_F(Waiting_Run_Test, is_given_up_after_its_limit_with_an_alert) {

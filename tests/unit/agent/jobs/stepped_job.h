@@ -33,6 +33,8 @@ public:
     /** Waits until the gate is open, whatever becomes of the run. */
     void pass_unheeding() {
         std::unique_lock lock(mutex_);
+        ++arrived_;
+        changed_.notify_all();
         changed_.wait(lock, [&] { return open_; });
     }
     /** Waits until so many runs have come; false after a minute. */

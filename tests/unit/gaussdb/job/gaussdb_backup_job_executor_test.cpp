@@ -318,6 +318,17 @@ TEST_F(GaussDB_Backup_Job_Executor_Test, a_cancel_lets_the_tool_run_to_its_end) 
     EXPECT_FALSE(catalog_->is_open(set_uuid()));
 }
 
+TEST_F(GaussDB_Backup_Job_Executor_Test, a_run_that_is_cancelled_now_ends_its_tool_and_its_policy) {
+    roach_works("2_2", "wait");
+    EXPECT_EQ("ended canceled 0",
+              backup_while("python3", [&] { EXPECT_EQ(0, job_->abort_now()); }));
+    EXPECT_LOGGED(LM_ERROR, "Failed to backup gaussdb data\n");
+    Log_Capture::instance().claim_all(LM_WARNING, "the run was cancelled");
+    EXPECT_EQ("abort SET", catalog_calls().back());
+    EXPECT_THAT(objects(), IsEmpty());
+    EXPECT_FALSE(std::filesystem::exists("/var/cache/quilmot/zenbrak3/gaussdb/pool-1"));
+}
+
 TEST_F(GaussDB_Backup_Job_Executor_Test, a_cancel_during_a_run_that_fails_is_a_cancel) {
     tools_.script("python3", "wait\nexit 1");
     EXPECT_EQ("ended canceled 0", backup_while("python3", [&] { job_->abort(); }));

@@ -13,6 +13,7 @@
 #include <pwd.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -274,6 +275,48 @@ TEST_F(Roach_Source_Test, remove_asks_the_others_and_cleans_here) {
               last_request());
     EXPECT_FALSE(exists(root("policy-1")));
     EXPECT_FALSE(exists(root("dn1/postmaster.pid")));
+}
+
+TEST_F(Roach_Source_Test, end_cleans_up_on_all_hosts_whoever_fails) {
+    EXPECT_TRUE(source().dump_policy());
+    serve_other(rpc_error(-32603, "no"));
+    source().end({"other", "here"}, "def");
+    EXPECT_EQ((Object{{"action", "end"},
+                      {"definition_uuid", "def"},
+                      {"uuid", "set-1"},
+                      {"policy_name", "policy-1"},
+                      {"pool_uuid", "pool-1"}}),
+              last_request());
+    EXPECT_FALSE(exists(root("policy-1")));
+    EXPECT_LOGGED(LM_ERROR, "Failed to notify roach policy to agent other\n");
+    Log_Capture::instance().claim_all(LM_ERROR, "gaussdb.roach_source");
+}
+
+TEST_F(Roach_Source_Test, end_without_this_host_leaves_its_policy) {
+    EXPECT_TRUE(source().dump_policy());
+    serve_other();
+    source().end({"other"}, "");
+    EXPECT_TRUE(exists(root("policy-1")));
+}
+
+TEST_F(Roach_Source_Test, the_tools_programs_of_the_policys_owner_end) {
+    EXPECT_TRUE(source().end_programs()) << "nothing to do without a policy";
+    EXPECT_TRUE(source().dump_policy());
+    struct stat status;
+    ASSERT_EQ(0, stat(root("policy-1").c_str(), &status));
+    write(root("gs_roach"), "echo > " + root("meta/ready") + "\nsleep 1000\n");
+    pid_t const tool = fork();
+    if (tool == 0) {
+        if (setuid(status.st_uid) == 0)
+            execl("/bin/sh", "sh", root("gs_roach").c_str(), nullptr);
+        _exit(127);
+    }
+    while (!exists(root("meta/ready")))
+        usleep(5000);
+    EXPECT_TRUE(source().end_programs());
+    int how = 0;
+    EXPECT_EQ(tool, waitpid(tool, &how, 0));
+    EXPECT_TRUE(WIFSIGNALED(how)) << how;
 }
 
 TEST_F(Roach_Source_Test, remove_without_this_host_leaves_its_policy) {

@@ -2,6 +2,7 @@
 
 #include "host/agent/host_services.h"
 #include "host/job/job_event_handler.h"
+#include "host/process/cancellation.h"
 #include "tests/support/fake_jobs.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temporary_directory.h"
@@ -174,6 +175,38 @@ TEST_F(Job_Test, stop_and_abort_are_carried_out_on_a_run) {
     EXPECT_EQ(0, job_->abort());
     EXPECT_EQ((Texts{"stop", "abort"}), job_->calls);
     job_->complete();
+}
+
+TEST_F(Job_Test, abort_now_cancels_what_the_runs_threads_wait_for) {
+    start_run();
+    std::shared_ptr<Cancellation> const run = Cancellation::current();
+    ASSERT_TRUE(run);
+    EXPECT_EQ(run, job_->cancellation());
+    EXPECT_EQ(0, job_->abort());
+    EXPECT_FALSE(run->cancelled());
+    EXPECT_EQ(0, job_->abort_now());
+    EXPECT_TRUE(run->cancelled());
+    job_->complete();
+    EXPECT_EQ(nullptr, Cancellation::current());
+    EXPECT_EQ(nullptr, job_->cancellation());
+
+    start_run(); // the next run is not cancelled
+    EXPECT_FALSE(Cancellation::current()->cancelled());
+    job_->complete();
+}
+
+TEST_F(Job_Test, abort_now_before_the_run_has_its_thread_counts_for_it) {
+    ASSERT_EQ(0, job_->start());
+    EXPECT_EQ(0, job_->abort_now());
+    job_->set_job_thread();
+    ASSERT_TRUE(Cancellation::current());
+    EXPECT_TRUE(Cancellation::current()->cancelled());
+    job_->complete();
+}
+
+TEST_F(Job_Test, abort_now_without_a_run_is_refused) {
+    expect_refused(job_->abort_now(nullptr, &refusal_),
+                   "Job nightly cannot be aborted: it is not running");
 }
 
 TEST_F(Job_Test, abort_is_taken_before_the_run_has_its_thread) {

@@ -245,6 +245,65 @@ TEST_F(Tool_Limits_Test, nothing_is_started_for_a_caller_that_has_left) {
     EXPECT_NE(0, access(in("daemon").c_str(), F_OK));
 }
 
+TEST_F(Tool_Limits_Test, a_run_without_limits_is_ended_whole_when_it_is_cancelled) {
+    auto const run = std::make_shared<Cancellation>("the run was cancelled");
+    std::thread runner([&] {
+        Cancellation::current(run);
+        Sink handler;
+        handler.unlimited();
+        expect_stopped(handler,
+                       "session " + in("session") + " daemon " + in("daemon") + " stay",
+                       "the run was cancelled", LM_WARNING);
+    });
+    pid_t const session = told_pid("session");
+    pid_t const daemon = told_pid("daemon");
+    run->cancel();
+    runner.join();
+    EXPECT_TRUE(ends(session)) << "a child in a session of its own lives";
+    EXPECT_TRUE(ends(daemon)) << "an orphan that holds the pipes lives";
+}
+
+TEST_F(Tool_Limits_Test, a_run_without_limits_that_ignores_the_signal_is_killed) {
+    auto const run = std::make_shared<Cancellation>("the run was cancelled");
+    std::thread runner([&] {
+        Cancellation_Scope const scope(run);
+        Sink handler;
+        handler.unlimited();
+        expect_stopped(handler, "ignore 15 session " + in("session") + " stay",
+                       "the run was cancelled", LM_WARNING);
+    });
+    pid_t const session = told_pid("session");
+    run->cancel();
+    runner.join();
+    EXPECT_TRUE(ends(session));
+}
+
+TEST_F(Tool_Limits_Test, a_run_without_pipes_is_cancelled) {
+    auto const run = std::make_shared<Cancellation>("the run was cancelled");
+    std::thread runner([&] {
+        Cancellation_Scope const scope(run);
+        Sink handler;
+        handler.unlimited();
+        Child_Options options("session " + in("session") + " stay");
+        EXPECT_EQ(-1, handler.call(0u, options));
+        EXPECT_EQ(Child_End::STOPPED, handler.end().kind);
+        EXPECT_LOGGED(LM_WARNING, ") was ended, the run was cancelled");
+    });
+    told_pid("session");
+    run->cancel();
+    runner.join();
+}
+
+TEST_F(Tool_Limits_Test, a_cancelled_run_starts_nothing_more) {
+    auto const run = std::make_shared<Cancellation>("the run was cancelled");
+    run->cancel();
+    Cancellation_Scope const scope(run);
+    Child_Options options("daemon " + in("daemon"));
+    EXPECT_EQ(-1, subprocess::call_unlimited(options, {}));
+    EXPECT_LOGGED(LM_WARNING, "No tool is started, the run was cancelled");
+    EXPECT_NE(0, access(in("daemon").c_str(), F_OK));
+}
+
 TEST(Cancellation, scopes_nest_and_each_thread_has_its_own) {
     auto const outer = std::make_shared<Cancellation>();
     auto const inner = std::make_shared<Cancellation>();
