@@ -42,6 +42,21 @@ std::string hexadecimal(uint64_t number) {
     return string_sprintf("%016llx", static_cast<unsigned long long>(number));
 }
 
+constexpr unsigned FILE_NAME_FLAGS = HUT_FLAG_SLASH | HUT_FLAG_UPPERCASE;
+
+/** How much of a name a file's name has: its end. */
+constexpr size_t READABLE = 160;
+
+/** How much of a path is looked at to tell files apart: less than READABLE without an escape. */
+constexpr size_t TOLD_APART = 100;
+
+/** The end of what stands in a file's name for a path, in the one form for all files of it. */
+std::string readable_end(std::string end) {
+    if (end.starts_with("%2E")) // a dot at the beginning of a file's name is escaped
+        end.replace(0, 3, ".");
+    return end.substr(end.size() - std::min(end.size(), TOLD_APART));
+}
+
 bool is_zero(tm const& time) {
     return time.tm_year == 0 && time.tm_mon == 0 && time.tm_mday == 0 && time.tm_hour == 0 &&
            time.tm_min == 0 && time.tm_sec == 0;
@@ -117,11 +132,9 @@ void Xbsa_Object::write(BSA_ObjectDescriptor& descriptor, bool newest) const {
 }
 
 void Xbsa_Object::name_file() {
-    constexpr size_t READABLE = 160;
-    constexpr unsigned FLAGS = HUT_FLAG_SLASH | HUT_FLAG_UPPERCASE;
-    std::string readable = http_encode_string(space, FLAGS) +
+    std::string readable = http_encode_string(space, FILE_NAME_FLAGS) +
                            (space.empty() || path.empty() ? "" : ",") +
-                           http_encode_string(path, FLAGS);
+                           http_encode_string(path, FILE_NAME_FLAGS);
     // the end of a long path tells more than its beginning, and is not to begin within an escape
     if (readable.size() > READABLE) {
         size_t at = readable.size() - READABLE;
@@ -135,6 +148,28 @@ void Xbsa_Object::name_file() {
     if (readable.front() == '.')
         readable.replace(0, 1, "%2E");
     file = readable + "." + hexadecimal(copy_id) + compression_value_to_suffix(compression);
+}
+
+bool Xbsa_Object::parse_file(std::string const& file, std::string& path, uint64_t& copy_id) {
+    constexpr size_t DIGITS = 16;
+    std::string name = file;
+    for (Compression_Method const method : {COMPR_LZOP, COMPR_ZSTD})
+        if (std::string const suffix = compression_value_to_suffix(method); name.ends_with(suffix)) {
+            name.erase(name.size() - suffix.size());
+            break;
+        }
+    if (name.size() < DIGITS + 2 || name[name.size() - DIGITS - 1] != '.')
+        return false;
+    char* end = nullptr;
+    copy_id = strtoull(name.c_str() + name.size() - DIGITS, &end, 16);
+    name.erase(name.size() - DIGITS - 1);
+    // the comma between space and path is the only one that is not escaped
+    path = readable_end(name.substr(name.rfind(',') + 1));
+    return *end == '\0' && copy_id != 0;
+}
+
+std::string Xbsa_Object::readable_path(std::string const& path) {
+    return readable_end(http_encode_string(path, FILE_NAME_FLAGS));
 }
 
 json_spirit::Object Xbsa_Object::to_json() const {
@@ -188,6 +223,10 @@ bool Xbsa_Query::read(BSA_QueryDescriptor const& descriptor, BSA_ObjectOwner con
                      object_type_) &&
            read_enum(descriptor.objectStatus, BSA_ObjectStatus_ANY,
                      BSA_ObjectStatus_NOT_MOST_RECENT, status_);
+}
+
+std::string Xbsa_Query::exact_path() const {
+    return path_.find_first_of("*?\\") == std::string::npos ? path_ : "";
 }
 
 bool Xbsa_Query::wants_name(Xbsa_Object const& object) const {

@@ -42,6 +42,14 @@ struct Xbsa_Object {
 
     /** Names the data's file: readable for people, with the copy's id for the machine. */
     void name_file();
+    /**
+     * Takes such a name apart.
+     * @param path  gets readable_path() of the object's path
+     * @return false for a file that is not named like that
+     */
+    static bool parse_file(std::string const& file, std::string& path, uint64_t& copy_id);
+    /** What a file's name has of a path; equal for equal paths, and seldom for others. */
+    static std::string readable_path(std::string const& path);
 
     /** As it stands in the index; without the set. */
     json_spirit::Object to_json() const;
@@ -58,6 +66,8 @@ public:
      */
     bool read(BSA_QueryDescriptor const& descriptor, BSA_ObjectOwner const& owner);
 
+    /** The path name of all that is wanted; "" when it is a pattern or any. */
+    std::string exact_path() const;
     /** Whether owner and name are wanted. */
     bool wants_name(Xbsa_Object const& object) const;
     /** Whether the rest is wanted. @param newest  whether it is the most recent copy */

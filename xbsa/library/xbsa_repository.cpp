@@ -65,6 +65,10 @@ Storage_Result Xbsa_Repository::list(std::string const& folder,
 
 Xbsa_Result Xbsa_Repository::read_transaction(std::string const& set, std::string const& name,
                                               Transaction& transaction) const {
+    if (auto const known = remembered_.find(name); known != remembered_.end()) {
+        transaction = {name, known->second};
+        return {};
+    }
     std::string text;
     Storage_Result const result = read_whole(*connection_, name, text);
     if (result.code() == Storage_Result::NOT_FOUND)
@@ -90,7 +94,20 @@ Xbsa_Result Xbsa_Repository::read_transaction(std::string const& set, std::strin
     } catch (json_spirit::Error const& error) {
         return damaged(name, error.what());
     }
+    remember(transaction);
     return {};
+}
+
+void Xbsa_Repository::remember(Transaction const& transaction) const {
+    size_t const count = transaction.objects.size();
+    if (count > MAX_REMEMBERED)
+        return;
+    if (remembered_objects_ + count > MAX_REMEMBERED) {
+        remembered_.clear();
+        remembered_objects_ = 0;
+    }
+    remembered_.emplace(transaction.name, transaction.objects);
+    remembered_objects_ += count;
 }
 
 Xbsa_Result Xbsa_Repository::read_set(std::string const& set,
@@ -134,15 +151,35 @@ Xbsa_Result Xbsa_Repository::find_in_set(std::string const& set, Filter const& f
     return read;
 }
 
-Xbsa_Result Xbsa_Repository::find(Filter const& filter, Set_Filter const& set_filter,
-                                  std::vector<Xbsa_Object>& objects) const {
-    std::vector<Storage_Entry> sets;
-    Xbsa_Result result = list(root_, sets);
-    for (Storage_Entry const& set : sets) {
+Xbsa_Result Xbsa_Repository::choose_sets(Xbsa_Hint const& hint, std::vector<std::string>& sets) {
+    std::vector<Storage_Entry> folders;
+    Xbsa_Result result = list(root_, folders);
+    if (!result)
+        return result;
+    if (hint.empty()) {
+        for (Storage_Entry const& folder : folders)
+            if (folder.is_folder)
+                sets.push_back(folder.name);
+        return {};
+    }
+    auto const lister = [this](std::string const& set, std::vector<Storage_Entry>& files) {
+        return Xbsa_Result(list(set_folder(set), files));
+    };
+    result = index_.update(folders, lister, time(nullptr));
+    if (result)
+        sets = index_.find(hint);
+    return result;
+}
+
+Xbsa_Result Xbsa_Repository::find(Xbsa_Hint const& hint, Filter const& filter,
+                                  Set_Filter const& set_filter,
+                                  std::vector<Xbsa_Object>& objects) {
+    std::vector<std::string> sets;
+    Xbsa_Result result = choose_sets(hint, sets);
+    for (std::string const& set : sets) {
         if (!result)
             break;
-        if (set.is_folder)
-            result = find_in_set(set.name, filter, set_filter, objects);
+        result = find_in_set(set, filter, set_filter, objects);
     }
     return result;
 }

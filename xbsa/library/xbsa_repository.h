@@ -3,10 +3,12 @@
 
 #include "host/storage/storage_backend.h"
 #include "host/storage/xbsa_layout.h"
+#include "xbsa/library/xbsa_index.h"
 #include "xbsa/library/xbsa_object.h"
 #include "xbsa/library/xbsa_result.h"
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -43,9 +45,12 @@ public:
     /** Asked for a set with objects that are wanted, or that cannot be read: whether it counts. */
     using Set_Filter = std::function<Xbsa_Result(std::string const& set, bool& counts)>;
 
-    /** Finds the objects that are wanted, in all sets that count, in no order. */
-    Xbsa_Result find(Filter const& filter, Set_Filter const& set_filter,
-                     std::vector<Xbsa_Object>& objects) const;
+    /**
+     * Finds the objects that are wanted, in all sets that count, in no order.
+     * @param hint  true of all of them: spares the reading of other sets
+     */
+    Xbsa_Result find(Xbsa_Hint const& hint, Filter const& filter, Set_Filter const& set_filter,
+                     std::vector<Xbsa_Object>& objects);
     /** Removes an object, and its transaction's file when no other object of it is there. */
     Xbsa_Result remove(Xbsa_Object const& object) const;
 
@@ -54,6 +59,10 @@ private:
         std::string name; ///< of its file in the pool
         std::vector<Xbsa_Object> objects;
     };
+    using Objects = std::vector<Xbsa_Object>;
+
+    /** Objects of transactions' files that are kept in memory. */
+    static constexpr size_t MAX_REMEMBERED = 16384;
 
     std::string set_folder(std::string const& set) const { return root_ + "/" + set; }
     /** Reads what a set's transactions name, there or not. */
@@ -62,11 +71,17 @@ private:
                                  Transaction& transaction) const;
     Xbsa_Result find_in_set(std::string const& set, Filter const& filter,
                             Set_Filter const& set_filter, std::vector<Xbsa_Object>& objects) const;
+    Xbsa_Result choose_sets(Xbsa_Hint const& hint, std::vector<std::string>& sets);
+    void remember(Transaction const& transaction) const;
     /** Lists a folder; one that is not there has nothing in it. */
     Storage_Result list(std::string const& folder, std::vector<Storage_Entry>& entries) const;
 
     std::shared_ptr<Storage_Connection> connection_;
     std::string root_;
+    Xbsa_Index index_;
+    /** Of the last files that were read, by their names: a file is written once. */
+    mutable std::map<std::string, Objects> remembered_;
+    mutable size_t remembered_objects_ = 0;
 };
 
 #endif

@@ -68,7 +68,8 @@ private:
     };
     /** Whether the objects of a set are to be seen. */
     Xbsa_Result counts(std::string const& set, bool& does);
-    Xbsa_Result find(Xbsa_Repository::Filter const& filter, std::vector<Xbsa_Object>& objects);
+    Xbsa_Result find(Xbsa_Hint const& hint, Xbsa_Repository::Filter const& filter,
+                     std::vector<Xbsa_Object>& objects);
     Xbsa_Result find_copy(uint64_t copy_id, Xbsa_Object& object);
     static std::vector<Found> answer(Xbsa_Query const& wanted, std::vector<Xbsa_Object> objects);
 
