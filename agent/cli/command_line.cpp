@@ -112,6 +112,13 @@ void Command_Line::add_option_values(CLI::App& command) {
         ->take_all();
 }
 
+void Command_Line::add_consent(CLI::App& command) {
+    CLI::Option* const yes =
+        command.add_flag("-y,--yes", consent_.yes, "Do it without asking, as scripts need it");
+    command.add_flag("--dry-run", consent_.dry_run, "Show what it would do, and do nothing")
+        ->excludes(yes);
+}
+
 void Command_Line::add_agent_commands() {
     command(app_, "info", "Show what the agent is", "  zenbrak3 info\n", show_info);
     CLI::App* const checked = command(
@@ -158,7 +165,8 @@ void Command_Line::add_instance_commands() {
     CLI::App* const remove =
         command(*instances, "remove", "Forget an instance and its accounts",
                 "  zenbrak3 instance remove dws1\n",
-                [this](Command_Context& context) { return remove_instance(context, instance_); });
+                [this](Command_Context& context) { return remove_instance(context, instance_, consent_); });
+    add_consent(*remove);
 
     CLI::App* const databases = command(
         app_, "databases", "List the databases of an instance", "  zenbrak3 databases prod\n",
@@ -238,7 +246,8 @@ void Command_Line::add_pool_commands() {
         ->excludes("--read-only");
     CLI::App* const remove = command(
         *pools, "remove", "Remove a pool that holds no backups", "  zenbrak3 pool remove main\n",
-        [this](Command_Context& context) { return remove_pool(context, pool_); });
+        [this](Command_Context& context) { return remove_pool(context, pool_, consent_); });
+    add_consent(*remove);
     remove->add_option("POOL", pool_, "Its name or uuid")
         ->check(name_check(names::fault_of_label))
         ->required();
@@ -269,7 +278,8 @@ void Command_Line::add_member_commands() {
     CLI::App* const remove =
         command(*members, "remove", "Remove a member; its key opens nothing any more",
                 "  zenbrak3 member remove db2\n",
-                [this](Command_Context& context) { return remove_member(context, member_); });
+                [this](Command_Context& context) { return remove_member(context, member_, consent_); });
+    add_consent(*remove);
     remove->add_option("MEMBER", member_, "Its name")->required();
 }
 
@@ -325,9 +335,10 @@ void Command_Line::add_backup_command() {
 
     CLI::App* const remove = command(
         *backup, "remove", "Remove a backup and its data, for ever",
-        "  zenbrak3 backup remove 6f9619ff\n"
+        "  zenbrak3 backup remove 6f9619ff --yes\n"
         "  zenbrak3 backup remove 6f9619ff --with-dependents    and those that build on it\n",
-        [this](Command_Context& context) { return remove_backup(context, backup_, dependents_); });
+        [this](Command_Context& context) { return remove_backup(context, backup_, dependents_, consent_); });
+    add_consent(*remove);
     remove->add_option("BACKUP", backup_, "Its uuid, or a beginning that no other has")
         ->check(name_check(names::fault_of_id))
         ->required();
@@ -370,10 +381,13 @@ void Command_Line::check_backup() const {
 void Command_Line::add_restore_command() {
     CLI::App* const added =
         command(app_, "restore", "Restore a backup",
-                "  zenbrak3 restore 6f9619ff\n  zenbrak3 restore 6f9619ff --instance rehearsal\n",
+                "  zenbrak3 restore 6f9619ff --dry-run    what it would overwrite\n"
+                "  zenbrak3 restore 6f9619ff\n"
+                "  zenbrak3 restore 6f9619ff --instance rehearsal --yes\n",
                 [this](Command_Context& context) {
-                    return restore(context, backup_, instance_, wishes_, wait_);
+                    return restore(context, backup_, instance_, wishes_, wait_, consent_);
                 });
+    add_consent(*added);
     added->add_option("BACKUP", backup_, "Its uuid, or a beginning that no other has")
         ->check(name_check(names::fault_of_id))
         ->required();

@@ -46,6 +46,7 @@ private:
     void add_wait(CLI::App& command);
     void add_uid(CLI::App& command);
     void add_option_values(CLI::App& command);
+    void add_consent(CLI::App& command);
 
     void add_agent_commands();
     void add_instance_commands();
@@ -70,6 +71,7 @@ private:
     bool now_ = false;
     bool no_wait_ = false;
     Wait wait_;
+    Consent consent_;
     std::string level_ = "full";
     std::string instance_;
     std::string database_;

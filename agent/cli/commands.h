@@ -2,6 +2,7 @@
 #define AGENT_CLI_COMMANDS_H
 
 #include "agent/cli/command_context.h"
+#include "agent/cli/consent.h"
 #include "agent/cli/definition.h"
 
 #include <string>
@@ -19,7 +20,7 @@ int show_instance(Command_Context& context, std::string const& instance);
 /** @param options  "key=value" each */
 int save_instance(Command_Context& context, std::string const& instance,
                   std::vector<std::string> const& options);
-int remove_instance(Command_Context& context, std::string const& instance);
+int remove_instance(Command_Context& context, std::string const& instance, Consent const& consent);
 int list_databases(Command_Context& context, std::string const& instance, std::string const& uid);
 int list_schemas(Command_Context& context, std::string const& instance, std::string const& database,
                  std::string const& uid);
@@ -42,7 +43,7 @@ struct Pool_Wishes {
 int list_pools(Command_Context& context, double interval);
 int create_pool(Command_Context& context, Pool_Wishes const& wishes);
 int update_pool(Command_Context& context, std::string const& pool, Pool_Wishes const& wishes);
-int remove_pool(Command_Context& context, std::string const& pool);
+int remove_pool(Command_Context& context, std::string const& pool, Consent const& consent);
 
 /** What is to be said of a new member of the group. */
 struct Member_Wishes {
@@ -54,7 +55,7 @@ struct Member_Wishes {
 int list_members(Command_Context& context, double interval);
 /** Prints the new member's key on a line of its own, for a file. */
 int add_member(Command_Context& context, Member_Wishes const& wishes);
-int remove_member(Command_Context& context, std::string const& member);
+int remove_member(Command_Context& context, std::string const& member, Consent const& consent);
 
 struct Backup_Filter {
     std::string instance;
@@ -64,7 +65,8 @@ struct Backup_Filter {
 };
 int list_backups(Command_Context& context, Backup_Filter const& filter, double interval);
 int show_backup(Command_Context& context, std::string const& backup);
-int remove_backup(Command_Context& context, std::string const& backup, bool dependents);
+int remove_backup(Command_Context& context, std::string const& backup, bool dependents,
+                  Consent const& consent);
 
 int list_definitions(Command_Context& context, double interval);
 int show_definition(Command_Context& context, std::string const& definition);
@@ -80,7 +82,7 @@ struct Wait {
 int back_up(Command_Context& context, std::string const& instance, std::string const& pool,
             std::string const& level, Job_Wishes const& wishes, Wait const& wait);
 int restore(Command_Context& context, std::string const& backup, std::string const& restore_as,
-            Job_Wishes const& wishes, Wait const& wait);
+            Job_Wishes const& wishes, Wait const& wait, Consent const& consent);
 /** Saves a definition and starts it. */
 int run_definition_file(Command_Context& context, std::string const& file, Wait const& wait);
 int start_definition(Command_Context& context, std::string const& definition, Wait const& wait);

@@ -1,5 +1,6 @@
 // What is done: backups, restores, and the runs of jobs.
 #include "agent/cli/commands.h"
+#include "agent/cli/consequences.h"
 #include "agent/cli/definition_file.h"
 #include "agent/cli/interruption.h"
 #include "agent/cli/job_progress.h"
@@ -170,7 +171,7 @@ int back_up(Command_Context& context, std::string const& instance, std::string c
 }
 
 int restore(Command_Context& context, std::string const& backup, std::string const& restore_as,
-            Job_Wishes const& wishes, Wait const& wait) {
+            Job_Wishes const& wishes, Wait const& wait, Consent const& consent) {
     std::string const doing = "restore backup " + backup;
     Object found;
     if (!context.ask("backup.show", Object{{"backup", backup}}, doing, found,
@@ -186,6 +187,10 @@ int restore(Command_Context& context, std::string const& backup, std::string con
     if (!make_restore_definition(found, restore_as.empty() ? nullptr : &target, wishes, definition,
                                  error))
         return context.fail(EXIT_USAGE, "cannot " + doing + ": " + error);
+    std::string const name = restore_as.empty() ? object_get_str(found, "instance") : restore_as;
+    int status = EXIT_OK;
+    if (!consents(context, consent, restore_consequences(context, found, name), status))
+        return status;
     return start(context, {{"run", definition}}, doing, wait);
 }
 

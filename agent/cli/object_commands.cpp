@@ -1,5 +1,6 @@
 // What there is: the agent, its instances, accounts, pools, backups and definitions.
 #include "agent/cli/commands.h"
+#include "agent/cli/consequences.h"
 #include "agent/cli/definition_file.h"
 #include "agent/cli/password.h"
 #include "agent/cli/table.h"
@@ -233,7 +234,11 @@ int save_instance(Command_Context& context, std::string const& instance,
     return done(context, result, "Instance " + instance + " is on record.");
 }
 
-int remove_instance(Command_Context& context, std::string const& instance) {
+int remove_instance(Command_Context& context, std::string const& instance,
+                    Consent const& consent) {
+    int status = EXIT_OK;
+    if (!consents(context, consent, instance_consequences(context, instance), status))
+        return status;
     Object result;
     if (!context.ask("instance.remove", Object{{"instance", instance}},
                      "remove instance " + instance, result, LIST_INSTANCES))
@@ -328,7 +333,10 @@ int update_pool(Command_Context& context, std::string const& pool, Pool_Wishes c
     return done_with_pool(context, updated, "Pool " + pool + " is changed.");
 }
 
-int remove_pool(Command_Context& context, std::string const& pool) {
+int remove_pool(Command_Context& context, std::string const& pool, Consent const& consent) {
+    int status = EXIT_OK;
+    if (!consents(context, consent, pool_consequences(context, pool), status))
+        return status;
     Object result;
     if (!context.ask("pool.remove", Object{{"pool", pool}}, "remove pool " + pool, result,
                      LIST_POOLS))
@@ -363,7 +371,10 @@ int add_member(Command_Context& context, Member_Wishes const& wishes) {
     return done(context, result, json_spirit::object_get_str(result, "key"));
 }
 
-int remove_member(Command_Context& context, std::string const& member) {
+int remove_member(Command_Context& context, std::string const& member, Consent const& consent) {
+    int status = EXIT_OK;
+    if (!consents(context, consent, member_consequences(context, member), status))
+        return status;
     Object result;
     if (!context.ask("member.remove", Object{{"member", member}}, "remove member " + member, result,
                      LIST_MEMBERS))
@@ -426,11 +437,19 @@ int show_backup(Command_Context& context, std::string const& backup) {
     return EXIT_OK;
 }
 
-int remove_backup(Command_Context& context, std::string const& backup, bool dependents) {
-    Object params{{"backup", backup}}, result;
+int remove_backup(Command_Context& context, std::string const& backup, bool dependents,
+                  Consent const& consent) {
+    Object found, params, result;
+    std::string const doing = "remove backup " + backup;
+    if (!context.ask("backup.show", Object{{"backup", backup}}, doing, found, LIST_BACKUPS))
+        return context.status();
+    int status = EXIT_OK;
+    if (!consents(context, consent, backup_consequences(context, found, dependents), status))
+        return status;
+    params["backup"] = json_spirit::object_get_str(found, "uuid"); // the one that was shown
     if (dependents)
         params["dependents"] = true;
-    if (!context.ask("backup.remove", params, "remove backup " + backup, result, LIST_BACKUPS))
+    if (!context.ask("backup.remove", params, doing, result, LIST_BACKUPS))
         return context.status();
     std::string list;
     for (Value const& uuid : array_of(result, "removed"))

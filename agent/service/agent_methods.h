@@ -42,7 +42,7 @@ void add_agent_methods(Method_Table& methods, Agent_Config const& config,
 void note_tool_calls(Method_Table& methods, std::vector<std::string> const& module_methods);
 /** instance.*, account.save */
 void add_instance_methods(Method_Table& methods, Agent_Identity const& identity,
-                          Instance_Probe& probe);
+                          Instance_Probe& probe, Agent_Jobs& runs);
 /** pool.* */
 void add_pool_methods(Method_Table& methods, Pool_Status& status, SQLite_Pools& pools,
                       Method_Access const& access);

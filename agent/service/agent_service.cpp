@@ -335,7 +335,7 @@ void Agent_Service::add_methods() {
         return access_->allows(call, fault);
     });
     add_agent_methods(methods_, config_, identity_, *database_, *module_);
-    add_instance_methods(methods_, identity_, *probe_);
+    add_instance_methods(methods_, identity_, *probe_, *runs_);
     add_job_methods(methods_, *jobs_, *runs_, *scheduler_);
     if (is_member())
         forward_catalog_methods(methods_);

@@ -1,5 +1,6 @@
 #include "agent/service/agent_methods.h"
 
+#include "agent/jobs/agent_jobs.h"
 #include "agent/jobs/member_reader.h"
 #include "agent/service/agent_identity.h"
 #include "agent/service/instance_probe.h"
@@ -52,8 +53,8 @@ void check_options(Member_Reader& reader, Object const* options) {
 
 class Instance_Methods {
 public:
-    Instance_Methods(Agent_Identity const& identity, Instance_Probe& probe)
-        : identity_(identity), probe_(probe) {}
+    Instance_Methods(Agent_Identity const& identity, Instance_Probe& probe, Agent_Jobs& runs)
+        : identity_(identity), probe_(probe), runs_(runs) {}
 
     bool list(Method_Call const& call, Value& result, Method_Fault& fault) {
         std::string error;
@@ -116,6 +117,11 @@ public:
         std::shared_ptr<Instance> const instance = named(call, fault);
         if (!instance)
             return false;
+        for (Job_Run const& run : runs_.running())
+            if (run.instance == instance->name)
+                return refused("job " + run.run_id + " of it is running or waits; wait for its "
+                                                     "end or cancel it",
+                               fault);
         if (!remove_instance(instance))
             return failed(fault);
         // or the next search would put it on record again
@@ -195,6 +201,7 @@ private:
 
     Agent_Identity const& identity_;
     Instance_Probe& probe_;
+    Agent_Jobs& runs_;
 };
 
 /** The instance that a call names; "" without one. */
@@ -222,8 +229,8 @@ void note_tool_calls(Method_Table& methods, std::vector<std::string> const& modu
 }
 
 void add_instance_methods(Method_Table& methods, Agent_Identity const& identity,
-                          Instance_Probe& probe) {
-    auto const instances = std::make_shared<Instance_Methods>(identity, probe);
+                          Instance_Probe& probe, Agent_Jobs& runs) {
+    auto const instances = std::make_shared<Instance_Methods>(identity, probe, runs);
     add_member_methods<Instance_Methods>(methods, instances,
                                          {{"instance.list", &Instance_Methods::list},
                                           {"instance.show", &Instance_Methods::show},

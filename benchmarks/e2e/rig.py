@@ -180,7 +180,7 @@ class Ours(object):
         """From no data to a database that answers."""
         self.cluster.destroy()
         with Measure() as measure:
-            run("zenbrak3", "restore", backup["uuid"], "--channels", STREAMS, "--interval", LOOK)
+            run("zenbrak3", "restore", backup["uuid"], "--yes", "--channels", STREAMS, "--interval", LOOK)
             self.cluster.sql("select 1")
         return measure.figures
 

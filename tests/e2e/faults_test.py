@@ -274,7 +274,7 @@ class Chain_Test(Restoring_Test):
 
 class Removal_Test(Restoring_Test):
     def remove(self, *words):
-        return subprocess.run(["zenbrak3", "backup", "remove", *words], text=True,
+        return subprocess.run(["zenbrak3", "backup", "remove", "--yes", *words], text=True,
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
     def test_a_backup_that_others_build_on_is_refused(self):

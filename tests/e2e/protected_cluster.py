@@ -93,7 +93,7 @@ class Protected_Cluster(object):
         pool = next(pool for pool in tell("pools")["pools"] if pool["name"] == name)
         # a run that was killed leaves its policy to the next one of that pool, which there is none of
         self.policy(name).unlink(missing_ok=True)
-        protection.ask("zenbrak3", "pool", "remove", name)
+        protection.ask("zenbrak3", "pool", "remove", name, "--yes")
         self.pools.pop(pool["uuid"])
 
     # --- the agent
@@ -121,7 +121,7 @@ class Protected_Cluster(object):
                         *words)
 
     def restore(self, uuid):
-        return self.run("restore", uuid, "--channels", 2)
+        return self.run("restore", uuid, "--channels", 2, "--yes")
 
     def start_slow_backup(self, name="slow", pool="main", rate=40000000, **more):
         """Starts a full backup of so many bytes a second, which can be met half-way. Its run's id."""

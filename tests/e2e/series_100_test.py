@@ -62,7 +62,7 @@ class Series_100_Test(unittest.TestCase):
             self.assertGreater(one["backup_set_size"], 0)
         cluster("destroy-data")
         self.assertEqual([], list((HOME / "data").iterdir()))
-        zenbrak3("restore", sets[1]["uuid"])
+        zenbrak3("restore", sets[1]["uuid"], "--yes")
         self.assertEqual(rows[1], cluster("checksums"))
         self.assertEqual({}, roach_processes())
         pool = json.loads(zenbrak3("pools", "--json"))["pools"][0]["uuid"]

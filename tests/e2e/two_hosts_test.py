@@ -287,7 +287,7 @@ class Two_Hosts_Test(unittest.TestCase):
         for host in self.hosts:
             host.cluster("destroy-data")
             self.assertEqual([], list(host.path("/home/omm/data").iterdir()))
-        return subprocess.Popen(self.first.words("zenbrak3", "restore", record["uuid"]),
+        return subprocess.Popen(self.first.words("zenbrak3", "restore", record["uuid"], "--yes"),
                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
 
     # --- the tests
@@ -449,13 +449,13 @@ class Two_Hosts_Test(unittest.TestCase):
         key = self.first.do("zenbrak3", "member", "add", "host3", "--all-pools").strip()
         self.assertEqual((200, REFUSED), self.post(key, "pool.list"))
         refused("group.join", host_uuid=second)  # the key is for a WebSocket connection there
-        self.first.do("zenbrak3", "member", "remove", "host3")
+        self.first.do("zenbrak3", "member", "remove", "host3", "--yes")
         self.assertEqual(401, self.post(key, "pool.list")[0])
         self.assertEqual([uuid], [one["uuid"] for one in self.sets() if one["uuid"] == uuid])
         self.wait_for_group()
 
     def test_a_member_that_was_removed_is_out(self):
-        key = self.first.do("zenbrak3", "member", "remove", "host2")
+        key = self.first.do("zenbrak3", "member", "remove", "host2", "--yes")
         try:
             wait_until(lambda: not self.second.call("pool.list"), "the end of its connection")
             self.assertEqual(401, self.post(self.member_key, "pool.list")[0])

@@ -189,7 +189,7 @@ TEST_F(Agent_Command_Test, not_found_and_refused) {
     agent_->on("pool.remove", Scripted_Agent::Answer([](Value const&) -> Value {
                    throw Scripted_Agent::Refusal{-32005, "pool main holds 3 backups; drop them"};
                }));
-    EXPECT_EQ(5, run({"pool", "remove", "main"}));
+    EXPECT_EQ(5, run({"pool", "remove", "main", "--yes"}));
     EXPECT_EQ("zenbrak3: cannot remove pool main: pool main holds 3 backups; drop them\n", err());
 }
 
@@ -348,12 +348,159 @@ TEST_F(Agent_Command_Test, a_restore_of_a_backup_as_another_instance) {
                                      {"backup_key", "k"}});
     agent_->on("instance.show", Object{{"name", "rehearsal"}, {"uuid", "u-2"}});
     agent_->on("job.show", run_in("completed"));
-    EXPECT_EQ(0, run({"restore", "b", "--instance", "rehearsal", "--channels", "2"}));
+    EXPECT_EQ(0, run({"restore", "b", "--instance", "rehearsal", "--channels", "2", "--yes"}));
     Object const definition = agent_->calls("job.start").at(0).get_obj().at("run").get_obj();
     EXPECT_EQ("restore", definition.at("type").get_str());
     EXPECT_EQ(Value(Object{{"id", "u-2"}}), definition.at("target"));
     EXPECT_EQ(Value(Object{{"channels", 2}}), definition.at("options"));
     EXPECT_EQ(Value("b-1"), definition.at("source").get_obj().at("catalog_id"));
+}
+
+// What is destroyed only when somebody agrees.
+
+class Consent_Test : public Agent_Command_Test {
+protected:
+    Consent_Test() {
+        Object const set{{"uuid", "b-1"},
+                         {"instance", "prod"},
+                         {"type", "full"},
+                         {"resource_uuid", "u-1"},
+                         {"backup_key", "k1"},
+                         {"backup_end_time", 1795314600},
+                         {"backup_set_size", 1536}};
+        agent_->on("backup.show", set);
+        agent_->on("instance.show",
+                   Object{{"name", "prod"},
+                          {"uuid", "u-1"},
+                          {"state", "Normal"},
+                          {"accounts", Array{Object{{"uid", "u"}, {"username", "backup"}}}}});
+        agent_->on("backup.list",
+                   Object{{"backups", Array{Object{{"uuid", "b-3"},
+                                                   {"type", "incremental"},
+                                                   {"backup_key", "k3"},
+                                                   {"prior_backup_key", "k2"},
+                                                   {"backup_end_time", 1795318200}},
+                                            Object{{"uuid", "b-2"},
+                                                   {"type", "incremental"},
+                                                   {"backup_key", "k2"},
+                                                   {"prior_backup_key", "k1"}},
+                                            set,
+                                            Object{{"uuid", "b-0"},
+                                                   {"backup_key", "k0"},
+                                                   {"backup_end_time", 1795300000}}}}});
+        agent_->on("job.show", run_in("completed"));
+        agent_->on("backup.remove", Object{{"removed", Array{"b-1"}}});
+        agent_->on("pool.remove", Object());
+        agent_->on("pool.list", Object{{"pools", Array{Object{{"name", "main"},
+                                                              {"url", "file:///p"},
+                                                              {"used", 2048}}}}});
+        agent_->on("instance.remove", Object());
+        agent_->on("member.remove", Object());
+        agent_->on("member.list", Object{{"members", Array{Object{{"name", "db2"},
+                                                                  {"host", "host2"},
+                                                                  {"connected", true}}}}});
+    }
+    /** Answers the question on a terminal; the exit status. */
+    int answer(std::vector<std::string> const& arguments, std::string const& typed) {
+        setting_.columns = 200;
+        start(arguments);
+        EXPECT_TRUE(child_->await("Continue? [y/N] "));
+        child_->type(typed);
+        return child_->wait();
+    }
+    /** Every command that destroys something, and the method that does it. */
+    static std::vector<std::pair<std::vector<std::string>, std::string>> commands() {
+        return {{{"restore", "b", "--interval", "0.01"}, "job.start"},
+                {{"backup", "remove", "b"}, "backup.remove"},
+                {{"pool", "remove", "main"}, "pool.remove"},
+                {{"instance", "remove", "prod"}, "instance.remove"},
+                {{"member", "remove", "db2"}, "member.remove"}};
+    }
+    static std::vector<std::string> with(std::vector<std::string> words, std::string const& word) {
+        words.push_back(word);
+        return words;
+    }
+};
+
+TEST_F(Consent_Test, without_a_terminal_nothing_is_done_unless_it_is_told_to) {
+    for (auto const& [command, method] : commands()) {
+        EXPECT_EQ(5, run(command)) << command[0];
+        EXPECT_THAT(err(), HasSubstr(": stdin is not a terminal, so nobody can be asked\n--yes does "
+                                     "it without asking, --dry-run shows what it would do.\n"));
+        EXPECT_TRUE(agent_->calls(method).empty()) << method;
+        EXPECT_EQ(0, run(with(command, "--yes"))) << err();
+        EXPECT_EQ(1u, agent_->calls(method).size()) << method;
+    }
+}
+
+TEST_F(Consent_Test, a_dry_run_shows_and_does_nothing) {
+    for (auto const& [command, method] : commands()) {
+        EXPECT_EQ(0, run(with(command, "--dry-run"))) << err();
+        EXPECT_THAT(out(), testing::StartsWith("This ")) << command[0];
+        EXPECT_TRUE(agent_->calls(method).empty()) << method;
+        EXPECT_EQ(2, run(with(with(command, "--dry-run"), "--yes")));
+    }
+}
+
+TEST_F(Consent_Test, on_a_terminal_it_is_asked) {
+    for (std::string const yes : {"y\n", "yes\n", "YES\n"})
+        EXPECT_EQ(0, answer({"pool", "remove", "main"}, yes)) << yes;
+    EXPECT_EQ(3u, agent_->calls("pool.remove").size());
+    for (std::string const no : {"\n", "n\n", "no\n", "yes please\n", "\x04"})
+        EXPECT_EQ(5, answer({"pool", "remove", "main"}, no)) << no;
+    EXPECT_THAT(err(), HasSubstr("Nothing was changed.\n"));
+    EXPECT_EQ(130, answer({"pool", "remove", "main"}, "\x03"));
+    EXPECT_EQ(3u, agent_->calls("pool.remove").size());
+    EXPECT_EQ(0, answer({"restore", "b", "--interval", "0.01"}, "y\n"));
+    EXPECT_EQ(1u, agent_->calls("job.start").size());
+}
+
+TEST_F(Consent_Test, a_restore_tells_what_it_overwrites_and_what_is_lost) {
+    EXPECT_EQ(0, run({"restore", "b", "--dry-run"}));
+    EXPECT_THAT(out(), HasSubstr("This overwrites instance prod.\n"));
+    EXPECT_THAT(out(), HasSubstr("Backup:               b-1, full, of 2026-11-22 02:30:00, "));
+    EXPECT_THAT(out(), HasSubstr(" ago, 1.5 KiB\n"));
+    EXPECT_THAT(out(), HasSubstr("State of prod:        Normal: it is running and healthy\n"));
+    EXPECT_THAT(out(), HasSubstr("Lost:                 all changes since 2026-11-22 02:30:00\n"));
+    EXPECT_THAT(out(), HasSubstr("Last backup of prod:  2026-11-22 03:30:00, "));
+    agent_->on("instance.show", Object{{"name", "rehearsal"}, {"uuid", "u-2"}});
+    agent_->on("backup.list", Object{{"backups", Array{}}});
+    EXPECT_EQ(0, run({"restore", "b", "--dry-run", "--instance", "rehearsal"}));
+    EXPECT_THAT(out(), HasSubstr("This overwrites instance rehearsal.\n"));
+    EXPECT_THAT(out(), HasSubstr(" ago, 1.5 KiB, of instance prod\n"));
+    EXPECT_THAT(out(), HasSubstr("State of rehearsal:        unknown\n"));
+    EXPECT_THAT(out(), HasSubstr("Lost:                      all that rehearsal holds\n"));
+    EXPECT_THAT(out(), HasSubstr("Last backup of rehearsal:  none\n"));
+}
+
+TEST_F(Consent_Test, a_removal_of_a_backup_tells_what_goes_and_what_is_left) {
+    EXPECT_EQ(0, run({"backup", "remove", "b", "--dry-run", "--with-dependents"}));
+    EXPECT_THAT(out(), HasSubstr("This removes 3 backups of instance prod with the data"));
+    EXPECT_THAT(out(), HasSubstr("Builds on it:      b-3, incremental"));
+    EXPECT_THAT(out(), HasSubstr("Builds on it:      b-2, incremental"));
+    EXPECT_THAT(out(), HasSubstr("Last backup left:  2026-11-21 22:26:40, "));
+    EXPECT_EQ(0, run({"backup", "remove", "b", "--dry-run"}));
+    EXPECT_THAT(out(), HasSubstr("This removes a backup of instance prod"));
+    EXPECT_THAT(out(), HasSubstr("Needs it:          b-2, incremental"));
+}
+
+TEST_F(Consent_Test, other_removals_tell_what_goes) {
+    run({"pool", "remove", "main", "--dry-run"});
+    EXPECT_THAT(out(), HasSubstr("URL:   file:///p\n  Used:  2.0 KiB\n"));
+    run({"instance", "remove", "prod", "--dry-run"});
+    EXPECT_THAT(out(), HasSubstr("Accounts:     backup\n  Backups:      4\n"));
+    run({"member", "remove", "db2", "--dry-run"});
+    EXPECT_THAT(out(), HasSubstr("Host:       host2\n  Connected:  yes\n"));
+}
+
+TEST_F(Consent_Test, json_is_for_programs) {
+    EXPECT_EQ(0, run({"pool", "remove", "main", "--dry-run", "--json"}));
+    Value printed;
+    ASSERT_TRUE(json_spirit::parse(out(), printed, nullptr)) << out();
+    EXPECT_EQ("file:///p", printed.get_obj().at("consequences").get_obj().at("URL").get_str());
+    EXPECT_EQ(0, run({"pool", "remove", "main", "--yes", "--json"}));
+    ASSERT_TRUE(json_spirit::parse(out(), printed, nullptr)) << out();
+    EXPECT_EQ(Value(Object()), printed);
 }
 
 TEST_F(Agent_Command_Test, a_definition_from_stdin) {

@@ -105,7 +105,7 @@ class False_Cluster_Test(Attack_Test):
                      if one["name"] == name), None)
 
     def forget(self, name):
-        subprocess.call(["zenbrak3", "instance", "remove", name], stdout=subprocess.DEVNULL,
+        subprocess.call(["zenbrak3", "instance", "remove", name, "--yes"], stdout=subprocess.DEVNULL,
                         stderr=subprocess.DEVNULL)
         for suffix in ("", "_env"):
             (CACHE / (name + suffix)).unlink(missing_ok=True)
@@ -142,7 +142,7 @@ class False_Cluster_Test(Attack_Test):
     def test_a_false_cluster_that_came_first_gets_nothing_and_is_put_right(self):
         cluster("stop")
         try:
-            protection.ask("zenbrak3", "instance", "remove", "c1")
+            protection.ask("zenbrak3", "instance", "remove", "c1", "--yes")
             process = self.fake("c1")
             self.refresh()
             self.assertEqual(USER, self.user_of("c1"))
@@ -152,7 +152,7 @@ class False_Cluster_Test(Attack_Test):
             self.assertIn(DATABASE_USER, alert)
             self.assert_all_ran_as_their_user()
             # both run, and neither is on record
-            protection.ask("zenbrak3", "instance", "remove", "c1")
+            protection.ask("zenbrak3", "instance", "remove", "c1", "--yes")
             self.assertIn("both belong", self.alerts("c1")[0])
             self.assertIsNone(self.user_of("c1"))
             self.end(process)

@@ -220,7 +220,7 @@ class Two_Users_Of_A_Pool_Test(Attack_Test):
                           ["mkfifo", folder / ".zenbrak3-unfinished-x"],
                           ["ln", "-s", VICTIM, xbsa / "a-link"]):
                 self.assertEqual(0, run_as(DATABASE_USER, *words).returncode, words)
-            subprocess.run(["zenbrak3", "backup", "remove", self.run["run_id"]], check=True,
+            subprocess.run(["zenbrak3", "backup", "remove", self.run["run_id"], "--yes"], check=True,
                            stdout=subprocess.DEVNULL, timeout=60)
             attacker.world.sets.discard(self.run["run_id"])
             self.assertEqual(before, (ids(VICTIM), ids(VICTIM / "file")))

@@ -151,7 +151,7 @@ TEST_F(Command_Line_Test, the_codes_of_the_agent_become_exit_codes) {
          {Case{-32004, EXIT_NOT_FOUND}, Case{-32005, EXIT_REFUSED}, Case{-32602, EXIT_USAGE},
           Case{-32603, EXIT_FAILED}, Case{-32601, EXIT_FAILED}}) {
         agent_.refuses("pool.remove", one.code, "because", "pool \"p\"");
-        EXPECT_EQ(one.status, run({"pool", "remove", "p"})) << one.code;
+        EXPECT_EQ(one.status, run({"pool", "remove", "p", "--yes"})) << one.code;
         EXPECT_THAT(err_, HasSubstr("zenbrak3: cannot remove pool p: because: pool \"p\"\n"));
         EXPECT_EQ("", out_);
     }
@@ -231,11 +231,13 @@ TEST_F(Command_Line_Test, a_pool_is_changed_in_what_is_said_alone) {
 
 TEST_F(Command_Line_Test, each_backup_that_was_removed_is_told) {
     agent_.answers("backup.remove", Object{{"removed", json_spirit::Array{"b1", "b2"}}});
-    EXPECT_EQ(EXIT_OK, run({"backup", "remove", "b1", "--with-dependents"}));
-    EXPECT_EQ((Object{{"backup", "b1"}, {"dependents", true}}), params(0));
-    EXPECT_EQ("Removed: b1, b2\n", out_);
-    run({"backup", "remove", "b1"});
-    EXPECT_EQ((Object{{"backup", "b1"}}), params(1));
+    agent_.answers("backup.show", Object{{"uuid", "b1-long"}, {"instance", "prod"}});
+    EXPECT_EQ(EXIT_OK, run({"backup", "remove", "b1", "--with-dependents", "--yes"}));
+    EXPECT_EQ((Object{{"backup", "b1-long"}, {"dependents", true}}),
+              agent_.calls.back().second.get_obj());
+    EXPECT_THAT(out_, testing::EndsWith("Removed: b1, b2\n"));
+    run({"backup", "remove", "b1", "--yes"});
+    EXPECT_EQ((Object{{"backup", "b1-long"}}), agent_.calls.back().second.get_obj());
 }
 
 TEST_F(Command_Line_Test, filters_are_sent_only_when_they_are_given) {
