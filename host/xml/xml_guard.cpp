@@ -1,13 +1,17 @@
 #include "host/xml/xml_guard.h"
 
+#include "host/xml/xml_text.h"
 #include "qmrt/guarded_file.h"
+#include "qmrt/log.h"
 
 #include <ACEXML/common/InputSource.h>
 #include <ACEXML/common/StrCharStream.h>
 
 #include <cctype>
+#include <cerrno>
 #include <memory>
 #include <string>
+#include <sys/mman.h>
 
 void Xml_Guard::startElement(ACEXML_Char const* uri, ACEXML_Char const* name,
                              ACEXML_Char const* qname, ACEXML_Attributes* atts) {
@@ -37,8 +41,19 @@ int Xml_File::open(ACEXML_Char const* path) {
     File_Descriptor const file = open_guarded(path, {.max_size = MAX_SIZE});
     if (!file)
         return -1;
-    // by the descriptor, since another file may have taken the name
-    std::string const link = "/proc/self/fd/" + std::to_string(file.get());
+    std::string text;
+    std::string fault;
+    if (read_all(file.get(), text, MAX_SIZE) == -1)
+        return -1;
+    if (!normalise_xml(text, fault)) {
+        QMRT_LOG(LM_ERROR, "Failed to read XML %s, %s\n", path, fault.c_str());
+        errno = EILSEQ;
+        return -1;
+    }
+    File_Descriptor const normal(memfd_create("xml", MFD_CLOEXEC));
+    if (!normal || write_all(normal.get(), text.data(), text.size()) == -1)
+        return -1;
+    std::string const link = "/proc/self/fd/" + std::to_string(normal.get());
     return ACEXML_FileCharStream::open(link.c_str()) == 0 ? 0 : -1;
 }
 

@@ -131,6 +131,59 @@ TEST_F(Parse_Xml_Test, deep_nesting_is_a_fault_and_no_crash) {
     EXPECT_LOGGED(LM_ERROR, failure() + "Elements are nested too deeply");
 }
 
+TEST_F(Parse_Xml_Test, a_file_may_begin_with_comments) {
+    for (std::string const begin :
+         {"<!-- a copyright -->", "<!-- one -->\n<!-- two -->\n ", "\n<!-- < & > \xc3\xa9 -->",
+          "<?xml version=\"1.0\"?><!-- one -->",
+          "<?xml version=\"1.0\"?>\n<!-- one --><!-- -->\n"}) {
+        recorder_.events.clear();
+        EXPECT_TRUE(parse(begin + "<a x=\"1\">t</a>")) << begin;
+        EXPECT_EQ("<a x=1>t</a>", recorder_.events) << begin;
+    }
+    EXPECT_FALSE(parse("<!-- a -- b --><a/>"));
+    EXPECT_LOGGED(LM_ERROR, failure());
+}
+
+TEST_F(Parse_Xml_Test, references_to_characters_beyond_ascii_are_these_characters) {
+    EXPECT_TRUE(parse("<a x=\"&#233;&#xE9;&#x4e2d;&#128512;\">&#65;&#xe9;</a>"));
+    EXPECT_EQ("<a x=\xc3\xa9\xc3\xa9\xe4\xb8\xad\xf0\x9f\x98\x80>A\xc3\xa9</a>", recorder_.events);
+    recorder_.events.clear();
+    EXPECT_TRUE(parse("<a><!-- &#233; --><![CDATA[&#233;]]></a>"));
+    EXPECT_EQ("<a>&#233;</a>", recorder_.events);
+    for (char const* text : {"<a>&#xd800;</a>", "<a>&#x110000;</a>", "<a>&#99999999999;</a>",
+                             "<a>&#xe9</a>", "<a>&#;</a>"}) {
+        EXPECT_FALSE(parse(text)) << text;
+        EXPECT_LOGGED(LM_ERROR, failure());
+    }
+}
+
+TEST_F(Parse_Xml_Test, a_file_has_the_encoding_that_it_declares_or_begins_with) {
+    using namespace std::string_literals;
+    std::string const wide = "<\0a\0>\0\xe9\0<\0/\0a\0>\0"s;
+    struct Case {
+        std::string text;
+        std::string content;
+    };
+    for (Case const& one :
+         {Case{"<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><a>\xe9</a>", "\xc3\xa9"},
+          {"<?xml version='1.0' encoding='GBK' standalone='yes'?><a>\xd6\xd0</a>", "\xe4\xb8\xad"},
+          {"<?xml version=\"1.0\" encoding=\"utf-8\"?><a>\xc3\xa9</a>", "\xc3\xa9"},
+          {"<?xml version=\"1.0\" encoding=\"US-ASCII\"?><a>e</a>", "e"},
+          {"\xef\xbb\xbf<a>\xc3\xa9</a>", "\xc3\xa9"},
+          {"\xff\xfe" + wide, "\xc3\xa9"},
+          {wide, "\xc3\xa9"}}) {
+        recorder_.events.clear();
+        EXPECT_TRUE(parse(one.text)) << one.text;
+        EXPECT_EQ("<a>" + one.content + "</a>", recorder_.events) << one.text;
+    }
+    for (char const* text : {"<?xml version=\"1.0\" encoding=\"KLINGON\"?><a/>",
+                             "<?xml version=\"1.0\" encoding=\"GBK\"?><a>\xff</a>"}) {
+        EXPECT_FALSE(parse(text)) << text;
+        EXPECT_LOGGED(LM_ERROR, "it has an unknown encoding, or bytes that are not of it: ");
+        EXPECT_LOGGED(LM_ERROR, " Failed to open XML ");
+    }
+}
+
 TEST_F(Parse_Xml_Test, entities_bring_nothing_in_from_outside_the_file) {
     std::string const secret = files_.write("secret", "SECRET");
     EXPECT_TRUE(parse("<?xml version=\"1.0\"?><!DOCTYPE r [<!ENTITY x SYSTEM \"" + secret +
