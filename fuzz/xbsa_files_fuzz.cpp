@@ -67,12 +67,13 @@ void read_transaction(std::string const& text) {
     auto const pool = std::make_shared<One_Transaction>(text);
     Xbsa_Repository const repository(pool, "c");
     std::vector<Xbsa_Object> objects;
-    (void)repository.find({}, [](Xbsa_Object const&) { return true; },
-                          [](std::string const&, bool& counts) {
-                              counts = true;
-                              return Xbsa_Result();
-                          },
-                          objects);
+    (void)repository.find(
+        {}, [](Xbsa_Object const&) { return true; },
+        [](std::string const&, bool& counts) {
+            counts = true;
+            return Xbsa_Result();
+        },
+        objects);
     for (Xbsa_Object const& object : objects) {
         BSA_ObjectDescriptor descriptor;
         object.write(descriptor, true);

@@ -7,6 +7,7 @@
 #include "gaussdb/common/gaussdb_cmd_handler.h"
 #include "gaussdb/common/gaussdb_ownership.h"
 #include "gaussdb/common/gaussdb_t_single_handler.h"
+#include "gaussdb/common/zengine_config.h"
 #include "host/process/password_file_entry.h"
 #include "host/process/service_lister.h"
 #include "qmrt/check.h"
@@ -14,7 +15,6 @@
 #include "qmrt/file.h"
 #include "qmrt/format.h"
 #include "qmrt/guarded_file.h"
-#include "qmrt/natoi.h"
 #include "qmrt/path.h"
 #include "qmrt/regex.h"
 
@@ -29,7 +29,6 @@ constexpr char GAUSSDB_T_PROGRAM[] = "/bin/zengine";
 
 boost::regex const RE_CLUSTER_NAME("export\\s+GS_CLUSTER_NAME=(.*)$");
 boost::regex const RE_GAUSSDB_T_PATH("\\s*(\\S*)/bin/zengine.*\\s*\\-D\\s*(\\S*)\\s*.*");
-boost::regex const RE_LSNR_PORT("\\s*LSNR_PORT\\s*=\\s*(.*)$", boost::regex::icase);
 
 // what the kernel lets a program start with, with room to spare
 constexpr size_t MAX_ENVIRONMENT = 64 * 1024 * 1024;
@@ -261,6 +260,9 @@ bool GaussDB_Cluster_Manager::detect_config_cluster(map_type& found) {
     bool const has_name = find_in_file(profile.c_str(), RE_CLUSTER_NAME, name, readable);
     if (!readable)
         QMRT_LOG(LM_ERROR, "Failed to open %s, errno=%d, %m\n", profile.c_str(), errno);
+    // a shell takes blanks at the end of the line, and the break of another system, for no part of
+    // it
+    name.erase(name.find_last_not_of(" \t\r") + 1);
     if (!has_name || !is_cluster_file_name(name))
         return false;
     Password_File_Entry owner;
@@ -367,9 +369,5 @@ bool GaussDB_Cluster_Manager::detect_gaussdb_t(std::string const& name,
 unsigned short GaussDB_Cluster_Manager::get_lsnr_port(char const* gaussdb_data) {
     if (QMRT_IS_NULL_OR_EMPTY(gaussdb_data))
         return 0;
-    std::string text;
-    bool readable;
-    find_in_file((qmrt::Path(gaussdb_data) / "cfg/zengine.ini").c_str(), RE_LSNR_PORT, text,
-                 readable);
-    return natoi<uint16_t>(text);
+    return read_lsnr_port((qmrt::Path(gaussdb_data) / "cfg/zengine.ini").c_str());
 }

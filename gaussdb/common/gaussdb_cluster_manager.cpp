@@ -8,6 +8,7 @@
 #include "gaussdb/common/gaussdb_t_single_handler.h"
 #include "host/agent/host_services.h"
 #include "host/agent/instance_backend.h"
+#include "host/http/http_encode.h"
 #include "host/process/password_file_entry.h"
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
@@ -15,6 +16,7 @@
 #include "qmrt/format.h"
 #include "qmrt/path.h"
 #include "qmrt/path_trust.h"
+#include "qmrt/utf8.h"
 
 #include <algorithm>
 #include <atomic>
@@ -111,6 +113,28 @@ void save_identity(std::string const& name, Cluster_Identity const& record) {
     std::string const path = identity_path(name); // what cannot be written has been logged
     if (!path.empty())
         dump_json(path.c_str(), record.dump(), 0, false, 0640);
+}
+
+/** JSON has UTF-8 alone, and a variable may have any bytes: these are escaped in an object. */
+void add_variable(json_spirit::Object& entries, std::string const& name, std::string const& value) {
+    if (qmrt::is_utf8(name) && qmrt::is_utf8(value)) {
+        entries.emplace(name, value);
+        return;
+    }
+    std::string const escaped = http_encode_string(name, HUT_FLAG_UPPERCASE);
+    entries.emplace(escaped,
+                    json_spirit::Object{{"name", escaped},
+                                        {"value", http_encode_string(value, HUT_FLAG_UPPERCASE)}});
+}
+
+/** Such an object; one of another form is left out. */
+void take_escaped(json_spirit::Object const& entry, GaussDB_Env& env) {
+    std::string name, value;
+    if (http_decode_string(json_spirit::object_get_str(entry, "name"), 0, name) &&
+        http_decode_string(json_spirit::object_get_str(entry, "value"), 0, value) &&
+        !name.empty() && name.find('\0') == std::string::npos &&
+        value.find('\0') == std::string::npos)
+        env.set_env(name, value);
 }
 
 } // namespace
@@ -305,7 +329,7 @@ bool GaussDB_Cluster_Manager::dump_env(std::string const& name, GaussDB_Env cons
     Path_Conf const path(ENV_DIRECTORY, true, name + "_env", 0755);
     json_spirit::Object entries;
     for (auto const& [key, value] : env.get_env())
-        entries.emplace(key, value);
+        add_variable(entries, key, value);
     return path && dump_json(path.c_str(), entries, 0, false, 0640);
 }
 
@@ -329,6 +353,9 @@ bool GaussDB_Cluster_Manager::load_env(std::string const& name, GaussDB_Env& env
         return false;
     }
     env.set_env(entries.get_obj());
+    for (auto const& [key, value] : entries.get_obj())
+        if (value.type() == json_spirit::obj_type)
+            take_escaped(value.get_obj(), env);
     return true;
 }
 

@@ -730,6 +730,19 @@ TEST_F(Config_Cluster_Test, a_profile_without_a_name_is_no_cluster) {
     EXPECT_FALSE(manager_.load_config_cluster());
 }
 
+TEST_F(Config_Cluster_Test, blanks_and_another_systems_line_break_are_no_part_of_the_name) {
+    Scoped_Env const configured("GAUSSDB_MPPDBGS_PROFILE", PROFILE);
+    for (std::string const end : {" ", "\t ", "\r"}) {
+        host_.write(PROFILE,
+                    "export GPHOME=/home/omm/tool\nexport GS_CLUSTER_NAME=c7" + end + "\n");
+        passwd const* const user = getpwnam("nobody");
+        EXPECT_EQ(0, chown(PROFILE, user->pw_uid, user->pw_gid));
+        EXPECT_TRUE(manager_.load_config_cluster());
+        EXPECT_TRUE(manager_.cluster_exists("c7")) << end;
+        manager_.remove_cluster("c7");
+    }
+}
+
 TEST_F(Config_Cluster_Test, a_name_that_leads_elsewhere_is_refused) {
     Scoped_Env const configured("GAUSSDB_MPPDBGS_PROFILE", PROFILE);
     host_.write(PROFILE, "export GS_CLUSTER_NAME=../c1\n");

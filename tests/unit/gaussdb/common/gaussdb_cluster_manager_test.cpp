@@ -257,6 +257,26 @@ TEST_F(Cluster_Manager_Test, an_environment_comes_back_as_it_was) {
     EXPECT_EQ(env.get_env(), back.get_env());
 }
 
+TEST_F(Cluster_Manager_Test, bytes_that_are_not_utf8_come_back_as_they_were) {
+    GaussDB_Env env;
+    env.set_env("PLAIN", "x%41");
+    env.set_env("LATIN", "/srv/caf\xe9%41");
+    env.set_env("N\xc4ME", "\xff\xfe");
+    ASSERT_TRUE(manager_.dump_env("c1", env));
+    GaussDB_Env back;
+    EXPECT_TRUE(manager_.load_env("c1", back));
+    EXPECT_EQ(env.get_env(), back.get_env());
+}
+
+TEST_F(Cluster_Manager_Test, an_escaped_variable_that_is_none_is_left_out) {
+    host_.write(env_file_, R"({"A": {"name": "A", "value": "%00"}, "B": {"name": "", "value": "x"},
+                               "C": {"name": "%zz", "value": "x"}, "D": {}, "E": {"name": "E",
+                               "value": "%E9"}})");
+    GaussDB_Env env;
+    EXPECT_TRUE(manager_.load_env("c1", env));
+    EXPECT_EQ((GaussDB_Env::map_type{{"E", "\xe9"}}), env.get_env());
+}
+
 TEST_F(Cluster_Manager_Test, loading_takes_strings_alone) {
     host_.write(env_file_, R"({"A": "1", "B": 2, "C": ["x"], "D": null})");
     GaussDB_Env env;

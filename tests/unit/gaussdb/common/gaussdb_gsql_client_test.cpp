@@ -133,6 +133,21 @@ TEST_F(GaussDB_Gsql_Client_Test, a_gsql_that_does_not_take_its_password_is_a_fai
     EXPECT_NOT_LOGGED("ppp");
 }
 
+TEST_F(GaussDB_Gsql_Client_Test, a_fast_gsql_that_needs_no_password_is_no_failure) {
+    // some of these have ended before the password is written
+    std::filesystem::create_symlink("/bin/true", tools_.path("gsql"));
+    for (int run = 0; run < 200; ++run)
+        ASSERT_TRUE(query(client("s3cret"), "select 1")) << run;
+}
+
+TEST_F(GaussDB_Gsql_Client_Test, a_fast_gsql_that_fails_is_a_failure) {
+    std::filesystem::create_symlink("/bin/false", tools_.path("gsql"));
+    for (int run = 0; run < 50; ++run)
+        ASSERT_FALSE(query(client("s3cret"), "select 1")) << run;
+    Log_Capture::instance().claim_all(LM_ERROR, "Failed to write password to gsql");
+    Log_Capture::instance().claim_all(LM_WARNING, "status 1");
+}
+
 TEST_F(GaussDB_Gsql_Client_Test, a_gsql_that_is_killed_before_it_took_its_password_is_a_failure) {
     std::string const password(300000, 'p');
     tools_.script("gsql", "signal 9");
