@@ -16,7 +16,8 @@ uint64_t key_of(std::string const& readable) {
 
 template <typename Entries, typename Take>
 void each_of(Entries const& entries, uint64_t key, Take take) {
-    auto const first = std::lower_bound(entries.begin(), entries.end(), std::pair(key, uint32_t{0}));
+    auto const first =
+        std::lower_bound(entries.begin(), entries.end(), std::pair(key, uint32_t{0}));
     for (auto at = first; at != entries.end() && at->first == key; ++at)
         take(at->second);
 }

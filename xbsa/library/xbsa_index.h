@@ -25,9 +25,9 @@ struct Xbsa_Hint {
  * object, and never leaves out one with it.
  *
  * A set's folder is listed once, and again when its time of modification has changed. Folders that
- * were modified within the last seconds are not trusted, since that time has whole seconds: they are
- * always named. The pool's clock may differ from this host's, so "the last seconds" are those before
- * the newest modification as well as those before now. For one thread at a time.
+ * were modified within the last seconds are not trusted, since that time has whole seconds: they
+ * are always named. The pool's clock may differ from this host's, so "the last seconds" are those
+ * before the newest modification as well as those before now. For one thread at a time.
  */
 class Xbsa_Index {
 public:

@@ -154,7 +154,8 @@ bool Xbsa_Object::parse_file(std::string const& file, std::string& path, uint64_
     constexpr size_t DIGITS = 16;
     std::string name = file;
     for (Compression_Method const method : {COMPR_LZOP, COMPR_ZSTD})
-        if (std::string const suffix = compression_value_to_suffix(method); name.ends_with(suffix)) {
+        if (std::string const suffix = compression_value_to_suffix(method);
+            name.ends_with(suffix)) {
             name.erase(name.size() - suffix.size());
             break;
         }

@@ -172,8 +172,7 @@ Xbsa_Result Xbsa_Repository::choose_sets(Xbsa_Hint const& hint, std::vector<std:
 }
 
 Xbsa_Result Xbsa_Repository::find(Xbsa_Hint const& hint, Filter const& filter,
-                                  Set_Filter const& set_filter,
-                                  std::vector<Xbsa_Object>& objects) {
+                                  Set_Filter const& set_filter, std::vector<Xbsa_Object>& objects) {
     std::vector<std::string> sets;
     Xbsa_Result result = choose_sets(hint, sets);
     for (std::string const& set : sets) {

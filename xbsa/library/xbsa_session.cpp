@@ -296,15 +296,16 @@ Xbsa_Result Xbsa_Session::counts(std::string const& set, bool& does) {
 Xbsa_Result Xbsa_Session::find(Xbsa_Hint const& hint, Xbsa_Repository::Filter const& filter,
                                std::vector<Xbsa_Object>& objects) {
     return repository_->find(
-        hint, filter, [this](std::string const& set, bool& does) { return counts(set, does); }, objects);
+        hint, filter, [this](std::string const& set, bool& does) { return counts(set, does); },
+        objects);
 }
 
 Xbsa_Result Xbsa_Session::find_copy(uint64_t copy_id, Xbsa_Object& object) {
     if (copy_id == 0)
         return {BSA_RC_INVALID_COPYID, "no object has the copy id 0"};
     std::vector<Xbsa_Object> objects;
-    Xbsa_Result const result =
-        find({"", copy_id}, [&](Xbsa_Object const& one) { return one.copy_id == copy_id; }, objects);
+    Xbsa_Result const result = find(
+        {"", copy_id}, [&](Xbsa_Object const& one) { return one.copy_id == copy_id; }, objects);
     if (!result)
         return result;
     if (objects.empty())
@@ -340,9 +341,9 @@ Xbsa_Result Xbsa_Session::query(BSA_QueryDescriptor const& query,
         return {BSA_RC_INVALID_QUERYDESCRIPTOR, "the query has no pathName, an unknown type, an "
                                                 "invalid time, or a text without an end"};
     std::vector<Xbsa_Object> objects;
-    Xbsa_Result const result =
-        find({wanted.exact_path()},
-             [&](Xbsa_Object const& object) { return wanted.wants_name(object); }, objects);
+    Xbsa_Result const result = find(
+        {wanted.exact_path()}, [&](Xbsa_Object const& object) { return wanted.wants_name(object); },
+        objects);
     if (!result)
         return result;
     found_ = answer(wanted, std::move(objects));
