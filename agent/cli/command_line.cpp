@@ -164,8 +164,9 @@ void Command_Line::add_instance_commands() {
     add_option_values(*save);
     CLI::App* const remove =
         command(*instances, "remove", "Forget an instance and its accounts",
-                "  zenbrak3 instance remove dws1\n",
-                [this](Command_Context& context) { return remove_instance(context, instance_, consent_); });
+                "  zenbrak3 instance remove dws1\n", [this](Command_Context& context) {
+                    return remove_instance(context, instance_, consent_);
+                });
     add_consent(*remove);
 
     CLI::App* const databases = command(
@@ -277,8 +278,9 @@ void Command_Line::add_member_commands() {
         ->excludes(all);
     CLI::App* const remove =
         command(*members, "remove", "Remove a member; its key opens nothing any more",
-                "  zenbrak3 member remove db2\n",
-                [this](Command_Context& context) { return remove_member(context, member_, consent_); });
+                "  zenbrak3 member remove db2\n", [this](Command_Context& context) {
+                    return remove_member(context, member_, consent_);
+                });
     add_consent(*remove);
     remove->add_option("MEMBER", member_, "Its name")->required();
 }
@@ -337,7 +339,9 @@ void Command_Line::add_backup_command() {
         *backup, "remove", "Remove a backup and its data, for ever",
         "  zenbrak3 backup remove 6f9619ff --yes\n"
         "  zenbrak3 backup remove 6f9619ff --with-dependents    and those that build on it\n",
-        [this](Command_Context& context) { return remove_backup(context, backup_, dependents_, consent_); });
+        [this](Command_Context& context) {
+            return remove_backup(context, backup_, dependents_, consent_);
+        });
     add_consent(*remove);
     remove->add_option("BACKUP", backup_, "Its uuid, or a beginning that no other has")
         ->check(name_check(names::fault_of_id))
@@ -442,9 +446,10 @@ void Command_Line::add_job_commands() {
         "  zenbrak3 job cancel 0f3a91c2\n"
         "  zenbrak3 job cancel 0f3a91c2 --now    do not wait for the database's backup tool\n",
         [this](Command_Context& context) { return cancel_job(context, job_, now_); });
-    cancel->add_flag("--now", now_,
-                     "End the run's programs on all hosts, within 15 seconds; without it a run ends "
-                     "when its program does");
+    cancel->add_flag(
+        "--now", now_,
+        "End the run's programs on all hosts, within 15 seconds; without it a run ends "
+        "when its program does");
     std::vector<CLI::App*> all{show, log, wait, cancel};
     struct Change {
         char const* name;

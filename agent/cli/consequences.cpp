@@ -24,7 +24,8 @@ Array list_of(Command_Context& context, char const* method, Object const& params
 }
 
 /** The row of a list that has one of these values. */
-Object row_of(Array const& list, std::initializer_list<char const*> keys, std::string const& value) {
+Object row_of(Array const& list, std::initializer_list<char const*> keys,
+              std::string const& value) {
     for (Object const& row : json_spirit::objects_of(list))
         for (char const* const key : keys)
             if (object_get_str(row, key) == value)
@@ -94,9 +95,8 @@ Consequences restore_consequences(Command_Context& context, Object const& set,
     result.lines = {
         {"Backup", set_text(set) + (source == target ? "" : ", of instance " + printable(source))},
         {"State of " + name, state_text(context, target)},
-        {"Lost", source == target ? "all changes since " +
-                                        time_text(static_cast<time_t>(
-                                            number_of(set, "backup_end_time")))
+        {"Lost", source == target ? "all changes since " + time_text(static_cast<time_t>(
+                                                               number_of(set, "backup_end_time")))
                                   : "all that " + name + " holds"},
         {"Last backup of " + name, newest_text(backups_of(context, target, 1), uuid)}};
     return result;
@@ -106,12 +106,12 @@ Consequences backup_consequences(Command_Context& context, Object const& set, bo
     std::string const instance = object_get_str(set, "instance");
     Array const backups = backups_of(context, instance);
     std::set<std::string> const all = with_dependents(backups, set);
-    Consequences result{"remove backup " + object_get_str(set, "uuid"),
-                        "This removes " +
-                            (dependents && all.size() > 1 ? std::to_string(all.size()) + " backups"
-                                                          : "a backup") +
-                            " of instance " + printable(instance) + " with the data, for ever.",
-                        {{"Backup", set_text(set)}}};
+    Consequences result{
+        "remove backup " + object_get_str(set, "uuid"),
+        "This removes " +
+            (dependents && all.size() > 1 ? std::to_string(all.size()) + " backups" : "a backup") +
+            " of instance " + printable(instance) + " with the data, for ever.",
+        {{"Backup", set_text(set)}}};
     Array left;
     for (Object const& other : json_spirit::objects_of(backups)) {
         std::string const uuid = object_get_str(other, "uuid");
@@ -125,15 +125,15 @@ Consequences backup_consequences(Command_Context& context, Object const& set, bo
 }
 
 Consequences pool_consequences(Command_Context& context, std::string const& pool) {
-    Object const found =
-        row_of(list_of(context, "pool.list", {}, "pools"), {"name", "uuid"}, pool);
+    Object const found = row_of(list_of(context, "pool.list", {}, "pools"), {"name", "uuid"}, pool);
     Consequences result{"remove pool " + pool,
-                        "This removes pool " + printable(pool) + " from the record; files that "
-                                                                 "lie in it are left there.",
+                        "This removes pool " + printable(pool) +
+                            " from the record; files that "
+                            "lie in it are left there.",
                         {}};
-    result.lines = {{"URL", text_or_unknown(object_get_str(found, "url"))},
-                    {"Used", found.count("used") ? value_text(found.at("used"), Form::SIZE)
-                                                 : UNKNOWN}};
+    result.lines = {
+        {"URL", text_or_unknown(object_get_str(found, "url"))},
+        {"Used", found.count("used") ? value_text(found.at("used"), Form::SIZE) : UNKNOWN}};
     return result;
 }
 
@@ -148,8 +148,9 @@ Consequences instance_consequences(Command_Context& context, std::string const& 
         users += (users.empty() ? "" : ", ") + printable(object_get_str(account, "username"));
     Array const backups = backups_of(context, instance);
     Consequences result{"remove instance " + instance,
-                        "This forgets instance " + printable(instance) + " and its accounts; its "
-                                                                         "backups are kept.",
+                        "This forgets instance " + printable(instance) +
+                            " and its accounts; its "
+                            "backups are kept.",
                         {}};
     result.lines = {{"State", state_text(context, instance)},
                     {"Accounts", users.empty() ? "none" : users},
@@ -161,11 +162,12 @@ Consequences instance_consequences(Command_Context& context, std::string const& 
 Consequences member_consequences(Command_Context& context, std::string const& member) {
     Object const found = row_of(list_of(context, "member.list", {}, "members"), {"name"}, member);
     Consequences result{"remove member " + member,
-                        "This removes member " + printable(member) + "; its key opens nothing any "
-                                                                     "more, and its runs fail.",
+                        "This removes member " + printable(member) +
+                            "; its key opens nothing any "
+                            "more, and its runs fail.",
                         {}};
-    result.lines = {{"Host", text_or_unknown(object_get_str(found, "host"))},
-                    {"Connected", found.count("connected") ? value_text(found.at("connected"))
-                                                           : UNKNOWN}};
+    result.lines = {
+        {"Host", text_or_unknown(object_get_str(found, "host"))},
+        {"Connected", found.count("connected") ? value_text(found.at("connected")) : UNKNOWN}};
     return result;
 }

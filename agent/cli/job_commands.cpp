@@ -237,7 +237,7 @@ int list_jobs(Command_Context& context, Job_Filter const& filter, double interva
             run["took"] = took(run);
             table.add(run);
         }
-        text = table.empty() && context.terminal().interactive ? "There are no jobs.\n"
+        text = table.empty() && context.terminal().interactive ? "No jobs.\n"
                                                                : table.text(context.terminal());
         return true;
     });

@@ -234,8 +234,7 @@ int save_instance(Command_Context& context, std::string const& instance,
     return done(context, result, "Instance " + instance + " is on record.");
 }
 
-int remove_instance(Command_Context& context, std::string const& instance,
-                    Consent const& consent) {
+int remove_instance(Command_Context& context, std::string const& instance, Consent const& consent) {
     int status = EXIT_OK;
     if (!consents(context, consent, instance_consequences(context, instance), status))
         return status;
@@ -306,7 +305,7 @@ int list_pools(Command_Context& context, double interval) {
                                 {"READ-ONLY", "read_only"},
                                 {"URL", "url"},
                                 {"UUID", "uuid"}}),
-                         "There are no pools; `zenbrak3 pool create` makes one.", text);
+                         "No pools; `zenbrak3 pool create` creates one.", text);
     });
 }
 
@@ -354,7 +353,7 @@ int list_members(Command_Context& context, double interval) {
                                 {"VERSION", "version"},
                                 {"ALL POOLS", "all_pools"},
                                 {"HOST UUID", "host_uuid"}}),
-                         "There are no members; `zenbrak3 member add` makes a key for one.", text);
+                         "No members; `zenbrak3 member add` creates a key for one.", text);
     });
 }
 
@@ -398,7 +397,7 @@ int list_backups(Command_Context& context, Backup_Filter const& filter, double i
                        {"POOL", "pool_uuid", context.id_form()}});
     return context.show(interval, [&](std::string& text) {
         return list_text(context, "backup.list", params, "list the backups", "backups", table,
-                         "There are no backups.", text);
+                         "No backups.", text);
     });
 }
 
@@ -467,7 +466,7 @@ int list_definitions(Command_Context& context, double interval) {
                                 {"LAST RUN", "last_run", Form::TIME},
                                 {"NEXT RUN", "next_run", Form::TIME},
                                 {"ID", "id", context.id_form()}}),
-                         "There are no definitions; `zenbrak3 definition save` makes one.", text);
+                         "No definitions; `zenbrak3 definition save` creates one.", text);
     });
 }
 

@@ -160,7 +160,7 @@ void read_identity(Member_Reader& reader, Job_Module const& module, Job_Definiti
     if (reader.required_text("name", text, names::fault_of_title))
         definition.name(text);
     if (reader.required_text("agent", text) && text != module.agent)
-        reader.blame("agent", "\"" + names::shown(text) + "\" is no loaded module's");
+        reader.blame("agent", "\"" + names::shown(text) + "\" is not the agent of a loaded module");
     definition.agent(text);
     std::string uid;
     read_uuid(reader, "uid", uid);

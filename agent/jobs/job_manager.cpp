@@ -54,7 +54,7 @@ Job_Answer Job_Manager::save_i(Object const& given, std::string& id) {
 Job_Answer Job_Manager::check(Object const& normal, Job_Definition_var& result) const {
     Job_Module const* const module = module_of(normal);
     if (!module)
-        return Job_Answer::invalid("agent: no loaded module is for \"" +
+        return Job_Answer::invalid("agent: no module is loaded for \"" +
                                    json_spirit::object_get_str(normal, "agent") + "\"");
     std::string error;
     if (!definition_from_json(*module, normal, result, error))

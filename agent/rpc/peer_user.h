@@ -6,8 +6,9 @@
 #include <sys/types.h>
 
 /**
- * The user of the process at the other end of a connection on this host, as the kernel knows it;
- * nothing when the other end is elsewhere, has gone, or the kernel does not tell. Does not block.
+ * The user of the process at the other end of a connection within this host, from the kernel's
+ * socket table. No value when the other end is on another host or closed, or when the kernel has no
+ * entry for it. Does not block.
  */
 std::optional<uid_t> user_of_peer(boost::asio::ip::tcp::socket const& socket);
 

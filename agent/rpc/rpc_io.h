@@ -9,9 +9,10 @@
 #include <thread>
 
 /**
- * True when the peer of a connection has gone: it has closed it, or it broke. One that has only
- * ended its own sending still waits for answers.
- * @param ends_with_its_sending  the protocol has no such half: the end of its sending is the end
+ * True when the peer has closed the connection, or the connection is broken. A peer that has only
+ * shut down its own sending still waits for answers.
+ * @param ends_with_its_sending  true for a protocol without half-closed connections: a peer that has
+ *                               shut down its sending counts as disconnected
  */
 bool is_gone(boost::asio::detail::socket_type socket, bool ends_with_its_sending);
 

@@ -86,7 +86,7 @@ bool Group_Members::add(Member_Record const& member, secure_string& key, std::st
 bool Group_Members::remove(std::string const& name, std::string& why) {
     std::lock_guard const changing(changing_);
     if (!find(name)) {
-        why = "there is no member \"" + name + "\"";
+        why = "member \"" + name + "\" does not exist";
         return false;
     }
     bool const done = database_.change("remove a member", [&](SQLite::Database& database) {
@@ -117,7 +117,7 @@ bool Group_Members::bind(std::string const& name, std::string const& host_uuid, 
                 why = "host " + host_uuid + " is that of another member, \"" + other + "\"";
     }
     if (entry.member.name.empty())
-        why = "it is not a member any more";
+        why = "the member has been removed";
     else if (why.empty() && entry.member.host_uuid == host_uuid)
         return true;
     else if (why.empty() && !entry.member.host_uuid.empty())

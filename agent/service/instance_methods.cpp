@@ -119,8 +119,9 @@ public:
             return false;
         for (Job_Run const& run : runs_.running())
             if (run.instance == instance->name)
-                return refused("job " + run.run_id + " of it is running or waits; wait for its "
-                                                     "end or cancel it",
+                return refused("job " + run.run_id +
+                                   " of it is running or waits; wait for its "
+                                   "end or cancel it",
                                fault);
         if (!remove_instance(instance))
             return failed(fault);

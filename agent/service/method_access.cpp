@@ -166,7 +166,7 @@ bool Method_Access::is_news(std::string const& who, std::string const& method) {
 
 bool Method_Access::for_member(Question const& question) {
     if (!members_.find(question.call.caller.member))
-        return refuse(question.why, "it is not a member any more");
+        return refuse(question.why, "the member has been removed");
     if (question.host.empty() && question.call.method != "group.join")
         return refuse(question.why, "it has not joined yet");
     auto const check = Table::rows().at(question.call.method).member;

@@ -203,10 +203,10 @@ private:
     Job_Definition_var definition_; // written under both
     std::unique_ptr<Activity_Page> page_;
     Job_Activity_Handle file_;
-    Job_Activity* activity_; // its id and message are written under both
-    secure_string run_key_;  // under the second
+    Job_Activity* activity_;                     // its id and message are written under both
+    secure_string run_key_;                      // under the second
     std::shared_ptr<Cancellation> cancellation_; // under the second
-    Job_var self_;           // set while a run that start() began is on
+    Job_var self_;                               // set while a run that start() began is on
     std::atomic<bool> running_ = false;
     bool outcome_told_ = false;
     bool removed_ = false;

@@ -179,9 +179,8 @@ void Process_Tree::add_programs(User_Programs const& programs) {
         Process_Status status;
         double age = 0;
         auto const is_wanted = [&] {
-            return read_status(pid, status) && status.user == programs.user &&
-                   read_age(pid, age) && age <= static_cast<double>(programs.max_age) &&
-                   runs_one_of(pid, programs.names);
+            return read_status(pid, status) && status.user == programs.user && read_age(pid, age) &&
+                   age <= static_cast<double>(programs.max_age) && runs_one_of(pid, programs.names);
         };
         if (is_wanted() && add(pid) && !is_wanted())
             found_.erase(pid);

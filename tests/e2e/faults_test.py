@@ -290,7 +290,7 @@ class Removal_Test(Restoring_Test):
         full, incremental = self.back_up_chain()
         removed = self.remove(full, "--with-dependents")
         self.assertEqual(0, removed.returncode, removed.stderr)
-        self.assertEqual({full, incremental}, set(removed.stdout.split(": ")[1].strip().split(", ")))
+        self.assertEqual({full, incremental}, set(removed.stdout.split("Removed: ")[1].strip().split(", ")))
         world.sets -= {full, incremental}
         world.assert_recovered()
 

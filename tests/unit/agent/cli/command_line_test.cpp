@@ -150,9 +150,9 @@ TEST_F(Command_Line_Test, the_codes_of_the_agent_become_exit_codes) {
     for (Case const& one :
          {Case{-32004, EXIT_NOT_FOUND}, Case{-32005, EXIT_REFUSED}, Case{-32602, EXIT_USAGE},
           Case{-32603, EXIT_FAILED}, Case{-32601, EXIT_FAILED}}) {
-        agent_.refuses("pool.remove", one.code, "because", "pool \"p\"");
-        EXPECT_EQ(one.status, run({"pool", "remove", "p", "--yes"})) << one.code;
-        EXPECT_THAT(err_, HasSubstr("zenbrak3: cannot remove pool p: because: pool \"p\"\n"));
+        agent_.refuses("definition.remove", one.code, "because", "job \"p\"");
+        EXPECT_EQ(one.status, run({"definition", "remove", "p"})) << one.code;
+        EXPECT_THAT(err_, HasSubstr("zenbrak3: cannot remove definition p: because: job \"p\"\n"));
         EXPECT_EQ("", out_);
     }
 }

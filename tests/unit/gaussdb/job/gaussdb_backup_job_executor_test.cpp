@@ -326,7 +326,7 @@ TEST_F(GaussDB_Backup_Job_Executor_Test, a_run_that_is_cancelled_now_ends_its_to
     Log_Capture::instance().claim_all(LM_WARNING, "the run was cancelled");
     EXPECT_EQ("abort SET", catalog_calls().back());
     EXPECT_THAT(objects(), IsEmpty());
-    EXPECT_FALSE(std::filesystem::exists("/var/cache/quilmot/zenbrak3/gaussdb/pool-1"));
+    EXPECT_FALSE(policy_is_there());
 }
 
 TEST_F(GaussDB_Backup_Job_Executor_Test, a_cancel_during_a_run_that_fails_is_a_cancel) {

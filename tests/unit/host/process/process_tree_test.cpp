@@ -25,8 +25,8 @@ public:
                       std::string const& body = "")
         : ready_(directory.path("ready." + name + std::to_string(user))) {
         std::string const path = directory.path(name);
-        std::ofstream(path) << body << "\nsleep 1000 &\necho $! > " << ready_
-                            << ".new\nmv " << ready_ << ".new " << ready_ << "\nwait\nsleep 1000\n";
+        std::ofstream(path) << body << "\nsleep 1000 &\necho $! > " << ready_ << ".new\nmv "
+                            << ready_ << ".new " << ready_ << "\nwait\nsleep 1000\n";
         pid_ = fork();
         if (pid_ == 0) {
             if (setgid(user) == 0 && setuid(user) == 0)
@@ -45,7 +45,7 @@ public:
             waitpid(pid_, nullptr, 0);
         }
     }
-    bool lives() const { return waitpid(pid_, nullptr, WNOHANG | WNOWAIT) == 0 && !has_ended(pid_); }
+    bool lives() const { return !has_ended(pid_); }
     bool child_lives() const { return !has_ended(child_); }
 
 private:

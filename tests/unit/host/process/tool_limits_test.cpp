@@ -251,8 +251,7 @@ TEST_F(Tool_Limits_Test, a_run_without_limits_is_ended_whole_when_it_is_cancelle
         Cancellation::current(run);
         Sink handler;
         handler.unlimited();
-        expect_stopped(handler,
-                       "session " + in("session") + " daemon " + in("daemon") + " stay",
+        expect_stopped(handler, "session " + in("session") + " daemon " + in("daemon") + " stay",
                        "the run was cancelled", LM_WARNING);
     });
     pid_t const session = told_pid("session");
