@@ -1,6 +1,6 @@
 // A query of the XBSA library for one object among the sets of 1,000 backups with 200 objects each,
-// in a session that has asked before, and the first one of a session; against a look at the times of
-// the 1,000 folders, which any answer needs that is not older than the question.
+// in a session that has asked before, and the first one of a session; against a look at the times
+// of the 1,000 folders, which any answer needs that is not older than the question.
 #include "benchmarks/private_root.h"
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
@@ -44,10 +44,10 @@ private:
         for (int set = 0; set < SETS; ++set)
             uuids.emplace_back(key_of(set));
         std::filesystem::create_directory(files_.path("pool"));
-        files_.write("agent.json",
-                     to_text(Object_Maker()("world", 1)("key", "key")("sets", std::move(uuids))(
-                         "pool", Object_Maker()("uuid", "pool")(
-                                     "url", "file://" + files_.path("pool")))));
+        files_.write(
+            "agent.json",
+            to_text(Object_Maker()("world", 1)("key", "key")("sets", std::move(uuids))(
+                "pool", Object_Maker()("uuid", "pool")("url", "file://" + files_.path("pool")))));
         std::string directory = files_.path(), program = ZENBRAK3_XBSA_AGENT;
         char* arguments[] = {program.data(), directory.data(), nullptr};
         posix_spawn(&agent_, program.c_str(), nullptr, nullptr, arguments, environ);
@@ -61,8 +61,8 @@ private:
             copy_set(key_of(set));
         // their backups were long ago
         for (auto const& set : std::filesystem::directory_iterator(sets()))
-            std::filesystem::last_write_time(
-                set, std::filesystem::file_time_type::clock::now() - std::chrono::hours(24));
+            std::filesystem::last_write_time(set, std::filesystem::file_time_type::clock::now() -
+                                                      std::chrono::hours(24));
     }
     void write_policy(std::string const& name, std::string const& set) const {
         std::filesystem::create_directories(POLICIES);
@@ -74,11 +74,11 @@ private:
     }
     static bool make_first_set() {
         long handle = 0;
-        bool good = xbsa::open(handle, "writer") == BSA_RC_SUCCESS &&
-                    BSABeginTxn(handle) == BSA_RC_SUCCESS;
+        bool good =
+            xbsa::open(handle, "writer") == BSA_RC_SUCCESS && BSABeginTxn(handle) == BSA_RC_SUCCESS;
         for (int number = 0; good && number < OBJECTS; ++number) {
-            BSA_ObjectDescriptor object = xbsa::object(std::string("/") + FIRST_KEY + "/dn_6001/" +
-                                                       std::to_string(number));
+            BSA_ObjectDescriptor object =
+                xbsa::object(std::string("/") + FIRST_KEY + "/dn_6001/" + std::to_string(number));
             good = xbsa::put_object(handle, object, "x") == BSA_RC_SUCCESS;
         }
         good = good && BSAEndTxn(handle, BSA_Vote_COMMIT) == BSA_RC_SUCCESS;

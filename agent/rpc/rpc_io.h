@@ -11,8 +11,8 @@
 /**
  * True when the peer has closed the connection, or the connection is broken. A peer that has only
  * shut down its own sending still waits for answers.
- * @param ends_with_its_sending  true for a protocol without half-closed connections: a peer that has
- *                               shut down its sending counts as disconnected
+ * @param ends_with_its_sending  true for a protocol without half-closed connections: a peer that
+ * has shut down its sending counts as disconnected
  */
 bool is_gone(boost::asio::detail::socket_type socket, bool ends_with_its_sending);
 

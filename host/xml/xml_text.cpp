@@ -3,6 +3,7 @@
 #include "qmrt/regex.h"
 #include "qmrt/utf8.h"
 
+#include <algorithm>
 #include <boost/algorithm/string/predicate.hpp>
 #include <charconv>
 #include <iconv.h>
@@ -95,8 +96,8 @@ void drop_first_comments(std::string& text) {
             break;
         at = end + 3;
     }
-    if (at != begin)
-        text.erase(begin, at - begin);
+    size_t const content = std::min(text.find_first_not_of(BLANKS, at), text.size());
+    text.erase(begin, content - begin); // nor does the parser take blanks at the beginning
 }
 
 bool is_character(unsigned long code) {

@@ -234,7 +234,8 @@ TEST_F(Definition_JSON_Test, a_type_or_subtype_or_agent_must_be_one) {
     object = backup();
     object["subtype"] = "none";
     EXPECT_EQ(0u, fault(object).find("subtype: \"none\""));
-    EXPECT_EQ("agent: \"oracle\" is not the agent of a loaded module", fault(R"(,"agent":"oracle")"));
+    EXPECT_EQ("agent: \"oracle\" is not the agent of a loaded module",
+              fault(R"(,"agent":"oracle")"));
 }
 
 TEST_F(Definition_JSON_Test, a_pool_must_be_there) {
