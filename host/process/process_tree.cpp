@@ -24,6 +24,11 @@ namespace {
 constexpr int MOST_ROUNDS = 20;
 constexpr size_t MAX_STATUS_FILE = 64 * 1024;
 
+using Clock = std::chrono::steady_clock;
+
+/** How often processes are looked at that are to end. */
+constexpr std::chrono::milliseconds LOOK(20);
+
 struct Process_Status {
     pid_t parent = 0;
     uid_t user = 0; ///< the real one
@@ -203,9 +208,14 @@ bool Process_Tree::has_ended() {
     });
 }
 
+bool Process_Tree::await_end(time_t seconds) {
+    auto const limit = Clock::now() + std::chrono::seconds(seconds);
+    while (!has_ended() && Clock::now() < limit)
+        std::this_thread::sleep_for(LOOK);
+    return has_ended();
+}
+
 bool end_programs(User_Programs const& programs, time_t grace_seconds) {
-    using Clock = std::chrono::steady_clock;
-    constexpr std::chrono::milliseconds LOOK(20);
     constexpr std::chrono::seconds KILL_GRACE(2);
     Process_Tree tree;
     auto const add_all = [&] {

@@ -51,8 +51,10 @@ public:
     void add_programs(User_Programs const& programs);
     /** Sends a signal to all that were added, without the root. */
     void kill(int signal = SIGKILL);
-    /** True when all that were added have ended. */
+    /** True when all that were added have ended, and have let go of their files. */
     bool has_ended();
+    /** Waits for that, up to a limit. @return false at the limit */
+    bool await_end(time_t seconds);
 
 private:
     static constexpr pid_t NO_ROOT = -1;

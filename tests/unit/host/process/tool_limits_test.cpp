@@ -48,16 +48,17 @@ protected:
         return -1;
     }
 
-    /** True when the process ends in time; a zombie that nobody waits for has ended. */
+    /** A zombie that nobody waits for has ended. */
+    static bool has_ended(pid_t pid) {
+        std::string stat;
+        return !read_line("/proc/" + std::to_string(pid) + "/stat", stat, true) ||
+               stat.find(") Z ") != std::string::npos;
+    }
+    /** True when the process ends in time. */
     static bool ends(pid_t pid) {
-        for (int i = 0; i < 1000; ++i) {
-            std::string stat;
-            if (!read_line("/proc/" + std::to_string(pid) + "/stat", stat, true) ||
-                stat.find(") Z ") != std::string::npos)
-                return true;
+        for (int i = 0; i < 1000 && !has_ended(pid); ++i)
             std::this_thread::sleep_for(10ms);
-        }
-        return false;
+        return has_ended(pid);
     }
 
     std::string in(std::string const& file) const { return directory_.path(file); }
@@ -258,7 +259,7 @@ TEST_F(Tool_Limits_Test, a_run_without_limits_is_ended_whole_when_it_is_cancelle
     pid_t const daemon = told_pid("daemon");
     run->cancel();
     runner.join();
-    EXPECT_TRUE(ends(session)) << "a child in a session of its own lives";
+    EXPECT_TRUE(has_ended(session)) << "a child in a session of its own lives";
     EXPECT_TRUE(ends(daemon)) << "an orphan that holds the pipes lives";
 }
 
