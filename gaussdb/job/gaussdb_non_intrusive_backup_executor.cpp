@@ -513,6 +513,7 @@ bool Executor::run_tool(std::string const& cmd, GaussDB_Backup_Set& bset) {
     Scoped_Deleter const join_stop_thread([&] {
         event.signal();
         stop_thread.join();
+        let_cleanup_run(act_);
     });
     if (canceled())
         return false;

@@ -5,6 +5,8 @@
 #include "gaussdb/job/gaussdb_utils.h"
 #include "gaussdb/job/roach_executor.h"
 #include "host/agent/host_manager.h"
+#include "host/job/job.h"
+#include "host/process/cancellation.h"
 #include "host/process/service_lister.h"
 #include "qmrt/check.h"
 #include "qmrt/file.h"
@@ -138,12 +140,23 @@ bool is_canceled(Job_Activity const& activity) {
            state == JOB_STATE_ABORTING;
 }
 
+void let_cleanup_run(Job_Activity const& activity) {
+    if (is_canceled(activity))
+        Cancellation::current(nullptr);
+}
+
 void stop_tool_on_cancel(Job& job, std::string const& address, ACE_Event& event,
                          ACE_Time_Value const& interval) {
     try {
-        while (event.wait(&interval, 0) == -1 && errno == ETIME) {
-            if (!is_canceled(job.activity()))
+        bool tool_runs = true;
+        while (tool_runs) {
+            tool_runs = event.wait(&interval, 0) == -1 && errno == ETIME;
+            std::shared_ptr<Cancellation> const run = job.cancellation();
+            // that ended only the ssh on this host
+            bool const cancelled_now = run && run->cancelled();
+            if (!is_canceled(job.activity()) || (!tool_runs && !cancelled_now))
                 continue;
+            Cancellation_Scope const stop_is_wanted(nullptr);
             GaussDB_Env const no_env;
             // with the tool's own defaults: what the instance's record says is for its jobs
             Roach_Executor roach_executor("", no_env, false, job.log_msg_callback());

@@ -95,9 +95,13 @@ void remove_lines(std::string const& path, std::string const& address, std::stri
 
 /** True when the run is to end: by a cancel, a stop or an abort. */
 bool is_canceled(Job_Activity const& activity);
+/** Lets the calling thread of a canceled run start programs again, to clean up on the nodes. */
+void let_cleanup_run(Job_Activity const& activity);
 
 /**
  * Stops the tool on the node once the run is canceled; returns then or when the event is signalled.
+ * A run that was cancelled by Job::abort_now() has lost its ssh at once, and not the tool on the
+ * node: that is stopped also when the event was signalled first.
  * For a thread of its own, beside the one that waits for the tool.
  * @param interval  between two looks at the run's state
  */

@@ -425,6 +425,7 @@ bool Restore::run_tool(std::string& cmd, Roach_Source& roach_source, Chain const
     Scoped_Deleter const join_stop_thread([&] {
         event.signal();
         stop_thread.join();
+        let_cleanup_run(act_);
         clean_meta();
     });
     if (canceled())

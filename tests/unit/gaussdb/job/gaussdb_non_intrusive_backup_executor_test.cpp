@@ -729,6 +729,19 @@ TEST_F(Non_Intrusive_Backup_Test, a_cancel_stops_the_tool_and_drops_the_set) {
     EXPECT_FALSE(catalog_->has(jobs_.run_ids().back()));
 }
 
+TEST_F(Non_Intrusive_Backup_Test, a_run_that_is_cancelled_now_stops_the_tool_as_well) {
+    new_script("GaussRoach.py", "wait\nexit 1\n---\nexit 0");
+    using Job_Kind = Controllable_Job_T<Backup_Executor>; // whose stop thread looks every 2 seconds
+    EXPECT_EQ("ended canceled 0",
+              run_while<Job_Kind>(def_, RESOURCE, [](Job& job) { EXPECT_EQ(0, job.abort_now()); }));
+    EXPECT_EQ("GaussRoach.py -t stop", roach_line(2));
+    EXPECT_EQ(2u, roach_calls()) << "it is told once";
+    EXPECT_LOGGED(LM_ERROR, "Failed to execute roach backup.\n");
+    Log_Capture::instance().claim_all(LM_WARNING, "GaussRoach.py");
+    EXPECT_NOT_LOGGED("No tool is started");
+    EXPECT_FALSE(catalog_->has(jobs_.run_ids().back()));
+}
+
 TEST_F(Non_Intrusive_Backup_Test, a_cancel_before_the_tool_runs_nothing_and_drops_the_set) {
     class Canceling : public Backup_Executor {
     public:
