@@ -94,7 +94,7 @@ private:
 /** When a job runs. What the times of each type are is the scheduler's. */
 class Job_Schedule {
 public:
-    enum Type {
+    enum Type : int {
         TYPE_NONE = 0,
         TYPE_ONCE,
         TYPE_HOURLY,

@@ -62,23 +62,26 @@ bool JSON_RPC_Channel::request_i(JSON_RPC_Request const& request, std::chrono::m
 }
 
 bool JSON_RPC_Channel::handle_reply(JSON_RPC_Object const& object) {
-    bool const succeeded = object.type() == JSON_RPC_Object::TYPE_RESPONSE;
-    if (!succeeded && object.type() != JSON_RPC_Object::TYPE_RESPONSE_ERROR)
+    JSON_RPC_Response const* response = nullptr;
+    JSON_RPC_Response_Error const* error = nullptr;
+    if (object.type() == JSON_RPC_Object::TYPE_RESPONSE)
+        response = static_cast<JSON_RPC_Response const*>(&object);
+    else if (object.type() == JSON_RPC_Object::TYPE_RESPONSE_ERROR)
+        error = static_cast<JSON_RPC_Response_Error const*>(&object);
+    else
         return false;
-    auto const& response = static_cast<JSON_RPC_Response const&>(object);
-    auto const& error = static_cast<JSON_RPC_Response_Error const&>(object);
-    std::string const id = json_spirit::to_text(succeeded ? response.id() : error.id());
+    std::string const id = json_spirit::to_text(response ? response->id() : error->id());
 
     std::lock_guard const guard(mutex_);
     auto const found = waiters_.find(id);
     if (found == waiters_.end() || found->second->answered)
         return false;
     Waiter& waiter = *found->second;
-    if (succeeded)
-        waiter.reply.result = response.result();
+    if (response)
+        waiter.reply.result = response->result();
     else
-        waiter.reply = {Value(), error.code(), error.message(), error.data()};
-    waiter.succeeded = succeeded;
+        waiter.reply = {Value(), error->code(), error->message(), error->data()};
+    waiter.succeeded = response != nullptr;
     waiter.answered = true;
     changed_.notify_all();
     return true;

@@ -5,7 +5,7 @@
 #include <sys/types.h>
 
 /** How the objects of a pool are compressed. The numbers are persisted. */
-enum Compression_Method {
+enum Compression_Method : int {
     COMPR_NONE = 0,
     /**
      * As the object's name says: ".zst" is zstd, ".lzo" is lzop. Any other name is stored as it
@@ -20,7 +20,7 @@ enum Compression_Method {
 namespace MTF {
 
 /** How the data within an archive is compressed. */
-enum Compression { COMPRESSION_NONE = 0, COMPRESSION_LZOP = 1, COMPRESSION_ZSTD = 2 };
+enum Compression : int { COMPRESSION_NONE = 0, COMPRESSION_LZOP = 1, COMPRESSION_ZSTD = 2 };
 
 } // namespace MTF
 

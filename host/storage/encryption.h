@@ -4,7 +4,7 @@
 #include "json_spirit/secure_string.h"
 
 /** How the objects of a pool are encrypted. The numbers are persisted. */
-enum Encryption_Method { ENCRYPTION_NONE = 0, ENCRYPTION_AES_256 = 1 };
+enum Encryption_Method : int { ENCRYPTION_NONE = 0, ENCRYPTION_AES_256 = 1 };
 
 /**
  * True when clients can carry out a pool's encryption. They refuse any other, so that nothing is
