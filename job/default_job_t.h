@@ -105,7 +105,7 @@ int Default_Job_T<Executor>::run_i(Job::Action_Options const* options) {
     Job::set_job_thread();
     uuid_string_to_binary(definition()->uid(), activity().uid);
     // how it went is in the record afterwards, and has been told
-    with_executor([&](Executor& executor) { executor.execute(options); });
+    with_executor([&](Executor& executor) { (void)executor.execute(options); });
     Job::complete();
     return 0;
 }

@@ -34,22 +34,22 @@ public:
     Job_Executor_T& operator=(Job_Executor_T const&) = delete;
 
     /** Removes what the job left outside of itself. The results of these are success. */
-    virtual bool remove() { return true; }
-    virtual bool setup_ondemand() { return true; }
-    virtual bool remove_ondemand() { return true; }
+    [[nodiscard]] virtual bool remove() { return true; }
+    [[nodiscard]] virtual bool setup_ondemand() { return true; }
+    [[nodiscard]] virtual bool remove_ondemand() { return true; }
     /** The job is about to get that definition. */
-    virtual bool update(Job_Definition_var /*definition*/) { return true; }
-    virtual bool rollback() { return true; }
+    [[nodiscard]] virtual bool update(Job_Definition_var /*definition*/) { return true; }
+    [[nodiscard]] virtual bool rollback() { return true; }
 
 protected:
     /** The work itself, on the job thread. It raises its alerts and logs its failures. */
-    virtual bool execute_i(Job::Action_Options const* options) = 0;
-    virtual bool execute_pre_action();
-    virtual bool execute_post_action();
+    [[nodiscard]] virtual bool execute_i(Job::Action_Options const* options) = 0;
+    [[nodiscard]] virtual bool execute_pre_action();
+    [[nodiscard]] virtual bool execute_post_action();
     /** False ends the run like a failed precondition. */
-    virtual bool check_condition() { return true; }
+    [[nodiscard]] virtual bool check_condition() { return true; }
     /** False when the run is not this host's to do. */
-    virtual bool is_active(Job::Action_Options const* /*options*/) { return true; }
+    [[nodiscard]] virtual bool is_active(Job::Action_Options const* /*options*/) { return true; }
 
 public:
     /**
@@ -58,10 +58,10 @@ public:
      * @param options  the request's; null when it had none
      * @return true for a success, a run that is not this host's and one whose precondition failed.
      */
-    bool execute(Job::Action_Options const* options);
+    [[nodiscard]] bool execute(Job::Action_Options const* options);
 
 protected:
-    bool execute_precondition();
+    [[nodiscard]] bool execute_precondition();
 
     Job& job_;
     Job_Definition& def_;
@@ -72,9 +72,9 @@ protected:
     Options* opts_;
 
 private:
-    bool skip();
-    bool stay_idle();
-    bool run_steps(Job::Action_Options const* options);
+    [[nodiscard]] bool skip();
+    [[nodiscard]] bool stay_idle();
+    [[nodiscard]] bool run_steps(Job::Action_Options const* options);
 };
 
 template <typename Source, typename Options, typename Handler>

@@ -90,7 +90,7 @@ std::enable_if_t<std::is_integral_v<Integer>> read(Value const& value, Integer& 
 /** Reads one key. @return false when it is absent; throws Error, with the key's name, when unfit.
  */
 template <typename Object_type, typename Out>
-bool read_key(Object_type& object, std::string const& key, Out& out) {
+[[nodiscard]] bool read_key(Object_type& object, std::string const& key, Out& out) {
     auto const found = object.find(key);
     if (found == object.end())
         return false;
@@ -179,7 +179,7 @@ inline Object_Throw_Extractor extract_or_throw(Object& object) {
 template <typename T>
 struct Skip_Empty_Helper {
     explicit Skip_Empty_Helper(T const& wrapped) : value(wrapped) {}
-    bool skip() const { return value.empty(); }
+    [[nodiscard]] bool skip() const { return value.empty(); }
     T const& value;
 };
 
@@ -187,7 +187,7 @@ struct Skip_Empty_Helper {
 template <typename T>
 struct Skip_NULL_Helper {
     explicit Skip_NULL_Helper(T const& wrapped) : value(wrapped) {}
-    bool skip() const { return Value(value).is_null(); }
+    [[nodiscard]] bool skip() const { return Value(value).is_null(); }
     T const& value;
 };
 

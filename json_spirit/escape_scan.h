@@ -16,12 +16,12 @@ public:
     static constexpr char FAULT[] = "an escape names half of a surrogate pair";
 
     /** @return false from the first half of a pair on; malformed escapes are left to the parser */
-    bool feed(std::string_view piece);
+    [[nodiscard]] bool feed(std::string_view piece);
 
 private:
     enum State { PLAIN, BACKSLASH, DIGITS };
 
-    bool end_of_escape();
+    [[nodiscard]] bool end_of_escape();
 
     State state_ = PLAIN;
     unsigned int code_ = 0;

@@ -28,7 +28,7 @@ constexpr size_t MAX_FILE_SIZE = 256 * 1024 * 1024;
  * @param error  on failure, what is wrong and near which byte; may be null
  * @return false, with @a value untouched, on any fault. Logs nothing.
  */
-bool parse(std::string_view text, Value& value, std::string* error);
+[[nodiscard]] bool parse(std::string_view text, Value& value, std::string* error);
 
 /**
  * The text of @a value; secure strings are written in plain, so the result is for the wire and for
@@ -64,10 +64,11 @@ private:
  * @param log_failure  not 0: a fault is logged at LM_ERROR
  * @return false, with @a value untouched, on any fault
  */
-bool loads_json(char const* text, size_t length, json_spirit::Value& value, int log_failure);
+[[nodiscard]] bool loads_json(char const* text, size_t length, json_spirit::Value& value,
+                              int log_failure);
 
 /** The same from a file. A file that cannot be read is always logged. */
-bool load_json(char const* path, json_spirit::Value& value, int log_failure = 1);
+[[nodiscard]] bool load_json(char const* path, json_spirit::Value& value, int log_failure = 1);
 
 /**
  * Writes a value to a file in one step: readers see the old content or the new, never a part, and
@@ -77,7 +78,7 @@ bool load_json(char const* path, json_spirit::Value& value, int log_failure = 1)
  * @param mode     of the file, whatever the umask
  * @param owner    null keeps this process's
  */
-bool dump_json(char const* path, json_spirit::Value const& value, int silent, bool pretty,
-               mode_t mode, File_Owner const* owner = nullptr);
+[[nodiscard]] bool dump_json(char const* path, json_spirit::Value const& value, int silent,
+                             bool pretty, mode_t mode, File_Owner const* owner = nullptr);
 
 #endif

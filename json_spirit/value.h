@@ -65,9 +65,9 @@ public:
     Value(Pointer) = delete; // would turn into a bool
 
     Value_type type() const;
-    bool is_null() const { return type() == null_type; }
+    [[nodiscard]] bool is_null() const { return type() == null_type; }
     /** True for a whole number above the largest int64_t. */
-    bool is_uint64() const { return std::holds_alternative<uint64_t>(data_); }
+    [[nodiscard]] bool is_uint64() const { return std::holds_alternative<uint64_t>(data_); }
 
     /** Each throws Error when the value is of another type; the message names both types. */
     Object const& get_obj() const;
@@ -76,7 +76,7 @@ public:
     Array& get_array();
     String_type const& get_str() const;
     secure_string const& get_secure_str() const;
-    bool get_bool() const;
+    [[nodiscard]] bool get_bool() const;
     /** These throw Error also for a number that the result cannot hold. */
     int get_int() const;
     int64_t get_int64() const;

@@ -64,7 +64,7 @@ namespace qmrt {
 
 /** Calls @a report when @a is_broken; returns @a is_broken. */
 template <typename Report>
-bool broken(bool is_broken, Report report) {
+[[nodiscard]] bool broken(bool is_broken, Report report) {
     if (is_broken)
         report();
     return is_broken;

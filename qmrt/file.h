@@ -104,6 +104,6 @@ int read_each_line(char const* path, std::function<bool(std::string_view line)> 
  * @return true when there was a line; false, with nothing logged, for a file that is empty or
  *         cannot be read.
  */
-bool read_line(std::string const& path, std::string& text, bool trim);
+[[nodiscard]] bool read_line(std::string const& path, std::string& text, bool trim);
 
 #endif

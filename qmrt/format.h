@@ -38,7 +38,7 @@ public:
     operator Char const*() const { return text_; }
     /** Bytes held, without the NUL. */
     size_t length() const { return truncated() ? N - 1 : wanted_; }
-    bool truncated() const { return wanted_ >= N; }
+    [[nodiscard]] bool truncated() const { return wanted_ >= N; }
 
 private:
     Char text_[N];

@@ -92,7 +92,7 @@ public:
     int commit();
 
 private:
-    bool create(mode_t mode, File_Owner const* owner);
+    [[nodiscard]] bool create(mode_t mode, File_Owner const* owner);
 
     File_Descriptor directory_;
     File_Descriptor file_;
@@ -128,7 +128,7 @@ public:
 private:
     enum State { FAILED, UNCHANGED, CHANGED };
 
-    bool take(uid_t uid, gid_t gid, std::vector<gid_t> const& groups);
+    [[nodiscard]] bool take(uid_t uid, gid_t gid, std::vector<gid_t> const& groups);
     void give_back();
 
     State state_ = FAILED;

@@ -101,7 +101,7 @@ std::string fault_of_bare_path(std::string_view path);
 std::string fault_of_listed_name(std::string_view name);
 
 /** True for "meta", "media" and what ends as the files beside a cluster's or a policy's own. */
-bool is_registry_name(std::string_view name);
+[[nodiscard]] bool is_registry_name(std::string_view name);
 
 /** A name from outside as a message can show it: one line of valid UTF-8, cut after 200 bytes. */
 std::string shown(std::string_view name);

@@ -38,7 +38,7 @@ public:
 
     string_type const& str() const { return path_; }
     Char const* c_str() const { return path_.c_str(); }
-    bool empty() const { return path_.empty(); }
+    [[nodiscard]] bool empty() const { return path_.empty(); }
 
 private:
     string_type path_;
@@ -54,11 +54,11 @@ std::string basename(std::string const& path);
 /** What stands before the last "/": "/a" of "/a/b", "/" of "/a", "." when there is no "/". */
 std::string dirname_string(std::string const& path);
 
-bool is_symbolic_link(char const* path);
+[[nodiscard]] bool is_symbolic_link(char const* path);
 /** True for a regular file, links not followed. */
-bool is_regular_file(char const* path);
+[[nodiscard]] bool is_regular_file(char const* path);
 /** True for a directory, links not followed. */
-bool is_directory(char const* path);
+[[nodiscard]] bool is_directory(char const* path);
 
 /**
  * The path of a file in a directory of the product's own, such as

@@ -34,7 +34,7 @@ enum Path_Trust_Flags : unsigned {
  *                path that does not exist
  * @return false also when the path cannot be looked at. Nothing is logged. Thread-safe.
  */
-bool is_trusted_path(std::string const& path, uid_t user, unsigned flags, std::string& reason,
-                     struct stat* found = nullptr);
+[[nodiscard]] bool is_trusted_path(std::string const& path, uid_t user, unsigned flags,
+                                   std::string& reason, struct stat* found = nullptr);
 
 #endif

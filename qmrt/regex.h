@@ -19,7 +19,7 @@ namespace detail {
  * profiles are not ours to trust, so that counts as no match, and the log says so.
  */
 template <typename Operation>
-bool matches(Operation operation) {
+[[nodiscard]] bool matches(Operation operation) {
     try {
         return operation();
     } catch (std::runtime_error const& error) {
@@ -31,18 +31,20 @@ bool matches(Operation operation) {
 } // namespace detail
 
 /** True when the whole of @a text matches. Never throws. */
-inline bool regex_match(std::string_view text, svmatch& groups, boost::regex const& pattern) {
+[[nodiscard]] inline bool regex_match(std::string_view text, svmatch& groups,
+                                      boost::regex const& pattern) {
     return detail::matches(
         [&] { return boost::regex_match(text.begin(), text.end(), groups, pattern); });
 }
 
-inline bool regex_match(std::string_view text, boost::regex const& pattern) {
+[[nodiscard]] inline bool regex_match(std::string_view text, boost::regex const& pattern) {
     svmatch groups;
     return regex_match(text, groups, pattern);
 }
 
 /** True when some part of @a text matches. Never throws. */
-inline bool regex_search(std::string_view text, svmatch& groups, boost::regex const& pattern) {
+[[nodiscard]] inline bool regex_search(std::string_view text, svmatch& groups,
+                                       boost::regex const& pattern) {
     return detail::matches(
         [&] { return boost::regex_search(text.begin(), text.end(), groups, pattern); });
 }

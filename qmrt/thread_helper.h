@@ -52,9 +52,9 @@ public:
     void join();
 
     /** True from spawn() until join(), also while the thread has ended already. */
-    bool exists() const { return _tid != ACE_OS::NULL_thread; }
+    [[nodiscard]] bool exists() const { return _tid != ACE_OS::NULL_thread; }
     /** True while a joinable thread runs. */
-    bool running() const { return _running && *_running; }
+    [[nodiscard]] bool running() const { return _running && *_running; }
     ACE_thread_t tid() const { return _tid; }
 
     long flag() const { return _flag; }

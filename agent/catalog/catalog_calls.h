@@ -25,8 +25,8 @@ class Catalog_Backend;
  * @param message    when false: "Invalid params: ..." for what the caller did wrong, else that the
  *                   catalog could not do it
  */
-bool serve_catalog_call(Catalog_Backend& catalog, std::string const& operation,
-                        json_spirit::Object const& params, json_spirit::Value& result,
-                        std::string& message);
+[[nodiscard]] bool serve_catalog_call(Catalog_Backend& catalog, std::string const& operation,
+                                      json_spirit::Object const& params, json_spirit::Value& result,
+                                      std::string& message);
 
 #endif

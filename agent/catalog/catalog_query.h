@@ -37,17 +37,17 @@ public:
      */
     std::string backup_ids_sql() const;
     /** True when every set that sql() gives is chosen, so that no row has to be looked at. */
-    bool is_exact() const;
+    [[nodiscard]] bool is_exact() const;
     /** What the parameters of sql() stand for, in their order. */
     std::vector<Column_Value> const& values() const { return values_; }
     /** True when the row of a set that sql() gave is one that the query chooses. */
-    bool fits(json_spirit::Object const& row) const;
+    [[nodiscard]] bool fits(json_spirit::Object const& row) const;
 
     /** The key to sort by; "" when in any order. */
     std::string const& sort_key() const { return sort_key_; }
-    bool falling() const { return falling_; }
+    [[nodiscard]] bool falling() const { return falling_; }
     /** True when sql() gives the rows in the order asked for, and not by when they came. */
-    bool sorted_by_sql() const;
+    [[nodiscard]] bool sorted_by_sql() const;
 
     /** Sorts rows by a key, stable: is_less() of what they have under it. */
     static void sort(std::vector<json_spirit::Object>& rows, std::string const& key, bool falling);
@@ -65,7 +65,7 @@ private:
 };
 
 /** True for a value that "NN_" takes: neither null, "" nor 0. */
-bool has_content(json_spirit::Value const& value);
+[[nodiscard]] bool has_content(json_spirit::Value const& value);
 
 /** The object as it reads back from its text: what a set is kept as. Throws json_spirit::Error. */
 json_spirit::Object as_kept(json_spirit::Object const& object);

@@ -28,7 +28,7 @@ using Column_Value = std::variant<std::monostate, int64_t, double, std::string, 
 Column_Value column_value(json_spirit::Value const& value);
 
 /** The order of an index: null, numbers by their value, texts byte by byte, what else there is. */
-bool is_less(Column_Value const& left, Column_Value const& right);
+[[nodiscard]] bool is_less(Column_Value const& left, Column_Value const& right);
 
 /** Binds parameter @a index, from 1, of a statement. Throws SQLite::Exception. */
 void bind(SQLite::Statement& statement, int index, Column_Value const& value);

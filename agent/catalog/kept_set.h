@@ -46,7 +46,7 @@ public:
     /** Makes the first storage of a set grow. A set without one stays as it is. */
     static void grow_storage(SQLite::Database& database, int64_t id, uint64_t bytes);
     /** True when each is an object with a "path" that is not empty. */
-    static bool are_pieces(json_spirit::Array const& pieces);
+    [[nodiscard]] static bool are_pieces(json_spirit::Array const& pieces);
 
 private:
     Kept_Set() = default;

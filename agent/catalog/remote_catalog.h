@@ -13,22 +13,24 @@
  */
 class Remote_Catalog : public Catalog_Backend {
 public:
-    bool initialize(Catalog_Limits const& limits, Backup_Set const& set) override;
-    bool complete(Catalog_Limits const& limits, Backup_Set const& set) override;
-    bool commit(Catalog_Limits const& limits, Backup_Set const& set, bool overwrite) override;
-    bool abort(Catalog_Limits const& limits, std::string const& uuid,
-               json_spirit::Array& pieces) override;
-    bool add_piece(Catalog_Limits const& limits, std::string const& uuid,
-                   json_spirit::Array const& pieces) override;
-    bool get_view(Catalog_Limits const& limits, std::string const& type, std::string const& view,
-                  json_spirit::Object const& query, json_spirit::Value& result) override;
+    [[nodiscard]] bool initialize(Catalog_Limits const& limits, Backup_Set const& set) override;
+    [[nodiscard]] bool complete(Catalog_Limits const& limits, Backup_Set const& set) override;
+    [[nodiscard]] bool commit(Catalog_Limits const& limits, Backup_Set const& set,
+                              bool overwrite) override;
+    [[nodiscard]] bool abort(Catalog_Limits const& limits, std::string const& uuid,
+                             json_spirit::Array& pieces) override;
+    [[nodiscard]] bool add_piece(Catalog_Limits const& limits, std::string const& uuid,
+                                 json_spirit::Array const& pieces) override;
+    [[nodiscard]] bool get_view(Catalog_Limits const& limits, std::string const& type,
+                                std::string const& view, json_spirit::Object const& query,
+                                json_spirit::Value& result) override;
 
 private:
     /** Logs what fails. @param result  the method's, an object */
-    static bool call(char const* operation, Catalog_Limits const& limits,
-                     json_spirit::Object params, json_spirit::Object& result);
-    static bool send(char const* operation, Catalog_Limits const& limits, Backup_Set const& set,
-                     bool overwrite);
+    [[nodiscard]] static bool call(char const* operation, Catalog_Limits const& limits,
+                                   json_spirit::Object params, json_spirit::Object& result);
+    [[nodiscard]] static bool send(char const* operation, Catalog_Limits const& limits,
+                                   Backup_Set const& set, bool overwrite);
 };
 
 #endif

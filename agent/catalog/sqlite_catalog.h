@@ -72,15 +72,17 @@ public:
                             Storage_Clock& clock = Storage_Clock::system())
         : database_(database), clock_(clock) {}
 
-    bool initialize(Catalog_Limits const& limits, Backup_Set const& set) override;
-    bool complete(Catalog_Limits const& limits, Backup_Set const& set) override;
-    bool commit(Catalog_Limits const& limits, Backup_Set const& set, bool overwrite) override;
-    bool abort(Catalog_Limits const& limits, std::string const& uuid,
-               json_spirit::Array& pieces) override;
-    bool add_piece(Catalog_Limits const& limits, std::string const& uuid,
-                   json_spirit::Array const& pieces) override;
-    bool get_view(Catalog_Limits const& limits, std::string const& type, std::string const& view,
-                  json_spirit::Object const& query, json_spirit::Value& result) override;
+    [[nodiscard]] bool initialize(Catalog_Limits const& limits, Backup_Set const& set) override;
+    [[nodiscard]] bool complete(Catalog_Limits const& limits, Backup_Set const& set) override;
+    [[nodiscard]] bool commit(Catalog_Limits const& limits, Backup_Set const& set,
+                              bool overwrite) override;
+    [[nodiscard]] bool abort(Catalog_Limits const& limits, std::string const& uuid,
+                             json_spirit::Array& pieces) override;
+    [[nodiscard]] bool add_piece(Catalog_Limits const& limits, std::string const& uuid,
+                                 json_spirit::Array const& pieces) override;
+    [[nodiscard]] bool get_view(Catalog_Limits const& limits, std::string const& type,
+                                std::string const& view, json_spirit::Object const& query,
+                                json_spirit::Value& result) override;
 
     // what the agent asks besides; false has been logged
 
@@ -94,15 +96,15 @@ public:
      * Notes that a resource was restored at that time: "check_restored" leaves out its sets that
      * ended until then. An earlier time than the one on record changes nothing.
      */
-    bool mark_restored(std::string const& resource_uuid, time_t when);
+    [[nodiscard]] bool mark_restored(std::string const& resource_uuid, time_t when);
     /**
      * Drops every open set that a host's runs write, all or none: at the start of that host's agent
      * nobody writes one any more.
      * @param before   only those that began before that time
      * @param dropped  gets what is left of them
      */
-    bool abort_open_sets(std::string const& host_uuid, time_t before,
-                         std::vector<Dropped_Set>& dropped);
+    [[nodiscard]] bool abort_open_sets(std::string const& host_uuid, time_t before,
+                                       std::vector<Dropped_Set>& dropped);
     /**
      * Drops a complete set. One that others build on, by their key or as later ones of its
      * incarnation, is IN_USE unless those are to go as well.
@@ -113,12 +115,14 @@ public:
     Set_Removal remove(std::string const& uuid, bool dependents,
                        std::function<bool(std::vector<Dropped_Set> const&)> const& prepare);
     /** Finds a set, open or complete. @param facts  nothing when there is none */
-    bool find_facts(std::string const& uuid, std::optional<Set_Facts>& facts);
+    [[nodiscard]] bool find_facts(std::string const& uuid, std::optional<Set_Facts>& facts);
     /** The same for the newest set of a resource. */
-    bool find_newest_facts(std::string const& resource_uuid, std::optional<Set_Facts>& facts);
+    [[nodiscard]] bool find_newest_facts(std::string const& resource_uuid,
+                                         std::optional<Set_Facts>& facts);
     /** The uuids of sets, open or complete, of any kind, that begin with a text; @a limit at most.
      */
-    bool find_uuids(std::string const& beginning, size_t limit, std::vector<std::string>& uuids);
+    [[nodiscard]] bool find_uuids(std::string const& beginning, size_t limit,
+                                  std::vector<std::string>& uuids);
     /**
      * Finds out whether an object of a pool belongs to a set that is complete: whether one with a
      * storage in that pool has a piece of that name, or of a folder above it. The path of a piece
@@ -126,10 +130,11 @@ public:
      * object may have the suffix of a compression behind it.
      * @param named  gets the answer
      */
-    bool names_object(std::string const& pool_uuid, std::string const& object, bool& named);
+    [[nodiscard]] bool names_object(std::string const& pool_uuid, std::string const& object,
+                                    bool& named);
     /** @param usage  gets what the resources have in that pool, by their uuid; none for an empty
      * one */
-    bool pool_usage(std::string const& pool_uuid, std::vector<Resource_Usage>& usage);
+    [[nodiscard]] bool pool_usage(std::string const& pool_uuid, std::vector<Resource_Usage>& usage);
 
 private:
     using Rows = std::vector<json_spirit::Object>;
@@ -141,8 +146,10 @@ private:
     };
 
     Database_Patience patience(Catalog_Limits const& limits) const;
-    static bool form_of(std::string const& view, json_spirit::Object const& query, Row_Form& form);
-    bool read_facts(char const* where, std::string const& value, std::optional<Set_Facts>& facts);
+    [[nodiscard]] static bool form_of(std::string const& view, json_spirit::Object const& query,
+                                      Row_Form& form);
+    [[nodiscard]] bool read_facts(char const* where, std::string const& value,
+                                  std::optional<Set_Facts>& facts);
     static Rows catalogs(SQLite::Database& database, Catalog_Query const& query,
                          Row_Form const& form);
     static json_spirit::Array depends(SQLite::Database& database, Catalog_Query query);

@@ -35,8 +35,8 @@ public:
      * @param error   on failure, why
      * @return true when there is a result. Logs and prints nothing.
      */
-    virtual bool call(std::string const& method, json_spirit::Value const& params,
-                      json_spirit::Value& result, Rpc_Error& error) = 0;
+    [[nodiscard]] virtual bool call(std::string const& method, json_spirit::Value const& params,
+                                    json_spirit::Value& result, Rpc_Error& error) = 0;
 };
 
 #endif

@@ -21,7 +21,7 @@ public:
 
     Terminal const& terminal() const { return terminal_; }
     /** The results are wanted as JSON. */
-    bool json() const { return json_; }
+    [[nodiscard]] bool json() const { return json_; }
     /** How the first column shows an id: short for people, whole for what reads a pipe. */
     Form id_form() const;
 
@@ -30,14 +30,16 @@ public:
      * @param doing   what it is for: "list the pools", "start the backup of prod"
      * @param advice  what to do when that is not found; "" for nothing
      */
-    bool ask(std::string const& method, json_spirit::Value const& params, std::string const& doing,
-             json_spirit::Object& result, std::string const& advice = "");
+    [[nodiscard]] bool ask(std::string const& method, json_spirit::Value const& params,
+                           std::string const& doing, json_spirit::Object& result,
+                           std::string const& advice = "");
     /** The same, for an answer of any kind. */
-    bool ask(std::string const& method, json_spirit::Value const& params, std::string const& doing,
-             json_spirit::Value& result, std::string const& advice = "");
+    [[nodiscard]] bool ask(std::string const& method, json_spirit::Value const& params,
+                           std::string const& doing, json_spirit::Value& result,
+                           std::string const& advice = "");
     /** The same without a word to the user. */
-    bool try_to_ask(std::string const& method, json_spirit::Value const& params,
-                    json_spirit::Value& result);
+    [[nodiscard]] bool try_to_ask(std::string const& method, json_spirit::Value const& params,
+                                  json_spirit::Value& result);
 
     /** Tells of a failure and returns @a code. */
     int fail(Exit_Code code, std::string const& what, std::string const& advice = "");

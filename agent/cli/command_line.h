@@ -24,13 +24,13 @@ public:
      * @param status  when false, what to exit with: help has been printed, or what is wrong
      * @return true when there is a command to run
      */
-    bool parse(int argc, char const* const* argv, int& status);
+    [[nodiscard]] bool parse(int argc, char const* const* argv, int& status);
 
     /** Runs the command that was parsed. @return what to exit with */
     int run(Command_Context& context) const { return action_(context); }
 
     std::string const& socket() const { return socket_; }
-    bool json() const { return json_; }
+    [[nodiscard]] bool json() const { return json_; }
 
     /** All commands, "pool create" for one of a group, in the order of the help. */
     std::vector<std::string> commands() const;

@@ -28,8 +28,8 @@ struct Consequences {
  * @return true to go on; otherwise @a status is what the command exits with: 0 for --dry-run,
  *         EXIT_REFUSED for a no, the end of the input, or no terminal, EXIT_INTERRUPTED for Ctrl-C
  */
-bool consents(Command_Context& context, Consent const& consent, Consequences const& consequences,
-              int& status);
+[[nodiscard]] bool consents(Command_Context& context, Consent const& consent,
+                            Consequences const& consequences, int& status);
 
 /** "2026-11-22 02:30:00, 3:05:09 ago"; "-" for 0. */
 std::string age_text(int64_t time);

@@ -25,10 +25,10 @@ struct Job_Wishes {
  * is a text, and so is what stands in double quotes.
  * @return false when there is no key
  */
-bool read_option(std::string const& text, json_spirit::Object& options);
+[[nodiscard]] bool read_option(std::string const& text, json_spirit::Object& options);
 
 /** "zstd:3" as method and level. @return false for what is no method that there is */
-bool read_compression(std::string const& text, json_spirit::Object& options);
+[[nodiscard]] bool read_compression(std::string const& text, json_spirit::Object& options);
 
 /** The entry that stands for a whole instance. */
 std::string instance_entry(std::string const& instance);
@@ -40,9 +40,10 @@ std::string instance_entry(std::string const& instance);
  * @param level     "full", "incremental"...
  * @param error     on failure, what is wrong
  */
-bool make_backup_definition(json_spirit::Object const& instance, std::string const& pool,
-                            std::string const& level, Job_Wishes const& wishes,
-                            json_spirit::Object& definition, std::string& error);
+[[nodiscard]] bool make_backup_definition(json_spirit::Object const& instance,
+                                          std::string const& pool, std::string const& level,
+                                          Job_Wishes const& wishes, json_spirit::Object& definition,
+                                          std::string& error);
 
 /**
  * A restore of a whole backup.
@@ -50,8 +51,9 @@ bool make_backup_definition(json_spirit::Object const& instance, std::string con
  * @param restore_as  the instance that it goes to, as the agent has it; null for the one that it
  *                    came from
  */
-bool make_restore_definition(json_spirit::Object const& backup,
-                             json_spirit::Object const* restore_as, Job_Wishes const& wishes,
-                             json_spirit::Object& definition, std::string& error);
+[[nodiscard]] bool make_restore_definition(json_spirit::Object const& backup,
+                                           json_spirit::Object const* restore_as,
+                                           Job_Wishes const& wishes,
+                                           json_spirit::Object& definition, std::string& error);
 
 #endif

@@ -10,7 +10,7 @@
  * @param file  its path; "-" for stdin
  * @return false after the user has been told what is wrong with it
  */
-bool read_definition_file(Command_Context& context, std::string const& file,
-                          json_spirit::Object& definition);
+[[nodiscard]] bool read_definition_file(Command_Context& context, std::string const& file,
+                                        json_spirit::Object& definition);
 
 #endif

@@ -13,9 +13,9 @@ public:
     static void install();
     /** Readable from the first interruption on; -1 before install(). For poll(). */
     static int fd();
-    static bool happened();
+    [[nodiscard]] static bool happened();
     /** Waits that long. @return false at once when an interruption comes, or has come */
-    static bool sleep(std::chrono::milliseconds time);
+    [[nodiscard]] static bool sleep(std::chrono::milliseconds time);
 };
 
 #endif

@@ -13,7 +13,7 @@
 /** The state of a run; JOB_STATE_NONE for a word that is no state. */
 Job_State state_of(json_spirit::Object const& run);
 /** True when nothing more will happen to it. */
-bool is_over(json_spirit::Object const& run);
+[[nodiscard]] bool is_over(json_spirit::Object const& run);
 /** "backup of prod", "restore of prod", "job": what a run is, for a sentence. */
 std::string run_title(json_spirit::Object const& run);
 

@@ -14,6 +14,7 @@ constexpr size_t MAX_PASSWORD = 1024;
  * @param error  on failure, what is wrong with it; "" when the user interrupted
  * @return false when there is none, or it cannot be one. The terminal is as it was before.
  */
-bool read_password(std::string const& prompt, secure_string& password, std::string& error);
+[[nodiscard]] bool read_password(std::string const& prompt, secure_string& password,
+                                 std::string& error);
 
 #endif

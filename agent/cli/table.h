@@ -25,7 +25,7 @@ public:
     void add(json_spirit::Object const& row);
     /** Adds the objects of an array. */
     void add(json_spirit::Array const& rows);
-    bool empty() const { return rows_.empty(); }
+    [[nodiscard]] bool empty() const { return rows_.empty(); }
 
     /** All lines, each with its line break; the titles also when there are no rows. */
     std::string text(Terminal const& terminal) const;

@@ -19,7 +19,7 @@ std::string duration_text(int64_t seconds);
  * Reads "1073741824", "1GiB", "1.5 g", "512K" (all in steps of 1024).
  * @return false, with @a bytes unchanged, for any other text and for what is beyond the range
  */
-bool read_size(std::string const& text, uint64_t& bytes);
+[[nodiscard]] bool read_size(std::string const& text, uint64_t& bytes);
 
 /** How the value of a key is shown. A LIMIT is a size of which 0 is none. */
 enum class Form { TEXT, SHORT_ID, SIZE, LIMIT, TIME, PERCENT, YES_NO, FLAVOUR, SPEED };

@@ -19,15 +19,15 @@ public:
 
     explicit Unix_Connection(std::string path) : path_(std::move(path)) {}
 
-    bool call(std::string const& method, json_spirit::Value const& params,
-              json_spirit::Value& result, Rpc_Error& error) override;
+    [[nodiscard]] bool call(std::string const& method, json_spirit::Value const& params,
+                            json_spirit::Value& result, Rpc_Error& error) override;
 
 private:
-    bool open(Rpc_Error& error);
-    bool send(json_spirit::Value const& request, Rpc_Error& error);
-    bool receive_line(std::string& line, Rpc_Error& error);
-    bool wait(short events, Rpc_Error& error);
-    bool lost(Rpc_Error& error, std::string const& why);
+    [[nodiscard]] bool open(Rpc_Error& error);
+    [[nodiscard]] bool send(json_spirit::Value const& request, Rpc_Error& error);
+    [[nodiscard]] bool receive_line(std::string& line, Rpc_Error& error);
+    [[nodiscard]] bool wait(short events, Rpc_Error& error);
+    [[nodiscard]] bool lost(Rpc_Error& error, std::string const& why);
 
     std::string const path_;
     File_Descriptor socket_;

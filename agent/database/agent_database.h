@@ -54,14 +54,15 @@ public:
      * @return what @a work returns; false, with an error line, when it throws
      */
     template <typename Work>
-    bool read(char const* purpose, Work work, Database_Patience const& patience = {});
+    [[nodiscard]] bool read(char const* purpose, Work work, Database_Patience const& patience = {});
 
     /**
      * The same in one transaction: true commits, false and an exception leave everything as it was.
      * True is returned only when the change is on stable storage.
      */
     template <typename Work>
-    bool change(char const* purpose, Work work, Database_Patience const& patience = {});
+    [[nodiscard]] bool change(char const* purpose, Work work,
+                              Database_Patience const& patience = {});
 
     /** @return what SQLite's integrity and foreign key checks complain of, a line each */
     std::vector<std::string> check();
@@ -76,9 +77,10 @@ private:
     template <typename Work>
     Outcome attempt(Work& work, Database_Patience const& patience, std::string& fault);
     /** Logs the fault. @return true, after a wait, when the work is worth doing again */
-    static bool wait_for_better(char const* purpose, std::string const& fault, bool may_pass,
-                                int64_t start, Database_Patience const& patience);
-    static bool may_pass(std::exception const& fault);
+    [[nodiscard]] static bool wait_for_better(char const* purpose, std::string const& fault,
+                                              bool may_pass, int64_t start,
+                                              Database_Patience const& patience);
+    [[nodiscard]] static bool may_pass(std::exception const& fault);
     void busy_seconds(int seconds);
 
     std::string const path_;

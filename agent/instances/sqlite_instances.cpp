@@ -93,19 +93,19 @@ bool SQLite_Instances::read(std::string const& condition, std::vector<std::strin
 
 std::shared_ptr<Instance> SQLite_Instances::find(std::string const& type, std::string const& name) {
     Instances found;
-    read("WHERE type = ? AND name = ?", {type, name}, found);
+    (void)read("WHERE type = ? AND name = ?", {type, name}, found);
     return found.empty() ? nullptr : found.front();
 }
 
 SQLite_Instances::Instances SQLite_Instances::list(std::string const& type) {
     Instances found;
-    read("WHERE type = ?", {type}, found);
+    (void)read("WHERE type = ?", {type}, found);
     return found;
 }
 
 SQLite_Instances::Instances SQLite_Instances::list_all() {
     Instances found;
-    read("", {}, found);
+    (void)read("", {}, found);
     return found;
 }
 

@@ -25,18 +25,19 @@ public:
 
     std::shared_ptr<Instance> find(std::string const& type, std::string const& name) override;
     std::vector<std::shared_ptr<Instance>> list(std::string const& type) override;
-    bool put(Instance const& instance) override;
-    bool erase(std::string const& type, std::string const& name) override;
-    bool save_account(std::string const& type, std::string const& name, std::string const& uid,
-                      json_spirit::Object const& account) override;
-    bool get_account(std::string const& type, std::string const& name, std::string const& uid,
-                     json_spirit::Object& account) override;
+    [[nodiscard]] bool put(Instance const& instance) override;
+    [[nodiscard]] bool erase(std::string const& type, std::string const& name) override;
+    [[nodiscard]] bool save_account(std::string const& type, std::string const& name,
+                                    std::string const& uid,
+                                    json_spirit::Object const& account) override;
+    [[nodiscard]] bool get_account(std::string const& type, std::string const& name,
+                                   std::string const& uid, json_spirit::Object& account) override;
     /**
      * Sends "backupd.instance.notify" through the Upstream_Backend of Host_Services: {"type",
      * "name", "uuid", "change": "added", "updated" or "removed", "options", "accounts":
      * [{"user_uuid", "name"}]}; without options and accounts for one that was removed.
      */
-    bool tell_server(Change change, Instance const& instance) override;
+    [[nodiscard]] bool tell_server(Change change, Instance const& instance) override;
 
     /** Instances of every type, in ascending order of type and name. */
     std::vector<std::shared_ptr<Instance>> list_all();
@@ -44,8 +45,8 @@ public:
 private:
     using Instances = std::vector<std::shared_ptr<Instance>>;
     /** @param condition  of the columns type and name, with a ? for each of @a values */
-    bool read(std::string const& condition, std::vector<std::string> const& values,
-              Instances& instances);
+    [[nodiscard]] bool read(std::string const& condition, std::vector<std::string> const& values,
+                            Instances& instances);
 
     Agent_Database& database_;
     Account_Key const key_;

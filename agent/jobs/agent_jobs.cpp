@@ -98,7 +98,7 @@ void Agent_Jobs::end_unstarted(std::string const& run_id, Job_Outcome const& out
             return;
     }
     if (outcome.state == JOB_STATE_ERROR)
-        store_.add_alert(run_id, start_alert(outcome.message), clock_.now());
+        (void)store_.add_alert(run_id, start_alert(outcome.message), clock_.now());
     time_t const now = clock_.now();
     finish(run_id, [&](Job_Run& run) {
         run.state = outcome.state;
@@ -126,7 +126,7 @@ void Agent_Jobs::change(std::string const& run_id, std::function<void(Job_Run& r
         live->second.written = clock_.steady_ns();
         run = live->second.run;
     }
-    store_.update(run);
+    (void)store_.update(run);
 }
 
 void Agent_Jobs::state_changed(Job const& job, Job_State state) {
@@ -207,7 +207,7 @@ void Agent_Jobs::finished(Job const& job) {
         skipped && skip_judge_ ? skip_judge_(instance_of(run_id)) : std::string();
     if (!fault.empty()) {
         QMRT_LOG(LM_ERROR, "The run was skipped: %s\n", fault.c_str());
-        store_.add_alert(run_id, start_alert(fault), clock_.now());
+        (void)store_.add_alert(run_id, start_alert(fault), clock_.now());
     }
     time_t const now = clock_.now();
     finish(run_id, [&](Job_Run& run) {
@@ -253,7 +253,7 @@ void Agent_Jobs::synced(Job const&) {
 }
 
 void Agent_Jobs::alert(Job const& job, Job_Alert const& alert) {
-    store_.add_alert(job.run_id(), alert, clock_.now());
+    (void)store_.add_alert(job.run_id(), alert, clock_.now());
 }
 
 std::shared_ptr<ACE_Log_Msg_Callback> Agent_Jobs::log_callback(Job const& job) {
@@ -327,9 +327,7 @@ Job_Answer Agent_Jobs::find(std::string const& beginning, Job_Run& result) {
 
 Job_Answer Agent_Jobs::last(std::string const& definition, Job_Run& result) {
     Job_Answer const answer = store_.last(definition, result);
-    if (answer)
-        show_present(result);
-    return answer;
+    return answer ? show_present(result) : answer;
 }
 
 Job_Answer Agent_Jobs::alerts(std::string const& run_id, std::vector<Run_Alert>& result) {

@@ -44,7 +44,7 @@ public:
      * process ended, and becomes JOB_STATE_ERROR. Logs without a run are deleted.
      * @return false when the database failed
      */
-    bool recover();
+    [[nodiscard]] bool recover();
 
     /**
      * As Run_Store has them, with how far the runs are now: a run has its outcome and its end only
@@ -62,9 +62,9 @@ public:
      * Waits until @a condition holds; it is asked at first and whenever a run has finished.
      * @return what it said at last
      */
-    bool wait_for_finished(std::function<bool()> const& condition, int64_t seconds);
+    [[nodiscard]] bool wait_for_finished(std::function<bool()> const& condition, int64_t seconds);
     /** Whether a run is on; not one that has finished and calls what on_finished() was given. */
-    bool is_any_on();
+    [[nodiscard]] bool is_any_on();
     /** The runs that are on, and those whose threads have not left the job yet. */
     std::vector<Job_Run> running();
 
@@ -74,7 +74,7 @@ public:
      * @param run  gets its id and start
      * @return false when the database failed
      */
-    bool add_unstarted(Job_Run& run);
+    [[nodiscard]] bool add_unstarted(Job_Run& run);
     /**
      * Ends a run whose job was never started. The message of one that failed becomes an alert, too.
      * A run that has been taken over is left alone.
@@ -134,7 +134,7 @@ private:
         bool unstarted = false;
     };
 
-    bool add(Job_Run& run, bool unstarted = false);
+    [[nodiscard]] bool add(Job_Run& run, bool unstarted = false);
     std::string instance_of(std::string const& run_id);
     /** Changes a live run and writes it; one that is not live is left alone. */
     void change(std::string const& run_id, std::function<void(Job_Run& run)> const& what);

@@ -46,15 +46,16 @@ struct Definition_Defaults {
  * left out. Only what it touches is checked here.
  * @return false, with the fault in @a error, and @a result unchanged
  */
-bool normalise_definition(json_spirit::Object const& given, Definition_Defaults const& defaults,
-                          json_spirit::Object& result, std::string& error);
+[[nodiscard]] bool normalise_definition(json_spirit::Object const& given,
+                                        Definition_Defaults const& defaults,
+                                        json_spirit::Object& result, std::string& error);
 
 /**
  * Parses a whole definition. Its schedule is a Job_Schedule_Text, of TYPE_NONE when it has none.
  * @return false, with the fault in @a error, and @a result unchanged
  */
-bool definition_from_json(Job_Module const& module, json_spirit::Object const& object,
-                          Job_Definition_var& result, std::string& error);
+[[nodiscard]] bool definition_from_json(Job_Module const& module, json_spirit::Object const& object,
+                                        Job_Definition_var& result, std::string& error);
 
 /** The schedule alone; TYPE_NONE, with the fault in @a error, when it cannot be read. */
 Job_Schedule_Text schedule_from_json(json_spirit::Object const& definition, std::string& error);

@@ -4,7 +4,7 @@
 #include <string>
 
 /** What became of a request about definitions or runs. Logged by nobody yet, unless FAILED. */
-struct Job_Answer {
+struct [[nodiscard]] Job_Answer {
     enum Kind {
         DONE,
         INVALID,   ///< the request itself is wrong; the text names the member

@@ -321,7 +321,7 @@ Job_Answer Job_Manager::start_new(Object const& given, std::string& run_id,
     answer = start_i(id, run_id, definition_id);
     if (!answer && is_new) {
         live_.erase(id);
-        definitions_.remove(id);
+        (void)definitions_.remove(id);
         unlink(activity_path(id).c_str());
     }
     return answer;
@@ -388,7 +388,7 @@ std::vector<std::string> Job_Manager::shutdown(int64_t seconds) {
     }
     for (Job_var const& job : running)
         job->abort();
-    jobs_.wait_for_finished(
+    (void)jobs_.wait_for_finished(
         [&] {
             return std::none_of(running.begin(), running.end(),
                                 [](Job_var const& job) { return job->running(); });

@@ -90,7 +90,7 @@ public:
     Job_Answer resume(std::string const& run);
 
     /** Whether a run of that definition, by its id, is on. */
-    bool is_running(std::string const& definition_id);
+    [[nodiscard]] bool is_running(std::string const& definition_id);
 
     /**
      * Refuses to start anything from now on, cancels all runs and waits for their end.
@@ -115,14 +115,15 @@ private:
     Job_Answer start_later(Stored_Definition const& stored, Start_Answer const& may,
                            std::string& run_id);
     Start_Answer may_start(Stored_Definition const& stored) const;
-    bool goes_on_waiting(Stored_Definition const& stored, Waiting const& waiting, Start_Answer may);
+    [[nodiscard]] bool goes_on_waiting(Stored_Definition const& stored, Waiting const& waiting,
+                                       Start_Answer may);
     Job_Answer remove_i(Stored_Definition const& stored);
     Job_Answer check(json_spirit::Object const& normal, Job_Definition_var& result) const;
     Job_Answer job_of(Stored_Definition const& stored, Job_var& result);
     Job_Answer make_job(Stored_Definition const& stored, Job_var& result);
     Job_Answer request(std::string const& run, Request what);
     Job_Answer request_waiting(Job_Run const& run, Request what);
-    bool runs(std::string const& definition_id) const;
+    [[nodiscard]] bool runs(std::string const& definition_id) const;
     Job_Answer describe(Stored_Definition const& stored, Described_Definition& result);
     Job_Module const* module_of(json_spirit::Object const& definition) const;
     std::string activity_path(std::string const& definition_id) const;

@@ -36,8 +36,8 @@ public:
      * @return false, with @a result unchanged, for any other text than above, and for a date that
      *         no year has
      */
-    static bool parse(std::string const& type, std::string const& at, Job_Schedule_Text& result,
-                      std::string& error);
+    [[nodiscard]] static bool parse(std::string const& type, std::string const& at,
+                                    Job_Schedule_Text& result, std::string& error);
     /** "daily" and so on. */
     static char const* type_name(Type type);
 
@@ -52,15 +52,15 @@ private:
     /** A time of the wall clock, with the fields counted as cron does. */
     struct Wall_Time;
 
-    bool parse_at(std::string& error);
-    bool parse_once(std::string& error);
-    bool parse_fields(std::string const& text, std::string& error);
-    bool parse_seconds(std::string& error);
-    bool ever_happens() const;
-    bool day_fits(Wall_Time const& wall) const;
-    bool hour_fits(Wall_Time const& wall) const;
-    bool fits(Wall_Time const& wall) const;
-    bool passed_over(int64_t first_minute, int64_t end_minute) const;
+    [[nodiscard]] bool parse_at(std::string& error);
+    [[nodiscard]] bool parse_once(std::string& error);
+    [[nodiscard]] bool parse_fields(std::string const& text, std::string& error);
+    [[nodiscard]] bool parse_seconds(std::string& error);
+    [[nodiscard]] bool ever_happens() const;
+    [[nodiscard]] bool day_fits(Wall_Time const& wall) const;
+    [[nodiscard]] bool hour_fits(Wall_Time const& wall) const;
+    [[nodiscard]] bool fits(Wall_Time const& wall) const;
+    [[nodiscard]] bool passed_over(int64_t first_minute, int64_t end_minute) const;
     time_t search(time_t after, time_t until) const;
 
     std::string at_;

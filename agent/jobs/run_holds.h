@@ -54,7 +54,7 @@ private:
         Clock::time_point asked;
         bool granted = false;
 
-        bool is_of(std::string const& host_uuid, std::string const& run_id) const {
+        [[nodiscard]] bool is_of(std::string const& host_uuid, std::string const& run_id) const {
             return run.run_id == run_id && run.host_uuid == host_uuid;
         }
     };

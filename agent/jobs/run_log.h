@@ -37,7 +37,7 @@ public:
 private:
     void remember(ACE_Log_Record const& record);
     /** @return false when it could not be written, with errno */
-    bool append(std::string const& line);
+    [[nodiscard]] bool append(std::string const& line);
 
     std::mutex mutex_;
     File_Descriptor file_;
@@ -76,7 +76,8 @@ public:
      * @param limit  bytes; more than MAX_PIECE counts as that, less than 4 as 4
      * @return false, after an error line, when it cannot be read
      */
-    bool read(std::string const& run_id, uint64_t offset, uint64_t limit, Run_Log_Piece& piece);
+    [[nodiscard]] bool read(std::string const& run_id, uint64_t offset, uint64_t limit,
+                            Run_Log_Piece& piece);
     /** Deletes a run's log, if there is one. */
     void remove(std::string const& run_id);
     /** Deletes the logs of all runs but these. */

@@ -209,7 +209,7 @@ Job_Answer Run_Store::alerts(std::string const& run_id, std::vector<Run_Alert>& 
             row.alert.level = static_cast<unsigned long>(select.getColumn(0).getInt64());
             row.alert.code = static_cast<unsigned long>(select.getColumn(1).getInt64());
             row.alert.detail_code = static_cast<unsigned long>(select.getColumn(2).getInt64());
-            json_spirit::parse(select.getColumn(3).getString(), row.alert.detail, nullptr);
+            (void)json_spirit::parse(select.getColumn(3).getString(), row.alert.detail, nullptr);
             row.alert.count = select.getColumn(4).getInt64();
             row.alert.text = select.getColumn(5).getString();
             row.time = select.getColumn(6).getInt64();

@@ -69,10 +69,10 @@ public:
     explicit Run_Store(Agent_Database& database) : database_(database) {}
 
     /** Adds a run. It gets the instance that its definition is on record with, into @a run too. */
-    bool add(Job_Run& run);
+    [[nodiscard]] bool add(Job_Run& run);
     /** Writes what a run changes: its state, outcome, sizes and times. */
-    bool update(Job_Run const& run);
-    bool add_alert(std::string const& run_id, Job_Alert const& alert, time_t time);
+    [[nodiscard]] bool update(Job_Run const& run);
+    [[nodiscard]] bool add_alert(std::string const& run_id, Job_Alert const& alert, time_t time);
 
     /** The newest first. INVALID for a state that there is none of. */
     Job_Answer list(Run_Query const& query, std::vector<Job_Run>& result);
@@ -91,13 +91,14 @@ public:
      * no longer there. Runs that are on stay.
      * @param deleted  gets the ids of those that went
      */
-    bool prune(std::string const& definition, size_t keep, std::vector<std::string>& deleted);
+    [[nodiscard]] bool prune(std::string const& definition, size_t keep,
+                             std::vector<std::string>& deleted);
     /**
      * Makes JOB_STATE_ERROR of the runs that are on.
      * @param count  gets how many there were
      */
-    bool fail_open_runs(std::string const& message, time_t now, int& count);
-    bool ids(std::set<std::string>& result);
+    [[nodiscard]] bool fail_open_runs(std::string const& message, time_t now, int& count);
+    [[nodiscard]] bool ids(std::set<std::string>& result);
 
 private:
     Agent_Database& database_;

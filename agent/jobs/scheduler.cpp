@@ -110,7 +110,7 @@ time_t Scheduler::look_at(Described_Definition const& definition, time_t now) {
     if (stored.planned > now + LARGEST_CORRECTION) {
         QMRT_LOG(LM_WARNING, "The clock was set back: the schedule of job %s begins anew\n",
                  stored.name.c_str());
-        definitions_.set_planned(stored.id, now);
+        (void)definitions_.set_planned(stored.id, now);
     }
     time_t const due = due_time(definition, schedule, now);
     if (!due || due > now)

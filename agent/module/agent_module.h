@@ -53,7 +53,7 @@ private:
     Agent_Module(std::string path, void* handle);
     template <typename Base>
     std::shared_ptr<Base> make(char const* name);
-    bool make_all(std::string& error);
+    [[nodiscard]] bool make_all(std::string& error);
 
     std::string const path_;
     /** Closes the library; every object holds it, so it goes last. */

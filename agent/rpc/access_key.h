@@ -14,7 +14,7 @@ using Key_Digest = std::array<unsigned char, 32>;
 Key_Digest key_digest(std::string_view key);
 /** 64 hexadecimal digits, and back. @return false for another text */
 std::string key_digest_text(Key_Digest const& digest);
-bool read_key_digest(std::string_view text, Key_Digest& digest);
+[[nodiscard]] bool read_key_digest(std::string_view text, Key_Digest& digest);
 /** The key in the value of an Authorization field, "Bearer KEY" (RFC 6750), the scheme in either
  * case; "" for any other. */
 std::string_view bearer_key(std::string_view authorization);
@@ -28,7 +28,7 @@ public:
      * @param authorization  as for bearer_key()
      * @return true for the right key; takes the same time for every wrong one of a length
      */
-    bool opens(std::string_view authorization) const;
+    [[nodiscard]] bool opens(std::string_view authorization) const;
 
 private:
     bool const empty_; ///< an empty key opens nothing

@@ -26,7 +26,7 @@ public:
         Slot& operator=(Slot const&) = delete;
 
         /** The client has shown the key. @return false when its room is full */
-        bool show_key() { return slots_->move(*this); }
+        [[nodiscard]] bool show_key() { return slots_->move(*this); }
 
     private:
         friend class Connection_Slots;
@@ -60,10 +60,11 @@ private:
         std::map<std::string, size_t> of_origin;
     };
 
-    bool enter(Room& room, std::string const& origin, size_t most, size_t most_of_origin);
+    [[nodiscard]] bool enter(Room& room, std::string const& origin, size_t most,
+                             size_t most_of_origin);
     static void leave(Room& room, std::string const& origin);
     Room& strangers_of(std::string const& origin);
-    bool move(Slot& slot);
+    [[nodiscard]] bool move(Slot& slot);
     void give_back(Slot const& slot);
     void tell(std::string const& origin, Room const& room);
 

@@ -15,7 +15,7 @@ public:
     ~Group_Connection();
 
     /** @return false with what is wrong with the authorities' file */
-    bool start(std::string const& host, unsigned short port, std::string& error);
+    [[nodiscard]] bool start(std::string const& host, unsigned short port, std::string& error);
     void stop();
 
     /**
@@ -24,7 +24,7 @@ public:
      * @return null when there is none; then @a reason says why
      */
     JSON_RPC_Channel_var channel(std::chrono::milliseconds wait, std::string& reason) const;
-    bool await(bool connected, std::chrono::milliseconds timeout) const;
+    [[nodiscard]] bool await(bool connected, std::chrono::milliseconds timeout) const;
 
 private:
     struct Impl;

@@ -54,23 +54,23 @@ public:
      * Begins to connect, in the background. Once.
      * @return false with what is wrong with the options, logged nowhere
      */
-    bool start(std::string& error);
+    [[nodiscard]] bool start(std::string& error);
     /** Ends the connection and all that wait for an answer. More than once does no harm. */
     void stop();
 
     /** True when the connection is there and the server has accepted this agent. */
-    bool connected() const;
+    [[nodiscard]] bool connected() const;
     /** Waits until connected() is that. @return false when it is not in time */
-    bool await(bool connected, std::chrono::milliseconds timeout) const;
+    [[nodiscard]] bool await(bool connected, std::chrono::milliseconds timeout) const;
 
-    bool rest(HTTP_Request const& request, json_spirit::Value const* body, HTTP_Response& response,
-              json_spirit::Value* result) override;
-    bool call(std::string const& method, json_spirit::Value const& params, Limits const& limits,
-              JSON_RPC_Reply& reply) override;
-    bool forward(std::string const& host_uuid, std::string const& method,
-                 json_spirit::Value const& params, JSON_RPC_Reply& reply) override;
-    bool notify(std::string const& method, json_spirit::Value const& params,
-                std::string& error) override;
+    [[nodiscard]] bool rest(HTTP_Request const& request, json_spirit::Value const* body,
+                            HTTP_Response& response, json_spirit::Value* result) override;
+    [[nodiscard]] bool call(std::string const& method, json_spirit::Value const& params,
+                            Limits const& limits, JSON_RPC_Reply& reply) override;
+    [[nodiscard]] bool forward(std::string const& host_uuid, std::string const& method,
+                               json_spirit::Value const& params, JSON_RPC_Reply& reply) override;
+    [[nodiscard]] bool notify(std::string const& method, json_spirit::Value const& params,
+                              std::string& error) override;
 
 private:
     struct Impl;

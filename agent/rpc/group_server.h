@@ -16,8 +16,8 @@ public:
     virtual ~Group_Rules() = default;
 
     /** Whether a member may join as that host. @param why  when false */
-    virtual bool admit(Rpc_Caller const& member, std::string const& host_uuid,
-                       std::string& why) = 0;
+    [[nodiscard]] virtual bool admit(Rpc_Caller const& member, std::string const& host_uuid,
+                                     std::string& why) = 0;
     /** A host has joined, and says which of its runs are on, as Run_Keys::dump() has them. */
     virtual void joined(std::string const& host_uuid, json_spirit::Array const& runs) = 0;
     virtual void left(std::string const& host_uuid) = 0;
@@ -83,8 +83,8 @@ public:
      * Calls a method of an agent, or of this one, from within this process, for the run that the
      * calling thread works for, and waits.
      */
-    bool forward(std::string const& host_uuid, std::string const& method,
-                 json_spirit::Value const& params, JSON_RPC_Reply& reply);
+    [[nodiscard]] bool forward(std::string const& host_uuid, std::string const& method,
+                               json_spirit::Value const& params, JSON_RPC_Reply& reply);
 
     /** Ends the connection of a host, if it has one. */
     void close(std::string const& host_uuid);

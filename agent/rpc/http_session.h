@@ -46,7 +46,7 @@ private:
     void read_header();
     void on_header(boost::system::error_code const& error);
     void read_body();
-    bool has_room_for_body();
+    [[nodiscard]] bool has_room_for_body();
     void refuse_for_want_of_room();
     void deny();
     void forbid();

@@ -24,14 +24,14 @@ public:
     /** From now on the server cannot be reached: it is ending. */
     void close() { closed_ = true; }
 
-    bool rest(HTTP_Request const& request, json_spirit::Value const* body, HTTP_Response& response,
-              json_spirit::Value* result) override;
-    bool call(std::string const& method, json_spirit::Value const& params, Limits const& limits,
-              JSON_RPC_Reply& reply) override;
-    bool forward(std::string const& host_uuid, std::string const& method,
-                 json_spirit::Value const& params, JSON_RPC_Reply& reply) override;
-    bool notify(std::string const& method, json_spirit::Value const& params,
-                std::string& error) override;
+    [[nodiscard]] bool rest(HTTP_Request const& request, json_spirit::Value const* body,
+                            HTTP_Response& response, json_spirit::Value* result) override;
+    [[nodiscard]] bool call(std::string const& method, json_spirit::Value const& params,
+                            Limits const& limits, JSON_RPC_Reply& reply) override;
+    [[nodiscard]] bool forward(std::string const& host_uuid, std::string const& method,
+                               json_spirit::Value const& params, JSON_RPC_Reply& reply) override;
+    [[nodiscard]] bool notify(std::string const& method, json_spirit::Value const& params,
+                              std::string& error) override;
 
 private:
     Method_Table& methods_;

@@ -28,7 +28,7 @@ public:
          * The message is so long by now.
          * @return false when the budget is used up; logs one line a minute at LM_WARNING
          */
-        bool grow_to(size_t size);
+        [[nodiscard]] bool grow_to(size_t size);
 
     private:
         std::shared_ptr<Message_Budget> const budget_;

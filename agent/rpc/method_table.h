@@ -122,8 +122,9 @@ public:
      * long it takes; a handler's answer is waited for.
      * @return true for a result; false with the code, the message and the data of the fault
      */
-    bool call(std::string const& method, json_spirit::Value const& params, Rpc_Caller const& caller,
-              std::chrono::milliseconds timeout, JSON_RPC_Reply& reply);
+    [[nodiscard]] bool call(std::string const& method, json_spirit::Value const& params,
+                            Rpc_Caller const& caller, std::chrono::milliseconds timeout,
+                            JSON_RPC_Reply& reply);
 
     /**
      * Refuses what waits and comes, cancels what is being handled, and returns when that has ended.

@@ -17,7 +17,7 @@ struct Run_Scope {
 
     json_spirit::Object dump() const;
     /** @return false for an object that dump() did not make */
-    bool read(json_spirit::Object const& object);
+    [[nodiscard]] bool read(json_spirit::Object const& object);
 };
 
 /** Who calls a method, as the connection has proven it. */
@@ -41,7 +41,7 @@ struct Rpc_Caller {
     static Rpc_Caller admin() { return {ADMIN, {}, {}, nullptr}; }
     static Rpc_Caller backupd() { return {BACKUPD, {}, {}, nullptr}; }
 
-    bool is(unsigned kinds) const { return (kind & kinds) != 0; }
+    [[nodiscard]] bool is(unsigned kinds) const { return (kind & kinds) != 0; }
     /** For log lines: "member 'db2' (host ...)". */
     std::string text() const;
 };

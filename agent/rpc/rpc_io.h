@@ -14,7 +14,7 @@
  * @param ends_with_its_sending  true for a protocol without half-closed connections: a peer that
  * has shut down its sending counts as disconnected
  */
-bool is_gone(boost::asio::detail::socket_type socket, bool ends_with_its_sending);
+[[nodiscard]] bool is_gone(boost::asio::detail::socket_type socket, bool ends_with_its_sending);
 
 /** An io_context with its one thread: what runs on it needs no lock. */
 class Rpc_Io {

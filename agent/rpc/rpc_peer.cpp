@@ -266,7 +266,7 @@ void Rpc_Peer::take(std::string_view text, std::shared_ptr<void> const& held) {
 
 void Rpc_Peer::answer_faults(JSON_RPC_Message const& message, std::shared_ptr<Batch> const& batch) {
     for (JSON_RPC_Object_var const& fault : message.faults)
-        add_answer(*batch, fault->text());
+        (void)add_answer(*batch, fault->text());
 }
 
 /** Hands over what waits as long as there is room; one thread at a time does it. */

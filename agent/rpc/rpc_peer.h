@@ -73,9 +73,9 @@ protected:
     /** A message has come. On the transport's thread. @param held  kept until it is answered */
     void take(std::string_view text, std::shared_ptr<void> const& held = nullptr);
     /** False while so many requests are in flight that no more should be read. */
-    bool wants_more() const;
+    [[nodiscard]] bool wants_more() const;
     /** True when nothing is in flight. */
-    bool quiet() const;
+    [[nodiscard]] bool quiet() const;
     /** Notes that a message has begun, or, with false, that it is whole. */
     void receiving(bool begun);
     /** Notes that there is something to send, or that some of it went, or, with false, all. */
@@ -83,7 +83,7 @@ protected:
     Rpc_Limits const& limits() const { return limits_; }
 
     /** Sends a text. On any thread, several at once. @return false when it cannot be sent */
-    virtual bool write(std::string text) = 0;
+    [[nodiscard]] virtual bool write(std::string text) = 0;
     /** wants_more() or quiet() may have become true. On any thread. */
     virtual void resume() = 0;
     /** What else there is to do from time to time. */
@@ -110,11 +110,11 @@ private:
     void answer_faults(JSON_RPC_Message const& message, std::shared_ptr<Batch> const& batch);
     bool take_reply(JSON_RPC_Object const& object);
     void pump();
-    bool next(Waiting& waiting, JSON_RPC_Channel_var& channel);
-    bool settle(uint64_t key, Batch& batch, std::string const& text);
-    bool add_answer(Batch& batch, std::string const& text);
+    [[nodiscard]] bool next(Waiting& waiting, JSON_RPC_Channel_var& channel);
+    [[nodiscard]] bool settle(uint64_t key, Batch& batch, std::string const& text);
+    [[nodiscard]] bool add_answer(Batch& batch, std::string const& text);
     void expire(Clock::time_point now);
-    bool too_slow(Clock::time_point now) const;
+    [[nodiscard]] bool too_slow(Clock::time_point now) const;
 
     std::shared_ptr<void> const lease_;
     Method_Table& table_;

@@ -59,7 +59,7 @@ public:
      * Begins to serve. A server is started once.
      * @return false, with nothing left behind, and what is wrong and what to do. Logs nothing.
      */
-    bool start(std::string& error);
+    [[nodiscard]] bool start(std::string& error);
 
     /**
      * Ends all connections, removes the socket, and returns when none of the server's work is left;

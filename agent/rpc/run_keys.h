@@ -31,7 +31,7 @@ public:
         /** {"key": the digest as text, and what Run_Scope::dump() gives} */
         json_spirit::Object dump() const;
         /** @return false for an object that dump() did not make */
-        bool read(json_spirit::Object const& object);
+        [[nodiscard]] bool read(json_spirit::Object const& object);
     };
 
     /** A new key: 64 hexadecimal digits; "" without random bytes. */
@@ -39,7 +39,7 @@ public:
 
     /** Adds a key. One that is there already keeps its scope. @return false when there are too many
      */
-    bool add(Entry entry);
+    [[nodiscard]] bool add(Entry entry);
     /** Removes the keys of a run of a host. */
     void end(std::string const& host_uuid, std::string const& run_id);
     /** Exchanges all keys of a host: it has joined, and these of its runs are on. */
@@ -58,7 +58,7 @@ public:
     std::vector<Entry> of_host(std::string const& host_uuid) const;
 
 private:
-    bool is_lost(std::string const& host_uuid, Clock::time_point now) const;
+    [[nodiscard]] bool is_lost(std::string const& host_uuid, Clock::time_point now) const;
 
     mutable std::mutex mutex_;
     std::map<Key_Digest, std::shared_ptr<Run_Scope const>> keys_;

@@ -11,7 +11,8 @@
  * @param key_path          PEM, mode 0600
  * @return false, with what went wrong; each file is then as it was or whole and new
  */
-bool make_self_signed(std::string const& certificate_path, std::string const& key_path,
-                      std::string const& host_name, std::string& error);
+[[nodiscard]] bool make_self_signed(std::string const& certificate_path,
+                                    std::string const& key_path, std::string const& host_name,
+                                    std::string& error);
 
 #endif

@@ -18,7 +18,7 @@ public:
                  Rpc_Server_Options const& options);
     ~Tls_Listener();
 
-    bool open(std::string& error);
+    [[nodiscard]] bool open(std::string& error);
     unsigned short port() const;
     void start();
     void stop();

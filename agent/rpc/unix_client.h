@@ -21,8 +21,8 @@ public:
      * Connects, in place of an earlier connection.
      * @return false with what is wrong and what to do
      */
-    bool connect(std::string const& path, std::string& error);
-    bool connected() const { return static_cast<bool>(socket_); }
+    [[nodiscard]] bool connect(std::string const& path, std::string& error);
+    [[nodiscard]] bool connected() const { return static_cast<bool>(socket_); }
     void close();
 
     /**
@@ -34,8 +34,8 @@ public:
      *                 late is dropped; the last two with a message that says what to do
      * @return true for a result
      */
-    bool call(std::string const& method, json_spirit::Value const& params,
-              std::chrono::milliseconds timeout, JSON_RPC_Reply& reply);
+    [[nodiscard]] bool call(std::string const& method, json_spirit::Value const& params,
+                            std::chrono::milliseconds timeout, JSON_RPC_Reply& reply);
 
 private:
     using Time = std::chrono::steady_clock::time_point;
@@ -44,8 +44,9 @@ private:
     Wait wait_for(short events, Time deadline) const;
     Wait send_all(std::string const& text, Time deadline);
     Wait read_line(std::string& line, Time deadline);
-    bool take(std::string const& line, int64_t id, JSON_RPC_Reply& reply, bool& succeeded) const;
-    bool broken(Wait wait, bool half_sent, JSON_RPC_Reply& reply);
+    [[nodiscard]] bool take(std::string const& line, int64_t id, JSON_RPC_Reply& reply,
+                            bool& succeeded) const;
+    [[nodiscard]] bool broken(Wait wait, bool half_sent, JSON_RPC_Reply& reply);
 
     File_Descriptor socket_;
     std::string path_;

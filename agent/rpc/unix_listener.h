@@ -21,15 +21,15 @@ public:
      * name keeps two that begin at once apart.
      * @return false with what is wrong and what to do
      */
-    bool open(std::string const& path, std::string& error);
+    [[nodiscard]] bool open(std::string const& path, std::string& error);
     void start();
     /** Removes the socket, if it is still the one that was made. */
     void stop();
 
 private:
-    bool lock(std::string& error);
-    bool clear_the_way(std::string& error) const;
-    bool bind(std::string& error);
+    [[nodiscard]] bool lock(std::string& error);
+    [[nodiscard]] bool clear_the_way(std::string& error) const;
+    [[nodiscard]] bool bind(std::string& error);
     void accept();
     void begin(boost::asio::local::stream_protocol::socket socket);
 

@@ -24,7 +24,7 @@ public:
     void close() override;
 
 protected:
-    bool write(std::string text) override;
+    [[nodiscard]] bool write(std::string text) override;
     void resume() override;
     void tick_i(Clock::time_point now) override;
 
@@ -34,7 +34,7 @@ private:
     }
     void read();
     void on_read(size_t size);
-    bool take_line();
+    [[nodiscard]] bool take_line();
     void go_on();
     void refuse_size();
     void refuse_for_want_of_room();
@@ -42,7 +42,7 @@ private:
     void end_when_done();
     void await_writable();
     void flush();
-    bool send_some();
+    [[nodiscard]] bool send_some();
     void shut();
 
     // on the socket's thread only

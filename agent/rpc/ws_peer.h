@@ -27,7 +27,7 @@ public:
     void close() override;
 
 protected:
-    bool write(std::string text) override;
+    [[nodiscard]] bool write(std::string text) override;
     void resume() override;
     void tick_i(Clock::time_point now) override;
 

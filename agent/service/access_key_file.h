@@ -13,6 +13,7 @@
  * @return false, with @a key unchanged, for a file that is not there, cannot be read, may be read
  *         by others, or has no such line of 16 to 512 bytes
  */
-bool load_access_key(std::string const& path, bool make, secure_string& key, std::string& error);
+[[nodiscard]] bool load_access_key(std::string const& path, bool make, secure_string& key,
+                                   std::string& error);
 
 #endif

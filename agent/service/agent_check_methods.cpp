@@ -50,7 +50,7 @@ Readiness_Check::Pool pool_from(Object const& found) {
     Readiness_Check::Pool pool;
     std::string error;
     pool.name = json_spirit::object_get_str(found, "name");
-    pool_path_of_url(json_spirit::object_get_str(found, "url"), pool.path, error);
+    (void)pool_path_of_url(json_spirit::object_get_str(found, "url"), pool.path, error);
     json_spirit::object_get(found, "online", pool.online);
     json_spirit::object_get(found, "read_only", pool.read_only);
     json_spirit::object_get(found, "available", pool.available);

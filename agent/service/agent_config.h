@@ -58,7 +58,7 @@ struct Agent_Config {
      * @return false, with this unchanged, for a file that cannot be read or is no TOML, a key that
      *         is not known or comes twice, a value of another kind or out of its range
      */
-    bool read(std::string const& path, bool must_exist, std::string& error);
+    [[nodiscard]] bool read(std::string const& path, bool must_exist, std::string& error);
 
     /** The names of the keys that count only at start and differ from @a other's. */
     std::vector<std::string> restart_needed(Agent_Config const& other) const;

@@ -31,18 +31,18 @@ public:
      * @param key  of a member, towards the backup server
      * @return false with what is wrong with the configuration
      */
-    bool prepare(secure_string const& key, std::string& error);
+    [[nodiscard]] bool prepare(secure_string const& key, std::string& error);
     /**
      * Once they are. @param port  at which this agent serves
      * @return false with what went wrong
      */
-    bool join(unsigned short port, std::string& error);
+    [[nodiscard]] bool join(unsigned short port, std::string& error);
     void stop();
     /** The group's middle; null in a member. */
     Group_Server* server() { return server_.get(); }
 
 private:
-    bool publish_certificate(std::string& error) const;
+    [[nodiscard]] bool publish_certificate(std::string& error) const;
 
     Agent_Config const& config_;
     Agent_Identity const& identity_;

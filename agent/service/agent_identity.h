@@ -14,7 +14,7 @@ struct Agent_Identity {
     std::string uid; ///< of the administrator who works at this host's own socket
 
     /** @return false after an error line */
-    bool load(Agent_Database& database);
+    [[nodiscard]] bool load(Agent_Database& database);
 };
 
 #endif

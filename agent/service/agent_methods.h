@@ -79,18 +79,18 @@ void add_member_methods(
 }
 
 /** Reads params of one name, which must be there. @return false, with the fault, for all else */
-bool only_name(Method_Call const& call, char const* key, names::Rule rule, std::string& name,
-               Method_Fault& fault);
+[[nodiscard]] bool only_name(Method_Call const& call, char const* key, names::Rule rule,
+                             std::string& name, Method_Fault& fault);
 
 /** Answers that a parameter is missing, of a wrong kind or not known. @return false */
-bool invalid_params(std::string const& why, Method_Fault& fault);
+[[nodiscard]] bool invalid_params(std::string const& why, Method_Fault& fault);
 /** Answers that something is not there; the data names it. @return false */
-bool not_found(std::string const& what, Method_Fault& fault);
+[[nodiscard]] bool not_found(std::string const& what, Method_Fault& fault);
 /** Answers that something cannot be now; the message says why and what to do. @return false */
-bool refused(std::string const& why, Method_Fault& fault);
+[[nodiscard]] bool refused(std::string const& why, Method_Fault& fault);
 /** Answers what became of a request about jobs. @return true for one that was done */
-bool answer(Job_Answer const& answer, Method_Fault& fault);
+[[nodiscard]] bool answer(Job_Answer const& answer, Method_Fault& fault);
 /** The same of one about pools. */
-bool answer(Storage_Result const& result, Method_Fault& fault);
+[[nodiscard]] bool answer(Storage_Result const& result, Method_Fault& fault);
 
 #endif

@@ -96,7 +96,7 @@ Agent_Service::Agent_Service(Agent_Config const& config) : config_(config) {
 }
 
 Agent_Service::~Agent_Service() {
-    stop();
+    (void)stop();
 }
 
 std::unique_ptr<Agent_Service> Agent_Service::start(Agent_Config const& config,
@@ -287,7 +287,7 @@ bool Agent_Service::drop_open_sets(std::string const& host_uuid, time_t before) 
 
 void Agent_Service::remove_files(Dropped_Set const& set) {
     std::vector<Pool_Object> noted;
-    set_files_->note(set, noted);
+    (void)set_files_->note(set, noted);
     set_files_->remove(noted);
 }
 
@@ -418,7 +418,7 @@ bool Agent_Service::stop() {
         server_->stop();
     methods_.stop();
     if (catalog_)
-        drop_open_sets(identity_.host_uuid, std::numeric_limits<time_t>::max());
+        (void)drop_open_sets(identity_.host_uuid, std::numeric_limits<time_t>::max());
     if (!all_ended)
         return false;
     // the last lines of a job's code are the module's

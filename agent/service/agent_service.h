@@ -56,30 +56,31 @@ public:
      * @return false when a job did not end: its threads may still use all that this object holds,
      *         so the process must end without destroying it
      */
-    bool stop();
+    [[nodiscard]] bool stop();
 
 private:
     explicit Agent_Service(Agent_Config const& config);
 
-    bool open_data(std::string& error);
-    bool load_keys(std::string& error);
-    bool install_back_ends(std::string& error);
-    bool load_module(std::string& error);
+    [[nodiscard]] bool open_data(std::string& error);
+    [[nodiscard]] bool load_keys(std::string& error);
+    [[nodiscard]] bool install_back_ends(std::string& error);
+    [[nodiscard]] bool load_module(std::string& error);
     void make_jobs();
-    bool recover(std::string& error);
+    [[nodiscard]] bool recover(std::string& error);
     /** Drops the sets that a host began before that time, and their files. */
-    bool drop_open_sets(std::string const& host_uuid, time_t before);
-    bool find_pool(std::string const& pool, Pool_Info& info, std::string& error) const;
-    bool is_member() const { return config_.role == "member"; }
+    [[nodiscard]] bool drop_open_sets(std::string const& host_uuid, time_t before);
+    [[nodiscard]] bool find_pool(std::string const& pool, Pool_Info& info,
+                                 std::string& error) const;
+    [[nodiscard]] bool is_member() const { return config_.role == "member"; }
     /** Removes what a dropped set has in its pools; what cannot be removed now is noted for later.
      */
     void remove_files(Dropped_Set const& set);
     /** After a run: sees to it that nothing of it stays in the pools that no set has. */
     void clear_up();
-    bool end_jobs();
+    [[nodiscard]] bool end_jobs();
     void add_methods();
     void add_catalog_methods();
-    bool serve(std::string& error);
+    [[nodiscard]] bool serve(std::string& error);
 
     Agent_Config config_;
     bool stopped_ = false;

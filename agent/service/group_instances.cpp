@@ -66,7 +66,7 @@ bool Group_Instances::forget(std::string const& host_uuid, std::string const& ty
 bool Group_Instances::has(std::string const& host_uuid, std::string const& type,
                           std::string const& name) {
     bool found = false;
-    database_.read("look for an instance of a host", [&](SQLite::Database& database) {
+    (void)database_.read("look for an instance of a host", [&](SQLite::Database& database) {
         SQLite::Statement known(
             database, host_uuid == identity_.host_uuid
                           ? "SELECT 1 FROM instance WHERE type = ?2 AND name = ?3"
@@ -84,7 +84,7 @@ bool Group_Instances::has(std::string const& host_uuid, std::string const& type,
 
 std::vector<std::string> Group_Instances::hosts_of(std::string const& instance_uuid) {
     std::set<std::string> hosts;
-    database_.read("list the hosts of an instance", [&](SQLite::Database& database) {
+    (void)database_.read("list the hosts of an instance", [&](SQLite::Database& database) {
         SQLite::Statement others(database,
                                  "SELECT host_uuid FROM group_instance WHERE instance_uuid = ?");
         others.bind(1, instance_uuid);

@@ -23,11 +23,13 @@ public:
     Group_Instances(Agent_Database& database, Agent_Identity const& identity)
         : database_(database), identity_(identity) {}
 
-    bool note(std::string const& host_uuid, std::string const& type, std::string const& name,
-              std::string const& instance_uuid);
-    bool forget(std::string const& host_uuid, std::string const& type, std::string const& name);
+    [[nodiscard]] bool note(std::string const& host_uuid, std::string const& type,
+                            std::string const& name, std::string const& instance_uuid);
+    [[nodiscard]] bool forget(std::string const& host_uuid, std::string const& type,
+                              std::string const& name);
     /** Whether a host has an instance of that type and name. */
-    bool has(std::string const& host_uuid, std::string const& type, std::string const& name);
+    [[nodiscard]] bool has(std::string const& host_uuid, std::string const& type,
+                           std::string const& name);
     /** Each host once; none for an instance that nobody has. */
     std::vector<std::string> hosts_of(std::string const& instance_uuid);
 

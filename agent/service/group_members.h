@@ -24,7 +24,7 @@ struct Member_Record {
     bool all_pools = false;
     std::set<std::string> pools; ///< uuids of those that it may use, unless all
 
-    bool may_use(std::string const& pool_uuid) const {
+    [[nodiscard]] bool may_use(std::string const& pool_uuid) const {
         return all_pools || pools.contains(pool_uuid);
     }
 };
@@ -39,17 +39,18 @@ public:
     explicit Group_Members(Agent_Database& database) : database_(database) {}
 
     /** Reads what is on record. Once, before anything else. */
-    bool load();
+    [[nodiscard]] bool load();
 
     /**
      * Adds a member and makes its key, which is kept nowhere.
      * @param why  when false
      */
-    bool add(Member_Record const& member, secure_string& key, std::string& why);
+    [[nodiscard]] bool add(Member_Record const& member, secure_string& key, std::string& why);
     /** @return false with why: the member does not exist, or the database failed */
-    bool remove(std::string const& name, std::string& why);
+    [[nodiscard]] bool remove(std::string const& name, std::string& why);
     /** Takes @a host_uuid for the only host of a member that has none. @return false with why */
-    bool bind(std::string const& name, std::string const& host_uuid, std::string& why);
+    [[nodiscard]] bool bind(std::string const& name, std::string const& host_uuid,
+                            std::string& why);
 
     std::optional<Member_Record> find(std::string const& name) const;
     std::vector<Member_Record> list() const;
@@ -61,7 +62,7 @@ private:
         Key_Digest digest;
         Member_Record member;
     };
-    bool write(Entry const& entry);
+    [[nodiscard]] bool write(Entry const& entry);
 
     Agent_Database& database_;
     std::mutex changing_; ///< held during a whole change; taken before the other

@@ -31,7 +31,8 @@ public:
 
 private:
     /** @return false with the reason if the group could not be asked */
-    bool others_have(std::string const& instance, bool& have, std::string& error) const;
+    [[nodiscard]] bool others_have(std::string const& instance, bool& have,
+                                   std::string& error) const;
 
     Instance_Probe const& probe_;
     std::string const host_uuid_;

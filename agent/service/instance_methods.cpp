@@ -64,7 +64,7 @@ public:
         if (!reader.finish())
             return invalid_params(error, fault);
         if (refresh)
-            probe_.probe();
+            (void)probe_.probe();
         Array instances;
         for (std::shared_ptr<Instance> const& instance : record()->list(TYPE))
             instances.emplace_back(describe(*instance, refresh));
@@ -182,7 +182,7 @@ private:
             return nullptr;
         std::shared_ptr<Instance> instance = record()->find(TYPE, name);
         if (!instance)
-            not_found("instance " + name, fault);
+            (void)not_found("instance " + name, fault);
         return instance;
     }
     static Object describe(Instance const& instance, bool with_state) {

@@ -18,7 +18,7 @@ Instance_Probe::~Instance_Probe() {
 std::string Instance_Probe::uuid_of(std::string const& type, std::string const& name) {
     // by name, since a cluster's hosts find it each for itself and must agree on what it is
     std::string uuid;
-    compute_minor_resource_id(type, name, uuid);
+    (void)compute_minor_resource_id(type, name, uuid);
     return uuid;
 }
 
@@ -92,7 +92,7 @@ void Instance_Probe::run() {
     std::unique_lock lock(mutex_);
     while (!ended_) {
         lock.unlock();
-        probe();
+        (void)probe();
         lock.lock();
         auto const last = std::chrono::steady_clock::now();
         // a new interval counts from the last look on

@@ -30,10 +30,10 @@ public:
      * Looks now, which may take as long as the database's tools take. On any thread, one at a time.
      * @return false when something that was found could not be put on record, which has been logged
      */
-    bool probe();
+    [[nodiscard]] bool probe();
 
     /** Whether probe() has been carried out once; always true without a handler. Thread-safe. */
-    bool has_searched() const { return !handler_ || searched_; }
+    [[nodiscard]] bool has_searched() const { return !handler_ || searched_; }
     /** Called at the end of each probe(), on its thread. To be set before the first one. */
     void on_searched(std::function<void()> action) { on_searched_ = std::move(action); }
 
@@ -50,7 +50,7 @@ public:
     static std::string uuid_of(std::string const& type, std::string const& name);
 
 private:
-    bool search();
+    [[nodiscard]] bool search();
     void run();
 
     std::shared_ptr<Instance_Handler> const handler_;

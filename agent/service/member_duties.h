@@ -30,7 +30,7 @@ public:
 
 private:
     void run();
-    bool drop_open_sets();
+    [[nodiscard]] bool drop_open_sets();
     void announce_instances();
 
     Group_Link& link_;

@@ -37,15 +37,16 @@ public:
         : catalog_(catalog), members_(members), instances_(instances), keys_(keys) {}
 
     /** A Method_Gate. */
-    bool allows(Method_Call const& call, Method_Fault& fault);
+    [[nodiscard]] bool allows(Method_Call const& call, Method_Fault& fault);
     /** Whether the table says anything of a method. */
-    static bool has_row(std::string const& method);
+    [[nodiscard]] static bool has_row(std::string const& method);
     /** Whether a caller may see what lies in a pool. Only members are limited. */
-    bool may_use_pool(Rpc_Caller const& caller, std::string const& pool_uuid) const;
+    [[nodiscard]] bool may_use_pool(Rpc_Caller const& caller, std::string const& pool_uuid) const;
     /** Who has a key that is not the administrator's. Does not block. */
     Rpc_Caller caller(Key_Digest const& key) const;
 
-    bool admit(Rpc_Caller const& member, std::string const& host_uuid, std::string& why) override;
+    [[nodiscard]] bool admit(Rpc_Caller const& member, std::string const& host_uuid,
+                             std::string& why) override;
     void joined(std::string const& host_uuid, json_spirit::Array const& runs) override;
     void left(std::string const& host_uuid) override;
     std::shared_ptr<Run_Scope const> run_of(Forward const& forward, std::string& why) override;
@@ -60,28 +61,28 @@ private:
         std::string const& host; ///< the caller's
         std::string& why;        ///< gets the reason of a refusal
     };
-    bool for_member(Question const& question);
-    bool for_run(Question const& question);
+    [[nodiscard]] bool for_member(Question const& question);
+    [[nodiscard]] bool for_run(Question const& question);
 
     // checks of members' calls
-    bool any(Question const& question);
-    bool of_own_host(Question const& question);
-    bool of_own_set(Question const& question);
-    bool of_own_record(Question const& question);
-    bool of_own_resource(Question const& question);
-    bool own_pieces(Question const& question);
-    bool a_view(Question const& question);
-    bool resources_of_run(Question const& question);
+    [[nodiscard]] bool any(Question const& question);
+    [[nodiscard]] bool of_own_host(Question const& question);
+    [[nodiscard]] bool of_own_set(Question const& question);
+    [[nodiscard]] bool of_own_record(Question const& question);
+    [[nodiscard]] bool of_own_resource(Question const& question);
+    [[nodiscard]] bool own_pieces(Question const& question);
+    [[nodiscard]] bool a_view(Question const& question);
+    [[nodiscard]] bool resources_of_run(Question const& question);
     // checks of runs' calls
-    bool of_runs_pool(Question const& question);
-    bool pieces_of_run(Question const& question);
-    bool whether_set_is_there(Question const& question);
+    [[nodiscard]] bool of_runs_pool(Question const& question);
+    [[nodiscard]] bool pieces_of_run(Question const& question);
+    [[nodiscard]] bool whether_set_is_there(Question const& question);
 
-    bool writes_resource(Question const& question, std::string const& resource);
-    bool has_own_pieces(Question const& question, json_spirit::Object const& holder,
-                        std::string const& resource);
-    bool run_may_use_pool(Run_Scope const& run, std::string const& pool_uuid);
-    bool is_news(std::string const& who, std::string const& method);
+    [[nodiscard]] bool writes_resource(Question const& question, std::string const& resource);
+    [[nodiscard]] bool has_own_pieces(Question const& question, json_spirit::Object const& holder,
+                                      std::string const& resource);
+    [[nodiscard]] bool run_may_use_pool(Run_Scope const& run, std::string const& pool_uuid);
+    [[nodiscard]] bool is_news(std::string const& who, std::string const& method);
 
     SQLite_Catalog& catalog_;
     Group_Members& members_;

@@ -49,7 +49,7 @@ public:
     void pools_unknown(std::string const& why);
 
     std::vector<Line> const& lines() const { return lines_; }
-    bool ok() const;
+    [[nodiscard]] bool ok() const;
     /** {"ok", "lines"}, each line with its four members. */
     json_spirit::Object dump() const;
 

@@ -41,7 +41,11 @@ secure_string Run_Access::begin(Job const& job, std::string const& instance) {
     }
     entry.digest = key_digest(std::string_view(key.data(), key.size()));
     Object const told = entry.dump();
-    keys_.add(std::move(entry));
+    std::string const run = entry.scope.run_id;
+    if (!keys_.add(std::move(entry))) {
+        QMRT_LOG(LM_WARNING, "Run %s has no key for the data path, there are too many\n", run.c_str());
+        return {};
+    }
     if (!member_)
         return key;
     std::shared_ptr<Upstream_Backend> const server = Host_Services::instance().upstream();

@@ -33,7 +33,7 @@ public:
      * @param limit  of the pool; 0 for none
      * @return false, with nothing booked, when they would lead beyond the limit
      */
-    bool book(uint64_t bytes, uint64_t limit);
+    [[nodiscard]] bool book(uint64_t bytes, uint64_t limit);
     /** Gives back what was booked for an object that is not to be. */
     void give_back(uint64_t bytes);
     /** An object of that many booked bytes is in place, and one of so many replaced bytes gone. */

@@ -29,7 +29,7 @@ public:
      * @param noted  gets it added
      * @return false, with a warning line for each, when something could not be noted
      */
-    bool note(Dropped_Set const& set, std::vector<Pool_Object>& noted);
+    [[nodiscard]] bool note(Dropped_Set const& set, std::vector<Pool_Object>& noted);
     /** Removes what was noted; what cannot be removed now stays noted for later. */
     void remove(std::vector<Pool_Object> const& noted);
 

@@ -84,7 +84,7 @@ private:
     Storage_Result read(std::string const& condition, std::string const& value,
                         std::vector<Pool_Record>& records);
     Storage_Result check(Pool_Record const& record, bool place_changed);
-    bool write(char const* purpose, char const* sql, Pool_Record const& record);
+    [[nodiscard]] bool write(char const* purpose, char const* sql, Pool_Record const& record);
 
     Agent_Database& database_;
     Pool_Usage_Question const usage_;

@@ -150,10 +150,10 @@ void Write_Journal::release(Pool_Object const& object) {
 
 void Write_Journal::erase(std::map<Pool_Object, Note>::iterator note) {
     // one that stays in the file by a failure is found to be gone, or named, at the next start
-    append('-', note->first, false);
+    (void)append('-', note->first, false);
     notes_.erase(note);
     if (lines_ > 2 * notes_.size() + SPARE_LINES)
-        compact();
+        (void)compact();
 }
 
 void Write_Journal::end(Pool_Object const& object, bool may_exist) {

@@ -52,19 +52,19 @@ public:
      * Notes an object that is about to be written. Each success wants one end().
      * @param error  why it could not be noted; nothing may be written then
      */
-    bool begin(Pool_Object const& object, std::string& error);
+    [[nodiscard]] bool begin(Pool_Object const& object, std::string& error);
     /**
      * The writer is done.
      * @param may_exist  false: it left nothing, and the note goes with the last such writer
      */
     void end(Pool_Object const& object, bool may_exist);
     /** Notes what is to be removed, in whatever way it came to be there. */
-    bool note(Pool_Object const& object, std::string& error);
+    [[nodiscard]] bool note(Pool_Object const& object, std::string& error);
     /**
      * Makes everybody wait who wants to write an object that is noted, until release().
      * @return false, with nothing held, when somebody writes it already
      */
-    bool hold(Pool_Object const& object);
+    [[nodiscard]] bool hold(Pool_Object const& object);
     void release(Pool_Object const& object);
     /** Drops the note of an object that was removed, unless somebody is writing it again. */
     void removed(Pool_Object const& object);
@@ -88,13 +88,13 @@ private:
     };
 
     explicit Write_Journal(std::string path) : path_(std::move(path)) {}
-    bool read(std::string& error);
-    bool append(char sign, Pool_Object const& object, bool durable);
+    [[nodiscard]] bool read(std::string& error);
+    [[nodiscard]] bool append(char sign, Pool_Object const& object, bool durable);
     /** What a file has that holds the notes and nothing else. */
     std::string compact_content() const;
-    bool is_compact() const;
+    [[nodiscard]] bool is_compact() const;
     /** Writes the file anew with the notes that there are. */
-    bool compact();
+    [[nodiscard]] bool compact();
     void erase(std::map<Pool_Object, Note>::iterator note);
 
     std::string const path_;

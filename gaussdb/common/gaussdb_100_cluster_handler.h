@@ -12,13 +12,13 @@ public:
                                 GaussDB_Version const& version);
 
     /** @param name  not used */
-    bool init(char const* name) override;
+    [[nodiscard]] bool init(char const* name) override;
     /** For the local coordinator, else for the local data node. */
     GaussDB_Client_ptr create_client(char const* username, char const* password,
                                      char const* db) const override;
 
 private:
-    bool parse_as_user();
+    [[nodiscard]] bool parse_as_user();
     void find_topology();
     void find_connection();
 

@@ -23,7 +23,7 @@ public:
      * Nothing is made below a GAUSSHOME that does not exist: the link to the XBSA library is then
      * made by a later call, when it does.
      */
-    bool init(char const* name) override;
+    [[nodiscard]] bool init(char const* name) override;
     /** For the coordinator, else for the data node; the database "postgres". */
     GaussDB_Client_ptr create_client(char const* username, char const* password,
                                      char const* db) const override;
@@ -31,13 +31,13 @@ public:
      * Tries the coordinator, then the data node. The one where the logon succeeded is where the
      * clients made from now on go.
      */
-    bool test_logon(char const* username, char const* password) override;
+    [[nodiscard]] bool test_logon(char const* username, char const* password) override;
 
 private:
-    bool generate_config(char const* name, std::string& live, std::string& saved);
+    [[nodiscard]] bool generate_config(char const* name, std::string& live, std::string& saved);
     void find_ports();
-    bool is_installed() const;
-    bool place_library_link();
+    [[nodiscard]] bool is_installed() const;
+    [[nodiscard]] bool place_library_link();
 
     bool is_link_missing_ = false;      ///< the installation was not there; guarded by init_mutex_
     uint16_t cn_port_ = 0;              ///< the coordinator's, 0 for none

@@ -29,11 +29,11 @@ public:
     GaussDB_Client& operator=(GaussDB_Client const&) = delete;
 
     /** Appends the names of all databases; false when they could not be asked for. */
-    virtual bool list_database(std::vector<std::string>& databases) const = 0;
+    [[nodiscard]] virtual bool list_database(std::vector<std::string>& databases) const = 0;
     /** The server's version as the flavour writes it; "" for every failure. */
     virtual std::string get_version() const = 0;
     /** True when a log-on with this client's account succeeds. */
-    virtual bool test_logon() const = 0;
+    [[nodiscard]] virtual bool test_logon() const = 0;
     /**
      * Runs one statement and appends its rows to @a result, which is never cleared: rows that came
      * before a failure stay.
@@ -43,7 +43,8 @@ public:
      * @param log  whether the command line goes to the log, where the client has the choice
      * @return true when the program ended with 0
      */
-    virtual bool query(char const* cmd, std::vector<std::string>& result, bool log) const = 0;
+    [[nodiscard]] virtual bool query(char const* cmd, std::vector<std::string>& result,
+                                     bool log) const = 0;
 
 protected:
     GaussDB_Env const& env_;

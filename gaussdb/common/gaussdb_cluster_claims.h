@@ -58,7 +58,7 @@ public:
 private:
     std::vector<Cluster_Claim> verified(std::string const& name,
                                         std::vector<Cluster_Claim> const& claims);
-    bool is_owner(std::string const& owner, Cluster_Claim const& claim) const;
+    [[nodiscard]] bool is_owner(std::string const& owner, Cluster_Claim const& claim) const;
     void refuse_other_user(std::string const& name, std::string const& owner,
                            Cluster_Claim const& claim);
 

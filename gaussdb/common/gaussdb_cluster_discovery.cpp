@@ -221,7 +221,7 @@ bool GaussDB_Cluster_Manager::detect_cluster(std::string const& name,
             return false;
         }
         found.emplace(name, GaussDB_Cluster_Handler_var(handler));
-        dump_env(name, claim.env); // logs its own failure; the cluster is of use without
+        (void)dump_env(name, claim.env); // logs its own failure; the cluster is of use without
         return true;
     }
     return true;
@@ -236,7 +236,8 @@ void GaussDB_Cluster_Manager::init_clusters(map_type const& found) {
         if (!init_handler(name, handler))
             take_out(name, handler);
         else if (found.count(name) && enter(name, handler))
-            is_same_cluster(name.c_str(), false, fault); // recorded, or told with the next search
+            (void)is_same_cluster(name.c_str(), false,
+                                  fault); // recorded, or told with the next search
     }
 }
 
@@ -359,7 +360,7 @@ bool GaussDB_Cluster_Manager::detect_gaussdb_t(std::string const& name,
         }
         if (init_handler(name, handler)) {
             enter(name, handler);
-            dump_env(name, claim.env); // logs its own failure; the instance is of use without
+            (void)dump_env(name, claim.env); // logs its own failure; the instance is of use without
             return true;
         }
     }

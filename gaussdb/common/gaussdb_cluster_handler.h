@@ -46,7 +46,7 @@ public:
      * and does nothing, even after a failure, and a call beside a running one waits for it.
      * @return false after an error line; the handler is then of no use.
      */
-    virtual bool init(char const* name) = 0;
+    [[nodiscard]] virtual bool init(char const* name) = 0;
 
     /**
      * A client for one thread's SQL statements. It refers to this handler's environment and must
@@ -63,14 +63,14 @@ public:
      * @param balanced  left alone when the tool does not say
      * @return false when no state was told
      */
-    virtual bool get_status(std::string& status, bool& balanced) const;
+    [[nodiscard]] virtual bool get_status(std::string& status, bool& balanced) const;
 
     /** True when that account can log on. */
-    virtual bool test_logon(char const* username, char const* password);
+    [[nodiscard]] virtual bool test_logon(char const* username, char const* password);
 
     /** Appends the names of the cluster's databases. @return false when they cannot be listed. */
-    bool list_database(char const* username, char const* password,
-                       std::vector<std::string>& databases) const;
+    [[nodiscard]] bool list_database(char const* username, char const* password,
+                                     std::vector<std::string>& databases) const;
     /** The server's own word for its version; "" when it cannot be asked. */
     std::string get_database_version() const;
 
@@ -89,7 +89,7 @@ public:
     /** How many machines the cluster has. */
     size_t nodes() const;
     /** True on the first machine of the cluster; false when it has none. */
-    bool is_first_device() const;
+    [[nodiscard]] bool is_first_device() const;
 
 protected:
     /** This host's entry in info_; null when there is none. Valid until info_ is replaced. */
@@ -98,7 +98,7 @@ protected:
      * Reads the XML file conf_ into info_.
      * @return false, with info_ as it was, after an error line.
      */
-    bool parse_cluster_info();
+    [[nodiscard]] bool parse_cluster_info();
 
     Cluster_Type type_ = TYPE_HA;
     GaussDB_Env const env_;

@@ -36,11 +36,11 @@ struct Cluster_Identity {
     std::string difference(Cluster_Identity const& present, bool with_data) const;
 
     /** Takes over what this record does not say; the stamp in any case. @return true if changed */
-    bool complete(Cluster_Identity const& present);
+    [[nodiscard]] bool complete(Cluster_Identity const& present);
 
     json_spirit::Object dump() const;
     /** @return false for an object that dump() did not make */
-    bool read(json_spirit::Object const& object);
+    [[nodiscard]] bool read(json_spirit::Object const& object);
 };
 
 #endif

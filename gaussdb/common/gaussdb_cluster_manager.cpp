@@ -83,7 +83,7 @@ bool is_environment_of(GaussDB_Env const& env, char const* user, std::string& re
     else if (entry.uid() == 0)
         reason = "the tools of a database are not run as root";
     else
-        owns_tools(env, entry.uid(), reason);
+        (void)owns_tools(env, entry.uid(), reason);
     return reason.empty();
 }
 
@@ -112,7 +112,7 @@ Cluster_Identity load_identity(std::string const& name) {
 void save_identity(std::string const& name, Cluster_Identity const& record) {
     std::string const path = identity_path(name); // what cannot be written has been logged
     if (!path.empty())
-        dump_json(path.c_str(), record.dump(), 0, false, 0640);
+        (void)dump_json(path.c_str(), record.dump(), 0, false, 0640);
 }
 
 /** JSON has UTF-8 alone, and a variable may have any bytes: these are escaped in an object. */

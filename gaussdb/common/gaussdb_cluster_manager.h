@@ -55,7 +55,7 @@ public:
      * GAUSSDB_VERSION) and "edition" (the version, "8.1.1"). A cluster that was declared by hand
      * has the record that was declared, which its "manual" says.
      */
-    bool get_instances(json_spirit::Array& instances);
+    [[nodiscard]] bool get_instances(json_spirit::Array& instances);
 
     /** What the last discovery refused. */
     std::vector<Instance_Alert> alerts() const;
@@ -72,9 +72,9 @@ public:
 
     /** The handler; an empty pointer for an unknown name. */
     GaussDB_Cluster_Handler_var get_cluster(char const* name) const;
-    bool cluster_exists(char const* name) const;
+    [[nodiscard]] bool cluster_exists(char const* name) const;
     /** Enters a handler. On true it is this object's; on false, which is logged, the caller's. */
-    bool add_cluster(char const* name, GaussDB_Cluster_Handler* handler);
+    [[nodiscard]] bool add_cluster(char const* name, GaussDB_Cluster_Handler* handler);
     /** Takes a cluster out; who holds its handler keeps it. True also for an unknown name. */
     bool remove_cluster(char const* name);
 
@@ -85,14 +85,14 @@ public:
      * @return false when processes cannot be listed, or no cluster is known in the end and no
      *         profile is configured
      */
-    bool list_cluster();
+    [[nodiscard]] bool list_cluster();
     /**
      * Enters the cluster of the profile that GAUSSDB_MPPDBGS_PROFILE names, which need not be
      * running, and whose owner is the cluster's user. Its init() follows in list_cluster().
      * @return false when the profile is not trusted, which raises an alert; false with nothing
      *         logged when there is no such variable or no cluster's name in the profile
      */
-    bool load_config_cluster();
+    [[nodiscard]] bool load_config_cluster();
 
     /**
      * Whether the cluster that the tools of @a name answer for is the one that was recorded when it
@@ -100,48 +100,49 @@ public:
      * Runs a tool only when the topology's file has changed.
      * @param fault  when false: what differs and what to do, one sentence
      */
-    bool is_same_cluster(char const* name, bool with_data, std::string& fault);
+    [[nodiscard]] bool is_same_cluster(char const* name, bool with_data, std::string& fault);
     /** Whether its user still owns its tools, as when it was found. @param fault  as above */
-    bool owns_its_tools(char const* name, std::string& fault) const;
+    [[nodiscard]] bool owns_its_tools(char const* name, std::string& fault) const;
     /** Its databases are others now, and rightly: after a restore. */
     void record_data(char const* name);
     /** Drops what was recorded; the next discovery records the cluster as it is then. */
     void forget_record(char const* name);
 
     /** Discovery of GaussDB T. @return false only when processes cannot be listed. */
-    bool list_gaussdb_t();
-    bool list_gaussdb_t_single();
+    [[nodiscard]] bool list_gaussdb_t();
+    [[nodiscard]] bool list_gaussdb_t_single();
 
     /**
      * The environment of a cluster between runs of the agent: one JSON object of strings in the
      * file <name>_env below /var/cache/quilmot/zenbrak3/gaussdb, mode 0640. Failures are logged.
      * A file that anybody but this process's user can change is not loaded.
      */
-    bool dump_env(std::string const& name, GaussDB_Env const& env);
-    bool load_env(std::string const& name, GaussDB_Env& env);
+    [[nodiscard]] bool dump_env(std::string const& name, GaussDB_Env const& env);
+    [[nodiscard]] bool load_env(std::string const& name, GaussDB_Env& env);
 
     /** The listener's port by cfg/zengine.ini of a data directory; 0 when it does not say. */
     unsigned short get_lsnr_port(char const* gaussdb_data);
 
 private:
-    bool list_cluster_i();
+    [[nodiscard]] bool list_cluster_i();
     void gather_claims(std::vector<Service_Info> const& services, Cluster_Claims& claims);
-    bool detect_cluster(std::string const& name, std::vector<Cluster_Claim> const& claims,
-                        map_type& found);
-    bool detect_config_cluster(map_type& found);
+    [[nodiscard]] bool detect_cluster(std::string const& name,
+                                      std::vector<Cluster_Claim> const& claims, map_type& found);
+    [[nodiscard]] bool detect_config_cluster(map_type& found);
     void init_clusters(map_type const& found);
-    bool list_gaussdb_t_single_i();
+    [[nodiscard]] bool list_gaussdb_t_single_i();
     void add_gaussdb_t_claim(Service_Info const& service, Cluster_Claims& claims);
-    bool detect_gaussdb_t(std::string const& name, std::vector<Cluster_Claim> const& claims);
+    [[nodiscard]] bool detect_gaussdb_t(std::string const& name,
+                                        std::vector<Cluster_Claim> const& claims);
 
     std::optional<std::string> owner_of(std::string const& name) const;
-    bool is_owner_of(std::string const& name, uid_t uid, std::string& reason) const;
+    [[nodiscard]] bool is_owner_of(std::string const& name, uid_t uid, std::string& reason) const;
     void drop_of_other_user(std::string const& name, std::string const& user);
     void drop_overruled();
     void raise_alert(std::string const& name, std::string const& text);
     void publish_alerts(bool keep_others);
     void check_records();
-    bool is_found_here(std::string const& name) const;
+    [[nodiscard]] bool is_found_here(std::string const& name) const;
 
     map_type snapshot() const;
     bool enter(std::string const& name, GaussDB_Cluster_Handler_var const& handler);
@@ -168,6 +169,7 @@ void GaussDB_Cluster_Manager_fini();
  * @return true when there is a name, and a profile or a non-empty @a gphome. An environment that
  *         cannot be read is logged.
  */
-bool get_cluster_environ_var(int pid, std::string& profile, std::string& name, std::string& gphome);
+[[nodiscard]] bool get_cluster_environ_var(int pid, std::string& profile, std::string& name,
+                                           std::string& gphome);
 
 #endif

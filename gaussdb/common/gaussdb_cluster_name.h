@@ -8,6 +8,6 @@
  * stand on the command lines of tools: see names::fault_of_instance(). A name comes from a
  * process's environment, from a profile or from a request. One that is refused is an error line.
  */
-bool is_cluster_file_name(std::string const& name);
+[[nodiscard]] bool is_cluster_file_name(std::string const& name);
 
 #endif

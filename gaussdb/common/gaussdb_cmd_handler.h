@@ -42,7 +42,7 @@ inline constexpr char SOURCE_ALL_PROFILES[] =
  * begins with "-" or has blanks, quotes or backslashes would bring in options of its own: false,
  * after the error line "Invalid address '%s', nothing is run\n".
  */
-bool check_address(std::string const& address);
+[[nodiscard]] bool check_address(std::string const& address);
 
 /**
  * Reads "gs_om -t status", "gs_om -t query" and "cm_ctl query". The state is the rest of its line
@@ -110,15 +110,16 @@ private:
  * @return true when @a status is not empty, whatever the exit status; callers start with "". False
  *         also, with nothing run, for a user that is null, "" or unknown.
  */
-bool get_cluster_status(char const* user, GaussDB_Env const& env, std::string& status,
-                        bool& balanced);
+[[nodiscard]] bool get_cluster_status(char const* user, GaussDB_Env const& env, std::string& status,
+                                      bool& balanced);
 
 /**
  * Asks the local cluster for its version by "gs_check -V", as @a user.
  * @return true when the flavour of @a version is known, whatever the exit status; callers start
  *         with GAUSSDB_UNKNOWN. False also, with nothing run, for a user as above.
  */
-bool get_cluster_version(char const* user, GaussDB_Env const& env, GaussDB_Version& version);
+[[nodiscard]] bool get_cluster_version(char const* user, GaussDB_Env const& env,
+                                       GaussDB_Version& version);
 
 /**
  * Asks the server program below GSDB_HOME whether it is a GaussDB T, as @a user.
@@ -126,7 +127,7 @@ bool get_cluster_version(char const* user, GaussDB_Env const& env, GaussDB_Versi
  *                 it when it has no blank. Left alone on false.
  * @return false also when the program fails, which is logged with its output at LM_ERROR.
  */
-bool is_gaussdb_t(char const* user, GaussDB_Env const& env, std::string* version);
+[[nodiscard]] bool is_gaussdb_t(char const* user, GaussDB_Env const& env, std::string* version);
 
 /**
  * Copies the local file @a source to @a dest on the host @a address by scp.
@@ -134,8 +135,8 @@ bool is_gaussdb_t(char const* user, GaussDB_Env const& env, std::string* version
  * @return true when scp ended with 0. False, with nothing run, also for an address that
  *         check_address() refuses and for a source that begins with "-".
  */
-bool execute_scp_command(std::string const& address, std::string const& ssh_opts,
-                         std::string const& source, std::string const& dest);
+[[nodiscard]] bool execute_scp_command(std::string const& address, std::string const& ssh_opts,
+                                       std::string const& source, std::string const& dest);
 
 /**
  * Runs a command on the host @a address by ssh.
@@ -145,12 +146,12 @@ bool execute_scp_command(std::string const& address, std::string const& ssh_opts
  * @return true when ssh, and so the command, ended with 0. False, with nothing run, also for an
  *         address that check_address() refuses.
  */
-bool execute_ssh_command(std::string const& address, std::string const& ssh_opts,
-                         std::string const& command, std::string& result);
+[[nodiscard]] bool execute_ssh_command(std::string const& address, std::string const& ssh_opts,
+                                       std::string const& command, std::string& result);
 
 /** Asks a host which user a login there is, by "whoami" as execute_ssh_command() runs it. */
-bool get_roach_agent_user(std::string const& address, std::string const& ssh_opts,
-                          std::string& user);
+[[nodiscard]] bool get_roach_agent_user(std::string const& address, std::string const& ssh_opts,
+                                        std::string& user);
 
 /**
  * Runs @a cmd, a whole command line that asks "gs_guc check" for the port, and returns the port; 0
@@ -165,7 +166,8 @@ uint16_t non_intrusive_get_port(char const* cmd);
  * @return true when @a status is not empty. A null or "" command is logged at LM_EMERGENCY, and
  *         nothing is changed then.
  */
-bool non_intrusive_get_cluster_status(char const* cmd, std::string& status, bool& balanced);
+[[nodiscard]] bool non_intrusive_get_cluster_status(char const* cmd, std::string& status,
+                                                    bool& balanced);
 
 /**
  * Asks a node for the number of nodes of its cluster, by "cm_ctl view -N".
@@ -174,8 +176,8 @@ bool non_intrusive_get_cluster_status(char const* cmd, std::string& status, bool
  * @param ssh_opts    null and "" stand for DEFAULT_SSH_OPTS
  * @return true when the command ended with 0. A null or "" address is logged at LM_EMERGENCY.
  */
-bool non_intrusive_get_node_count(char const* address, int& node_count, char const* source_cmd,
-                                  char const* ssh_opts);
+[[nodiscard]] bool non_intrusive_get_node_count(char const* address, int& node_count,
+                                                char const* source_cmd, char const* ssh_opts);
 
 /**
  * Asks a node for the version of its cluster, by "gs_check -V".
@@ -184,7 +186,7 @@ bool non_intrusive_get_node_count(char const* address, int& node_count, char con
  * @return true when the flavour of @a version is known, whatever the exit status; callers start
  *         with GAUSSDB_UNKNOWN. A null or "" address is logged at LM_EMERGENCY.
  */
-bool non_intrusive_get_cluster_version(char const* address, GaussDB_Version& version,
-                                       char const* source_cmd, char const* ssh_opts);
+[[nodiscard]] bool non_intrusive_get_cluster_version(char const* address, GaussDB_Version& version,
+                                                     char const* source_cmd, char const* ssh_opts);
 
 #endif

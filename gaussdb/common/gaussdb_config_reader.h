@@ -19,7 +19,8 @@ class GaussDB_Env;
  *         @a os_user. False after an error line. A file that cannot be given away costs a warning
  *         only.
  */
-bool generate_gaussdb_config(GaussDB_Env const& env, char const* os_user, char const* xml,
-                             char const* conf_path, bool use_python3);
+[[nodiscard]] bool generate_gaussdb_config(GaussDB_Env const& env, char const* os_user,
+                                           char const* xml, char const* conf_path,
+                                           bool use_python3);
 
 #endif

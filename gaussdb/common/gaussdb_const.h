@@ -40,7 +40,7 @@ struct GaussDB_Version {
      * stays.
      * @return false, with an error line and nothing changed, for any other text.
      */
-    bool parse(std::string const& str);
+    [[nodiscard]] bool parse(std::string const& str);
 
     GAUSSDB_VERSION model_;
     uint32_t major_;

@@ -24,7 +24,7 @@ public:
      * GAUSSDB_LD_LIBRARY_PATH before them, then reads the profile: a line of it may refer to them.
      * @return false when the profile is null or "", or cannot be read; logged here.
      */
-    bool init(char const* profile);
+    [[nodiscard]] bool init(char const* profile);
 
     /**
      * Reads the lines "export NAME=value" of a shell profile. "$NAME" in a value stands for what an
@@ -37,14 +37,14 @@ public:
      * @return false when the file cannot be read, is larger than 1 MiB, is not a regular file, or
      *         is a symbolic link in a directory that others than root can write; logged here.
      */
-    bool read(char const* profile);
+    [[nodiscard]] bool read(char const* profile);
 
     /**
      * Hands every entry to a child's options as set_foreign_env() does: such a child never runs as
      * root.
      * @return false, after an error line, when an entry does not fit. No start takes the options.
      */
-    bool set_opts(ACE_Process_Options& opts) const;
+    [[nodiscard]] bool set_opts(ACE_Process_Options& opts) const;
 
     /** Sets or replaces one entry. */
     void set_env(std::string const& key, std::string const& value);

@@ -34,7 +34,7 @@ protected:
     void add_row(char const* line, size_t length);
 
 private:
-    bool write_password();
+    [[nodiscard]] bool write_password();
 
     std::vector<std::string>& rows_;
     char const* password_;
@@ -45,12 +45,13 @@ class GaussDB_Gsql_Client : public GaussDB_Client {
 public:
     using GaussDB_Client::GaussDB_Client;
 
-    bool list_database(std::vector<std::string>& databases) const override;
+    [[nodiscard]] bool list_database(std::vector<std::string>& databases) const override;
     /** The kernel's word, such as "V500R002C00". */
     std::string get_version() const override;
-    bool test_logon() const override;
+    [[nodiscard]] bool test_logon() const override;
     /** The command line is logged always, whatever @a log. "" as the database is "postgres". */
-    bool query(char const* cmd, std::vector<std::string>& result, bool log) const override;
+    [[nodiscard]] bool query(char const* cmd, std::vector<std::string>& result,
+                             bool log) const override;
 };
 
 #endif

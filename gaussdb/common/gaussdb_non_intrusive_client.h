@@ -37,13 +37,14 @@ public:
     /** Options for ssh; DEFAULT_SSH_OPTS from the start; null counts as "". */
     void ssh_opts(char const* ssh_opts) { ssh_opts_ = ssh_opts ? ssh_opts : ""; }
 
-    bool list_database(std::vector<std::string>& databases) const override;
+    [[nodiscard]] bool list_database(std::vector<std::string>& databases) const override;
     /** The server's whole version line. */
     std::string get_version() const override;
     /** True without asking: there is no account to try. */
-    bool test_logon() const override;
+    [[nodiscard]] bool test_logon() const override;
     /** The command line is logged always, whatever @a log. */
-    bool query(char const* cmd, std::vector<std::string>& result, bool log) const override;
+    [[nodiscard]] bool query(char const* cmd, std::vector<std::string>& result,
+                             bool log) const override;
 
 private:
     std::string source_cmd_;

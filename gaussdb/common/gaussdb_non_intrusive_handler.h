@@ -34,12 +34,12 @@ public:
      *         address and for DWS also when the XBSA library's link cannot be placed. Throws
      *         json_spirit::Error for a record with a value of the wrong kind.
      */
-    bool init(char const* name) override;
+    [[nodiscard]] bool init(char const* name) override;
 
     /** The accounts are not used: who logs in by ssh is who logs on to the database. */
     GaussDB_Client_ptr create_client(char const* username, char const* password,
                                      char const* db) const override;
-    bool get_status(std::string& status, bool& balanced) const override;
+    [[nodiscard]] bool get_status(std::string& status, bool& balanced) const override;
 
 private:
     /** How to reach the cluster; copied as a whole. */
@@ -54,8 +54,8 @@ private:
     };
 
     Access access() const;
-    bool init_for_dws(Access& access) const;
-    bool init_for_opengauss(Access& access) const;
+    [[nodiscard]] bool init_for_dws(Access& access) const;
+    [[nodiscard]] bool init_for_opengauss(Access& access) const;
 
     mutable std::mutex access_mutex_; ///< not held while a tool runs
     Access access_;                   ///< guarded by access_mutex_

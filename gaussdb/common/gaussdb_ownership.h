@@ -20,10 +20,10 @@ struct Process_View;
  * operand of "-D", else PGDATA or GAUSSDATA of its environment, when there is one). Its title
  * proves nothing.
  */
-bool owns_process(Process_View const& process, std::string& reason);
+[[nodiscard]] bool owns_process(Process_View const& process, std::string& reason);
 
 /** The profile. One that does not exist is accepted: reading it fails, and tells so. */
-bool owns_profile(std::string const& profile, uid_t user, std::string& reason);
+[[nodiscard]] bool owns_profile(std::string const& profile, uid_t user, std::string& reason);
 
 /**
  * The tools: every directory of PATH, LD_LIBRARY_PATH and PYTHONPATH, each of the database's tools
@@ -31,6 +31,6 @@ bool owns_profile(std::string const& profile, uid_t user, std::string& reason);
  * accepted unless another user could create them. The installation's directories have to be
  * absolute paths without quotes, since no shell reads them.
  */
-bool owns_tools(GaussDB_Env const& env, uid_t user, std::string& reason);
+[[nodiscard]] bool owns_tools(GaussDB_Env const& env, uid_t user, std::string& reason);
 
 #endif

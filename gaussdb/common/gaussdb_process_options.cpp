@@ -17,6 +17,6 @@ bool set_local_options(ACE_Process_Options& opts, GaussDB_Env const& env, char c
 void set_process_options(ACE_Process_Options& opts) {
     opts.handle_inheritance(0);
     // a variable that finds no room leaves options that no start takes
-    set_process_env(opts, "LC_ALL", "C");
-    set_process_env(opts, "LD_LIBRARY_PATH", "");
+    (void)set_process_env(opts, "LC_ALL", "C");
+    (void)set_process_env(opts, "LD_LIBRARY_PATH", "");
 }

@@ -22,9 +22,10 @@ public:
  *         fit; no start takes the options then. Nor does one when the user is root, since @a env is
  *         what another user's profile says.
  */
-bool set_local_options(ACE_Process_Options& opts, GaussDB_Env const& env, char const* user);
+[[nodiscard]] bool set_local_options(ACE_Process_Options& opts, GaussDB_Env const& env,
+                                     char const* user);
 /** The same with the agent's own identity, which must not be root. */
-bool set_local_options(ACE_Process_Options& opts, GaussDB_Env const& env);
+[[nodiscard]] bool set_local_options(ACE_Process_Options& opts, GaussDB_Env const& env);
 
 /**
  * For ssh and scp: LC_ALL=C, an empty LD_LIBRARY_PATH, since the system's tools must not load the

@@ -12,14 +12,14 @@ public:
     GaussDB_T_Single_Handler(GaussDB_Env const& env, std::string const& os_user);
 
     /** @param name  the instance's. @return false, logged, without GSDB_DATA or LSNR_PORT. */
-    bool init(char const* name) override;
+    [[nodiscard]] bool init(char const* name) override;
     GaussDB_Client_ptr create_client(char const* username, char const* password,
                                      char const* db) const override;
     /**
      * "running" when somebody listens on the instance's port, else "error". Always true; balanced
      * is left alone.
      */
-    bool get_status(std::string& status, bool& balanced) const override;
+    [[nodiscard]] bool get_status(std::string& status, bool& balanced) const override;
 
 private:
     std::string data_dir_;

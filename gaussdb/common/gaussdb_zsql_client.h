@@ -34,20 +34,22 @@ public:
      * By the account; when that fails or gives no row, without a password. Rows of a failed first
      * try stay.
      */
-    bool list_database(std::vector<std::string>& databases) const override;
+    [[nodiscard]] bool list_database(std::vector<std::string>& databases) const override;
     std::string get_version() const override;
-    bool test_logon() const override;
-    bool query(char const* cmd, std::vector<std::string>& result, bool log) const override;
+    [[nodiscard]] bool test_logon() const override;
+    [[nodiscard]] bool query(char const* cmd, std::vector<std::string>& result,
+                             bool log) const override;
 
     /** Runs a statement as the administrator whom the server knows by @a os_user. */
-    bool query_without_password(char const* cmd, std::vector<std::string>& result) const;
+    [[nodiscard]] bool query_without_password(char const* cmd,
+                                              std::vector<std::string>& result) const;
     /**
      * Runs a whole command line of zsql.
      * @return false, after "Failed to run cmd '%s', %s\n" with the server's error lines at
      * LM_ERROR, when it does not end with 0
      */
-    bool query_i(char const* cmd, std::vector<std::string>& result, char const* password,
-                 bool log) const;
+    [[nodiscard]] bool query_i(char const* cmd, std::vector<std::string>& result,
+                               char const* password, bool log) const;
 
 private:
     bool is_single_;

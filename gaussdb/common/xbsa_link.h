@@ -12,12 +12,12 @@
  * @param library  its file name
  * @return false after an error line
  */
-bool place_xbsa_link(char const* library, char const* link);
+[[nodiscard]] bool place_xbsa_link(char const* library, char const* link);
 
 /**
  * The same for the place where tools look that know no other: /usr/openv/lib/libxbsa64.so, whose
  * directory is made when it is missing.
  */
-bool place_system_xbsa_link(char const* library);
+[[nodiscard]] bool place_system_xbsa_link(char const* library);
 
 #endif

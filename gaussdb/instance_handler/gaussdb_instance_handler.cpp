@@ -65,7 +65,7 @@ void bring_back_non_intrusive(GaussDB_Cluster_Manager& manager, Instance const& 
     GaussDB_Version version(static_cast<GAUSSDB_VERSION>(model), 0, 0, 0);
     std::string edition;
     if (instance.get_option("edition", edition))
-        version.parse(edition);
+        (void)version.parse(edition);
     std::unique_ptr<GaussDB_Non_Intrusive_Handler> handler(
         new (std::nothrow) GaussDB_Non_Intrusive_Handler(version));
     if (!handler) {
@@ -84,7 +84,7 @@ void bring_back_non_intrusive(GaussDB_Cluster_Manager& manager, Instance const& 
 void bring_back(GaussDB_Cluster_Manager& manager, std::shared_ptr<Instance const> const& instance) {
     std::string tpops_host;
     if (instance->get_option("tpops_host", tpops_host)) {
-        init_tpops_instance(instance);
+        (void)init_tpops_instance(instance);
         return;
     }
     int version = 0;

@@ -48,6 +48,6 @@ public:
  * @return false, after a warning: this module has no handler for the platform, so the instance
  *         stays on record and has no cluster. True when there is a cluster of its name.
  */
-bool init_tpops_instance(std::shared_ptr<Instance const> instance);
+[[nodiscard]] bool init_tpops_instance(std::shared_ptr<Instance const> instance);
 
 #endif

@@ -17,15 +17,16 @@ struct Job_Activity;
 GaussDB_Cluster_Handler_var find_cluster(std::string const& instance);
 
 /** True for a cluster whose backup tool is run by "python3": the 200 series from 8.1.1 on. */
-bool uses_python3(GaussDB_Version const& version);
+[[nodiscard]] bool uses_python3(GaussDB_Version const& version);
 
 /**
  * Gets the uuids of a cluster's hosts: of a lone instance this host's, else as the backup server
  * knows them.
  * @return false after error lines and alert (7, 6) on the job
  */
-bool get_hosts_of_cluster(Job& job, GaussDB_Cluster_Handler const& cluster,
-                          std::string const& instance, std::vector<std::string>& host_uuids);
+[[nodiscard]] bool get_hosts_of_cluster(Job& job, GaussDB_Cluster_Handler const& cluster,
+                                        std::string const& instance,
+                                        std::vector<std::string>& host_uuids);
 
 /**
  * Checks that the cluster's tools are still its user's, and answer for the cluster on record.
@@ -33,7 +34,7 @@ bool get_hosts_of_cluster(Job& job, GaussDB_Cluster_Handler const& cluster,
  * @param with_data  whether the databases have to be those on record
  * @return false after an error line and alert (7, 102)
  */
-bool is_cluster_on_record(Job& job, std::string const& instance, bool with_data);
+[[nodiscard]] bool is_cluster_on_record(Job& job, std::string const& instance, bool with_data);
 
 /**
  * What a run of the backup tool uses alone on each of the cluster's hosts, for Run_Hold: the tool's

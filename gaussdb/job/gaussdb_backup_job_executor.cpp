@@ -113,7 +113,7 @@ bool GaussDB_Backup_Job_Executor::execute_i(Job::Action_Options const*) {
         return false;
     policy.release();
     cleanup.dismiss();
-    roach_source.remove(hosts, nullptr, ""); // what stays behind has been logged
+    (void)roach_source.remove(hosts, nullptr, ""); // what stays behind has been logged
     return true;
 }
 
@@ -204,8 +204,8 @@ bool GaussDB_Backup_Job_Executor::complete_set(GaussDB_Backup_Set& bset,
     ACE_INT64 size = 0;
     ACE_INT64 storage_size = 0;
     // sizes that are not known are no reason to throw a backup away
-    parser.parse(bset.backup_key, size);
-    get_storage_size(storage_size);
+    (void)parser.parse(bset.backup_key, size);
+    (void)get_storage_size(storage_size);
     bset.source_size = static_cast<uint64_t>(std::max<ACE_INT64>(size, 0));
     bset.backup_set_size = bset.source_size;
     bset.storages.front().size = static_cast<uint64_t>(std::max<ACE_INT64>(storage_size, 0));

@@ -44,38 +44,40 @@ public:
 protected:
     static constexpr int SLEEP_INTERVAL = 5; ///< seconds between two looks at the progress
 
-    bool execute_i(Job::Action_Options const* options) override;
-    bool is_active(Job::Action_Options const* options) override;
+    [[nodiscard]] bool execute_i(Job::Action_Options const* options) override;
+    [[nodiscard]] bool is_active(Job::Action_Options const* options) override;
 
     ACE_Time_Value sleep_interval_{SLEEP_INTERVAL};
 
 private:
     using Hosts = std::vector<std::string>;
 
-    bool is_cluster_healthy();
+    [[nodiscard]] bool is_cluster_healthy();
     void init_catalog(GaussDB_Backup_Set& bset);
     void choose_base(GaussDB_Backup_Set& bset);
     void drop_lost_base(GaussDB_Backup_Set& bset, Roach_Meta_Parser& parser);
     void make_full(GaussDB_Backup_Set& bset) const;
     Roach_Source make_roach_source() const;
-    bool notify(Roach_Source& roach_source, Hosts const& hosts);
-    bool open_set(GaussDB_Backup_Set& bset);
-    bool run_roach(Roach_Source& roach_source, GaussDB_Backup_Set& bset, Roach_Meta_Parser& parser);
-    bool backup_200(Roach_Executor& roach_executor, Roach_Source& roach_source,
-                    GaussDB_Backup_Set& bset);
-    bool backup_100(Roach_Executor& roach_executor, Roach_Source const& roach_source,
-                    GaussDB_Backup_Set& bset, Roach_Meta_Parser& parser);
-    static bool has_backup_key(GaussDB_Backup_Set const& bset);
-    bool backup_roach_metadata(Roach_Source const& roach_source, GaussDB_Backup_Set& bset);
-    bool complete_set(GaussDB_Backup_Set& bset, Roach_Meta_Parser& parser);
+    [[nodiscard]] bool notify(Roach_Source& roach_source, Hosts const& hosts);
+    [[nodiscard]] bool open_set(GaussDB_Backup_Set& bset);
+    [[nodiscard]] bool run_roach(Roach_Source& roach_source, GaussDB_Backup_Set& bset,
+                                 Roach_Meta_Parser& parser);
+    [[nodiscard]] bool backup_200(Roach_Executor& roach_executor, Roach_Source& roach_source,
+                                  GaussDB_Backup_Set& bset);
+    [[nodiscard]] bool backup_100(Roach_Executor& roach_executor, Roach_Source const& roach_source,
+                                  GaussDB_Backup_Set& bset, Roach_Meta_Parser& parser);
+    [[nodiscard]] static bool has_backup_key(GaussDB_Backup_Set const& bset);
+    [[nodiscard]] bool backup_roach_metadata(Roach_Source const& roach_source,
+                                             GaussDB_Backup_Set& bset);
+    [[nodiscard]] bool complete_set(GaussDB_Backup_Set& bset, Roach_Meta_Parser& parser);
 
-    bool get_prior_backup(std::string& incarnation, std::string& backup_key) const;
-    bool get_seq(ACE_INT64& seq) const;
-    bool get_storage_size(ACE_INT64& size) const;
+    [[nodiscard]] bool get_prior_backup(std::string& incarnation, std::string& backup_key) const;
+    [[nodiscard]] bool get_seq(ACE_INT64& seq) const;
+    [[nodiscard]] bool get_storage_size(ACE_INT64& size) const;
 
     void report_progress();
     void follow_progress();
-    bool report_progress_once(GaussDB_Client const& client);
+    [[nodiscard]] bool report_progress_once(GaussDB_Client const& client);
 
     std::string job_instance_uuid_; ///< the run's id, and the set's
     std::string instance_;

@@ -30,9 +30,9 @@ public:
 
     GaussDB_Backup_Job_Options_Parser() : Job_Level_Parser_T(key_table_1) {}
 
-    bool handle_boolean_i(bool value) override;
-    bool handle_number_i(char const* text, size_t length) override;
-    bool handle_string_i(char const* text, size_t length) override;
+    [[nodiscard]] bool handle_boolean_i(bool value) override;
+    [[nodiscard]] bool handle_number_i(char const* text, size_t length) override;
+    [[nodiscard]] bool handle_string_i(char const* text, size_t length) override;
 };
 
 #endif

@@ -20,32 +20,35 @@ public:
      * The set of a resource in a pool that ended last: what an incremental backup builds on.
      * @return false, with nothing logged, also when there is none
      */
-    bool get_prior_backup(std::string const& resource_uuid, std::string const& pool_uuid,
-                          std::string& incarnation, std::string& backup_key) const;
+    [[nodiscard]] bool get_prior_backup(std::string const& resource_uuid,
+                                        std::string const& pool_uuid, std::string& incarnation,
+                                        std::string& backup_key) const;
 
     /** The same among the sets that also fit @a more, such as {"type", "full"}. */
-    bool get_prior_backup(std::string const& resource_uuid, std::string const& pool_uuid,
-                          json_spirit::Object const& more, std::string& incarnation,
-                          std::string& backup_key) const;
+    [[nodiscard]] bool get_prior_backup(std::string const& resource_uuid,
+                                        std::string const& pool_uuid,
+                                        json_spirit::Object const& more, std::string& incarnation,
+                                        std::string& backup_key) const;
 
     /** The number of a resource's next set, counted over all pools: 1 for its first. */
-    bool get_seq(std::string const& resource_uuid, ACE_INT64& seq) const;
+    [[nodiscard]] bool get_seq(std::string const& resource_uuid, ACE_INT64& seq) const;
 
     /** The bytes that a set takes in its first storage; false also when it has none. */
-    bool get_storage_size(std::string const& uuid, ACE_INT64& size) const;
+    [[nodiscard]] bool get_storage_size(std::string const& uuid, ACE_INT64& size) const;
 
     /**
      * The bytes that a set takes in its first storage, and those of its pieces together.
      * @return false, with nothing changed, also for a set without storages or pieces
      */
-    bool get_sizes(std::string const& uuid, ACE_INT64& storage_size, ACE_INT64& set_size) const;
+    [[nodiscard]] bool get_sizes(std::string const& uuid, ACE_INT64& storage_size,
+                                 ACE_INT64& set_size) const;
 
     /**
      * The sets that lead to a backup, newest first, and others of the resource among them, perhaps.
      * @param rows  replaced; false when there are none
      */
-    bool get_chain(std::string const& resource_uuid, std::string const& backup_key,
-                   json_spirit::Array& rows) const;
+    [[nodiscard]] bool get_chain(std::string const& resource_uuid, std::string const& backup_key,
+                                 json_spirit::Array& rows) const;
 
 private:
     json_spirit::Array rows(char const* view, json_spirit::Object const& query) const;

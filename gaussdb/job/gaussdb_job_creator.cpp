@@ -24,7 +24,8 @@ std::string instance_of(Job_Definition const& definition) {
             instance = backup->instance_;
     } else if (auto const* const restore =
                    dynamic_cast<GaussDB_Restore_Job_Source const*>(source)) {
-        parse_instance_entry(restore->restore_as_, instance); // what it says of it, it has logged
+        (void)parse_instance_entry(restore->restore_as_,
+                                   instance); // what it says of it, it has logged
     }
     return instance;
 }

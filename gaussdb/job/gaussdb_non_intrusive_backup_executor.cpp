@@ -129,7 +129,7 @@ bool Executor::execute_i(Job::Action_Options const*) {
     }
     if (!open_set(bset) || !run_tool(cmd, bset) || !complete_set(bset))
         return false;
-    roach_source.remove(host_uuids_, nullptr, ""); // what stays behind has been logged
+    (void)roach_source.remove(host_uuids_, nullptr, ""); // what stays behind has been logged
     return true;
 }
 
@@ -212,8 +212,8 @@ bool Executor::get_roach_host_name(std::string& hostname) const {
 
 void Executor::count_nodes() {
     if (is_opengauss()) {
-        non_intrusive_get_node_count(address_.c_str(), nodes_count_, source_commands_.c_str(),
-                                     ssh_opts_.c_str());
+        (void)non_intrusive_get_node_count(address_.c_str(), nodes_count_, source_commands_.c_str(),
+                                           ssh_opts_.c_str());
     } else {
         if (GaussDB_Client_ptr const client = cluster_->create_client(nullptr, nullptr, nullptr))
             nodes_count_ = static_cast<int>(
@@ -330,7 +330,8 @@ bool Executor::open_set(GaussDB_Backup_Set& bset) {
 bool Executor::complete_set(GaussDB_Backup_Set& bset) {
     ACE_INT64 storage_size = 0;
     ACE_INT64 set_size = 0;
-    get_size(storage_size, set_size); // a size that is not known is no reason to drop a backup
+    (void)get_size(storage_size,
+                   set_size); // a size that is not known is no reason to drop a backup
     if (!bset.storages.empty())
         bset.storages.front().size = static_cast<uint64_t>(std::max<ACE_INT64>(storage_size, 0));
     bset.source_size = static_cast<uint64_t>(std::max<ACE_INT64>(set_size, 0));

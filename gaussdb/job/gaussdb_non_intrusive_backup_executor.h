@@ -39,45 +39,48 @@ public:
 protected:
     static constexpr int STOP_INTERVAL = 2; ///< seconds between two looks for a cancel
 
-    bool execute_i(Job::Action_Options const* options) override;
-    bool is_active(Job::Action_Options const* options) override;
+    [[nodiscard]] bool execute_i(Job::Action_Options const* options) override;
+    [[nodiscard]] bool is_active(Job::Action_Options const* options) override;
 
     ACE_Time_Value stop_interval_{STOP_INTERVAL};
 
 private:
-    bool is_opengauss() const;
-    bool is_schema_backup() const { return !src_->schemas_.empty(); }
-    bool check_names() const;
-    bool choose_type();
-    bool read_instance();
-    bool find_service(std::string& user);
+    [[nodiscard]] bool is_opengauss() const;
+    [[nodiscard]] bool is_schema_backup() const { return !src_->schemas_.empty(); }
+    [[nodiscard]] bool check_names() const;
+    [[nodiscard]] bool choose_type();
+    [[nodiscard]] bool read_instance();
+    [[nodiscard]] bool find_service(std::string& user);
     void choose_base(GaussDB_Backup_Set& bset) const;
     Roach_Source make_roach_source(std::string const& user) const;
     void count_nodes();
-    bool make_command(std::string& cmd, std::string const& prior_backup_key);
-    bool open_set(GaussDB_Backup_Set& bset);
-    bool run_tool(std::string const& cmd, GaussDB_Backup_Set& bset);
-    bool complete_set(GaussDB_Backup_Set& bset);
-    bool save_schemas(std::string const& database, json_spirit::Array& tables) const;
-    bool save_tables(GaussDB_Client& client, std::string const& database, std::string const& schema,
-                     std::string const& parent, json_spirit::Array& tables) const;
+    [[nodiscard]] bool make_command(std::string& cmd, std::string const& prior_backup_key);
+    [[nodiscard]] bool open_set(GaussDB_Backup_Set& bset);
+    [[nodiscard]] bool run_tool(std::string const& cmd, GaussDB_Backup_Set& bset);
+    [[nodiscard]] bool complete_set(GaussDB_Backup_Set& bset);
+    [[nodiscard]] bool save_schemas(std::string const& database, json_spirit::Array& tables) const;
+    [[nodiscard]] bool save_tables(GaussDB_Client& client, std::string const& database,
+                                   std::string const& schema, std::string const& parent,
+                                   json_spirit::Array& tables) const;
 
-    bool canceled() const;
-    bool get_size(ACE_INT64& storage_size, ACE_INT64& set_size) const;
-    bool get_prior_backup(std::string& incarnation, std::string& backup_key, bool full,
-                          bool schema_only) const;
-    bool get_seq(ACE_INT64& seq) const;
+    [[nodiscard]] bool canceled() const;
+    [[nodiscard]] bool get_size(ACE_INT64& storage_size, ACE_INT64& set_size) const;
+    [[nodiscard]] bool get_prior_backup(std::string& incarnation, std::string& backup_key,
+                                        bool full, bool schema_only) const;
+    [[nodiscard]] bool get_seq(ACE_INT64& seq) const;
     void init_catalog(GaussDB_Backup_Set& bset) const;
-    bool get_client_info(std::string& user);
+    [[nodiscard]] bool get_client_info(std::string& user);
     void clean_dws_metadata() const;
-    bool generate_dws_backup_cmd(std::string& cmd);
-    bool generate_for_opengauss_backup_cmd(std::string& cmd) const;
-    bool generate_common_backup_cmd(std::string& cmd, std::string const& prior_backup_key) const;
-    bool save_tables_info(json_spirit::Array& tables) const;
+    [[nodiscard]] bool generate_dws_backup_cmd(std::string& cmd);
+    [[nodiscard]] bool generate_for_opengauss_backup_cmd(std::string& cmd) const;
+    [[nodiscard]] bool generate_common_backup_cmd(std::string& cmd,
+                                                  std::string const& prior_backup_key) const;
+    [[nodiscard]] bool save_tables_info(json_spirit::Array& tables) const;
     void job_stop_thread(ACE_Event& event);
-    bool dump_schema_list(std::vector<std::string> const& schemas, std::string const& path) const;
-    bool execute_ssh_command(std::string const& command, std::string& result) const;
-    bool get_roach_host_name(std::string& hostname) const;
+    [[nodiscard]] bool dump_schema_list(std::vector<std::string> const& schemas,
+                                        std::string const& path) const;
+    [[nodiscard]] bool execute_ssh_command(std::string const& command, std::string& result) const;
+    [[nodiscard]] bool get_roach_host_name(std::string& hostname) const;
 
     GaussDB_Cluster_Handler_var cluster_; ///< empty until is_active() has found it
     bool abort_catalog_ = false;          ///< the set is open

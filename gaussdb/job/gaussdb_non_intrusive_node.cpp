@@ -160,8 +160,8 @@ void stop_tool_on_cancel(Job& job, std::string const& address, ACE_Event& event,
             GaussDB_Env const no_env;
             // with the tool's own defaults: what the instance's record says is for its jobs
             Roach_Executor roach_executor("", no_env, false, job.log_msg_callback());
-            roach_executor.execute_non_intrusive_cmd(address.c_str(), "GaussRoach.py -t stop",
-                                                     nullptr, nullptr);
+            (void)roach_executor.execute_non_intrusive_cmd(address.c_str(), "GaussRoach.py -t stop",
+                                                           nullptr, nullptr);
             return;
         }
     } catch (std::exception const& error) {

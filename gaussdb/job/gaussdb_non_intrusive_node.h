@@ -61,10 +61,11 @@ struct Bare_Name {
 };
 
 /** False, after an error line, when one of the names could be read as more than a name. */
-bool check_bare_names(std::vector<Bare_Name> const& bare_names);
+[[nodiscard]] bool check_bare_names(std::vector<Bare_Name> const& bare_names);
 
 /** Reads the record of a cluster; false also for one with a value that is not accepted. */
-bool read_access(GaussDB_Cluster_Handler const& cluster, Non_Intrusive_Access& access);
+[[nodiscard]] bool read_access(GaussDB_Cluster_Handler const& cluster,
+                               Non_Intrusive_Access& access);
 
 /**
  * Finds the service on this host that takes the data from the node: backUpAgent for the openGauss
@@ -73,28 +74,30 @@ bool read_access(GaussDB_Cluster_Handler const& cluster, Non_Intrusive_Access& a
  * @param user       whose service it is: the policy and the place in the pool become this user's
  * @return false also when services of several users are running, since neither can be believed
  */
-bool find_data_service(GAUSSDB_VERSION flavour, std::string& remote_ip, std::string& user,
-                       uint16_t& port);
+[[nodiscard]] bool find_data_service(GAUSSDB_VERSION flavour, std::string& remote_ip,
+                                     std::string& user, uint16_t& port);
 
 /** The hosts that get the policy: those of the cluster's record at the backup server, or this one.
  */
 std::vector<std::string> policy_hosts(GAUSSDB_VERSION flavour, std::string const& instance);
 
 /** The login's user on the node, who has the tool's files in /home/USER. */
-bool find_tool_user(std::string const& address, std::string const& ssh_opts, std::string& user);
+[[nodiscard]] bool find_tool_user(std::string const& address, std::string const& ssh_opts,
+                                  std::string& user);
 
 /**
  * Copies lines to a file on the node, with a line break between two.
  * @param run_id  names the scratch file on this host, which is removed again
  */
-bool send_lines(std::vector<std::string> const& lines, std::string const& path,
-                std::string const& run_id, std::string const& address, std::string const& ssh_opts);
+[[nodiscard]] bool send_lines(std::vector<std::string> const& lines, std::string const& path,
+                              std::string const& run_id, std::string const& address,
+                              std::string const& ssh_opts);
 
 /** Removes a file of send_lines() from the node; logs a warning on failure. */
 void remove_lines(std::string const& path, std::string const& address, std::string const& ssh_opts);
 
 /** True when the run is to end: by a cancel, a stop or an abort. */
-bool is_canceled(Job_Activity const& activity);
+[[nodiscard]] bool is_canceled(Job_Activity const& activity);
 /** Lets the calling thread of a canceled run start programs again, to clean up on the nodes. */
 void let_cleanup_run(Job_Activity const& activity);
 

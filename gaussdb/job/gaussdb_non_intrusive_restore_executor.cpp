@@ -90,7 +90,7 @@ bool Restore::execute_i(Job::Action_Options const*) {
         act_.set_size = chain.original_size;
         return true;
     }
-    roach_source.remove(host_uuids_, nullptr, ""); // a no-op if it was removed before
+    (void)roach_source.remove(host_uuids_, nullptr, ""); // a no-op if it was removed before
     return false;
 }
 
@@ -426,7 +426,7 @@ bool Restore::run_tool(std::string& cmd, Roach_Source& roach_source, Chain const
         event.signal();
         stop_thread.join();
         let_cleanup_run(act_);
-        clean_meta();
+        (void)clean_meta();
     });
     if (canceled())
         return false;
@@ -448,7 +448,7 @@ bool Restore::run_tool(std::string& cmd, Roach_Source& roach_source, Chain const
         return true;
     }
     QMRT_LOG(LM_DEBUG, "Successfully restored database, starting it ...\n");
-    roach_source.remove(host_uuids_, nullptr, ""); // what stays behind has been logged
+    (void)roach_source.remove(host_uuids_, nullptr, ""); // what stays behind has been logged
     return start(roach_executor);
 }
 

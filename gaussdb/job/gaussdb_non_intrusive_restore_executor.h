@@ -38,8 +38,8 @@ public:
 protected:
     static constexpr int STOP_INTERVAL = 2; ///< seconds between two looks for a cancel
 
-    bool execute_i(Job::Action_Options const* options) override;
-    bool is_active(Job::Action_Options const* options) override;
+    [[nodiscard]] bool execute_i(Job::Action_Options const* options) override;
+    [[nodiscard]] bool is_active(Job::Action_Options const* options) override;
 
 public:
     ~GaussDB_Non_Intrusive_Restore_Job_Executor() override;
@@ -56,38 +56,38 @@ private:
         json_spirit::Array catalogs;  ///< the rows, newest first
     };
 
-    bool is_opengauss() const;
-    bool is_table_restore() const;
-    bool new_cluster() const;
-    bool check_names() const;
-    bool read_instance();
-    bool find_service(std::string& user);
-    bool load_chain(Chain& chain);
-    bool check_new_cluster() const;
-    bool read_row(json_spirit::Object const& row, std::string const& backup_key,
-                  GAUSSDB_VERSION version, std::string& key, Chain& chain);
-    bool find_schema_set(std::string const& granularity, std::string const& database);
+    [[nodiscard]] bool is_opengauss() const;
+    [[nodiscard]] bool is_table_restore() const;
+    [[nodiscard]] bool new_cluster() const;
+    [[nodiscard]] bool check_names() const;
+    [[nodiscard]] bool read_instance();
+    [[nodiscard]] bool find_service(std::string& user);
+    [[nodiscard]] bool load_chain(Chain& chain);
+    [[nodiscard]] bool check_new_cluster() const;
+    [[nodiscard]] bool read_row(json_spirit::Object const& row, std::string const& backup_key,
+                                GAUSSDB_VERSION version, std::string& key, Chain& chain);
+    [[nodiscard]] bool find_schema_set(std::string const& granularity, std::string const& database);
     Roach_Source make_roach_source(Chain const& chain, std::string const& user) const;
-    bool notify(Roach_Source& roach_source);
-    bool make_command(std::string& cmd);
-    bool send_table_lists(std::string const& user);
+    [[nodiscard]] bool notify(Roach_Source& roach_source);
+    [[nodiscard]] bool make_command(std::string& cmd);
+    [[nodiscard]] bool send_table_lists(std::string const& user);
     void remove_table_lists();
-    bool run_tool(std::string& cmd, Roach_Source& roach_source, Chain const& chain);
-    bool start(Roach_Executor& roach_executor);
+    [[nodiscard]] bool run_tool(std::string& cmd, Roach_Source& roach_source, Chain const& chain);
+    [[nodiscard]] bool start(Roach_Executor& roach_executor);
 
-    bool get_catalog(std::string const& backup_key, GAUSSDB_VERSION const& version,
-                     std::string& pool_uuid, std::string& compression, ACE_UINT64& original_size,
-                     json_spirit::Array& catalogs);
-    bool get_client_info(std::string& user);
-    bool generate_dws_restore_cmd(std::string& cmd);
-    bool generate_for_opengauss_restore_cmd(std::string& cmd) const;
-    bool generate_common_restore_cmd(std::string& cmd) const;
-    bool canceled() const;
+    [[nodiscard]] bool get_catalog(std::string const& backup_key, GAUSSDB_VERSION const& version,
+                                   std::string& pool_uuid, std::string& compression,
+                                   ACE_UINT64& original_size, json_spirit::Array& catalogs);
+    [[nodiscard]] bool get_client_info(std::string& user);
+    [[nodiscard]] bool generate_dws_restore_cmd(std::string& cmd);
+    [[nodiscard]] bool generate_for_opengauss_restore_cmd(std::string& cmd) const;
+    [[nodiscard]] bool generate_common_restore_cmd(std::string& cmd) const;
+    [[nodiscard]] bool canceled() const;
     void job_stop_thread(ACE_Event& event);
     using Table_Mapping_List = std::forward_list<Table_Mapping>;
-    bool dump_table_list(Table_Mapping_List const& tables, std::string const& path,
-                         bool source_table) const;
-    bool clean_meta() const;
+    [[nodiscard]] bool dump_table_list(Table_Mapping_List const& tables, std::string const& path,
+                                       bool source_table) const;
+    [[nodiscard]] bool clean_meta() const;
 
     std::string address_;   ///< the node, for ssh
     std::string meta_path_; ///< the tool's metadata directory of the instance

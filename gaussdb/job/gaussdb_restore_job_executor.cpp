@@ -41,7 +41,7 @@ GaussDB_Restore_Job_Executor::GaussDB_Restore_Job_Executor(Job& job) : Job_Execu
 
 GaussDB_Restore_Job_Executor::~GaussDB_Restore_Job_Executor() {
     if (!cache_dir_.empty())
-        Roach_Source::remove_cache_directory(def_.id());
+        (void)Roach_Source::remove_cache_directory(def_.id());
 }
 
 bool GaussDB_Restore_Job_Executor::is_active(Job::Action_Options const*) {
@@ -97,7 +97,7 @@ bool GaussDB_Restore_Job_Executor::execute_i(Job::Action_Options const*) {
         return false;
     std::set<std::string> directories = data_directories();
     policy.release();
-    roach_source.remove(hosts, &directories, def_.id()); // what stays behind has been logged
+    (void)roach_source.remove(hosts, &directories, def_.id()); // what stays behind has been logged
     if (!start(roach_executor))
         return false;
     cleanup.dismiss();

@@ -31,8 +31,8 @@ public:
     ~GaussDB_Restore_Job_Executor() override;
 
 protected:
-    bool execute_i(Job::Action_Options const* options) override;
-    bool is_active(Job::Action_Options const* options) override;
+    [[nodiscard]] bool execute_i(Job::Action_Options const* options) override;
+    [[nodiscard]] bool is_active(Job::Action_Options const* options) override;
 
 private:
     /** What the catalog says about the set that is asked for. */
@@ -44,19 +44,19 @@ private:
     };
     using Hosts = std::vector<std::string>;
 
-    bool get_catalog(std::string const& backup_key, std::string& pool_uuid,
-                     std::string& compression, ACE_UINT64& total_size, json_spirit::Array& catalogs,
-                     GAUSSDB_VERSION const& version);
-    bool load_chain(Chain& chain);
-    bool choose_cache_dir();
+    [[nodiscard]] bool get_catalog(std::string const& backup_key, std::string& pool_uuid,
+                                   std::string& compression, ACE_UINT64& total_size,
+                                   json_spirit::Array& catalogs, GAUSSDB_VERSION const& version);
+    [[nodiscard]] bool load_chain(Chain& chain);
+    [[nodiscard]] bool choose_cache_dir();
     Roach_Source make_roach_source(Chain const& chain) const;
-    bool restore_roach_metadata(Roach_Source& roach_source, Chain const& chain);
-    bool notify(Roach_Source& roach_source, Hosts const& hosts, Chain const& chain);
-    bool run_roach(Roach_Executor& roach_executor, Roach_Source const& roach_source,
-                   Chain const& chain);
+    [[nodiscard]] bool restore_roach_metadata(Roach_Source& roach_source, Chain const& chain);
+    [[nodiscard]] bool notify(Roach_Source& roach_source, Hosts const& hosts, Chain const& chain);
+    [[nodiscard]] bool run_roach(Roach_Executor& roach_executor, Roach_Source const& roach_source,
+                                 Chain const& chain);
     std::set<std::string> data_directories() const;
-    bool start(Roach_Executor& roach_executor);
-    bool new_cluster() const;
+    [[nodiscard]] bool start(Roach_Executor& roach_executor);
+    [[nodiscard]] bool new_cluster() const;
 
     std::string instance_;                ///< the target cluster's name
     std::string cache_dir_;               ///< scratch directory; "" until there is one

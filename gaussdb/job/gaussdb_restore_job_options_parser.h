@@ -26,13 +26,13 @@ public:
 
     GaussDB_Restore_Job_Options_Parser() : Job_Definition_Parser_T(key_table_1) {}
 
-    bool handle_boolean_i(bool value) override;
-    bool handle_number_i(char const* text, size_t length) override;
-    bool handle_string_i(char const* text, size_t length) override;
+    [[nodiscard]] bool handle_boolean_i(bool value) override;
+    [[nodiscard]] bool handle_number_i(char const* text, size_t length) override;
+    [[nodiscard]] bool handle_string_i(char const* text, size_t length) override;
 
 private:
     /** False when there is nothing to fill, or no map whose value it would be. */
-    bool can_take_value() const { return object() && !states_.empty(); }
+    [[nodiscard]] bool can_take_value() const { return object() && !states_.empty(); }
 };
 
 #endif

@@ -63,19 +63,21 @@ Job_Definition_Key const& get_key_value_entry(Job_Definition_Key const* table, u
 template <typename Base, typename Object>
 class Job_Definition_Parser_T : public YAJL_Parser<Base> {
 public:
-    bool handle_start_map_i() override {
+    [[nodiscard]] bool handle_start_map_i() override {
         if (!states_.empty())
             unwanted("map");
         return push(true);
     }
-    bool handle_map_key_i(char const* text, size_t length) override {
+    [[nodiscard]] bool handle_map_key_i(char const* text, size_t length) override {
         if (states_.empty())
             return no_level();
         states_.back().key = get_key_value_entry(table_, text, length).value;
         return states_.back().key != 0 || unknown_key(text, length);
     }
-    bool handle_start_array_i() override { return states_.empty() || unwanted("list"); }
-    bool handle_end_map_i() override { return pop(); }
+    [[nodiscard]] bool handle_start_array_i() override {
+        return states_.empty() || unwanted("list");
+    }
+    [[nodiscard]] bool handle_end_map_i() override { return pop(); }
 
 protected:
     explicit Job_Definition_Parser_T(Job_Definition_Key const* table)
@@ -87,11 +89,11 @@ protected:
     /** What is being filled; null when it could not be made, or was released. */
     Object* object() const { return static_cast<Object*>(this->result_.get()); }
 
-    bool push(bool obj) {
+    [[nodiscard]] bool push(bool obj) {
         states_.push_back({obj});
         return true;
     }
-    bool pop() {
+    [[nodiscard]] bool pop() {
         if (states_.empty())
             return no_level();
         states_.pop_back();
@@ -104,8 +106,8 @@ protected:
         return true;
     }
 
-    bool store(std::string& field, char const* text, size_t length,
-               names::Rule rule = names::fault_of_line) {
+    [[nodiscard]] bool store(std::string& field, char const* text, size_t length,
+                             names::Rule rule = names::fault_of_line) {
         std::string value(text, length);
         if (value.find('\0') != std::string::npos)
             return this->stop(YAJL_ERR_NUL, "the string has a NUL in it");
@@ -117,7 +119,7 @@ protected:
 
     // what is taken and does nothing; see YAJL_Parser_Base::ignored()
 
-    bool unknown_key(char const* text, size_t length) {
+    [[nodiscard]] bool unknown_key(char const* text, size_t length) {
         return this->ignore("unknown key \"" + names::shown(std::string(text, length)) + "\"");
     }
     /** A value of a kind that its key takes nothing of. @param given  "list" */
@@ -137,14 +139,16 @@ protected:
         return value;
     }
 
-    bool no_level() {
+    [[nodiscard]] bool no_level() {
         return this->stop(YAJL_ERR_STRUCTURE, "an end, a key or a value outside of any object");
     }
-    bool wrong_type(char const* given) {
+    [[nodiscard]] bool wrong_type(char const* given) {
         return this->stop(YAJL_ERR_TYPE,
                           std::string("a value of another type than ") + given + " is wanted");
     }
-    bool misplaced_string() { return this->stop(YAJL_ERR_PLACE, "a string where none is wanted"); }
+    [[nodiscard]] bool misplaced_string() {
+        return this->stop(YAJL_ERR_PLACE, "a string where none is wanted");
+    }
 
     Job_Definition_Key const* table_;
     /** The key that takes a list; no key's bit for none. */
@@ -158,15 +162,15 @@ class Job_Level_Parser_T : public Job_Definition_Parser_T<Base, Object> {
     using Parent = Job_Definition_Parser_T<Base, Object>;
 
 public:
-    bool handle_map_key_i(char const* text, size_t length) override {
+    [[nodiscard]] bool handle_map_key_i(char const* text, size_t length) override {
         return this->states_.size() > 1 || Parent::handle_map_key_i(text, length);
     }
-    bool handle_start_array_i() override {
+    [[nodiscard]] bool handle_start_array_i() override {
         if (this->states_.size() != 1 || this->states_.back().key != this->list_key_)
             this->unwanted("list");
         return this->push(false);
     }
-    bool handle_end_array_i() override { return this->pop(); }
+    [[nodiscard]] bool handle_end_array_i() override { return this->pop(); }
 
 protected:
     using Parent::Parent;

@@ -21,7 +21,7 @@ enum { JOB_SOURCE_ID_BIT = 1, JOB_SOURCE_NAME_BIT = 2 };
 template <typename Parser, typename Source>
 class Job_Source_Parser_T : public Job_Level_Parser_T<Job_Source, Source> {
 public:
-    bool handle_string_i(char const* text, size_t length) override {
+    [[nodiscard]] bool handle_string_i(char const* text, size_t length) override {
         switch (this->states_.size()) {
         case 1:
             return handle_level1_string(text, length);
@@ -32,11 +32,13 @@ public:
         }
     }
 
-    bool handle_number_i(char const*, size_t) override { return unwanted_value("number"); }
-    bool handle_boolean_i(bool) override { return unwanted_value("boolean"); }
+    [[nodiscard]] bool handle_number_i(char const*, size_t) override {
+        return unwanted_value("number");
+    }
+    [[nodiscard]] bool handle_boolean_i(bool) override { return unwanted_value("boolean"); }
 
     /** An array of entries counts as given also when it is empty. */
-    bool handle_end_array_i() override {
+    [[nodiscard]] bool handle_end_array_i() override {
         if (!this->pop())
             return false;
         if (!this->states_.empty() && this->states_.back().key == Parser::ENTRIES_BIT)
@@ -44,7 +46,7 @@ public:
         return true;
     }
 
-    bool handle_end_map_i() override {
+    [[nodiscard]] bool handle_end_map_i() override {
         return (this->states_.size() != 1 || has_required_keys()) && this->pop();
     }
 
@@ -55,7 +57,7 @@ protected:
 
 private:
     /** Below an unknown key it has been told already. */
-    bool unwanted_value(char const* given) {
+    [[nodiscard]] bool unwanted_value(char const* given) {
         return this->states_.empty() || this->states_.front().key == 0 || this->unwanted(given);
     }
 
@@ -66,7 +68,7 @@ private:
         return bit == JOB_SOURCE_NAME_BIT ? names::fault_of_label : Parser::rule_of(bit);
     }
 
-    bool handle_level1_string(char const* text, size_t length) {
+    [[nodiscard]] bool handle_level1_string(char const* text, size_t length) {
         JSON_State& state = this->states_.back();
         Source* const source = this->object();
         if (!state.obj || !source || state.key == 0)
@@ -84,7 +86,7 @@ private:
         return this->seen(state);
     }
 
-    bool handle_level2_string(char const* text, size_t length) {
+    [[nodiscard]] bool handle_level2_string(char const* text, size_t length) {
         if (!this->object())
             return true;
         if (this->states_.front().key != Parser::ENTRIES_BIT)
@@ -98,7 +100,7 @@ private:
     }
 
     /** Names each required key that has not come, in the order of the bits. */
-    bool has_required_keys() {
+    [[nodiscard]] bool has_required_keys() {
         uint64_t const missing = ~this->states_.back().masks & Parser::COMMON_BITS;
         std::string names;
         for (uint64_t left = missing; left; left &= left - 1) {

@@ -46,35 +46,35 @@ public:
     void ssh_opts(char const* opts);
 
     /** For the 200 series. @param prior_backup_key  base of an incremental backup; "" for a full */
-    bool backup_200(char const* media_destination, char const* meta_path,
-                    std::string const& prior_backup_key, std::string& backup_key,
-                    Roach_Progress_Handler* handler, int channels, int max_memory_usage,
-                    int buffer_size, int buffer_block_size);
+    [[nodiscard]] bool backup_200(char const* media_destination, char const* meta_path,
+                                  std::string const& prior_backup_key, std::string& backup_key,
+                                  Roach_Progress_Handler* handler, int channels,
+                                  int max_memory_usage, int buffer_size, int buffer_block_size);
     /**
      * For the 100 series.
      * @param meta_path  becomes the prior backup's own metadata directory when there is one: the
      *                   tool keeps the metadata of a chain there
      */
-    bool backup_100(char const* media_destination, char const* media_path, std::string& meta_path,
-                    std::string const& prior_backup_key, std::string& backup_key, bool is_single,
-                    int channels);
+    [[nodiscard]] bool backup_100(char const* media_destination, char const* media_path,
+                                  std::string& meta_path, std::string const& prior_backup_key,
+                                  std::string& backup_key, bool is_single, int channels);
     /** For the 200 series. @param new_cluster  the cluster is not the one that was backed up */
-    bool restore_200(char const* media_destination, char const* meta_path,
-                     std::string const& backup_key, Roach_Progress_Handler* handler,
-                     bool new_cluster, int channels, int max_memory_usage, int buffer_size,
-                     int buffer_block_size);
+    [[nodiscard]] bool restore_200(char const* media_destination, char const* meta_path,
+                                   std::string const& backup_key, Roach_Progress_Handler* handler,
+                                   bool new_cluster, int channels, int max_memory_usage,
+                                   int buffer_size, int buffer_block_size);
     /** For the 100 series. */
-    bool restore_100(char const* media_destination, char const* media_path, bool new_cluster,
-                     std::string const& meta_path, std::string const& backup_key, bool is_single,
-                     int channels);
+    [[nodiscard]] bool restore_100(char const* media_destination, char const* media_path,
+                                   bool new_cluster, std::string const& meta_path,
+                                   std::string const& backup_key, bool is_single, int channels);
 
     /**
      * Starts the cluster after a restore.
      * @param new_config  XML of a cluster that is not the one that was backed up; null or "" for
      *                    the same one
      */
-    bool start(GAUSSDB_VERSION const& version, char const* new_config);
-    bool stop();
+    [[nodiscard]] bool start(GAUSSDB_VERSION const& version, char const* new_config);
+    [[nodiscard]] bool stop();
 
     /**
      * Runs a ready command on another host, by ssh as the agent's own user.
@@ -82,13 +82,17 @@ public:
      * @param cmd         goes between single quotes as it stands: it must have none
      * @param backup_key  may be null
      */
-    bool execute_non_intrusive_cmd(char const* address, char const* cmd,
-                                   Roach_Progress_Handler* handler, std::string* backup_key);
+    [[nodiscard]] bool execute_non_intrusive_cmd(char const* address, char const* cmd,
+                                                 Roach_Progress_Handler* handler,
+                                                 std::string* backup_key);
 
 private:
-    bool execute_200(char const* cmd, Roach_Progress_Handler* handler, std::string* backup_key);
-    bool execute_100(char const* cmd, Roach_Progress_Handler* handler, std::string* backup_key);
-    bool run(ACE_Process_Options& opts, Roach_Progress_Handler* handler, std::string* backup_key);
+    [[nodiscard]] bool execute_200(char const* cmd, Roach_Progress_Handler* handler,
+                                   std::string* backup_key);
+    [[nodiscard]] bool execute_100(char const* cmd, Roach_Progress_Handler* handler,
+                                   std::string* backup_key);
+    [[nodiscard]] bool run(ACE_Process_Options& opts, Roach_Progress_Handler* handler,
+                           std::string* backup_key);
     char const* python() const { return use_python3_ ? "python3" : "python"; }
 
     char const* user_;

@@ -34,17 +34,17 @@ public:
      * @return false also for a file that is not there, with nothing logged, and for one that is not
      *         as it should be, with an error line.
      */
-    bool has_backup_key(std::string const& key);
+    [[nodiscard]] bool has_backup_key(std::string const& key);
 
     /**
      * Gets the size in bytes of the backup of that key; of two with the same key, the later one's.
      * @return false, logged unless the file cannot be read, when the size is not there or no size;
      *         true with @a size unchanged when there is no such backup.
      */
-    bool parse(std::string const& key, ACE_INT64& size);
+    [[nodiscard]] bool parse(std::string const& key, ACE_INT64& size);
 
 private:
-    bool load_meta(json_spirit::Value& value);
+    [[nodiscard]] bool load_meta(json_spirit::Value& value);
 
     std::string file_;
     GAUSSDB_VERSION ver_;

@@ -350,7 +350,7 @@ bool Roach_Source::remove(std::vector<std::string> const& host_uuids, std::set<s
     return std::all_of(host_uuids.begin(), host_uuids.end(), [&](std::string const& host) {
         if (!is_this_host(host))
             return forward(request, host);
-        remove_policy(); // what it could not remove, it has told
+        (void)remove_policy(); // what it could not remove, it has told
         return true;
     });
 }
@@ -379,8 +379,8 @@ void Roach_Source::end(std::vector<std::string> const& host_uuids,
                 forward(request, host);
             });
     if (std::ranges::any_of(host_uuids, is_this_host)) {
-        end_programs();
-        remove_policy();
+        (void)end_programs();
+        (void)remove_policy();
     }
     for (std::thread& other : others)
         other.join();

@@ -54,7 +54,7 @@ public:
      * Makes the metadata and the media directory and gives them to the cluster's user. Another
      * user's are set aside; see Tool_Directory.
      */
-    bool create_path();
+    [[nodiscard]] bool create_path();
     /** Empties the metadata directory, with what another user has there set aside. */
     void delete_meta();
     /**
@@ -62,9 +62,9 @@ public:
      * never readable by others. Only on a thread that works for a run, whose key goes into the
      * policy.
      */
-    bool dump_policy();
+    [[nodiscard]] bool dump_policy();
     /** Removes the policy file and the 100 series' metadata file; neither need be there. */
-    bool remove_policy();
+    [[nodiscard]] bool remove_policy();
     /** Removes the policy file alone, after a run that failed; logs nothing. */
     void drop_policy() const;
 
@@ -78,15 +78,15 @@ public:
      *                     this host the caller does so. May be null
      * @param delete_meta  each host empties its metadata directory first
      */
-    bool notify(std::vector<std::string> const& host_uuids, char const* backup_key,
-                std::string const& definition_uuid, json_spirit::Array const* catalogs,
-                bool delete_meta);
+    [[nodiscard]] bool notify(std::vector<std::string> const& host_uuids, char const* backup_key,
+                              std::string const& definition_uuid,
+                              json_spirit::Array const* catalogs, bool delete_meta);
     /**
      * Takes the policy back from hosts; stops at the first that fails.
      * @param dirs  data directories whose postmaster.pid goes on every host; may be null
      */
-    bool remove(std::vector<std::string> const& host_uuids, std::set<std::string>* dirs,
-                std::string const& definition_uuid);
+    [[nodiscard]] bool remove(std::vector<std::string> const& host_uuids,
+                              std::set<std::string>* dirs, std::string const& definition_uuid);
 
     /**
      * Ends what the backup tool still runs on the hosts for a run that was cancelled, and takes the
@@ -99,7 +99,7 @@ public:
      * the policy was written. Nothing to do without a policy.
      * @return false, logged, when some do not end
      */
-    bool end_programs();
+    [[nodiscard]] bool end_programs();
 
     /**
      * Removes postmaster.pid in those of the directories that belong to the cluster's user: to the
@@ -109,9 +109,9 @@ public:
 
     /** Puts the metadata file and the static configuration of a backup into the pool and adds both
      * to the set. */
-    bool backup_meta(char const* backup_key);
+    [[nodiscard]] bool backup_meta(char const* backup_key);
     /** Gets them back into the metadata directory. */
-    bool restore_meta(char const* backup_key);
+    [[nodiscard]] bool restore_meta(char const* backup_key);
 
     /**
      * Brings a backup's metadata directory back out of its archive.
@@ -122,10 +122,12 @@ public:
      *                     is a success
      * @param log_msg_callback  gets what is logged during the restore; may be null
      */
-    bool restore_roach_metadata(json_spirit::Object const& catalog, std::string const& pool_uuid,
-                                std::string const& definition_uuid, std::string const& cache_dir,
-                                std::string const& os_user, bool new_cluster,
-                                ACE_Log_Msg_Callback_var log_msg_callback);
+    [[nodiscard]] bool restore_roach_metadata(json_spirit::Object const& catalog,
+                                              std::string const& pool_uuid,
+                                              std::string const& definition_uuid,
+                                              std::string const& cache_dir,
+                                              std::string const& os_user, bool new_cluster,
+                                              ACE_Log_Msg_Callback_var log_msg_callback);
 
     /**
      * The directory that holds a backup's metadata, below the metadata directory that the tool was
@@ -143,31 +145,32 @@ public:
     std::optional<uid_t> user_id() const;
 
     /** True for an id, which can be a name in a path: see names::fault_of_id(). */
-    static bool is_single_name(std::string const& name);
+    [[nodiscard]] static bool is_single_name(std::string const& name);
     /**
      * True for what can be the name of a policy or of a job's directory: a single name which is not
      * one of the files that are kept beside them, as those of a cluster that is known here.
      */
-    static bool is_run_name(std::string const& name);
+    [[nodiscard]] static bool is_run_name(std::string const& name);
     /** The directory of a job definition's restored metadata, "" for an id that is no run's name.
      */
     static std::string cache_directory(std::string const& definition_uuid);
     /** Removes it; false for an id that is no run's name, and for what is not such a directory. */
-    static bool remove_cache_directory(std::string const& definition_uuid);
+    [[nodiscard]] static bool remove_cache_directory(std::string const& definition_uuid);
 
 private:
     std::string policy_file() const;
     json_spirit::Object route() const;
     json_spirit::Object add_request() const;
     json_spirit::Object remove_request(std::string const& definition_uuid) const;
-    bool add_here(char const* backup_key, bool delete_meta);
-    bool connect_pool(Client_IO_Ex& io, std::string const& folder);
-    bool put_meta(Client_IO_Ex& io, std::string const& name, std::string const& folder,
-                  char const* what, json_spirit::Array& pieces);
-    bool get_meta(Client_IO_Ex& io, std::string const& name, char const* what);
-    static bool is_backup_key(char const* backup_key);
-    bool are_ids_valid() const;
-    bool prepare_pool();
+    [[nodiscard]] bool add_here(char const* backup_key, bool delete_meta);
+    [[nodiscard]] bool connect_pool(Client_IO_Ex& io, std::string const& folder);
+    [[nodiscard]] bool put_meta(Client_IO_Ex& io, std::string const& name,
+                                std::string const& folder, char const* what,
+                                json_spirit::Array& pieces);
+    [[nodiscard]] bool get_meta(Client_IO_Ex& io, std::string const& name, char const* what);
+    [[nodiscard]] static bool is_backup_key(char const* backup_key);
+    [[nodiscard]] bool are_ids_valid() const;
+    [[nodiscard]] bool prepare_pool();
     Tool_Directory meta() const;
     std::string static_config() const;
     std::string compression_name() const;

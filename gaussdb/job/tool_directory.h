@@ -46,7 +46,7 @@ public:
     int write(std::string const& name, std::string_view content) const;
 
     /** True for a directory of the user that no link leads to. */
-    bool has_directory(std::string const& name) const;
+    [[nodiscard]] bool has_directory(std::string const& name) const;
     /** Makes a directory in this one; an existing one of the user is a success. */
     int make_directory(std::string const& name) const;
     /** Removes @a name of the directory @a folder with all that is in it. */

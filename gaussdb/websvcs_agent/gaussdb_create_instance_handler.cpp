@@ -130,7 +130,7 @@ Creation_Fault record_instance(GaussDB_Cluster_Manager& manager, New_Instance co
     if (!instances->save_account(TYPE, name, wanted.uid.c_str(), account_without_credentials())) {
         QMRT_LOG(LM_ERROR, "Failed to save account.\n");
         manager.remove_cluster(name);
-        remove_instance(instances->find(TYPE, name));
+        (void)remove_instance(instances->find(TYPE, name));
         return {JSON_RPC_INTERNAL_ERROR, "Failed to save account."};
     }
     return {};

@@ -21,6 +21,6 @@ int send_result(JSON_RPC_Channel* channel, JSON_RPC_Request* request,
                 json_spirit::Value const& result);
 
 /** GaussDB_Cluster_Handler::init(), which throws for a record with values of another kind. */
-bool init_handler(GaussDB_Cluster_Handler& handler);
+[[nodiscard]] bool init_handler(GaussDB_Cluster_Handler& handler);
 
 #endif

@@ -140,7 +140,7 @@ Source_Outcome remove_source(Roach_Request const& request) {
         return {JSON_RPC_INVALID_PARAMS, INVALID_SOURCE};
     bool const ended = !request.ends() || request.source().end_programs();
     if (is_given(request.definition_uuid))
-        Roach_Source::remove_cache_directory(*request.definition_uuid);
+        (void)Roach_Source::remove_cache_directory(*request.definition_uuid);
     if (!request.source().remove_policy())
         return {JSON_RPC_INTERNAL_ERROR, "Failed to remove roach policy\n"};
     if (!ended)

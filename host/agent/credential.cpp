@@ -150,6 +150,6 @@ bool decrypt_secure_string(std::string_view text, char const* key, size_t key_le
 
 secure_string decrypt_secure_string(std::string_view text, char const* key, size_t key_length) {
     secure_string plain;
-    decrypt_secure_string(text, key, key_length, plain);
+    (void)decrypt_secure_string(text, key, key_length, plain);
     return plain;
 }

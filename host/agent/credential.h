@@ -39,8 +39,8 @@ std::string encrypt_string(char const* plain, char const* key, size_t key_length
  * @return false, with @a plain unchanged and an error line that shows no part of either, for a
  *         wrong key, a text that was changed or cut, and one that is no text form at all.
  */
-bool decrypt_secure_string(std::string_view text, char const* key, size_t key_length,
-                           secure_string& plain);
+[[nodiscard]] bool decrypt_secure_string(std::string_view text, char const* key, size_t key_length,
+                                         secure_string& plain);
 /** The same; "" on failure. */
 secure_string decrypt_secure_string(std::string_view text, char const* key, size_t key_length);
 

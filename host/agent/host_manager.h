@@ -48,7 +48,7 @@ public:
     Component component() const;
     void component(Component value);
     /** True when this process is the backup server itself. */
-    bool on_backupd() const { return component() == CPN_BACKUPD; }
+    [[nodiscard]] bool on_backupd() const { return component() == CPN_BACKUPD; }
 
 private:
     Host_Manager();

@@ -31,9 +31,9 @@ public:
      * Records uuid and options of an instance, new or in place of the one of its type and name.
      * Accounts stay as they are, and logon_options is not looked at.
      */
-    virtual bool put(Instance const& instance) = 0;
+    [[nodiscard]] virtual bool put(Instance const& instance) = 0;
     /** Forgets an instance and its accounts. False when there is none. */
-    virtual bool erase(std::string const& type, std::string const& name) = 0;
+    [[nodiscard]] virtual bool erase(std::string const& type, std::string const& name) = 0;
 
     /**
      * Records a user's account of an instance, new or in place of the old one.
@@ -41,17 +41,19 @@ public:
      *                 must not be readable where it is kept
      * False when there is no such instance.
      */
-    virtual bool save_account(std::string const& type, std::string const& name,
-                              std::string const& uid, json_spirit::Object const& account) = 0;
+    [[nodiscard]] virtual bool save_account(std::string const& type, std::string const& name,
+                                            std::string const& uid,
+                                            json_spirit::Object const& account) = 0;
     /**
      * Gives what save_account() was given, with the password as a secure string.
      * @return false, with nothing logged and @a account unchanged, when there is none.
      */
-    virtual bool get_account(std::string const& type, std::string const& name,
-                             std::string const& uid, json_spirit::Object& account) = 0;
+    [[nodiscard]] virtual bool get_account(std::string const& type, std::string const& name,
+                                           std::string const& uid,
+                                           json_spirit::Object& account) = 0;
 
     /** Tells the backup server of a change. True where there is no server to tell. */
-    virtual bool tell_server(Change change, Instance const& instance) = 0;
+    [[nodiscard]] virtual bool tell_server(Change change, Instance const& instance) = 0;
 };
 
 #endif

@@ -28,7 +28,7 @@ public:
     std::shared_ptr<Instance> find(char const* type, char const* name);
 
     /** Records an instance, new or in place of the one of its type and name; not its accounts. */
-    bool add_instance(std::shared_ptr<Instance> instance);
+    [[nodiscard]] bool add_instance(std::shared_ptr<Instance> instance);
 
     /**
      * A user's account of an instance.
@@ -43,8 +43,8 @@ public:
      * Records a user's account of an instance that is on record.
      * @param account  "username" and "password", in plain, are required
      */
-    bool save_account(char const* type, char const* name, char const* uid,
-                      json_spirit::Object const& account);
+    [[nodiscard]] bool save_account(char const* type, char const* name, char const* uid,
+                                    json_spirit::Object const& account);
 
     /**
      * Lets the handler complete the options of an instance on record by one of its accounts, the
@@ -74,11 +74,11 @@ private:
  * Records an instance and tells the backup server. When the server cannot be told, the record is
  * again as it was.
  */
-bool add_instance(std::shared_ptr<Instance const> instance);
+[[nodiscard]] bool add_instance(std::shared_ptr<Instance const> instance);
 /** Tells the backup server, then forgets the instance and its accounts. */
-bool remove_instance(std::shared_ptr<Instance const> instance);
+[[nodiscard]] bool remove_instance(std::shared_ptr<Instance const> instance);
 /** Tells the backup server that an instance on record has these options now. */
-bool update_instance(std::shared_ptr<Instance const> instance,
-                     Instance::options_type const& options);
+[[nodiscard]] bool update_instance(std::shared_ptr<Instance const> instance,
+                                   Instance::options_type const& options);
 
 #endif

@@ -6,6 +6,6 @@
  * or IPv6. Looks at the kernel's socket tables and connects to nobody. False also, after an error
  * line, when there are no tables to read.
  */
-bool check_port_listening(unsigned short port);
+[[nodiscard]] bool check_port_listening(unsigned short port);
 
 #endif

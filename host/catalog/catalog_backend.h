@@ -34,27 +34,28 @@ public:
     virtual ~Catalog_Backend() = default;
 
     /** Opens a set. Refuses an empty uuid, and one that the catalog has already. */
-    virtual bool initialize(Catalog_Limits const& limits, Backup_Set const& set) = 0;
+    [[nodiscard]] virtual bool initialize(Catalog_Limits const& limits, Backup_Set const& set) = 0;
     /**
      * Completes an open set with what @a set says now; the pieces that were added meanwhile stay,
      * also where @a set has the same one without a size. Refuses a set that is not open.
      */
-    virtual bool complete(Catalog_Limits const& limits, Backup_Set const& set) = 0;
+    [[nodiscard]] virtual bool complete(Catalog_Limits const& limits, Backup_Set const& set) = 0;
     /**
      * Writes a set that is complete at once.
      * @param overwrite  a complete set of that uuid is replaced; else it is a failure. An open one
      *                   is a failure either way.
      */
-    virtual bool commit(Catalog_Limits const& limits, Backup_Set const& set, bool overwrite) = 0;
+    [[nodiscard]] virtual bool commit(Catalog_Limits const& limits, Backup_Set const& set,
+                                      bool overwrite) = 0;
     /**
      * Drops an open set. Refuses one that is not open.
      * @param pieces  gets the pieces that it had, whose files are now nobody's
      */
-    virtual bool abort(Catalog_Limits const& limits, std::string const& uuid,
-                       json_spirit::Array& pieces) = 0;
+    [[nodiscard]] virtual bool abort(Catalog_Limits const& limits, std::string const& uuid,
+                                     json_spirit::Array& pieces) = 0;
     /** Adds pieces to a set, open or complete. All or none: one that is no piece refuses them. */
-    virtual bool add_piece(Catalog_Limits const& limits, std::string const& uuid,
-                           json_spirit::Array const& pieces) = 0;
+    [[nodiscard]] virtual bool add_piece(Catalog_Limits const& limits, std::string const& uuid,
+                                         json_spirit::Array const& pieces) = 0;
 
     /**
      * Runs a query over the sets of one kind.
@@ -86,9 +87,9 @@ public:
      * @param result  gets the rows; an empty array for none
      * @return false, with @a result unchanged, for a view that is not known or a negative limit
      */
-    virtual bool get_view(Catalog_Limits const& limits, std::string const& type,
-                          std::string const& view, json_spirit::Object const& query,
-                          json_spirit::Value& result) = 0;
+    [[nodiscard]] virtual bool get_view(Catalog_Limits const& limits, std::string const& type,
+                                        std::string const& view, json_spirit::Object const& query,
+                                        json_spirit::Value& result) = 0;
 };
 
 #endif

@@ -16,21 +16,21 @@ public:
     /** See Catalog_Limits. */
     Catalog_Operator(int timeout, int max_seconds_retry) : limits_{timeout, max_seconds_retry} {}
 
-    bool initialize(Backup_Set& set);
-    bool complete(Backup_Set& set);
-    bool commit(Backup_Set& set, bool overwrite);
+    [[nodiscard]] bool initialize(Backup_Set& set);
+    [[nodiscard]] bool complete(Backup_Set& set);
+    [[nodiscard]] bool commit(Backup_Set& set, bool overwrite);
     /** @param pieces  gets the pieces that the set had */
-    bool abort(std::string const& uuid, json_spirit::Array& pieces);
-    bool add_piece(std::string const& uuid, json_spirit::Array const& pieces);
+    [[nodiscard]] bool abort(std::string const& uuid, json_spirit::Array& pieces);
+    [[nodiscard]] bool add_piece(std::string const& uuid, json_spirit::Array const& pieces);
 
-    bool get_view(char const* type, char const* view, json_spirit::Object const& query,
-                  json_spirit::Value& result);
+    [[nodiscard]] bool get_view(char const* type, char const* view,
+                                json_spirit::Object const& query, json_spirit::Value& result);
     /**
      * The first row of a query that has no "cmode".
      * @param result  gets the row; null when there is none, which is a success
      */
-    bool get_first_view(char const* type, char const* view, json_spirit::Object const& query,
-                        json_spirit::Value& result);
+    [[nodiscard]] bool get_first_view(char const* type, char const* view,
+                                      json_spirit::Object const& query, json_spirit::Value& result);
 
 private:
     Catalog_Limits limits_;

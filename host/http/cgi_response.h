@@ -27,7 +27,7 @@ public:
      * @return false, with the object as it was, for a text without the empty line, a line that is
      *         no field, or a status outside of 100 to 599
      */
-    bool parse(std::string_view text);
+    [[nodiscard]] bool parse(std::string_view text);
 };
 
 #endif

@@ -54,7 +54,7 @@ int http_escaped_byte(std::string_view text, size_t at);
  * @param flags  HUT_FLAG_SPACE: "+" is a space
  * @return false, with @a out untouched, when a "%" has no two hexadecimal digits behind it
  */
-bool http_decode_string(std::string_view text, unsigned int flags, std::string& out);
+[[nodiscard]] bool http_decode_string(std::string_view text, unsigned int flags, std::string& out);
 
 /** The decoded keys and values of a query string, in its order. A key without "=" has value "". */
 using HTTP_Query = std::vector<std::pair<std::string, std::string>>;
@@ -63,6 +63,6 @@ using HTTP_Query = std::vector<std::pair<std::string, std::string>>;
  * Takes a query string, without its "?", apart.
  * @return false, with @a query untouched, when an escape in it is broken
  */
-bool http_parse_query(std::string_view text, HTTP_Query& query);
+[[nodiscard]] bool http_parse_query(std::string_view text, HTTP_Query& query);
 
 #endif

@@ -32,7 +32,7 @@ public:
 
     /** The value; "" when there is no such field. Valid until the headers change. */
     std::string const& get(std::string_view name) const;
-    bool contains(std::string_view name) const;
+    [[nodiscard]] bool contains(std::string_view name) const;
     void remove(std::string_view name);
     void clear() { fields_.clear(); }
 

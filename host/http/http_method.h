@@ -24,6 +24,6 @@ char const* http_method_name(int method);
 int http_method_value(std::string_view name);
 
 /** True when doing it twice is as good as once (RFC 9110, 9.2.2): all but POST, PATCH, CONNECT. */
-bool http_method_idempotent(int method);
+[[nodiscard]] bool http_method_idempotent(int method);
 
 #endif

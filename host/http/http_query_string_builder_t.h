@@ -52,7 +52,7 @@ public:
 
 private:
     /** @return false when there was no key to write */
-    bool write_key(char const* key, bool encode, char const* prefix) {
+    [[nodiscard]] bool write_key(char const* key, bool encode, char const* prefix) {
         if (!key || !*key)
             return false;
         if (sep_)

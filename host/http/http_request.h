@@ -41,7 +41,7 @@ public:
      * nothing in it but visible ASCII without "#". A blank or a line break from an unchecked name
      * is found here, before it can end the request's first line.
      */
-    bool well_formed() const;
+    [[nodiscard]] bool well_formed() const;
 
     HTTP_Headers& headers() { return headers_; }
     HTTP_Headers const& headers() const { return headers_; }

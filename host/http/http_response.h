@@ -13,7 +13,7 @@ public:
     /** The status, 100 to 599; 0 when there was no whole answer, and then error() says why. */
     int status() const { return status_; }
     void status(int value) { status_ = value; }
-    bool ok() const { return status_ >= 200 && status_ < 300; }
+    [[nodiscard]] bool ok() const { return status_ >= 200 && status_ < 300; }
 
     HTTP_Headers& headers() { return headers_; }
     HTTP_Headers const& headers() const { return headers_; }

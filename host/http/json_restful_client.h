@@ -85,28 +85,31 @@ public:
      * Nothing is sent in plain while a key is pinned.
      * @return false, with nothing changed, for a text of another form
      */
-    bool pinned_key(std::string const& pin);
+    [[nodiscard]] bool pinned_key(std::string const& pin);
 
     /** The authorities that all clients without a ca_file() of their own trust from now on. */
     static void default_ca_file(std::string const& path);
     /** The key that @a host must have for all clients without a pinned_key() of their own. */
-    static bool default_pinned_key(std::string const& host, std::string const& pin);
+    [[nodiscard]] static bool default_pinned_key(std::string const& host, std::string const& pin);
 
-    bool get(HTTP_Request const& request, HTTP_Response& response, json_spirit::Value* result);
-    bool post(HTTP_Request const& request, json_spirit::Value const* body, HTTP_Response& response,
-              json_spirit::Value* result);
-    bool put(HTTP_Request const& request, json_spirit::Value const* body, HTTP_Response& response,
-             json_spirit::Value* result);
-    bool del(HTTP_Request const& request, HTTP_Response& response, json_spirit::Value* result);
+    [[nodiscard]] bool get(HTTP_Request const& request, HTTP_Response& response,
+                           json_spirit::Value* result);
+    [[nodiscard]] bool post(HTTP_Request const& request, json_spirit::Value const* body,
+                            HTTP_Response& response, json_spirit::Value* result);
+    [[nodiscard]] bool put(HTTP_Request const& request, json_spirit::Value const* body,
+                           HTTP_Response& response, json_spirit::Value* result);
+    [[nodiscard]] bool del(HTTP_Request const& request, HTTP_Response& response,
+                           json_spirit::Value* result);
 
 protected:
     /** Waits before a repetition. */
     virtual void pause_i(std::chrono::milliseconds duration);
 
 private:
-    bool send(int method, HTTP_Request const& request, json_spirit::Value const* body,
-              HTTP_Response& response, json_spirit::Value* result);
-    bool exchange(HTTP_Request const& request, std::string const* body, HTTP_Response& response);
+    [[nodiscard]] bool send(int method, HTTP_Request const& request, json_spirit::Value const* body,
+                            HTTP_Response& response, json_spirit::Value* result);
+    [[nodiscard]] bool exchange(HTTP_Request const& request, std::string const* body,
+                                HTTP_Response& response);
     HTTP_Transfer_Settings with_defaults() const;
 
     HTTP_Transfer_Settings settings_;

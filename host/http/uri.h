@@ -29,7 +29,7 @@ public:
      * @param error  on failure, what is wrong; may be null
      * @return false, with this object as it was, for any other text. Logs nothing.
      */
-    bool parse(std::string const& url, std::string* error);
+    [[nodiscard]] bool parse(std::string const& url, std::string* error);
 
     /** In lower case; "" for only a path. */
     std::string const& scheme() const { return scheme_; }

@@ -20,7 +20,7 @@ class ACE_Log_Msg_Callback;
  * @return true for an empty script and for exit status 0. False for any other end, and for a
  *         script that cannot be run, such as one with a NUL in it; an error line tells.
  */
-bool execute_script(std::string const& script, bool strict,
-                    std::shared_ptr<ACE_Log_Msg_Callback> log_callback);
+[[nodiscard]] bool execute_script(std::string const& script, bool strict,
+                                  std::shared_ptr<ACE_Log_Msg_Callback> log_callback);
 
 #endif

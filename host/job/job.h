@@ -98,7 +98,7 @@ public:
     /** What the last run's failure was, in words; "" without one. */
     std::string message() const;
     /** True while a run is on. */
-    bool running() const { return running_; }
+    [[nodiscard]] bool running() const { return running_; }
 
     Job_State state() const { return activity_->state; }
     /** Sets the state, on the job thread, and tells it. */
@@ -151,7 +151,7 @@ protected:
     virtual int update_i(Job_Definition_var definition);
     virtual int rollback_i();
     /** Whether an update may come in this state. Here: in every one that is no run's. */
-    virtual bool can_update_i(Job_State state);
+    [[nodiscard]] virtual bool can_update_i(Job_State state);
     virtual int setup_ondemand_i();
     /** The whole run, on its thread. */
     virtual int run_i(Action_Options const* options);

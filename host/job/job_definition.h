@@ -170,12 +170,12 @@ public:
     void pre_action(std::string value) { pre_action_ = std::move(value); }
     std::string const& post_action() const { return post_action_; }
     void post_action(std::string value) { post_action_ = std::move(value); }
-    bool ignore_pre_action_failure() const { return ignore_pre_action_failure_; }
+    [[nodiscard]] bool ignore_pre_action_failure() const { return ignore_pre_action_failure_; }
     void ignore_pre_action_failure(bool value) { ignore_pre_action_failure_ = value; }
-    bool ignore_post_action_failure() const { return ignore_post_action_failure_; }
+    [[nodiscard]] bool ignore_post_action_failure() const { return ignore_post_action_failure_; }
     void ignore_post_action_failure(bool value) { ignore_post_action_failure_ = value; }
     /** The post-action runs also when the work failed. */
-    bool run_post_action_always() const { return run_post_action_always_; }
+    [[nodiscard]] bool run_post_action_always() const { return run_post_action_always_; }
     void run_post_action_always(bool value) { run_post_action_always_ = value; }
 
 private:

@@ -35,9 +35,9 @@ enum Job_State : int {
 char const* job_state_to_string(Job_State state);
 
 /** True for the states that a job has only while a run of it is on. */
-bool is_run_state(Job_State state);
+[[nodiscard]] bool is_run_state(Job_State state);
 
 /** True for a run that was asked to end before its time: CANCELING, CANCELED or ABORTING. */
-bool is_cancel_state(Job_State state);
+[[nodiscard]] bool is_cancel_state(Job_State state);
 
 #endif

@@ -8,7 +8,7 @@
  * same for the same arguments on every host and for ever, since pools are laid out by it.
  * @return false, with @a result unchanged, for an empty @a resource_id
  */
-bool compute_minor_resource_id(std::string const& resource_id, std::string const& text,
-                               std::string& result);
+[[nodiscard]] bool compute_minor_resource_id(std::string const& resource_id,
+                                             std::string const& text, std::string& result);
 
 #endif

@@ -35,7 +35,7 @@ public:
         std::string owner; ///< of an INSTANCE the resource's id, else the host's uuid
     };
     /** @return false for a text that is not the name of a resource */
-    static bool parse(std::string const& name, Resource& resource);
+    [[nodiscard]] static bool parse(std::string const& name, Resource& resource);
 
     /** @param job  must outlive this object; the calling thread works for its run */
     Run_Hold(Job& job, std::set<std::string> resources);
@@ -48,9 +48,9 @@ public:
     explicit operator bool() const { return held_; }
 
 private:
-    bool wait();
-    bool ask(std::string& waiting_for);
-    bool sleep(std::chrono::milliseconds time) const;
+    [[nodiscard]] bool wait();
+    [[nodiscard]] bool ask(std::string& waiting_for);
+    [[nodiscard]] bool sleep(std::chrono::milliseconds time) const;
 
     Job& job_;
     std::set<std::string> const resources_;

@@ -33,7 +33,7 @@ public:
     Archive_Extractor(Archive_Extractor const&) = delete;
     Archive_Extractor& operator=(Archive_Extractor const&) = delete;
 
-    bool open();
+    [[nodiscard]] bool open();
 
     /**
      * Restores from one archive. A failure has been logged, with the place in the archive.
@@ -47,7 +47,7 @@ public:
                        std::string const& below);
 
     /** After the last archive: gives directories their times and modes. */
-    bool close();
+    [[nodiscard]] bool close();
 
 private:
     struct Free {
@@ -58,7 +58,7 @@ private:
 
     Error_Code walk(Source& source, Wanted& wanted);
     Error_Code extract_entry(Source& source, archive_entry* header, Catalogue_Entry const& entry);
-    bool matches(archive_entry* header, Catalogue_Entry const& entry) const;
+    [[nodiscard]] bool matches(archive_entry* header, Catalogue_Entry const& entry) const;
     Error_Code extract_content(Source& source, Catalogue_Entry const& entry,
                                std::string const& path);
     Error_Code write_blocks(Source& source, Catalogue_Entry const& entry, std::string const& path,

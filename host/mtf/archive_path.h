@@ -37,7 +37,7 @@ std::string default_uri(std::string const& host_uuid, std::string const& minor_r
 std::string entry_name(std::string_view path);
 
 /** True for what entry_name() gives: the only names that are written to archives and restored. */
-bool is_entry_name(std::string_view name);
+[[nodiscard]] bool is_entry_name(std::string_view name);
 
 /**
  * The order of entries in archives and catalogues: a directory, then all that is below it, then its
@@ -47,7 +47,7 @@ bool is_entry_name(std::string_view name);
 int compare_entry_names(std::string_view left, std::string_view right);
 
 /** True when @a name is @a folder or stands below it; "" is above all. */
-bool is_at_or_below(std::string_view name, std::string_view folder);
+[[nodiscard]] bool is_at_or_below(std::string_view name, std::string_view folder);
 
 } // namespace MTF
 

@@ -18,9 +18,9 @@ public:
     public:
         /** Drops what was not committed. */
         virtual ~Output() = default;
-        virtual bool write(void const* data, size_t size) = 0;
+        [[nodiscard]] virtual bool write(void const* data, size_t size) = 0;
         /** Makes the object appear, whole, in place of one of the same name. */
-        virtual bool commit() = 0;
+        [[nodiscard]] virtual bool commit() = 0;
     };
 
     /** One object being read, front to back. */
@@ -41,7 +41,7 @@ public:
     virtual std::unique_ptr<Input> open(std::string const& name, Presence& presence) = 0;
     virtual Presence look(std::string const& name) = 0;
     /** False when the object is still there; one that was not there is a success. */
-    virtual bool remove(std::string const& name) = 0;
+    [[nodiscard]] virtual bool remove(std::string const& name) = 0;
 
     /** What the last failure, also of an output or input, was. Holds no secrets. */
     std::string const& error() const { return error_; }

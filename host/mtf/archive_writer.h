@@ -36,7 +36,7 @@ public:
     Archive_Writer& operator=(Archive_Writer const&) = delete;
 
     /** @param level  of the compression: 0 and less for its default, at most 19 for zstd */
-    bool open(std::string const& name, Compression compression, int level);
+    [[nodiscard]] bool open(std::string const& name, Compression compression, int level);
 
     /**
      * Saves an item.
@@ -46,9 +46,9 @@ public:
     Result save(Source_Item const& item, std::string const& hard_link, Catalogue_Entry& entry);
 
     /** Ends the archive, not yet to be seen in the store. */
-    bool close();
+    [[nodiscard]] bool close();
     /** Makes the closed archive appear. */
-    bool commit();
+    [[nodiscard]] bool commit();
 
     /** What is in the store after close(). */
     Catalogue_Archive const& written() const { return written_; }
@@ -63,11 +63,12 @@ private:
     };
     static ssize_t write_to_store(archive*, void* self, void const* data, size_t size);
     Storage_Result store(void const* data, size_t size);
-    bool set_up_format();
+    [[nodiscard]] bool set_up_format();
 
-    bool open_source(Source_Item const& item, File_Descriptor& file, struct stat& status);
-    bool describe(Source_Item const& item, int fd, struct stat const& status,
-                  std::string const& hard_link, Catalogue_Entry& entry);
+    [[nodiscard]] bool open_source(Source_Item const& item, File_Descriptor& file,
+                                   struct stat& status);
+    [[nodiscard]] bool describe(Source_Item const& item, int fd, struct stat const& status,
+                                std::string const& hard_link, Catalogue_Entry& entry);
     Result write_header(Source_Item const& item);
     Result write_content(Source_Item const& item, int fd, struct stat const& before,
                          Catalogue_Entry& entry);

@@ -68,17 +68,17 @@ struct Catalogue_Summary {
 /** Writes a catalogue to a scratch file, and at last to its store. Logs nothing. */
 class Catalogue_Writer {
 public:
-    bool begin(int64_t seq, Metadata const& metadata);
-    bool add(Catalogue_Entry const& entry);
+    [[nodiscard]] bool begin(int64_t seq, Metadata const& metadata);
+    [[nodiscard]] bool add(Catalogue_Entry const& entry);
     /** @param archives  the archives of the entries; others are left out */
-    bool finish(Catalogue_Archives const& archives);
+    [[nodiscard]] bool finish(Catalogue_Archives const& archives);
     /** Copies the finished catalogue. */
-    bool copy_to(Archive_Store::Output& output);
+    [[nodiscard]] bool copy_to(Archive_Store::Output& output);
 
     uint64_t entries() const { return entries_; }
 
 private:
-    bool write_line(json_spirit::Object const& object);
+    [[nodiscard]] bool write_line(json_spirit::Object const& object);
 
     Scratch_File file_;
     Sha256 sha256_;
@@ -100,16 +100,17 @@ public:
     Catalogue_Summary const& summary() const { return summary_; }
 
     /** Goes back to the first entry. */
-    bool rewind();
+    [[nodiscard]] bool rewind();
     /** The next entry; nothing behind the last one. */
-    bool next(Catalogue_Entry& entry);
+    [[nodiscard]] bool next(Catalogue_Entry& entry);
 
 private:
-    bool copy_from(Archive_Store::Input& input, std::string& error);
-    bool check(std::string& error);
-    bool check_entries(std::string& line, std::string& error);
-    bool check_end(json_spirit::Object const& sum, std::string const& sha256, std::string& error);
-    bool read_line(std::string& line);
+    [[nodiscard]] bool copy_from(Archive_Store::Input& input, std::string& error);
+    [[nodiscard]] bool check(std::string& error);
+    [[nodiscard]] bool check_entries(std::string& line, std::string& error);
+    [[nodiscard]] bool check_end(json_spirit::Object const& sum, std::string const& sha256,
+                                 std::string& error);
+    [[nodiscard]] bool read_line(std::string& line);
 
     Scratch_File file_;
     Catalogue_Summary summary_;

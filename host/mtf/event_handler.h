@@ -48,7 +48,7 @@ public:
      * Asked before each entry and after each piece of its data: true ends the work soon. What was
      * written to the pool so far is dropped then; files restored so far stay.
      */
-    virtual bool canceling() { return false; }
+    [[nodiscard]] virtual bool canceling() { return false; }
     virtual void notify_event(Event const& event) { static_cast<void>(event); }
 
 private:

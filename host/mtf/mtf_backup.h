@@ -87,11 +87,11 @@ public:
      *         error_code() is E_END_WITH_SKIPPED_FILES. False when there is none; an error line has
      *         been logged, but for a cancel.
      */
-    bool backup(std::string const& uri);
+    [[nodiscard]] bool backup(std::string const& uri);
 
     /** The outcome of backup(). */
     MTF::Error_Code error_code() const { return error_code_; }
-    bool canceled() const { return canceled_; }
+    [[nodiscard]] bool canceled() const { return canceled_; }
     /** Entries and bytes of content that were saved into the archive. */
     uint64_t saved_entries() const { return saved_entries_; }
     uint64_t saved_bytes() const { return saved_bytes_; }

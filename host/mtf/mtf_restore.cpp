@@ -139,8 +139,8 @@ Error_Code MTF_Restore::restore_from(Archive_Store& store, std::string const& pa
         if (Error_Code const code = extractor.extract(*input, catalogue, seq, below); code != E_OK)
             return code;
     }
-    extractor.close();
+    bool const closed = extractor.close();
     if (report.entries() == 0)
         return report.failed(E_NO_FILES_RESTORED, "No files were restored");
-    return report.left_out() > 0 ? E_END_WITH_SKIPPED_FILES : E_OK;
+    return !closed || report.left_out() > 0 ? E_END_WITH_SKIPPED_FILES : E_OK;
 }

@@ -70,11 +70,11 @@ public:
      *         error_code() is E_END_WITH_SKIPPED_FILES. False, with an error line but for a cancel,
      *         in all other cases.
      */
-    bool restore(std::string const& path);
+    [[nodiscard]] bool restore(std::string const& path);
 
     /** The outcome of restore(). */
     MTF::Error_Code error_code() const { return error_code_; }
-    bool canceled() const { return canceled_; }
+    [[nodiscard]] bool canceled() const { return canceled_; }
     /** What the backup said about itself; empty before the catalogue was read. */
     MTF::Metadata const& metadata() const { return metadata_; }
     uint64_t restored_entries() const { return restored_entries_; }

@@ -32,7 +32,7 @@ public:
     std::unique_ptr<Output> create(std::string const& name) override;
     std::unique_ptr<Input> open(std::string const& name, Presence& presence) override;
     Presence look(std::string const& name) override;
-    bool remove(std::string const& name) override;
+    [[nodiscard]] bool remove(std::string const& name) override;
 
 private:
     class Pool_Output;

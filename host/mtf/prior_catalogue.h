@@ -25,7 +25,7 @@ public:
      * @return false, with a line that says why, when there is none or it is no use: then find()
      *         finds nothing
      */
-    bool open(std::string const& name);
+    [[nodiscard]] bool open(std::string const& name);
 
     /** The entry of a name, when its archive is still there; null for none. */
     Catalogue_Entry const* find(std::string const& name);
@@ -33,7 +33,7 @@ public:
     Catalogue_Archives const& archives() const { return reader_.summary().archives; }
 
 private:
-    bool has_archive(int64_t seq);
+    [[nodiscard]] bool has_archive(int64_t seq);
 
     Archive_Store& store_;
     std::function<std::string(int64_t)> const path_of_;

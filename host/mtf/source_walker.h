@@ -22,7 +22,9 @@ struct Source_Item {
     std::optional<uid_t> owner = std::nullopt; ///< whose it has to be; anybody's without a value
 
     /** True where the item, by what an open descriptor says, may be read. */
-    bool may_be_read(struct stat const& opened) const { return !owner || opened.st_uid == *owner; }
+    [[nodiscard]] bool may_be_read(struct stat const& opened) const {
+        return !owner || opened.st_uid == *owner;
+    }
     /**
      * Opens a regular file or a directory for reading, in the very directory where it was found, so
      * that nobody who swaps a directory for a link meanwhile can lead the reader elsewhere. Never
@@ -32,7 +34,7 @@ struct Source_Item {
      */
     File_Descriptor open() const;
     /** The text of a symbolic link. @return false, with errno set */
-    bool read_link(std::string& text) const;
+    [[nodiscard]] bool read_link(std::string& text) const;
 };
 
 /** Who is shown the items. */
@@ -56,7 +58,7 @@ public:
  * @return false, with @a sources unchanged and the offender in @a bad, when one is not absolute, is
  *         the root, or has ".." in it
  */
-bool normalize_sources(std::vector<std::string>& sources, std::string& bad);
+[[nodiscard]] bool normalize_sources(std::vector<std::string>& sources, std::string& bad);
 
 /**
  * Shows a source and all that is below it, in the order of compare_entry_names(). A source that is
@@ -65,8 +67,8 @@ bool normalize_sources(std::vector<std::string>& sources, std::string& bad);
  *               told as unreadable, with EPERM: the sources lie where that user can put anything
  * @return false when the visitor ended the walk
  */
-bool walk_source(std::string const& source, Source_Visitor& visitor,
-                 std::optional<uid_t> owner = std::nullopt);
+[[nodiscard]] bool walk_source(std::string const& source, Source_Visitor& visitor,
+                               std::optional<uid_t> owner = std::nullopt);
 
 } // namespace MTF
 

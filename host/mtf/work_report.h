@@ -15,9 +15,9 @@ public:
 
     void begin();
     /** True once the handler has asked for the end; from then on it is not asked again. */
-    bool canceled();
+    [[nodiscard]] bool canceled();
     /** Whether it has, without asking. */
-    bool was_canceled() const { return canceled_; }
+    [[nodiscard]] bool was_canceled() const { return canceled_; }
     /** Some content of the entry in hand was done. */
     void add_bytes(std::string const& path, uint64_t bytes);
     void add_entry(std::string const& path);

@@ -210,7 +210,7 @@ void ACE_Process_Ex::end_now(ACE_Time_Value const& term_timeout) {
     if (wait(&term_timeout))
         return;
     kill(SIGKILL);
-    wait();
+    (void)wait();
 }
 
 ssize_t ACE_Process_Ex::write_stdin(iovec const* texts, int count) {

@@ -72,10 +72,10 @@ public:
      * It reads no pipe: a child that writes more than a pipe holds waits for its reader.
      * @return true when it has ended, or none is running; end() tells how. False at the limit.
      */
-    bool wait(ACE_Time_Value const* timeout = nullptr);
+    [[nodiscard]] bool wait(ACE_Time_Value const* timeout = nullptr);
 
     /** True from spawn() until wait() has seen the end. */
-    bool running() const { return end_.kind == Child_End::RUNNING; }
+    [[nodiscard]] bool running() const { return end_.kind == Child_End::RUNNING; }
     /** How the last child ended. */
     Child_End const& end() const { return end_; }
     /** The process id of the last child; -1 before there was one. */
@@ -126,7 +126,7 @@ public:
     /** The user that the last child was started as. */
     uid_t user() const { return user_; }
     /** True when the last child has a process group of its own. */
-    bool leads_group() const { return leads_group_; }
+    [[nodiscard]] bool leads_group() const { return leads_group_; }
     /** The name in log lines. */
     char const* label() const { return shown_label_.c_str(); }
     std::shared_ptr<ACE_Log_Msg_Callback> const& callback() const { return callback_; }
@@ -135,9 +135,9 @@ public:
 
 private:
     pid_t spawn_i(ACE_Process_Options& options);
-    bool make_pipes(Child_Setup& setup, File_Descriptor (&child_ends)[3]);
+    [[nodiscard]] bool make_pipes(Child_Setup& setup, File_Descriptor (&child_ends)[3]);
     pid_t fail(std::string const& reason, int error);
-    bool reap(int wait_options);
+    [[nodiscard]] bool reap(int wait_options);
     void close_pipes();
 
     unsigned int flags_;

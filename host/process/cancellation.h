@@ -23,7 +23,7 @@ public:
     char const* reason() const { return reason_; }
     /** Idempotent. */
     void cancel();
-    bool cancelled() const;
+    [[nodiscard]] bool cancelled() const;
     /** Readable once it is cancelled, for poll(); -1 when there is no descriptor left. */
     int handle() const;
 

@@ -21,7 +21,7 @@ struct Child_End {
     std::string reason;
 
     /** Nothing but an exit with 0 is a success. */
-    bool success() const { return kind == EXITED && code == 0; }
+    [[nodiscard]] bool success() const { return kind == EXITED && code == 0; }
     /** The exit status; -1 for every other end, so that 0 is a success and nothing else. */
     int status() const { return kind == EXITED ? code : -1; }
     /** As a part of a sentence: "exited with status 3", "was ended by signal 9 (Killed)". */

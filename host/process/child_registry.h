@@ -24,7 +24,7 @@ public:
      */
     pid_t start(std::function<pid_t()> const& start, bool leads_group);
     /** Calls @a reap, which returns true when it has waited for the child, and forgets it then. */
-    bool reap(pid_t pid, std::function<bool()> const& reap);
+    [[nodiscard]] bool reap(pid_t pid, std::function<bool()> const& reap);
     /** Waits for the child some time, whenever another one is started: it cannot be killed now. */
     void abandon(pid_t pid);
 

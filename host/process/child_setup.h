@@ -25,7 +25,7 @@ public:
      * @return false with reason() set, for anything that would start another program than was
      * meant.
      */
-    bool prepare(ACE_Process_Options& options);
+    [[nodiscard]] bool prepare(ACE_Process_Options& options);
 
     /** Why start_child() has failed, with the names that the plan has for it. */
     void explain_failed_start();
@@ -38,12 +38,12 @@ public:
     Child_Plan plan;
 
 private:
-    bool prepare_command(ACE_Process_Options& options);
-    bool prepare_environment(ACE_Process_Options& options);
+    [[nodiscard]] bool prepare_command(ACE_Process_Options& options);
+    [[nodiscard]] bool prepare_environment(ACE_Process_Options& options);
     void prepare_candidates();
-    bool prepare_user(ACE_Process_Options const& options);
-    bool prepare_groups(uid_t uid, gid_t gid);
-    bool fail(std::string reason, int error);
+    [[nodiscard]] bool prepare_user(ACE_Process_Options const& options);
+    [[nodiscard]] bool prepare_groups(uid_t uid, gid_t gid);
+    [[nodiscard]] bool fail(std::string reason, int error);
     std::string describe_user() const;
     std::string describe_failed_exec() const;
 

@@ -20,7 +20,8 @@
  * @return false for a quote without its end, a backslash at the very end, and a NUL, which no
  *         argument of a program can hold
  */
-bool split_command_line(std::string_view line, std::vector<std::string>& words, std::string& error);
+[[nodiscard]] bool split_command_line(std::string_view line, std::vector<std::string>& words,
+                                      std::string& error);
 
 /** A text as one word of a command line: what split_command_line() gives back for it is @a word. */
 std::string quote_word(std::string_view word);

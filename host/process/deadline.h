@@ -24,8 +24,8 @@ public:
             *this = Deadline(*after);
     }
 
-    bool passed() const { return limited() && clock::now() >= at_; }
-    bool limited() const { return at_ != clock::time_point::max(); }
+    [[nodiscard]] bool passed() const { return limited() && clock::now() >= at_; }
+    [[nodiscard]] bool limited() const { return at_ != clock::time_point::max(); }
     /** What is left, for poll(): milliseconds rounded up, 0 when it has passed, -1 for no limit. */
     int poll_timeout() const {
         if (!limited())

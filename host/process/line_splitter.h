@@ -42,7 +42,7 @@ public:
     }
 
     /** True once a line was handed on in pieces. */
-    bool has_cut() const { return has_cut_; }
+    [[nodiscard]] bool has_cut() const { return has_cut_; }
 
 private:
     static size_t remaining(char const* begin, char const* end) {

@@ -19,7 +19,7 @@
  *         Of a buffer of 1024 bytes a text may take 1022: one more fills the buffer, and spawn()
  *         takes such a line for one that ACE has cut.
  */
-bool set_command_line(ACE_Process_Options& options, char const* format, ...)
+[[nodiscard]] bool set_command_line(ACE_Process_Options& options, char const* format, ...)
     __attribute__((format(printf, 2, 3)));
 
 /**
@@ -28,7 +28,7 @@ bool set_command_line(ACE_Process_Options& options, char const* format, ...)
  * @return false when the user is null, "" or unknown, or cannot be looked up. The options are
  *         refused until a later call names a user that is known.
  */
-bool set_process_user(ACE_Process_Options& options, char const* user);
+[[nodiscard]] bool set_process_user(ACE_Process_Options& options, char const* user);
 
 /**
  * Sets one environment variable of the child, any text taken as it stands. A later setting of the
@@ -36,7 +36,8 @@ bool set_process_user(ACE_Process_Options& options, char const* user);
  * @return false when the name is null, "" or has a "=", the value is null, or the options' buffer
  *         has no room left. The options are refused from then on.
  */
-bool set_process_env(ACE_Process_Options& options, char const* name, char const* value);
+[[nodiscard]] bool set_process_env(ACE_Process_Options& options, char const* name,
+                                   char const* value);
 
 /**
  * Sets one environment variable that another user decides, such as a line of that user's profile.
@@ -45,7 +46,8 @@ bool set_process_env(ACE_Process_Options& options, char const* name, char const*
  * @return false when the name is empty, the value is null, or the options' buffer has no room left.
  *         The options are refused from then on.
  */
-bool set_foreign_env(ACE_Process_Options& options, std::string const& name, char const* value);
+[[nodiscard]] bool set_foreign_env(ACE_Process_Options& options, std::string const& name,
+                                   char const* value);
 
 /** Why the functions above have left @a options to be refused; null when they have not. */
 char const* refusal_of(ACE_Process_Options const& options);

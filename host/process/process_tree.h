@@ -23,7 +23,7 @@ struct User_Programs {
  * after @a grace_seconds. Whose children they are does not matter. Programs of root are left alone.
  * @return false when some were still running two seconds after SIGKILL
  */
-bool end_programs(User_Programs const& programs, time_t grace_seconds);
+[[nodiscard]] bool end_programs(User_Programs const& programs, time_t grace_seconds);
 
 /**
  * The processes that a child of this process has brought into being, to be ended with it. A process
@@ -52,14 +52,14 @@ public:
     /** Sends a signal to all that were added, without the root. */
     void kill(int signal = SIGKILL);
     /** True when all that were added have ended, and have let go of their files. */
-    bool has_ended();
+    [[nodiscard]] bool has_ended();
     /** Waits for that, up to a limit. @return false at the limit */
-    bool await_end(time_t seconds);
+    [[nodiscard]] bool await_end(time_t seconds);
 
 private:
     static constexpr pid_t NO_ROOT = -1;
 
-    bool add(pid_t pid);
+    [[nodiscard]] bool add(pid_t pid);
     void forget_ended();
 
     pid_t const root_;

@@ -282,7 +282,7 @@ int Text_Process_Handler::terminate(ACE_Time_Value const& timeout,
     QMRT_LOG(LM_WARNING, "%s (pid %d) has not ended on SIGTERM and is killed\n", process_->label(),
              process_->getpid());
     process_->kill(SIGKILL);
-    follow(Deadline());
+    (void)follow(Deadline());
     return finish();
 }
 
@@ -336,7 +336,7 @@ void Text_Process_Handler::follow_once(Deadline const& limit, bool until_writabl
         ACE_Time_Value left;
         if (limit.limited())
             left = limit.left();
-        process_->wait(limit.limited() ? &left : nullptr);
+        (void)process_->wait(limit.limited() ? &left : nullptr);
         return;
     }
     // poll() passes over an entry without a descriptor

@@ -123,7 +123,7 @@ public:
     /** How the last run ended. */
     Child_End const& end() const { return end_; }
     /** True from spawn() until the run is over. */
-    bool running() const { return process_ != nullptr; }
+    [[nodiscard]] bool running() const { return process_ != nullptr; }
     /**
      * The last lines of the last run's stderr, or of its whole output when both streams go into one
      * pipe, for the message of a failure: at most ten, joined by "\n", as UTF-8.
@@ -165,14 +165,16 @@ private:
     pid_t spawn_i(ACE_Process_Ex* process, ACE_Process_Options& options);
     void begin_run();
     std::string find_fault() const;
-    bool is_cancelled() const;
+    [[nodiscard]] bool is_cancelled() const;
     void hold_to_bounds();
     void stop_tool(std::string const& fault);
     void kill_tool();
     void kill_holders();
-    bool has_run();
-    bool is_over() const { return !process_->running() && !stdout_.open && !stderr_.open; }
-    bool follow(Deadline const& limit);
+    [[nodiscard]] bool has_run();
+    [[nodiscard]] bool is_over() const {
+        return !process_->running() && !stdout_.open && !stderr_.open;
+    }
+    [[nodiscard]] bool follow(Deadline const& limit);
     void follow_once(Deadline const& limit, bool until_writable);
     Deadline next_look(Deadline const& limit) const;
     void look_for_end();

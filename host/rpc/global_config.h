@@ -21,7 +21,7 @@ public:
     int64_t get_int(std::string const& key, int64_t fallback) const;
     /** True for "true", "yes", "on" and "1", false for "false", "no", "off" and "0", else @a
      * fallback. */
-    bool get_bool(std::string const& key, bool fallback) const;
+    [[nodiscard]] bool get_bool(std::string const& key, bool fallback) const;
 
     void set(std::string const& key, std::string const& value);
     void remove(std::string const& key);

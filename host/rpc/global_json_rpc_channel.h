@@ -15,8 +15,8 @@ public:
 
 protected:
     int send_i(JSON_RPC_Object const& object) override;
-    bool request_i(JSON_RPC_Request const& request, std::chrono::milliseconds timeout,
-                   JSON_RPC_Reply& reply) override;
+    [[nodiscard]] bool request_i(JSON_RPC_Request const& request, std::chrono::milliseconds timeout,
+                                 JSON_RPC_Reply& reply) override;
 
 private:
     Global_JSON_RPC_Channel() = default;

@@ -49,11 +49,11 @@ public:
      * @param reply    the result; when false, the error of the peer or of the way to it
      * @return true when the peer replied with a result. Logs nothing about the reply.
      */
-    bool request(JSON_RPC_Request const& request, std::chrono::milliseconds timeout,
-                 JSON_RPC_Reply& reply);
+    [[nodiscard]] bool request(JSON_RPC_Request const& request, std::chrono::milliseconds timeout,
+                               JSON_RPC_Reply& reply);
 
     /** Hands in a response that came. @return false when nobody waits for it */
-    bool handle_reply(JSON_RPC_Object const& object);
+    [[nodiscard]] bool handle_reply(JSON_RPC_Object const& object);
 
     /** Ends every wait in request(), now and from now on, with JSON_RPC_UNREACHABLE. */
     void peer_gone();
@@ -66,8 +66,8 @@ protected:
     virtual int send_i(JSON_RPC_Object const& object) = 0;
 
     /** What request() does; a channel whose transport has replies of its own overrides it. */
-    virtual bool request_i(JSON_RPC_Request const& request, std::chrono::milliseconds timeout,
-                           JSON_RPC_Reply& reply);
+    [[nodiscard]] virtual bool request_i(JSON_RPC_Request const& request,
+                                         std::chrono::milliseconds timeout, JSON_RPC_Reply& reply);
 
 private:
     struct Waiter {

@@ -12,9 +12,9 @@
  * @param type    of the result that is wanted; null_type for any
  * @return true for a result of that type; otherwise false, with one LM_ERROR line
  */
-bool json_rpc_forward(char const* method, json_spirit::Value const& params,
-                      std::string const& host_uuid, json_spirit::Value* result,
-                      json_spirit::Value_type type);
+[[nodiscard]] bool json_rpc_forward(char const* method, json_spirit::Value const& params,
+                                    std::string const& host_uuid, json_spirit::Value* result,
+                                    json_spirit::Value_type type);
 
 /**
  * Calls a JSON-RPC method of the backup server itself and waits for the reply.
@@ -25,7 +25,8 @@ bool json_rpc_forward(char const* method, json_spirit::Value const& params,
  * @param answer_seconds  how long to wait for the reply; -1 leaves it to the back end
  * @return true for a result of that type; otherwise false, with one LM_ERROR line
  */
-bool global_json_rpc(char const* method, json_spirit::Value const& params, int retry_seconds,
-                     json_spirit::Value& result, json_spirit::Value_type type, int answer_seconds);
+[[nodiscard]] bool global_json_rpc(char const* method, json_spirit::Value const& params,
+                                   int retry_seconds, json_spirit::Value& result,
+                                   json_spirit::Value_type type, int answer_seconds);
 
 #endif

@@ -16,8 +16,8 @@ public:
      * @return false, with an error line, for no method, for params of another kind, or when memory
      * is out
      */
-    static bool make_rpc_request(char const* method, json_spirit::Value const& params,
-                                 JSON_RPC_Object_var& object);
+    [[nodiscard]] static bool make_rpc_request(char const* method, json_spirit::Value const& params,
+                                               JSON_RPC_Object_var& object);
 
     /**
      * Sends the method and the params of a request, or a notification as it is, as a notification:
@@ -31,8 +31,8 @@ public:
      * @return true for a result; false, with the reply's code and message, for anything else. An
      *         object that is no request, or no channel, is logged as well.
      */
-    bool request(JSON_RPC_Object_var const& object, std::chrono::milliseconds timeout,
-                 JSON_RPC_Reply& reply);
+    [[nodiscard]] bool request(JSON_RPC_Object_var const& object, std::chrono::milliseconds timeout,
+                               JSON_RPC_Reply& reply);
 
 private:
     JSON_RPC_Channel* channel_;

@@ -55,7 +55,7 @@ private:
     };
 
     char const* enqueue(Job const& job);
-    bool have_a_thread_for_the_last();
+    [[nodiscard]] bool have_a_thread_for_the_last();
     void work();
     void close();
 

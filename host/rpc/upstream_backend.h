@@ -32,31 +32,31 @@ public:
      *                  be null.
      * @return true for a status of 200 to 299
      */
-    virtual bool rest(HTTP_Request const& request, json_spirit::Value const* body,
-                      HTTP_Response& response, json_spirit::Value* result) = 0;
+    [[nodiscard]] virtual bool rest(HTTP_Request const& request, json_spirit::Value const* body,
+                                    HTTP_Response& response, json_spirit::Value* result) = 0;
 
     /**
      * Calls a JSON-RPC method of the server.
      * @param reply  the result; when false the server's error, or JSON_RPC_UNREACHABLE or
      *               JSON_RPC_TIMEOUT with a message that says why
      */
-    virtual bool call(std::string const& method, json_spirit::Value const& params,
-                      Limits const& limits, JSON_RPC_Reply& reply) = 0;
+    [[nodiscard]] virtual bool call(std::string const& method, json_spirit::Value const& params,
+                                    Limits const& limits, JSON_RPC_Reply& reply) = 0;
 
     /**
      * Calls a JSON-RPC method of another agent. An agent that is not known or does not answer is
      * JSON_RPC_UNREACHABLE.
      */
-    virtual bool forward(std::string const& host_uuid, std::string const& method,
-                         json_spirit::Value const& params, JSON_RPC_Reply& reply) = 0;
+    [[nodiscard]] virtual bool forward(std::string const& host_uuid, std::string const& method,
+                                       json_spirit::Value const& params, JSON_RPC_Reply& reply) = 0;
 
     /**
      * Notifies the server and waits for no reply.
      * @param error  when false, why it could not be sent
      * @return true when it is on its way
      */
-    virtual bool notify(std::string const& method, json_spirit::Value const& params,
-                        std::string& error) = 0;
+    [[nodiscard]] virtual bool notify(std::string const& method, json_spirit::Value const& params,
+                                      std::string& error) = 0;
 };
 
 #endif

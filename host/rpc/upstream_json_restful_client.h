@@ -17,17 +17,19 @@ public:
     /** Never null, never destroyed. */
     static Upstream_JSON_RESTful_Client* instance();
 
-    bool get(HTTP_Request const& request, HTTP_Response& response, json_spirit::Value* result);
-    bool post(HTTP_Request const& request, json_spirit::Value const* body, HTTP_Response& response,
-              json_spirit::Value* result);
-    bool put(HTTP_Request const& request, json_spirit::Value const* body, HTTP_Response& response,
-             json_spirit::Value* result);
-    bool del(HTTP_Request const& request, HTTP_Response& response, json_spirit::Value* result);
+    [[nodiscard]] bool get(HTTP_Request const& request, HTTP_Response& response,
+                           json_spirit::Value* result);
+    [[nodiscard]] bool post(HTTP_Request const& request, json_spirit::Value const* body,
+                            HTTP_Response& response, json_spirit::Value* result);
+    [[nodiscard]] bool put(HTTP_Request const& request, json_spirit::Value const* body,
+                           HTTP_Response& response, json_spirit::Value* result);
+    [[nodiscard]] bool del(HTTP_Request const& request, HTTP_Response& response,
+                           json_spirit::Value* result);
 
 private:
     Upstream_JSON_RESTful_Client() = default;
-    bool send(int method, HTTP_Request const& request, json_spirit::Value const* body,
-              HTTP_Response& response, json_spirit::Value* result);
+    [[nodiscard]] bool send(int method, HTTP_Request const& request, json_spirit::Value const* body,
+                            HTTP_Response& response, json_spirit::Value* result);
 };
 
 #endif

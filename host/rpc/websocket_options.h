@@ -14,7 +14,7 @@ public:
 
     std::string host() const;
     unsigned short port() const;
-    bool ssl() const;
+    [[nodiscard]] bool ssl() const;
 
     /** The agent sets them at start, all in one step. */
     void set(std::string const& host, unsigned short port, bool ssl);

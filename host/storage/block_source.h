@@ -18,7 +18,7 @@ struct Block {
     size_t size = 0;
 
     /** Makes room for @a wanted bytes; false when memory is short. */
-    bool reserve(size_t wanted);
+    [[nodiscard]] bool reserve(size_t wanted);
 };
 
 /** Where a transfer reads from, front to back. For one thread at a time. */
@@ -91,7 +91,7 @@ public:
     ~Read_Ahead() override;
 
     /** False when no thread could be made. */
-    bool start();
+    [[nodiscard]] bool start();
     Storage_Result next(Block& block) override;
 
 private:

@@ -35,39 +35,42 @@ public:
      * Connects to a folder of a pool, in place of an earlier connection. The folder need not be
      * there, the pool must: see Storage_Backend::connect().
      */
-    bool connect(char const* uri, Options const& options);
-    bool connected() const { return connection_ != nullptr; }
+    [[nodiscard]] bool connect(char const* uri, Options const& options);
+    [[nodiscard]] bool connected() const { return connection_ != nullptr; }
 
     /** Reads a whole object; @a contents is unchanged on a failure. */
-    bool get_contents(char const* name, std::string& contents, uint64_t max_size = MAX_CONTENTS);
+    [[nodiscard]] bool get_contents(char const* name, std::string& contents,
+                                    uint64_t max_size = MAX_CONTENTS);
     /** Writes a whole object. @param replace  false: one that is there is an EXISTS failure */
-    bool put_contents(char const* name, std::string_view contents, bool replace = true);
+    [[nodiscard]] bool put_contents(char const* name, std::string_view contents,
+                                    bool replace = true);
 
     /**
      * Reads an object into a local file, which appears whole, synced and verified or not at all.
      * @param flags        as of open(2), 0x80241 for one: see Local_File::open()
      * @param buffer_size  the least to read at a time; the transfer may choose more
      */
-    bool get_file(char const* name, char const* local, int flags, size_t buffer_size,
-                  Progress const& progress = nullptr);
+    [[nodiscard]] bool get_file(char const* name, char const* local, int flags, size_t buffer_size,
+                                Progress const& progress = nullptr);
     /**
      * Writes a local file into an object. A file that becomes shorter meanwhile is a failure; what
      * is appended meanwhile is not in the object.
      * @param flags  as of open(2), 0x80000 for one, to open the file for reading
      */
-    bool put_file(char const* local, char const* name, bool replace, int flags, size_t buffer_size,
-                  Progress const& progress = nullptr);
+    [[nodiscard]] bool put_file(char const* local, char const* name, bool replace, int flags,
+                                size_t buffer_size, Progress const& progress = nullptr);
 
     /** Reads up to @a size bytes of an object's content from @a offset. */
-    bool get_range(char const* name, uint64_t offset, size_t size, std::string& contents);
+    [[nodiscard]] bool get_range(char const* name, uint64_t offset, size_t size,
+                                 std::string& contents);
 
-    bool remove(char const* name);
+    [[nodiscard]] bool remove(char const* name);
     /** @param entry  sizes are those in the pool, see content_size() */
-    bool stat(char const* name, Storage_Entry& entry);
+    [[nodiscard]] bool stat(char const* name, Storage_Entry& entry);
     /** @param folder  null or "" for the connection's own */
-    bool list(char const* folder, std::vector<Storage_Entry>& entries);
+    [[nodiscard]] bool list(char const* folder, std::vector<Storage_Entry>& entries);
     /** The size of an object's content. May have to read all of a zstd object of somebody else. */
-    bool content_size(char const* name, uint64_t& size);
+    [[nodiscard]] bool content_size(char const* name, uint64_t& size);
 
     Options const& options() const { return options_; }
 
@@ -75,7 +78,7 @@ private:
     using Sink = Codec_Sink;
 
     /** Runs an operation on the connection, again on new ones as long as the options say. */
-    bool run(std::function<Storage_Result()> const& operation);
+    [[nodiscard]] bool run(std::function<Storage_Result()> const& operation);
     Storage_Result make_connection();
 
     /** Feeds all of a source through a codec. */
@@ -94,7 +97,9 @@ private:
     /** The gate of a transfer's source: a limiter that can be told to give up waiting. */
     Block_Gate source_gate(std::atomic<bool> const& stop, Progress const& progress);
     /** True unless the caller of a transfer wants it to end. */
-    bool go_on(Progress const& progress) const { return !progress || progress(original_size_); }
+    [[nodiscard]] bool go_on(Progress const& progress) const {
+        return !progress || progress(original_size_);
+    }
     size_t block_size(size_t wanted) const;
 
     Options options_;

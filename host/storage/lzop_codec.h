@@ -20,7 +20,7 @@ std::unique_ptr<Codec> make_lzop_encoder(int level, uint64_t size);
 std::unique_ptr<Codec> make_lzop_decoder();
 
 /** True when an object begins with our header, or with most of it. */
-bool has_lzop_mark(void const* begin, size_t size);
+[[nodiscard]] bool has_lzop_mark(void const* begin, size_t size);
 
 /** See quick_original_size(); reads the blocks' heads. */
 Storage_Result quick_lzop_size(Storage_Reader& object, uint64_t& size);

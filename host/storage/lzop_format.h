@@ -36,7 +36,7 @@ struct Block_Head {
     uint32_t adler = 0, crc = 0, packed_adler = 0, packed_crc = 0;
     size_t length = 0; ///< bytes of this head
 
-    bool stored() const { return packed_size == size; }
+    [[nodiscard]] bool stored() const { return packed_size == size; }
 };
 
 Storage_Result damaged(char const* why);

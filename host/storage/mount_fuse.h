@@ -32,13 +32,13 @@ public:
      * How what is written gets compressed; COMPR_AUTO is as COMPR_NONE. By default it is not.
      * @return false, with nothing changed, for a value that is no method
      */
-    bool compression_method(Compression_Method method, int level);
+    [[nodiscard]] bool compression_method(Compression_Method method, int level);
     /**
      * How the objects are encrypted. The key and the initial vector are copied.
      * @return false, with nothing changed, for an encryption that clients cannot carry out
      */
-    bool encryption_method(Encryption_Method method, void const* key, size_t key_size,
-                           void const* iv, size_t iv_size);
+    [[nodiscard]] bool encryption_method(Encryption_Method method, void const* key, size_t key_size,
+                                         void const* iv, size_t iv_size);
     void read_mode(Mount_Read_Mode mode) { read_mode_ = mode; }
     /** For how many seconds a pool that cannot be reached is asked again. */
     void retry_timeout(uint64_t seconds) { retry_timeout_ = seconds; }
@@ -63,9 +63,9 @@ public:
      * @param callback  gets the lines of the file system's threads too; may be null
      * @return false after an error line, with nothing mounted; also when something is mounted
      */
-    bool mount(char const* source, char const* mount_point,
-               std::shared_ptr<ACE_Log_Msg_Callback> callback);
-    bool mounted() const { return session_ != nullptr; }
+    [[nodiscard]] bool mount(char const* source, char const* mount_point,
+                             std::shared_ptr<ACE_Log_Msg_Callback> callback);
+    [[nodiscard]] bool mounted() const { return session_ != nullptr; }
     /**
      * Unmounts, also what is in use: programs that have files open get errors from then on. What
      * they have written is stored, with a warning line. Without effect when nothing is mounted.
@@ -75,8 +75,9 @@ public:
 private:
     struct Session;
 
-    bool connect(std::string const& source, std::shared_ptr<Storage_Connection>& connection);
-    bool find_user(uid_t& uid, gid_t& gid) const;
+    [[nodiscard]] bool connect(std::string const& source,
+                               std::shared_ptr<Storage_Connection>& connection);
+    [[nodiscard]] bool find_user(uid_t& uid, gid_t& gid) const;
 
     Compression_Method compression_ = COMPR_NONE;
     int compression_level_ = 0;

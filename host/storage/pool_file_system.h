@@ -108,7 +108,7 @@ private:
     std::shared_ptr<Writing> writing_at(std::string const& path);
     std::shared_ptr<Handle> handle_of(uint64_t number);
     uint64_t keep(std::shared_ptr<Handle> handle);
-    bool is_made_folder(std::string const& path);
+    [[nodiscard]] bool is_made_folder(std::string const& path);
 
     int open_to_read(std::string const& path, Handle& handle);
     int open_to_write(std::string const& path, int flags, Handle& handle);

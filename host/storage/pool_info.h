@@ -43,9 +43,9 @@ public:
  * @param clock        by which it waits between two attempts
  * @return false, with @a info unchanged, after an error line
  */
-bool get_pool_info(std::string const& pool_uuid, char const* device_uuid, Pool_Info& info,
-                   bool for_restore, uint64_t max_seconds_retry,
-                   Storage_Clock& clock = Storage_Clock::system());
+[[nodiscard]] bool get_pool_info(std::string const& pool_uuid, char const* device_uuid,
+                                 Pool_Info& info, bool for_restore, uint64_t max_seconds_retry,
+                                 Storage_Clock& clock = Storage_Clock::system());
 
 /**
  * Takes over what every client of a pool needs: its encryption, and its URL, so that nothing is
@@ -53,7 +53,7 @@ bool get_pool_info(std::string const& pool_uuid, char const* device_uuid, Pool_I
  * @return false, with the options unchanged and nothing logged, for an encryption that has no key
  *         or initial vector, or that clients do not offer
  */
-bool set_options_by_pool(Client_IO_Base::Options& options, Pool_Info const& info);
+[[nodiscard]] bool set_options_by_pool(Client_IO_Base::Options& options, Pool_Info const& info);
 
 /** Tells the back end that objects are written once and read once, front to back. */
 void set_d2t_access_mode(Client_IO_Base::Options& options);

@@ -21,10 +21,10 @@ struct Rate_Control_Entry {
     int end = 0;                   ///< first minute behind, up to 1440; same as begin: whole day
 
     /** True when the entry holds at a minute of the local day; a window may run over midnight. */
-    bool applies(int minute_of_day) const;
+    [[nodiscard]] bool applies(int minute_of_day) const;
     std::string to_string() const;
     /** @return false, with @a entry unchanged, for any text but the two forms above. */
-    static bool from_string(std::string_view text, Rate_Control_Entry& entry);
+    [[nodiscard]] static bool from_string(std::string_view text, Rate_Control_Entry& entry);
 };
 
 /** Limits in the order in which they are asked: the first that applies counts. */
@@ -38,7 +38,8 @@ std::string rate_entries_to_string(Rate_Control_Entries const& entries, char sep
 
 /** Reads such a text. @return false, with @a entries unchanged, when one of the texts is not valid.
  */
-bool rate_entries_from_string(std::string_view text, char separator, Rate_Control_Entries& entries);
+[[nodiscard]] bool rate_entries_from_string(std::string_view text, char separator,
+                                            Rate_Control_Entries& entries);
 
 /**
  * The limits of a job: on what is read from the source of a transfer and on what is written to its
@@ -64,7 +65,7 @@ public:
      * Reads what to_string_in_object wrote. A key that is not there gives an empty list.
      * @return false, with the limits unchanged, when a value is no text or not valid; logs nothing.
      */
-    bool from_string_in_object(json_spirit::Object const& object, char separator);
+    [[nodiscard]] bool from_string_in_object(json_spirit::Object const& object, char separator);
 
     /**
      * Divides every limit by the number of channels that share it, to no less than one byte a

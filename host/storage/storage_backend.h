@@ -11,7 +11,7 @@
 #include <vector>
 
 /** How a storage operation ended: success, or a kind of failure and its text for a log. */
-class Storage_Result {
+class [[nodiscard]] Storage_Result {
 public:
     enum Code {
         OK,
@@ -138,7 +138,7 @@ struct Storage_Access {
     static constexpr char ACCESS_MODE[] = "access_mode";
     static constexpr char ACCESS_MODE_D2T[] = "d2t";
     /** True when the objects need not be kept in the memory of the machine. */
-    bool d2t() const;
+    [[nodiscard]] bool d2t() const;
 };
 
 /** Access to pool data under one URL scheme. Operations may be called on several threads at once.

@@ -14,19 +14,19 @@ struct Storage_Url {
  * Takes a URL "scheme://authority/path" to pieces. A query and a fragment are refused.
  * @return false, with a reason in @a error, for any other text
  */
-bool parse_storage_url(std::string const& text, Storage_Url& url, std::string& error);
+[[nodiscard]] bool parse_storage_url(std::string const& text, Storage_Url& url, std::string& error);
 
 /**
  * Decodes the escapes "%41" of a path and leaves out its empty parts: "a//b%20c/" is "a/b c".
  * @return false, with a reason in @a error, for a broken escape, an encoded "/" or NUL, and a part
  *         that is "." or ".."
  */
-bool decode_url_path(std::string const& text, std::string& path, std::string& error);
+[[nodiscard]] bool decode_url_path(std::string const& text, std::string& path, std::string& error);
 
 /** A path as decode_url_path() reads it back: what is not safe in a URL is escaped. */
 std::string encode_url_path(std::string const& path);
 
 /** True for the URLs of deduplicating stores: "dedup://", "dedups://", "ws://" and "wss://". */
-bool is_dedup_url(std::string const& url);
+[[nodiscard]] bool is_dedup_url(std::string const& url);
 
 #endif

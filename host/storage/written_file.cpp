@@ -137,7 +137,7 @@ Storage_Result Written_File::store_i() {
 void Written_File::forget() {
     forgotten_ = true;
     if (failure_ && size_ > 0)
-        keep(spool());
+        (void)keep(spool());
     drop_stream();
     dirty_ = false;
 }

@@ -38,7 +38,7 @@ public:
     uint64_t size() const { return size_; }
     time_t modified() const { return modified_; }
     /** True when there is something that store() would store. */
-    bool is_dirty() const { return dirty_ && failure_; }
+    [[nodiscard]] bool is_dirty() const { return dirty_ && failure_; }
 
     Storage_Result write(uint64_t offset, void const* data, size_t size);
     Storage_Result read(uint64_t offset, void* buffer, size_t size, size_t& got);

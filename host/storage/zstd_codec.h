@@ -18,7 +18,7 @@ std::unique_ptr<Codec> make_zstd_encoder(int level, uint64_t size, unsigned thre
 std::unique_ptr<Codec> make_zstd_decoder();
 
 /** True when an object begins with our mark, or with most of it. */
-bool has_zstd_mark(void const* begin, size_t size);
+[[nodiscard]] bool has_zstd_mark(void const* begin, size_t size);
 
 /** See quick_original_size(). */
 Storage_Result quick_zstd_size(Storage_Reader& object, uint64_t& size);

@@ -20,7 +20,7 @@
  * handler has then seen what came before the fault.
  */
 template <typename Handler>
-bool parse_xml(char const* path, Handler& handler) {
+[[nodiscard]] bool parse_xml(char const* path, Handler& handler) {
     if (QMRT_IS_NULL_OR_EMPTY(path))
         return false;
     auto stream = std::make_unique<Xml_File>();

@@ -11,6 +11,6 @@
  * @return false with a fault; the text is unchanged then. A text that is not XML is a matter of the
  * parser: it is no fault here.
  */
-bool normalise_xml(std::string& text, std::string& fault);
+[[nodiscard]] bool normalise_xml(std::string& text, std::string& fault);
 
 #endif

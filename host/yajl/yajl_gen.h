@@ -51,7 +51,7 @@ public:
      * False after something could not be written: a key that is no text, or nested too deeply. From
      * then on nothing more is written: yajl must not be asked after it has failed.
      */
-    bool good() const { return status_ == yajl_gen_status_ok; }
+    [[nodiscard]] bool good() const { return status_ == yajl_gen_status_ok; }
     /** yajl's code of the first such failure. */
     yajl_gen_status status() const { return status_; }
     yajl_gen get() const { return gen_; }

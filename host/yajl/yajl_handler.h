@@ -13,22 +13,22 @@ class YAJL_Handler {
 public:
     virtual ~YAJL_Handler() = default;
 
-    virtual bool handle_boolean_i(bool value);
-    virtual bool handle_integer_i(long long value);
-    virtual bool handle_double_i(double value);
+    [[nodiscard]] virtual bool handle_boolean_i(bool value);
+    [[nodiscard]] virtual bool handle_integer_i(long long value);
+    [[nodiscard]] virtual bool handle_double_i(double value);
     /**
      * Every number, as it is written. What this class makes of it: a whole number of the range of
      * long long goes to handle_integer_i, any other to handle_double_i; one beyond any double goes
      * there as an infinity.
      */
-    virtual bool handle_number_i(char const* text, size_t length);
-    virtual bool handle_string_i(char const* text, size_t length);
-    virtual bool handle_start_map_i();
-    virtual bool handle_map_key_i(char const* text, size_t length);
-    virtual bool handle_end_map_i();
-    virtual bool handle_start_array_i();
-    virtual bool handle_end_array_i();
-    virtual bool handle_null_i();
+    [[nodiscard]] virtual bool handle_number_i(char const* text, size_t length);
+    [[nodiscard]] virtual bool handle_string_i(char const* text, size_t length);
+    [[nodiscard]] virtual bool handle_start_map_i();
+    [[nodiscard]] virtual bool handle_map_key_i(char const* text, size_t length);
+    [[nodiscard]] virtual bool handle_end_map_i();
+    [[nodiscard]] virtual bool handle_start_array_i();
+    [[nodiscard]] virtual bool handle_end_array_i();
+    [[nodiscard]] virtual bool handle_null_i();
 };
 
 #endif

@@ -49,10 +49,10 @@ public:
     YAJL_Parser_Base& operator=(YAJL_Parser_Base const&) = delete;
 
     /** Parses the next piece. @return false on any fault, and after one. Logs nothing. */
-    bool parse(char const* text, size_t size);
+    [[nodiscard]] bool parse(char const* text, size_t size);
 
     /** Says that the text is over. @return true when it was one whole value without a fault */
-    bool complete();
+    [[nodiscard]] bool complete();
 
     /** One of YAJL_ERR, or a code of the derived class's own. */
     int err() const { return err_; }
@@ -79,7 +79,7 @@ protected:
      * For a handler that stops: the code, and the words that error() is to begin with.
      * @return false
      */
-    bool stop(int code, std::string what);
+    [[nodiscard]] bool stop(int code, std::string what);
 
     /** For a handler that does nothing with what it got. @return true */
     bool ignore(std::string what);
@@ -92,12 +92,12 @@ private:
         void operator()(yajl_handle_t* handle) const;
     };
 
-    bool fail(int code, std::string const& what, size_t at);
-    bool fail_by_yajl(int status, bool at_end);
+    [[nodiscard]] bool fail(int code, std::string const& what, size_t at);
+    [[nodiscard]] bool fail_by_yajl(int status, bool at_end);
     size_t bytes_before_too_long(std::string_view piece);
-    bool enter();
-    bool leave();
-    bool check(char const* text, size_t length);
+    [[nodiscard]] bool enter();
+    [[nodiscard]] bool leave();
+    [[nodiscard]] bool check(char const* text, size_t length);
 
     std::unique_ptr<yajl_handle_t, Handle_Deleter> handle_;
     std::vector<std::string> keys_; ///< for each open level the key that its value is for

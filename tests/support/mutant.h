@@ -13,15 +13,14 @@
  * tools/mutants runs the tests.
  *
  * A process learns which one is active by the soft limit RLIMIT_RTTIME, which concerns real-time
- * processes only. A limit reaches all descendants, also those that get an environment of their own or
- * another user, and no privilege is needed to set it.
- * From 0x30000000 on it asks instead to record which functions are called: number 0x30000000 + N
- * appends the ids to the file reached.N of the build directory.
+ * processes only. A limit reaches all descendants, also those that get an environment of their own
+ * or another user, and no privilege is needed to set it. From 0x30000000 on it asks instead to
+ * record which functions are called: number 0x30000000 + N appends the ids to the file reached.N of
+ * the build directory.
  */
 namespace zenbrak3_mutants {
 
-inline unsigned long number()
-{
+inline unsigned long number() {
     static unsigned long const number = [] {
         rlimit limit{};
         getrlimit(RLIMIT_RTTIME, &limit);
@@ -30,8 +29,7 @@ inline unsigned long number()
     return number;
 }
 
-inline void record(unsigned id)
-{
+inline void record(unsigned id) {
     unsigned long const first = 0x30000000;
     if (number() < first || number() >= first + 0x1000)
         return;
@@ -44,16 +42,15 @@ inline void record(unsigned id)
 }
 
 /** Whether this mutant is the active one. recorded: that of the place of the call. */
-inline bool is_active(unsigned id, std::atomic_flag& recorded)
-{
+inline bool is_active(unsigned id, std::atomic_flag& recorded) {
     if (!recorded.test_and_set())
         record(id);
     return number() == id;
 }
 
 /** A default value of any type. The process ends if the type has none. */
-template<class Type> Type nothing()
-{
+template <class Type>
+Type nothing() {
     if constexpr (std::is_reference_v<Type>) {
         static std::remove_cvref_t<Type> value{};
         return value;
@@ -65,7 +62,8 @@ template<class Type> Type nothing()
 
 } // namespace zenbrak3_mutants
 
-#define ZENBRAK3_MUTANT(id)                                                                                     \
-    if (static std::atomic_flag zenbrak3_recorded; ::zenbrak3_mutants::is_active(id, zenbrak3_recorded))
+#define ZENBRAK3_MUTANT(id)                                                                        \
+    if (static std::atomic_flag zenbrak3_recorded;                                                 \
+        ::zenbrak3_mutants::is_active(id, zenbrak3_recorded))
 
 #endif

@@ -16,7 +16,7 @@ struct Xbsa_Hint {
     std::string path;     ///< their path name; "" for any
     uint64_t copy_id = 0; ///< the copy; 0 for any
 
-    bool empty() const { return path.empty() && copy_id == 0; }
+    [[nodiscard]] bool empty() const { return path.empty() && copy_id == 0; }
 };
 
 /**

@@ -36,7 +36,7 @@ struct Xbsa_Object {
      * Takes over what a caller says; false for texts that do not end and for unknown types.
      * @param owner  the session's, for an object without one
      */
-    bool read(BSA_ObjectDescriptor const& descriptor, BSA_ObjectOwner const& owner);
+    [[nodiscard]] bool read(BSA_ObjectDescriptor const& descriptor, BSA_ObjectOwner const& owner);
     /** Fills a descriptor. @param newest  whether it is the most recent copy */
     void write(BSA_ObjectDescriptor& descriptor, bool newest) const;
 
@@ -47,7 +47,8 @@ struct Xbsa_Object {
      * @param path  gets readable_path() of the object's path
      * @return false for a file that is not named like that
      */
-    static bool parse_file(std::string const& file, std::string& path, uint64_t& copy_id);
+    [[nodiscard]] static bool parse_file(std::string const& file, std::string& path,
+                                         uint64_t& copy_id);
     /** What a file's name has of a path; equal for equal paths, and seldom for others. */
     static std::string readable_path(std::string const& path);
 
@@ -64,14 +65,14 @@ public:
      * False for texts that do not end, an empty path name, unknown types and invalid times.
      * @param owner  the session's, for a query without one
      */
-    bool read(BSA_QueryDescriptor const& descriptor, BSA_ObjectOwner const& owner);
+    [[nodiscard]] bool read(BSA_QueryDescriptor const& descriptor, BSA_ObjectOwner const& owner);
 
     /** The path name of all that is wanted; "" when it is a pattern or any. */
     std::string exact_path() const;
     /** Whether owner and name are wanted. */
-    bool wants_name(Xbsa_Object const& object) const;
+    [[nodiscard]] bool wants_name(Xbsa_Object const& object) const;
     /** Whether the rest is wanted. @param newest  whether it is the most recent copy */
-    bool wants(Xbsa_Object const& object, bool newest) const;
+    [[nodiscard]] bool wants(Xbsa_Object const& object, bool newest) const;
 
 private:
     std::string bsa_owner_, app_owner_, space_, path_;
@@ -83,7 +84,7 @@ private:
 };
 
 /** Whether a text matches a pattern of BSA_QueryDescriptor. */
-bool xbsa_matches(std::string const& pattern, std::string const& text);
+[[nodiscard]] bool xbsa_matches(std::string const& pattern, std::string const& text);
 
 /** The number that an enumeration in a caller's memory has, whatever it is. */
 template <typename Enum>
@@ -96,7 +97,7 @@ int xbsa_number(Enum const& value) {
 
 /** Reads a text out of an array; false when it does not end there. */
 template <size_t Size>
-bool xbsa_text(char const (&array)[Size], std::string& text) {
+[[nodiscard]] bool xbsa_text(char const (&array)[Size], std::string& text) {
     std::string const all(array, Size);
     size_t const end = all.find('\0');
     if (end == std::string::npos)

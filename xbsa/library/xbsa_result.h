@@ -7,7 +7,7 @@
 #include <string>
 
 /** How a step of the library ended: a code of the API, and a text for the caller's log. */
-class Xbsa_Result {
+class [[nodiscard]] Xbsa_Result {
 public:
     Xbsa_Result() = default; ///< success
     Xbsa_Result(int code, std::string text) : code_(code), text_(std::move(text)) {}

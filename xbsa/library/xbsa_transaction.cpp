@@ -11,7 +11,7 @@ Xbsa_Transaction::~Xbsa_Transaction() {
 void Xbsa_Transaction::roll_back() {
     for (auto const& upload : std::exchange(uploads_, {}))
         if (upload->committed())
-            repository_.connection().remove(repository_.data_name(upload->object()));
+            (void)repository_.connection().remove(repository_.data_name(upload->object()));
 }
 
 Xbsa_Result Xbsa_Transaction::add(std::unique_ptr<Xbsa_Upload> upload) {
@@ -62,7 +62,7 @@ Xbsa_Result Xbsa_Transaction::commit_objects() {
         return added;
     written = writer->commit();
     if (!written)
-        repository_.connection().remove(name);
+        (void)repository_.connection().remove(name);
     return written;
 }
 

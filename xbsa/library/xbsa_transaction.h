@@ -27,7 +27,7 @@ public:
     Xbsa_Transaction(Xbsa_Transaction const&) = delete;
     Xbsa_Transaction& operator=(Xbsa_Transaction const&) = delete;
 
-    bool fits(Kind kind) const { return kind_.value_or(kind) == kind; }
+    [[nodiscard]] bool fits(Kind kind) const { return kind_.value_or(kind) == kind; }
     void become(Kind kind) { kind_ = kind; }
 
     size_t objects() const { return uploads_.size(); }

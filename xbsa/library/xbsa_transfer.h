@@ -48,7 +48,7 @@ public:
     Xbsa_Result commit();
 
     Xbsa_Object const& object() const { return object_; }
-    bool committed() const { return committed_; }
+    [[nodiscard]] bool committed() const { return committed_; }
 
 private:
     Codec_Sink sink();
@@ -78,7 +78,7 @@ public:
 
     Xbsa_Object const& object() const { return object_; }
     /** All has been read and is as it was sent. */
-    bool ended() const { return ended_; }
+    [[nodiscard]] bool ended() const { return ended_; }
 
 private:
     Xbsa_Result verify_end();
