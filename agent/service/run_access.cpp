@@ -43,7 +43,8 @@ secure_string Run_Access::begin(Job const& job, std::string const& instance) {
     Object const told = entry.dump();
     std::string const run = entry.scope.run_id;
     if (!keys_.add(std::move(entry))) {
-        QMRT_LOG(LM_WARNING, "Run %s has no key for the data path, there are too many\n", run.c_str());
+        QMRT_LOG(LM_WARNING, "Run %s has no key for the data path, there are too many\n",
+                 run.c_str());
         return {};
     }
     if (!member_)

@@ -404,7 +404,7 @@ int Text_Process_Handler::finish() {
     if (stop_step_ != NOT_STOPPED) {
         tree_->kill();
         if (!is_question_) // what it was writing is cleaned up next
-            tree_->await_end(KILL_GRACE_SECS);
+            (void)tree_->await_end(KILL_GRACE_SECS);
         end_ = Child_End();
         end_.kind = Child_End::STOPPED;
         end_.reason = stop_reason_;
