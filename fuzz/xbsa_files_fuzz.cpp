@@ -65,7 +65,7 @@ private:
 /** Whatever a transaction says, its objects lie in its set's folder. */
 void read_transaction(std::string const& text) {
     auto const pool = std::make_shared<One_Transaction>(text);
-    Xbsa_Repository const repository(pool, "c");
+    Xbsa_Repository repository(pool, "c");
     std::vector<Xbsa_Object> objects;
     (void)repository.find(
         {}, [](Xbsa_Object const&) { return true; },

@@ -15,12 +15,12 @@ using json_spirit::Value;
 
 namespace {
 
-constexpr char TYPE[] = "gaussdb";
+constexpr char INSTANCE_TYPE[] = "gaussdb";
 
 /** @return null if this host does not have it */
 std::shared_ptr<Instance> own_instance(std::string const& name) {
     std::shared_ptr<Instance_Backend> const record = Host_Services::instance().instances();
-    return record ? record->find(TYPE, name) : nullptr;
+    return record ? record->find(INSTANCE_TYPE, name) : nullptr;
 }
 
 /** Whether an answer about the hosts of an instance names another host. */
@@ -81,7 +81,7 @@ std::string Instance_Condition::fault_of_skip(std::string const& instance) const
 bool Instance_Condition::others_have(std::string const& instance, bool& have,
                                      std::string& error) const {
     std::shared_ptr<Instance> const own = own_instance(instance);
-    std::string const uuid = own ? own->uuid : Instance_Probe::uuid_of(TYPE, instance);
+    std::string const uuid = own ? own->uuid : Instance_Probe::uuid_of(INSTANCE_TYPE, instance);
     HTTP_Request request(HTTP_METHOD_GET, "/d2/r/v2/resources", true);
     HTTP_Query_String_Builder(std::back_inserter(request.query_string_buffer()), false)(
         "feature", "backup")("instance_uuid", uuid.c_str())("scope", "instances");
