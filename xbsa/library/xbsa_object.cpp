@@ -138,7 +138,7 @@ void Xbsa_Object::name_file() {
     // the end of a long path tells more than its beginning, and is not to begin within an escape
     if (readable.size() > READABLE) {
         size_t at = readable.size() - READABLE;
-        for (size_t back = 1; back <= 2; ++back)
+        for (size_t back = 1; back <= std::min<size_t>(2, at); ++back)
             if (readable[at - back] == '%') {
                 at += 3 - back;
                 break;
