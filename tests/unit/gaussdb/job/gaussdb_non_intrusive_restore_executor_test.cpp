@@ -2,6 +2,8 @@
 
 #include "json_spirit/access.h"
 
+#include <future>
+
 namespace {
 
 using json_spirit::Array;
@@ -281,14 +283,16 @@ TEST_F(Non_Intrusive_Restore_Test, without_its_cluster_it_is_not_active) {
 
 TEST_F(Non_Intrusive_Restore_Test, runs_to_one_target_wait_for_each_other) {
     ACE_Thread_Mutex& mutex = Job_Mutex::get(RESOURCE);
-    ASSERT_EQ(0, mutex.acquire());
+    std::promise<int> held;
     std::thread beside([&] {
+        held.set_value(mutex.acquire());
         while (jobs_.states().empty())
             std::this_thread::yield();
         EXPECT_EQ(0u, roach_calls());
         EXPECT_THAT(catalog_calls(), IsEmpty());
         mutex.release();
     });
+    EXPECT_EQ(0, held.get_future().get());
     EXPECT_EQ(SUCCESS, restore());
     beside.join();
 }
