@@ -222,7 +222,7 @@ void Agent_Jobs::finished(Job const& job) {
     });
 }
 
-/** The last change of a run, after which it is no longer live. */
+/** Records the end of a run and removes it from the live runs. */
 void Agent_Jobs::finish(std::string const& run_id, std::function<void(Job_Run& run)> const& what) {
     std::string definition;
     change(run_id, [&](Job_Run& run) {

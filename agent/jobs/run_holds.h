@@ -43,7 +43,7 @@ public:
      */
     std::string hold(Run const& run, std::set<std::string> const& resources,
                      Clock::time_point now = Clock::now());
-    /** Ends a request of a run; one that is not known is no fault. */
+    /** Ends a request of a run. No-op if the request is unknown. */
     void release(std::string const& host_uuid, std::string const& run_id,
                  std::set<std::string> const& resources);
 

@@ -331,7 +331,7 @@ bool Executor::complete_set(GaussDB_Backup_Set& bset) {
     ACE_INT64 storage_size = 0;
     ACE_INT64 set_size = 0;
     (void)get_size(storage_size,
-                   set_size); // a size that is not known is no reason to drop a backup
+                   set_size); // an unknown size does not fail the backup
     if (!bset.storages.empty())
         bset.storages.front().size = static_cast<uint64_t>(std::max<ACE_INT64>(storage_size, 0));
     bset.source_size = static_cast<uint64_t>(std::max<ACE_INT64>(set_size, 0));

@@ -34,8 +34,8 @@ std::string unquoted(std::string const& host) {
 }
 
 /**
- * Anybody can start a process with that command line, and the user of the service gets the key of
- * the run: with services of two users there is no telling which is the right one.
+ * Any user can start a process with that command line, and the service's user gets the key of the
+ * run. If two users run such a service, neither is used.
  */
 bool has_one_user(char const* service, boost::regex const& serves, std::string const& user) {
     std::vector<Service_Info> services;

@@ -34,7 +34,7 @@ public:
      */
     int make() const;
     /**
-     * Removes the directory with all that is in it. It is moved out of the way first, to
+     * Removes the directory recursively. It is moved out of the way first, to
      * "<path>.removed": directories that rm_rf() could not remove are root's, and the user's tool
      * would meet them in the next one. What is left there goes with the next remove().
      */

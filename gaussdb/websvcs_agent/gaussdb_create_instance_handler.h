@@ -24,7 +24,7 @@
  */
 class JSON_RPC_GaussDB_Create_Instance_Handler : public JSON_RPC_Handler {
 public:
-    /** @return 0; -1, logged, for what is not a request, or when the requester has gone */
+    /** @return 0; -1, logged, if the object is not a request or the caller has disconnected */
     int handle_object(JSON_RPC_Channel_ptr channel, JSON_RPC_Object_var object) override;
 
 private:

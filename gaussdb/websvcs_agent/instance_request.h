@@ -11,7 +11,7 @@
 /**
  * Checks what a handler was given.
  * @param peer     receives the channel
- * @return the request; null, after a log line, for what is not one or when the requester has gone
+ * @return the request; null, logged, if the object is not a request or the caller has disconnected
  */
 JSON_RPC_Request* open_request(JSON_RPC_Channel_ptr const& channel,
                                JSON_RPC_Object_var const& object, JSON_RPC_Channel_var& peer);

@@ -105,7 +105,7 @@ public:
     void state(Job_State value);
     /** To be called after the record was written by hand. @a options is not looked at. */
     void sync(Action_Options const* options);
-    /** Cancelled by abort_now(). Of the run that is on; null without one. */
+    /** Of the running run, cancelled by abort_now(); null if no run is running. */
     std::shared_ptr<Cancellation> cancellation() const;
     /** The key of the run that is on: see Host_Manager::access_key(). "" without one. */
     secure_string run_key() const;

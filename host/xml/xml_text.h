@@ -8,8 +8,8 @@
  * byte order mark, whatever encoding it has or declares; no comments before the root element; and
  * the characters themselves in place of references to characters beyond ASCII.
  * @param fault  gets why that cannot be done: an unknown encoding, or bytes that it does not have
- * @return false with a fault; the text is unchanged then. A text that is not XML is a matter of the
- * parser: it is no fault here.
+ * @return false with a fault; the text is unchanged then. True for a text that is not XML, which
+ * the parser rejects.
  */
 [[nodiscard]] bool normalise_xml(std::string& text, std::string& fault);
 

@@ -372,7 +372,7 @@ class Two_Hosts_Test(unittest.TestCase):
     def test_a_run_that_is_cancelled_now_ends_on_both_hosts(self):
         job = self.start_backup()
         wait_until(lambda: self.second.processes("gs_roach"), "the agent of the tool")
-        # it does not notice that its master has gone
+        # it does not notice that its master has ended
         self.second.kill(signal.SIGSTOP, self.second.processes("gs_roach"))
         run_id = json.loads(self.first.do("zenbrak3", "jobs", "--json"))["jobs"][0]["run_id"]
         self.assertIn("has ended: canceled",

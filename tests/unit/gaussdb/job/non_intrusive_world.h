@@ -19,8 +19,8 @@ public:
 };
 
 /**
- * A process of another user that is no child of the test: only its command line is looked at. To be
- * run with a process table of the test's own.
+ * A process of another user, not a child of the test, of which only the command line counts. The
+ * test needs a private process table.
  */
 class Data_Service {
 public:
