@@ -57,21 +57,23 @@ struct Given_Option {
     int64_t value; ///< of a number that must not be negative; else 0
 };
 
+/** A number that is not given is 0. */
+Given_Option number_option(char const* name, unsigned flavours, int value) {
+    return {name, flavours, value != 0, value};
+}
+
 std::vector<Given_Option> given_options(GaussDB_Backup_Job_Options const& options) {
     GaussDB_Backup_Job_Options const none;
-    auto const number = [](char const* name, unsigned flavours, int value) {
-        return Given_Option{name, flavours, value != 0, value};
-    };
     return {
-        number("compression_level", F_ALL, options.compression_level_),
-        number("channels", F_ALL, options.channels_),
-        number("max_memory_usage", F_ROACH_TUNING, options.max_memory_usage_),
-        number("buffer_size", F_ROACH_TUNING, options.buffer_size_),
-        number("buffer_block_size", F_ROACH_TUNING, options.buffer_block_size_),
-        number("roach_compression_type", F_DWS, options.roach_compression_type_),
-        number("roach_compression_level", F_DWS, options.roach_compression_level_),
-        number("cpu_cores", F_DWS, options.cpu_cores_),
-        number("master_timeout", F_DWS, static_cast<int>(options.master_timeout_)),
+        number_option("compression_level", F_ALL, options.compression_level_),
+        number_option("channels", F_ALL, options.channels_),
+        number_option("max_memory_usage", F_ROACH_TUNING, options.max_memory_usage_),
+        number_option("buffer_size", F_ROACH_TUNING, options.buffer_size_),
+        number_option("buffer_block_size", F_ROACH_TUNING, options.buffer_block_size_),
+        number_option("roach_compression_type", F_DWS, options.roach_compression_type_),
+        number_option("roach_compression_level", F_DWS, options.roach_compression_level_),
+        number_option("cpu_cores", F_DWS, options.cpu_cores_),
+        number_option("master_timeout", F_DWS, static_cast<int>(options.master_timeout_)),
         {"filesplit_size", F_DWS, options.filesplit_size_ != none.filesplit_size_, 0},
         {"cbm_recycle_level", F_DWS, options.cbm_recycle_level_ != none.cbm_recycle_level_, 0},
         {"mount", F_T, options.mount_, 0},
@@ -82,15 +84,12 @@ std::vector<Given_Option> given_options(GaussDB_Backup_Job_Options const& option
 }
 
 std::vector<Given_Option> given_options(GaussDB_Restore_Job_Options const& options) {
-    auto const number = [](char const* name, unsigned flavours, int value) {
-        return Given_Option{name, flavours, value != 0, value};
-    };
     return {
-        number("channels", F_ALL, options.channels_),
-        number("max_memory_usage", F_ROACH_TUNING, options.max_memory_usage_),
-        number("buffer_size", F_ROACH_TUNING, options.buffer_size_),
-        number("buffer_block_size", F_ROACH_TUNING, options.buffer_block_size_),
-        number("master_timeout", F_REMOTE, static_cast<int>(options.master_timeout_)),
+        number_option("channels", F_ALL, options.channels_),
+        number_option("max_memory_usage", F_ROACH_TUNING, options.max_memory_usage_),
+        number_option("buffer_size", F_ROACH_TUNING, options.buffer_size_),
+        number_option("buffer_block_size", F_ROACH_TUNING, options.buffer_block_size_),
+        number_option("master_timeout", F_REMOTE, static_cast<int>(options.master_timeout_)),
         {"mount", F_T, options.mount_, 0},
         {"xml_config_path", F_REMOTE, !options.xml_config_path_.empty(), 0},
         {"logging_level", F_REMOTE, !options.logging_level_.empty(), 0},
