@@ -17,6 +17,8 @@ char const* title(std::string const& resource) {
         return "the backup tool's metadata directory on the same host";
     case Run_Hold::Resource::POLICY:
         return "the same policy";
+    case Run_Hold::Resource::NODE:
+        return "the same database node";
     }
     return "";
 }

@@ -272,6 +272,8 @@ bool Method_Access::resources_of_run(Question const& question) {
         Run_Hold::Resource resource;
         if (!Run_Hold::parse(name, resource))
             return refuse(question.why, "a resource has no valid name");
+        if (resource.kind == Run_Hold::Resource::NODE)
+            continue; // no agent runs there; any run may lead to it
         bool const own =
             resource.kind == Run_Hold::Resource::INSTANCE
                 ? resource.owner == run->cluster_id ||

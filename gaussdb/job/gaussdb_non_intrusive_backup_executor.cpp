@@ -72,8 +72,14 @@ Executor::~GaussDB_Non_Intrusive_Backup_Job_Executor() {
 }
 
 bool Executor::is_active(Job::Action_Options const*) {
+    if (src_->instance_.empty())
+        return false;
+    // before the mutex: a restore has that to its end, and a wait for it could not be canceled
+    instance_hold_.emplace(job_, std::set{Run_Hold::instance(src_->id())});
+    if (!*instance_hold_)
+        return true; // for execute_i() to end the run
     ACE_Guard<ACE_Thread_Mutex> const lock(Job_Mutex::get(src_->id()));
-    if (!lock.locked() || src_->instance_.empty())
+    if (!lock.locked())
         return false;
     instance_ = src_->instance_;
     cluster_ = find_cluster(instance_);
@@ -86,6 +92,8 @@ bool Executor::is_active(Job::Action_Options const*) {
 }
 
 bool Executor::execute_i(Job::Action_Options const*) {
+    if (!instance_hold_ || !*instance_hold_)
+        return false;
     if (cluster_.null()) {
         QMRT_LOG(LM_EMERGENCY, "Unexpected error in %N:%l, cluster_ is NULL:\n%?\n");
         return false;
@@ -109,6 +117,9 @@ bool Executor::execute_i(Job::Action_Options const*) {
         return false;
     choose_base(bset);
 
+    Run_Hold const node(job_, node_resources(host_uuids_, src_->id(), address_, bset.host));
+    if (!node)
+        return false;
     Roach_Source roach_source = make_roach_source(user);
     if (!roach_source.notify(host_uuids_, nullptr, "", nullptr, false)) {
         QMRT_LOG(LM_ERROR, "Failed to dump policy file.\n");
@@ -206,8 +217,7 @@ bool Executor::execute_ssh_command(std::string const& command, std::string& resu
 
 /** It is kept in the catalog, and becomes a word of a restore's command line. */
 bool Executor::get_roach_host_name(std::string& hostname) const {
-    return execute_ssh_command("hostname", hostname) &&
-           check_bare_names({{"host name of the node", hostname, names::fault_of_host}});
+    return find_host_name(address_, ssh_opts_, hostname);
 }
 
 void Executor::count_nodes() {

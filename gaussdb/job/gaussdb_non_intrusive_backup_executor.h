@@ -6,11 +6,13 @@
 #include "gaussdb/job/gaussdb_backup_job_source.h"
 #include "gaussdb/job/gaussdb_backup_set.h"
 #include "host/job/job_event_handler.h"
+#include "host/job/run_hold.h"
 #include "job/job_executor_t.h"
 
 #include <ace/Event.h>
 #include <ace/Time_Value.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,6 +23,8 @@ class Roach_Source;
  * the database's own backup tool runs on a database node, which is reached by ssh, and sends the
  * data to its counterpart on this host, roach_client or backUpAgent. A DWS cluster is saved as a
  * whole or by schemas of one database.
+ *
+ * Runs of one instance or one node wait for each other: see Run_Hold.
  *
  * A set is opened in the catalog before the tool runs. A run that fails after that drops the set
  * when the executor is destroyed. What the hosts were told for the backup tool is taken back only
@@ -82,6 +86,7 @@ private:
     [[nodiscard]] bool execute_ssh_command(std::string const& command, std::string& result) const;
     [[nodiscard]] bool get_roach_host_name(std::string& hostname) const;
 
+    std::optional<Run_Hold> instance_hold_;
     GaussDB_Cluster_Handler_var cluster_; ///< empty until is_active() has found it
     bool abort_catalog_ = false;          ///< the set is open
     std::string job_instance_uuid_;       ///< the run's id, and the set's

@@ -9,6 +9,7 @@
 #include <ace/Time_Value.h>
 
 #include <concepts>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -80,6 +81,15 @@ struct Bare_Name {
 /** The hosts that get the policy: those of the cluster's record at the backup server, or this one.
  */
 std::vector<std::string> policy_hosts(GAUSSDB_VERSION flavour, std::string const& instance);
+
+/** What a run uses alone, for Run_Hold: roach_resources() and the node under both its names. */
+std::set<std::string> node_resources(std::vector<std::string> const& host_uuids,
+                                     std::string const& policy_name, std::string const& address,
+                                     std::string const& host_name);
+
+/** The node's own name, checked: it becomes a word of command lines. */
+[[nodiscard]] bool find_host_name(std::string const& address, std::string const& ssh_opts,
+                                  std::string& host_name);
 
 /** The login's user on the node, who has the tool's files in /home/USER. */
 [[nodiscard]] bool find_tool_user(std::string const& address, std::string const& ssh_opts,

@@ -12,6 +12,7 @@
 #include "host/catalog/backup_set.h"
 #include "host/job/job_mutex.h"
 #include "host/job/job_thread_helper.h"
+#include "host/job/run_hold.h"
 #include "json_spirit/access.h"
 #include "qmrt/format.h"
 
@@ -56,6 +57,9 @@ bool Restore::is_active(Job::Action_Options const*) {
 }
 
 bool Restore::execute_i(Job::Action_Options const*) {
+    Run_Hold const instance(job_, {Run_Hold::instance(tgt_.id())});
+    if (!instance)
+        return false;
     ACE_Guard<ACE_Thread_Mutex> const lock(Job_Mutex::get(tgt_.id()));
     if (!lock.locked())
         return false;
@@ -79,6 +83,14 @@ bool Restore::execute_i(Job::Action_Options const*) {
     }
     if (!check_names() || !read_instance() || !find_service(user) || !load_chain(chain) ||
         !check_new_cluster())
+        return false;
+    std::string host_name;
+    if (!find_host_name(address_, ssh_opts_, host_name)) {
+        QMRT_LOG(LM_ERROR, "Failed to get database host name.\n");
+        return false;
+    }
+    Run_Hold const node(job_, node_resources(host_uuids_, tgt_.id(), address_, host_name));
+    if (!node)
         return false;
     Roach_Source roach_source = make_roach_source(chain, user);
     if (!notify(roach_source))

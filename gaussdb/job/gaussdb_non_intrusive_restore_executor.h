@@ -25,9 +25,9 @@ class Roach_Source;
  * - tables, for a definition of the level "table": each comes back under the name it is mapped to;
  * - the rebuild of one database, when the chain of a run of the first kind has a schema backup.
  *
- * Runs to one target wait for each other. The catalog is only read. The policy is taken back after
- * a restore of the whole cluster and after a failure; the other kinds leave it where it is. A
- * cancel stops the tool on the node, and the run fails.
+ * Runs of one instance or one node wait for each other: see Run_Hold. The catalog is only read. The
+ * policy is taken back after a restore of the whole cluster and after a failure; the other kinds
+ * leave it where it is. A cancel stops the tool on the node, and the run fails.
  */
 class GaussDB_Non_Intrusive_Restore_Job_Executor
     : public Job_Executor_T<GaussDB_Restore_Job_Source, GaussDB_Restore_Job_Options,

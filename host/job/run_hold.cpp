@@ -8,6 +8,7 @@
 #include "qmrt/utf8.h"
 
 #include <algorithm>
+#include <cctype>
 #include <thread>
 
 using std::chrono::milliseconds;
@@ -17,6 +18,7 @@ namespace {
 constexpr char INSTANCE_PREFIX[] = "instance/";
 constexpr char METADATA_PREFIX[] = "metadata/";
 constexpr char POLICY_PREFIX[] = "policy/";
+constexpr char NODE_PREFIX[] = "node/";
 
 /** Between two questions for the resources; doubles up to the longest. */
 constexpr milliseconds SHORTEST_PAUSE{20};
@@ -43,6 +45,12 @@ std::string Run_Hold::policy(std::string const& host_uuid, std::string const& po
     return POLICY_PREFIX + host_uuid + "/" + policy_name;
 }
 
+std::string Run_Hold::node(std::string const& address) {
+    std::string host = address.substr(address.find('@') + 1); // all of it without an account
+    std::ranges::transform(host, host.begin(), [](unsigned char c) { return std::tolower(c); });
+    return NODE_PREFIX + host;
+}
+
 bool Run_Hold::parse(std::string const& name, Resource& resource) {
     size_t const first = name.find('/');
     if (first == std::string::npos)
@@ -55,6 +63,8 @@ bool Run_Hold::parse(std::string const& name, Resource& resource) {
         resource.kind = Resource::METADATA;
     else if (prefix == POLICY_PREFIX)
         resource.kind = Resource::POLICY;
+    else if (prefix == NODE_PREFIX)
+        resource.kind = Resource::NODE;
     else
         return false;
     if (resource.kind == Resource::POLICY) {
@@ -64,7 +74,8 @@ bool Run_Hold::parse(std::string const& name, Resource& resource) {
         rest.resize(second);
     }
     resource.owner = rest;
-    return names::fault_of_id(rest).empty();
+    auto const rule = resource.kind == Resource::NODE ? names::fault_of_host : names::fault_of_id;
+    return rule(rest).empty();
 }
 
 Run_Hold::Run_Hold(Job& job, std::set<std::string> resources)

@@ -27,12 +27,18 @@ public:
     static std::string metadata(std::string const& host_uuid);
     /** A policy file on a host. */
     static std::string policy(std::string const& host_uuid, std::string const& policy_name);
+    /**
+     * A database node without an agent: its backup tool's port, metadata and lists.
+     * @param address  a host's name or address as ssh takes it; the account before "@" is ignored
+     */
+    static std::string node(std::string const& address);
 
     /** What a resource's name says. */
     struct Resource {
-        enum Kind { INSTANCE, METADATA, POLICY };
+        enum Kind { INSTANCE, METADATA, POLICY, NODE };
         Kind kind;
-        std::string owner; ///< of an INSTANCE the resource's id, else the host's uuid
+        /** The resource's id of an INSTANCE, the address of a NODE, else the host's uuid. */
+        std::string owner;
     };
     /** @return false for a text that is not the name of a resource */
     [[nodiscard]] static bool parse(std::string const& name, Resource& resource);

@@ -48,10 +48,13 @@ TEST_F(Run_Holds_Test, one_run_has_a_resource_and_the_next_one_gets_it_behind_th
 TEST_F(Run_Holds_Test, the_text_names_what_is_wanted) {
     Names const policy{Run_Hold::policy("h1", "pool")};
     Names const instance{Run_Hold::instance("c1")};
+    Names const node{Run_Hold::node("db1")};
     hold("h1/a", policy);
     hold("h1/b", instance);
+    hold("h1/d", node);
     EXPECT_EQ("job h1/a, which uses the same policy", hold("h1/c", policy));
     EXPECT_EQ("job h1/b, which uses the same instance", hold("h1/c", instance));
+    EXPECT_EQ("job h1/d, which uses the same database node", hold("h1/c", node));
 }
 
 TEST_F(Run_Holds_Test, runs_of_other_resources_do_not_meet) {

@@ -280,6 +280,9 @@ TEST_F(Method_Access_Test, a_member_reserves_what_the_hosts_of_its_runs_instance
     EXPECT_FALSE(may_hold("run", {"policy/h2/p1"}));
     EXPECT_FALSE(may_hold("run", {"instance/c2"}));
     EXPECT_FALSE(may_hold("run", {"meta"}));
+    EXPECT_TRUE(may_hold("run", {"metadata/h1", "node/db1"})) << "a node has no agent";
+    EXPECT_FALSE(may_hold("run", {"node/db 1"}));
+    EXPECT_FALSE(may_hold("another run", {"node/db1"}));
     EXPECT_FALSE(may_hold("another run", {"metadata/h1"}));
     instances_.note("h2", "gaussdb", "c1", "c1"); // the cluster lies there, too
     EXPECT_TRUE(may_hold("run", {"metadata/h1", "metadata/h2", "policy/h2/p1"}));

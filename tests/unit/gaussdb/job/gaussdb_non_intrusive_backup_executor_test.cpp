@@ -548,6 +548,104 @@ TEST_F(Non_Intrusive_Backup_Test, sizes_come_from_the_catalog) {
     EXPECT_EQ(123u, job_->activity().set_storage_size);
 }
 
+// what it has for itself
+
+TEST_F(Non_Intrusive_Backup_Test, it_has_the_instance_and_the_node_for_itself) {
+    std::string const instance = " instance/dws-1";
+    std::string const node = " metadata/here node/127.0.0.1 node/cn1 policy/here/dws-1";
+    Texts const held{"hold" + instance, "hold" + node, "release" + node, "release" + instance};
+    ASSERT_EQ(SUCCESS, backup());
+    EXPECT_EQ(held, jobs_.holds());
+    jobs_.clear();
+    new_script("GaussRoach.py", "err no space\nexit 1");
+    EXPECT_EQ(FAILURE, backup());
+    EXPECT_EQ(held, jobs_.holds()) << "a failed run gives it back, too";
+    EXPECT_LOGGED(LM_ERROR, "Failed to execute roach backup.\n");
+    Log_Capture::instance().claim_all(LM_WARNING, "no space");
+}
+
+TEST_F(Non_Intrusive_Backup_Test, another_address_of_the_same_node_is_the_same_node) {
+    record_is({{"address", "omm@Localhost"}});
+    ASSERT_EQ(SUCCESS, backup());
+    EXPECT_THAT(jobs_.holds(),
+                testing::Contains("hold metadata/here node/cn1 node/localhost policy/here/dws-1"));
+}
+
+TEST_F(Non_Intrusive_Backup_Test, nothing_is_changed_before_it_has_the_node) {
+    bool changed_early = false;
+    jobs_.on_hold([&](std::set<std::string> const&) {
+        changed_early = changed_early || policy_of(RESOURCE) || roach_calls() != 0 ||
+                        sent("rm -rf") != 0 || exists("/home/daemon/zenbrak3_schema.txt");
+        return Hold_Answer();
+    });
+    options_->clean_meta_ = true;
+    source_->schemas_["a"] = {"s"};
+    ASSERT_EQ(SUCCESS, backup());
+    EXPECT_FALSE(changed_early);
+}
+
+TEST_F(Non_Intrusive_Backup_Test, it_has_the_node_until_the_policy_is_taken_back) {
+    serve_hosts({"other"});
+    std::vector<size_t> steps;
+    serve_other([&](json_spirit::Value const& params, JSON_RPC_Reply& reply) {
+        steps.push_back(jobs_.holds().size());
+        return rpc_result(json_spirit::Value(true))(params, reply);
+    });
+    ASSERT_EQ(SUCCESS, backup());
+    EXPECT_THAT(steps, testing::ElementsAre(2, 2))
+        << "told and taken back between hold and release";
+}
+
+TEST_F(Non_Intrusive_Backup_Test, one_that_waits_shows_for_what_and_goes_on) {
+    for (char const* resource : {"instance/dws-1", "node/cn1"}) {
+        jobs_.clear();
+        int answers = 0;
+        jobs_.on_hold([&](std::set<std::string> const& resources) {
+            if (!resources.contains(resource) || ++answers == 3)
+                return Hold_Answer();
+            return Hold_Answer{Hold_Answer::WAIT, "job x"};
+        });
+        ASSERT_EQ(SUCCESS, backup()) << resource;
+        Texts holds = jobs_.holds();
+        std::erase_if(holds, [](std::string const& what) { return !what.starts_with("waiting"); });
+        EXPECT_EQ((Texts{"waiting job x", "waiting "}), holds) << resource;
+        EXPECT_TRUE(Log_Capture::instance().claim(LM_INFO, "Waiting for job x\n"));
+    }
+}
+
+TEST_F(Non_Intrusive_Backup_Test, one_that_waits_can_be_canceled) {
+    for (char const* resource : {"instance/dws-1", "node/cn1"})
+        for (bool const now : {false, true}) {
+            jobs_.clear();
+            jobs_.on_hold([&](std::set<std::string> const& resources) {
+                if (!resources.contains(resource))
+                    return Hold_Answer();
+                EXPECT_EQ(0, now ? job_->abort_now() : job_->abort());
+                return Hold_Answer{Hold_Answer::WAIT, "job x"};
+            });
+            EXPECT_EQ("ended canceled 0", backup()) << resource;
+            EXPECT_FALSE(policy_of(RESOURCE));
+            EXPECT_EQ(0u, roach_calls());
+            EXPECT_FALSE(catalog_->has(jobs_.run_ids().back()));
+            EXPECT_TRUE(
+                Log_Capture::instance().claim(LM_INFO, "Canceled while waiting for job x\n"));
+        }
+}
+
+TEST_F(Non_Intrusive_Backup_Test, one_that_waits_for_a_restore_can_be_canceled) {
+    // which has the mutex of its resource to its end
+    ACE_Guard<ACE_Thread_Mutex> restore(Job_Mutex::get(RESOURCE));
+    jobs_.on_hold([&](std::set<std::string> const&) {
+        EXPECT_EQ(0, job_->abort());
+        return Hold_Answer{Hold_Answer::WAIT, "job x"};
+    });
+    jobs_.on_event([&](std::string const& event) {
+        if (event == "finished")
+            restore.release();
+    });
+    EXPECT_EQ("ended canceled 0", backup());
+}
+
 // a failure of each step
 
 struct Backup_Failure {

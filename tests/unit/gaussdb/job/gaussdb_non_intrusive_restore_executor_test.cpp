@@ -442,6 +442,54 @@ TEST_F(Non_Intrusive_Restore_Test, an_address_of_the_database_that_is_more_than_
     EXPECT_EQ(2u, sent("rm -rf")) << "by this host and by the node";
 }
 
+// what it has for itself
+
+TEST_F(Non_Intrusive_Restore_Test, it_has_the_target_and_its_node_for_itself) {
+    as_new_cluster();
+    std::string const instance = " instance/dws-2";
+    std::string const node = " metadata/here node/127.0.0.1 node/cn1 policy/here/dws-2";
+    Texts const held{"hold" + instance, "hold" + node, "release" + node, "release" + instance};
+    ASSERT_EQ(SUCCESS, restore());
+    EXPECT_EQ(held, jobs_.holds());
+    jobs_.clear();
+    new_script("GaussRoach.py", "err no space\nexit 1");
+    EXPECT_EQ(FAILURE, restore());
+    EXPECT_EQ(held, jobs_.holds()) << "a failed run gives it back, too";
+    EXPECT_LOGGED(LM_ERROR, "Failed to execute roach restore.\n");
+    Log_Capture::instance().claim_all(LM_WARNING, "no space");
+}
+
+TEST_F(Non_Intrusive_Restore_Test, nothing_is_changed_before_it_has_the_node) {
+    as_tables();
+    bool changed_early = false;
+    jobs_.on_hold([&](std::set<std::string> const&) {
+        changed_early = changed_early || policy_of(RESOURCE) || roach_calls() != 0 ||
+                        exists("/home/daemon/zenbrak3_source_table.txt");
+        return Hold_Answer();
+    });
+    ASSERT_EQ(SUCCESS, restore());
+    EXPECT_FALSE(changed_early);
+}
+
+TEST_F(Non_Intrusive_Restore_Test, one_that_waits_shows_for_what_and_can_be_canceled) {
+    for (char const* resource : {"instance/dws-1", "node/cn1"})
+        for (bool const now : {false, true}) {
+            jobs_.clear();
+            jobs_.on_hold([&](std::set<std::string> const& resources) {
+                if (!resources.contains(resource))
+                    return Hold_Answer();
+                EXPECT_EQ(0, now ? job_->abort_now() : job_->abort());
+                return Hold_Answer{Hold_Answer::WAIT, "job x"};
+            });
+            EXPECT_EQ("ended canceled 0", restore()) << resource;
+            EXPECT_THAT(jobs_.holds(), testing::Contains("waiting job x"));
+            EXPECT_FALSE(policy_of(RESOURCE));
+            EXPECT_EQ(0u, roach_calls());
+            EXPECT_TRUE(
+                Log_Capture::instance().claim(LM_INFO, "Canceled while waiting for job x\n"));
+        }
+}
+
 // a failure of each step
 
 struct Restore_Failure {

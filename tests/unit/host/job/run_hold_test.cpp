@@ -63,6 +63,18 @@ public:
         changed_.wait(lock, [&] { return questions_ >= questions; });
     }
 
+    /** Waits until so many more questions were asked. @return how many there were by then */
+    int await_more(int questions) {
+        std::unique_lock lock(mutex_);
+        int const wanted = questions_ + questions;
+        changed_.wait(lock, [&] { return questions_ >= wanted; });
+        return questions_;
+    }
+    int questions() const {
+        std::lock_guard const guard(mutex_);
+        return questions_;
+    }
+
 private:
     mutable std::mutex mutex_;
     std::condition_variable changed_;
@@ -130,6 +142,30 @@ TEST_F(Run_Hold_Test, a_cancel_ends_the_wait_and_gives_up_the_place) {
     }
 }
 
+TEST_F(Run_Hold_Test, a_canceled_run_asks_for_nothing_more) {
+    backend_->answer({Hold_Answer::WAIT, "job x"});
+    for (bool const now : {false, true}) {
+        Test_Job* const job = new Test_Job(make_definition());
+        job_ = Job_var(job, false);
+        ASSERT_EQ(0, job->start());
+        job->during_call = [=] { job->state_i(JOB_STATE_CANCELING); };
+        int questions = 0;
+        std::thread beside([&] {
+            questions = backend_->await_more(8); // the pauses have become long
+            EXPECT_EQ(0, now ? job->abort_now() : job->abort());
+        });
+        {
+            Run_Hold const hold(*job, {Run_Hold::node("db1")});
+            EXPECT_FALSE(hold);
+        }
+        beside.join();
+        EXPECT_EQ(questions, backend_->questions());
+        EXPECT_EQ("release 1", backend_->events().back());
+        job->complete();
+        EXPECT_TRUE(Log_Capture::instance().claim(LM_INFO, "Canceled while waiting for job x\n"));
+    }
+}
+
 TEST_F(Run_Hold_Test, a_refusal_is_told) {
     backend_->answer({Hold_Answer::REFUSED, "it is not a run"});
     Run_Hold const hold(*job_, {Run_Hold::metadata("h1")});
@@ -156,13 +192,17 @@ TEST(Run_Hold_Resource, names_say_what_they_are_of) {
     EXPECT_TRUE(Run_Hold::parse(Run_Hold::policy("h1", "p1"), resource));
     EXPECT_EQ(Run_Hold::Resource::POLICY, resource.kind);
     EXPECT_EQ("h1", resource.owner);
+    EXPECT_TRUE(Run_Hold::parse(Run_Hold::node("omm@DB1.example"), resource));
+    EXPECT_EQ(Run_Hold::Resource::NODE, resource.kind);
+    EXPECT_EQ("db1.example", resource.owner);
+    EXPECT_TRUE(Run_Hold::parse(Run_Hold::node("fe80::1%eth0"), resource));
 }
 
 TEST(Run_Hold_Resource, anything_else_is_refused) {
     Run_Hold::Resource resource;
-    for (char const* name :
-         {"", "c1", "other/h1", "metadata/", "metadata/..", "metadata/a/b", "policy/h1",
-          "policy/h1/", "policy/h1/../x", "policy//p", "instance/a\n"})
+    for (char const* name : {"", "c1", "other/h1", "metadata/", "metadata/..", "metadata/a/b",
+                             "policy/h1", "policy/h1/", "policy/h1/../x", "policy//p",
+                             "instance/a\n", "node/", "node/a b", "node/a/b", "node/-x"})
         EXPECT_FALSE(Run_Hold::parse(name, resource)) << name;
 }
 
