@@ -11,7 +11,6 @@
 #include "gaussdb/job/roach_source.h"
 #include "host/catalog/catalog_operator.h"
 #include "host/job/job_mutex.h"
-#include "host/job/job_thread_helper.h"
 #include "host/job/minor_resource_id.h"
 #include "json_spirit/access.h"
 #include "qmrt/format.h"
@@ -61,7 +60,8 @@ std::string statement_text(std::string const& name) {
 
 } // namespace
 
-Executor::GaussDB_Non_Intrusive_Backup_Job_Executor(Job& job) : Job_Executor_T(job) {}
+Executor::GaussDB_Non_Intrusive_Backup_Job_Executor(Job& job)
+    : Job_Executor_T(job), GaussDB_Non_Intrusive_Run(job) {}
 
 Executor::~GaussDB_Non_Intrusive_Backup_Job_Executor() {
     if (!abort_catalog_)
@@ -82,13 +82,7 @@ bool Executor::is_active(Job::Action_Options const*) {
     if (!lock.locked())
         return false;
     instance_ = src_->instance_;
-    cluster_ = find_cluster(instance_);
-    if (cluster_.null()) {
-        QMRT_LOG(LM_EMERGENCY, "Unexpected error in %N:%l, cluster_ is NULL:\n%?\n");
-        return false;
-    }
-    host_uuids_ = policy_hosts(cluster_->get_gaussdb_version().model_, instance_);
-    return true;
+    return find_instance();
 }
 
 bool Executor::execute_i(Job::Action_Options const*) {
@@ -104,20 +98,17 @@ bool Executor::execute_i(Job::Action_Options const*) {
     job_instance_uuid_ = uuid_binary_to_string(act_.id);
     backup_type_ = def_.subtype();
     std::string user;
-    if (!choose_type() || !check_names() || !read_instance() || !find_service(user))
+    if (!choose_type() || !check_names() ||
+        !read_instance("Failed to get gaussdb instance info.") || !find_service(user))
         return false;
 
     GaussDB_Backup_Set bset;
     init_catalog(bset);
-    if (!get_roach_host_name(bset.host)) {
-        QMRT_LOG(LM_ERROR, "Failed to get database host name.\n");
-        return false;
-    }
-    if (!get_seq(bset.seq))
+    if (!get_roach_host_name(bset.host) || !get_seq(bset.seq))
         return false;
     choose_base(bset);
 
-    Run_Hold const node(job_, node_resources(host_uuids_, src_->id(), address_, bset.host));
+    Run_Hold const node(job_, resources(src_->id(), bset.host));
     if (!node)
         return false;
     Roach_Source roach_source = make_roach_source(user);
@@ -128,10 +119,7 @@ bool Executor::execute_i(Job::Action_Options const*) {
     bset.meta_destination = roach_source.meta_path();
     count_nodes();
     std::string cmd;
-    Scoped_Deleter const remove_schema_list([&] {
-        if (!schema_list_.empty())
-            remove_lines(schema_list_, address_, ssh_opts_);
-    });
+    Scoped_Deleter const remove_schema_list([&] { remove_lists(); });
     if (!make_command(cmd, bset.prior_backup_key))
         return false;
     if (!save_tables_info(bset.tables)) {
@@ -142,14 +130,6 @@ bool Executor::execute_i(Job::Action_Options const*) {
         return false;
     (void)roach_source.remove(host_uuids_, nullptr, ""); // what stays behind has been logged
     return true;
-}
-
-bool Executor::is_opengauss() const {
-    return cluster_->get_gaussdb_version().model_ == GAUSSDB_FOR_OPENGAUSS;
-}
-
-bool Executor::canceled() const {
-    return is_canceled(act_);
 }
 
 // what is to be saved
@@ -183,42 +163,7 @@ bool Executor::check_names() const {
     return check_bare_names(bare);
 }
 
-bool Executor::read_instance() {
-    Non_Intrusive_Access access;
-    if (!read_access(*cluster_, access)) {
-        QMRT_LOG(LM_ERROR, "Failed to get gaussdb instance info.\n");
-        return false;
-    }
-    address_ = access.address;
-    meta_path_ = access.meta_path;
-    ssh_opts_ = access.ssh_opts;
-    source_commands_ = access.source_commands;
-    backup_port_ = access.backup_port;
-    return true;
-}
-
-bool Executor::find_service(std::string& user) {
-    if (get_client_info(user))
-        return true;
-    QMRT_LOG(LM_ERROR, "Failed to get roach client info.\n");
-    return false;
-}
-
-bool Executor::get_client_info(std::string& user) {
-    return find_data_service(cluster_->get_gaussdb_version().model_, remote_ip_, user,
-                             client_port_);
-}
-
 // the node
-
-bool Executor::execute_ssh_command(std::string const& command, std::string& result) const {
-    return ::execute_ssh_command(address_, ssh_opts_, command, result);
-}
-
-/** It is kept in the catalog, and becomes a word of a restore's command line. */
-bool Executor::get_roach_host_name(std::string& hostname) const {
-    return find_host_name(address_, ssh_opts_, hostname);
-}
 
 void Executor::count_nodes() {
     if (is_opengauss()) {
@@ -234,33 +179,14 @@ void Executor::count_nodes() {
     QMRT_LOG(LM_DEBUG, "Detected %d cluster nodes.\n", nodes_count_);
 }
 
-/** The node itself logs in to each of the others. */
 void Executor::clean_dws_metadata() const {
-    if (!opts_->clean_meta_ || meta_path_.empty())
-        return;
-    GaussDB_Client_ptr const client = cluster_->create_client(nullptr, nullptr, nullptr);
-    std::vector<std::string> addresses;
-    if (!client || !get_database_addresses(client.get(), addresses))
-        return;
-    std::string const path = meta_path_ + "/roach";
-    for (std::string const& address : addresses) {
-        QMRT_LOG(LM_DEBUG, "Cleaning directory %s on %s ...\n", path.c_str(),
-                 names::shown(address).c_str());
-        std::string ignored;
-        if (!check_bare_names({{"address of a node", address, names::fault_of_host}}) ||
-            !execute_ssh_command(string_sprintf("ssh %s %s 'rm -rf %s'", ssh_opts_.c_str(),
-                                                address.c_str(), path.c_str()),
-                                 ignored))
-            QMRT_LOG(LM_WARNING, "Failed to clean roach path on %s.\n",
-                     names::shown(address).c_str());
-    }
+    if (opts_->clean_meta_ && !meta_path_.empty())
+        remove_from_nodes(meta_path_ + "/roach", ssh_opts_ + " ");
 }
 
-bool Executor::dump_schema_list(std::vector<std::string> const& schemas,
-                                std::string const& path) const {
-    if (QMRT_IS_EMPTY(path) || QMRT_IS_EMPTY(schemas))
-        return false;
-    return send_lines(schemas, path, evt_handler_.job_act_id(), address_, ssh_opts_);
+bool Executor::dump_schema_list(std::vector<std::string> const& schemas, std::string const& path) {
+    return !QMRT_IS_EMPTY(path) && !QMRT_IS_EMPTY(schemas) &&
+           send_list(schemas, path, evt_handler_.job_act_id());
 }
 
 // the catalog
@@ -466,13 +392,13 @@ bool Executor::generate_dws_backup_cmd(std::string& cmd) {
         .add_if(opts_->cpu_cores_ != 0, " --cpu-cores ", opts_->cpu_cores_);
     if (is_schema_backup()) {
         auto const& [database, schemas] = *src_->schemas_.begin();
-        schema_list_ = string_sprintf("/home/%s/zenbrak3_schema.txt", user.c_str());
-        if (!dump_schema_list(schemas, schema_list_)) {
-            QMRT_LOG(LM_ERROR, "Failed to dump schema file %s to %s.\n", schema_list_.c_str(),
+        std::string const list = string_sprintf("/home/%s/zenbrak3_schema.txt", user.c_str());
+        if (!dump_schema_list(schemas, list)) {
+            QMRT_LOG(LM_ERROR, "Failed to dump schema file %s to %s.\n", list.c_str(),
                      address_.c_str());
             return false;
         }
-        line.add(" --dbname ", database).add(" --schema-list ", schema_list_);
+        line.add(" --dbname ", database).add(" --schema-list ", list);
     }
     line.add_if(opts_->master_timeout_ != 0, " --master-timeout ", opts_->master_timeout_)
         .add_if(opts_->cbm_recycle_level_ >= 0, " --cbm-recycle-level ", opts_->cbm_recycle_level_)
@@ -504,44 +430,21 @@ bool Executor::generate_common_backup_cmd(std::string& cmd,
     if (!prior_backup_key.empty() &&
         !check_bare_names({{"key of the prior backup", prior_backup_key, names::fault_of_id}}))
         return false;
-    Remote_Command(cmd)
-        .add_if(opts_->max_memory_usage_ != 0, " --max-memory-usage=", opts_->max_memory_usage_)
-        .add_if(opts_->buffer_size_ != 0, " --buffer-size=", opts_->buffer_size_)
-        .add_if(opts_->buffer_block_size_ != 0, " --buffer-block-size=", opts_->buffer_block_size_)
-        .add_if(!prior_backup_key.empty(), " --prior-backup-key=", prior_backup_key);
+    add_buffers(cmd, *opts_);
+    Remote_Command(cmd).add_if(!prior_backup_key.empty(), " --prior-backup-key=", prior_backup_key);
     return true;
 }
 
 bool Executor::run_tool(std::string const& cmd, GaussDB_Backup_Set& bset) {
     Roach_Progress_Handler progress(std::max(nodes_count_, 1), &evt_handler_, 1);
-    ACE_Event event;
-    Job_Thread_Helper stop_thread(&job_, THR_NEW_LWP | THR_JOINABLE | THR_INHERIT_SCHED,
-                                  ACE_DEFAULT_THREAD_PRIORITY);
-    if (stop_thread.spawn([&] { job_stop_thread(event); }) == -1) {
-        QMRT_LOG(LM_ERROR, "Failed to start the thread that stops the backup tool, %m\n");
-        return false;
-    }
-    Scoped_Deleter const join_stop_thread([&] {
-        event.signal();
-        stop_thread.join();
-        let_cleanup_run(act_);
+    return run_with_stop_thread([&](Roach_Executor& tool) {
+        if (!tool.execute_non_intrusive_cmd(address_.c_str(), cmd.c_str(), &progress,
+                                            &bset.backup_key)) {
+            QMRT_LOG(LM_ERROR, "Failed to execute roach backup.\n");
+            return false;
+        }
+        QMRT_LOG(LM_DEBUG, "Successfully backed up GaussDB, backup key is %s.\n",
+                 bset.backup_key.c_str());
+        return true;
     });
-    if (canceled())
-        return false;
-    GaussDB_Env const no_env;
-    Roach_Executor roach_executor("", no_env, false, job_.log_msg_callback());
-    roach_executor.source_cmd(source_commands_.c_str());
-    roach_executor.ssh_opts(ssh_opts_.c_str());
-    if (!roach_executor.execute_non_intrusive_cmd(address_.c_str(), cmd.c_str(), &progress,
-                                                  &bset.backup_key)) {
-        QMRT_LOG(LM_ERROR, "Failed to execute roach backup.\n");
-        return false;
-    }
-    QMRT_LOG(LM_DEBUG, "Successfully backed up GaussDB, backup key is %s.\n",
-             bset.backup_key.c_str());
-    return true;
-}
-
-void Executor::job_stop_thread(ACE_Event& event) {
-    stop_tool_on_cancel(job_, address_, event, stop_interval_);
 }

@@ -1,16 +1,13 @@
 #ifndef GAUSSDB_JOB_GAUSSDB_NON_INTRUSIVE_BACKUP_EXECUTOR_H
 #define GAUSSDB_JOB_GAUSSDB_NON_INTRUSIVE_BACKUP_EXECUTOR_H
 
-#include "gaussdb/common/gaussdb_cluster_handler.h"
 #include "gaussdb/job/gaussdb_backup_job_options.h"
 #include "gaussdb/job/gaussdb_backup_job_source.h"
 #include "gaussdb/job/gaussdb_backup_set.h"
+#include "gaussdb/job/gaussdb_non_intrusive_run.h"
 #include "host/job/job_event_handler.h"
 #include "host/job/run_hold.h"
 #include "job/job_executor_t.h"
-
-#include <ace/Event.h>
-#include <ace/Time_Value.h>
 
 #include <optional>
 #include <string>
@@ -35,26 +32,20 @@ class Roach_Source;
  */
 class GaussDB_Non_Intrusive_Backup_Job_Executor
     : public Job_Executor_T<GaussDB_Backup_Job_Source, GaussDB_Backup_Job_Options,
-                            Job_Event_Handler> {
+                            Job_Event_Handler>,
+      protected GaussDB_Non_Intrusive_Run {
 public:
     explicit GaussDB_Non_Intrusive_Backup_Job_Executor(Job& job);
     ~GaussDB_Non_Intrusive_Backup_Job_Executor() override;
 
 protected:
-    static constexpr int STOP_INTERVAL = 2; ///< seconds between two looks for a cancel
-
     [[nodiscard]] bool execute_i(Job::Action_Options const* options) override;
     [[nodiscard]] bool is_active(Job::Action_Options const* options) override;
 
-    ACE_Time_Value stop_interval_{STOP_INTERVAL};
-
 private:
-    [[nodiscard]] bool is_opengauss() const;
     [[nodiscard]] bool is_schema_backup() const { return !src_->schemas_.empty(); }
     [[nodiscard]] bool check_names() const;
     [[nodiscard]] bool choose_type();
-    [[nodiscard]] bool read_instance();
-    [[nodiscard]] bool find_service(std::string& user);
     void choose_base(GaussDB_Backup_Set& bset) const;
     Roach_Source make_roach_source(std::string const& user) const;
     void count_nodes();
@@ -67,41 +58,24 @@ private:
                                    std::string const& schema, std::string const& parent,
                                    json_spirit::Array& tables) const;
 
-    [[nodiscard]] bool canceled() const;
     [[nodiscard]] bool get_size(ACE_INT64& storage_size, ACE_INT64& set_size) const;
     [[nodiscard]] bool get_prior_backup(std::string& incarnation, std::string& backup_key,
                                         bool full, bool schema_only) const;
     [[nodiscard]] bool get_seq(ACE_INT64& seq) const;
     void init_catalog(GaussDB_Backup_Set& bset) const;
-    [[nodiscard]] bool get_client_info(std::string& user);
     void clean_dws_metadata() const;
     [[nodiscard]] bool generate_dws_backup_cmd(std::string& cmd);
     [[nodiscard]] bool generate_for_opengauss_backup_cmd(std::string& cmd) const;
     [[nodiscard]] bool generate_common_backup_cmd(std::string& cmd,
                                                   std::string const& prior_backup_key) const;
     [[nodiscard]] bool save_tables_info(json_spirit::Array& tables) const;
-    void job_stop_thread(ACE_Event& event);
     [[nodiscard]] bool dump_schema_list(std::vector<std::string> const& schemas,
-                                        std::string const& path) const;
-    [[nodiscard]] bool execute_ssh_command(std::string const& command, std::string& result) const;
-    [[nodiscard]] bool get_roach_host_name(std::string& hostname) const;
+                                        std::string const& path);
 
     std::optional<Run_Hold> instance_hold_;
-    GaussDB_Cluster_Handler_var cluster_; ///< empty until is_active() has found it
-    bool abort_catalog_ = false;          ///< the set is open
-    std::string job_instance_uuid_;       ///< the run's id, and the set's
-    std::string address_;                 ///< the node, for ssh
-    std::string meta_path_;               ///< the tool's metadata directory on the node
-    std::string instance_;
-    std::string remote_ip_; ///< where the backUpAgent listens; openGauss only
-    std::string ssh_opts_;
-    std::string source_commands_;
-    uint16_t backup_port_ = 0; ///< of the tool's master
-    uint16_t client_port_ = 0; ///< of the service that takes the data
-    int nodes_count_ = 0;
-    std::vector<std::string> host_uuids_; ///< the agents that get the policy
+    bool abort_catalog_ = false;    ///< the set is open
+    std::string job_instance_uuid_; ///< the run's id, and the set's
     Job_Definition_Subtype backup_type_ = JOB_DEFINITION_SUBTYPE_FULL;
-    std::string schema_list_; ///< the list on the node, while it is there
 };
 
 #endif

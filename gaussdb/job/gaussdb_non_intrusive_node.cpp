@@ -2,12 +2,10 @@
 
 #include "gaussdb/common/gaussdb_cmd_handler.h"
 #include "gaussdb/common/gaussdb_non_intrusive_record.h"
-#include "gaussdb/job/cluster_job.h"
 #include "gaussdb/job/gaussdb_utils.h"
 #include "gaussdb/job/roach_executor.h"
 #include "host/agent/host_manager.h"
 #include "host/job/job.h"
-#include "host/job/run_hold.h"
 #include "host/process/cancellation.h"
 #include "host/process/service_lister.h"
 #include "qmrt/check.h"
@@ -102,21 +100,6 @@ std::vector<std::string> policy_hosts(GAUSSDB_VERSION flavour, std::string const
     QMRT_LOG(LM_DEBUG, "Failed to get roach client cluster host uuids, use only the current roach "
                        "client.\n");
     return {Host_Manager::instance()->uuid()};
-}
-
-std::set<std::string> node_resources(std::vector<std::string> const& host_uuids,
-                                     std::string const& policy_name, std::string const& address,
-                                     std::string const& host_name) {
-    std::set<std::string> resources = roach_resources(host_uuids, policy_name);
-    // two records may lead to one node by different addresses
-    resources.insert({Run_Hold::node(address), Run_Hold::node(host_name)});
-    return resources;
-}
-
-bool find_host_name(std::string const& address, std::string const& ssh_opts,
-                    std::string& host_name) {
-    return execute_ssh_command(address, ssh_opts, "hostname", host_name) &&
-           check_bare_names({{"host name of the node", host_name, names::fault_of_host}});
 }
 
 bool find_tool_user(std::string const& address, std::string const& ssh_opts, std::string& user) {

@@ -9,7 +9,6 @@
 #include <ace/Time_Value.h>
 
 #include <concepts>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -54,6 +53,16 @@ private:
     std::string& text_;
 };
 
+/** The tool's buffers, as far as they are set. @tparam Options  of a backup or a restore */
+template <typename Options>
+void add_buffers(std::string& cmd, Options const& options) {
+    Remote_Command(cmd)
+        .add_if(options.max_memory_usage_ != 0, " --max-memory-usage=", options.max_memory_usage_)
+        .add_if(options.buffer_size_ != 0, " --buffer-size=", options.buffer_size_)
+        .add_if(options.buffer_block_size_ != 0,
+                " --buffer-block-size=", options.buffer_block_size_);
+}
+
 /** A name that stands bare on a remote command line, and what it must be. */
 struct Bare_Name {
     char const* what; ///< "database"
@@ -81,15 +90,6 @@ struct Bare_Name {
 /** The hosts that get the policy: those of the cluster's record at the backup server, or this one.
  */
 std::vector<std::string> policy_hosts(GAUSSDB_VERSION flavour, std::string const& instance);
-
-/** What a run uses alone, for Run_Hold: roach_resources() and the node under both its names. */
-std::set<std::string> node_resources(std::vector<std::string> const& host_uuids,
-                                     std::string const& policy_name, std::string const& address,
-                                     std::string const& host_name);
-
-/** The node's own name, checked: it becomes a word of command lines. */
-[[nodiscard]] bool find_host_name(std::string const& address, std::string const& ssh_opts,
-                                  std::string& host_name);
 
 /** The login's user on the node, who has the tool's files in /home/USER. */
 [[nodiscard]] bool find_tool_user(std::string const& address, std::string const& ssh_opts,

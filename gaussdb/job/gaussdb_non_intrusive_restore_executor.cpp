@@ -11,7 +11,6 @@
 #include "gaussdb/job/roach_source.h"
 #include "host/catalog/backup_set.h"
 #include "host/job/job_mutex.h"
-#include "host/job/job_thread_helper.h"
 #include "host/job/run_hold.h"
 #include "json_spirit/access.h"
 #include "qmrt/format.h"
@@ -40,20 +39,13 @@ std::string time_stamp() {
 
 } // namespace
 
-Restore::GaussDB_Non_Intrusive_Restore_Job_Executor(Job& job) : Job_Executor_T(job) {}
+Restore::GaussDB_Non_Intrusive_Restore_Job_Executor(Job& job)
+    : Job_Executor_T(job), GaussDB_Non_Intrusive_Run(job) {}
 
 Restore::~GaussDB_Non_Intrusive_Restore_Job_Executor() = default;
 
 bool Restore::is_active(Job::Action_Options const*) {
-    if (!parse_instance_entry(src_->restore_as_, instance_))
-        return false;
-    cluster_ = find_cluster(instance_);
-    if (cluster_.null()) {
-        QMRT_LOG(LM_EMERGENCY, "Unexpected error in %N:%l, cluster_ is NULL:\n%?\n");
-        return false;
-    }
-    host_uuids_ = policy_hosts(cluster_->get_gaussdb_version().model_, instance_);
-    return true;
+    return parse_instance_entry(src_->restore_as_, instance_) && find_instance();
 }
 
 bool Restore::execute_i(Job::Action_Options const*) {
@@ -74,6 +66,7 @@ bool Restore::execute_i(Job::Action_Options const*) {
     act_.set_size = 0;
     act_.set_storage_size = 0;
     std::string user;
+    std::string node_name;
     Chain chain;
     if (is_opengauss() && is_table_restore()) {
         // its tool knows no tables: it would replace the whole cluster
@@ -81,22 +74,18 @@ bool Restore::execute_i(Job::Action_Options const*) {
                            "cluster, for example as a new one\n");
         return false;
     }
-    if (!check_names() || !read_instance() || !find_service(user) || !load_chain(chain) ||
-        !check_new_cluster())
+    if (!check_names() || !read_instance("Failed to get DWS instance info.") ||
+        !find_service(user) || !load_chain(chain) || !check_new_cluster() ||
+        !get_roach_host_name(node_name))
         return false;
-    std::string host_name;
-    if (!find_host_name(address_, ssh_opts_, host_name)) {
-        QMRT_LOG(LM_ERROR, "Failed to get database host name.\n");
-        return false;
-    }
-    Run_Hold const node(job_, node_resources(host_uuids_, tgt_.id(), address_, host_name));
+    Run_Hold const node(job_, resources(tgt_.id(), node_name));
     if (!node)
         return false;
     Roach_Source roach_source = make_roach_source(chain, user);
     if (!notify(roach_source))
         return false;
     std::string cmd;
-    Scoped_Deleter const remove_lists([&] { remove_table_lists(); });
+    Scoped_Deleter const lists([&] { remove_lists(); });
     if (make_command(cmd) && run_tool(cmd, roach_source, chain)) {
         act_.size = chain.original_size;
         act_.set_size = chain.original_size;
@@ -106,20 +95,12 @@ bool Restore::execute_i(Job::Action_Options const*) {
     return false;
 }
 
-bool Restore::is_opengauss() const {
-    return cluster_->get_gaussdb_version().model_ == GAUSSDB_FOR_OPENGAUSS;
-}
-
 bool Restore::is_table_restore() const {
     return def_.subtype() == JOB_DEFINITION_SUBTYPE_TABLE;
 }
 
 bool Restore::new_cluster() const {
     return src_->id() != tgt_.id();
-}
-
-bool Restore::canceled() const {
-    return is_canceled(act_);
 }
 
 // what is to be restored
@@ -141,32 +122,6 @@ bool Restore::check_names() const {
                 bare.push_back({"schema or table", *name, names::fault_of_listed_name});
     }
     return check_bare_names(bare);
-}
-
-bool Restore::read_instance() {
-    Non_Intrusive_Access access;
-    if (!read_access(*cluster_, access)) {
-        QMRT_LOG(LM_ERROR, "Failed to get DWS instance info.\n");
-        return false;
-    }
-    address_ = access.address;
-    meta_path_ = access.meta_path;
-    ssh_opts_ = access.ssh_opts;
-    source_commands_ = access.source_commands;
-    backup_port_ = access.backup_port;
-    return true;
-}
-
-bool Restore::find_service(std::string& user) {
-    if (get_client_info(user))
-        return true;
-    QMRT_LOG(LM_ERROR, "Failed to get roach client info.\n");
-    return false;
-}
-
-bool Restore::get_client_info(std::string& user) {
-    return find_data_service(cluster_->get_gaussdb_version().model_, remote_ip_, user,
-                             client_port_);
 }
 
 bool Restore::check_new_cluster() const {
@@ -376,10 +331,7 @@ bool Restore::generate_for_opengauss_restore_cmd(std::string& cmd) const {
 }
 
 bool Restore::generate_common_restore_cmd(std::string& cmd) const {
-    Remote_Command(cmd)
-        .add_if(opts_->max_memory_usage_ != 0, " --max-memory-usage=", opts_->max_memory_usage_)
-        .add_if(opts_->buffer_size_ != 0, " --buffer-size=", opts_->buffer_size_)
-        .add_if(opts_->buffer_block_size_ != 0, " --buffer-block-size=", opts_->buffer_block_size_);
+    add_buffers(cmd, *opts_);
     return true;
 }
 
@@ -407,7 +359,7 @@ bool Restore::send_table_lists(std::string const& user) {
 }
 
 bool Restore::dump_table_list(Table_Mapping_List const& tables, std::string const& path,
-                              bool source_table) const {
+                              bool source_table) {
     if (QMRT_IS_EMPTY(path) || QMRT_IS_EMPTY(tables))
         return false;
     std::vector<std::string> lines;
@@ -415,42 +367,24 @@ bool Restore::dump_table_list(Table_Mapping_List const& tables, std::string cons
         lines.push_back(string_sprintf(
             "%s.%s", (source_table ? table.source_schema : table.target_schema).c_str(),
             (source_table ? table.source_table : table.target_table).c_str()));
-    return send_lines(lines, path, evt_handler_.job_act_id(), address_, ssh_opts_);
-}
-
-void Restore::remove_table_lists() {
-    for (std::string const& path : table_lists_)
-        remove_lines(path, address_, ssh_opts_);
+    return send_list(lines, path, evt_handler_.job_act_id());
 }
 
 bool Restore::run_tool(std::string& cmd, Roach_Source& roach_source, Chain const& chain) {
     // a step for each set, and one for the end
     Roach_Progress_Handler progress(std::max(nodes_count_, 1), &evt_handler_,
                                     static_cast<int>(chain.catalogs.size() + 1));
-    ACE_Event event;
-    Job_Thread_Helper stop_thread(&job_, THR_NEW_LWP | THR_JOINABLE | THR_INHERIT_SCHED,
-                                  ACE_DEFAULT_THREAD_PRIORITY);
-    if (stop_thread.spawn([&] { job_stop_thread(event); }) == -1) {
-        QMRT_LOG(LM_ERROR, "Failed to start the thread that stops the backup tool, %m\n");
-        return false;
-    }
-    Scoped_Deleter const join_stop_thread([&] {
-        event.signal();
-        stop_thread.join();
-        let_cleanup_run(act_);
-        (void)clean_meta();
-    });
-    if (canceled())
-        return false;
-    GaussDB_Env const no_env;
-    Roach_Executor roach_executor("", no_env, false, job_.log_msg_callback());
-    roach_executor.source_cmd(source_commands_.c_str());
-    roach_executor.ssh_opts(ssh_opts_.c_str());
-    if (!roach_executor.execute_non_intrusive_cmd(address_.c_str(), cmd.c_str(), &progress,
-                                                  nullptr)) {
+    auto const work = [&](Roach_Executor& tool) {
+        if (tool.execute_non_intrusive_cmd(address_.c_str(), cmd.c_str(), &progress, nullptr))
+            return finish(tool, roach_source);
         QMRT_LOG(LM_ERROR, "Failed to execute roach restore.\n");
         return false;
-    }
+    };
+    return run_with_stop_thread(work, [&] { (void)clean_meta(); });
+}
+
+/** The data is back. */
+bool Restore::finish(Roach_Executor& tool, Roach_Source& roach_source) {
     if (is_table_restore()) {
         QMRT_LOG(LM_DEBUG, "Successfully restored database tables.\n");
         return true;
@@ -461,7 +395,7 @@ bool Restore::run_tool(std::string& cmd, Roach_Source& roach_source, Chain const
     }
     QMRT_LOG(LM_DEBUG, "Successfully restored database, starting it ...\n");
     (void)roach_source.remove(host_uuids_, nullptr, ""); // what stays behind has been logged
-    return start(roach_executor);
+    return start(tool);
 }
 
 bool Restore::start(Roach_Executor& roach_executor) {
@@ -477,29 +411,8 @@ bool Restore::start(Roach_Executor& roach_executor) {
     return false;
 }
 
-void Restore::job_stop_thread(ACE_Event& event) {
-    stop_tool_on_cancel(job_, address_, event, stop_interval_);
-}
-
-/** Removes this run's metadata directory from all nodes, to which the node itself logs in. */
 bool Restore::clean_meta() const {
-    if (cluster_->get_gaussdb_version().model_ != GAUSSDB_DWS || restore_meta_path_.empty())
-        return true;
-    GaussDB_Client_ptr const client = cluster_->create_client(nullptr, nullptr, nullptr);
-    std::vector<std::string> addresses;
-    if (!client || !get_database_addresses(client.get(), addresses))
-        return true;
-    for (std::string const& address : addresses) {
-        QMRT_LOG(LM_DEBUG, "Cleaning directory %s on %s ...\n", restore_meta_path_.c_str(),
-                 names::shown(address).c_str());
-        std::string ignored;
-        if (!check_bare_names({{"address of a node", address, names::fault_of_host}}) ||
-            !execute_ssh_command(
-                address_, ssh_opts_,
-                string_sprintf("ssh %s 'rm -rf %s'", address.c_str(), restore_meta_path_.c_str()),
-                ignored))
-            QMRT_LOG(LM_WARNING, "Failed to clean roach path on %s.\n",
-                     names::shown(address).c_str());
-    }
+    if (cluster_->get_gaussdb_version().model_ == GAUSSDB_DWS && !restore_meta_path_.empty())
+        remove_from_nodes(restore_meta_path_, "");
     return true;
 }

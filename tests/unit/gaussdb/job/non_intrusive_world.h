@@ -221,4 +221,144 @@ esac
     std::unique_ptr<Ssh_Server> server_;
 };
 
+/** How a run must fail: what breaks, what is told, and what is left. */
+template <typename World>
+struct Non_Intrusive_Failure {
+    char const* name;
+    std::function<void(World&)> breaks;
+    char const* alert; ///< "alert 7 3"; "" for none
+    char const* message;
+    std::vector<char const*> also;    ///< logged by the layers below, as errors or warnings
+    std::vector<std::string> catalog; ///< the calls, with the set's uuid as SET
+    bool leaves_policy;
+};
+template <typename World>
+void PrintTo(Non_Intrusive_Failure<World> const& failure, std::ostream* out) {
+    *out << failure.name;
+}
+
+/** A Non_Intrusive_World with a definition. What holds for a backup holds for a restore. */
+template <typename Executor, typename Source, typename Options>
+class Non_Intrusive_Runs : public Non_Intrusive_World {
+public:
+    using Kind = Controllable_Job_T<Executor>;
+    using Eager_Kind = Controllable_Job_T<Eager_Stop<Executor>>;
+    using Runs = Non_Intrusive_Runs;
+    using Failure = Non_Intrusive_Failure<Non_Intrusive_Runs>;
+
+    void make_definition(Job_Definition_Type type, std::string const& target) {
+        def_ = definition(type);
+        set_target(target);
+        source_ = new Source;
+        source_->id(RESOURCE);
+        def_->source(Job_Source_var(source_));
+        options_ = new Options;
+        options_->channels_ = 2;
+        def_->options(Job_Options_var(options_));
+    }
+    void set_target(std::string const& id) {
+        Job_Target target;
+        target.id(id);
+        target.device_id("device-1");
+        def_->target(target);
+    }
+    /** Runs the definition to its end. */
+    template <typename Job_Kind = Kind>
+    std::string run_once() {
+        return run(Job_var(new Job_Kind(def_), false), RESOURCE);
+    }
+    /** The name of the run's policy. */
+    std::string policy_name() const {
+        return def_->type() == JOB_DEFINITION_BACKUP ? RESOURCE : def_->target().id();
+    }
+    /** The run fails with these lines, and the tool was not run. */
+    void expect_refused(std::string const& message, std::string const& also = "") {
+        EXPECT_EQ(FAILURE, run_once());
+        EXPECT_LOGGED(LM_ERROR, message);
+        if (!also.empty()) {
+            EXPECT_LOGGED(LM_ERROR, also);
+        }
+        EXPECT_EQ(0u, roach_calls());
+        EXPECT_FALSE(catalog_->has(jobs_.run_ids().back()));
+    }
+    void expect_failed(Failure const& failure) {
+        catalog_mark_ = catalog_->calls().size();
+        failure.breaks(*this);
+        EXPECT_EQ(FAILURE, run_once());
+        EXPECT_EQ(*failure.alert ? Texts{failure.alert} : Texts{}, events_with("alert "));
+        EXPECT_LOGGED(LM_ERROR, failure.message);
+        for (char const* text : failure.also)
+            EXPECT_LT(0u, Log_Capture::instance().claim_all(LM_ERROR, text) +
+                              Log_Capture::instance().claim_all(LM_WARNING, text))
+                << text;
+        EXPECT_EQ(failure.catalog, catalog_calls());
+        EXPECT_EQ(failure.leaves_policy, policy_of(policy_name()));
+    }
+    /** The run has the instance, and then hosts and node, for itself, also if it fails. */
+    void expect_holds(std::string const& instance, std::string const& node) {
+        Texts const held{"hold " + instance, "hold " + node, "release " + node,
+                         "release " + instance};
+        ASSERT_EQ(SUCCESS, run_once());
+        EXPECT_EQ(held, jobs_.holds());
+        jobs_.clear();
+        new_script("GaussRoach.py", "err no space\nexit 1");
+        EXPECT_EQ(FAILURE, run_once());
+        EXPECT_EQ(held, jobs_.holds()) << "a failed run gives it back, too";
+        EXPECT_LOGGED(LM_ERROR, "Failed to execute roach ");
+        Log_Capture::instance().claim_all(LM_WARNING, "no space");
+    }
+    /** Runs wait for each resource in turn, show for what, and go on. */
+    void expect_waiting_shown() {
+        for (char const* resource : {"instance/dws-1", "node/cn1"}) {
+            jobs_.clear();
+            int answers = 0;
+            jobs_.on_hold([&](std::set<std::string> const& resources) {
+                if (!resources.contains(resource) || ++answers == 3)
+                    return Hold_Answer();
+                return Hold_Answer{Hold_Answer::WAIT, "job x"};
+            });
+            ASSERT_EQ(SUCCESS, run_once()) << resource;
+            Texts holds = jobs_.holds();
+            std::erase_if(holds,
+                          [](std::string const& what) { return !what.starts_with("waiting"); });
+            EXPECT_EQ((Texts{"waiting job x", "waiting "}), holds) << resource;
+            EXPECT_TRUE(Log_Capture::instance().claim(LM_INFO, "Waiting for job x\n"));
+        }
+    }
+    /** A run that waits for one of the resources can be canceled, and has touched nothing. */
+    void expect_wait_canceled() {
+        for (char const* resource : {"instance/dws-1", "node/cn1"})
+            for (bool const now : {false, true}) {
+                jobs_.clear();
+                jobs_.on_hold([&](std::set<std::string> const& resources) {
+                    if (!resources.contains(resource))
+                        return Hold_Answer();
+                    EXPECT_EQ(0, now ? job_->abort_now() : job_->abort());
+                    return Hold_Answer{Hold_Answer::WAIT, "job x"};
+                });
+                EXPECT_EQ("ended canceled 0", run_once()) << resource;
+                EXPECT_FALSE(policy_of(policy_name()));
+                EXPECT_EQ(0u, roach_calls());
+                EXPECT_FALSE(catalog_->has(jobs_.run_ids().back()));
+                EXPECT_TRUE(
+                    Log_Capture::instance().claim(LM_INFO, "Canceled while waiting for job x\n"));
+            }
+    }
+    /** Nothing is there of what a run makes, while it asks for what it uses alone. */
+    void expect_nothing_before_hold(std::string const& list) {
+        bool changed_early = false;
+        jobs_.on_hold([&](std::set<std::string> const&) {
+            changed_early = changed_early || policy_of(policy_name()) || roach_calls() != 0 ||
+                            sent("rm -rf") != 0 || exists(list);
+            return Hold_Answer();
+        });
+        ASSERT_EQ(SUCCESS, run_once());
+        EXPECT_FALSE(changed_early);
+    }
+
+    Job_Definition_var def_;
+    Source* source_ = nullptr;
+    Options* options_ = nullptr;
+};
+
 #endif
