@@ -2,6 +2,7 @@
 
 #include "host/storage/xbsa_layout.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -11,6 +12,7 @@
 namespace {
 
 constexpr mode_t FOLDER_MODE = 0700;
+constexpr int64_t NANOSECONDS = 1000000000;
 constexpr int FOLDER_FLAGS = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 Storage_Result::Code code_of(int error) {
@@ -95,7 +97,22 @@ Storage_Result walk(int pool, File_Pool_Folder::Parts const& parts, size_t depth
 
 /** True where the first @a depth parts are those of a cluster's folder for the XBSA library. */
 bool is_xbsa_folder(File_Pool_Folder::Parts const& parts, size_t depth) {
-    return depth == 2 && xbsa_cluster_folder(parts[0]) == parts[0] + "/" + parts[1];
+    return depth == 2 && is_xbsa_cluster_folder(parts[0] + "/" + parts[1]);
+}
+
+/** Reads one entry of an open directory. @return false for what is neither file nor folder */
+bool read_entry(int directory, dirent const& entry, bool names_only, Storage_Entry& found) {
+    struct stat status;
+    if (names_only && (entry.d_type == DT_REG || entry.d_type == DT_DIR)) {
+        found.name = entry.d_name;
+        found.is_folder = entry.d_type == DT_DIR;
+        return true;
+    }
+    if (fstatat(directory, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == -1 ||
+        (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)))
+        return false;
+    found = storage_entry(entry.d_name, status);
+    return true;
 }
 
 } // namespace
@@ -105,6 +122,43 @@ Storage_Result storage_errno(std::string const& what, int error) {
     char const* const reason =
         error == ELOOP ? "links are not followed" : strerror_r(error, buffer, sizeof buffer);
     return {code_of(error), what + ": " + reason};
+}
+
+Storage_Entry storage_entry(std::string name, struct stat const& status) {
+    Storage_Entry entry;
+    entry.name = std::move(name);
+    entry.is_folder = S_ISDIR(status.st_mode);
+    entry.size = entry.is_folder ? 0 : static_cast<uint64_t>(status.st_size);
+    entry.modified = status.st_mtime;
+    entry.changed = int64_t{status.st_ctim.tv_sec} * NANOSECONDS + status.st_ctim.tv_nsec;
+    return entry;
+}
+
+Storage_Result list_folder(File_Descriptor const& folder, bool names_only,
+                           std::vector<Storage_Entry>& entries) {
+    constexpr char WHAT[] = "failed to list the folder";
+    File_Descriptor fd(openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd)
+        return storage_errno(WHAT, errno);
+    std::unique_ptr<DIR, Directory_Closer> const directory(fdopendir(fd.get()));
+    if (!directory)
+        return storage_errno(WHAT, errno);
+    fd.release();
+    std::vector<Storage_Entry> found;
+    errno = 0;
+    while (dirent const* entry = readdir(directory.get())) {
+        Storage_Entry one;
+        // the rules for names leave out "." and ".." as well as what is unfinished
+        if (check_object_name(entry->d_name) &&
+            read_entry(dirfd(directory.get()), *entry, names_only, one))
+            found.push_back(std::move(one));
+        errno = 0;
+    }
+    if (errno)
+        return storage_errno(WHAT, errno);
+    std::ranges::sort(found, {}, &Storage_Entry::name);
+    entries = std::move(found);
+    return {};
 }
 
 File_Descriptor File_Pool_Folder::open_pool(char const* path) {

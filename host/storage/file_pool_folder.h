@@ -6,6 +6,7 @@
 
 #include <dirent.h>
 #include <memory>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 /** The result for a system call that failed with @a error: "<what>: <text of the error>". */
@@ -13,6 +14,16 @@ Storage_Result storage_errno(std::string const& what, int error);
 
 /** What an object is made with: its maker's alone. Who enters what is told in xbsa_folder.h. */
 constexpr mode_t OBJECT_MODE = 0600;
+
+/** What a file's or folder's status says of it. */
+Storage_Entry storage_entry(std::string name, struct stat const& status);
+
+/**
+ * Lists an open folder by name in byte order: files and folders whose names can be objects' names.
+ * @param names_only  sizes and times may be 0; spares a look at each file
+ */
+Storage_Result list_folder(File_Descriptor const& folder, bool names_only,
+                           std::vector<Storage_Entry>& entries);
 
 /** For a std::unique_ptr of a directory that is being read. */
 struct Directory_Closer {

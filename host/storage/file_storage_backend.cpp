@@ -3,9 +3,7 @@
 #include "host/storage/file_storage_writer.h"
 #include "host/storage/storage_url.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <dirent.h>
 #include <fcntl.h>
 #include <mutex>
 #include <sys/stat.h>
@@ -13,15 +11,6 @@
 #include <unistd.h>
 
 namespace {
-
-Storage_Entry entry_of(std::string name, struct stat const& status) {
-    Storage_Entry entry;
-    entry.name = std::move(name);
-    entry.is_folder = S_ISDIR(status.st_mode);
-    entry.size = entry.is_folder ? 0 : static_cast<uint64_t>(status.st_size);
-    entry.modified = status.st_mtime;
-    return entry;
-}
 
 Storage_Result not_found(std::string const& name) {
     return {Storage_Result::NOT_FOUND, "there is no object '" + name + "'"};
@@ -39,10 +28,18 @@ public:
     Storage_Result stat(std::string const& name, Storage_Entry& entry) override;
     Storage_Result remove(std::string const& name) override;
     Storage_Result rename(std::string const& from, std::string const& to) override;
-    Storage_Result list(std::string const& folder, std::vector<Storage_Entry>& entries) override;
+    Storage_Result list(std::string const& folder, std::vector<Storage_Entry>& entries) override {
+        return read_folder(folder, false, entries);
+    }
+    Storage_Result list_names(std::string const& folder,
+                              std::vector<Storage_Entry>& entries) override {
+        return read_folder(folder, true, entries);
+    }
     Storage_Result space(uint64_t& total, uint64_t& available) override;
 
 private:
+    Storage_Result read_folder(std::string const& folder, bool names_only,
+                               std::vector<Storage_Entry>& entries) const;
     /** Opens the folder that a name stands in. */
     Storage_Result folder_of(std::string const& name, File_Pool_Folder::Parts& parts,
                              File_Descriptor& folder) const;
@@ -94,7 +91,8 @@ Storage_Result File_Storage_Connection::open(std::string const& name,
     if (!S_ISREG(status.st_mode))
         return not_found(name);
     posix_fadvise(file.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-    reader = std::make_unique<File_Storage_Reader>(std::move(file), entry_of(parts.back(), status));
+    reader =
+        std::make_unique<File_Storage_Reader>(std::move(file), storage_entry(parts.back(), status));
     return {};
 }
 
@@ -112,7 +110,7 @@ Storage_Result File_Storage_Connection::stat(std::string const& name, Storage_En
         return storage_errno("failed to look at '" + name + "'", ELOOP);
     if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode))
         return not_found(name);
-    entry = entry_of(parts.back(), status);
+    entry = storage_entry(parts.back(), status);
     return {};
 }
 
@@ -164,8 +162,8 @@ Storage_Result File_Storage_Connection::rename(std::string const& from, std::str
     return result;
 }
 
-Storage_Result File_Storage_Connection::list(std::string const& folder,
-                                             std::vector<Storage_Entry>& entries) {
+Storage_Result File_Storage_Connection::read_folder(std::string const& folder, bool names_only,
+                                                    std::vector<Storage_Entry>& entries) const {
     Storage_Result result = folder.empty() ? Storage_Result() : check_object_name(folder);
     if (!result)
         return result;
@@ -174,30 +172,8 @@ Storage_Result File_Storage_Connection::list(std::string const& folder,
     result = pool_->open_folder(parts, parts.size(), found_folder);
     if (!result)
         return result;
-    File_Descriptor fd(openat(found_folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!fd)
-        return storage_errno("failed to list '" + folder + "'", errno);
-    std::unique_ptr<DIR, Directory_Closer> const directory(fdopendir(fd.get()));
-    if (!directory)
-        return storage_errno("failed to list '" + folder + "'", errno);
-    fd.release();
-    std::vector<Storage_Entry> found;
-    errno = 0;
-    while (dirent const* entry = readdir(directory.get())) {
-        struct stat status;
-        // the rules for names leave out "." and ".." as well as what is unfinished
-        if (check_object_name(entry->d_name) &&
-            fstatat(dirfd(directory.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-            (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)))
-            found.push_back(entry_of(entry->d_name, status));
-        errno = 0;
-    }
-    if (errno)
-        return storage_errno("failed to list '" + folder + "'", errno);
-    std::sort(found.begin(), found.end(),
-              [](auto const& left, auto const& right) { return left.name < right.name; });
-    entries = std::move(found);
-    return {};
+    result = list_folder(found_folder, names_only, entries);
+    return result ? result : Storage_Result(result.code(), "'" + folder + "': " + result.text());
 }
 
 Storage_Result File_Storage_Connection::space(uint64_t& total, uint64_t& available) {

@@ -41,6 +41,8 @@ struct Storage_Entry {
     std::string name;    ///< without the folder that it was listed from
     uint64_t size = 0;   ///< stored bytes; 0 for a folder
     time_t modified = 0; ///< when it was committed
+    /** Nanoseconds since the epoch: when it last changed in any way, by the pool's clock. */
+    int64_t changed = 0;
     bool is_folder = false;
 };
 
@@ -116,6 +118,11 @@ public:
      * it. @param folder  "" for the pool folder itself. A folder that does not exist is NOT_FOUND.
      */
     virtual Storage_Result list(std::string const& folder, std::vector<Storage_Entry>& entries) = 0;
+    /** The same, but sizes and times may be 0: does not look at each object where it need not. */
+    virtual Storage_Result list_names(std::string const& folder,
+                                      std::vector<Storage_Entry>& entries) {
+        return list(folder, entries);
+    }
     /** Bytes that the pool can hold and that are free in it; FAILED when the back end cannot tell.
      */
     virtual Storage_Result space(uint64_t& total, uint64_t& available) = 0;

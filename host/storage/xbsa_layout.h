@@ -14,6 +14,12 @@ inline std::string xbsa_cluster_folder(std::string const& cluster_id) {
     return cluster_id + "/xbsa";
 }
 
+/** Whether the name of a folder in a pool is that of a cluster's. */
+inline bool is_xbsa_cluster_folder(std::string const& name) {
+    size_t const slash = name.find('/');
+    return slash != std::string::npos && name == xbsa_cluster_folder(name.substr(0, slash));
+}
+
 inline std::string xbsa_set_folder(std::string const& cluster_id, std::string const& set) {
     return xbsa_cluster_folder(cluster_id) + "/" + set;
 }

@@ -73,15 +73,20 @@ protected:
         EXPECT_EQ(all.size(), got);
         return all;
     }
-    /** The names in a folder, folders with a "/" behind, joined by blanks. */
-    std::string names(std::string const& folder) {
-        std::vector<Storage_Entry> entries;
-        Storage_Result const result = connection_->list(folder, entries);
-        if (!result)
-            return "<" + std::to_string(result.code()) + ">";
+    static std::string text_of(Storage_Result const& listed,
+                               std::vector<Storage_Entry> const& entries) {
+        if (!listed)
+            return "<" + std::to_string(listed.code()) + ">";
         std::string text;
         for (Storage_Entry const& entry : entries)
             text += (text.empty() ? "" : " ") + entry.name + (entry.is_folder ? "/" : "");
+        return text;
+    }
+    /** The names in a folder, folders with a "/" behind, joined by blanks. */
+    std::string names(std::string const& folder) {
+        std::vector<Storage_Entry> entries, names;
+        std::string const text = text_of(connection_->list(folder, entries), entries);
+        EXPECT_EQ(text, text_of(connection_->list_names(folder, names), names));
         return text;
     }
     Storage_Result::Code stat_code(std::string const& name) {

@@ -7,36 +7,20 @@
 
 namespace {
 
-/** In seconds: times of modification are whole seconds, and may be those of a coarse clock. */
-constexpr time_t UNTRUSTED = 2;
-
 uint64_t key_of(std::string const& readable) {
     return XXH3_64bits(readable.data(), readable.size());
 }
 
-template <typename Entries, typename Take>
-void each_of(Entries const& entries, uint64_t key, Take take) {
-    auto const first =
-        std::lower_bound(entries.begin(), entries.end(), std::pair(key, uint32_t{0}));
-    for (auto at = first; at != entries.end() && at->first == key; ++at)
-        take(at->second);
-}
-
 } // namespace
 
-Xbsa_Result Xbsa_Index::add(std::string const& name, time_t modified, Lister const& list) {
+Xbsa_Result Xbsa_Index::read(std::string const& name, Lister const& list, Set& set) {
     std::vector<Storage_Entry> files;
     Xbsa_Result const result = list(name, files);
     if (!result)
         return result;
-    auto const [at, is_new] = sets_.try_emplace(name);
-    Set& set = at->second;
-    if (is_new) {
-        set.number = static_cast<uint32_t>(names_.size());
-        names_.push_back(name);
-    }
-    set.modified = modified;
     set.named_always = false;
+    set.paths.clear();
+    set.copies.clear();
     for (Storage_Entry const& file : files) {
         std::string path;
         uint64_t copy_id = 0;
@@ -46,60 +30,52 @@ Xbsa_Result Xbsa_Index::add(std::string const& name, time_t modified, Lister con
             set.named_always = true;
             continue;
         }
-        paths_.emplace_back(key_of(path), set.number);
-        copies_.emplace_back(copy_id, set.number);
+        set.paths.push_back(key_of(path));
+        set.copies.push_back(copy_id);
     }
+    std::ranges::sort(set.paths);
+    std::ranges::sort(set.copies);
     return {};
 }
 
 Xbsa_Result Xbsa_Index::update(std::vector<Storage_Entry> const& sets, Lister const& list,
-                               time_t now) {
+                               time_t now, Clock::time_point clock) {
     time_t newest = 0;
-    for (Storage_Entry const& set : sets)
-        newest = std::max(newest, set.modified);
-    listed_.clear();
-    always_.clear();
-    bool changed = false;
-    for (Storage_Entry const& set : sets) {
-        if (!set.is_folder)
+    for (Storage_Entry const& folder : sets)
+        newest = std::max(newest, folder.modified);
+    time_t const old = std::min(now, newest) - GRAIN.count();
+    std::map<std::string, Set> known = std::move(sets_);
+    sets_.clear();
+    for (Storage_Entry const& folder : sets) {
+        if (!folder.is_folder)
             continue;
-        listed_.push_back(set.name);
-        auto const known = sets_.find(set.name);
-        if (set.modified + UNTRUSTED > std::min(now, newest)) {
-            always_.push_back(set.name);
+        Set& set = sets_[folder.name];
+        if (auto const before = known.find(folder.name); before != known.end())
+            set = std::move(before->second);
+        bool const is_same = set.changed == folder.changed && set.modified == folder.modified;
+        if (is_same && set.settled)
             continue;
+        if (!is_same)
+            set.seen = clock;
+        // the times are from before the names are read
+        set.changed = folder.changed;
+        set.modified = folder.modified;
+        set.settled = folder.modified <= old || clock - set.seen >= GRAIN;
+        if (Xbsa_Result const result = read(folder.name, list, set); !result) {
+            set = Set();
+            return result;
         }
-        if (known == sets_.end() || known->second.modified != set.modified) {
-            Xbsa_Result const result = add(set.name, set.modified, list);
-            if (!result)
-                return result;
-            changed = true;
-        }
-        if (sets_.at(set.name).named_always)
-            always_.push_back(set.name);
-    }
-    for (Entries* const entries : {&paths_, &copies_}) {
-        if (!changed)
-            break;
-        std::sort(entries->begin(), entries->end());
-        entries->erase(std::unique(entries->begin(), entries->end()), entries->end());
     }
     return {};
 }
 
 std::vector<std::string> Xbsa_Index::find(Xbsa_Hint const& hint) const {
-    std::vector<std::string> found = always_;
-    auto const take = [&](uint32_t number) {
-        if (std::binary_search(listed_.begin(), listed_.end(), names_[number]))
-            found.push_back(names_[number]);
-    };
-    if (hint.copy_id != 0)
-        each_of(copies_, hint.copy_id, take);
-    else if (!hint.path.empty())
-        each_of(paths_, key_of(Xbsa_Object::readable_path(hint.path)), take);
-    else
-        found = listed_;
-    std::sort(found.begin(), found.end());
-    found.erase(std::unique(found.begin(), found.end()), found.end());
+    uint64_t const path = key_of(Xbsa_Object::readable_path(hint.path));
+    std::vector<std::string> found;
+    for (auto const& [name, set] : sets_)
+        if (set.named_always || hint.empty() ||
+            (hint.copy_id != 0 ? std::ranges::binary_search(set.copies, hint.copy_id)
+                               : std::ranges::binary_search(set.paths, path)))
+            found.push_back(name);
     return found;
 }

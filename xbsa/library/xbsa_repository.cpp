@@ -59,7 +59,7 @@ std::string Xbsa_Repository::transaction_text(std::vector<Xbsa_Object> const& ob
 
 Storage_Result Xbsa_Repository::list(std::string const& folder,
                                      std::vector<Storage_Entry>& entries) const {
-    Storage_Result const result = connection_->list(folder, entries);
+    Storage_Result const result = connection_->list_names(folder, entries);
     return result.code() == Storage_Result::NOT_FOUND ? Storage_Result() : result;
 }
 
@@ -153,9 +153,9 @@ Xbsa_Result Xbsa_Repository::find_in_set(std::string const& set, Filter const& f
 
 Xbsa_Result Xbsa_Repository::choose_sets(Xbsa_Hint const& hint, std::vector<std::string>& sets) {
     std::vector<Storage_Entry> folders;
-    Xbsa_Result result = list(root_, folders);
-    if (!result)
-        return result;
+    Storage_Result const listed = connection_->list(root_, folders);
+    if (!listed)
+        return listed.code() == Storage_Result::NOT_FOUND ? Xbsa_Result() : Xbsa_Result(listed);
     if (hint.empty()) {
         for (Storage_Entry const& folder : folders)
             if (folder.is_folder)
@@ -165,7 +165,8 @@ Xbsa_Result Xbsa_Repository::choose_sets(Xbsa_Hint const& hint, std::vector<std:
     auto const lister = [this](std::string const& set, std::vector<Storage_Entry>& files) {
         return Xbsa_Result(list(set_folder(set), files));
     };
-    result = index_.update(folders, lister, time(nullptr));
+    Xbsa_Result const result =
+        index_.update(folders, lister, time(nullptr), Xbsa_Index::Clock::now());
     if (result)
         sets = index_.find(hint);
     return result;

@@ -73,7 +73,7 @@ private:
                             Set_Filter const& set_filter, std::vector<Xbsa_Object>& objects) const;
     Xbsa_Result choose_sets(Xbsa_Hint const& hint, std::vector<std::string>& sets);
     void remember(Transaction const& transaction) const;
-    /** Lists a folder; one that is not there has nothing in it. */
+    /** Lists the names in a folder; one that does not exist has none. */
     Storage_Result list(std::string const& folder, std::vector<Storage_Entry>& entries) const;
 
     std::shared_ptr<Storage_Connection> connection_;

@@ -54,9 +54,13 @@ protected:
     std::string names() {
         std::vector<Storage_Entry> entries;
         EXPECT_TRUE(connection_->list("", entries));
-        std::string text;
+        std::string text, names_only;
         for (Storage_Entry const& entry : entries)
             text += entry.name + " ";
+        EXPECT_TRUE(connection_->list_names("", entries));
+        for (Storage_Entry const& entry : entries)
+            names_only += entry.name + " ";
+        EXPECT_EQ(text, names_only);
         return text;
     }
 
@@ -110,9 +114,22 @@ TEST_F(file_storage_backend, links_in_the_pool_are_refused_and_not_listed) {
     }
     std::vector<Storage_Entry> entries;
     EXPECT_EQ(Storage_Result::BAD_NAME, connection_->list("folder", entries).code());
+    EXPECT_EQ(Storage_Result::BAD_NAME, connection_->list_names("folder", entries).code());
     EXPECT_EQ("", names());
     EXPECT_EQ("secret", directory_.read("secret/o"));
     EXPECT_FALSE(directory_.exists("secret/new"));
+}
+
+TEST_F(file_storage_backend, a_time_of_modification_that_is_set_does_not_hide_a_change) {
+    ASSERT_TRUE(put("f/o", "content"));
+    timespec const old[2] = {{1000, 0}, {1000, 0}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, directory_.path("pool/f").c_str(), old, 0));
+    std::vector<Storage_Entry> entries;
+    ASSERT_TRUE(connection_->list("", entries));
+    ASSERT_EQ(1u, entries.size());
+    EXPECT_EQ(1000, entries[0].modified);
+    EXPECT_NEAR(static_cast<double>(time(nullptr)), static_cast<double>(entries[0].changed) / 1e9,
+                60);
 }
 
 TEST_F(file_storage_backend, a_link_that_comes_while_an_object_is_written_is_not_followed) {

@@ -10,6 +10,12 @@ using Names = std::vector<std::string>;
 
 constexpr time_t NOW = 1000000;
 
+/** The times of a folder. */
+struct Times {
+    time_t modified = 0;
+    int64_t changed = 0;
+};
+
 /** Sets of a pool, and how often each was listed. */
 class Xbsa_Index_Test : public testing::Test {
 protected:
@@ -23,44 +29,42 @@ protected:
         object.compression = compression;
         object.name_file();
         files_[set].push_back(object.file);
-        modified_.try_emplace(set, NOW - 100);
+        times_.try_emplace(set, Times{NOW - 100, 0});
         return object.copy_id;
     }
     Xbsa_Result update() {
         std::vector<Storage_Entry> folders;
-        for (auto const& [set, time] : modified_)
-            folders.push_back({set, 0, time, true});
+        for (auto const& [set, times] : times_)
+            folders.push_back({set, 0, times.modified, times.changed, true});
         return index_.update(
             folders,
             [this](std::string const& set, std::vector<Storage_Entry>& files) -> Xbsa_Result {
                 ++listed_[set];
                 for (std::string const& file : files_[set])
-                    files.push_back({file, 1, NOW - 100, false});
+                    files.push_back({file, 0, 0, 0, false});
                 return set == broken_ ? Xbsa_Result(BSA_RC_ABORT_SYSTEM_ERROR, "broken")
                                       : Xbsa_Result();
             },
-            NOW);
+            NOW, Xbsa_Index::Clock::time_point(clock_));
     }
     Names with_path(std::string const& path) {
         EXPECT_TRUE(update());
-        Names found = index_.find({path});
-        std::erase(found, NEWEST);
-        return found;
+        return index_.find({path});
     }
     Names with_copy(uint64_t id) {
         EXPECT_TRUE(update());
-        Names found = index_.find({"", id});
-        std::erase(found, NEWEST);
-        return found;
+        return index_.find({"", id});
     }
 
-    void SetUp() override { modified_[NEWEST] = NOW - 50; } // which is never trusted
+    /** One that changed after the others, so that these are old by the pool's clock. */
+    void SetUp() override { times_[NEWEST].modified = NOW - 50; }
 
     static constexpr char NEWEST[] = "newest";
     Xbsa_Index index_;
     std::map<std::string, Names> files_;
-    std::map<std::string, time_t> modified_;
+    std::map<std::string, Times> times_;
     std::map<std::string, int> listed_;
+    std::chrono::nanoseconds clock_{0};
     std::string broken_;
     uint64_t last_id_ = 0x1000;
 };
@@ -104,29 +108,62 @@ TEST_F(Xbsa_Index_Test, a_set_is_listed_once_and_again_when_it_has_changed) {
     EXPECT_EQ(1, listed_["set-1"]);
     add("set-1", "/b");
     EXPECT_EQ((Names{}), with_path("/b")) << "its time tells nothing new";
-    modified_["set-1"] = NOW - 90;
+    ++times_["set-1"].changed; // its time of modification was set back
     EXPECT_EQ((Names{"set-1"}), with_path("/b"));
-    EXPECT_EQ(2, listed_["set-1"]);
+    add("set-1", "/c");
+    ++times_["set-1"].modified;
+    EXPECT_EQ((Names{"set-1"}), with_path("/c"));
+    EXPECT_EQ(3, listed_["set-1"]);
 }
 
-TEST_F(Xbsa_Index_Test, a_set_that_has_changed_just_now_is_always_named) {
-    add("set-1", "/a");
+TEST_F(Xbsa_Index_Test, what_a_set_has_no_longer_is_not_found) {
+    uint64_t const copy = add("set-1", "/a");
+    EXPECT_EQ((Names{"set-1"}), with_copy(copy));
+    files_["set-1"].clear();
+    ++times_["set-1"].changed;
+    EXPECT_EQ((Names{}), with_path("/a"));
+    EXPECT_EQ((Names{}), with_copy(copy));
+}
+
+TEST_F(Xbsa_Index_Test, a_change_is_seen_that_hides_behind_a_change_of_just_now) {
     for (time_t const modified : {NOW, NOW - 1, NOW + 1000}) {
-        modified_["set-1"] = modified;
-        EXPECT_EQ((Names{"set-1"}), with_path("/elsewhere")) << modified;
+        times_["set-1"].modified = modified;
+        with_path("/a");
+        add("set-1", "/a");
+        EXPECT_EQ((Names{"set-1"}), with_path("/a")) << modified;
+        files_["set-1"].clear();
     }
 }
 
-TEST_F(Xbsa_Index_Test, the_newest_sets_are_always_named_by_whatever_clock) {
+TEST_F(Xbsa_Index_Test, a_change_is_seen_that_hides_behind_the_newest_by_whatever_clock) {
+    times_["set-1"].modified = times_[NEWEST].modified = NOW - 10000;
+    with_path("/a");
     add("set-1", "/a");
-    modified_["set-1"] = modified_[NEWEST] = NOW - 10000;
-    EXPECT_EQ((Names{"set-1"}), with_path("/elsewhere"));
+    EXPECT_EQ((Names{"set-1"}), with_path("/a"));
+}
+
+TEST_F(Xbsa_Index_Test, a_time_that_stays_the_same_for_long_enough_is_trusted) {
+    add("set-1", "/a");
+    times_["set-1"] = times_[NEWEST];
+    with_path("/a");
+    clock_ += Xbsa_Index::GRAIN - std::chrono::nanoseconds(1);
+    with_path("/a");
+    EXPECT_EQ(2, listed_["set-1"]);
+    clock_ += std::chrono::nanoseconds(1);
+    with_path("/a");
+    EXPECT_EQ(3, listed_["set-1"]) << "what came within the grain has to be read once more";
+    with_path("/a");
+    EXPECT_EQ(3, listed_["set-1"]);
+    ++times_["set-1"].changed;
+    with_path("/a");
+    with_path("/a");
+    EXPECT_EQ(5, listed_["set-1"]) << "the time is counted from the last change";
 }
 
 TEST_F(Xbsa_Index_Test, a_set_that_is_gone_is_not_named) {
     add("set-1", "/a");
     EXPECT_EQ((Names{"set-1"}), with_path("/a"));
-    modified_.erase("set-1");
+    times_.erase("set-1");
     EXPECT_EQ((Names{}), with_path("/a"));
 }
 
