@@ -1,6 +1,7 @@
 #include "agent/storage/pool_sweep.h"
 
 #include "json_spirit/access.h"
+#include "qmrt/file.h"
 #include "tests/support/agent_pool.h"
 #include "tests/support/log_capture.h"
 
@@ -9,6 +10,7 @@
 #include <random>
 #include <set>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 
 namespace {
@@ -168,6 +170,118 @@ TEST_F(Pool_Sweep_Test, a_link_in_the_place_of_an_object_is_not_followed) {
                                               pool_.path() + "/f");
     sweep_pool_writes(*restarted(), nothing_named);
     EXPECT_TRUE(pool_.database.directory().exists("outside/a"));
+}
+
+/** Makes @a depth folders within each other in an open one, each named "n", and opens the last. */
+File_Descriptor make_nested(char const* path, int depth) {
+    File_Descriptor at(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    for (; at && depth > 0; --depth) {
+        if (mkdirat(at.get(), "n", 0700) == -1)
+            return File_Descriptor();
+        at.reset(openat(at.get(), "n", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    }
+    return at;
+}
+
+class Pool_Sweep_Folder_Test : public Pool_Sweep_Test {
+protected:
+    /** Removes the folder "f" of the pool. */
+    Sweep_Result sweep(Set_Question const& question = nothing_named) {
+        std::string error;
+        EXPECT_TRUE(pool_.journal->note({pool_.path(), "f/"}, error)) << error;
+        return sweep_pool_objects({{pool_.path(), "f/"}}, *pool_.journal, question);
+    }
+    void TearDown() override {
+        rm_rf((pool_.path() + "/f").c_str()); // deeper than what the standard library removes
+        Pool_Sweep_Test::TearDown();
+    }
+};
+
+TEST_F(Pool_Sweep_Folder_Test, folders_deeper_than_the_descriptors_allow_go) {
+    put("f/object");
+    File_Descriptor const last = make_nested((pool_.path() + "/f").c_str(), 600);
+    ASSERT_TRUE(last) << errno;
+    ASSERT_TRUE(File_Descriptor(openat(last.get(), "object", O_WRONLY | O_CREAT, 0600)));
+    rlimit limit;
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+    rlimit const few{static_cast<rlim_t>(last.get()) + 10, limit.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &few));
+    Sweep_Result const result = sweep();
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
+    EXPECT_EQ(2u, result.removed);
+    EXPECT_EQ(0u, result.put_off);
+    EXPECT_TRUE(std::filesystem::is_empty(pool_.path()));
+}
+
+TEST_F(Pool_Sweep_Folder_Test, folders_within_each_other_without_an_end_are_given_up) {
+    put("f/object");
+    ASSERT_TRUE(make_nested((pool_.path() + "/f").c_str(), 2000)) << errno;
+    Sweep_Result const result = sweep();
+    EXPECT_EQ(1u, result.removed);
+    EXPECT_EQ(1u, result.put_off);
+    EXPECT_LOGGED(LM_WARNING, "too many folders within each other");
+}
+
+TEST_F(Pool_Sweep_Folder_Test, an_object_of_a_set_stays_with_the_folders_that_it_is_in) {
+    for (char const* const name : {"f/g/h/kept", "f/g/h/i/data", "f/g/data", "f/z/data"})
+        put(name);
+    Sweep_Result const result = sweep([](Pool_Object const& object, bool& named) {
+        named = object.name == "f/g/h/kept";
+        return true;
+    });
+    EXPECT_EQ(3u, result.removed);
+    EXPECT_EQ(std::set<std::string>{"f/g/h/kept"}, files_in(pool_.path()));
+    EXPECT_FALSE(has_empty_folder(pool_.path()));
+}
+
+TEST_F(Pool_Sweep_Folder_Test, an_unanswered_question_puts_off_the_folder_and_not_its_other_files) {
+    for (char const* const name : {"f/a/data", "f/b/data"})
+        put(name);
+    Sweep_Result const result = sweep([](Pool_Object const& object, bool& named) {
+        named = false;
+        return object.name != "f/a/data";
+    });
+    EXPECT_EQ(1u, result.removed);
+    EXPECT_EQ(1u, result.put_off);
+    EXPECT_EQ(std::set<std::string>{"f/a/data"}, files_in(pool_.path()));
+}
+
+TEST_F(Pool_Sweep_Folder_Test, a_clusters_folder_for_the_library_stays) {
+    put("f/xbsa/set/data");
+    put("f/g/xbsa/data");
+    EXPECT_EQ(2u, sweep().removed);
+    EXPECT_TRUE(std::filesystem::is_empty(pool_.path() + "/f/xbsa"));
+    EXPECT_FALSE(std::filesystem::exists(pool_.path() + "/f/g"));
+}
+
+TEST_F(Pool_Sweep_Folder_Test, a_folder_that_becomes_a_link_is_not_followed) {
+    put("f/a");
+    put("f/g/data");
+    pool_.database.directory().write("outside/data", "precious");
+    Sweep_Result const result = sweep([&](Pool_Object const& object, bool& named) {
+        if (object.name == "f/a") {
+            std::filesystem::remove_all(pool_.path() + "/f/g");
+            std::filesystem::create_directory_symlink(pool_.database.directory().path("outside"),
+                                                      pool_.path() + "/f/g");
+        }
+        return nothing_named(object, named);
+    });
+    EXPECT_EQ(1u, result.removed);
+    EXPECT_TRUE(pool_.database.directory().exists("outside/data"));
+}
+
+TEST_F(Pool_Sweep_Folder_Test, a_folder_that_moves_does_not_lead_to_another_one) {
+    put("f/g/data");
+    put("theirs/g/data");
+    Sweep_Result const result = sweep([&](Pool_Object const& object, bool& named) {
+        if (object.name == "f/g/data")
+            std::filesystem::rename(pool_.path() + "/f/g", pool_.path() + "/theirs/moved");
+        return nothing_named(object, named);
+    });
+    EXPECT_EQ(1u, result.put_off);
+    EXPECT_LOGGED(LM_WARNING, "it was moved meanwhile");
+    EXPECT_TRUE(std::filesystem::exists(pool_.path() + "/theirs/g/data"));
+    EXPECT_TRUE(std::filesystem::exists(pool_.path() + "/theirs/moved"));
 }
 
 /** What a killed agent has on its disk: everything is opened anew by each of its lives. */
