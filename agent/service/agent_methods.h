@@ -42,7 +42,13 @@ void add_agent_methods(Method_Table& methods, Agent_Config const& config,
 void note_tool_calls(Method_Table& methods, std::vector<std::string> const& module_methods);
 /** instance.*, account.save */
 void add_instance_methods(Method_Table& methods, Agent_Identity const& identity,
-                          Instance_Probe& probe, Agent_Jobs& runs);
+                          Instance_Probe& probe);
+/**
+ * Part of the table's gate: false, with the fault, for a call that would remove an instance with a
+ * run that is running or waits. True for all other calls.
+ */
+[[nodiscard]] bool may_remove_instance(Agent_Jobs& runs, Method_Call const& call,
+                                       Method_Fault& fault);
 /** pool.* */
 void add_pool_methods(Method_Table& methods, Pool_Status& status, SQLite_Pools& pools,
                       Method_Access const& access);

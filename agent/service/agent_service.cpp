@@ -332,10 +332,10 @@ bool Agent_Service::serve(std::string& error) {
 
 void Agent_Service::add_methods() {
     methods_.gate([this](Method_Call const& call, Method_Fault& fault) {
-        return access_->allows(call, fault);
+        return access_->allows(call, fault) && may_remove_instance(*runs_, call, fault);
     });
     add_agent_methods(methods_, config_, identity_, *database_, *module_);
-    add_instance_methods(methods_, identity_, *probe_, *runs_);
+    add_instance_methods(methods_, identity_, *probe_);
     add_job_methods(methods_, *jobs_, *runs_, *scheduler_);
     if (is_member())
         forward_catalog_methods(methods_);

@@ -25,10 +25,15 @@ struct Option_Rule {
     char const* key;
     names::Rule rule;
 };
-constexpr Option_Rule OPTION_RULES[] = {
-    {"user", names::fault_of_account},      {"address", names::fault_of_host},
-    {"tpops_host", names::fault_of_host},   {"meta_path", names::fault_of_absolute_path},
-    {"instance", names::fault_of_instance}, {"name", names::fault_of_instance}};
+constexpr Option_Rule OPTION_RULES[] = {{"user", names::fault_of_account},
+                                        {"tpops_host", names::fault_of_host},
+                                        {"instance", names::fault_of_instance},
+                                        {"name", names::fault_of_instance},
+                                        // of a cluster that is reached by ssh
+                                        {"address", names::fault_of_ssh_address},
+                                        {"meta_path", names::fault_of_bare_path},
+                                        {"ssh_options", names::fault_of_ssh_options},
+                                        {"source_commands", names::fault_of_remote_commands}};
 
 /** Finds fault with an option whose key or text is not a plain one. */
 void check_options(Member_Reader& reader, Object const* options) {
@@ -53,8 +58,8 @@ void check_options(Member_Reader& reader, Object const* options) {
 
 class Instance_Methods {
 public:
-    Instance_Methods(Agent_Identity const& identity, Instance_Probe& probe, Agent_Jobs& runs)
-        : identity_(identity), probe_(probe), runs_(runs) {}
+    Instance_Methods(Agent_Identity const& identity, Instance_Probe& probe)
+        : identity_(identity), probe_(probe) {}
 
     bool list(Method_Call const& call, Value& result, Method_Fault& fault) {
         std::string error;
@@ -117,12 +122,6 @@ public:
         std::shared_ptr<Instance> const instance = named(call, fault);
         if (!instance)
             return false;
-        for (Job_Run const& run : runs_.running())
-            if (run.instance == instance->name)
-                return refused("job " + run.run_id +
-                                   " of it is running or waits; wait for its "
-                                   "end or cancel it",
-                               fault);
         if (!remove_instance(instance))
             return failed(fault);
         // or the next search would put it on record again
@@ -202,7 +201,6 @@ private:
 
     Agent_Identity const& identity_;
     Instance_Probe& probe_;
-    Agent_Jobs& runs_;
 };
 
 /** The instance that a call names; "" without one. */
@@ -229,9 +227,21 @@ void note_tool_calls(Method_Table& methods, std::vector<std::string> const& modu
     methods.may_wait_for_tools("agent.check", [](Value const&) { return std::string(); });
 }
 
+bool may_remove_instance(Agent_Jobs& runs, Method_Call const& call, Method_Fault& fault) {
+    if (call.method != "instance.remove" && call.method != "gaussdb.remove_instance")
+        return true;
+    std::string const instance = instance_of(call.params);
+    for (Job_Run const& run : runs.running())
+        if (run.instance == instance)
+            return refused("job " + run.run_id +
+                               " of it is running or waits; wait for its end or cancel it",
+                           fault);
+    return true;
+}
+
 void add_instance_methods(Method_Table& methods, Agent_Identity const& identity,
-                          Instance_Probe& probe, Agent_Jobs& runs) {
-    auto const instances = std::make_shared<Instance_Methods>(identity, probe, runs);
+                          Instance_Probe& probe) {
+    auto const instances = std::make_shared<Instance_Methods>(identity, probe);
     add_member_methods<Instance_Methods>(methods, instances,
                                          {{"instance.list", &Instance_Methods::list},
                                           {"instance.show", &Instance_Methods::show},

@@ -1,10 +1,9 @@
 #include "gaussdb/common/gaussdb_100_cluster_handler.h"
 
 #include "gaussdb/common/gaussdb_zsql_client.h"
+#include "gaussdb/common/user_rights.h"
 #include "gaussdb/common/xbsa_link.h"
-#include "host/process/password_file_entry.h"
 #include "qmrt/format.h"
-#include "qmrt/guarded_file.h"
 #include "qmrt/log.h"
 
 #include <cerrno>
@@ -30,17 +29,8 @@ bool GaussDB_100_Cluster_Handler::init(char const*) {
 
 /** Reads the cluster's file with the rights of its user, who decides where its path leads. */
 bool GaussDB_100_Cluster_Handler::parse_as_user() {
-    Password_File_Entry user;
-    if (user.get(os_user_.c_str()) == -1) {
-        QMRT_LOG(LM_ERROR, "Failed to look up the user %s, errno=%d, %m\n", os_user_.c_str(),
-                 errno);
-        return false;
-    }
-    As_File_User const rights(user.uid());
-    if (!rights)
-        QMRT_LOG(LM_ERROR, "Failed to take the rights of %s on files, errno=%d, %m\n",
-                 os_user_.c_str(), errno);
-    return rights && parse_cluster_info();
+    return with_rights_of(os_user_.c_str(),
+                          [this](Password_File_Entry const&) { return parse_cluster_info(); });
 }
 
 void GaussDB_100_Cluster_Handler::find_topology() {

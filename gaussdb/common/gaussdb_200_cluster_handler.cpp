@@ -3,6 +3,7 @@
 #include "gaussdb/common/gaussdb_cluster_name.h"
 #include "gaussdb/common/gaussdb_config_reader.h"
 #include "gaussdb/common/gaussdb_gsql_client.h"
+#include "gaussdb/common/user_rights.h"
 #include "gaussdb/common/xbsa_link.h"
 #include "host/process/password_file_entry.h"
 #include "qmrt/check.h"
@@ -26,16 +27,14 @@ constexpr uint64_t MAX_BINARY_CONFIG = 16 * 1024 * 1024;
  * belongs to that user, as whom it will be read.
  */
 int save_config(std::string const& live, std::string const& saved, char const* os_user) {
-    Password_File_Entry user;
-    if (user.get(os_user) == -1)
-        return -1;
     std::string content;
-    {
-        As_File_User const rights(user.uid());
-        if (!rights || read_guarded(live.c_str(), content, {.max_size = MAX_BINARY_CONFIG}) == -1)
-            return -1;
-    }
-    File_Owner const owner{user.uid(), user.gid()};
+    File_Owner owner{};
+    auto const read = [&](Password_File_Entry const& user) {
+        owner = {user.uid(), user.gid()};
+        return read_guarded(live.c_str(), content, {.max_size = MAX_BINARY_CONFIG}) == 0;
+    };
+    if (!with_rights_of(os_user, read))
+        return -1;
     return write_file_atomically(saved.c_str(), content, 0640, geteuid() == 0 ? &owner : nullptr);
 }
 
@@ -124,21 +123,11 @@ bool GaussDB_200_Cluster_Handler::place_library_link() {
     char const* const gauss_home = env_.gauss_home();
     if (QMRT_IS_NULL_OR_EMPTY(gauss_home))
         return false;
-    Password_File_Entry user;
-    if (user.get(os_user_.c_str()) == -1) {
-        QMRT_LOG(LM_ERROR, "Failed to look up the user %s, errno=%d, %m\n", os_user_.c_str(),
-                 errno);
-        return false;
-    }
-    As_File_User const rights(user.uid());
-    if (!rights) {
-        QMRT_LOG(LM_ERROR, "Failed to take the rights of the user %s, errno=%d, %m\n",
-                 os_user_.c_str(), errno);
-        return false;
-    }
-    Path_Conf const directory(std::string(gauss_home) + "/lib", false, "libsimsearch", 0750);
-    Path_Conf const link(directory.str(), true, "libxbsa64.so", 0750);
-    return link && place_xbsa_link("libxbsa64.so", link.c_str());
+    return with_rights_of(os_user_.c_str(), [&](Password_File_Entry const&) {
+        Path_Conf const directory(std::string(gauss_home) + "/lib", false, "libsimsearch", 0750);
+        Path_Conf const link(directory.str(), true, "libxbsa64.so", 0750);
+        return link && place_xbsa_link("libxbsa64.so", link.c_str());
+    });
 }
 
 GaussDB_Client_ptr GaussDB_200_Cluster_Handler::create_client(char const* username,

@@ -103,6 +103,8 @@ GaussDB_Client_ptr GaussDB_Non_Intrusive_Handler::create_client(char const*, cha
 }
 
 bool GaussDB_Non_Intrusive_Handler::get_status(std::string& status, bool& balanced) const {
-    return non_intrusive_get_cluster_status(access().remote("gs_om -t status").c_str(), status,
+    Access const reached = access();
+    return !reached.cn_address.empty() && // or ssh would take the command for the address
+           non_intrusive_get_cluster_status(reached.remote("gs_om -t status").c_str(), status,
                                             balanced);
 }

@@ -163,6 +163,14 @@ TEST_F(First_Search_Test, a_missed_schedule_waits_for_it) {
     EXPECT_EQ("completed", text(wait_for_end(text(runs[0], "run_id")), "state"));
 }
 
+TEST_F(First_Search_Test, an_instance_whose_run_waits_is_not_removed) {
+    std::string const run = start_job(instance_backup("test"));
+    EXPECT_NE(std::string::npos,
+              agent_.call("instance.remove", {{"instance", "test"}}).message.find(run));
+    let_search_end();
+    EXPECT_EQ("completed", text(wait_for_end(run), "state"));
+}
+
 TEST_F(First_Search_Test, a_run_that_waits_for_it_is_canceled_at_once) {
     std::string const run = start_job(instance_backup("test"));
     agent_.ask("job.cancel", {{"job", run}});

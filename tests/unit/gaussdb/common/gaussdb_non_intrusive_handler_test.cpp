@@ -151,6 +151,14 @@ TEST_F(Non_Intrusive_Handler_Test, an_address_that_ssh_would_take_for_more_is_re
     EXPECT_EQ(0u, host_.tools.calls("ssh"));
 }
 
+TEST_F(Non_Intrusive_Handler_Test, without_an_address_no_status_is_asked) {
+    GaussDB_Non_Intrusive_Handler const handler(DWS);
+    std::string status;
+    bool balanced = false;
+    EXPECT_FALSE(handler.get_status(status, balanced));
+    EXPECT_EQ(0u, host_.tools.calls("ssh"));
+}
+
 TEST_F(Non_Intrusive_Handler_Test, a_member_of_the_wrong_type_throws_and_changes_nothing) {
     host_.tools.prints("ssh", "port=8000");
     GaussDB_Non_Intrusive_Handler handler(DWS);

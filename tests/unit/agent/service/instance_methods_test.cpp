@@ -1,0 +1,122 @@
+#include "agent/database/agent_database.h"
+#include "agent/jobs/agent_jobs.h"
+#include "agent/jobs/job_tables.h"
+#include "agent/service/agent_identity.h"
+#include "agent/service/agent_methods.h"
+#include "agent/service/instance_probe.h"
+#include "json_spirit/access.h"
+#include "tests/support/fake_instances.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/temporary_directory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using json_spirit::Object;
+using json_spirit::Value;
+using testing::HasSubstr;
+
+namespace {
+
+/** The methods of instances as the agent serves them, without a module. */
+class Instance_Methods_Test : public testing::Test {
+protected:
+    Instance_Methods_Test() {
+        std::string error;
+        database_ = Agent_Database::open(directory_.path("agent.db"), {JOB_TABLES}, error);
+        EXPECT_TRUE(database_) << error;
+        runs_ =
+            std::make_unique<Agent_Jobs>(*database_, Agent_Jobs::Settings{directory_.path("logs")});
+        methods_.gate([this](Method_Call const& call, Method_Fault& fault) {
+            return may_remove_instance(*runs_, call, fault);
+        });
+        add_instance_methods(methods_, identity_, probe_);
+        methods_.add("gaussdb.remove_instance",
+                     [this](Method_Call const&, Value& result, Method_Fault&) {
+                         ++removed_by_module_;
+                         result = true;
+                         return true;
+                     });
+    }
+    ~Instance_Methods_Test() override { methods_.stop(); }
+
+    JSON_RPC_Reply call(std::string const& method, Object const& params) {
+        JSON_RPC_Reply reply;
+        is_ok_ =
+            methods_.call(method, params, Rpc_Caller::local(), std::chrono::seconds(60), reply);
+        return reply;
+    }
+    /** The call is refused with a message that has this in it. */
+    void refuses(std::string const& method, Object const& params, std::string const& why) {
+        JSON_RPC_Reply const reply = call(method, params);
+        EXPECT_FALSE(is_ok_) << method;
+        EXPECT_THAT(reply.message, HasSubstr(why));
+    }
+    bool is_on_record(char const* name) { return instances_->find("gaussdb", name) != nullptr; }
+
+    Temporary_Directory directory_;
+    std::unique_ptr<Agent_Database> database_;
+    std::unique_ptr<Agent_Jobs> runs_;
+    Fake_Instances instances_;
+    Agent_Identity identity_{"host-1", "uid-1"};
+    Instance_Probe probe_{nullptr};
+    Method_Table methods_;
+    int removed_by_module_ = 0;
+    bool is_ok_ = false;
+};
+
+TEST_F(Instance_Methods_Test, a_record_of_a_cluster_over_ssh_is_held_to_the_same_rules_as_its_own) {
+    for (auto const& [key, hostile] : {std::pair{"ssh_options", "-o ProxyCommand=id"},
+                                       {"ssh_options", "-oLocalCommand=id"},
+                                       {"ssh_options", "-o StrictHostKeyChecking=no"},
+                                       {"ssh_options", "-F /tmp/config"},
+                                       {"ssh_options", "-o Port=22; id"},
+                                       {"source_commands", "x' -oProxyCommand=id '"},
+                                       {"address", "-oProxyCommand=id"},
+                                       {"address", "$(id)"},
+                                       {"address", "a@b@c"},
+                                       {"meta_path", "/meta;id"},
+                                       {"meta_path", "meta"}}) {
+        refuses("instance.save", {{"name", "dws1"}, {"options", Object{{key, hostile}}}},
+                std::string("options.") + key);
+        EXPECT_FALSE(is_on_record("dws1")) << hostile;
+    }
+}
+
+TEST_F(Instance_Methods_Test, a_plain_record_of_a_cluster_over_ssh_is_kept) {
+    Object const options{{"version", 4},
+                         {"address", "omm@10.0.0.1"},
+                         {"meta_path", "/gauss/meta"},
+                         {"ssh_options", "-o Port=2222 -i /root/.ssh/dws"},
+                         {"source_commands", "source \"$HOME/env\";"}};
+    call("instance.save", {{"name", "dws1"}, {"options", options}});
+    EXPECT_TRUE(is_ok_);
+    ASSERT_TRUE(is_on_record("dws1"));
+    EXPECT_EQ(Value(options), Value(instances_->find("gaussdb", "dws1")->options));
+}
+
+TEST_F(Instance_Methods_Test, an_instance_with_a_run_is_removed_by_neither_method) {
+    call("instance.save", {{"name", "c1"}});
+    call("instance.save", {{"name", "c2"}});
+    Job_Run run;
+    run.instance = "c1";
+    ASSERT_TRUE(runs_->add_unstarted(run));
+    for (char const* method : {"instance.remove", "gaussdb.remove_instance"})
+        refuses(method, {{"instance", "c1"}},
+                "job " + run.run_id + " of it is running or waits; wait for its end or cancel it");
+    EXPECT_TRUE(is_on_record("c1"));
+    EXPECT_EQ(0, removed_by_module_);
+
+    call("instance.remove", {{"instance", "c2"}});
+    EXPECT_TRUE(is_ok_) << "the run is not of this one";
+    EXPECT_FALSE(is_on_record("c2"));
+
+    runs_->end_unstarted(run.run_id, {JOB_STATE_CANCELED, 0, ""});
+    call("gaussdb.remove_instance", {{"instance", "c1"}});
+    EXPECT_EQ(1, removed_by_module_);
+    call("instance.remove", {{"instance", "c1"}});
+    EXPECT_TRUE(is_ok_);
+    EXPECT_FALSE(is_on_record("c1"));
+}
+
+} // namespace
