@@ -10,6 +10,9 @@
     GaussRoach.py -t stop
     GaussRoach.py -t show --metadata-destination DIRECTORY
 
+The data warehouse and openGauss have lines of their own, see roach/remote_options.py; there "stop" ends
+the operation that runs.
+
     --parallel-process N       workers, 2 unless given
     --compression-type 0       the media compress
     --max-memory-usage MB  --buffer-size MB  --buffer-block-size BYTES
@@ -24,10 +27,11 @@ import xml.etree.ElementTree
 
 sys.path.insert(0, os.path.dirname(os.path.realpath(__file__)))
 sys.dont_write_bytecode = True
-from roach import options  # noqa: E402
+from roach import options, remote_options  # noqa: E402
 from roach.agents import Agents, for_all_machines, listen  # noqa: E402
 from roach.backup import Backup  # noqa: E402
-from roach.cluster import Cluster, Tool_Error, only_one  # noqa: E402
+from roach.cluster import Cluster, Tool_Error, end_operation, only_one  # noqa: E402
+from roach.fine_restore import Fine_Restore  # noqa: E402
 from roach.metadata import Metadata  # noqa: E402
 from roach.object_store import MIB  # noqa: E402
 from roach.restore import Restore  # noqa: E402
@@ -40,19 +44,19 @@ MEMORY = {"--max-memory-usage", "--buffer-size", "--buffer-block-size"}
 OLDER = {"--nbu-policy", "--mode"}
 # what each series takes beyond that
 ALLOWED = {
-    ("backup", 200): MEDIA | MEMORY | {"--compression-type", "--prior-backup-key"},
-    ("backup", 100): MEDIA | OLDER | {"--prior-backup-key"},
-    ("restore", 200): MEDIA | MEMORY | {"--clean", "--backup-key", "--restore-new-cluster",
+    ("backup", "200"): MEDIA | MEMORY | {"--compression-type", "--prior-backup-key"},
+    ("backup", "100"): MEDIA | OLDER | {"--prior-backup-key"},
+    ("restore", "200"): MEDIA | MEMORY | {"--clean", "--backup-key", "--restore-new-cluster",
                                         "--restore-configs"},
-    ("restore", 100): MEDIA | OLDER | {"--clean", "--backup-key", "--restore-new-cluster"},
-    ("start", 200): {"-t", "--restore-new-cluster", "-X"},
-    ("start", 100): {"-t", "--media-type", "--restore-new-cluster"},
+    ("restore", "100"): MEDIA | OLDER | {"--clean", "--backup-key", "--restore-new-cluster"},
+    ("start", "200"): {"-t", "--restore-new-cluster", "-X"},
+    ("start", "100"): {"-t", "--media-type", "--restore-new-cluster"},
 }
 LONG_OPTIONS = [
     "master-port=", "media-type=", "media-destination=", "metadata-destination=",
     "compression-type=", "prior-backup-key=", "backup-key=", "parallel-process=",
     "max-memory-usage=", "buffer-size=", "buffer-block-size=", "nbu-policy=", "mode=", "clean",
-    "restore-new-cluster", "restore-configs", "help", "version"]
+    "restore-new-cluster", "restore-configs", "help", "version"] + remote_options.LONG_OPTIONS
 
 
 def number(given, name, default, least, most):
@@ -72,6 +76,8 @@ def required(given, *names):
 
 
 def check_media(given, cluster):
+    if cluster.release.is_remote:
+        return  # its forms have been looked at
     required(given, "media-type", "media-destination", "metadata-destination")
     if given["--media-type"] != "NBU":
         raise Tool_Error("[GAUSS-50004] : The parameter '--media-type' value is incorrect: %s. The "
@@ -79,7 +85,7 @@ def check_media(given, cluster):
     if given.get("--compression-type", "0") != "0":
         raise Tool_Error("[GAUSS-50004] : The parameter '--compression-type' value is incorrect: the "
                          "media compress.")
-    if cluster.release.series == 100:
+    if cluster.release.series == "100":
         required(given, "nbu-policy", "mode")
         if given["--mode"] not in ("single", "cluster"):
             raise Tool_Error("[GAUSS-50004] : The parameter '--mode' value is incorrect: %s."
@@ -100,8 +106,10 @@ def backup_key(given, name):
 
 
 def policy_of(given, cluster):
+    if cluster.release.is_remote:
+        return remote_options.way(given)
     # what it means is the media's to know
-    return given["--nbu-policy" if cluster.release.series == 100 else "--media-destination"]
+    return given["--nbu-policy" if cluster.release.series == "100" else "--media-destination"]
 
 
 def block_size(given):
@@ -136,11 +144,12 @@ def backup(given, cluster):
     check_media(given, cluster)
     start, prior = time.monotonic(), backup_key(given, "--prior-backup-key")
     processes, block = number(given, "parallel-process", 2, 1, 64), block_size(given)
+    scope, policy = remote_options.scope(given), policy_of(given, cluster)
     held, agents = begin(given, cluster)
     with agents:
-        key = Backup(cluster, Metadata(given["--metadata-destination"], cluster.release),
-                     policy_of(given, cluster), prior, processes, block, agents).run()
-    word = "backup key" if cluster.release.series == 100 else "Backup key"
+        key = Backup(cluster, Metadata(given["--metadata-destination"], cluster.release), policy, prior,
+                     processes, block, agents, scope).run()
+    word = "backup key" if cluster.release.series == "100" else "Backup key"
     say("[MASTER]Backup operation SUCCESSFUL. %s: %s" % (word, key))
     say(taken(start))
     finish("backup")
@@ -151,10 +160,11 @@ def backup(given, cluster):
 def restore(given, cluster):
     check_media(given, cluster)
     required(given, "backup-key")
-    if "--clean" not in given:
+    fine, policy = remote_options.fine(given), policy_of(given, cluster)
+    if "--clean" not in given and not fine:
         raise Tool_Error("[GAUSS-50001] : Incorrect parameter. Parameter '--clean' is required: the "
                          "data directories are replaced.")
-    new = "--restore-new-cluster" in given
+    new = "--restore-new-cluster" in given and not fine
     if "--restore-configs" in given and not new:
         raise Tool_Error("[GAUSS-50001] : Incorrect parameter. Parameter '--restore-new-cluster' is "
                          "required with '--restore-configs'.")
@@ -162,9 +172,13 @@ def restore(given, cluster):
     processes, block = number(given, "parallel-process", 2, 1, 64), block_size(given)
     held, agents = begin(given, cluster)
     with agents:
-        Restore(cluster, Metadata(given["--metadata-destination"], cluster.release),
-                policy_of(given, cluster), key, processes, block,
-                new and "--restore-configs" not in given, agents).run()
+        common = (cluster, Metadata(given["--metadata-destination"], cluster.release), policy, key,
+                  processes, block)
+        if fine:
+            Fine_Restore(*common, fine, agents).run()
+        else:
+            Restore(*common, new and "--restore-configs" not in given, agents,
+                    given.get("--old-cluster-hostname")).run()
     marked("[MASTER]Restore operation finished.")
     say(taken(start))
     finish("restore")
@@ -197,6 +211,9 @@ def start(given, cluster):
 
 
 def stop(given, cluster):
+    if cluster.release.is_remote:
+        say("Successfully stopped the operation." if end_operation(cluster) else "No operation runs.")
+        return
     held = only_one(cluster)
     say("Stopping cluster...")
 
@@ -235,8 +252,11 @@ def run(arguments):
         raise Tool_Error("[GAUSS-53214] : The operation was ended by a signal.")
     signal.signal(signal.SIGTERM, ended)
     signal.signal(signal.SIGINT, ended)
-    options.only(given, given["-t"], ALLOWED.get((given["-t"], cluster.release.series),
-                                                 {"-t", "--metadata-destination"}))
+    if cluster.release.is_remote:
+        remote_options.check(given, given["-t"], cluster.release.series)
+    else:
+        options.only(given, given["-t"], ALLOWED.get((given["-t"], cluster.release.series),
+                                                     {"-t", "--metadata-destination"}))
     try:
         return ACTIONS[given["-t"]](given, cluster)
     except Tool_Error:

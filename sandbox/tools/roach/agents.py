@@ -22,18 +22,23 @@ HEAD = struct.Struct("<I")
 PATIENCE = 60  # seconds for an agent to call, and for one to end
 
 
+def keep_alive(connection):
+    """Lets a connection notice that the other machine has gone."""
+    connection.settimeout(None)
+    for level, option, value in (
+            (socket.SOL_SOCKET, socket.SO_KEEPALIVE, 1), (socket.IPPROTO_TCP, socket.TCP_NODELAY, 1),
+            (socket.IPPROTO_TCP, socket.TCP_KEEPIDLE, 2), (socket.IPPROTO_TCP, socket.TCP_KEEPINTVL, 1),
+            (socket.IPPROTO_TCP, socket.TCP_KEEPCNT, 5),
+            (socket.IPPROTO_TCP, socket.TCP_USER_TIMEOUT, 7000)):
+        connection.setsockopt(level, option, value)
+
+
 class Channel(object):
     """Messages over a connection that notices when the other machine has gone."""
 
     def __init__(self, connection):
         self.connection = connection
-        connection.settimeout(None)
-        for level, option, value in (
-                (socket.SOL_SOCKET, socket.SO_KEEPALIVE, 1), (socket.IPPROTO_TCP, socket.TCP_NODELAY, 1),
-                (socket.IPPROTO_TCP, socket.TCP_KEEPIDLE, 2), (socket.IPPROTO_TCP, socket.TCP_KEEPINTVL, 1),
-                (socket.IPPROTO_TCP, socket.TCP_KEEPCNT, 5),
-                (socket.IPPROTO_TCP, socket.TCP_USER_TIMEOUT, 7000)):
-            connection.setsockopt(level, option, value)
+        keep_alive(connection)
 
     def fileno(self):
         return self.connection.fileno()

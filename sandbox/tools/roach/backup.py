@@ -2,9 +2,10 @@
 import base64
 import json
 import os
+import socket
 import time
 
-from roach import files
+from roach import files, schema_scope
 from roach.agents import Agents
 from roach.cluster import Tool_Error, environment
 from roach.frames import OBJECT_SIZE, PAGE, Frame_Writer
@@ -19,9 +20,10 @@ INCARNATIONS = "roach_incarnations.json"  # in the data directory: the restores 
 class Node_Backup(object):
     """One data node while its server is in backup mode."""
 
-    def __init__(self, instance, prior):
+    def __init__(self, instance, prior, scope):
         self.instance = instance
         self.prior = prior
+        self.scope = scope
         self.session = Session(instance)
         self.start_time = time.time()
         self.objects = []
@@ -53,7 +55,8 @@ class Node_Backup(object):
         self.session.run("select pg_create_physical_replication_slot('%s', true, true)" % slot)
         rows = self.session.run("select pg_backup_start('gs_roach', true)")
         self.start_lsn = rows[0][0]
-        self.listing = files.Listing(self.instance.data)
+        outside = schema_scope.paths_outside(self.instance, self.scope) if self.scope else None
+        self.listing = files.Listing(self.instance.data, outside)
         self.since = parse_lsn(self.prior["start_lsn"]) if self.prior else 0
         self.chosen = files.choose(self.listing, self.prior and self.prior["files"],
                                    self.prior and self.prior["start_time"])
@@ -133,9 +136,13 @@ def copy_pages(writer, descriptor, begin, end, since):
 
 
 class Backup(object):
-    """One run. @param store_policy  what the store is told of the way"""
+    """One run.
 
-    def __init__(self, cluster, metadata, policy, prior_key, processes, block, agents=None):
+    @param policy  what the store is told of the way
+    @param scope   "database" and "schemas", when only these are wanted
+    """
+
+    def __init__(self, cluster, metadata, policy, prior_key, processes, block, agents=None, scope=None):
         self.cluster = cluster
         self.metadata = metadata
         self.policy = policy
@@ -143,6 +150,7 @@ class Backup(object):
         self.processes = processes
         self.block = block
         self.agents = agents or Agents()
+        self.scope = scope
         self.master = None
         self.nodes = []
         self.about = {}  # what is known of each data node of the cluster, by its name
@@ -154,7 +162,15 @@ class Backup(object):
         if prior is None:
             raise Tool_Error("[GAUSS-53211] : There is no metadata of the prior backup %s."
                              % self.prior_key)
+        if prior.get("scope") != self.scope:
+            raise Tool_Error("[GAUSS-53211] : The prior backup %s is of other schemas."
+                             % self.prior_key)
         return prior
+
+    def _manifest(self, size):
+        return {"key": self.key, "prior": self.prior_key, "start_time": self.start_time,
+                "type": "incremental" if self.prior_key else "full", "size": size,
+                "host": socket.gethostname(), "scope": self.scope, "nodes": self.about}
 
     def run_part(self, key, master):
         """What an agent does of its master's backup: this machine's data nodes, and in the end the
@@ -177,20 +193,18 @@ class Backup(object):
         self.metadata.prepare()
         prior = self._prior()
         self.key = self.metadata.new_key(environment("GAUSSLOG"))
-        start_time = int(time.time())
+        self.start_time = int(time.time())
         say("Performing presetup activities...")
         try:
             self._open_nodes(prior)
             self.agents.tell("backup", {
                 "key": self.key, "prior": self.prior_key, "policy": self.policy,
                 "metadata": self.metadata.directory, "processes": self.processes,
-                "block": self.block})
+                "block": self.block, "scope": self.scope})
             for node in self.nodes:
                 node.start()
             size = self._move()
-            manifest = {"key": self.key, "prior": self.prior_key, "start_time": start_time,
-                        "type": "incremental" if prior else "full", "size": size,
-                        "nodes": self.about}
+            manifest = self._manifest(size)
             self.agents.ask("save", (manifest, size))
             self.metadata.save(manifest, size, self.cluster.config)
         finally:
@@ -209,7 +223,7 @@ class Backup(object):
             before = None
             if prior:
                 before = dict(prior["nodes"][instance.name], key=self.prior_key)
-            self.nodes.append(Node_Backup(instance, before))
+            self.nodes.append(Node_Backup(instance, before, self.scope))
 
     def _move(self):
         """Moves all data in workers, then the logs; everything is committed at the end."""
@@ -337,10 +351,7 @@ class Backup(object):
             self.master.tell("ready", (self.about, moved))
             self.master.order("commit")
             return
-        text = json.dumps({"key": self.key, "prior": self.prior_key, "start_time": int(time.time()),
-                           "type": "incremental" if self.prior_key else "full", "size": 0,
-                           "nodes": self.about})
-        content = bytearray(text.encode())
+        content = bytearray(json.dumps(self._manifest(moved)).encode())
         writer = store.create("%s/manifest.json" % self.key, len(content))
         for begin in range(0, len(content), self.block):
             writer.send(content[begin:begin + self.block])

@@ -2,11 +2,13 @@
 import fcntl
 import os
 import shutil
+import signal
 import socket
 import subprocess
 import time
 
-from gspylib.common.DbClusterInfo import ConfigError, dbClusterInfo
+from gspylib.common.DbClusterInfo import (
+    INSTANCE_ROLE_COORDINATOR, ConfigError, dbClusterInfo)
 
 
 class Tool_Error(Exception):
@@ -26,10 +28,26 @@ class Release(object):
     def __init__(self):
         with open(os.path.join(environment("GPHOME"), "version.cfg")) as lines:
             self.product, self.number, self.build = lines.read().splitlines()[:3]
-        self.series = 100 if self.product == "GaussDB_100" else 200
+        self.series = self._series()
+
+    def _series(self):
+        """"100", "200", its successor "dws", or "opengauss"."""
+        if self.product == "GaussDB_100":
+            return "100"
+        if self.product == "GaussDB Kernel":
+            return "opengauss"
+        return "dws" if self._numbers() >= (8, 2, 0) else "200"
+
+    def _numbers(self):
+        return tuple(int(part) for part in self.number.split("."))
+
+    @property
+    def is_remote(self):
+        """Whether the data goes to a service on another machine, from which the metadata come, too."""
+        return self.series in ("dws", "opengauss")
 
     def version_line(self, tool):
-        if self.series == 100:
+        if self.series == "100":
             return "%s GaussDB_100_%s build %s" % (tool, self.number, self.build)
         return ("%s (%s %s build %s) compiled at 2021-06-30 11:40:54 commit 3629 last mr 5138 "
                 "release" % (tool, self.product, self.number, self.build))
@@ -37,19 +55,26 @@ class Release(object):
     @property
     def keeps_metadata_everywhere(self):
         """From 8.1.1 on each machine has the metadata of every backup, not the master's alone."""
-        return tuple(int(part) for part in self.number.split(".")) >= (8, 1, 1)
+        return self._numbers() >= (8, 1, 1)
 
     @property
     def saved_config_name(self):
         return "bak_cluster_static_config" + (".common" if self.keeps_metadata_everywhere else "")
 
 
+def answers(place, port):
+    """Whether a server takes sessions there."""
+    return subprocess.call(["pg_isready", "-q", "-t", "3", "-h", place, "-p", str(port), "-d",
+                            "postgres"]) == 0
+
+
 class Instance(object):
-    """One data node: a server process and its data directory."""
+    """One coordinator or data node: a server process and its data directory."""
 
     def __init__(self, info, node_index, address):
         self.id = info.instanceId
-        self.name = "dn_%d" % info.instanceId
+        self.is_coordinator = info.instanceRole == INSTANCE_ROLE_COORDINATOR
+        self.name = "%s_%d" % ("cn" if self.is_coordinator else "dn", info.instanceId)
         self.port = info.port
         self.data = info.datadir
         self.node_index = node_index
@@ -61,9 +86,7 @@ class Instance(object):
         return self.host == socket.gethostname()
 
     def running(self):
-        place = environment("PGHOST") if self.local else self.address
-        return subprocess.call(["pg_isready", "-q", "-t", "3", "-h", place, "-p",
-                                str(self.port), "-d", "postgres"]) == 0
+        return answers(environment("PGHOST") if self.local else self.address, self.port)
 
     def server_pid(self):
         """The process of the server that has the directory open, or None."""
@@ -89,10 +112,15 @@ class Instance(object):
                  str(self.port), "-k", environment("PGHOST")],
                 stdin=subprocess.DEVNULL, stdout=output, stderr=output, start_new_session=True,
                 cwd=self.data)
+        self.wait_for_answer(server, self.port, log, self.name, seconds)
+
+    @staticmethod
+    def wait_for_answer(server, port, log, name, seconds=120):
+        """@param server  the process that has just been started"""
         end = time.monotonic() + seconds
-        while not self.running():
+        while not answers(environment("PGHOST"), port):
             if server.poll() is not None or time.monotonic() > end:
-                raise Tool_Error("[GAUSS-51607] : Failed to start %s, see %s." % (self.name, log))
+                raise Tool_Error("[GAUSS-51607] : Failed to start %s, see %s." % (name, log))
             time.sleep(0.05)
 
     def stop(self, mode="fast", seconds=120):
@@ -135,7 +163,11 @@ class Cluster(object):
 
     def instances(self):
         return [Instance(one, index, node.backIps[0]) for index, node in enumerate(self.nodes)
-                for one in node.datanodes]
+                for one in node.coordinators + node.datanodes]
+
+    def coordinator(self):
+        """The first one, or the first data node of a cluster without."""
+        return min(self.instances(), key=lambda one: (not one.is_coordinator, one.id))
 
     def local_instances(self):
         return [one for one in self.instances() if one.local]
@@ -160,14 +192,43 @@ class Cluster(object):
         return ("Degraded" if any(answers) else "Unavailable"), answers
 
 
+def lock_path(cluster):
+    return os.path.join(cluster.home, "bin", "roach.lock")
+
+
 def only_one(cluster):
     """Holds this machine's part of the cluster for one run; the lock goes with the process."""
-    lock = os.open(os.path.join(cluster.home, "bin", "roach.lock"), os.O_RDWR | os.O_CREAT, 0o600)
+    lock = os.open(lock_path(cluster), os.O_RDWR | os.O_CREAT, 0o600)
     try:
         fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
     except OSError:
         raise Tool_Error("[GAUSS-53200] : Another Roach operation is in progress.")
+    os.ftruncate(lock, 0)
+    os.pwrite(lock, b"%d" % os.getpid(), 0)
     return lock
+
+
+def end_operation(cluster, seconds=30):
+    """Ends the operation that this machine is the master of, and waits for its end. False when none
+    runs."""
+    lock = os.open(lock_path(cluster), os.O_RDWR | os.O_CREAT, 0o600)
+    try:
+        end, asked = time.monotonic() + seconds, None
+        while True:
+            try:
+                fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+                return asked is not None
+            except OSError:
+                pass
+            pid = int(os.pread(lock, 20, 0) or 0)
+            if time.monotonic() > end:
+                raise Tool_Error("[GAUSS-53214] : The operation of the process %d does not end." % pid)
+            if pid and pid != asked:
+                os.kill(pid, signal.SIGTERM)
+                asked = pid
+            time.sleep(0.02)
+    finally:
+        os.close(lock)
 
 
 def remove_tree(path):

@@ -18,8 +18,10 @@ UNIT = 64 * MIB  # what one worker takes at a time
 class Listing(object):
     """files: path to (size, time of change in ns, mode); directories: paths; tablespaces: oid to place."""
 
-    def __init__(self, data):
+    def __init__(self, data, outside=None):
+        """@param outside  tells of a path whether it is left out"""
         self.files, self.directories, self.tablespaces = {}, [], {}
+        self.outside = outside or (lambda path: False)
         self._walk(data, "")
 
     def _walk(self, directory, prefix):
@@ -34,7 +36,7 @@ class Listing(object):
                     self.directories.append(path)
                     if path not in EMPTIED:
                         self._walk(entry.path, path + "/")
-                elif entry.is_file() and path != CONTROL:
+                elif entry.is_file() and path != CONTROL and not self.outside(path):
                     status = entry.stat()
                     self.files[path] = (status.st_size, status.st_mtime_ns, status.st_mode & 0o777)
             except FileNotFoundError:

@@ -22,7 +22,7 @@ class Metadata(object):
         # the older series' agent names the directory of one backup; that lies where the others do
         parent = os.path.dirname(directory.rstrip("/"))
         self.top = (os.path.dirname(parent) if os.path.basename(parent) == "roach" else directory)
-        self.name = "backupset_nbu.ini" if release.series == 100 else "backups.ini"
+        self.name = "backupset_nbu.ini" if release.series == "100" else "backups.ini"
 
     def check(self):
         """The directory has to be there, and this user's alone to write."""
@@ -37,6 +37,22 @@ class Metadata(object):
         if about.st_uid != os.geteuid() or about.st_mode & 0o022 or about.st_mode & 0o700 != 0o700:
             raise Tool_Error("[GAUSS-50104] : The owner or the mode of %s is incorrect: it has to be "
                              "the user's own, who alone writes it." % self.top)
+
+    def make(self):
+        """Makes the directory when it is missing: what belongs there comes from the media."""
+        try:
+            os.makedirs(self.top, 0o700, exist_ok=True)
+        except OSError as error:
+            raise Tool_Error("[GAUSS-50208] : Failed to create %s: %s" % (self.top, error))
+
+    def keep(self, manifest):
+        """What the media have told of a backup."""
+        directory = self.of_key(manifest["key"])
+        try:
+            os.makedirs(directory, exist_ok=True)
+            _write(os.path.join(directory, "manifest.json"), json.dumps(manifest))
+        except OSError as error:
+            raise Tool_Error("[GAUSS-50208] : Failed to write to %s: %s" % (directory, error))
 
     def prepare(self):
         self.check()
@@ -117,7 +133,7 @@ class Metadata(object):
 
     def _text(self, entries):
         def size(value):
-            if self.release.series == 100:
+            if self.release.series == "100":
                 return '"%s"' % (value if isinstance(value, str) else "%d B" % value)
             return "%dUL" % value
         return '{"BackupDetails":[%s]}\n' % ",".join(

@@ -88,8 +88,8 @@ def library_path():
 class Xbsa_Store(object):
     """A session of the backup service that the NBU policy leads to."""
 
-    def __init__(self, policy):
-        path = library_path()
+    def __init__(self, policy, path=None):
+        path = path or library_path()
         try:
             self.library = ctypes.CDLL(path)
         except OSError as error:
@@ -297,6 +297,12 @@ class File_Reader(object):
 
 
 def open_store(policy):
-    """A session for the policy; the tests' directory instead where their environment names one."""
+    """A session for the policy, or for the way to a service that has one; the tests' directory instead
+    where their environment names one."""
     directory = os.environ.get("SANDBOX_OBJECT_DIRECTORY")
-    return Directory_Store(directory) if directory else Xbsa_Store(policy)
+    if directory:
+        return Directory_Store(directory)
+    if isinstance(policy, str):
+        return Xbsa_Store(policy)
+    from roach.remote import Remote_Store  # which needs this module
+    return Remote_Store(policy)

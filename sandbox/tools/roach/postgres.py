@@ -8,11 +8,12 @@ class Session(object):
     """Runs statements one after another. When this process goes, in whatever way, the session goes,
     and with it what belongs to it, such as a backup that the server is in."""
 
-    def __init__(self, instance):
+    def __init__(self, instance, database="postgres", port=None):
+        """@param port  of another server of this machine that has the instance's data"""
         self.instance = instance
         self.client = subprocess.Popen(
             ["psql", "-X", "-q", "-A", "-t", "-v", "ON_ERROR_STOP=1", "-h", environment("PGHOST"),
-             "-p", str(instance.port), "-d", "postgres"],
+             "-p", str(port or instance.port), "-d", database],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.run("set application_name = 'gs_roach'")
 
@@ -42,6 +43,14 @@ class Session(object):
             except BrokenPipeError:
                 pass
             self.client.wait()
+
+
+def literal(text):
+    return "'%s'" % text.replace("'", "''")
+
+
+def identifier(*names):
+    return ".".join('"%s"' % name.replace('"', '""') for name in names)
 
 
 def parse_lsn(text):

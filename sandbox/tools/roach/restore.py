@@ -29,8 +29,13 @@ class Target(object):
 
 
 class Restore(object):
+    """@param old_host  the host name of the backup's cluster, when that is another one"""
+
+    HALF_DONE = ("The data directories are not complete. Restore the cluster before it is started.")
+    fine = None  # what of the backup is wanted, when it is not all
+
     def __init__(self, cluster, metadata, policy, key, processes, block, keep_configuration,
-                 agents=None):
+                 agents=None, old_host=None):
         self.cluster = cluster
         self.metadata = metadata
         self.policy = policy
@@ -39,6 +44,7 @@ class Restore(object):
         self.block = block
         self.keep_configuration = keep_configuration
         self.agents = agents or Agents()
+        self.old_host = old_host
         self.master = None
 
     def run(self):
@@ -47,7 +53,8 @@ class Restore(object):
         # what any machine lacks is known before anything is changed on one
         self.agents.ask("restore", {
             "key": self.key, "policy": self.policy, "metadata": self.metadata.directory,
-            "processes": self.processes, "block": self.block, "keep": self.keep_configuration})
+            "processes": self.processes, "block": self.block, "keep": self.keep_configuration,
+            "fine": self.fine, "old_host": self.old_host})
         try:
             self.agents.tell("clean")
             self._clean()
@@ -60,8 +67,7 @@ class Restore(object):
             self._complete()
             self.agents.gather("done")
         except Tool_Error as error:
-            raise Tool_Error("%s The data directories are not complete. Restore the cluster before it "
-                             "is started." % error)
+            raise Tool_Error("%s %s" % (error, self.HALF_DONE))
 
     def run_part(self, master):
         """What an agent does of its master's restore: this machine's data nodes, in its steps."""
@@ -82,13 +88,16 @@ class Restore(object):
     # --- before anything is changed
 
     def _prepare(self):
+        if self.cluster.release.is_remote:
+            self.metadata.make()
         self.metadata.check()
-        if self.cluster.release.series != 100:
+        if self.cluster.release.series == "200":
             self._check_metadata()
         store = open_store(self.policy)
         try:
             store.begin()
             self.chain = self._load_chain(store)
+            self._check_chain()
             self.targets = self._match_nodes()
             self._check_objects(store)
             store.commit()
@@ -109,7 +118,7 @@ class Restore(object):
     def _needs_manifests(self):
         """Whether this machine must have the metadata of each backup instead of asking the media."""
         release = self.cluster.release
-        return release.series != 100 and (not self.master or release.keeps_metadata_everywhere)
+        return release.series == "200" and (not self.master or release.keeps_metadata_everywhere)
 
     def _load_chain(self, store):
         """The manifests, the full backup's first."""
@@ -122,9 +131,24 @@ class Restore(object):
                 raise Tool_Error("[GAUSS-53207] : There is no metadata of the backup %s in %s."
                                  % (key, self.metadata.of_key(key)))
             manifest = manifest or self._stored_manifest(store, key)
+            if self.cluster.release.is_remote:
+                self.metadata.keep(manifest)
             chain.insert(0, manifest)
             key = manifest["prior"]
         return chain
+
+    def _check_chain(self):
+        last = self.chain[-1]
+        if last.get("scope"):
+            raise Tool_Error("[GAUSS-53213] : The backup %s has schemas of one database only. It "
+                             "cannot replace the cluster." % self.key)
+        self._check_old_host()
+
+    def _check_old_host(self):
+        host = self.chain[-1].get("host")
+        if self.old_host and self.old_host != host:
+            raise Tool_Error("[GAUSS-53213] : The backup %s is of the cluster of %s, not of that of "
+                             "%s." % (self.key, host, self.old_host))
 
     @staticmethod
     def _stored_manifest(store, key):

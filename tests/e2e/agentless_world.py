@@ -1,0 +1,215 @@
+"""Clusters on machines without an agent, and the host that protects them over ssh: a world for tests of
+the whole road. On the databases' machines nothing of the product is installed."""
+import collections
+import json
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.dont_write_bytecode = True
+from machines import CLUSTER, MACHINE, MAKE_PACKAGE, SERVICE, Host, run  # noqa: E402
+
+CACHE = "/var/cache/quilmot/zenbrak3/gaussdb"
+OURS = "10.77.0.10"
+META = "/home/omm/roach_meta"
+POOL = "/srv/pool"
+# of the cluster's machines; how many data nodes; the service that takes its data, and that one's user
+Flavour = collections.namedtuple("Flavour", "series machines nodes service user")
+FLAVOURS = {
+    "dws1": Flavour("dws", {"dws1a": "10.77.0.1", "dws1b": "10.77.0.2"}, 2, "roach_client", "roach"),
+    "og1": Flavour("opengauss", {"og1a": "10.77.0.3"}, 1, "backUpAgent", "gsbackup"),
+}
+
+
+class Cluster(object):
+    """A cluster without an agent."""
+
+    def __init__(self, name, work):
+        self.name, self.flavour = name, FLAVOURS[name]
+        self.share = work / ("share-" + name)
+        (self.share / "keys").mkdir(parents=True)
+        self.hosts = [Host(work / host, host, address, self.share)
+                      for host, address in self.flavour.machines.items()]
+        self.first = self.hosts[0]
+        self.address = "omm@" + next(iter(self.flavour.machines.values()))
+
+    def start_making(self, public_key):
+        """Processes that make it on all its machines."""
+        (self.share / "admin.pub").write_text(public_key)
+        machines = ",".join("%s=%s" % pair for pair in self.flavour.machines.items())
+        return [subprocess.Popen(host.words(
+            CLUSTER, "create", "--name", self.name, "--series", self.flavour.series, "--nodes",
+            self.flavour.nodes, "--machines", machines, "--keys", "/srv/shared/keys", "--authorize",
+            "/srv/shared/admin.pub", "--media", OURS, "--no-fsync"), stdout=subprocess.DEVNULL)
+            for host in self.hosts]
+
+    def everywhere(self, *words):
+        return [host.cluster(*words) for host in self.hosts]
+
+    def sql(self, statement, database="postgres"):
+        """On all its servers, as a coordinator would have it done; what they answer, a line each."""
+        return "".join(self.everywhere("sql", "all", statement, database)).splitlines()
+
+    def rows(self):
+        """Of each table, on each server: counts and checksums."""
+        return self.everywhere("checksums")
+
+    def lose(self):
+        """All data directories, and what the tool knew of its backups."""
+        self.everywhere("destroy-data")
+        for host in self.hosts:
+            shutil.rmtree(host.path(META))
+            host.path(META).mkdir(0o700)
+            host.do("chown", "omm:dbgrp", META)
+
+    def lists_and_metadata(self):
+        """Files in the homes of the tool's user that are there for one run only."""
+        return [str(path) for host in self.hosts
+                for path in host.path("/home/omm").glob("zenbrak3_*")]
+
+
+class World(object):
+    """The clusters of some flavours, and the host "backup1" with agent, pool and services."""
+
+    def __init__(self, build, names, mib):
+        self.work = pathlib.Path(tempfile.mkdtemp(prefix="zenbrak3-agentless-", dir="/var/tmp"))
+        self.work.chmod(0o755)
+        self.hosts, self.resources = [], set()
+        try:
+            self._make(build, names, mib)
+        except BaseException:
+            self.clean()
+            raise
+
+    def _make(self, build, names, mib):
+        share = self.work / "share-ours"
+        share.mkdir()
+        self.ours = Host(self.work / "backup1", "backup1", OURS, share)
+        self.hosts.append(self.ours)
+        self.clusters = {}
+        for name in names:
+            self.clusters[name] = Cluster(name, self.work)
+            self.hosts += self.clusters[name].hosts
+        run(MACHINE, "join", *[host.directory for host in self.hosts])
+        self.ours.do("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", "/root/.ssh/id_ed25519")
+        key = self.ours.path("/root/.ssh/id_ed25519.pub").read_text()
+        making = [one for cluster in self.clusters.values() for one in cluster.start_making(key)]
+        package = run(MAKE_PACKAGE, build).strip()
+        self.ours.do("dpkg", "--install", package)
+        if any([one.wait() for one in making]):
+            raise AssertionError("the clusters could not be made")
+        for cluster in self.clusters.values():
+            cluster.everywhere("fill", mib)
+            self.ours.do(SERVICE, "start", cluster.flavour.service, "--address", OURS)
+        self.trust_host_keys()
+        self.ours.start_agent()
+        self.ours.do("mkdir", POOL)
+        self.ours.do("zenbrak3", "pool", "create", "main", "file://" + POOL)
+        for name in self.clusters:
+            self.declare(name)
+
+    def trust_host_keys(self):
+        """As an administrator who has been at the machines."""
+        known = ""
+        for host in self.hosts[1:]:
+            address = next(address for cluster in self.clusters.values()
+                           for name, address in cluster.flavour.machines.items() if name == host.name)
+            known += "%s %s" % (address, host.path("/etc/ssh/sandbox_host_key.pub").read_text())
+        self.ours.path("/root/.ssh/known_hosts").write_text(known)
+
+    def declare(self, name, **more):
+        params = dict(name=name, uid=self.ours.call("agent.info")["uid"], meta_path=META,
+                      address=self.clusters[name].address, backup_port=9500, **more)
+        uuid = self.ours.call("gaussdb.create_instance", **params)
+        self.resources.add(uuid)
+        assert uuid, "instance %s could not be declared: %s" % (name, self.agent_log())
+        return uuid
+
+    def agent_log(self):
+        return (self.ours.directory / "agent.log").read_text(errors="replace")[-4000:]
+
+    def clean(self):
+        for host in self.hosts:
+            subprocess.call([MACHINE, "stop", str(host.directory)])
+            if host.agent:
+                host.agent.wait()
+        shutil.rmtree(self.work, ignore_errors=True)
+
+    # --- jobs
+
+    def start(self, *words):
+        """A job as an administrator has it; a process."""
+        return subprocess.Popen(self.ours.words("zenbrak3", *words, "--json", "--interval", "0.05"),
+                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, text=True)
+
+    def end(self, process, seconds=120):
+        """The run when it is over, and its log."""
+        out, err = process.communicate(timeout=seconds)
+        assert out, "%s %s" % (err, self.agent_log())
+        record = json.loads(out)
+        record["log"] = self.ours.do("zenbrak3", "job", "log", record["run_id"])
+        return record
+
+    def run(self, *words):
+        """The run of a job that has to succeed."""
+        record = self.end(self.start(*words))
+        assert record["state"] == "completed", "%s\n%s" % (record, record["log"])
+        return record
+
+    def start_backup(self, name, *words):
+        return self.start("backup", name, "--pool", "main", "--channels", "2", *words)
+
+    def backup(self, name, *words):
+        """The record of a new set."""
+        run_id = self.end_well(self.start_backup(name, *words))["run_id"]
+        return next(one for one in self.sets() if one["uuid"] == run_id)
+
+    def end_well(self, process):
+        record = self.end(process)
+        assert record["state"] == "completed", "%s\n%s" % (record, record["log"])
+        return record
+
+    def restore(self, backup, *words):
+        return self.run("restore", backup["uuid"], "--channels", "2", "--yes", *words)
+
+    def sets(self):
+        return json.loads(self.ours.do("zenbrak3", "backups", "--json"))["backups"]
+
+    def run_definition(self, **definition):
+        """The run of a job that is given as a whole."""
+        out = self.ours.do("zenbrak3", "run", "-", "--no-wait", "--json", input=json.dumps(definition))
+        return self.end(self.start("job", "wait", json.loads(out)["run_id"]))
+
+    # --- whether the world is clean
+
+    def assert_clean(self, seconds=20):
+        """What has just ended may take a moment to go."""
+        end = time.monotonic() + seconds
+        while found := self.leftovers():
+            assert time.monotonic() < end, "left behind: %s" % found
+            time.sleep(0.05)
+
+    def leftovers(self):
+        """What is there that belongs to no complete set, and that no next run would need."""
+        found = []
+        for cluster in self.clusters.values():
+            found += cluster.lists_and_metadata()
+            found += ["%s: process %d" % (host.name, pid) for host in cluster.hosts
+                      for pid in host.processes()]
+            found += [str(path) for host in cluster.hosts
+                      for path in host.path("/home/omm/data").glob("*.roach*")]
+        found += ["ssh %d" % pid for pid in self.ours.processes("ssh", "scp")]
+        kept = {one["uuid"] for one in self.sets()}
+        for path in self.ours.path(POOL).rglob("*"):
+            set_of = re.search("/xbsa/([^/]+)/", str(path))
+            if path.is_file() and (not set_of or set_of.group(1) not in kept):
+                found.append(str(path))
+        # a failed backup leaves its policy to the next run, with a key that opens nothing any more
+        known = {"meta", "media", *self.clusters, *self.resources}
+        found += [path.name for path in self.ours.path(CACHE).iterdir() if path.name not in known]
+        return found
