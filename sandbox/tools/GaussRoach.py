@@ -36,6 +36,7 @@ from roach.metadata import Metadata  # noqa: E402
 from roach.object_store import MIB  # noqa: E402
 from roach.restore import Restore  # noqa: E402
 from roach.screen import marked, say  # noqa: E402
+from roach.workers import end_by_signal  # noqa: E402
 
 DEFAULT_BLOCK = MIB
 MEDIA = {"-t", "--master-port", "--media-type", "--media-destination", "--metadata-destination",
@@ -248,10 +249,7 @@ def run(arguments):
         print(cluster.release.version_line("GaussRoach.py"))
         return 0
 
-    def ended(_signal, _frame):
-        raise Tool_Error("[GAUSS-53214] : The operation was ended by a signal.")
-    signal.signal(signal.SIGTERM, ended)
-    signal.signal(signal.SIGINT, ended)
+    end_by_signal(signal.SIGTERM, signal.SIGINT)
     if cluster.release.is_remote:
         remote_options.check(given, given["-t"], cluster.release.series)
     else:

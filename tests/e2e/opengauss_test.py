@@ -4,11 +4,13 @@ host is what the cluster gets back. Needs root.
 
     opengauss_test.py BUILD [TEST ...]
 """
+import os
 import shutil
 import sys
 import unittest
 
 sys.dont_write_bytecode = True
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../sandbox"))
 from agentless_world import META, World  # noqa: E402
 
 BUILD = sys.argv.pop(1)

@@ -17,6 +17,7 @@ import time
 import unittest
 
 sys.dont_write_bytecode = True
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent.parent / "sandbox"))
 from machines import CLUSTER, MACHINE, MAKE_PACKAGE, Host, run, wait_until  # noqa: E402
 
 BUILD = sys.argv.pop(1)

@@ -12,6 +12,16 @@ from roach.cluster import Tool_Error
 PR_SET_PDEATHSIG = 1
 
 
+def end_by_signal(*numbers):
+    """Lets the first of these signals end what runs, and none of them what cleans up behind it."""
+    def ended(_signal, _frame):
+        for number in numbers:
+            signal.signal(number, signal.SIG_IGN)
+        raise Tool_Error("[GAUSS-53214] : The operation was ended by a signal.")
+    for number in numbers:
+        signal.signal(number, ended)
+
+
 class Worker(object):
     """What a worker sees: its number, what it has done, and the way to its master."""
 

@@ -1,6 +1,7 @@
-"""Clusters on machines without an agent, and the host that protects them over ssh: a world for tests of
-the whole road. On the databases' machines nothing of the product is installed."""
+"""Clusters on machines without an agent, and the host that protects them over ssh: a world for tests and
+demos of the whole road. On the databases' machines nothing of the product is installed."""
 import collections
+import concurrent.futures
 import json
 import pathlib
 import re
@@ -48,7 +49,8 @@ class Cluster(object):
             for host in self.hosts]
 
     def everywhere(self, *words):
-        return [host.cluster(*words) for host in self.hosts]
+        with concurrent.futures.ThreadPoolExecutor(len(self.hosts)) as threads:
+            return list(threads.map(lambda host: host.cluster(*words), self.hosts))
 
     def sql(self, statement, database="postgres"):
         """On all its servers, as a coordinator would have it done; what they answer, a line each."""
@@ -128,6 +130,9 @@ class World(object):
         self.resources.add(uuid)
         assert uuid, "instance %s could not be declared: %s" % (name, self.agent_log())
         return uuid
+
+    def instance(self, name):
+        return self.ours.call("instance.show", instance=name)
 
     def agent_log(self):
         return (self.ours.directory / "agent.log").read_text(errors="replace")[-4000:]

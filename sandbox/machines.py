@@ -1,4 +1,4 @@
-"""Machines of the sandbox on one network, for tests that need more than one."""
+"""Machines of the sandbox on one network, for tests and demos that need more than one."""
 import json
 import os
 import pathlib
@@ -7,10 +7,9 @@ import socket
 import subprocess
 import time
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-MACHINE, CLUSTER = str(ROOT / "sandbox/machine"), str(ROOT / "sandbox/cluster")
-RUN_UNIT, MAKE_PACKAGE = str(ROOT / "sandbox/run_unit"), str(ROOT / "sandbox/make_package")
-SERVICE = str(ROOT / "sandbox/service")
+HERE = pathlib.Path(__file__).resolve().parent
+MACHINE, CLUSTER, SERVICE = [str(HERE / name) for name in ("machine", "cluster", "service")]
+RUN_UNIT, MAKE_PACKAGE = str(HERE / "run_unit"), str(HERE / "make_package")
 
 
 def run(*words, **options):
