@@ -1,5 +1,6 @@
 #include "gaussdb/job/cluster_job.h"
 
+#include "json_spirit/access.h"
 #include "tests/unit/gaussdb/job/cluster_world.h"
 #include "tests/unit/host/job/test_job.h"
 
@@ -67,6 +68,48 @@ TEST_F(Cluster_Job_Test, what_the_run_before_left_is_cleared) {
     EXPECT_EQ(0, activity.message.size);
     EXPECT_EQ(0, activity.message.offset);
     EXPECT_LE(before, activity.start_time);
+}
+
+/** What is done behind a run that ends in a state. */
+class Cancelled_Run_Cleanup_Test : public Cluster_Job_Test {
+protected:
+    /** @return the actions that the other host was asked for */
+    Texts clean_up(Job_State state, bool succeeded = false) {
+        hosts_ = {"other", "here"};
+        Roach_Source roach_source = source();
+        EXPECT_TRUE(roach_source.dump_policy());
+        Job_Activity& activity = holder_->activity();
+        activity.state = JOB_STATE_RUNNING;
+        {
+            Cancelled_Run_Cleanup cleanup(activity, roach_source, hosts_, "definition");
+            if (succeeded)
+                cleanup.dismiss();
+            activity.state = state;
+        }
+        Texts actions;
+        for (auto const& call : upstream_->rpc_calls()) {
+            json_spirit::Object const& params = call.params.get_obj();
+            actions.push_back(json_spirit::object_get_str(params, "action") + " " +
+                              json_spirit::object_get_str(params, "definition_uuid"));
+        }
+        return actions;
+    }
+};
+
+TEST_F(Cancelled_Run_Cleanup_Test, a_cancelled_run_is_ended_on_all_hosts) {
+    EXPECT_THAT(clean_up(JOB_STATE_CANCELING), ElementsAre("end definition"));
+    EXPECT_FALSE(exists(root("policy-1")));
+}
+
+TEST_F(Cancelled_Run_Cleanup_Test, a_run_that_was_not_cancelled_is_left_to_its_end) {
+    EXPECT_THAT(clean_up(JOB_STATE_RUNNING), ElementsAre());
+    EXPECT_THAT(clean_up(JOB_STATE_ERROR), ElementsAre());
+    EXPECT_TRUE(exists(root("policy-1")));
+}
+
+TEST_F(Cancelled_Run_Cleanup_Test, a_run_that_has_succeeded_is_not_cancelled_any_more) {
+    EXPECT_THAT(clean_up(JOB_STATE_CANCELING, true), ElementsAre());
+    EXPECT_TRUE(exists(root("policy-1")));
 }
 
 } // namespace
