@@ -26,6 +26,7 @@
 #include <algorithm>
 #include <exception>
 #include <fcntl.h>
+#include <filesystem>
 #include <new>
 #include <sys/stat.h>
 #include <thread>
@@ -79,6 +80,30 @@ bool age_of_policy(std::string const& policy, time_t& age) {
         return false;
     age = std::max<time_t>(0, time(nullptr) - status.st_mtime) + 1;
     return true;
+}
+
+/** Ends the tool's programs that the owner of a policy has started since it was written. */
+bool end_programs_of(std::string const& policy) {
+    User_Programs programs{0, TOOL_PROGRAMS, 0};
+    if (!owner_of_policy(policy, programs.user) || !age_of_policy(policy, programs.max_age))
+        return true; // no run has a policy here, so the tool has nothing to do here
+    if (end_programs(programs, PROGRAM_GRACE))
+        return true;
+    QMRT_LOG(LM_ERROR, "Failed to end the backup tool's programs of user #%u\n", programs.user);
+    return false;
+}
+
+/** The policies on this host: nothing else in the directory is another user's file. */
+std::vector<std::string> policies_here() {
+    std::vector<std::string> found;
+    std::error_code ignored;
+    for (auto const& entry : std::filesystem::directory_iterator(ROOT, ignored)) {
+        uid_t owner = 0;
+        if (Roach_Source::is_run_name(entry.path().filename()) &&
+            owner_of_policy(entry.path(), owner) && owner != geteuid())
+            found.push_back(entry.path());
+    }
+    return found;
 }
 
 /** A directory of root's alone, to unpack in. */
@@ -211,6 +236,7 @@ bool Roach_Source::create_path() {
 }
 
 void Roach_Source::delete_meta() {
+    (void)end_earlier_runs(); // dump_policy() tries again and fails
     // only what is this user's: another user's comes back with that user
     Tool_Directory const directory = meta();
     if (directory.make() == 0 && directory.remove() == -1)
@@ -274,7 +300,8 @@ bool Roach_Source::dump_policy() {
                  policy_name_.c_str());
         return false;
     }
-    if (path.empty() || !are_ids_valid() || !create_path() || !prepare_pool())
+    if (path.empty() || !are_ids_valid() || !end_earlier_runs() || !create_path() ||
+        !prepare_pool())
         return false;
     WebSocket_Options const& server = *WebSocket_Options::instance();
     json_spirit::Object policy = route();
@@ -356,14 +383,17 @@ bool Roach_Source::remove(std::vector<std::string> const& host_uuids, std::set<s
 }
 
 bool Roach_Source::end_programs() {
-    std::string const policy = policy_file();
-    User_Programs programs{0, TOOL_PROGRAMS, 0};
-    if (!owner_of_policy(policy, programs.user) || !age_of_policy(policy, programs.max_age))
-        return true; // no run has a policy here, so the tool has nothing to do here
-    if (::end_programs(programs, PROGRAM_GRACE))
-        return true;
-    QMRT_LOG(LM_ERROR, "Failed to end the backup tool's programs of user #%u\n", programs.user);
-    return false;
+    return end_programs_of(policy_file());
+}
+
+bool Roach_Source::end_earlier_runs() {
+    for (std::string const& policy : policies_here()) {
+        if (!end_programs_of(policy))
+            return false;
+        if (unlink(policy.c_str()) == 0)
+            QMRT_LOG(LM_INFO, "Removed %s, which an earlier run has left\n", policy.c_str());
+    }
+    return true;
 }
 
 void Roach_Source::end(std::vector<std::string> const& host_uuids,

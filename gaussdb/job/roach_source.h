@@ -55,12 +55,19 @@ public:
      * user's are set aside; see Tool_Directory.
      */
     [[nodiscard]] bool create_path();
-    /** Empties the metadata directory, with what another user has there set aside. */
+    /**
+     * Empties the metadata directory, with what another user has there set aside, once what an
+     * earlier run has left has ended: see dump_policy().
+     */
     void delete_meta();
     /**
      * Makes the directories, the cluster's folder in the pool, and the policy file: whole, and
      * never readable by others. Only on a thread that works for a run, whose key goes into the
      * policy.
+     *
+     * The run is the only one that uses the tool on this host: see Run_Hold. So policies that are
+     * there were left by earlier runs, such as those of an agent that was killed. They are removed,
+     * and the tool's programs that their owners have started since are ended first.
      */
     [[nodiscard]] bool dump_policy();
     /** Removes the policy file and the 100 series' metadata file; neither need be there. */
@@ -159,6 +166,7 @@ public:
 
 private:
     std::string policy_file() const;
+    [[nodiscard]] static bool end_earlier_runs();
     json_spirit::Object route() const;
     json_spirit::Object add_request() const;
     json_spirit::Object remove_request(std::string const& definition_uuid) const;

@@ -93,6 +93,18 @@ class Agent_Test(Fault_Test):
         self.assert_cut_off(run_id)
         world.assert_recovered()
 
+    def test_a_backup_tool_that_outlives_the_agent_is_ended_by_the_next_run(self):
+        world.wait_for_percent(world.start_slow_backup(rate=1000000), 1)
+        world.stop_agent(signal.SIGKILL)
+        left = roach_processes()
+        self.assertNotEqual({}, left)
+        world.start_agent()
+        run = world.backup("--name", "ready")
+        # the tool itself takes no second run beside the first
+        self.assertEqual("completed", run["state"], world.log(run))
+        self.assertEqual(set(), set(left) & set(roach_processes()))
+        world.assert_recovered()
+
     def test_a_backup_that_is_cancelled_goes_on_to_its_end(self):
         run_id = world.start_slow_backup()
         world.wait_for_percent(run_id, 30)
@@ -214,6 +226,19 @@ class Object_Test(Restoring_Test):
         self.assertRegex(world.log(run), r"object \d+_\d+/dn_600\d/(data|log)")
         self.assert_database_untouched()
         os.rename("/srv/victim", victim)
+        world.assert_recovered()
+
+
+class Restart_Test(Restoring_Test):
+    def test_the_database_that_a_restore_has_started_outlives_the_agent(self):
+        uuid = world.backup("--name", "ready")["run_id"]
+        self.assertEqual("completed", world.restore(uuid)["state"])
+        servers = world.server_pids()
+        self.assertNotEqual(self.servers, servers, "the restore has started none")
+        world.stop_agent()
+        world.start_agent()
+        self.assertEqual(servers, world.server_pids())
+        self.assertEqual(self.rows, world.rows())
         world.assert_recovered()
 
 

@@ -42,6 +42,32 @@ protected:
         upstream_->serve_forward("other", "gaussdb.roach_source", std::move(answer));
     }
     Object last_request() const { return upstream_->rpc_calls().back().params.get_obj(); }
+    Roach_Source with_policy(char const* name) const {
+        return source(GAUSSDB_200, 8, COMPR_NONE, name);
+    }
+    /** Starts one of the tool's programs as the owner of the policy. */
+    pid_t start_tool() const {
+        struct stat status;
+        EXPECT_EQ(0, stat(root("policy-1").c_str(), &status));
+        write(root("gs_roach"), "echo > " + root("meta/ready") + "\nsleep 1000\n");
+        pid_t const tool = fork();
+        if (tool == 0) {
+            if (setuid(status.st_uid) == 0)
+                execl("/bin/sh", "sh", root("gs_roach").c_str(), nullptr);
+            _exit(127);
+        }
+        while (!exists(root("meta/ready")))
+            usleep(5000);
+        return tool;
+    }
+    /** Whether a program does not run any longer; it does not end by itself. */
+    static bool was_ended(pid_t tool) {
+        int how = 0;
+        bool const ended = waitpid(tool, &how, WNOHANG) == tool && WIFSIGNALED(how);
+        if (!ended && kill(tool, SIGKILL) == 0)
+            waitpid(tool, &how, 0);
+        return ended;
+    }
     /** What the tool leaves in the metadata directory. */
     void leave_metadata(std::string const& config = "bak_cluster_static_config.common") {
         write(root("meta/backups.ini"), "the metadata");
@@ -302,21 +328,42 @@ TEST_F(Roach_Source_Test, end_without_this_host_leaves_its_policy) {
 TEST_F(Roach_Source_Test, the_tools_programs_of_the_policys_owner_end) {
     EXPECT_TRUE(source().end_programs()) << "nothing to do without a policy";
     EXPECT_TRUE(source().dump_policy());
-    struct stat status;
-    ASSERT_EQ(0, stat(root("policy-1").c_str(), &status));
-    write(root("gs_roach"), "echo > " + root("meta/ready") + "\nsleep 1000\n");
-    pid_t const tool = fork();
-    if (tool == 0) {
-        if (setuid(status.st_uid) == 0)
-            execl("/bin/sh", "sh", root("gs_roach").c_str(), nullptr);
-        _exit(127);
-    }
-    while (!exists(root("meta/ready")))
-        usleep(5000);
+    pid_t const tool = start_tool();
     EXPECT_TRUE(source().end_programs());
-    int how = 0;
-    EXPECT_EQ(tool, waitpid(tool, &how, 0));
-    EXPECT_TRUE(WIFSIGNALED(how)) << how;
+    EXPECT_TRUE(was_ended(tool));
+}
+
+TEST_F(Roach_Source_Test, what_an_earlier_run_has_left_is_ended_before_another_begins) {
+    EXPECT_TRUE(source().dump_policy());
+    pid_t const tool = start_tool();
+    EXPECT_TRUE(with_policy("policy-2").dump_policy());
+    EXPECT_TRUE(was_ended(tool));
+    EXPECT_FALSE(exists(root("policy-1")));
+    EXPECT_TRUE(exists(root("policy-2")));
+}
+
+TEST_F(Roach_Source_Test, the_metadata_is_emptied_when_the_earlier_run_cannot_write_it_any_more) {
+    EXPECT_TRUE(source().dump_policy());
+    pid_t const tool = start_tool();
+    source().delete_meta();
+    EXPECT_TRUE(was_ended(tool));
+    EXPECT_FALSE(exists(root("policy-1")));
+}
+
+TEST_F(Roach_Source_Test, what_is_beside_the_policies_stays_when_a_run_begins) {
+    Texts const files{"c1_env", "c1_identity", "roots"};
+    for (std::string const& file : files)
+        write(root(file), "x");
+    write(root("directory/file"), "x");
+    for (char const* name : {"c1_env", "c1_identity", "directory"})
+        EXPECT_EQ(0, chown_r(root(name).c_str(), USER));
+    std::filesystem::create_symlink(root("roots"), root("link"));
+    EXPECT_EQ(0, lchown(root("link").c_str(), 1, 1));
+    EXPECT_TRUE(source().dump_policy());
+    for (std::string const& file : files)
+        EXPECT_TRUE(exists(root(file))) << file;
+    EXPECT_TRUE(exists(root("directory/file")));
+    EXPECT_TRUE(exists(root("link")));
 }
 
 TEST_F(Roach_Source_Test, remove_without_this_host_leaves_its_policy) {
