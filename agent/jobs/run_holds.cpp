@@ -40,14 +40,56 @@ std::string Run_Holds::hold(Run const& run, std::set<std::string> const& resourc
         return one.is_of(run.host_uuid, run.run_id) && one.resources == resources;
     });
     if (request == requests_.end()) {
-        if (std::ranges::count_if(requests_, [&](Request const& one) {
-                return one.run.host_uuid == run.host_uuid;
-            }) >= static_cast<std::ptrdiff_t>(MOST_OF_A_HOST))
+        if (!has_room(run.host_uuid))
             return "other runs of its host, of which too many wait";
         request = requests_.insert(requests_.end(), {run, resources, now});
     }
     request->asked = now;
+    if (!request->granted && !awaited_.empty() && now < awaited_until_)
+        return "the hosts of the group, which connect again after a start of the backup server";
     return request->granted ? "" : place(*request);
+}
+
+bool Run_Holds::has(std::string const& host_uuid, std::string const& run_id,
+                    std::string const& resource) {
+    std::lock_guard const guard(mutex_);
+    return std::ranges::any_of(requests_, [&](Request const& one) {
+        return one.granted && one.is_of(host_uuid, run_id) && one.resources.contains(resource);
+    });
+}
+
+void Run_Holds::await(std::set<std::string> hosts, Clock::time_point now) {
+    std::lock_guard const guard(mutex_);
+    awaited_ = std::move(hosts);
+    awaited_until_ = now + AWAITED;
+}
+
+void Run_Holds::host_joined(std::string const& host_uuid) {
+    std::lock_guard const guard(mutex_);
+    awaited_.erase(host_uuid);
+}
+
+bool Run_Holds::restore(Run const& run, std::set<std::string> const& resources,
+                        Clock::time_point now) {
+    std::lock_guard const guard(mutex_);
+    drop_dead(now);
+    std::erase_if(requests_, [&](Request const& one) {
+        return one.is_of(run.host_uuid, run.run_id) && one.resources == resources;
+    });
+    bool const is_taken = std::ranges::any_of(requests_, [&](Request const& one) {
+        return one.granted && !one.is_of(run.host_uuid, run.run_id) &&
+               !common_resource(resources, one.resources).empty();
+    });
+    if (is_taken || !has_room(run.host_uuid))
+        return false;
+    requests_.push_front({run, resources, now, true});
+    return true;
+}
+
+bool Run_Holds::has_room(std::string const& host_uuid) const {
+    return std::ranges::count_if(requests_, [&](Request const& one) {
+               return one.run.host_uuid == host_uuid;
+           }) < static_cast<std::ptrdiff_t>(MOST_OF_A_HOST);
 }
 
 /** @return what the request waits for; "" when it has just been granted */

@@ -173,7 +173,13 @@ bool Agent_Service::install_back_ends(std::string& error) {
         error = "The members of the group cannot be read; the log says why";
         return false;
     }
-    access_ = std::make_unique<Method_Access>(*catalog_, *members_, *group_instances_, keys_);
+    access_ =
+        std::make_unique<Method_Access>(*catalog_, *members_, *group_instances_, keys_, holds_);
+    std::set<std::string> hosts;
+    for (Member_Record const& member : members_->list())
+        if (!member.host_uuid.empty())
+            hosts.insert(member.host_uuid);
+    holds_.await(std::move(hosts));
     run_access_ = std::make_unique<Run_Access>(keys_, holds_, identity_.host_uuid, is_member());
     catalog_->on_abort([this](Dropped_Set const& set) { remove_files(set); });
     Host_Services& services = Host_Services::instance();

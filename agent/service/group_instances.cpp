@@ -112,6 +112,17 @@ std::string caller(Method_Call const& call, Agent_Identity const& identity) {
     return call.caller.is(Rpc_Caller::MEMBER) ? call.caller.host_uuid : identity.host_uuid;
 }
 
+/** The hosts of a cluster find it each for itself; nothing here can tell a false claim from that.
+ */
+void tell_of_others(std::vector<std::string> const& hosts, Rpc_Caller const& member,
+                    std::string const& instance) {
+    if (!hosts.empty())
+        QMRT_LOG(LM_WARNING,
+                 "%s now says that it has the instance %s, as host %s does; if it is not a node of "
+                 "that cluster, remove it: zenbrak3 member remove\n",
+                 member.text().c_str(), names::shown(instance).c_str(), hosts.front().c_str());
+}
+
 bool notify_instance(Group_Instances& instances, std::string const& host, Method_Call const& call,
                      Method_Fault& fault) {
     std::string error, type, name, uuid, change = "added";
@@ -126,6 +137,8 @@ bool notify_instance(Group_Instances& instances, std::string const& host, Method
         return instances.forget(host, type, name) || failed(fault);
     if (uuid.empty())
         uuid = Instance_Probe::uuid_of(type, name);
+    if (call.caller.is(Rpc_Caller::MEMBER) && !instances.has(host, type, name))
+        tell_of_others(instances.hosts_of(uuid), call.caller, name);
     return instances.note(host, type, name, uuid) || failed(fault);
 }
 

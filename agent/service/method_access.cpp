@@ -3,6 +3,8 @@
 #include "agent/catalog/sqlite_catalog.h"
 #include "agent/service/group_instances.h"
 #include "agent/service/group_members.h"
+#include "agent/service/instance_probe.h"
+#include "agent/service/run_access.h"
 #include "host/job/run_hold.h"
 #include "host/storage/xbsa_layout.h"
 #include "json_spirit/access.h"
@@ -21,6 +23,8 @@ namespace {
 
 constexpr char KIND[] = "gaussdb";
 constexpr char ROACH_SOURCE[] = "gaussdb.roach_source";
+/** That a run may claim to have stored with one call. */
+constexpr uint64_t MOST_BYTES = uint64_t{1} << 50;
 constexpr size_t MOST_TOLD = 1024; ///< after so many all are told again
 
 Object const& object_or_empty(json_spirit::Value const& value) {
@@ -84,7 +88,7 @@ struct Method_Access::Table {
             {"backup.remove", {PEOPLE}},
             {"backup.show", {OR_MEMBER, &A::any}}, // the same
             {"backup_set.gaussdb_restore_branch", {OR_MEMBER, &A::of_own_resource}},
-            {"backupd.instance.notify", {OR_MEMBER, &A::any}}, // speaks of its own host
+            {"backupd.instance.notify", {OR_MEMBER, &A::of_own_instance}},
             {"catalog.abort", {OR_MEMBER, &A::of_own_set}},
             {"catalog.abort_open", {OR_MEMBER, &A::of_own_host}},
             {"catalog.add_piece", {OR_MEMBER | C::RUN, &A::own_pieces, &A::pieces_of_run}},
@@ -261,27 +265,43 @@ bool Method_Access::a_view(Question const& question) {
            refuse(question.why, "the view \"depends\" is for members with all pools");
 }
 
-/** What the hosts of the run's instance have; what another instance has would be kept from it. */
+/**
+ * A member speaks of its own host. Which name it gives to an instance is its own word, since the
+ * hosts of a cluster find it each for itself; but the uuid is made of the name, so that it has no
+ * instance of another name.
+ */
+bool Method_Access::of_own_instance(Question const& question) {
+    std::string const uuid = object_get_str(question.params, "uuid");
+    return uuid.empty() ||
+           uuid == Instance_Probe::uuid_of(object_get_str(question.params, "type"),
+                                           object_get_str(question.params, "name")) ||
+           refuse(question.why, "'uuid' is not that of an instance of this name");
+}
+
 bool Method_Access::resources_of_run(Question const& question) {
     std::shared_ptr<Run_Scope const> const run =
         keys_.find_run(question.host, object_get_str(question.params, "run_id"));
     if (!run)
         return refuse(question.why, "it is not for a run of that host that is on");
-    for (std::string const& name :
-         json_spirit::strings_of(array_of(question.params, "resources"))) {
+    return may_reserve(*run, array_of(question.params, "resources"), question.why);
+}
+
+/** What the hosts of the run's instance have; what another instance has would be kept from it. */
+bool Method_Access::may_reserve(Run_Scope const& run, Array const& resources, std::string& why) {
+    for (std::string const& name : json_spirit::strings_of(resources)) {
         Run_Hold::Resource resource;
         if (!Run_Hold::parse(name, resource))
-            return refuse(question.why, "a resource has no valid name");
+            return refuse(why, "a resource has no valid name");
         if (resource.kind == Run_Hold::Resource::NODE)
             continue; // no agent runs there; any run may lead to it
         bool const own =
             resource.kind == Run_Hold::Resource::INSTANCE
-                ? resource.owner == run->cluster_id ||
-                      std::ranges::count(instances_.hosts_of(resource.owner), question.host) > 0
-                : resource.owner == question.host ||
-                      instances_.has(resource.owner, KIND, run->instance);
+                ? resource.owner == run.cluster_id ||
+                      std::ranges::count(instances_.hosts_of(resource.owner), run.host_uuid) > 0
+                : resource.owner == run.host_uuid ||
+                      instances_.has(resource.owner, KIND, run.instance);
         if (!own)
-            return refuse(question.why, "a resource is not one of the run's instance");
+            return refuse(why, "a resource is not one of the run's instance");
     }
     return true;
 }
@@ -315,9 +335,19 @@ bool Method_Access::pieces_of_run(Question const& question) {
         set->resource_uuid != run.cluster_id)
         return refuse(question.why, "the set of the run is not open");
     std::string const folder = xbsa_set_folder(run.cluster_id, run.run_id);
-    for (Object const& piece : json_spirit::objects_of(array_of(question.params, "pieces")))
+    uint64_t total = 0;
+    for (Object const& piece : json_spirit::objects_of(array_of(question.params, "pieces"))) {
         if (!is_below(object_get_str(piece, "path"), folder))
             return refuse(question.why, "a piece is outside of the set's folder");
+        for (char const* key : {"size", "storage_size"}) {
+            uint64_t size = 0;
+            if (piece.contains(key) && !json_spirit::object_get(piece, key, size))
+                return refuse(question.why, "the size of a piece is not a number of bytes");
+            if (size > MOST_BYTES - total)
+                return refuse(question.why, "the pieces are larger than 1 PiB");
+            total += size;
+        }
+    }
     return true;
 }
 
@@ -366,13 +396,41 @@ bool Method_Access::admit(Rpc_Caller const& member, std::string const& host_uuid
 
 void Method_Access::joined(std::string const& host_uuid, Array const& runs) {
     std::vector<Run_Keys::Entry> entries;
+    std::vector<std::pair<Run_Scope, Object const*>> told;
     for (Object const& run : json_spirit::objects_of(runs)) {
         Run_Keys::Entry entry;
-        if (entries.size() < Run_Keys::MOST_OF_A_HOST && entry.read(run) &&
-            entry.scope.host_uuid == host_uuid)
-            entries.push_back(std::move(entry));
+        if (entries.size() >= Run_Keys::MOST_OF_A_HOST || !entry.read(run) ||
+            entry.scope.host_uuid != host_uuid)
+            continue;
+        told.emplace_back(entry.scope, &run);
+        entries.push_back(std::move(entry));
     }
     keys_.replace(host_uuid, std::move(entries));
+    for (auto const& [scope, run] : told)
+        restore_holds(scope, *run);
+    holds_.host_joined(host_uuid);
+}
+
+/** Gives a run back what it had before this server was started. */
+void Method_Access::restore_holds(Run_Scope const& run, Object const& told) {
+    std::string const name = object_get_str(told, "name");
+    std::string const text =
+        Run_Access::text_of(names::fault_of_title(name).empty() ? name : "", run.instance);
+    for (json_spirit::Value const& one : array_of(told, "holds")) {
+        std::string why = "other runs have some of it";
+        if (one.type() != json_spirit::array_type || !may_reserve(run, one.get_array(), why)) {
+            QMRT_LOG(LM_WARNING, "Run %s of host %s gets back nothing, %s\n", run.run_id.c_str(),
+                     run.host_uuid.c_str(), why.c_str());
+            continue;
+        }
+        auto const resources = json_spirit::strings_of(one.get_array());
+        if (!holds_.restore({run.host_uuid, run.run_id, text},
+                            {resources.begin(), resources.end()}))
+            QMRT_LOG(LM_WARNING,
+                     "Run %s of host %s goes on without what it had reserved, %s: the next run "
+                     "that uses the backup tool on its hosts ends it\n",
+                     run.run_id.c_str(), run.host_uuid.c_str(), why.c_str());
+    }
 }
 
 void Method_Access::left(std::string const& host_uuid) {
@@ -392,6 +450,10 @@ std::shared_ptr<Run_Scope const> Method_Access::run_of(Forward const& forward, s
     }
     if (!fits_run(*run, forward.method, params, why))
         return nullptr;
+    if (!holds_.has(run->host_uuid, run->run_id, Run_Hold::metadata(forward.to))) {
+        why = "the run has not reserved the backup tool of host " + qmrt::to_one_line(forward.to);
+        return nullptr;
+    }
     if (!run_may_use_pool(*run, object_get_str(params, "pool_uuid"))) {
         why = "the pool is not that of the run";
         return nullptr;

@@ -1,6 +1,7 @@
 #ifndef AGENT_SERVICE_METHOD_ACCESS_H
 #define AGENT_SERVICE_METHOD_ACCESS_H
 
+#include "agent/jobs/run_holds.h"
 #include "agent/rpc/group_server.h"
 #include "agent/rpc/method_table.h"
 #include "agent/rpc/run_keys.h"
@@ -33,8 +34,8 @@ class Method_Access : public Group_Rules {
 public:
     /** All must outlive this object. */
     Method_Access(SQLite_Catalog& catalog, Group_Members& members, Group_Instances& instances,
-                  Run_Keys& keys)
-        : catalog_(catalog), members_(members), instances_(instances), keys_(keys) {}
+                  Run_Keys& keys, Run_Holds& holds)
+        : catalog_(catalog), members_(members), instances_(instances), keys_(keys), holds_(holds) {}
 
     /** A Method_Gate. */
     [[nodiscard]] bool allows(Method_Call const& call, Method_Fault& fault);
@@ -70,6 +71,7 @@ private:
     [[nodiscard]] bool of_own_set(Question const& question);
     [[nodiscard]] bool of_own_record(Question const& question);
     [[nodiscard]] bool of_own_resource(Question const& question);
+    [[nodiscard]] bool of_own_instance(Question const& question);
     [[nodiscard]] bool own_pieces(Question const& question);
     [[nodiscard]] bool a_view(Question const& question);
     [[nodiscard]] bool resources_of_run(Question const& question);
@@ -82,12 +84,16 @@ private:
     [[nodiscard]] bool has_own_pieces(Question const& question, json_spirit::Object const& holder,
                                       std::string const& resource);
     [[nodiscard]] bool run_may_use_pool(Run_Scope const& run, std::string const& pool_uuid);
+    [[nodiscard]] bool may_reserve(Run_Scope const& run, json_spirit::Array const& resources,
+                                   std::string& why);
+    void restore_holds(Run_Scope const& run, json_spirit::Object const& told);
     [[nodiscard]] bool is_news(std::string const& who, std::string const& method);
 
     SQLite_Catalog& catalog_;
     Group_Members& members_;
     Group_Instances& instances_;
     Run_Keys& keys_;
+    Run_Holds& holds_;
     std::mutex mutex_;
     std::set<std::string> told_; ///< refusals that have been logged
 };

@@ -60,6 +60,10 @@ secure_string Run_Access::begin(Job const& job, std::string const& instance) {
 
 void Run_Access::end(std::string const& run_id) {
     keys_.end(host_uuid_, run_id);
+    {
+        std::lock_guard const guard(mutex_);
+        held_.erase(run_id);
+    }
     std::shared_ptr<Upstream_Backend> const server = Host_Services::instance().upstream();
     std::string ignored;
     if (member_ && server)
@@ -102,6 +106,12 @@ Hold_Answer Run_Access::hold(Job const& job, std::set<std::string> const& resour
         if (reply.result.type() != json_spirit::obj_type)
             return {Hold_Answer::REFUSED, "the backup server did not answer with an object"};
         waits_for = json_spirit::object_get_str(reply.result.get_obj(), "waits_for");
+        if (waits_for.empty()) {
+            std::lock_guard const guard(mutex_);
+            Held& held = held_[run->run_id];
+            held.name = definition.null() ? std::string() : definition->name();
+            held.requests.insert(resources);
+        }
     }
     return {waits_for.empty() ? Hold_Answer::GRANTED : Hold_Answer::WAIT, waits_for};
 }
@@ -110,6 +120,11 @@ void Run_Access::release(Job const& job, std::set<std::string> const& resources)
     std::string const run_id = job.run_id();
     if (!member_)
         return holds_.release(host_uuid_, run_id, resources);
+    {
+        std::lock_guard const guard(mutex_);
+        if (auto const held = held_.find(run_id); held != held_.end())
+            held->second.requests.erase(resources);
+    }
     std::shared_ptr<Upstream_Backend> const server = Host_Services::instance().upstream();
     std::string ignored; // the server frees them when it learns that the run has ended
     if (server)
@@ -118,7 +133,16 @@ void Run_Access::release(Job const& job, std::set<std::string> const& resources)
 
 json_spirit::Array Run_Access::runs() const {
     json_spirit::Array array;
-    for (Run_Keys::Entry const& entry : keys_.of_host(host_uuid_))
-        array.emplace_back(entry.dump());
+    std::lock_guard const guard(mutex_);
+    for (Run_Keys::Entry const& entry : keys_.of_host(host_uuid_)) {
+        json_spirit::Object run = entry.dump();
+        if (auto const held = held_.find(entry.scope.run_id); held != held_.end()) {
+            json_spirit::Array holds;
+            for (std::set<std::string> const& one : held->second.requests)
+                holds.emplace_back(json_spirit::Array(one.begin(), one.end()));
+            json_spirit::insert(run)("name", held->second.name)("holds", std::move(holds));
+        }
+        array.emplace_back(std::move(run));
+    }
     return array;
 }

@@ -5,6 +5,8 @@
 #include "agent/rpc/run_keys.h"
 #include "host/job/job_backend.h"
 
+#include <map>
+#include <mutex>
 #include <set>
 #include <string>
 
@@ -29,7 +31,7 @@ public:
     secure_string begin(Job const& job, std::string const& instance);
     /** The run is over. Waits for nobody: a server that cannot be told learns it from runs(). */
     void end(std::string const& run_id);
-    /** The runs that are on, for group.join. */
+    /** The running runs and the resources that each has, for group.join. */
     json_spirit::Array runs() const;
 
     /** See Job_Backend::hold() and release(). Waits for nothing but the backup server's answer. */
@@ -40,10 +42,18 @@ public:
     static std::string text_of(std::string const& job_name, std::string const& instance);
 
 private:
+    /** What a run of a member has; the backup server's table can be lost. */
+    struct Held {
+        std::string name; ///< of the job
+        std::set<std::set<std::string>> requests;
+    };
+
     Run_Keys& keys_;
     Run_Holds& holds_;
     std::string const host_uuid_;
     bool const member_;
+    mutable std::mutex mutex_;
+    std::map<std::string, Held> held_; ///< by the run's id; a member's only
 };
 
 #endif

@@ -119,6 +119,48 @@ TEST_F(Run_Holds_Test, who_no_longer_asks_loses_the_place_and_never_what_it_has)
     EXPECT_NE("", hold("h1/b", H1, NOW + 1h)) << "c has it, however long ago it asked";
 }
 
+TEST_F(Run_Holds_Test, nothing_is_granted_before_the_hosts_are_back) {
+    std::string const waits =
+        "the hosts of the group, which connect again after a start of the backup server";
+    holds_.await({"h1", "h2"}, NOW);
+    EXPECT_EQ(waits, hold("h3/a", H1));
+    holds_.host_joined("h1");
+    holds_.host_joined("h9");
+    EXPECT_EQ(waits, hold("h3/a", H1));
+    EXPECT_TRUE(holds_.restore({"h1", "b", "job b"}, H2, NOW));
+    EXPECT_EQ("", hold("h1/b", H2)) << "it has it";
+    holds_.host_joined("h2");
+    EXPECT_EQ("", hold("h3/a", H1));
+    EXPECT_EQ("job b, which uses the backup tool's metadata directory on the same host",
+              hold("h3/c", H2));
+}
+
+TEST_F(Run_Holds_Test, hosts_that_stay_away_are_not_awaited_for_ever) {
+    holds_.await({"h1"}, NOW);
+    EXPECT_NE("", hold("h3/a", H1, NOW + Run_Holds::AWAITED - 1s));
+    EXPECT_EQ("", hold("h3/a", H1, NOW + Run_Holds::AWAITED));
+}
+
+TEST_F(Run_Holds_Test, a_run_gets_back_what_nobody_else_has) {
+    EXPECT_EQ("", hold("h1/a", H1));
+    EXPECT_NE("", hold("h1/waits", BOTH));
+    EXPECT_FALSE(holds_.restore({"h2", "b", "job b"}, BOTH, NOW));
+    EXPECT_TRUE(holds_.restore({"h2", "b", "job b"}, H2, NOW)) << "a run that waits has nothing";
+    EXPECT_TRUE(holds_.restore({"h2", "b", "job b"}, H2, NOW)) << "told again";
+    release("h2/b", H2);
+    release("h1/a", H1);
+    EXPECT_EQ("", hold("h1/waits", BOTH)) << "it was there once";
+}
+
+TEST_F(Run_Holds_Test, what_a_run_has_can_be_asked) {
+    EXPECT_EQ("", hold("h1/a", BOTH));
+    EXPECT_NE("", hold("h2/b", H1));
+    EXPECT_TRUE(holds_.has("h1", "a", Run_Hold::metadata("h2")));
+    EXPECT_FALSE(holds_.has("h1", "a", Run_Hold::metadata("h3")));
+    EXPECT_FALSE(holds_.has("h2", "a", Run_Hold::metadata("h2")));
+    EXPECT_FALSE(holds_.has("h2", "b", Run_Hold::metadata("h1"))) << "it waits";
+}
+
 TEST_F(Run_Holds_Test, one_host_cannot_fill_the_table) {
     EXPECT_EQ("", hold("h1/holder", H1));
     for (size_t count = 1; count < Run_Holds::MOST_OF_A_HOST; ++count)

@@ -7,8 +7,14 @@
 #include "agent/service/agent_identity.h"
 #include "agent/service/group_instances.h"
 #include "agent/service/group_members.h"
+#include "agent/service/instance_probe.h"
+#include "agent/service/run_access.h"
+#include "host/job/run_hold.h"
+#include "tests/support/fake_jobs.h"
+#include "tests/support/fake_upstream_backend.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temporary_directory.h"
+#include "tests/unit/host/job/test_job.h"
 
 #include <fstream>
 #include <gtest/gtest.h>
@@ -100,7 +106,10 @@ protected:
     Group_Members members_{*database_};
     Group_Instances instances_{*database_, identity_};
     Run_Keys keys_;
-    Method_Access access_{catalog_, members_, instances_, keys_};
+    Run_Holds holds_{[this](std::string const& host, std::string const& run) {
+        return keys_.find_run(host, run) != nullptr;
+    }};
+    Method_Access access_{catalog_, members_, instances_, keys_, holds_};
     secure_string key_, other_key_;
     Run_Scope const backup_{"run", true, "h1", "c1", "c1", "p1"};
     Run_Scope const restore_{"restore", false, "h1", "c1", "c1", ""};
@@ -161,8 +170,11 @@ TEST_F(Method_Access_Test, only_these_are_for_the_network_beside_the_administrat
                         {"run_id", "run"},       {"resources", Array{}},
                         {"kind", "gaussdb"},     {"set", record("run", "h1", "c1", "p1")}};
     for (std::string const& method : described_methods()) {
-        EXPECT_EQ(of_members.contains(method), member_may(method, params)) << method;
         Object wish = params;
+        if (method == "backupd.instance.notify")
+            wish.erase("uuid");
+        EXPECT_EQ(of_members.contains(method), member_may(method, wish)) << method;
+        wish = params;
         if (method == "pool.find")
             wish["uuid"] = "p1";
         EXPECT_EQ(of_runs.contains(method), backup_may(method, wish)) << method;
@@ -291,6 +303,87 @@ TEST_F(Method_Access_Test, a_member_reserves_what_the_hosts_of_its_runs_instance
     EXPECT_FALSE(may_hold("run", {"metadata/h1"}));
 }
 
+TEST_F(Method_Access_Test, a_member_that_connects_again_brings_what_its_runs_have) {
+    std::set<std::string> const tool{Run_Hold::metadata("h1")};
+    holds_.await({"h1"});
+    Object run = Run_Keys::Entry{key_digest("backup key"), backup_}.dump();
+    run["name"] = "nightly";
+    run["holds"] = Array{Array{"instance/c1"}, Array{"metadata/h1"}};
+    access_.joined("h1", Array{run});
+    EXPECT_TRUE(holds_.has("h1", "run", "metadata/h1"));
+    EXPECT_TRUE(holds_.has("h1", "run", "instance/c1"));
+    keys_.add({key_digest("other"), {"other", true, "h2", "c2", "c2", "p1"}});
+    EXPECT_EQ("job \"nightly\" of instance \"c1\", which uses the backup tool's metadata directory "
+              "on the same host",
+              holds_.hold({"h2", "other", "another"}, tool));
+}
+
+TEST_F(Method_Access_Test, nothing_is_restored_that_a_run_may_not_have_or_another_one_has) {
+    keys_.add({key_digest("other"), {"other", true, "h2", "c2", "c2", "p1"}});
+    EXPECT_EQ("", holds_.hold({"h2", "other", "another"}, {Run_Hold::metadata("h1")}));
+    Object run = Run_Keys::Entry{key_digest("backup key"), backup_}.dump();
+    run["holds"] = Array{Array{"metadata/h2"}, Array{"no resource"}, "no array",
+                         Array{"metadata/h1"}, Array{"instance/c1"}};
+    access_.joined("h1", Array{run});
+    EXPECT_FALSE(holds_.has("h1", "run", "metadata/h2"));
+    EXPECT_FALSE(holds_.has("h1", "run", "metadata/h1"));
+    EXPECT_TRUE(holds_.has("h1", "run", "instance/c1"));
+    EXPECT_EQ(3u, Log_Capture::instance().claim_all(LM_WARNING, "gets back nothing"));
+    EXPECT_LOGGED(LM_WARNING, "goes on without what it had reserved");
+}
+
+TEST_F(Method_Access_Test, a_member_has_no_instance_by_the_uuid_of_another_name) {
+    auto const may_tell = [&](char const* uuid, char const* name) {
+        return member_may("backupd.instance.notify",
+                          {{"type", "gaussdb"}, {"name", name}, {"uuid", uuid}});
+    };
+    std::string const uuid = Instance_Probe::uuid_of("gaussdb", "c1");
+    EXPECT_TRUE(may_tell(uuid.c_str(), "c1"));
+    EXPECT_TRUE(may_tell("", "c1")) << "it is made of the name then";
+    EXPECT_FALSE(may_tell(uuid.c_str(), "mine"));
+    EXPECT_FALSE(may_tell("c1", "c1"));
+}
+
+TEST_F(Method_Access_Test, a_second_host_that_says_it_has_an_instance_is_noticed) {
+    Method_Table methods;
+    methods.gate([this](Method_Call const& call, Method_Fault& fault) {
+        return access_.allows(call, fault);
+    });
+    add_group_methods(methods, instances_, catalog_, identity_);
+    auto const tell = [&](secure_string const& key) {
+        JSON_RPC_Reply reply;
+        EXPECT_TRUE(methods.call("backupd.instance.notify",
+                                 Object{{"type", "gaussdb"}, {"name", "c9"}}, caller(key),
+                                 std::chrono::minutes(1), reply));
+    };
+    tell(key_);
+    tell(key_);
+    EXPECT_EQ(0u, Log_Capture::instance().claim_all(LM_WARNING, "instance"));
+    tell(other_key_);
+    EXPECT_LOGGED(LM_WARNING, "has the instance c9, as host h1 does; if it is not a node");
+    tell(other_key_);
+    EXPECT_EQ((std::vector<std::string>{"h1", "h2"}),
+              instances_.hosts_of(Instance_Probe::uuid_of("gaussdb", "c9")));
+}
+
+TEST_F(Method_Access_Test, a_run_claims_sizes_within_bounds) {
+    auto const may_add = [&](Value const& size, Value const& stored) {
+        Object piece{{"path", "c1/xbsa/run/a.1"}, {"size", size}, {"storage_size", stored}};
+        return backup_may("catalog.add_piece",
+                          {{"uuid", "run"}, {"pieces", Array{std::move(piece)}}});
+    };
+    constexpr uint64_t PIB = uint64_t{1} << 50;
+    EXPECT_TRUE(may_add(0, 0));
+    EXPECT_TRUE(may_add(PIB - 1, 1));
+    EXPECT_FALSE(may_add(PIB, 1));
+    EXPECT_FALSE(may_add(1, PIB));
+    EXPECT_FALSE(may_add(UINT64_MAX, 2));
+    for (Value const& none : {Value(-1), Value("1"), Value(1.5), Value()}) {
+        EXPECT_FALSE(may_add(none, 1));
+        EXPECT_FALSE(may_add(1, none));
+    }
+}
+
 TEST_F(Method_Access_Test, a_member_sees_the_pools_that_it_was_given) {
     EXPECT_TRUE(access_.may_use_pool(caller(key_), "p1"));
     EXPECT_FALSE(access_.may_use_pool(caller(key_), "p2"));
@@ -338,6 +431,9 @@ TEST_F(Method_Access_Test, a_call_goes_to_another_host_only_for_a_run_and_its_in
     Object const add{{"action", "add"}, {"cluster_id", "c1"}, {"uuid", "run"}, {"pool_uuid", "p1"}};
     Rpc_Caller const member = caller(key_);
     char const method[] = "gaussdb.roach_source";
+    std::set<std::string> const tools{Run_Hold::metadata("h2"), Run_Hold::metadata("h3")};
+    EXPECT_FALSE(forwards(member, "h3", method, add, "backup key")) << "another run may use it";
+    EXPECT_EQ("", holds_.hold({"h1", "run", "a run"}, tools));
     EXPECT_TRUE(forwards(member, "h3", method, add, "backup key"));
     EXPECT_FALSE(forwards(member, "h2", method, add, "backup key")) << "it has not the instance";
     EXPECT_FALSE(forwards(member, "h3", "job.start", add, "backup key"));
@@ -355,6 +451,10 @@ TEST_F(Method_Access_Test, a_call_goes_to_another_host_only_for_a_run_and_its_in
     }
     Object const restore{
         {"action", "add"}, {"cluster_id", "c1"}, {"uuid", ""}, {"pool_uuid", "p2"}};
+    EXPECT_NE("", holds_.hold({"h1", "restore", "a restore"}, tools));
+    EXPECT_FALSE(forwards(member, "h3", method, restore, "restore key")) << "it still waits";
+    holds_.release("h1", "run", tools);
+    EXPECT_EQ("", holds_.hold({"h1", "restore", "a restore"}, tools));
     EXPECT_TRUE(forwards(member, "h3", method, restore, "restore key"));
     EXPECT_FALSE(forwards(member, "h3", method, add, "restore key"));
 }
@@ -377,3 +477,65 @@ TEST_F(Method_Access_Test, a_refusal_is_logged_once_for_each_caller_and_method) 
     }
     EXPECT_EQ(2u, Log_Capture::instance().claim_all(LM_WARNING, "Refused 'job.start' to run "));
 }
+
+namespace {
+
+class Plain_Source : public Job_Source {
+public:
+    int generate(yajl_gen) override { return 0; }
+};
+
+/** A run of a member, which asks a backup server that the test plays. */
+class Run_Access_Test : public testing::Test {
+protected:
+    Run_Access_Test() {
+        Job_Definition_var definition = make_definition("nightly");
+        definition->source(Job_Source_var(new Plain_Source));
+        definition->source()->id("c1");
+        job_ = Job_var(new Test_Job(definition), false);
+        EXPECT_EQ(0, job_->start());
+        upstream_->serve_call("run.begin", rpc_result(Object()));
+        grant("");
+        EXPECT_FALSE(access_.begin(*job_, "c1").empty());
+    }
+    void grant(std::string const& waits_for) {
+        upstream_->serve_call("run.hold", rpc_result(Object{{"waits_for", waits_for}}));
+    }
+    /** What the server is told of the only run. */
+    Object told() const {
+        Array const runs = access_.runs();
+        EXPECT_EQ(1u, runs.size());
+        return runs.empty() ? Object() : runs[0].get_obj();
+    }
+
+    Fake_Jobs jobs_;
+    Scoped_Fake_Upstream upstream_;
+    Run_Keys keys_;
+    Run_Holds holds_{[](std::string const&, std::string const&) { return true; }};
+    Run_Access access_{keys_, holds_, "h1", true};
+    Job_var job_;
+};
+
+TEST_F(Run_Access_Test, a_server_that_has_restarted_is_told_what_a_run_has) {
+    EXPECT_FALSE(told().contains("holds"));
+    EXPECT_EQ(Hold_Answer::GRANTED, access_.hold(*job_, {"instance/c1"}).kind);
+    EXPECT_EQ(Hold_Answer::GRANTED, access_.hold(*job_, {"metadata/h1", "metadata/h2"}).kind);
+    grant("another run");
+    EXPECT_EQ(Hold_Answer::WAIT, access_.hold(*job_, {"metadata/h3"}).kind);
+    EXPECT_EQ(Value("nightly"), told().at("name"));
+    EXPECT_EQ((Value(Array{Array{"instance/c1"}, Array{"metadata/h1", "metadata/h2"}})),
+              told().at("holds"));
+    access_.release(*job_, {"instance/c1"});
+    EXPECT_EQ((Value(Array{Array{"metadata/h1", "metadata/h2"}})), told().at("holds"));
+    access_.end(job_->run_id());
+    EXPECT_TRUE(access_.runs().empty());
+}
+
+TEST_F(Run_Access_Test, a_run_of_the_same_id_begins_with_nothing) {
+    EXPECT_EQ(Hold_Answer::GRANTED, access_.hold(*job_, {"instance/c1"}).kind);
+    access_.end(job_->run_id());
+    EXPECT_FALSE(access_.begin(*job_, "c1").empty());
+    EXPECT_FALSE(told().contains("holds"));
+}
+
+} // namespace
