@@ -150,7 +150,7 @@ void Command_Line::add_instance_commands() {
     list->add_flag("--refresh", refresh_, "Look for new ones, and ask each for its state");
     add_watch(*list);
 
-    CLI::App* const instances = group("instance", "Show, save or remove one instance");
+    CLI::App* const instances = group("instance", "Show, add, change or remove one instance");
     CLI::App* const show =
         command(*instances, "show", "Show all that is known of an instance",
                 "  zenbrak3 instance show prod\n",
@@ -162,6 +162,7 @@ void Command_Line::add_instance_commands() {
                     return save_instance(context, instance_, wishes_.options);
                 });
     add_option_values(*save);
+    add_declared_instances(*instances);
     CLI::App* const remove =
         command(*instances, "remove", "Forget an instance and its accounts",
                 "  zenbrak3 instance remove dws1\n", [this](Command_Context& context) {
@@ -198,6 +199,54 @@ void Command_Line::add_instance_commands() {
         ->required();
     for (CLI::App* const one : {databases, schemas, account})
         add_uid(*one);
+}
+
+/** Clusters without an agent, which are reached by ssh. */
+void Command_Line::add_declared_instances(CLI::App& instances) {
+    CLI::App* const add = command(
+        instances, "add", "Add a DWS or openGauss cluster that is reached by ssh",
+        "  zenbrak3 instance add dws1    asks for the rest\n"
+        "  zenbrak3 instance add dws1 --address omm@10.0.0.1 --meta-path /gauss/meta "
+        "--backup-port 9500 --host-key SHA256:...\n",
+        [this](Command_Context& context) { return add_instance(context, instance_, declared_); });
+    CLI::App* const change = command(
+        instances, "change", "Change how a cluster is reached by ssh",
+        "  zenbrak3 instance change dws1 --address omm@10.0.0.2\n"
+        "  zenbrak3 instance change dws1 --host-key SHA256:...    after an installation anew\n",
+        [this](Command_Context& context) {
+            return change_instance(context, instance_, declared_);
+        });
+    for (CLI::App* const one : {add, change}) {
+        one->add_option("INSTANCE", instance_, "The instance's name")
+            ->check(name_check(names::fault_of_label))
+            ->required();
+        one->add_option("--address", declared_.address, "Where ssh logs in: HOST or ACCOUNT@HOST")
+            ->check(name_check(names::fault_of_ssh_address))
+            ->type_name("ADDRESS");
+        one->add_option("--meta-path", declared_.meta_path,
+                        "The backup tool's metadata directory on the nodes")
+            ->check(name_check(names::fault_of_bare_path))
+            ->type_name("PATH");
+        one->add_option("--backup-port", declared_.backup_port,
+                        "Port of the backup tool's master on the node")
+            ->check(CLI::Range(1, 65535))
+            ->type_name("PORT");
+        one->add_option("--source-commands", declared_.source_commands,
+                        "Shell text that brings a login into the database's environment, in place "
+                        "of the flavour's own")
+            ->check(name_check(names::fault_of_remote_commands))
+            ->type_name("COMMANDS");
+        one->add_option("--ssh-options", declared_.ssh_options,
+                        "Options of ssh: -4, -6, -C, -q, -i FILE, -o NAME=VALUE")
+            ->check(name_check(names::fault_of_ssh_options))
+            ->type_name("OPTIONS");
+        one->add_option("--host-key", declared_.host_key,
+                        "Accept the node's host key, if it is unknown and has this fingerprint")
+            ->type_name("FINGERPRINT");
+    }
+    add->add_option("--uid", declared_.uid, "Act as this user in place of the agent's default")
+        ->check(name_check(names::fault_of_id))
+        ->type_name("UUID");
 }
 
 void Command_Line::add_pool_wishes(CLI::App& pool) {

@@ -50,6 +50,7 @@ private:
 
     void add_agent_commands();
     void add_instance_commands();
+    void add_declared_instances(CLI::App& instances);
     void add_pool_commands();
     void add_pool_wishes(CLI::App& pool);
     void add_member_commands();
@@ -74,6 +75,7 @@ private:
     Consent consent_;
     std::string level_ = "full";
     std::string instance_;
+    Declared_Instance declared_;
     std::string database_;
     std::string username_;
     std::string uid_;

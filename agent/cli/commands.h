@@ -5,6 +5,7 @@
 #include "agent/cli/consent.h"
 #include "agent/cli/definition.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,23 @@ int show_instance(Command_Context& context, std::string const& instance);
 int save_instance(Command_Context& context, std::string const& instance,
                   std::vector<std::string> const& options);
 int remove_instance(Command_Context& context, std::string const& instance, Consent const& consent);
+
+/** What is to be said of a cluster that is reached by ssh; nothing of what is empty. */
+struct Declared_Instance {
+    std::string address; ///< HOST or ACCOUNT@HOST
+    std::string meta_path;
+    int backup_port = 0;
+    std::optional<std::string> source_commands;
+    std::optional<std::string> ssh_options;
+    std::string host_key; ///< fingerprint of the one to accept
+    std::string uid;
+};
+/** Asks on a terminal for what is missing, tries the way to the cluster, and puts it on record. */
+int add_instance(Command_Context& context, std::string const& instance,
+                 Declared_Instance const& wishes);
+/** Tries the cluster with the changes before they are recorded. */
+int change_instance(Command_Context& context, std::string const& instance,
+                    Declared_Instance const& wishes);
 int list_databases(Command_Context& context, std::string const& instance, std::string const& uid);
 int list_schemas(Command_Context& context, std::string const& instance, std::string const& database,
                  std::string const& uid);

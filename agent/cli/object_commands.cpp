@@ -1,8 +1,8 @@
-// What there is: the agent, its instances, accounts, pools, backups and definitions.
+// What there is: the agent, its pools, members, backups and definitions.
 #include "agent/cli/commands.h"
 #include "agent/cli/consequences.h"
 #include "agent/cli/definition_file.h"
-#include "agent/cli/password.h"
+#include "agent/cli/results.h"
 #include "agent/cli/table.h"
 #include "host/http/http_encode.h"
 #include "json_spirit/text.h"
@@ -14,124 +14,15 @@ using json_spirit::Value;
 
 namespace {
 
-constexpr char LIST_INSTANCES[] = "`zenbrak3 instances` lists the instances.";
 constexpr char LIST_POOLS[] = "`zenbrak3 pools` lists the pools.";
 constexpr char LIST_MEMBERS[] = "`zenbrak3 members` lists the members.";
 constexpr char LIST_BACKUPS[] = "`zenbrak3 backups` lists the backups.";
 constexpr char LIST_DEFINITIONS[] = "`zenbrak3 definitions` lists the definitions.";
 
-/** The array under a key; empty when there is none. */
-Array array_of(Object const& object, char const* key) {
-    Array array;
-    json_spirit::object_get(object, key, array);
-    return array;
-}
-
-/**
- * Asks for a list and makes its text: JSON, a table, or a sentence when there is nothing.
- * @param answer  if not null and the text is not JSON, set to what was answered
- */
-bool list_text(Command_Context& context, std::string const& method, Object const& params,
-               std::string const& doing, char const* key, Table table, char const* none,
-               std::string& text, Object* answer = nullptr) {
-    Object result;
-    if (!context.ask(method, params, doing, result))
-        return false;
-    if (context.json()) {
-        text = printable_json(json_spirit::to_text(result, true));
-        return true;
-    }
-    table.add(array_of(result, key));
-    // what reads a pipe gets a table without rows
-    text = table.empty() && context.terminal().interactive ? std::string(none) + "\n"
-                                                           : table.text(context.terminal());
-    if (answer)
-        *answer = std::move(result);
-    return true;
-}
-
-/** A line for each thing about the instances that is wrong. */
-std::string instance_alerts_text(Object const& result) {
-    std::string text;
-    Array const alerts = array_of(result, "alerts");
-    for (Object const& alert : json_spirit::objects_of(alerts))
-        text += "Alert: " + value_text(json_spirit::object_get_any(alert, "text")) + "\n";
-    return text.empty() ? text : "\n" + text;
-}
-
-/** An object of the result by its fields, or as JSON. */
-int show_object(Command_Context& context, Object const& object, std::vector<Column> const& fields,
-                std::vector<std::string> const& left_out = {}) {
-    if (context.json())
-        context.print_json(object);
-    else
-        context.print(fields_text(object, fields, left_out));
-    return EXIT_OK;
-}
-
-/** Says what has been done, or prints the result. */
-int done(Command_Context& context, Object const& result, std::string const& what) {
-    if (context.json())
-        context.print_json(result);
-    else
-        context.print(printable(what) + "\n");
-    return EXIT_OK;
-}
-
 /** As done(); a warning of the answer is told besides. */
 int done_with_pool(Command_Context& context, Object const& pool, std::string const& what) {
     std::string const warning = json_spirit::object_get_str(pool, "warning");
     return done(context, pool, warning.empty() ? what : what + "\nWarning: " + warning + ".");
-}
-
-/** The user on whose behalf this is: @a wish, else the agent's own default. */
-bool find_uid(Command_Context& context, std::string const& wish, std::string& uid) {
-    uid = wish;
-    if (!uid.empty())
-        return true;
-    Object info;
-    if (!context.ask("agent.info", Object(), "ask the agent for its default user", info))
-        return false;
-    uid = json_spirit::object_get_str(info, "uid");
-    return true;
-}
-
-/** One name a line: elements are texts, or objects with a "name". */
-std::string names_text(Array const& names) {
-    std::string text;
-    for (Value const& element : names) {
-        Value const& name = element.type() == json_spirit::obj_type
-                                ? json_spirit::object_get_any(element.get_obj(), "name")
-                                : element;
-        text += value_text(name) + "\n";
-    }
-    return text;
-}
-
-int list_names(Command_Context& context, Object params, std::string const& uid,
-               std::string const& doing, char const* key) {
-    std::string owner;
-    if (!find_uid(context, uid, owner))
-        return context.status();
-    params["uid"] = owner;
-    Object result;
-    if (!context.ask("gaussdb.list", params, doing, result, LIST_INSTANCES))
-        return context.status();
-    if (context.json())
-        context.print_json(result);
-    else
-        context.print(names_text(array_of(result, key)));
-    return EXIT_OK;
-}
-
-std::string check_line(Object const& line) {
-    bool ok = false;
-    json_spirit::object_get(line, "ok", ok);
-    std::string text = (ok ? "ok    " : "FAIL  ") +
-                       value_text(json_spirit::object_get_any(line, "subject")) + ": " +
-                       value_text(json_spirit::object_get_any(line, "text")) + "\n";
-    std::string const advice = json_spirit::object_get_str(line, "advice");
-    return advice.empty() ? text : text + "      -> " + printable(advice) + "\n";
 }
 
 bool read_wishes(Pool_Wishes const& wishes, Object& params, std::string& error) {
@@ -180,117 +71,6 @@ int show_info(Command_Context& context) {
                         {"Default user", "uid"},
                         {"Backup server", "backupd"}},
                        {"methods"});
-}
-
-int list_instances(Command_Context& context, bool refresh, double interval) {
-    std::vector<Column> columns{{"NAME", "name"},
-                                {"FLAVOUR", "version", Form::FLAVOUR},
-                                {"VERSION", "edition"},
-                                {"TYPE", "type"},
-                                {"UUID", "uuid"}};
-    if (refresh)
-        columns.insert(columns.begin() + 1, {"STATE", "state"});
-    return context.show(interval, [&](std::string& text) {
-        Object answer;
-        if (!list_text(context, "instance.list", {{"refresh", refresh}}, "list the instances",
-                       "instances", Table(columns),
-                       "No instances are known; `zenbrak3 instances --refresh` looks for them.",
-                       text, &answer))
-            return false;
-        text += instance_alerts_text(answer);
-        return true;
-    });
-}
-
-int show_instance(Command_Context& context, std::string const& instance) {
-    Object found;
-    if (!context.ask("instance.show", Object{{"instance", instance}}, "show instance " + instance,
-                     found, LIST_INSTANCES))
-        return context.status();
-    return show_object(context, found,
-                       {{"Name", "name"},
-                        {"Type", "type"},
-                        {"UUID", "uuid"},
-                        {"State", "state"},
-                        {"Flavour", "version", Form::FLAVOUR},
-                        {"Version", "edition"},
-                        {"Accounts", "accounts"},
-                        {"Options", "options"}});
-}
-
-int save_instance(Command_Context& context, std::string const& instance,
-                  std::vector<std::string> const& options) {
-    if (std::string const fault = names::fault_of_instance(instance); !fault.empty())
-        return context.fail(EXIT_USAGE, "'" + names::shown(instance) +
-                                            "' cannot name an instance: it " + fault);
-    Object read;
-    for (std::string const& option : options)
-        if (!read_option(option, read))
-            return context.fail(EXIT_USAGE, "'" + option + "' is no option: KEY=VALUE is wanted");
-    Object result;
-    Object const params{{"name", instance}, {"type", "gaussdb"}, {"options", read}};
-    if (!context.ask("instance.save", params, "save instance " + instance, result))
-        return context.status();
-    return done(context, result, "Instance " + instance + " is on record.");
-}
-
-int remove_instance(Command_Context& context, std::string const& instance, Consent const& consent) {
-    int status = EXIT_OK;
-    if (!consents(context, consent, instance_consequences(context, instance), status))
-        return status;
-    Object result;
-    if (!context.ask("instance.remove", Object{{"instance", instance}},
-                     "remove instance " + instance, result, LIST_INSTANCES))
-        return context.status();
-    return done(context, result, "Instance " + instance + " and its accounts are forgotten.");
-}
-
-int list_databases(Command_Context& context, std::string const& instance, std::string const& uid) {
-    return list_names(context, {{"instance", instance}}, uid, "list the databases of " + instance,
-                      "databases");
-}
-
-int list_schemas(Command_Context& context, std::string const& instance, std::string const& database,
-                 std::string const& uid) {
-    return list_names(context, {{"instance", instance}, {"database", database}}, uid,
-                      "list the schemas of database " + database + " of " + instance, "schemas");
-}
-
-int save_account(Command_Context& context, std::string const& instance, std::string const& username,
-                 std::string const& uid) {
-    secure_string password;
-    std::string error;
-    if (!read_password("Password of " + printable(username) + " on " + printable(instance) + ": ",
-                       password, error))
-        return error.empty() ? EXIT_INTERRUPTED
-                             : context.fail(EXIT_USAGE, "no password was read: " + error);
-    Object params{{"instance", instance}, {"username", username}, {"password", password}};
-    if (!uid.empty())
-        params["uid"] = uid;
-    Object result;
-    if (!context.ask("account.save", params, "save account " + username + " of " + instance, result,
-                     LIST_INSTANCES))
-        return context.status();
-    return done(context, result, "Account " + username + " of " + instance + " is saved.");
-}
-
-int check(Command_Context& context, std::string const& instance, std::string const& pool,
-          std::string const& uid) {
-    Object params;
-    json_spirit::insert(params)("instance", json_spirit::Skip_Empty_Helper(instance))(
-        "pool", json_spirit::Skip_Empty_Helper(pool))("uid", json_spirit::Skip_Empty_Helper(uid));
-    Object result;
-    if (!context.ask("agent.check", params, "check", result, LIST_INSTANCES))
-        return context.status();
-    if (context.json())
-        context.print_json(result);
-    Array const lines = array_of(result, "lines");
-    for (Object const& line : json_spirit::objects_of(lines))
-        if (!context.json())
-            context.print(check_line(line));
-    bool ok = false;
-    json_spirit::object_get(result, "ok", ok);
-    return ok ? EXIT_OK : EXIT_FAILED;
 }
 
 int list_pools(Command_Context& context, double interval) {

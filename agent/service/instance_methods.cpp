@@ -4,6 +4,8 @@
 #include "agent/jobs/member_reader.h"
 #include "agent/service/agent_identity.h"
 #include "agent/service/instance_probe.h"
+#include "agent/service/readiness_check.h"
+#include "agent/service/ssh_host_key.h"
 #include "host/agent/host_services.h"
 #include "host/agent/instance_backend.h"
 #include "host/agent/instance_handler.h"
@@ -118,6 +120,37 @@ public:
         return true;
     }
 
+    /** Whether a cluster that is reached by ssh can be declared with these options. */
+    bool try_options(Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::string error, accepted;
+        Instance wanted;
+        Object const* options = nullptr;
+        Member_Reader reader(call.params.get_obj(), "", error);
+        reader.object("options", options);
+        check_options(reader, options);
+        if (!options || json_spirit::object_get_str(*options, "address").empty())
+            reader.blame("options.address", "is missing");
+        reader.text("accept_host_key", accepted, names::fault_of_line);
+        if (!reader.finish())
+            return invalid_params(error, fault);
+        wanted.type = TYPE;
+        wanted.options = *options;
+        std::string const address = json_spirit::object_get_str(*options, "address");
+        std::string const ssh_options = json_spirit::object_get_str(*options, "ssh_options");
+        Ssh_Host_Key key = find_ssh_host_key(address, ssh_options);
+        if (!accepted.empty() && key.state == Ssh_Host_Key::UNKNOWN) {
+            if (!trust_ssh_host_key(address, ssh_options, key, accepted, error))
+                return refused(error, fault);
+            key.state = Ssh_Host_Key::KNOWN;
+        }
+        Readiness_Check check;
+        check.machines(wanted, Instance_Handler::TO_DECLARE);
+        Object answer = check.dump();
+        answer["host_key"] = key.dump();
+        result = std::move(answer);
+        return true;
+    }
+
     bool remove(Method_Call const& call, Value& result, Method_Fault& fault) {
         std::shared_ptr<Instance> const instance = named(call, fault);
         if (!instance)
@@ -217,6 +250,7 @@ void note_tool_calls(Method_Table& methods, std::vector<std::string> const& modu
         if (method != "gaussdb.roach_source") // which asks no tool, and backups wait for it
             methods.may_wait_for_tools(method, instance_of);
     methods.may_wait_for_tools("instance.show", instance_of);
+    methods.may_wait_for_tools("instance.try", instance_of);
     methods.may_wait_for_tools("account.save", instance_of);
     methods.may_wait_for_tools("instance.list", [](Value const& params) {
         bool refresh = false;
@@ -246,6 +280,7 @@ void add_instance_methods(Method_Table& methods, Agent_Identity const& identity,
                                          {{"instance.list", &Instance_Methods::list},
                                           {"instance.show", &Instance_Methods::show},
                                           {"instance.save", &Instance_Methods::save},
+                                          {"instance.try", &Instance_Methods::try_options},
                                           {"instance.remove", &Instance_Methods::remove},
                                           {"account.save", &Instance_Methods::save_account}});
 }

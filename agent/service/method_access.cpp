@@ -113,6 +113,7 @@ struct Method_Access::Table {
             {"instance.remove", {PEOPLE}},
             {"instance.save", {PEOPLE}},
             {"instance.show", {PEOPLE}},
+            {"instance.try", {PEOPLE}},
             {"job.cancel", {PEOPLE}},
             {"job.list", {PEOPLE}},
             {"job.log", {PEOPLE}},

@@ -1,6 +1,5 @@
 #include "agent/service/readiness_check.h"
 
-#include "host/agent/instance_handler.h"
 #include "host/agent/instance_manager.h"
 #include "host/process/password_file_entry.h"
 #include "host/process/process_options.h"
@@ -168,10 +167,19 @@ void Readiness_Check::instance(std::string const& name, std::string const& uid) 
     alerts(name);
     state(name);
     user_and_tools(*found, version);
+    machines(*found, Instance_Handler::TO_BACK_UP);
     account(name, uid, version);
     if (version == FLAVOUR_100 || version == FLAVOUR_200 || version == FLAVOUR_TPOPS)
         xbsa_link();
     passages();
+}
+
+void Readiness_Check::machines(Instance const& instance, Instance_Handler::Check_Scope scope) {
+    auto const handler = Instance_Manager::instance()->get_handler("gaussdb");
+    if (!handler)
+        return;
+    for (Line const& line : handler->check(instance, scope))
+        lines_.push_back(line);
 }
 
 void Readiness_Check::alerts(std::string const& name) {
@@ -237,6 +245,8 @@ void Readiness_Check::tools(char const* const* names, std::string const& instanc
 }
 
 void Readiness_Check::account(std::string const& name, std::string const& uid, int version) {
+    if (is_remote(version))
+        return good("account", "none is needed; ssh logs in by a key");
     std::string username;
     secure_string password;
     if (Instance_Manager::instance()->get_account("gaussdb", uid.c_str(), name.c_str(), username,

@@ -1,7 +1,7 @@
 #ifndef AGENT_SERVICE_READINESS_CHECK_H
 #define AGENT_SERVICE_READINESS_CHECK_H
 
-#include "host/agent/instance.h"
+#include "host/agent/instance_handler.h"
 #include "json_spirit/value.h"
 
 #include <cstdint>
@@ -11,17 +11,11 @@
 /**
  * Finds out what is missing for a backup of an instance, before one is tried. It looks, and leaves
  * nothing behind: in a pool an empty file is made and removed, as root and as the database's user.
- * A tool is looked for, not run. One object is for one check, on any thread.
+ * A tool of this host is looked for, not run. One object is for one check, on any thread.
  */
 class Readiness_Check {
 public:
-    /** One thing that was looked at. */
-    struct Line {
-        std::string subject; ///< "tool gs_om"
-        bool ok;
-        std::string text;   ///< what was found
-        std::string advice; ///< what to do; "" when it is ok
-    };
+    using Line = Instance_Check;
 
     /** A pool as the check needs it; sizes in bytes. */
     struct Pool {
@@ -47,6 +41,9 @@ public:
     void no_pool();
     /** @param why  the backup server did not say what pools there are */
     void pools_unknown(std::string const& why);
+
+    /** What the module looks at: the way to the instance's machines, for one that needs it. */
+    void machines(Instance const& instance, Instance_Handler::Check_Scope scope);
 
     std::vector<Line> const& lines() const { return lines_; }
     [[nodiscard]] bool ok() const;

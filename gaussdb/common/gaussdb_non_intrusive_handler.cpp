@@ -43,6 +43,12 @@ GaussDB_Non_Intrusive_Handler::Access GaussDB_Non_Intrusive_Handler::access() co
     return access_;
 }
 
+bool settle_non_intrusive_flavour(GaussDB_Version& version) {
+    if (version.model_ == GAUSSDB_200 && version.major_ >= GAUSSDB_NON_INTRUSIVE_MINIMUM_VER)
+        version.model_ = GAUSSDB_DWS;
+    return version.model_ == GAUSSDB_DWS || version.model_ == GAUSSDB_FOR_OPENGAUSS;
+}
+
 bool GaussDB_Non_Intrusive_Handler::init(char const*) {
     std::lock_guard const init_guard(init_mutex_);
     GaussDB_Cluster_Info const record = info();

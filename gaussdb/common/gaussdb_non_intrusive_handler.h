@@ -61,4 +61,10 @@ private:
     Access access_;                   ///< guarded by access_mutex_
 };
 
+/**
+ * Decides the flavour of a version that a node has told: a data warehouse calls itself a cluster of
+ * the 200 series. @return false for one that cannot be protected without an agent
+ */
+[[nodiscard]] bool settle_non_intrusive_flavour(GaussDB_Version& version);
+
 #endif

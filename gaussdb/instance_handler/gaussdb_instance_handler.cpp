@@ -2,6 +2,7 @@
 
 #include "gaussdb/common/gaussdb_cluster_manager.h"
 #include "gaussdb/common/gaussdb_non_intrusive_handler.h"
+#include "gaussdb/instance_handler/gaussdb_node_check.h"
 #include "host/agent/credential.h"
 #include "json_spirit/access.h"
 #include "qmrt/check.h"
@@ -169,6 +170,16 @@ int GaussDB_Instance_Handler::update_options(char const* name, char const* usern
 std::vector<Instance_Alert> GaussDB_Instance_Handler::alerts() {
     GaussDB_Cluster_Manager const* const manager = GaussDB_Cluster_Manager::instance();
     return manager ? manager->alerts() : std::vector<Instance_Alert>();
+}
+
+std::vector<Instance_Check> GaussDB_Instance_Handler::check(Instance const& instance,
+                                                            Check_Scope scope) {
+    int version = GAUSSDB_UNKNOWN;
+    instance.get_option("version", version);
+    bool const is_declared = version == GAUSSDB_UNKNOWN && instance.options.count("address");
+    return is_declared || is_non_intrusive(version)
+               ? GaussDB_Node_Check(instance.options).run(scope)
+               : std::vector<Instance_Check>();
 }
 
 void GaussDB_Instance_Handler::forget(char const* name) {

@@ -40,6 +40,8 @@ public:
                        options_type& options) override;
     /** The processes and profiles that the last discovery refused. */
     std::vector<Instance_Alert> alerts() override;
+    /** Looks at clusters without an agent: see GaussDB_Node_Check. Nothing for all others. */
+    std::vector<Instance_Check> check(Instance const& instance, Check_Scope scope) override;
     void forget(char const* name) override;
 };
 

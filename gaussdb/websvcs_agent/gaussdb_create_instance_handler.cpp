@@ -72,13 +72,6 @@ New_Instance read_new_instance(json_spirit::Object const& params) {
     return wanted;
 }
 
-/** A data warehouse calls itself a cluster of the 200 series. */
-bool settle_flavour(GaussDB_Version& version) {
-    if (version.model_ == GAUSSDB_200 && version.major_ >= GAUSSDB_NON_INTRUSIVE_MINIMUM_VER)
-        version.model_ = GAUSSDB_DWS;
-    return version.model_ == GAUSSDB_DWS || version.model_ == GAUSSDB_FOR_OPENGAUSS;
-}
-
 Creation_Fault ask_node(New_Instance& wanted) {
     if (!non_intrusive_get_cluster_version(wanted.address.c_str(), wanted.version,
                                            wanted.source_commands.c_str(),
@@ -86,7 +79,7 @@ Creation_Fault ask_node(New_Instance& wanted) {
         QMRT_LOG(LM_ERROR, "Failed to get GaussDB version.\n");
         return {JSON_RPC_INVALID_PARAMS, "Failed to get GaussDB version"};
     }
-    if (!settle_flavour(wanted.version))
+    if (!settle_non_intrusive_flavour(wanted.version))
         return {JSON_RPC_INVALID_PARAMS,
                 "This GaussDB version does not support non-intrusive backup"};
     if (wanted.source_commands.empty())

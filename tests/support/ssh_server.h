@@ -28,6 +28,18 @@ public:
     std::string address() const { return "127.0.0.1"; }
     /** Options of ssh and scp that reach this server, by its host key, as the test's user. */
     std::string opts() const { return "-F " + files_.path("ssh_config"); }
+    /** The same, as far as an instance's record may have them, with a file of known hosts. */
+    std::string plain_opts(std::string const& known_hosts) const {
+        return "-o Port=" + std::to_string(port_) + " -o User=" + user_ + " -i " +
+               files_.path("user_key") + " -o IdentitiesOnly=yes -o GlobalKnownHostsFile=none" +
+               " -o UserKnownHostsFile=" + known_hosts;
+    }
+    /** The public part of its host key. */
+    std::string host_key() const { return files_.path("host_key.pub"); }
+    /** The line of known_hosts for it. */
+    std::string known_host() const { return files_.read("known_hosts"); }
+    /** From now on no key logs in. */
+    void close_account() const { files_.write("authorized_keys", ""); }
     /** The user that a session is. */
     std::string const& user() const { return user_; }
     pid_t pid() const { return server_->pid(); }

@@ -4,9 +4,11 @@
 #include "agent/service/agent_identity.h"
 #include "agent/service/agent_methods.h"
 #include "agent/service/instance_probe.h"
+#include "host/agent/instance_manager.h"
 #include "json_spirit/access.h"
 #include "tests/support/fake_instances.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/ssh_server.h"
 #include "tests/support/temporary_directory.h"
 
 #include <gmock/gmock.h>
@@ -117,6 +119,75 @@ TEST_F(Instance_Methods_Test, an_instance_with_a_run_is_removed_by_neither_metho
     call("instance.remove", {{"instance", "c1"}});
     EXPECT_TRUE(is_ok_);
     EXPECT_FALSE(is_on_record("c1"));
+}
+
+/** What a module's handler says of a cluster that is to be declared. */
+class Looking_Handler : public Instance_Handler {
+public:
+    Looking_Handler() : Instance_Handler("gaussdb") {}
+    std::vector<Instance_Check> check(Instance const& instance, Check_Scope scope) override {
+        looked_at.push_back(instance.options);
+        return {{"database", scope == TO_DECLARE, "DWS 8.2.1", ""}};
+    }
+    std::vector<Object> looked_at;
+};
+
+class Instance_Try_Test : public Instance_Methods_Test {
+protected:
+    Instance_Try_Test() { Instance_Manager::instance()->add_handler(handler_); }
+    ~Instance_Try_Test() override {
+        Instance_Manager::instance()->remove_handler("gaussdb");
+        Log_Capture::instance().claim_all(LM_WARNING, "ssh"); // no login is tried
+    }
+
+    Object options() const {
+        return {{"address", "127.0.0.1"},
+                {"ssh_options", server_.plain_opts(directory_.path("known_hosts"))}};
+    }
+    static std::string state_of(JSON_RPC_Reply const& reply) {
+        return json_spirit::object_get_str(reply.result.get_obj().at("host_key").get_obj(),
+                                           "state");
+    }
+
+    Ssh_Server server_;
+    std::shared_ptr<Looking_Handler> handler_ = std::make_shared<Looking_Handler>();
+};
+
+TEST_F(Instance_Try_Test, the_host_key_is_shown_and_accepted_only_by_its_fingerprint) {
+    JSON_RPC_Reply reply = call("instance.try", {{"options", options()}});
+    ASSERT_TRUE(is_ok_) << reply.message;
+    EXPECT_EQ("unknown", state_of(reply));
+    EXPECT_EQ(1u, handler_->looked_at.size());
+    std::string const fingerprint =
+        json_spirit::object_get_str(reply.result.get_obj().at("host_key").get_obj(), "fingerprint");
+    EXPECT_TRUE(fingerprint.starts_with("SHA256:")) << fingerprint;
+
+    refuses("instance.try", {{"options", options()}, {"accept_host_key", "SHA256:other"}},
+            "and not SHA256:other; nothing was changed");
+    reply = call("instance.try", {{"options", options()}});
+    EXPECT_EQ("unknown", state_of(reply));
+
+    reply = call("instance.try", {{"options", options()}, {"accept_host_key", fingerprint}});
+    ASSERT_TRUE(is_ok_) << reply.message;
+    EXPECT_EQ("known", state_of(reply));
+    EXPECT_EQ(Value(true), reply.result.get_obj().at("ok"));
+    EXPECT_EQ("known", state_of(call("instance.try", {{"options", options()}})));
+    EXPECT_TRUE(instances_->list("gaussdb").empty()) << "it is only tried";
+}
+
+TEST_F(Instance_Try_Test, hostile_options_are_looked_at_by_nobody) {
+    for (auto const& [key, hostile] : {std::pair{"address", "-oProxyCommand=id"},
+                                       {"address", ""},
+                                       {"ssh_options", "-o ProxyCommand=id"},
+                                       {"ssh_options", "-o StrictHostKeyChecking=no"},
+                                       {"source_commands", "' ; id '"},
+                                       {"meta_path", "/x;id"}}) {
+        Object bad = options();
+        bad[key] = hostile;
+        refuses("instance.try", {{"options", bad}}, key);
+    }
+    refuses("instance.try", {}, "options.address: is missing");
+    EXPECT_TRUE(handler_->looked_at.empty());
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "host/agent/instance_handler.h"
 #include "host/agent/instance_manager.h"
+#include "json_spirit/access.h"
 #include "tests/support/fake_instances.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/temporary_directory.h"
@@ -19,6 +20,13 @@ public:
     explicit One_State(std::string state) : Instance_Handler("gaussdb"), state_(std::move(state)) {}
     std::string& get_state(char const*, std::string& state) override { return state = state_; }
     std::vector<Instance_Alert> alerts() override { return found; }
+
+    std::vector<Instance_Check> check(Instance const& instance, Check_Scope scope) override {
+        if (!instance.options.count("address"))
+            return {};
+        return {{"ssh " + json_spirit::object_get_str(instance.options, "address"), false,
+                 scope == TO_BACK_UP ? "asked for all" : "asked for less", "do it"}};
+    }
 
     std::vector<Instance_Alert> found;
 
@@ -128,7 +136,7 @@ TEST_F(Readiness_Check_Test, a_record_without_a_user) {
 }
 
 TEST_F(Readiness_Check_Test, flavours_that_are_logged_on_to_need_an_account) {
-    add_instance({{"version", 4}});
+    add_instance({{"version", 3}});
     check_.instance("cluster", "uid");
     expect_bad("account", "none on record");
     check_ = Readiness_Check();
@@ -136,7 +144,18 @@ TEST_F(Readiness_Check_Test, flavours_that_are_logged_on_to_need_an_account) {
                                          {{"username", "omm"}, {"password", "x"}}));
     check_.instance("cluster", "uid");
     expect_good("account");
+}
+
+TEST_F(Readiness_Check_Test, a_cluster_over_ssh_has_the_modules_lines_and_needs_no_account) {
+    add_instance({{"version", 4}, {"address", "10.0.0.1"}});
+    Instance_Manager::instance()->add_handler(std::make_shared<One_State>("Normal"));
+    check_.instance("cluster", "uid");
     expect_good("tool ssh");
+    expect_good("account");
+    expect_bad("ssh 10.0.0.1", "asked for all");
+    check_ = Readiness_Check();
+    check_.machines(*instances_->find("gaussdb", "cluster"), Instance_Handler::TO_DECLARE);
+    expect_bad("ssh 10.0.0.1", "asked for less");
 }
 
 TEST_F(Readiness_Check_Test, pools) {
