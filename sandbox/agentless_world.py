@@ -41,9 +41,18 @@ class Cluster(object):
     def start_making(self, public_key):
         """Processes that make it on all its machines."""
         (self.share / "admin.pub").write_text(public_key)
+        return self._create(self.name)
+
+    def replace(self, name):
+        """Another cluster of that name in its place; nothing of the old one is left."""
+        self.everywhere("remove")
+        if any([one.wait() for one in self._create(name)]):
+            raise AssertionError("the cluster %s could not be made" % name)
+
+    def _create(self, name):
         machines = ",".join("%s=%s" % pair for pair in self.flavour.machines.items())
         return [subprocess.Popen(host.words(
-            CLUSTER, "create", "--name", self.name, "--series", self.flavour.series, "--nodes",
+            CLUSTER, "create", "--name", name, "--series", self.flavour.series, "--nodes",
             self.flavour.nodes, "--machines", machines, "--keys", "/srv/shared/keys", "--authorize",
             "/srv/shared/admin.pub", "--media", OURS, "--no-fsync"), stdout=subprocess.DEVNULL)
             for host in self.hosts]
@@ -76,6 +85,9 @@ class Cluster(object):
 
 class World(object):
     """The clusters of some flavours, and the host "backup1" with agent, pool and services."""
+
+    # a node that is cut off is noticed, however long its tool says nothing
+    SSH_OPTIONS = "-o ConnectTimeout=4 -o ServerAliveInterval=2 -o ServerAliveCountMax=3"
 
     def __init__(self, build, names, mib):
         self.work = pathlib.Path(tempfile.mkdtemp(prefix="zenbrak3-agentless-", dir="/var/tmp"))
@@ -112,7 +124,7 @@ class World(object):
         self.ours.do("mkdir", POOL)
         self.ours.do("zenbrak3", "pool", "create", "main", "file://" + POOL)
         for name in self.clusters:
-            self.declare(name)
+            self.declare(name, ssh_options=self.SSH_OPTIONS)
 
     def trust_host_keys(self):
         """As an administrator who has been at the machines."""
@@ -123,9 +135,11 @@ class World(object):
             known += "%s %s" % (address, host.path("/etc/ssh/sandbox_host_key.pub").read_text())
         self.ours.path("/root/.ssh/known_hosts").write_text(known)
 
-    def declare(self, name, **more):
+    def declare(self, name, cluster=None, **more):
+        """@param cluster  where it is, unless it is the one of that name. The instance's uuid."""
+        address = (cluster or self.clusters[name]).address
         params = dict(name=name, uid=self.ours.call("agent.info")["uid"], meta_path=META,
-                      address=self.clusters[name].address, backup_port=9500, **more)
+                      address=address, backup_port=9500, **more)
         uuid = self.ours.call("gaussdb.create_instance", **params)
         self.resources.add(uuid)
         assert uuid, "instance %s could not be declared: %s" % (name, self.agent_log())
@@ -179,20 +193,40 @@ class World(object):
         assert record["state"] == "completed", "%s\n%s" % (record, record["log"])
         return record
 
+    def restore_to_new_cluster(self, backup, name):
+        """The run of a restore to another cluster than the backup's."""
+        xml = "/home/omm/wisequery/script/config/clusterconfig.xml"
+        return self.run_definition(
+            name="to " + name, type="restore", subtype="full", target={"id": self.instance(name)["uuid"]},
+            source={"id": backup["resource_uuid"], "backup_key": backup["backup_key"],
+                    "restore_as": "gaussdb/" + name, "entries": ["gaussdb/" + backup["instance"]]},
+            options={"channels": 2, "xml_config_path": xml})
+
     def restore(self, backup, *words):
         return self.run("restore", backup["uuid"], "--channels", "2", "--yes", *words)
 
     def sets(self):
         return json.loads(self.ours.do("zenbrak3", "backups", "--json"))["backups"]
 
-    def run_definition(self, **definition):
-        """The run of a job that is given as a whole."""
+    def start_definition(self, **definition):
+        """Starts a job that is given as a whole; the run's id."""
         out = self.ours.do("zenbrak3", "run", "-", "--no-wait", "--json", input=json.dumps(definition))
-        return self.end(self.start("job", "wait", json.loads(out)["run_id"]))
+        return json.loads(out)["run_id"]
+
+    def run_definition(self, **definition):
+        """The run of such a job."""
+        return self.wait(self.start_definition(**definition))
+
+    def wait(self, run_id):
+        """The run when it is over, and its log."""
+        return self.end(self.start("job", "wait", run_id))
+
+    def show(self, run_id):
+        return self.ours.call("job.show", job=run_id)
 
     # --- whether the world is clean
 
-    def assert_clean(self, seconds=20):
+    def assert_clean(self, seconds=60):
         """What has just ended may take a moment to go."""
         end = time.monotonic() + seconds
         while found := self.leftovers():
@@ -216,5 +250,7 @@ class World(object):
                 found.append(str(path))
         # a failed backup leaves its policy to the next run, with a key that opens nothing any more
         known = {"meta", "media", *self.clusters, *self.resources}
-        found += [path.name for path in self.ours.path(CACHE).iterdir() if path.name not in known]
+        # the tool's directories of the other cluster's user are set aside, under their names and its id
+        found += [path.name for path in self.ours.path(CACHE).iterdir()
+                  if path.name not in known and path.name.rstrip("0123456789") not in ("meta.", "media.")]
         return found

@@ -44,6 +44,11 @@ class Host(object):
     def do(self, *words, **options):
         return run(*self.words(*words), **options)
 
+    def start(self, *words):
+        """A command's process; what it prints is read from there."""
+        return subprocess.Popen(self.words(*words), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                text=True)
+
     def cluster(self, *words):
         return self.do(CLUSTER, *words)
 

@@ -26,14 +26,18 @@ create table archive.orders as select n as id, repeat('x', 900) as filling from 
 """
 
 
+def setUpModule():
+    global world
+    world = World(BUILD, ["dws1"], 4)
+    unittest.addModuleCleanup(world.clean)
+
+
 class Dws_Test(unittest.TestCase):
     """One cluster for all tests."""
 
     @classmethod
     def setUpClass(cls):
-        cls.world = World(BUILD, ["dws1"], 4)
-        cls.addClassCleanup(cls.world.clean)
-        cls.cluster = cls.world.clusters["dws1"]
+        cls.world, cls.cluster = world, world.clusters["dws1"]
         cls.resource = cls.world.instance("dws1")["uuid"]
         cls.cluster.sql(SHOP)
         cls.whole = cls.world.backup("dws1")
@@ -156,6 +160,25 @@ class Dws_Test(unittest.TestCase):
         self.assertEqual("error", run["state"])
         self.assertIn("is not empty", run["log"])
         self.assertEqual(rows, self.shop())
+
+
+class Restore_To_New_Cluster_Test(unittest.TestCase):
+    """When the old one is no more."""
+
+    def test_every_row_is_in_the_new_cluster(self):
+        cluster = world.clusters["dws1"]
+        rows = cluster.rows()
+        backup = world.backup("dws1")
+        cluster.replace("dws2")
+        world.declare("dws2", cluster)
+        # the tool looks whose backup it is
+        run = world.restore_to_new_cluster(backup, "dws2")
+        self.assertEqual("completed", run["state"], run["log"])
+        self.assertIn("--old-cluster-hostname dws1a --restore-new-cluster --restore-configs", run["log"])
+        self.assertIn("-t start --restore-new-cluster -X", run["log"])
+        self.assertEqual(rows, cluster.rows())
+        self.assertEqual("full", world.backup("dws2")["type"])
+        world.assert_clean()
 
 
 if __name__ == "__main__":

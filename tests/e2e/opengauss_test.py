@@ -16,14 +16,18 @@ from agentless_world import META, World  # noqa: E402
 BUILD = sys.argv.pop(1)
 
 
+def setUpModule():
+    global world
+    world = World(BUILD, ["og1"], 4)
+    unittest.addModuleCleanup(world.clean)
+
+
 class Opengauss_Test(unittest.TestCase):
     """One cluster for all tests."""
 
     @classmethod
     def setUpClass(cls):
-        cls.world = World(BUILD, ["og1"], 6)
-        cls.addClassCleanup(cls.world.clean)
-        cls.cluster = cls.world.clusters["og1"]
+        cls.world, cls.cluster = world, world.clusters["og1"]
 
     def tearDown(self):
         self.world.assert_clean()
@@ -48,6 +52,23 @@ class Opengauss_Test(unittest.TestCase):
         self.assertEqual("error", run["state"])
         self.assertIn("There is no metadata of the prior backup", run["log"])
         shutil.move(str(keys) + ".away", keys)
+
+
+class Restore_To_New_Cluster_Test(unittest.TestCase):
+    """When the old one is no more."""
+
+    def test_every_row_is_in_the_new_cluster(self):
+        cluster = world.clusters["og1"]
+        rows = cluster.rows()
+        backup = world.backup("og1")
+        cluster.replace("og2")
+        world.declare("og2", cluster)
+        run = world.restore_to_new_cluster(backup, "og2")
+        self.assertEqual("completed", run["state"], run["log"])
+        self.assertIn("--restore-new-cluster --restore-configs", run["log"])
+        self.assertEqual(rows, cluster.rows())
+        self.assertEqual("full", world.backup("og2")["type"])
+        world.assert_clean()
 
 
 if __name__ == "__main__":

@@ -118,6 +118,12 @@ class Metadata(object):
 
     def save(self, manifest, size, config):
         """Writes all that is kept of a new backup; the list last, since it makes the key known."""
+        try:
+            self._save(manifest, size, config)
+        except OSError as error:
+            raise Tool_Error("[GAUSS-50208] : Failed to write to %s: %s" % (self.top, error))
+
+    def _save(self, manifest, size, config):
         key = manifest["key"]
         os.makedirs(self.of_key(key), exist_ok=True)
         _write(os.path.join(self.of_key(key), "manifest.json"), json.dumps(manifest))
