@@ -283,11 +283,16 @@ class Hostile_Tool_Test(Fault_Test):
         self.assertNotIn("\x07", run["log"])
         self.recover()
 
-    def test_a_tool_that_prints_nothing_has_made_no_backup(self):
+    def test_a_tool_that_prints_nothing_makes_a_set_without_a_key_that_nothing_builds_on(self):
         self.become("exit 0")
-        run = world.end(world.start_backup("og1"))
-        self.assertEqual("error", run["state"], run["log"])
-        self.recover()
+        backup = world.backup("og1")
+        self.assertEqual(("", 0), (backup["backup_key"], backup["backup_set_size"]))
+        self.doCleanups()
+        run = world.end_well(world.start_backup("og1", "--incremental"))
+        self.assertNotIn("--prior-backup-key", run["log"])
+        world.ours.do("zenbrak3", "backup", "remove", run["run_id"], "--yes")
+        world.ours.do("zenbrak3", "backup", "remove", backup["uuid"], "--yes")
+        self.assert_recovered()
 
     def test_a_tool_that_never_ends_is_stopped(self):
         self.become("exec sleep 3600")
