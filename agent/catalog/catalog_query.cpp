@@ -14,8 +14,10 @@ using json_spirit::Value;
 namespace {
 
 /** Keys that say how rows are given, and choose none. */
-std::set<std::string> const FORM = {"sort",  "order",         "limit",
-                                    "cmode", "with_storages", "with_pieces"};
+std::set<std::string> const FORM = {"sort",          "order",       "limit",         "cmode",
+                                    "with_storages", "with_pieces", "without_tables"};
+/** By the name of a table that a set lists: an array of it, its schema and its database. */
+constexpr char HOLDS_TABLE[] = "holds_table";
 
 constexpr char NOT_NULL[] = "NN_";
 
@@ -27,6 +29,19 @@ bool is_column(std::string const& key) {
 
 bool is_true(Value const& value) {
     return value == Value(true);
+}
+
+/** A condition on the records that a set has under "tables"; each name is a parameter. */
+std::string holds_table_sql(size_t names) {
+    std::string sql = "EXISTS (SELECT 1 FROM json_each(s.row, '$.tables') AS t0"
+                      " WHERE t0.value ->> 'type' = 'table' AND t0.value ->> 'name' = ?";
+    for (size_t level = 1; level < names; ++level) {
+        std::string const parent = "t" + std::to_string(level);
+        sql += " AND EXISTS (SELECT 1 FROM json_each(s.row, '$.tables') AS " + parent + " WHERE " +
+               parent + ".value ->> 'uuid' = t" + std::to_string(level - 1) +
+               ".value ->> 'parent_uuid' AND " + parent + ".value ->> 'name' = ?";
+    }
+    return sql + std::string(names, ')');
 }
 
 } // namespace
@@ -84,6 +99,10 @@ void Catalog_Query::choose(std::string const& key, Value const& wanted) {
     if (key == "pool_uuid") {
         add("EXISTS (SELECT 1 FROM backup_storage AS t WHERE t.set_id = s.id AND t.pool_uuid = ?)",
             column_value(wanted));
+    } else if (key == HOLDS_TABLE && wanted.type() == json_spirit::array_type) {
+        add(holds_table_sql(wanted.get_array().size()));
+        for (Value const& name : wanted.get_array())
+            values_.push_back(column_value(name));
     } else if (key == "exclude_schema" && is_true(wanted)) {
         add("s.granularity IS NOT 'schema'");
     } else if (key == "check_restored" && is_true(wanted)) {
@@ -100,7 +119,7 @@ void Catalog_Query::choose(std::string const& key, Value const& wanted) {
 bool Catalog_Query::fits(Object const& row) const {
     for (auto const& [key, wanted] : query_) {
         bool fit = true;
-        if (FORM.count(key) || key == "pool_uuid" || key == "check_restored")
+        if (FORM.count(key) || key == "pool_uuid" || key == "check_restored" || key == HOLDS_TABLE)
             continue; // form, or exact in SQL
         if (key == "exclude_schema")
             fit = !is_true(wanted) || json_spirit::object_get_str(row, "granularity") != "schema";
@@ -123,7 +142,10 @@ std::string Catalog_Query::sql() const {
     std::string order = "s.id" + direction;
     if (!sort_key_.empty() && is_column(sort_key_))
         order = "s." + sort_key_ + direction + ", " + order;
-    return "SELECT s.id, s.row FROM backup_set AS s WHERE " + where_ + " ORDER BY " + order;
+    char const* const row =
+        query_.count("without_tables") ? "json_remove(s.row, '$.tables')" : "s.row";
+    return std::string("SELECT s.id, ") + row + " FROM backup_set AS s WHERE " + where_ +
+           " ORDER BY " + order;
 }
 
 std::string Catalog_Query::backup_ids_sql() const {

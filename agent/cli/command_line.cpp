@@ -340,6 +340,7 @@ void Command_Line::add_backup_command() {
                 "  zenbrak3 backup prod --pool main\n"
                 "  zenbrak3 backup prod --pool main --incremental --channels 4 --no-wait\n"
                 "  zenbrak3 backup prod --pool main --compression zstd:3 -o logging_level=INFO\n"
+                "  zenbrak3 backup dws1 --pool main --schema sales.public --schema sales.archive\n"
                 "  zenbrak3 backup show 6f9619ff\n"
                 "  zenbrak3 backup --pool main -- show    an instance that is called \"show\"\n",
                 [this](Command_Context& context) {
@@ -372,6 +373,12 @@ void Command_Line::add_backup_command() {
         ->check(CLI::Range(1, 10000));
     backup->add_option("--name", wishes_.name, "What the job's definition is called")
         ->check(name_check(names::fault_of_title));
+    backup
+        ->add_option("--schema", wishes_.schemas,
+                     "Only this schema (DWS); may be repeated, for schemas of one database")
+        ->type_name("DATABASE.SCHEMA")
+        ->expected(1)
+        ->take_all();
     add_option_values(*backup);
     add_uid(*backup);
     add_wait(*backup);
@@ -400,7 +407,8 @@ void Command_Line::add_backup_command() {
 
     CLI::App* const list = command(
         app_, "backups", "List the backups",
-        "  zenbrak3 backups\n  zenbrak3 backups prod --type full --limit 10\n",
+        "  zenbrak3 backups\n  zenbrak3 backups prod --type full --limit 10\n"
+        "  zenbrak3 backups dws1 --table public.orders\n",
         [this](Command_Context& context) { return list_backups(context, backup_filter_, watch_); });
     list->add_option("INSTANCE", backup_filter_.instance, "Those of this instance")
         ->check(name_check(names::fault_of_label));
@@ -410,6 +418,9 @@ void Command_Line::add_backup_command() {
     list->add_option("--type", backup_filter_.type, "Those of this level")
         ->check(name_check(names::fault_of_id))
         ->type_name("LEVEL");
+    list->add_option("--table", backup_filter_.table, "Those that hold this table (DWS)")
+        ->check(name_check(names::fault_of_line))
+        ->type_name("[[DATABASE.]SCHEMA.]TABLE");
     list->add_option("--limit", backup_filter_.limit, "The newest so many")
         ->type_name("N")
         ->check(CLI::PositiveNumber);
@@ -436,7 +447,9 @@ void Command_Line::add_restore_command() {
         command(app_, "restore", "Restore a backup",
                 "  zenbrak3 restore 6f9619ff --dry-run    what it would overwrite\n"
                 "  zenbrak3 restore 6f9619ff\n"
-                "  zenbrak3 restore 6f9619ff --instance rehearsal --yes\n",
+                "  zenbrak3 restore 6f9619ff --instance rehearsal --yes\n"
+                "  zenbrak3 restore 6f9619ff --as dws2 --config /home/omm/dws2.xml\n"
+                "  zenbrak3 restore 6f9619ff --table public.orders=public.orders_before\n",
                 [this](Command_Context& context) {
                     return restore(context, backup_, instance_, wishes_, wait_, consent_);
                 });
@@ -444,9 +457,24 @@ void Command_Line::add_restore_command() {
     added->add_option("BACKUP", backup_, "Its uuid, or a beginning that no other has")
         ->check(name_check(names::fault_of_id))
         ->required();
-    added->add_option("--instance", instance_, "Restore to this instance in place of its own")
+    added->add_option("--instance,--as", instance_, "Restore to this instance in place of its own")
         ->check(name_check(names::fault_of_label))
         ->type_name("INSTANCE");
+    CLI::Option* const config =
+        added
+            ->add_option("--config", wishes_.config,
+                         "The new cluster's XML configuration, on its database node (DWS, "
+                         "openGauss)")
+            ->check(name_check(names::fault_of_bare_path))
+            ->type_name("FILE");
+    added
+        ->add_option("--table", wishes_.tables,
+                     "Only this table (DWS), under another name if one is given; may be repeated, "
+                     "for tables of one database")
+        ->type_name("[DATABASE.]SCHEMA.TABLE[=SCHEMA.TABLE]")
+        ->expected(1)
+        ->take_all()
+        ->excludes(config);
     added->add_option("--channels", wishes_.channels, "Parallel streams")
         ->type_name("N")
         ->check(CLI::Range(1, 10000));

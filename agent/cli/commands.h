@@ -79,7 +79,8 @@ struct Backup_Filter {
     std::string instance;
     std::string pool;
     std::string type;
-    int limit = 0; ///< 0 for all
+    std::string table; ///< "[[DATABASE.]SCHEMA.]TABLE" that it holds
+    int limit = 0;     ///< 0 for all
 };
 int list_backups(Command_Context& context, Backup_Filter const& filter, double interval);
 int show_backup(Command_Context& context, std::string const& backup);

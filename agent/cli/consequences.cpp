@@ -87,7 +87,8 @@ std::set<std::string> with_dependents(Array const& backups, Object const& set) {
 } // namespace
 
 Consequences restore_consequences(Command_Context& context, Object const& set,
-                                  std::string const& target) {
+                                  std::string const& target,
+                                  std::vector<std::string> const& tables) {
     std::string const uuid = object_get_str(set, "uuid");
     std::string const source = object_get_str(set, "instance");
     std::string const name = printable(target);
@@ -99,6 +100,12 @@ Consequences restore_consequences(Command_Context& context, Object const& set,
                                                                number_of(set, "backup_end_time")))
                                   : "all that " + name + " holds"},
         {"Last backup of " + name, newest_text(backups_of(context, target, 1), uuid)}};
+    if (!tables.empty()) {
+        result.title = "This restores tables to instance " + name + ", which goes on running.";
+        result.lines[2].second = "a table that has a target's name already";
+        for (std::string const& table : tables)
+            result.lines.emplace_back("Table", printable(table));
+    }
     return result;
 }
 

@@ -12,9 +12,11 @@
  * Of a restore.
  * @param set     the backup, as backup.show has it
  * @param target  name of the instance that it is restored to
+ * @param tables  as Job_Wishes has them; empty for the whole backup
  */
 Consequences restore_consequences(Command_Context& context, json_spirit::Object const& set,
-                                  std::string const& target);
+                                  std::string const& target,
+                                  std::vector<std::string> const& tables);
 
 /** Of the removal of a backup. @param dependents  those that build on it go, too */
 Consequences backup_consequences(Command_Context& context, json_spirit::Object const& set,

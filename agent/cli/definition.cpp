@@ -4,9 +4,11 @@
 #include "host/storage/compression.h"
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
+#include "qmrt/names.h"
 #include "qmrt/natoi.h"
 
 #include <algorithm>
+#include <map>
 
 using json_spirit::object_get_str;
 
@@ -15,6 +17,120 @@ namespace {
 bool is_number(std::string const& text) {
     return !text.empty() && text.size() < 6 &&
            std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+std::vector<std::string> parts_of(std::string const& text, char divider) {
+    std::vector<std::string> parts;
+    for (size_t begin = 0; begin <= text.size();) {
+        size_t const end = std::min(text.find(divider, begin), text.size());
+        parts.push_back(text.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    return parts;
+}
+
+std::string encoded(std::string const& name) {
+    return http_encode_string(name, HUT_FLAG_SLASH | HUT_FLAG_UPPERCASE);
+}
+
+/** Checks the last names by the rule of names in a list, and one before them as a database. */
+bool are_names(std::vector<std::string> const& path, size_t listed, std::string& error) {
+    for (size_t at = 0; at < path.size(); ++at) {
+        bool const is_database = at + listed < path.size();
+        std::string const fault = is_database ? names::fault_of_database(path[at])
+                                              : names::fault_of_listed_name(path[at]);
+        if (!fault.empty()) {
+            error = "'" + names::shown(path[at]) + "' " + fault;
+            return false;
+        }
+    }
+    return true;
+}
+
+/** Replaces the entry for the whole instance by one for each schema. */
+bool read_schemas(std::string const& instance, std::vector<std::string> const& schemas,
+                  json_spirit::Object& source, std::string& error) {
+    json_spirit::Array entries;
+    for (std::string const& schema : schemas) {
+        std::vector<std::string> const path = parts_of(schema, '.');
+        if (path.size() != 2) {
+            error = "'" + names::shown(schema) + "' is not DATABASE.SCHEMA";
+            return false;
+        }
+        if (!are_names(path, 1, error))
+            return false;
+        entries.emplace_back(instance_entry(instance) + "/schema/" + encoded(path[0]) + "/" +
+                             encoded(path[1]));
+    }
+    if (!entries.empty())
+        source["entries"] = entries;
+    return true;
+}
+
+/** The database of a set that has this table: by its list, or the one that it is of. */
+bool find_database(json_spirit::Object const& backup, std::string const& table,
+                   std::string& database, std::string& error) {
+    std::vector<std::string> found;
+    std::vector<std::string> const held = held_names(backup);
+    for (std::string const& path : held)
+        if (path.ends_with("." + table) && parts_of(path, '.').size() == 3)
+            found.push_back(path.substr(0, path.find('.')));
+    if (found.size() == 1) {
+        database = found.front();
+        return true;
+    }
+    if (found.empty() && held.empty())
+        error = "the backup has no list of its tables; it cannot restore them one by one";
+    else if (found.empty())
+        error = "the backup holds no table " + names::shown(table) +
+                "; `zenbrak3 backup show` lists what it holds";
+    else
+        error = "several databases have a table " + names::shown(table) + "; name one: DATABASE." +
+                names::shown(table);
+    return false;
+}
+
+/** "[DATABASE.]SCHEMA.TABLE[=SCHEMA.TABLE]" as an entry. */
+bool read_table(std::string const& instance, std::string const& wish,
+                json_spirit::Object const& backup, std::string& entry, std::string& error) {
+    std::vector<std::string> const sides = parts_of(wish, '=');
+    std::vector<std::string> from = parts_of(sides[0], '.');
+    std::vector<std::string> to = sides.size() > 1 ? parts_of(sides[1], '.') : from;
+    bool const is_path = from.size() == 2 || from.size() == 3;
+    if (sides.size() > 2 || !is_path || (sides.size() > 1 && to.size() != 2)) {
+        error = "'" + names::shown(wish) + "' is not [DATABASE.]SCHEMA.TABLE[=SCHEMA.TABLE]";
+        return false;
+    }
+    if (!are_names(from, 2, error) || !are_names(to, 2, error))
+        return false;
+    std::string database;
+    std::string const table = from[from.size() - 2] + "." + from.back();
+    if (from.size() == 3)
+        database = from.front();
+    else if (!find_database(backup, table, database, error))
+        return false;
+    entry = instance_entry(instance) + "/table/" + encoded(database);
+    for (std::string const& name :
+         {from[from.size() - 2], from.back(), to[to.size() - 2], to.back()})
+        entry += "/" + encoded(name);
+    return true;
+}
+
+bool read_tables(std::string const& instance, std::vector<std::string> const& tables,
+                 json_spirit::Object const& backup, json_spirit::Object& definition,
+                 std::string& error) {
+    json_spirit::Array entries;
+    for (std::string const& table : tables) {
+        std::string entry;
+        if (!read_table(instance, table, backup, entry, error))
+            return false;
+        entries.emplace_back(entry);
+    }
+    if (!entries.empty()) {
+        definition["subtype"] = "table";
+        definition["source"].get_obj()["entries"] = entries;
+    }
+    return true;
 }
 
 bool read_wishes(Job_Wishes const& wishes, json_spirit::Object& definition, std::string& error) {
@@ -32,6 +148,8 @@ bool read_wishes(Job_Wishes const& wishes, json_spirit::Object& definition, std:
             error = "'" + option + "' is no option: KEY=VALUE is wanted";
             return false;
         }
+    if (!wishes.config.empty())
+        options["xml_config_path"] = wishes.config;
     definition["options"] = options;
     if (!wishes.name.empty())
         definition["name"] = wishes.name;
@@ -71,7 +189,23 @@ bool read_compression(std::string const& text, json_spirit::Object& options) {
 }
 
 std::string instance_entry(std::string const& instance) {
-    return "gaussdb/" + http_encode_string(instance, HUT_FLAG_SLASH | HUT_FLAG_UPPERCASE);
+    return "gaussdb/" + encoded(instance);
+}
+
+std::vector<std::string> held_names(json_spirit::Object const& backup) {
+    json_spirit::Array records;
+    json_spirit::object_get(backup, "tables", records);
+    std::map<std::string, std::string> paths; // of what others are in, by uuid
+    std::vector<std::string> all;
+    for (json_spirit::Object const& record : json_spirit::objects_of(records)) {
+        auto const parent = paths.find(object_get_str(record, "parent_uuid"));
+        std::string const path =
+            (parent == paths.end() ? "" : parent->second + ".") + object_get_str(record, "name");
+        if (object_get_str(record, "type") != "table")
+            paths[object_get_str(record, "uuid")] = path;
+        all.push_back(path);
+    }
+    return all;
 }
 
 bool make_backup_definition(json_spirit::Object const& instance, std::string const& pool,
@@ -92,7 +226,8 @@ bool make_backup_definition(json_spirit::Object const& instance, std::string con
         {"source", json_spirit::Object{{"id", uuid},
                                        {"name", name},
                                        {"entries", json_spirit::Array{instance_entry(name)}}}}};
-    return read_wishes(wishes, definition, error);
+    return read_schemas(name, wishes.schemas, definition["source"].get_obj(), error) &&
+           read_wishes(wishes, definition, error);
 }
 
 bool make_restore_definition(json_spirit::Object const& backup,
@@ -124,5 +259,6 @@ bool make_restore_definition(json_spirit::Object const& backup,
                                        {"original", instance_entry(from)},
                                        {"restore_as", instance_entry(to)},
                                        {"entries", json_spirit::Array{instance_entry(from)}}}}};
-    return read_wishes(wishes, definition, error);
+    return read_tables(from, wishes.tables, backup, definition, error) &&
+           read_wishes(wishes, definition, error);
 }

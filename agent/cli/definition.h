@@ -18,7 +18,14 @@ struct Job_Wishes {
     std::string compression; ///< "zstd", or with its level "zstd:3"; backups only
     int channels = 0;
     std::vector<std::string> options; ///< "key=value", in the order in which they count
+    std::vector<std::string> schemas; ///< "DATABASE.SCHEMA"; backups only
+    /** "[DATABASE.]SCHEMA.TABLE", with "=SCHEMA.TABLE" for another target; restores only. */
+    std::vector<std::string> tables;
+    std::string config; ///< the new cluster's, on its node; restores only
 };
+
+/** A table, schema or database that a set holds, by its path: "sales.public.orders". */
+std::vector<std::string> held_names(json_spirit::Object const& backup);
 
 /**
  * "key=value" as a member of the options: a value that is a JSON number or boolean is one, all else
@@ -46,7 +53,7 @@ std::string instance_entry(std::string const& instance);
                                           std::string& error);
 
 /**
- * A restore of a whole backup.
+ * A restore of a whole backup, or of the tables that are wished for.
  * @param backup      as the agent has it
  * @param restore_as  the instance that it goes to, as the agent has it; null for the one that it
  *                    came from

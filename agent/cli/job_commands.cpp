@@ -189,7 +189,8 @@ int restore(Command_Context& context, std::string const& backup, std::string con
         return context.fail(EXIT_USAGE, "cannot " + doing + ": " + error);
     std::string const name = restore_as.empty() ? object_get_str(found, "instance") : restore_as;
     int status = EXIT_OK;
-    if (!consents(context, consent, restore_consequences(context, found, name), status))
+    if (!consents(context, consent, restore_consequences(context, found, name, wishes.tables),
+                  status))
         return status;
     return start(context, {{"run", definition}}, doing, wait);
 }

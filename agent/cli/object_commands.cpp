@@ -165,7 +165,8 @@ int list_backups(Command_Context& context, Backup_Filter const& filter, double i
     Object params;
     json_spirit::insert(params)("instance", json_spirit::Skip_Empty_Helper(filter.instance))(
         "pool", json_spirit::Skip_Empty_Helper(filter.pool))(
-        "type", json_spirit::Skip_Empty_Helper(filter.type));
+        "type", json_spirit::Skip_Empty_Helper(filter.type))(
+        "table", json_spirit::Skip_Empty_Helper(filter.table));
     if (filter.limit > 0)
         params["limit"] = filter.limit;
     Table const table({{"BACKUP", "uuid", context.id_form()},
@@ -202,7 +203,7 @@ int show_backup(Command_Context& context, std::string const& backup) {
                  {"Host", "host"},
                  {"Job", "job_act_id"},
                  {"Depends on", "depends"}},
-                {"storages", "pieces"});
+                {"storages", "pieces", "tables"});
     if (context.json())
         return EXIT_OK;
     Table storages({{"POOL", "pool_uuid"}, {"SIZE", "size", Form::SIZE}, {"COPY", "copy"}});
@@ -213,6 +214,11 @@ int show_backup(Command_Context& context, std::string const& backup) {
         context.print("\n" + storages.text(context.terminal()));
     if (!pieces.empty())
         context.print("\n" + pieces.text(context.terminal()));
+    std::string held; // a line each, so that others can search it
+    for (std::string const& name : held_names(found))
+        held += printable(name) + "\n";
+    if (!held.empty())
+        context.print("\nHOLDS\n" + held);
     return EXIT_OK;
 }
 

@@ -50,6 +50,30 @@ void keep_visible(Method_Access const& access, Rpc_Caller const& caller, size_t 
         rows.resize(limit);
 }
 
+/** [[DATABASE.]SCHEMA.]TABLE, the innermost name first. */
+Array table_path(std::string const& text) {
+    Array path;
+    for (size_t begin = 0; begin <= text.size();) {
+        size_t const end = std::min(text.find('.', begin), text.size());
+        path.insert(path.begin(), text.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    return path;
+}
+
+std::string fault_of_table(std::string_view text) {
+    constexpr size_t LEVELS = 3;
+    if (std::string fault = names::fault_of_line(text); !fault.empty())
+        return fault;
+    Array const path = table_path(std::string(text));
+    for (Value const& name : path)
+        if (name.get_str().empty())
+            return "has an empty name in it (expected [[DATABASE.]SCHEMA.]TABLE)";
+    return path.size() <= LEVELS ? ""
+                                 : "has more than three names (expected "
+                                   "[[DATABASE.]SCHEMA.]TABLE)";
+}
+
 class Backup_Methods {
 public:
     Backup_Methods(SQLite_Catalog& catalog, SQLite_Pools& pools, Set_Files& files, Agent_Jobs& runs,
@@ -57,20 +81,24 @@ public:
         : catalog_(catalog), pools_(pools), files_(files), runs_(runs), access_(access) {}
 
     bool list(Method_Call const& call, Value& result, Method_Fault& fault) {
-        std::string error, instance, resource, pool, type;
+        std::string error, instance, resource, pool, type, table;
         int64_t limit = USUAL_LIMIT;
         Member_Reader reader(call.params.get_obj(), "", error);
         reader.text("instance", instance, names::fault_of_label);
         reader.text("resource_uuid", resource, names::fault_of_id);
         reader.text("pool", pool, names::fault_of_label);
         reader.text("type", type, names::fault_of_id);
+        reader.text("table", table, fault_of_table);
         reader.number("limit", 0, INT32_MAX, limit);
         if (!reader.finish())
             return invalid_params(error, fault);
         Object query{{"sort", "backup_start_time"},
                      {"order", "desc"},
                      {"limit", limit},
-                     {"with_storages", "1"}};
+                     {"with_storages", "1"},
+                     {"without_tables", "1"}}; // of a large cluster they are many
+        if (!table.empty())
+            query["holds_table"] = table_path(table);
         if (!pool.empty()) {
             Pool_Record record;
             if (Storage_Result const found = pools_.find_record(pool, record); !found)

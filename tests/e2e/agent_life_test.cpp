@@ -116,6 +116,35 @@ TEST_F(Agent_Life_Test, a_backup_is_run_recorded_and_read_back) {
     expect_restorable(run);
 }
 
+TEST_F(Agent_Life_Test, backups_are_found_by_a_table_that_they_hold) {
+    make_pool();
+    for (char const* name : {"one", "two"})
+        EXPECT_EQ("completed",
+                  text(wait_for_end(start_job(backup_definition(name, 1, 10, 0))), "state"));
+    for (auto const& [table, count] : {std::pair{"orders", 2u},
+                                       {"public.orders", 2u},
+                                       {"one.public.orders", 1u},
+                                       {"three.public.orders", 0u},
+                                       {"old.orders", 0u},
+                                       {"public", 0u},
+                                       {"order_", 0u},
+                                       {"x' OR 1 --", 0u}}) {
+        std::vector<Object> const found =
+            list(agent_.ask("backup.list", {{"table", table}}), "backups");
+        ASSERT_EQ(count, found.size()) << table;
+        for (Object const& one : found)
+            EXPECT_EQ(0u, one.count("tables")) << "they are many";
+        if (count == 1) {
+            EXPECT_EQ("one", text(found[0], "instance"));
+            EXPECT_EQ(
+                3u, list(agent_.ask("backup.show", {{"backup", text(found[0], "uuid")}}), "tables")
+                        .size());
+        }
+    }
+    for (char const* hostile : {".", "a.", "a..b", "a.b.c.d", "a\nb"})
+        EXPECT_EQ(-32602, agent_.call("backup.list", {{"table", hostile}}).code) << hostile;
+}
+
 /** A backup of an instance, by which the agent decides whether it may start. */
 Object instance_backup(std::string const& instance) {
     Object definition = backup_definition("of " + instance, 2, 1000, 0);

@@ -356,6 +356,60 @@ TEST_F(Agent_Command_Test, a_restore_of_a_backup_as_another_instance) {
     EXPECT_EQ(Value("b-1"), definition.at("source").get_obj().at("catalog_id"));
 }
 
+TEST_F(Agent_Command_Test, a_restore_of_tables_and_one_as_a_new_cluster) {
+    auto const record = [](char const* uuid, char const* parent, char const* type,
+                           char const* name) {
+        return Object{{"uuid", uuid}, {"parent_uuid", parent}, {"type", type}, {"name", name}};
+    };
+    agent_->on("backup.show", Object{{"uuid", "b-1"},
+                                     {"instance", "prod"},
+                                     {"resource_uuid", "u-1"},
+                                     {"backup_key", "k"},
+                                     {"tables", Array{record("d", "", "database", "sales"),
+                                                      record("s", "d", "schema", "public"),
+                                                      record("t", "s", "table", "orders")}}});
+    agent_->on("instance.show", Object{{"name", "dws2"}, {"uuid", "u-2"}});
+    agent_->on("backup.list", Object{{"backups", Array{}}});
+    agent_->on("job.show", run_in("completed"));
+    EXPECT_EQ(0, run({"restore", "b", "--table", "public.orders=old.orders", "--yes"})) << err();
+    EXPECT_THAT(out(), HasSubstr("This restores tables to instance prod, which goes on running."));
+    EXPECT_THAT(out(), HasSubstr("public.orders=old.orders"));
+    Object definition = agent_->calls("job.start").at(0).get_obj().at("run").get_obj();
+    EXPECT_EQ("table", definition.at("subtype").get_str());
+    EXPECT_EQ(Value(Array{"gaussdb/prod/table/sales/public/orders/old/orders"}),
+              definition.at("source").get_obj().at("entries"));
+
+    EXPECT_EQ(0, run({"restore", "b", "--as", "dws2", "--config", "/home/omm/x.xml", "--yes"}));
+    definition = agent_->calls("job.start").at(1).get_obj().at("run").get_obj();
+    EXPECT_EQ("instance", definition.at("subtype").get_str());
+    EXPECT_EQ(Value(Object{{"xml_config_path", "/home/omm/x.xml"}}), definition.at("options"));
+
+    for (std::vector<std::string> const& wrong :
+         {std::vector<std::string>{"--table", "public.none"},
+          {"--table", "$(id).a.b"},
+          {"--table", "public.orders", "--config", "/x"},
+          {"--as", "dws2", "--config", "/x;id"},
+          {"--as", "dws2", "--config", "x"}}) {
+        std::vector<std::string> words{"restore", "b", "--yes"};
+        words.insert(words.end(), wrong.begin(), wrong.end());
+        EXPECT_EQ(2, run(words)) << wrong.at(1);
+    }
+    EXPECT_EQ(2u, agent_->calls("job.start").size());
+}
+
+TEST_F(Agent_Command_Test, a_backup_of_schemas) {
+    agent_->on("job.show", run_in("completed"));
+    EXPECT_EQ(0, run({"backup", "prod", "--pool", "main", "--schema", "sales.public", "--schema",
+                      "sales.S 2"}))
+        << err();
+    Object const definition = agent_->calls("job.start").at(0).get_obj().at("run").get_obj();
+    EXPECT_EQ(Value(Array{"gaussdb/prod/schema/sales/public", "gaussdb/prod/schema/sales/S%202"}),
+              definition.at("source").get_obj().at("entries"));
+    EXPECT_EQ(2, run({"backup", "prod", "--pool", "main", "--schema", "$(id).x"}));
+    EXPECT_EQ(2, run({"backup", "prod", "--pool", "main", "--schema", "x"}));
+    EXPECT_EQ(1u, agent_->calls("job.start").size());
+}
+
 // What is destroyed only when somebody agrees.
 
 class Consent_Test : public Agent_Command_Test {

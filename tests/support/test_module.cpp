@@ -106,6 +106,10 @@ public:
         object["prior_backup_key"] = "";
         object["incarnation"] = uuid;
         object["instance"] = name;
+        object["tables"] = Array{
+            Object{{"uuid", "d"}, {"parent_uuid", ""}, {"type", "database"}, {"name", name}},
+            Object{{"uuid", "s"}, {"parent_uuid", "d"}, {"type", "schema"}, {"name", "public"}},
+            Object{{"uuid", "t"}, {"parent_uuid", "s"}, {"type", "table"}, {"name", "orders"}}};
         return object;
     }
 };

@@ -124,6 +124,31 @@ TEST_F(SQLite_Catalog_Test, a_key_with_and_one_without_a_column_sort_alike) {
     EXPECT_EQ("s3", uuids({{"sort", "other"}, {"NN_seq", ""}, {"limit", 1}}));
 }
 
+TEST_F(SQLite_Catalog_Test, sets_are_found_by_a_table_that_they_list) {
+    auto const record = [](char const* uuid, char const* parent, char const* type,
+                           char const* name) {
+        return Object{{"uuid", uuid}, {"parent_uuid", parent}, {"type", type}, {"name", name}};
+    };
+    commit("a", {{"tables",
+                  Array{record("d", "", "database", "sales"), record("s", "d", "schema", "public"),
+                        record("t", "s", "table", "orders")}}});
+    commit("b", {{"tables",
+                  Array{record("d", "", "database", "shop"), record("s", "d", "schema", "orders"),
+                        record("t", "s", "table", "items")}}});
+    commit("c", {});
+    auto const holding = [&](Array const& path) { return uuids({{"holds_table", path}}); };
+    EXPECT_EQ("a", holding({"orders"})) << "a schema is not a table";
+    EXPECT_EQ("a", holding({"orders", "public"}));
+    EXPECT_EQ("a", holding({"orders", "public", "sales"}));
+    EXPECT_EQ("", holding({"orders", "public", "shop"}));
+    EXPECT_EQ("", holding({"orders", "sales"})) << "of another level";
+    EXPECT_EQ("b", holding({"items", "orders"}));
+    EXPECT_EQ("", holding({"%"}));
+    EXPECT_EQ(1u, query("catalogs", {{"uuid", "a"}})[0].get_obj().count("tables"));
+    EXPECT_EQ(0u, query("catalogs", {{"uuid", "a"}, {"without_tables", "1"}})[0].get_obj().count(
+                      "tables"));
+}
+
 TEST_F(SQLite_Catalog_Test, equal_sets_come_as_they_were_made) {
     commit("b", {{"seq", 1}});
     commit("a", {{"seq", 1}});

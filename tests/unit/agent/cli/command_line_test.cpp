@@ -244,15 +244,33 @@ TEST_F(Command_Line_Test, filters_are_sent_only_when_they_are_given) {
     agent_.answers("backup.list", Object{{"backups", json_spirit::Array{}}});
     agent_.answers("job.list", Object{{"jobs", json_spirit::Array{}}});
     run({"backups"});
-    run({"backups", "prod", "--pool", "p", "--type", "full", "--limit", "3"});
+    run({"backups", "prod", "--pool", "p", "--type", "full", "--limit", "3", "--table", "a.b"});
     run({"jobs"});
     run({"jobs", "--instance", "prod", "--definition", "d", "--state", "error", "--limit", "3"});
     EXPECT_EQ(Object{}, params(0));
-    EXPECT_EQ((Object{{"instance", "prod"}, {"pool", "p"}, {"type", "full"}, {"limit", 3}}),
-              params(1));
+    EXPECT_EQ(
+        (Object{
+            {"instance", "prod"}, {"pool", "p"}, {"type", "full"}, {"limit", 3}, {"table", "a.b"}}),
+        params(1));
     EXPECT_EQ(Object{}, params(2));
     EXPECT_EQ((Object{{"instance", "prod"}, {"definition", "d"}, {"state", "error"}, {"limit", 3}}),
               params(3));
+}
+
+TEST_F(Command_Line_Test, what_a_backup_holds_is_shown_a_line_each) {
+    agent_.answers(
+        "backup.show",
+        Object{{"uuid", "b1"},
+               {"tables",
+                json_spirit::Array{
+                    Object{{"uuid", "d"}, {"parent_uuid", ""}, {"type", "database"}, {"name", "a"}},
+                    Object{{"uuid", "s"}, {"parent_uuid", "d"}, {"type", "schema"}, {"name", "b"}},
+                    Object{{"uuid", "t"},
+                           {"parent_uuid", "s"},
+                           {"type", "table"},
+                           {"name", "c\n\x1b[2J"}}}}});
+    EXPECT_EQ(EXIT_OK, run({"backup", "show", "b1"}));
+    EXPECT_THAT(out_, testing::EndsWith("\nHOLDS\na\na.b\na.b.c\\n\\x1b[2J\n"));
 }
 
 } // namespace

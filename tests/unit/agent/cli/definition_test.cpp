@@ -152,4 +152,98 @@ TEST(Definition, a_backup_that_cannot_be_restored_says_what_is_missing) {
     EXPECT_TRUE(definition.empty());
 }
 
+// schemas and tables
+
+Array const TABLES{
+    Object{{"uuid", "d1"}, {"parent_uuid", ""}, {"type", "database"}, {"name", "sales"}},
+    Object{{"uuid", "s1"}, {"parent_uuid", "d1"}, {"type", "schema"}, {"name", "public"}},
+    Object{{"uuid", "t1"}, {"parent_uuid", "s1"}, {"type", "table"}, {"name", "orders"}},
+    Object{{"uuid", "t2"}, {"parent_uuid", "s1"}, {"type", "table"}, {"name", "T 1/x"}},
+    Object{{"uuid", "d2"}, {"parent_uuid", ""}, {"type", "database"}, {"name", "shop"}},
+    Object{{"uuid", "s2"}, {"parent_uuid", "d2"}, {"type", "schema"}, {"name", "public"}},
+    Object{{"uuid", "t3"}, {"parent_uuid", "s2"}, {"type", "table"}, {"name", "items"}},
+    Object{{"uuid", "t4"}, {"parent_uuid", "s2"}, {"type", "table"}, {"name", "T 1/x"}}};
+
+Object backup_with_tables() {
+    Object backup = BACKUP;
+    backup["tables"] = TABLES;
+    return backup;
+}
+
+TEST(Definition, a_backup_of_schemas) {
+    Job_Wishes wishes;
+    wishes.schemas = {"sales.public", "sales.S 2/x"};
+    EXPECT_EQ(
+        Value(Array{"gaussdb/prod/schema/sales/public", "gaussdb/prod/schema/sales/S%202%2Fx"}),
+        backup(wishes).at("source").get_obj().at("entries"));
+}
+
+TEST(Definition, schemas_that_nothing_can_be) {
+    for (char const* hostile : {"", "public", "a.b.c", ".b", "a.", "$(id).x", "a;id.x", "-a.b",
+                                "a.b\nc", "a'b.c", "a b.c"}) {
+        Job_Wishes wishes;
+        wishes.schemas = {"sales.public", hostile};
+        EXPECT_NE("", backup_error(wishes)) << hostile;
+    }
+}
+
+TEST(Definition, what_a_set_holds_has_its_whole_path) {
+    EXPECT_EQ((std::vector<std::string>{"sales", "sales.public", "sales.public.orders",
+                                        "sales.public.T 1/x", "shop", "shop.public",
+                                        "shop.public.items", "shop.public.T 1/x"}),
+              held_names(backup_with_tables()));
+    EXPECT_TRUE(held_names(BACKUP).empty());
+}
+
+TEST(Definition, a_restore_of_tables) {
+    Job_Wishes wishes;
+    wishes.tables = {"public.orders", "sales.public.T 1/x=old.T 1"};
+    Object definition;
+    std::string error;
+    ASSERT_TRUE(make_restore_definition(backup_with_tables(), nullptr, wishes, definition, error))
+        << error;
+    EXPECT_EQ("table", definition.at("subtype").get_str());
+    EXPECT_EQ(Value(Array{"gaussdb/prod/table/sales/public/orders/public/orders",
+                          "gaussdb/prod/table/sales/public/T%201%2Fx/old/T%201"}),
+              definition.at("source").get_obj().at("entries"));
+}
+
+TEST(Definition, tables_that_cannot_be_restored) {
+    for (auto const& [wish, fault] : {std::pair{"orders", "is not [DATABASE.]SCHEMA.TABLE"},
+                                      {"a.b.c.d", "is not [DATABASE.]SCHEMA.TABLE"},
+                                      {"public.orders=x", "is not [DATABASE.]SCHEMA.TABLE"},
+                                      {"public.orders=a.b.c", "is not [DATABASE.]SCHEMA.TABLE"},
+                                      {"public.orders=a.b=c.d", "is not [DATABASE.]SCHEMA.TABLE"},
+                                      {"public.none", "holds no table public.none"},
+                                      {"public.T 1/x", "several databases have a table"},
+                                      {"$(id).public.orders", "'$(id)'"},
+                                      {"public.or\nders", "newline"},
+                                      {"public.orders=a.b\nc", "newline"},
+                                      {"public.=a.b", "is empty"}}) {
+        Job_Wishes wishes;
+        wishes.tables = {wish};
+        Object definition;
+        std::string error;
+        EXPECT_FALSE(
+            make_restore_definition(backup_with_tables(), nullptr, wishes, definition, error));
+        EXPECT_NE(std::string::npos, error.find(fault)) << wish << ": " << error;
+    }
+    Job_Wishes wishes;
+    wishes.tables = {"public.orders"};
+    Object definition;
+    std::string error;
+    EXPECT_FALSE(make_restore_definition(BACKUP, nullptr, wishes, definition, error));
+    EXPECT_EQ("the backup has no list of its tables; it cannot restore them one by one", error);
+}
+
+TEST(Definition, a_restore_as_a_new_cluster) {
+    Job_Wishes wishes;
+    wishes.config = "/home/omm/new.xml";
+    Object const target{{"name", "dws2"}, {"uuid", "u-2"}};
+    Object definition;
+    std::string error;
+    ASSERT_TRUE(make_restore_definition(BACKUP, &target, wishes, definition, error)) << error;
+    EXPECT_EQ(Value(Object{{"xml_config_path", "/home/omm/new.xml"}}), definition.at("options"));
+}
+
 } // namespace
