@@ -1,21 +1,13 @@
 #include "json_spirit/access.h"
 
+#include "tests/unit/json_spirit/error_of.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 using namespace json_spirit;
 
 namespace {
-
-template <typename Operation>
-std::string error_of(Operation operation) {
-    try {
-        operation();
-    } catch (std::exception const& error) {
-        return error.what();
-    }
-    return "";
-}
 
 class Access_Test : public testing::Test {
 protected:

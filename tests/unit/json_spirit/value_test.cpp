@@ -1,22 +1,13 @@
 #include "json_spirit/value.h"
 
+#include "tests/unit/json_spirit/error_of.h"
+
 #include <gtest/gtest.h>
 #include <limits>
 
 using namespace json_spirit;
 
 namespace {
-
-/** What an operation throws, as text; "" when it does not. */
-template <typename Operation>
-std::string error_of(Operation operation) {
-    try {
-        operation();
-    } catch (std::exception const& error) {
-        return error.what();
-    }
-    return "";
-}
 
 TEST(Value, the_numbers_of_the_types_are_known) {
     EXPECT_EQ(obj_type, Value(Object()).type());

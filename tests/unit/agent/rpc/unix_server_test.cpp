@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto PATIENCE = 30s;
+constexpr auto CALL_TIME = 30s;
 
 /** Lets waiting methods through once it is opened. */
 struct Gate {
@@ -73,11 +73,11 @@ protected:
         std::string error;
         ASSERT_TRUE(client.connect(options_.socket_path, error)) << error;
         JSON_RPC_Reply reply;
-        EXPECT_TRUE(client.call("echo", Object{{"a", 1}}, PATIENCE, reply)) << reply.message;
+        EXPECT_TRUE(client.call("echo", Object{{"a", 1}}, CALL_TIME, reply)) << reply.message;
         EXPECT_EQ(Value(Object{{"a", 1}}), reply.result);
     }
     void await_connections(size_t count) {
-        auto const end = std::chrono::steady_clock::now() + PATIENCE;
+        auto const end = std::chrono::steady_clock::now() + CALL_TIME;
         while (server_->connections() != count && std::chrono::steady_clock::now() < end)
             std::this_thread::yield();
         EXPECT_EQ(count, server_->connections());
@@ -287,7 +287,7 @@ TEST_F(Unix_Server_Test, a_large_message_within_the_limit_is_served) {
     ASSERT_TRUE(client.connect(options_.socket_path, error)) << error;
     JSON_RPC_Reply reply;
     Value const params = Object{{"a", std::string(8'000'000, 'y')}};
-    ASSERT_TRUE(client.call("echo", params, PATIENCE, reply)) << reply.message;
+    ASSERT_TRUE(client.call("echo", params, CALL_TIME, reply)) << reply.message;
     EXPECT_EQ(params, reply.result);
 }
 
@@ -295,7 +295,7 @@ TEST_F(Unix_Server_Test, one_who_sends_a_message_bit_by_bit_is_closed) {
     options_.limits.message = 50ms;
     start();
     Raw_Client client = raw();
-    auto const end = std::chrono::steady_clock::now() + PATIENCE;
+    auto const end = std::chrono::steady_clock::now() + CALL_TIME;
     while (client.send("{") && std::chrono::steady_clock::now() < end)
         std::this_thread::yield();
     EXPECT_TRUE(client.closed());
@@ -410,7 +410,7 @@ TEST_F(Unix_Server_Test, many_clients_at_once_get_each_its_own_answers) {
         for (int i = 0; i < 100; ++i) {
             Value const params = Object{{"client", client_number}, {"i", i}};
             JSON_RPC_Reply reply;
-            ASSERT_TRUE(client.call("echo", params, PATIENCE, reply)) << reply.message;
+            ASSERT_TRUE(client.call("echo", params, CALL_TIME, reply)) << reply.message;
             ASSERT_EQ(params, reply.result);
         }
     };
@@ -435,7 +435,7 @@ TEST_F(Unix_Server_Test, a_client_that_goes_takes_its_questions_along) {
     std::promise<bool> cancelled;
     methods_.add("ask", [&](Method_Call const&, Value& result, Method_Fault&) {
         ++waiting_;
-        cancelled.set_value(await_cancellation(PATIENCE));
+        cancelled.set_value(await_cancellation(CALL_TIME));
         result = true;
         return true;
     });

@@ -4,9 +4,9 @@
 
 namespace {
 
-class Local_Handler : public Instance_Handler {
+class State_Handler : public Instance_Handler {
 public:
-    Local_Handler() : Instance_Handler("local") {}
+    State_Handler() : Instance_Handler("local") {}
     std::string& get_state(char const* name, std::string& state) override {
         return state = std::string("state of ") + name;
     }
@@ -31,7 +31,7 @@ TEST(Instance_Handler, without_overrides_there_is_nothing_to_find_and_no_way_in)
 }
 
 TEST(Instance_Handler, get_states_asks_for_each_name) {
-    Local_Handler handler;
+    State_Handler handler;
     Instance_Handler::states_type states = {{"a", ""}, {"b", "before"}};
     EXPECT_EQ(0, handler.get_states(states));
     EXPECT_EQ((Instance_Handler::states_type{{"a", "state of a"}, {"b", "state of b"}}), states);

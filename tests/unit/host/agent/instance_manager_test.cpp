@@ -13,9 +13,9 @@ using json_spirit::Object;
 using Texts = std::vector<std::string>;
 
 /** Takes one password, and says so in the options. */
-class Local_Handler : public Instance_Handler {
+class Password_Handler : public Instance_Handler {
 public:
-    explicit Local_Handler(std::string password = "right")
+    explicit Password_Handler(std::string password = "right")
         : Instance_Handler("gaussdb"), password_(std::move(password)) {}
     int update_options(char const* name, char const* username, char const* password,
                        options_type& options) override {
@@ -166,7 +166,7 @@ TEST_F(Instance_Manager_Test, without_an_instance_service_each_operation_fails_w
 TEST_F(Instance_Manager_Test, the_handler_completes_the_options_by_an_account_it_takes) {
     put_with_account("u", "wrong");
     ASSERT_TRUE(manager_->save_account("gaussdb", "a", "v", account("right")));
-    Local_Handler handler;
+    Password_Handler handler;
     std::shared_ptr<Instance> const instance = manager_->find("gaussdb", "a");
     EXPECT_EQ(0, manager_->update_instance_options(instance, &handler));
     EXPECT_EQ((Object{{"x", 1}, {"by", "a/omm"}}), instance->options);
@@ -175,7 +175,7 @@ TEST_F(Instance_Manager_Test, the_handler_completes_the_options_by_an_account_it
 
 TEST_F(Instance_Manager_Test, options_stay_when_no_account_is_taken) {
     put_with_account("u", "wrong");
-    Local_Handler handler;
+    Password_Handler handler;
     std::shared_ptr<Instance> const instance = manager_->find("gaussdb", "a");
     EXPECT_EQ(-1, manager_->update_instance_options(instance, &handler));
     EXPECT_EQ((Object{{"x", 1}}), instance->options);
@@ -184,13 +184,13 @@ TEST_F(Instance_Manager_Test, options_stay_when_no_account_is_taken) {
 
 TEST_F(Instance_Manager_Test, without_an_account_there_is_nothing_to_complete) {
     ASSERT_TRUE(manager_->add_instance(make("a")));
-    Local_Handler handler;
+    Password_Handler handler;
     EXPECT_EQ(0, manager_->update_instance_options(manager_->find("gaussdb", "a"), &handler));
     EXPECT_TRUE(manager_->find("gaussdb", "a")->options.empty());
 }
 
 TEST_F(Instance_Manager_Test, options_of_an_unknown_instance_are_not_completed) {
-    Local_Handler handler;
+    Password_Handler handler;
     EXPECT_EQ(-1, manager_->update_instance_options(make("a"), &handler));
     EXPECT_EQ(-1, manager_->update_instance_options(nullptr, &handler));
     EXPECT_CHECK_LOGGED("instance is NULL");
@@ -200,7 +200,7 @@ TEST_F(Instance_Manager_Test, options_of_an_unknown_instance_are_not_completed) 
 
 TEST_F(Instance_Manager_Test, options_that_cannot_be_recorded_are_a_failure) {
     put_with_account("u", "right");
-    Local_Handler handler;
+    Password_Handler handler;
     instances_->fail("put");
     EXPECT_EQ(-1, manager_->update_instance_options(manager_->find("gaussdb", "a"), &handler));
     EXPECT_LOGGED(LM_ERROR, "fails to put");
@@ -209,7 +209,7 @@ TEST_F(Instance_Manager_Test, options_that_cannot_be_recorded_are_a_failure) {
 // handlers
 
 TEST_F(Instance_Manager_Test, a_handler_is_found_by_its_type_until_it_is_removed) {
-    auto const handler = std::make_shared<Local_Handler>();
+    auto const handler = std::make_shared<Password_Handler>();
     EXPECT_FALSE(manager_->get_handler("gaussdb"));
     manager_->add_handler(handler);
     EXPECT_EQ(handler, manager_->get_handler("gaussdb"));
@@ -222,8 +222,8 @@ TEST_F(Instance_Manager_Test, a_handler_is_found_by_its_type_until_it_is_removed
 }
 
 TEST_F(Instance_Manager_Test, a_second_handler_of_a_type_takes_the_place_of_the_first) {
-    auto const first = std::make_shared<Local_Handler>();
-    auto const second = std::make_shared<Local_Handler>();
+    auto const first = std::make_shared<Password_Handler>();
+    auto const second = std::make_shared<Password_Handler>();
     manager_->add_handler(first);
     manager_->add_handler(second);
     EXPECT_EQ(second, manager_->get_handler("gaussdb"));

@@ -7,7 +7,7 @@
 
 namespace {
 
-std::string happened;
+std::string lived;
 
 struct Base {
     virtual ~Base() = default;
@@ -15,8 +15,8 @@ struct Base {
 };
 
 struct Derived : Base {
-    Derived() { happened += "made "; }
-    ~Derived() override { happened += "destroyed "; }
+    Derived() { lived += "made "; }
+    ~Derived() override { lived += "destroyed "; }
     char const* name() const override { return "derived"; }
 };
 
@@ -30,7 +30,7 @@ using Base_Creator = Object_Creator_T<Base>;
 
 class Object_Creator_Test : public testing::Test {
 protected:
-    Object_Creator_Test() { happened.clear(); }
+    Object_Creator_Test() { lived.clear(); }
 };
 
 TEST_F(Object_Creator_Test, creates_the_derived_class_and_destroys_it_through_the_base) {
@@ -40,13 +40,13 @@ TEST_F(Object_Creator_Test, creates_the_derived_class_and_destroys_it_through_th
     ASSERT_TRUE(object);
     EXPECT_STREQ("derived", object->name());
     seen.destroy(object);
-    EXPECT_EQ("made destroyed ", happened);
+    EXPECT_EQ("made destroyed ", lived);
 }
 
 TEST_F(Object_Creator_Test, destroys_no_null) {
     Object_Creator_Impl_T<Base_Creator, Derived> creator;
     creator.destroy(nullptr);
-    EXPECT_EQ("", happened);
+    EXPECT_EQ("", lived);
 }
 
 TEST_F(Object_Creator_Test, a_class_without_memory_gives_null_and_ENOMEM) {
@@ -62,7 +62,7 @@ TEST_F(Object_Creator_Test, no_memory_at_all_gives_null_and_ENOMEM) {
     Failing_New const no_memory(sizeof(Derived));
     EXPECT_EQ(nullptr, creator.create());
     EXPECT_EQ(ENOMEM, errno);
-    EXPECT_EQ("", happened);
+    EXPECT_EQ("", lived);
 }
 
 TEST_F(Object_Creator_Test, a_success_leaves_errno_alone) {

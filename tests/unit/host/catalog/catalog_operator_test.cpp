@@ -14,15 +14,15 @@ using json_spirit::Object;
 using json_spirit::Value;
 using Texts = std::vector<std::string>;
 
-class Local_Set : public Backup_Set {
+class Named_Set : public Backup_Set {
 public:
-    explicit Local_Set(std::string const& id) : Backup_Set("gaussdb") { uuid = id; }
+    explicit Named_Set(std::string const& id) : Backup_Set("gaussdb") { uuid = id; }
 };
 
 class Catalog_Operator_Test : public testing::Test {
 protected:
     Fake_Catalog catalog_;
-    Local_Set set_{"a"};
+    Named_Set set_{"a"};
     Catalog_Operator operator_{-1, 60};
 };
 
@@ -32,9 +32,9 @@ TEST_F(Catalog_Operator_Test, each_operation_reaches_the_catalog) {
     EXPECT_TRUE(operator_.initialize(set_));
     EXPECT_TRUE(operator_.add_piece("a", pieces));
     EXPECT_TRUE(operator_.complete(set_));
-    Local_Set second("b");
+    Named_Set second("b");
     EXPECT_TRUE(operator_.commit(second, true));
-    Local_Set third("c");
+    Named_Set third("c");
     EXPECT_TRUE(operator_.initialize(third));
     EXPECT_TRUE(operator_.abort("c", pieces));
     EXPECT_TRUE(pieces.empty());

@@ -2,6 +2,7 @@
 
 #include "tests/support/log_capture.h"
 #include "tests/support/temporary_directory.h"
+#include "tests/unit/host/storage/stored_text.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -58,21 +59,6 @@ std::string decoded(Compression_Method method, std::string const& in, size_t pie
     Storage_Result const result = run(*make_decoder(method), in, piece, out);
     return result ? out : "<" + result.text() + ">";
 }
-
-class Text_Reader : public Storage_Reader {
-public:
-    explicit Text_Reader(std::string text) : text_(std::move(text)) { entry_.size = text_.size(); }
-    Storage_Entry const& entry() const override { return entry_; }
-    Storage_Result read_at(uint64_t offset, void* buffer, size_t size, size_t& got) override {
-        got = offset < text_.size() ? std::min<size_t>(size, text_.size() - offset) : 0;
-        std::memcpy(buffer, text_.data() + (got ? offset : 0), got);
-        return {};
-    }
-
-private:
-    std::string text_;
-    Storage_Entry entry_;
-};
 
 uint64_t quick_size(Compression_Method method, std::string const& stored) {
     Text_Reader reader(stored);

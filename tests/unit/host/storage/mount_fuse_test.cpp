@@ -4,6 +4,7 @@
 #include "tests/support/file_pool.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/own_thread.h"
+#include "tests/unit/host/storage/stored_text.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -13,14 +14,6 @@
 #include <sys/wait.h>
 
 namespace {
-
-std::string text_of(size_t size) {
-    std::string text;
-    for (unsigned i = 0; text.size() < size; ++i)
-        text += "line " + std::to_string(i * 2654435761u % 1000) + "\n";
-    text.resize(size);
-    return text;
-}
 
 class mount_fuse_settings : public testing::Test {
 protected:

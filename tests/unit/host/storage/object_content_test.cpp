@@ -1,6 +1,7 @@
 #include "host/storage/object_content.h"
 
 #include "host/storage/codec.h"
+#include "tests/unit/host/storage/stored_text.h"
 
 #include <algorithm>
 #include <cstring>
@@ -8,26 +9,6 @@
 #include <random>
 
 namespace {
-
-/** An object in memory that counts what is read of it. */
-class Text_Reader : public Storage_Reader {
-public:
-    Text_Reader(std::string text, uint64_t& count) : text_(std::move(text)), count_(count) {
-        entry_.size = text_.size();
-    }
-    Storage_Entry const& entry() const override { return entry_; }
-    Storage_Result read_at(uint64_t offset, void* buffer, size_t size, size_t& got) override {
-        got = offset < text_.size() ? std::min<size_t>(size, text_.size() - offset) : 0;
-        std::memcpy(buffer, text_.data() + offset, got);
-        count_ += got;
-        return {};
-    }
-
-private:
-    std::string const text_;
-    Storage_Entry entry_;
-    uint64_t& count_;
-};
 
 class Object_Content_Test : public testing::TestWithParam<Compression_Method> {
 protected:
@@ -52,7 +33,7 @@ protected:
         return result;
     }
     std::unique_ptr<Object_Content> content(std::string const& stored, size_t window) {
-        return std::make_unique<Object_Content>(std::make_unique<Text_Reader>(stored, count_),
+        return std::make_unique<Object_Content>(std::make_unique<Text_Reader>(stored, &count_),
                                                 GetParam(), window);
     }
     static std::string read(Object_Content& content, uint64_t offset, size_t size) {

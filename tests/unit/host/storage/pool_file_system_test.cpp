@@ -4,22 +4,13 @@
 #include "tests/support/log_capture.h"
 #include "tests/support/own_thread.h"
 #include "tests/support/virtual_clock.h"
+#include "tests/unit/host/storage/stored_text.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <thread>
 
 namespace {
-
-constexpr size_t MIB = 1024 * 1024;
-
-std::string text_of(size_t size) {
-    std::string text;
-    for (unsigned i = 0; text.size() < size; ++i)
-        text += "line " + std::to_string(i * 2654435761u % 1000) + "\n";
-    text.resize(size);
-    return text;
-}
 
 std::string coded(std::unique_ptr<Codec> codec, std::string const& in) {
     std::string out;

@@ -2,13 +2,12 @@
 
 #include "tests/support/log_capture.h"
 #include "tests/support/virtual_clock.h"
+#include "tests/unit/host/storage/stored_text.h"
 
 #include <gtest/gtest.h>
 #include <thread>
 
 namespace {
-
-constexpr uint64_t MIB = 1024 * 1024;
 
 Rate_Control_Entries limits(char const* text) {
     Rate_Control_Entries entries;
