@@ -32,6 +32,7 @@ public:
 
     void SetUp() override {
         Cluster_World::SetUp();
+        std::ofstream("/etc/profile") << "# Debian's would set a PATH without the tools\n";
         tool("ssh", R"sh(
 echo "ssh $*" >>DIR/ssh.log
 if [[ -e DIR/fail && "$*" == *"$(cat DIR/fail)"* ]]; then echo "ssh: no way" >&2; exit 255; fi
@@ -136,7 +137,6 @@ esac
     }
     /** From now on remote commands go through a real sshd. */
     void use_sshd() {
-        std::ofstream("/etc/profile") << "# nothing\n";
         server_name_ = "sshd";
         server_ = std::make_unique<Ssh_Server>(
             std::map<std::string, std::string>{{"PATH", tools_.path() + ":/usr/bin:/bin"}});
