@@ -134,6 +134,12 @@ constexpr Needed NEEDED[] = {
     {"backup_port", "--backup-port", "Port of the backup tool's master on the node", USUAL_PORT,
      fault_of_port}};
 
+/** Shell text to which another command can be added. */
+std::string as_prefix(std::string commands) {
+    commands.erase(commands.find_last_not_of(' ') + 1);
+    return commands.empty() || commands.ends_with(';') ? commands : commands + ";";
+}
+
 Object options_of(Declared_Instance const& wishes) {
     Object options;
     json_spirit::insert(options)("address", json_spirit::Skip_Empty_Helper(wishes.address))(
@@ -141,7 +147,7 @@ Object options_of(Declared_Instance const& wishes) {
     if (wishes.backup_port > 0)
         options["backup_port"] = wishes.backup_port;
     if (wishes.source_commands)
-        options["source_commands"] = *wishes.source_commands;
+        options["source_commands"] = as_prefix(*wishes.source_commands);
     if (wishes.ssh_options)
         options["ssh_options"] = *wishes.ssh_options;
     return options;

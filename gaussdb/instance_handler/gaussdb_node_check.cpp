@@ -174,8 +174,10 @@ bool GaussDB_Node_Check::way_in() {
 
 /** The shell text before each command, the flavour's own if the record has none. */
 std::string GaussDB_Node_Check::prefix() const {
-    if (!access_.source_commands.empty())
-        return access_.source_commands + (access_.source_commands.ends_with(';') ? " " : "; ");
+    std::string const& commands = access_.source_commands;
+    size_t const last = commands.find_last_not_of(' ');
+    if (last != std::string::npos)
+        return commands.substr(0, last + 1) + (commands[last] == ';' ? " " : "; ");
     switch (version_.model_) {
     case GAUSSDB_DWS:
         return SOURCE_DWS_PROFILE;

@@ -90,7 +90,7 @@ TEST_F(Agent_Declare_Test, a_script_gives_all_that_is_needed) {
                          {"meta_path", "/gauss/meta"},
                          {"backup_port", 9000},
                          {"ssh_options", "-o Port=2222 -4"},
-                         {"source_commands", "source \"$HOME/env\""}};
+                         {"source_commands", "source \"$HOME/env\";"}};
     EXPECT_EQ(Value(Object{{"options", options}}), Value(last("instance.try")));
     Object created = options;
     created["name"] = "dws1";
@@ -178,6 +178,15 @@ TEST_F(Agent_Declare_Test, an_instance_that_is_on_record_is_not_added) {
     EXPECT_EQ(5, run(ALL));
     EXPECT_THAT(err(), HasSubstr("it is on record already"));
     EXPECT_TRUE(agent_.calls("instance.try").empty());
+}
+
+TEST_F(Agent_Declare_Test, source_commands_can_be_followed_by_a_command) {
+    for (auto const& [given, sent] :
+         {std::pair{"a", "a;"}, {"a;", "a;"}, {"a; ", "a;"}, {" ", ""}}) {
+        EXPECT_EQ(0, run({"instance", "change", "dws1", "--source-commands", given})) << err();
+        EXPECT_EQ(sent,
+                  json_spirit::object_get_str(last("gaussdb.modify_instance"), "source_commands"));
+    }
 }
 
 // host keys

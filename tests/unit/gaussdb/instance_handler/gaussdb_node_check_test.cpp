@@ -1,6 +1,7 @@
 #include "gaussdb/instance_handler/gaussdb_node_check.h"
 
 #include "gaussdb/instance_handler/gaussdb_instance_handler.h"
+#include "json_spirit/access.h"
 #include "tests/support/data_service.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/ssh_server.h"
@@ -131,6 +132,14 @@ TEST_F(Node_Check_Test, to_declare_it_only_the_node_is_looked_at) {
     EXPECT_TRUE(has("nodes"));
     for (char const* subject : {"roach_client", "media list", "metadata path"})
         EXPECT_FALSE(has(subject)) << subject;
+}
+
+TEST_F(Node_Check_Test, the_prefix_may_end_in_any_way) {
+    std::string const prefix = json_spirit::object_get_str(record(), "source_commands");
+    for (char const* end : {"", ";", "; ", " "}) {
+        run({{"source_commands", prefix + end}}, Instance_Handler::TO_DECLARE);
+        EXPECT_TRUE(all_good()) << "'" << end << "'";
+    }
 }
 
 TEST_F(Node_Check_Test, the_handler_looks_at_clusters_without_an_agent_alone) {
