@@ -1,8 +1,10 @@
 #include "qmrt/path_trust.h"
 
+#include <climits>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -149,10 +151,34 @@ TEST_F(Path_Trust_Test, paths_that_are_not_paths_of_files_are_refused) {
     EXPECT_TRUE(blames("a/b", "a/b", "not an absolute path", PATH_MAY_BE_MISSING));
     EXPECT_TRUE(blames("\"/a\"", "\"/a\"", "not an absolute path", PATH_MAY_BE_MISSING));
     EXPECT_FALSE(trusts(std::string("/etc\0/x", 7), PATH_MAY_BE_MISSING));
-    EXPECT_FALSE(trusts("/" + std::string(5000, 'a'), PATH_MAY_BE_MISSING));
+    std::string overlong = at("");
+    while (overlong.size() < PATH_MAX)
+        overlong += "/.";
+    EXPECT_FALSE(trusts(overlong));
+    EXPECT_NE(std::string::npos, reason_.find("is too long")) << reason_;
+    std::string const name(NAME_MAX + 1, 'a');
+    EXPECT_TRUE(blames(at(name), at(name), "File name too long", PATH_MAY_BE_MISSING)) << reason_;
     make_file("tool");
     EXPECT_TRUE(blames(at("tool/x"), at("tool"), "not a directory", PATH_MAY_BE_MISSING));
     EXPECT_TRUE(blames(at("tool/.."), at("tool"), "not a directory"));
+}
+
+TEST_F(Path_Trust_Test, the_root_directory_itself_is_looked_at) {
+    make_directory("jail", USER, 0777);
+    make_file("jail/tool");
+    pid_t const child = fork();
+    if (child == 0)
+        _exit(chroot(at("jail").c_str()) == -1 || chdir("/") == -1 || trusts("/tool") ||
+              trusts("/none", PATH_MAY_BE_MISSING));
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status) << "others can write to the root directory";
+}
+
+TEST_F(Path_Trust_Test, a_reason_shows_the_path_without_what_leads_nowhere) {
+    make_directory("theirs", OTHER);
+    EXPECT_TRUE(blames(at("./x/.././/theirs/."), at("x"), "No such file")) << reason_;
+    EXPECT_TRUE(blames(at(".//theirs/./tool"), at("theirs"), "belongs to uid 12346")) << reason_;
 }
 
 TEST_F(Path_Trust_Test, the_links_of_procfs_are_refused) {

@@ -12,6 +12,7 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <sched.h>
 #include <sstream>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -379,6 +380,9 @@ TEST_F(file_storage_separate_pool, folders_have_the_owners_and_modes_that_separa
     EXPECT_EQ("", fault_of_separation(pool_));
     ASSERT_EQ(0, chmod(pool_.c_str(), 02775));
     EXPECT_NE("", fault_of_separation(pool_));
+    ASSERT_EQ(0, chmod(pool_.c_str(), 0711));
+    ASSERT_EQ(0, chown(pool_.c_str(), getpwnam(FIRST)->pw_uid, 0));
+    EXPECT_NE("", fault_of_separation(pool_));
 }
 
 TEST_F(file_storage_separate_pool, anothers_folder_is_refused_with_both_names) {
@@ -413,10 +417,79 @@ TEST_F(file_storage_separate_pool, a_pool_is_tried_as_its_user) {
     EXPECT_EQ("the user daemon cannot pass through " + directory_.path(), closed.text());
 }
 
+TEST_F(file_storage_separate_pool, it_is_told_why_a_user_cannot_write) {
+    std::string const folder = pool_ + "/first/xbsa";
+    EXPECT_EQ("the user games cannot pass through " + folder + ", which belongs to the user daemon",
+              check_pool_writable(pool_, "first", SECOND).text());
+    ASSERT_EQ(0, chmod(folder.c_str(), 0755));
+    EXPECT_EQ(folder + " belongs to the user daemon; the user games cannot write to it",
+              check_pool_writable(pool_, "first", SECOND).text());
+    ASSERT_EQ(0, symlink(folder.c_str(), (pool_ + "/second/link").c_str()));
+    ASSERT_EQ(0, rename((pool_ + "/second/xbsa").c_str(), (pool_ + "/second/old").c_str()));
+    ASSERT_EQ(0, rename((pool_ + "/second/link").c_str(), (pool_ + "/second/xbsa").c_str()));
+    EXPECT_TRUE(
+        check_pool_writable(pool_, "second", FIRST).text().starts_with("cannot open " + pool_));
+}
+
+TEST_F(file_storage_separate_pool, another_user_may_be_let_in_to_read) {
+    EXPECT_FALSE(check_xbsa_folder_readable(url(), "first", SECOND));
+    ASSERT_EQ(0, chmod((pool_ + "/first/xbsa").c_str(), 0755));
+    EXPECT_TRUE(check_xbsa_folder_readable(url(), "first", SECOND));
+}
+
+TEST_F(file_storage_separate_pool, a_pool_of_another_kind_is_left_as_it_is) {
+    std::string const other = "other://" + pool_;
+    EXPECT_TRUE(give_xbsa_folder(other, "third", FIRST));
+    EXPECT_FALSE(std::filesystem::exists(pool_ + "/third"));
+    EXPECT_TRUE(check_xbsa_folder_readable(other, "first", SECOND));
+    EXPECT_EQ(Storage_Result::UNREACHABLE,
+              give_xbsa_folder("file://" + directory_.path("none"), "third", FIRST).code());
+}
+
+TEST_F(file_storage_separate_pool, what_others_have_beside_a_users_folder_is_closed) {
+    passwd const* const user = getpwnam(FIRST);
+    directory_.write("pool/first/roach/key/file", "x");
+    for (char const* name : {"/first", "/first/roach"}) {
+        ASSERT_EQ(0, chown((pool_ + name).c_str(), user->pw_uid, user->pw_gid));
+        ASSERT_EQ(0, chmod((pool_ + name).c_str(), 0777));
+    }
+    EXPECT_TRUE(give_xbsa_folder(url(), "first", FIRST));
+    EXPECT_EQ("711 root", mode_of("first"));
+    EXPECT_EQ("700 root", mode_of("first/roach"));
+    EXPECT_EQ("700 daemon", mode_of("first/xbsa"));
+}
+
+/** A user namespace with root alone: no file can be given to anybody else in it. */
+bool enter_namespace_of_root() {
+    if (unshare(CLONE_NEWUSER) == -1)
+        return false;
+    File_Descriptor const map(open("/proc/self/uid_map", O_WRONLY | O_CLOEXEC));
+    return map && write(map.get(), "0 0 1", 5) == 5;
+}
+
+TEST_F(file_storage_separate_pool, a_file_system_that_keeps_no_owners_is_noticed) {
+    ASSERT_TRUE(std::filesystem::create_directory(pool_ + "/third"));
+    pid_t const child = fork();
+    if (child == 0) {
+        if (!enter_namespace_of_root())
+            _exit(100);
+        bool const told = fault_of_separation(pool_).starts_with("its file system does not keep");
+        Storage_Result const given = give_xbsa_folder(url(), "third", FIRST);
+        _exit(
+            (told ? 0 : 1) +
+            (given.text().find("cannot be given to the user daemon") == std::string::npos ? 2 : 0));
+    }
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, WEXITSTATUS(status)) << "100: no namespace; else which check did not notice";
+}
+
 TEST_F(file_storage_separate_pool, ids_that_lead_elsewhere_are_refused) {
     for (char const* id : {"", "..", "a/b", "/tmp"})
         EXPECT_FALSE(give_xbsa_folder(url(), id, FIRST)) << id;
-    EXPECT_FALSE(give_xbsa_folder(url(), "third", "no-such-user"));
+    EXPECT_EQ("the user no-such-user is not known on this host",
+              give_xbsa_folder(url(), "third", "no-such-user").text());
+    EXPECT_FALSE(std::filesystem::exists(pool_ + "/third"));
 }
 
 TEST_F(file_storage_separate_pool, links_in_the_place_of_folders_are_not_followed) {
