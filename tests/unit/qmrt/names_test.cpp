@@ -1,7 +1,7 @@
 #include "qmrt/names.h"
 
+#include <climits>
 #include <gtest/gtest.h>
-
 #include <vector>
 
 namespace {
@@ -132,11 +132,33 @@ TEST(Names_Test, absolute_paths) {
         EXPECT_NE("", names::fault_of_absolute_path(path)) << path;
 }
 
+TEST(Names_Test, an_absolute_path_is_shorter_than_the_kernels_limit) {
+    std::string path;
+    while (path.size() + 2 < PATH_MAX)
+        path += "/a";
+    EXPECT_EQ("", names::fault_of_absolute_path(path));
+    EXPECT_NE("", names::fault_of_absolute_path(path + "/a"));
+}
+
+TEST(Names_Test, bare_paths_are_the_same_word_in_every_shell) {
+    EXPECT_EQ("", names::fault_of_bare_path("/opt/gauss-1.0/tool_x"));
+    for (char const* path : {"", "a/b", "/a/../b", "/a b", "/a;b", "/$a", "/a'b", "/a*"})
+        EXPECT_NE("", names::fault_of_bare_path(path)) << path;
+}
+
+TEST(Names_Test, listed_names_do_not_part_a_schema_from_its_table) {
+    EXPECT_EQ("", names::fault_of_listed_name("orders of 2026"));
+    for (char const* name : {"", " a", "a ", "a\nb", "a.b", "."})
+        EXPECT_NE("", names::fault_of_listed_name(name)) << name;
+}
+
 TEST(Names_Test, hosts_accounts_and_databases) {
     for (char const* host : {"db1", "db-1.example.com", "10.0.0.1", "fe80::1%eth0"})
         EXPECT_EQ("", names::fault_of_host(host)) << host;
-    for (char const* host : {"", "-oProxyCommand=x", "a b", "a;b", "user@host", "a/b"})
+    for (char const* host : {"", "-oProxyCommand=x", "-v", "a b", "a;b", "user@host", "a/b"})
         EXPECT_NE("", names::fault_of_host(host)) << host;
+    EXPECT_EQ("", names::fault_of_host(std::string(253, 'x')));
+    EXPECT_NE("", names::fault_of_host(std::string(254, 'x')));
     EXPECT_EQ("", names::fault_of_account("omm"));
     EXPECT_EQ("is longer than 128 bytes", names::fault_of_account(std::string(129, 'x')));
     EXPECT_EQ("", names::fault_of_database("postgres"));
