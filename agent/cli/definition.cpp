@@ -1,5 +1,6 @@
 #include "agent/cli/definition.h"
 
+#include "agent/cli/text_form.h"
 #include "host/http/http_encode.h"
 #include "host/storage/compression.h"
 #include "json_spirit/access.h"
@@ -82,8 +83,10 @@ bool find_database(json_spirit::Object const& backup, std::string const& table,
     if (found.empty() && held.empty())
         error = "the backup has no list of its tables; it cannot restore them one by one";
     else if (found.empty())
-        error = "the backup holds no table " + names::shown(table) +
-                "; `zenbrak3 backup show` lists what it holds";
+        // nor are the schemas of the database's first user listed
+        error = "the backup lists no table " + names::shown(table) +
+                " (see zenbrak3 backup show); to try it all the same name its database: DATABASE." +
+                names::shown(table);
     else
         error = "several databases have a table " + names::shown(table) + "; name one: DATABASE." +
                 names::shown(table);
@@ -131,6 +134,16 @@ bool read_tables(std::string const& instance, std::vector<std::string> const& ta
         definition["source"].get_obj()["entries"] = entries;
     }
     return true;
+}
+
+/** The tool of the flavours that are reached by ssh has no number of streams of its own. */
+void add_channels(int64_t flavour, json_spirit::Object& definition) {
+    constexpr int64_t DWS = 4;
+    constexpr int64_t OPENGAUSS = 5;
+    constexpr int USUAL_CHANNELS = 4;
+    json_spirit::Object& options = definition["options"].get_obj();
+    if ((flavour == DWS || flavour == OPENGAUSS) && !options.count("channels"))
+        options["channels"] = USUAL_CHANNELS;
 }
 
 bool read_wishes(Job_Wishes const& wishes, json_spirit::Object& definition, std::string& error) {
@@ -226,8 +239,11 @@ bool make_backup_definition(json_spirit::Object const& instance, std::string con
         {"source", json_spirit::Object{{"id", uuid},
                                        {"name", name},
                                        {"entries", json_spirit::Array{instance_entry(name)}}}}};
-    return read_schemas(name, wishes.schemas, definition["source"].get_obj(), error) &&
-           read_wishes(wishes, definition, error);
+    if (!read_schemas(name, wishes.schemas, definition["source"].get_obj(), error) ||
+        !read_wishes(wishes, definition, error))
+        return false;
+    add_channels(number_of(instance, "version"), definition);
+    return true;
 }
 
 bool make_restore_definition(json_spirit::Object const& backup,
@@ -259,6 +275,9 @@ bool make_restore_definition(json_spirit::Object const& backup,
                                        {"original", instance_entry(from)},
                                        {"restore_as", instance_entry(to)},
                                        {"entries", json_spirit::Array{instance_entry(from)}}}}};
-    return read_tables(from, wishes.tables, backup, definition, error) &&
-           read_wishes(wishes, definition, error);
+    if (!read_tables(from, wishes.tables, backup, definition, error) ||
+        !read_wishes(wishes, definition, error))
+        return false;
+    add_channels(number_of(backup, "series"), definition);
+    return true;
 }

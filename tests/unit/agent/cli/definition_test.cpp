@@ -152,6 +152,30 @@ TEST(Definition, a_backup_that_cannot_be_restored_says_what_is_missing) {
     EXPECT_TRUE(definition.empty());
 }
 
+TEST(Definition, a_cluster_over_ssh_gets_a_number_of_streams) {
+    auto const channels = [](int version, Job_Wishes const& wishes) {
+        Object const options = backup(wishes, {{"name", "c"}, {"uuid", "u"}, {"version", version}})
+                                   .at("options")
+                                   .get_obj();
+        return json_spirit::object_get_any(options, "channels");
+    };
+    for (int const version : {4, 5}) {
+        EXPECT_EQ(Value(4), channels(version, {}));
+        Job_Wishes wishes;
+        wishes.channels = 2;
+        EXPECT_EQ(Value(2), channels(version, wishes));
+        wishes.channels = 0;
+        wishes.options = {"channels=3"};
+        EXPECT_EQ(Value(3), channels(version, wishes));
+        Object set = BACKUP, definition;
+        set["series"] = version;
+        std::string error;
+        ASSERT_TRUE(make_restore_definition(set, nullptr, {}, definition, error));
+        EXPECT_EQ(Value(Object{{"channels", 4}}), definition.at("options"));
+    }
+    EXPECT_EQ(Value(), channels(2, {}));
+}
+
 // schemas and tables
 
 Array const TABLES{
@@ -214,7 +238,7 @@ TEST(Definition, tables_that_cannot_be_restored) {
                                       {"public.orders=x", "is not [DATABASE.]SCHEMA.TABLE"},
                                       {"public.orders=a.b.c", "is not [DATABASE.]SCHEMA.TABLE"},
                                       {"public.orders=a.b=c.d", "is not [DATABASE.]SCHEMA.TABLE"},
-                                      {"public.none", "holds no table public.none"},
+                                      {"public.none", "lists no table public.none"},
                                       {"public.T 1/x", "several databases have a table"},
                                       {"$(id).public.orders", "'$(id)'"},
                                       {"public.or\nders", "newline"},
