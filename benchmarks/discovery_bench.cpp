@@ -2,7 +2,9 @@
 #include "gaussdb/common/gaussdb_100_cluster_handler.h"
 #include "gaussdb/common/gaussdb_cluster_manager.h"
 #include "gaussdb/common/gaussdb_cmd_handler.h"
+#include "gaussdb/common/gaussdb_ownership.h"
 #include "host/process/service_lister.h"
+#include "qmrt/path_trust.h"
 
 #include <ace/Log_Msg.h>
 
@@ -11,6 +13,7 @@
 #include <fstream>
 #include <memory>
 #include <shared_mutex>
+#include <sys/stat.h>
 
 namespace {
 
@@ -89,7 +92,7 @@ void discovery_again(benchmark::State& state) {
     Machine::with(state.range(0));
     GaussDB_Cluster_Manager manager;
     json_spirit::Array instances;
-    manager.get_instances(instances);
+    (void)manager.get_instances(instances);
     for (auto _ : state) {
         instances.clear();
         if (!manager.get_instances(instances) || instances.size() != CLUSTERS)
@@ -101,7 +104,7 @@ void discovery_again(benchmark::State& state) {
 void discovery_gs_check_alone(benchmark::State& state) {
     Machine::with(5000);
     GaussDB_Env env;
-    env.init("/home/profile");
+    (void)env.init("/home/profile");
     for (auto _ : state)
         for (int cluster = 0; cluster < CLUSTERS; ++cluster) {
             GaussDB_Version version(GAUSSDB_UNKNOWN, 0, 0, 0);
@@ -187,13 +190,52 @@ void registry_plain_map(benchmark::State& state) {
 }
 BENCHMARK(registry_plain_map)->ThreadRange(1, 8)->UseRealTime();
 
+/** What each discovery and each job asks of a cluster: whether its user owns its tools. */
+GaussDB_Env environment_of_tools() {
+    write("/home/tool/gs_om", "#!/bin/sh\n");
+    GaussDB_Env env;
+    env.set_env("PATH", "/home/tool:/usr/bin:/bin");
+    env.set_env("LD_LIBRARY_PATH", "/home/tool/lib");
+    env.set_env("GPHOME", "/home/tool");
+    return env;
+}
+
+void ownership_tools(benchmark::State& state) {
+    GaussDB_Env const env = environment_of_tools();
+    std::string reason;
+    for (auto _ : state)
+        if (!owns_tools(env, 1, reason))
+            state.SkipWithError(reason.c_str());
+}
+BENCHMARK(ownership_tools);
+
+void ownership_path(benchmark::State& state) {
+    write("/home/tool/script/config/file", "x");
+    std::string reason;
+    for (auto _ : state)
+        if (!is_trusted_path("/home/tool/script/config/file", 1, PATH_MUST_EXIST, reason))
+            state.SkipWithError(reason.c_str());
+}
+BENCHMARK(ownership_path);
+
+/** The peer: the status of each directory on the way, by its whole path. */
+void ownership_status_alone(benchmark::State& state) {
+    write("/home/tool/script/config/file", "x");
+    struct stat status;
+    for (auto _ : state)
+        for (char const* path : {"/", "/home", "/home/tool", "/home/tool/script",
+                                 "/home/tool/script/config", "/home/tool/script/config/file"})
+            benchmark::DoNotOptimize(lstat(path, &status));
+}
+BENCHMARK(ownership_status_alone);
+
 } // namespace
 
 int main(int count, char** arguments) {
     enter_private_root(arguments);
     ACE_LOG_MSG->clr_flags(ACE_Log_Msg::STDERR);
     for (int number = 0; number < REGISTERED; ++number)
-        GaussDB_Cluster_Manager::instance()->add_cluster(
+        (void)GaussDB_Cluster_Manager::instance()->add_cluster(
             registered_name(number).c_str(),
             new GaussDB_100_Cluster_Handler(GaussDB_Env(), "root",
                                             GaussDB_Version(GAUSSDB_100, 1, 0, 2)));

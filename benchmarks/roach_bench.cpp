@@ -143,7 +143,7 @@ void set_up_metadata() {
         Host_Services::instance().storage("file", std::make_shared<File_Storage_Backend>());
         Host_Services::instance().pools(std::make_shared<Bench_Pool>());
         Host_Services::instance().catalog(std::make_shared<Bench_Catalog>());
-        roach_source().create_path();
+        (void)roach_source().create_path();
         std::mt19937_64 random(1);
         std::ofstream file(meta_path("backups.ini"), std::ios::binary);
         for (size_t written = 0; written < META_SIZE; written += 8) {

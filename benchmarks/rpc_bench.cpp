@@ -1,5 +1,6 @@
 // Requests over the agent's own socket and over WebSocket with TLS, against Node: the same client,
 // servers in processes of their own, started at first use and ended with this one.
+#include "agent/rpc/run_keys.h"
 #include "agent/rpc/tls.h"
 #include "agent/rpc/unix_client.h"
 #include "tests/support/temporary_directory.h"
@@ -105,6 +106,32 @@ void rpc_websocket_node(benchmark::State& state) {
     run_websocket(state, node());
 }
 
+/** What each call of the data path costs before it is looked at: 1,024 runs are running. */
+void run_key_known(benchmark::State& state) {
+    static Run_Keys keys;
+    static secure_string const key = [] {
+        secure_string last;
+        for (int run = 0; run < 1024; ++run) {
+            last = Run_Keys::make();
+            (void)keys.add(
+                {key_digest(last.plain()), {std::to_string(run), true, "h", "c", "c", "p"}});
+        }
+        return last;
+    }();
+    for (auto _ : state)
+        if (!keys.find(key_digest(key.plain())))
+            state.SkipWithError("the key is unknown");
+}
+
+/** The peer: the digest alone. */
+void run_key_digest_alone(benchmark::State& state) {
+    secure_string const key = Run_Keys::make();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(key_digest(key.plain()));
+}
+
+BENCHMARK(run_key_known)->Threads(1)->Threads(8)->UseRealTime();
+BENCHMARK(run_key_digest_alone)->Threads(1)->Threads(8)->UseRealTime();
 BENCHMARK(rpc_unix_ours)->Threads(1)->Threads(64)->UseRealTime();
 BENCHMARK(rpc_unix_node)->Threads(1)->Threads(64)->UseRealTime();
 BENCHMARK(rpc_websocket_ours)->Threads(1)->Threads(64)->UseRealTime();

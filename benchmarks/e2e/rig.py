@@ -14,6 +14,10 @@ import uuid
 from measure import Measure
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+sys.path.insert(0, str(ROOT / "sandbox"))
+import protection  # noqa: E402
+from protection import Failure  # noqa: E402
+
 CLUSTER = str(ROOT / "sandbox/cluster")
 MIB = 1024 * 1024
 DATA = "/home/omm/data/dn1"
@@ -21,15 +25,10 @@ SOCKETS, PORT = "/home/omm/tmp", "40000"
 POSTGRES = "/usr/lib/postgresql/15/bin"
 LEVEL, STREAMS = 3, 2
 LOOK = "0.05"  # seconds between two looks at a job, so that the waiting is not what is measured
-LOGS = pathlib.Path("/srv/logs")
 POLICIES = pathlib.Path("/var/cache/quilmot/zenbrak3/gaussdb")
 
 ROW = 1000  # bytes of a row with its share of the page, about
 PART_ROWS = 64 * MIB // ROW  # farther apart than any compressor's window at this level looks back
-
-
-class Failure(Exception):
-    pass
 
 
 def free_port():
@@ -149,17 +148,8 @@ class Ours(object):
 
     def __init__(self, cluster, build):
         self.cluster = cluster
-        run("cmake", "--install", build, "--prefix", "/usr")
-        run("ldconfig")
-        LOGS.mkdir(exist_ok=True)
-        with open(LOGS / "agent.log", "wb") as log:
-            self.agent = subprocess.Popen(["zenbrak3-agent"], stdin=subprocess.DEVNULL, stdout=log,
-                                          stderr=log)
-        end = time.monotonic() + 30
-        while subprocess.call(["zenbrak3", "info"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL):
-            if self.agent.poll() is not None or time.monotonic() > end:
-                raise Failure("the agent does not serve: " + (LOGS / "agent.log").read_text()[-2000:])
-            time.sleep(0.1)
+        protection.install(build)
+        self.agent = protection.start_agent()
         run("zenbrak3", "instances", "--refresh")
         run("zenbrak3", "account", "c1", "backup", input="Backup@123\n")
         run("mkdir", "-p", "/srv/pool")
@@ -238,6 +228,7 @@ class By_Hand(object):
         return measure.figures
 
     def restore(self):
+        self._policy()  # a run of ours takes it for that of an earlier run, and removes it
         self.cluster.destroy()
         with Measure() as measure:
             self._roach("restore", "--clean", "--backup-key", self.key)
