@@ -119,31 +119,24 @@ class World(object):
         for cluster in self.clusters.values():
             cluster.everywhere("fill", mib)
             self.ours.do(SERVICE, "start", cluster.flavour.service, "--address", OURS)
-        self.trust_host_keys()
         self.ours.start_agent()
         self.ours.do("mkdir", POOL)
         self.ours.do("zenbrak3", "pool", "create", "main", "file://" + POOL)
         for name in self.clusters:
-            self.declare(name, ssh_options=self.SSH_OPTIONS)
+            self.declare(name)
 
-    def trust_host_keys(self):
-        """As an administrator who has been at the machines."""
-        known = ""
-        for host in self.hosts[1:]:
-            address = next(address for cluster in self.clusters.values()
-                           for name, address in cluster.flavour.machines.items() if name == host.name)
-            known += "%s %s" % (address, host.path("/etc/ssh/sandbox_host_key.pub").read_text())
-        self.ours.path("/root/.ssh/known_hosts").write_text(known)
+    def add_words(self, name, cluster=None):
+        """The command that declares an instance. @param cluster  where it is, unless it is the one of
+        that name"""
+        cluster = cluster or self.clusters[name]
+        # as an administrator reads it on the node itself
+        fingerprint = cluster.first.do("ssh-keygen", "-lf", "/etc/ssh/sandbox_host_key.pub").split()[1]
+        return ["zenbrak3", "instance", "add", name, "--address", cluster.address, "--meta-path", META,
+                "--backup-port", "9500", "--ssh-options", self.SSH_OPTIONS, "--host-key", fingerprint]
 
-    def declare(self, name, cluster=None, **more):
-        """@param cluster  where it is, unless it is the one of that name. The instance's uuid."""
-        address = (cluster or self.clusters[name]).address
-        params = dict(name=name, uid=self.ours.call("agent.info")["uid"], meta_path=META,
-                      address=address, backup_port=9500, **more)
-        uuid = self.ours.call("gaussdb.create_instance", **params)
-        self.resources.add(uuid)
-        assert uuid, "instance %s could not be declared: %s" % (name, self.agent_log())
-        return uuid
+    def declare(self, name, cluster=None):
+        self.ours.do(*self.add_words(name, cluster))
+        self.resources.add(self.instance(name)["uuid"])
 
     def instance(self, name):
         return self.ours.call("instance.show", instance=name)

@@ -130,7 +130,10 @@ bool send_lines(std::vector<std::string> const& lines, std::string const& path,
 void remove_lines(std::string const& path, std::string const& address,
                   std::string const& ssh_opts) {
     std::string ignored;
-    if (!execute_ssh_command(address, ssh_opts, "rm -f " + path, ignored))
+    std::string const command = "rm -f " + path;
+    // the connection may have been cut, and the next one may work
+    if (!execute_ssh_command(address, ssh_opts, command, ignored) &&
+        !execute_ssh_command(address, ssh_opts, command, ignored))
         QMRT_LOG(LM_WARNING, "Failed to remove %s on %s\n", path.c_str(), address.c_str());
 }
 

@@ -103,7 +103,8 @@ std::vector<std::string> policy_hosts(GAUSSDB_VERSION flavour, std::string const
                               std::string const& run_id, std::string const& address,
                               std::string const& ssh_opts);
 
-/** Removes a file of send_lines() from the node; logs a warning on failure. */
+/** Removes a file of send_lines() from the node, at the second try if need be; logs a warning on
+ * failure. */
 void remove_lines(std::string const& path, std::string const& address, std::string const& ssh_opts);
 
 /** True when the run is to end: by a cancel, a stop or an abort. */

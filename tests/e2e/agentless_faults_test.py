@@ -16,11 +16,15 @@ from machines import CLUSTER, SERVICE, wait_until  # noqa: E402
 
 BUILD = sys.argv.pop(1)
 TOOL = "/home/omm/wisequery/script/GaussRoach.py"
-# runs what a login wants, but cuts the connection of that one that has this number
+# runs what a login wants, but cuts the connection that has this number, or the first with this command
 CUT = r"""#!/bin/bash
 count=$(($(cat ~/.ssh/count) + 1))
 echo $count >~/.ssh/count
-((count != $(cat ~/.ssh/cut_at))) || kill -9 $PPID
+at=$(cat ~/.ssh/cut_at)
+if [[ $count == "$at" || ! $at =~ ^[0-9]+$ && $SSH_ORIGINAL_COMMAND == *"$at"* ]]; then
+    echo 0 >~/.ssh/cut_at
+    kill -9 $PPID
+fi
 [[ $SSH_ORIGINAL_COMMAND != internal-sftp ]] || exec /usr/lib/openssh/sftp-server
 exec bash -c "$SSH_ORIGINAL_COMMAND"
 """
@@ -72,13 +76,23 @@ class Fault_Test(unittest.TestCase):
         wait_until(lambda: world.show(run_id)["percent"] > 4, "a backup in its middle")
         return run_id
 
+    def become(self, body):
+        tool = self.node.path(TOOL)
+        good = tool.read_bytes()
+        tool.write_text(HOSTILE % body)
+
+        def back():
+            tool.write_bytes(good)
+            self.node.path("/tmp/hostile").unlink(missing_ok=True)
+        self.addCleanup(back)
+
 
 class Connection_Test(Fault_Test):
     def cut_script(self, cluster, at):
-        """Lets the connection with that number, counted from here, be cut."""
+        """Lets the connection with that number, counted from here, or with that command be cut."""
         home = cluster.first.path("/home/omm/.ssh")
         (home / "count").write_text("0\n")
-        (home / "cut_at").write_text("%d\n" % at)
+        (home / "cut_at").write_text("%s\n" % at)
         for name in ("count", "cut_at"):
             os.chown(home / name, home.stat().st_uid, home.stat().st_gid)
 
@@ -134,6 +148,26 @@ class Connection_Test(Fault_Test):
 
     def test_a_restore_of_opengauss_that_is_cut_at_each_step(self):
         self.assert_restore_survives_cuts("og1")
+
+    def test_lists_of_tables_go_when_connections_of_their_run_are_cut(self):
+        self.cluster = world.clusters["dws1"]
+        self.node = self.cluster.first
+        resource = world.instance("dws1")["uuid"]
+        key = next(one for one in world.sets() if one["instance"] == "dws1")["backup_key"]
+        self.become("exit 1")
+        self.with_cuts(self.cluster)
+        for at in ("internal-sftp", "GaussRoach.py", "rm -f"):
+            self.cut_script(self.cluster, at)
+            run = world.run_definition(
+                name="tables", type="restore", subtype="table", target={"id": resource},
+                source={"id": resource, "backup_key": key, "restore_as": "gaussdb/dws1",
+                        "entries": ["gaussdb/dws1/table/postgres/public/item/public/again"]},
+                options={"channels": 2})
+            self.assertEqual("error", run["state"])
+            self.assertEqual("0\n", self.node.path("/home/omm/.ssh/cut_at").read_text(), at)
+            world.assert_clean()
+        self.doCleanups()
+        self.assert_recovered("dws1")
 
     def test_a_connection_that_is_cut_in_the_middle_of_a_backup(self):
         run_id = self.start_slow_backup()
@@ -261,16 +295,6 @@ class Cancel_Test(Fault_Test):
 
 
 class Hostile_Tool_Test(Fault_Test):
-    def become(self, body):
-        tool = self.node.path(TOOL)
-        good = tool.read_bytes()
-        tool.write_text(HOSTILE % body)
-
-        def back():
-            tool.write_bytes(good)
-            self.node.path("/tmp/hostile").unlink(missing_ok=True)
-        self.addCleanup(back)
-
     def recover(self):
         self.doCleanups()
         self.assert_recovered()

@@ -239,4 +239,17 @@ touch DIR/asked; exec sleep 600
     Log_Capture::instance().claim_all(LM_WARNING, "scp");
 }
 
+TEST_F(Non_Intrusive_Restore_Test, a_list_is_removed_over_a_second_connection_when_one_is_cut) {
+    as_tables();
+    tool("rm", R"sh(
+[[ "$*" == *zenbrak3_*_table.txt && ! -e DIR/cut ]] || exec /bin/rm "$@"
+touch DIR/cut; exit 255
+)sh");
+    EXPECT_EQ(SUCCESS, restore());
+    EXPECT_TRUE(exists(tools_.path("cut")));
+    EXPECT_FALSE(exists("/home/daemon/zenbrak3_source_table.txt"));
+    EXPECT_FALSE(exists("/home/daemon/zenbrak3_target_table.txt"));
+    Log_Capture::instance().claim_all(LM_WARNING, "ssh");
+}
+
 } // namespace
