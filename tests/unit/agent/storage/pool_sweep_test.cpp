@@ -246,6 +246,18 @@ TEST_F(Pool_Sweep_Folder_Test, an_unanswered_question_puts_off_the_folder_and_no
     EXPECT_EQ(std::set<std::string>{"f/a/data"}, files_in(pool_.path()));
 }
 
+TEST_F(Pool_Sweep_Folder_Test, a_file_that_cannot_be_removed_puts_off_the_folder) {
+    put("f/a");
+    Sweep_Result const result = sweep([&](Pool_Object const& object, bool& named) {
+        std::filesystem::remove(pool_.path() + "/f/a");
+        std::filesystem::create_directory(pool_.path() + "/f/a");
+        return nothing_named(object, named);
+    });
+    EXPECT_EQ(0u, result.removed);
+    EXPECT_EQ(1u, result.put_off);
+    EXPECT_LOGGED(LM_WARNING, "Cannot remove " + pool_.path() + "/f/a, which no backup set has");
+}
+
 TEST_F(Pool_Sweep_Folder_Test, a_clusters_folder_for_the_library_stays) {
     put("f/xbsa/set/data");
     put("f/g/xbsa/data");
