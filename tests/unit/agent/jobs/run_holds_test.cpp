@@ -147,8 +147,11 @@ TEST_F(Run_Holds_Test, a_run_gets_back_what_nobody_else_has) {
     EXPECT_FALSE(holds_.restore({"h2", "b", "job b"}, BOTH, NOW));
     EXPECT_TRUE(holds_.restore({"h2", "b", "job b"}, H2, NOW)) << "a run that waits has nothing";
     EXPECT_TRUE(holds_.restore({"h2", "b", "job b"}, H2, NOW)) << "told again";
+    EXPECT_TRUE(holds_.restore({"h1", "a", "job a"}, {*H1.begin(), "instance/c1"}, NOW))
+        << "a run is not in its own way";
     release("h2/b", H2);
     release("h1/a", H1);
+    release("h1/a", {*H1.begin(), "instance/c1"});
     EXPECT_EQ("", hold("h1/waits", BOTH)) << "it was there once";
 }
 
@@ -166,6 +169,7 @@ TEST_F(Run_Holds_Test, one_host_cannot_fill_the_table) {
     for (size_t count = 1; count < Run_Holds::MOST_OF_A_HOST; ++count)
         EXPECT_NE("", hold("h1/" + std::to_string(count), H1));
     EXPECT_EQ("other runs of its host, of which too many wait", hold("h1/more", H2));
+    EXPECT_FALSE(holds_.restore({"h1", "more", "job"}, H2, NOW));
     EXPECT_EQ("", hold("h2/a", H2));
 }
 
