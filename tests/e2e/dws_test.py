@@ -4,13 +4,15 @@ this host is what the cluster gets back, as a whole, by tables and by schemas. N
 
     dws_test.py BUILD [TEST ...]
 """
+import json
 import os
+import re
 import sys
 import unittest
 
 sys.dont_write_bytecode = True
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../sandbox"))
-from agentless_world import World  # noqa: E402
+from agentless_world import META, World  # noqa: E402
 
 BUILD = sys.argv.pop(1)
 # what the schema "archive" of "shop" has beside the schema "sale", which every node's server has, too
@@ -141,6 +143,7 @@ class Dws_Test(unittest.TestCase):
         full = self.backup_schemas("full", "sale")
         self.assertEqual(("schema", "shop"), (full["granularity"], full["database"]))
         self.assertLess(full["backup_set_size"], self.whole["backup_set_size"])
+        self.assert_holds_only_sale(full["backup_key"])
         self.cluster.sql("update sale.orders set paid = true where id < 9; "
                          "create table sale.late as select 1 as id", "shop")
         rows = [[line for line in lines if " sale." in line] for lines in self.shop()]
@@ -153,6 +156,18 @@ class Dws_Test(unittest.TestCase):
         self.assertEqual(others, ["".join(line + "\n" for line in text.splitlines()
                                           if line.split()[1] != "shop")
                                   for text in self.cluster.rows()])
+
+    def assert_holds_only_sale(self, key):
+        """No file of another database, nor of the other schema's table."""
+        manifest = json.loads(self.cluster.first.path("%s/roach/%s/manifest.json" % (META, key)).read_text())
+        self.assertEqual(["cn_5001", "dn_6001", "dn_6002"], sorted(manifest["nodes"]))
+        files = manifest["nodes"]["dn_6001"]["files"]
+        databases = {path.split("/")[1] for path in files if re.match(r"base/\d+/\d", path)}
+        self.assertEqual(1, len(databases), databases)
+        question = "select pg_relation_filepath('%s')"
+        place = [self.cluster.first.cluster("sql", 1, question % table, "shop").strip()
+                 for table in ("sale.orders", "archive.orders")]
+        self.assertEqual([True, False], [path in files for path in place])
 
     def test_a_schema_that_is_there_is_not_replaced_by_a_rebuild(self):
         rows = self.shop()
