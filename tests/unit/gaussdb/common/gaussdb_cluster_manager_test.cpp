@@ -490,6 +490,42 @@ TEST_F(Recorded_Cluster_Test, a_record_that_others_can_write_is_not_believed) {
     EXPECT_LOGGED(LM_ERROR, "Failed to load " + path);
 }
 
+TEST_F(Recorded_Cluster_Test, a_search_tells_of_another_cluster) {
+    (void)manager_.list_cluster();
+    EXPECT_TRUE(manager_.alerts().empty());
+    profile_names("c2");
+    (void)manager_.list_cluster();
+    ASSERT_EQ(1u, manager_.alerts().size());
+    EXPECT_EQ("c1", manager_.alerts().front().instance);
+    EXPECT_THAT(manager_.alerts().front().text, testing::HasSubstr("is not the one on record"));
+    Log_Capture::instance().claim_all(LM_ERROR, "is not the one on record");
+    profile_names("c1");
+    (void)manager_.list_cluster();
+    EXPECT_TRUE(manager_.alerts().empty());
+}
+
+TEST_F(Recorded_Cluster_Test, after_a_restore_the_database_that_is_there_is_the_one_on_record) {
+    auto const database_is = [&](char const* identifier) {
+        host_.write("/home/nobody/dn1/global/pg_control", std::string(identifier) + "the rest");
+    };
+    host_.write("/home/tool/script/config/clusterconfig.xml",
+                cluster_xml({{"clusterName", "c1"}, {"ServiceType", "SingleService"}},
+                            {{{"name", "host1"},
+                              {"dataNum", "1"},
+                              {"dataPortBase", "4000"},
+                              {"dataNode1", "/home/nobody/dn1"}}}));
+    database_is("12345678");
+    manager_.remove_cluster("c1");
+    bring_back(manager_);
+    EXPECT_EQ("", fault(manager_));
+    database_is("87654321");
+    EXPECT_THAT(fault(manager_), testing::HasSubstr("is another one"));
+    manager_.record_data("c1");
+    EXPECT_EQ("", fault(manager_));
+    manager_.record_data("c2"); // there is none
+    EXPECT_FALSE(std::filesystem::exists(std::string(host_.CACHE) + "c2_identity"));
+}
+
 TEST_F(Recorded_Cluster_Test, its_tools_have_to_be_its_users_at_each_job) {
     std::string text;
     EXPECT_TRUE(manager_.owns_its_tools("c1", text));

@@ -1,6 +1,7 @@
 #include "gaussdb/job/cluster_job.h"
 
 #include "json_spirit/access.h"
+#include "tests/support/cluster_xml.h"
 #include "tests/unit/gaussdb/job/cluster_world.h"
 #include "tests/unit/host/job/test_job.h"
 
@@ -44,6 +45,32 @@ TEST_F(Cluster_Job_Test, no_hosts_raise_an_alert) {
     EXPECT_FALSE(get_hosts_of_cluster(*holder_, *cluster_, "c1", hosts_));
     EXPECT_LOGGED(LM_ERROR, "Failed to get cluster hosts of c1\n");
     EXPECT_THAT(events_with("alert "), ElementsAre("alert 7 6"));
+}
+
+TEST_F(Cluster_Job_Test, a_cluster_that_is_not_the_one_on_record_raises_an_alert) {
+    EXPECT_TRUE(is_cluster_on_record(*holder_, "c1", true)) << "it was added by hand";
+    GaussDB_Cluster_Manager& clusters = *GaussDB_Cluster_Manager::instance();
+    clusters.remove_cluster("c1");
+    write("/home/tool/script/config/clusterconfig.xml",
+          cluster_xml({{"clusterName", "c1"}, {"ServiceType", "SingleService"}},
+                      {{{"name", "host1"}}}));
+    GaussDB_Env env;
+    env.set_env("GPHOME", "/home/tool");
+    env.set_env("GS_CLUSTER_NAME", "c1");
+    ASSERT_TRUE(clusters.dump_env("c1", env));
+    write("/home/daemon/.bashrc", "export GS_CLUSTER_NAME=c1\n");
+    ASSERT_TRUE(clusters.update_offline_instance("c1", USER, 1, "1.0.2"));
+    EXPECT_TRUE(is_cluster_on_record(*holder_, "c1", true));
+    EXPECT_THAT(events_with("alert "), ElementsAre());
+    write("/home/daemon/.bashrc", "export GS_CLUSTER_NAME=c2\n");
+    EXPECT_FALSE(is_cluster_on_record(*holder_, "c1", true));
+    EXPECT_LOGGED(LM_ERROR, "Nothing was touched, cluster \"c1\" is not the one on record");
+    EXPECT_THAT(events_with("alert "), ElementsAre("alert 7 102"));
+    write("/home/daemon/.bashrc", "export GS_CLUSTER_NAME=c1\n");
+    ASSERT_EQ(0, chmod("/home/tool/script", 0777));
+    EXPECT_FALSE(is_cluster_on_record(*holder_, "c1", true));
+    EXPECT_LOGGED(LM_ERROR, "Nothing was touched, the tools of cluster \"c1\" are not run");
+    rm_rf("/home/tool");
 }
 
 TEST_F(Cluster_Job_Test, an_alert_has_nothing_to_add) {

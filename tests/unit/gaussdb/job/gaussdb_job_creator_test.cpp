@@ -47,6 +47,17 @@ TEST_F(GaussDB_Job_Creator_Test, clusters_that_are_protected_on_their_first_mach
     }
 }
 
+TEST_F(GaussDB_Job_Creator_Test, what_a_definition_may_say_goes_by_its_clusters_flavour) {
+    Job_Definition_var const def = backup_of("c1");
+    EXPECT_EQ("", creator_.fault_of(*def));
+    auto options = std::make_unique<GaussDB_Backup_Job_Options>();
+    options->cpu_cores_ = 2;
+    def->options(Job_Options_var(options.release()));
+    EXPECT_EQ("options: \"cpu_cores\" is not an option of GaussDB 200", creator_.fault_of(*def));
+    make_cluster(GAUSSDB_DWS);
+    EXPECT_EQ("", creator_.fault_of(*def));
+}
+
 TEST_F(GaussDB_Job_Creator_Test, the_job_has_the_definition_and_one_reference) {
     Job_Definition_var const def = backup_of("c1");
     Job_var const job = creator_.create(def);

@@ -441,6 +441,15 @@ TEST_F(Roach_Source_Test, a_pool_that_has_gone) {
     EXPECT_FALSE(exists(pool_.path()));
 }
 
+TEST_F(Roach_Source_Test, the_tool_gets_no_policy_for_a_pool_in_which_its_place_leads_elsewhere) {
+    std::filesystem::create_directory(pool_.path() + "/elsewhere");
+    std::filesystem::create_directory_symlink("elsewhere", pool_.path() + "/cluster-1");
+    EXPECT_FALSE(source().dump_policy());
+    EXPECT_LOGGED(LM_ERROR, "Failed to prepare pool first, ");
+    EXPECT_FALSE(exists(root("policy-1")));
+    EXPECT_TRUE(std::filesystem::is_empty(pool_.path() + "/elsewhere"));
+}
+
 TEST_F(Roach_Source_Test, metadata_that_the_tool_did_not_leave) {
     catalog_->add_row(Object{{"uuid", "set-1"}});
     EXPECT_FALSE(source().backup_meta("1_1"));

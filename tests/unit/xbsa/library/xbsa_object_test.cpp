@@ -113,6 +113,15 @@ TEST(Xbsa_Object_Test, what_cannot_be_an_object_is_not_read) {
     EXPECT_NO_THROW(Xbsa_Object::from_json(object.to_json()));
 }
 
+TEST(Xbsa_Query_Test, a_path_without_wildcards_is_the_only_one_wanted) {
+    for (auto const& [path, exact] : std::map<std::string, std::string>{
+             {"/dn_6001/data", "/dn_6001/data"}, {"/dn*", ""}, {"/dn_600?", ""}, {"/a\\*", ""}}) {
+        Xbsa_Query query;
+        ASSERT_TRUE(query.read(xbsa::pattern(path), NOBODY)) << path;
+        EXPECT_EQ(exact, query.exact_path()) << path;
+    }
+}
+
 TEST(Xbsa_Query_Test, times_bound_what_is_wanted) {
     Xbsa_Object object;
     object.created = 1700000000 * int64_t{1000000} + 500000;
