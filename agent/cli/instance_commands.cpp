@@ -140,6 +140,10 @@ std::string as_prefix(std::string commands) {
     return commands.empty() || commands.ends_with(';') ? commands : commands + ";";
 }
 
+/** A node that disappears without a word ends a run within a minute, and does not hold it for ever. */
+constexpr char USUAL_SSH_OPTIONS[] =
+    "-o ConnectTimeout=15 -o ServerAliveInterval=15 -o ServerAliveCountMax=4";
+
 Object options_of(Declared_Instance const& wishes) {
     Object options;
     json_spirit::insert(options)("address", json_spirit::Skip_Empty_Helper(wishes.address))(
@@ -264,6 +268,7 @@ int add_instance(Command_Context& context, std::string const& instance,
     if (context.try_to_ask("instance.show", Object{{"instance", instance}}, known))
         return context.fail(EXIT_REFUSED, "cannot " + doing + ": it is on record already",
                             "`zenbrak3 instance change` changes it.");
+    options.try_emplace("ssh_options", USUAL_SSH_OPTIONS);
     if (!complete(context, doing, options, status) ||
         !try_options(context, doing, options, wishes.host_key, tried, status))
         return status;

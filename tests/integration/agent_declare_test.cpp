@@ -103,6 +103,15 @@ TEST_F(Agent_Declare_Test, a_script_gives_all_that_is_needed) {
               out());
 }
 
+TEST_F(Agent_Declare_Test, a_node_that_disappears_is_noticed_unless_ssh_is_told_otherwise) {
+    EXPECT_EQ(0, run(ALL)) << err();
+    Object const created = last("gaussdb.create_instance");
+    EXPECT_EQ("-o ConnectTimeout=15 -o ServerAliveInterval=15 -o ServerAliveCountMax=4",
+              json_spirit::object_get_str(created, "ssh_options"));
+    EXPECT_EQ(0, run(all_and({"--ssh-options", ""}))) << err();
+    EXPECT_EQ("", json_spirit::object_get_str(last("gaussdb.create_instance"), "ssh_options"));
+}
+
 TEST_F(Agent_Declare_Test, json_has_the_trial_and_the_uuid) {
     EXPECT_EQ(0, run(all_and({"--json", "--uid", "uid-2"})));
     Value printed;
