@@ -31,18 +31,21 @@ class Session(object):
             if line == mark:
                 return rows
             rows.append(line.split("|"))
-        self.client.stdin.close()
+        self._close_input()
         message = " ".join(self.client.stderr.read().split())
         raise Tool_Error("[GAUSS-51300] : Failed to execute SQL on %s: %s"
                          % (self.instance.name, message))
 
     def close(self):
         if self.client.poll() is None:
-            try:
-                self.client.stdin.close()
-            except BrokenPipeError:
-                pass
+            self._close_input()
             self.client.wait()
+
+    def _close_input(self):
+        try:
+            self.client.stdin.close()
+        except BrokenPipeError:
+            pass  # it has ended; a statement was still in the buffer
 
 
 def literal(text):
