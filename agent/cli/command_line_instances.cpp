@@ -96,9 +96,10 @@ void Command_Line::add_declared_instances(CLI::App& instances) {
                         "of the flavour's own")
             ->check(name_check(names::fault_of_remote_commands))
             ->type_name("COMMANDS");
-        one->add_option("--ssh-options", declared_.ssh_options,
-                        "Options of ssh: -4, -6, -C, -q, -i FILE, -o NAME=VALUE; unless given, those "
-                        "by which a node that disappears is noticed within a minute")
+        one->add_option(
+               "--ssh-options", declared_.ssh_options,
+               "Options of ssh: -4, -6, -C, -q, -i FILE, -o NAME=VALUE; unless given, those "
+               "by which a node that disappears is noticed within a minute")
             ->check(name_check(names::fault_of_ssh_options))
             ->type_name("OPTIONS");
         one->add_option("--host-key", declared_.host_key,

@@ -140,7 +140,7 @@ std::string as_prefix(std::string commands) {
     return commands.empty() || commands.ends_with(';') ? commands : commands + ";";
 }
 
-/** A node that disappears without a word ends a run within a minute, and does not hold it for ever. */
+/** A node that is switched off ends a run within a minute, and does not hold it for ever. */
 constexpr char USUAL_SSH_OPTIONS[] =
     "-o ConnectTimeout=15 -o ServerAliveInterval=15 -o ServerAliveCountMax=4";
 
