@@ -55,7 +55,7 @@ protected:
     int run_rollback();
 
 private:
-    /** Makes an executor, calls @a step with it, and destroys it. */
+    /** Makes an executor, calls @a step with it, and destroys it. A step that fails logs it. */
     template <typename Step>
     void with_executor(Step step);
 
@@ -121,14 +121,14 @@ template <typename Executor>
 int Default_Job_T<Executor>::remove_i(bool, Job::Action_Options const*) {
     Job_Schedule_var const schedule = definition()->schedule();
     if (!schedule.null() && schedule->type() == Job_Schedule::TYPE_ONDEMAND)
-        with_executor([](Executor& executor) { executor.remove_ondemand(); });
-    with_executor([](Executor& executor) { executor.remove(); });
+        with_executor([](Executor& executor) { (void)executor.remove_ondemand(); });
+    with_executor([](Executor& executor) { (void)executor.remove(); });
     return 0;
 }
 
 template <typename Executor>
 int Default_Job_T<Executor>::update_i(Job_Definition_var definition) {
-    with_executor([&](Executor& executor) { executor.update(definition); });
+    with_executor([&](Executor& executor) { (void)executor.update(definition); });
     return 0;
 }
 
@@ -150,7 +150,7 @@ int Default_Job_T<Executor>::rollback_i() {
 
 template <typename Executor>
 int Default_Job_T<Executor>::run_rollback() {
-    with_executor([](Executor& executor) { executor.rollback(); });
+    with_executor([](Executor& executor) { (void)executor.rollback(); });
     return 0;
 }
 

@@ -67,7 +67,7 @@ void Run_Access::end(std::string const& run_id) {
     std::shared_ptr<Upstream_Backend> const server = Host_Services::instance().upstream();
     std::string ignored;
     if (member_ && server)
-        server->notify("run.end", Object{{"run_id", run_id}}, ignored);
+        (void)server->notify("run.end", Object{{"run_id", run_id}}, ignored);
 }
 
 namespace {
@@ -128,7 +128,7 @@ void Run_Access::release(Job const& job, std::set<std::string> const& resources)
     std::shared_ptr<Upstream_Backend> const server = Host_Services::instance().upstream();
     std::string ignored; // the server frees them when it learns that the run has ended
     if (server)
-        server->notify("run.release", hold_request(job, resources), ignored);
+        (void)server->notify("run.release", hold_request(job, resources), ignored);
 }
 
 json_spirit::Array Run_Access::runs() const {

@@ -172,9 +172,9 @@ bool add_instance(std::shared_ptr<Instance const> instance) {
     if (instances->tell_server(Instance_Backend::ADDED, *instance))
         return true;
     if (before)
-        instances->put(*before);
+        (void)instances->put(*before);
     else
-        instances->erase(instance->type, instance->name);
+        (void)instances->erase(instance->type, instance->name);
     return false;
 }
 
