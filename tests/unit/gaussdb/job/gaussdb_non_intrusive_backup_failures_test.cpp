@@ -3,6 +3,7 @@
 #include "host/catalog/catalog_operator.h"
 
 #include <fstream>
+#include <future>
 
 namespace {
 
@@ -154,14 +155,24 @@ TEST_F(Non_Intrusive_Backup_Test, one_that_waits_can_be_canceled) {
 
 TEST_F(Non_Intrusive_Backup_Test, one_that_waits_for_a_restore_can_be_canceled) {
     // which has the mutex of its resource to its end
-    ACE_Guard<ACE_Thread_Mutex> restore(Job_Mutex::get(RESOURCE));
+    std::promise<int> begun;
+    std::promise<void> end;
+    std::thread restore([&] {
+        ACE_Thread_Mutex& mutex = Job_Mutex::get(RESOURCE);
+        begun.set_value(mutex.acquire());
+        end.get_future().wait();
+        mutex.release();
+    });
+    EXPECT_EQ(0, begun.get_future().get());
     jobs_.on_hold([&](std::set<std::string> const&) {
         EXPECT_EQ(0, job_->abort());
         return Hold_Answer{Hold_Answer::WAIT, "job x"};
     });
     jobs_.on_event([&](std::string const& event) {
-        if (event == "finished")
-            restore.release();
+        if (event != "finished")
+            return;
+        end.set_value();
+        restore.join();
     });
     EXPECT_EQ("ended canceled 0", backup());
 }
