@@ -65,6 +65,9 @@ bool URI::parse(std::string const& url_text, std::string* error) {
     result.host_ = part(url, CURLUPART_HOST);
     if (!result.host_.empty() && result.host_.front() == '[')
         result.host_ = result.host_.substr(1, result.host_.size() - 2);
+    else if (result.host_.find('%') != std::string::npos)
+        // libcurl decodes the host; text() would make an escape of what is left, as in "a%a%41"
+        return fail(curl_url_strerror(CURLUE_BAD_HOSTNAME));
     result.port_ = natoi<unsigned short>(part(url, CURLUPART_PORT));
     result.path_ = part(url, CURLUPART_PATH);
     // libcurl takes "file:a" for a path that begins nowhere

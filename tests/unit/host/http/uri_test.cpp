@@ -177,6 +177,16 @@ TEST(URI_url, what_is_no_url_is_refused) {
     EXPECT_EQ("NUL in URL", fault(std::string("ws://h/\0x", 9)));
 }
 
+TEST(URI_url, an_encoded_host_is_decoded_once_and_has_nothing_that_a_host_may_not_have) {
+    // libcurl decodes a host
+    for (char const* url : {"ws://a%2fb/", "ws://a%40b/", "ws://a%3A1/", "ws://a%25b/", "ws://a%/",
+                            "ws://a%a%41b/", "ws://a%0d%0Ab/", "ws://a%20b/", "e:/mnc%a%41b"})
+        fault(url);
+    URI uri;
+    ASSERT_TRUE(uri.parse("ws://%41-b/", nullptr));
+    EXPECT_EQ("A-b", uri.host());
+}
+
 TEST(URI_url, segments_set_on_a_url_keep_the_path_absolute) {
     URI uri;
     ASSERT_TRUE(uri.parse("ws://host/old?q", nullptr));
