@@ -12,7 +12,7 @@ void Command_Line::add_instance_commands() {
 
     CLI::App* const instances = group("instance", "Show, add, change or remove one instance");
     CLI::App* const show =
-        command(*instances, "show", "Show all that is known of an instance",
+        command(*instances, "show", "Show an instance with its options and accounts",
                 "  zenbrak3 instance show prod\n",
                 [this](Command_Context& context) { return show_instance(context, instance_); });
     CLI::App* const save =

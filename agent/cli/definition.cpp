@@ -84,8 +84,8 @@ bool find_database(json_spirit::Object const& backup, std::string const& table,
         error = "the backup has no list of its tables; it cannot restore them one by one";
     else if (found.empty())
         // nor are the schemas of the database's first user listed
-        error = "the backup lists no table " + names::shown(table) +
-                " (see zenbrak3 backup show); to try it all the same name its database: DATABASE." +
+        error = "the backup does not list table " + names::shown(table) +
+                " (see zenbrak3 backup show); to restore it anyway, name its database: DATABASE." +
                 names::shown(table);
     else
         error = "several databases have a table " + names::shown(table) + "; name one: DATABASE." +
@@ -148,19 +148,13 @@ void add_channels(int64_t flavour, json_spirit::Object& definition) {
 
 bool read_wishes(Job_Wishes const& wishes, json_spirit::Object& definition, std::string& error) {
     json_spirit::Object options;
-    if (!wishes.compression.empty() && !read_compression(wishes.compression, options)) {
-        error = "'" + wishes.compression +
-                "' is no compression: none, zstd[:LEVEL], lzop[:LEVEL] "
-                "and auto are";
+    if (!wishes.compression.empty() && !read_compression(wishes.compression, options, error))
         return false;
-    }
     if (wishes.channels > 0)
         options["channels"] = wishes.channels;
     for (std::string const& option : wishes.options)
-        if (!read_option(option, options)) {
-            error = "'" + option + "' is no option: KEY=VALUE is wanted";
+        if (!read_option(option, options, error))
             return false;
-        }
     if (!wishes.config.empty())
         options["xml_config_path"] = wishes.config;
     definition["options"] = options;
@@ -173,10 +167,12 @@ bool read_wishes(Job_Wishes const& wishes, json_spirit::Object& definition, std:
 
 } // namespace
 
-bool read_option(std::string const& text, json_spirit::Object& options) {
+bool read_option(std::string const& text, json_spirit::Object& options, std::string& error) {
     size_t const equals = text.find('=');
-    if (equals == 0 || equals == std::string::npos)
+    if (equals == 0 || equals == std::string::npos) {
+        error = "invalid option '" + text + "' (expected KEY=VALUE)";
         return false;
+    }
     std::string const value = text.substr(equals + 1);
     json_spirit::Value parsed;
     bool const is_plain = !json_spirit::parse(value, parsed, nullptr) ||
@@ -186,17 +182,22 @@ bool read_option(std::string const& text, json_spirit::Object& options) {
     return true;
 }
 
-bool read_compression(std::string const& text, json_spirit::Object& options) {
+bool read_compression(std::string const& text, json_spirit::Object& options, std::string& error) {
     size_t const colon = text.find(':');
+    bool const has_level = colon != std::string::npos;
     std::string const method = text.substr(0, colon);
-    if (method != "none" && compression_name_to_value(method.c_str(), -1) == COMPR_NONE)
+    std::string const level = has_level ? text.substr(colon + 1) : "";
+    bool const is_valid = method == "none"
+                              ? !has_level
+                              : compression_name_to_value(method.c_str(), -1) != COMPR_NONE &&
+                                    (!has_level || is_number(level));
+    if (!is_valid) {
+        error = "invalid compression '" + text +
+                "' (expected none, auto, zstd, lzop, zstd:LEVEL or lzop:LEVEL)";
         return false;
-    if (colon != std::string::npos) {
-        std::string const level = text.substr(colon + 1);
-        if (!is_number(level) || method == "none")
-            return false;
-        options["compression_level"] = natoi<int>(level);
     }
+    if (has_level)
+        options["compression_level"] = natoi<int>(level);
     options["compression"] = method;
     return true;
 }

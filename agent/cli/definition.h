@@ -28,14 +28,21 @@ struct Job_Wishes {
 std::vector<std::string> held_names(json_spirit::Object const& backup);
 
 /**
- * "key=value" as a member of the options: a value that is a JSON number or boolean is one, all else
- * is a text, and so is what stands in double quotes.
- * @return false when there is no key
+ * Adds "key=value" to the options. A value that is a JSON number or boolean is added as such; any
+ * other value is added as text, and so is a value in double quotes.
+ * @param error  set if false is returned
+ * @return false if there is no key
  */
-[[nodiscard]] bool read_option(std::string const& text, json_spirit::Object& options);
+[[nodiscard]] bool read_option(std::string const& text, json_spirit::Object& options,
+                               std::string& error);
 
-/** "zstd:3" as method and level. @return false for what is no method that there is */
-[[nodiscard]] bool read_compression(std::string const& text, json_spirit::Object& options);
+/**
+ * Adds method and level of "zstd:3" to the options.
+ * @param error  set if false is returned
+ * @return false for an unknown method or an invalid level
+ */
+[[nodiscard]] bool read_compression(std::string const& text, json_spirit::Object& options,
+                                    std::string& error);
 
 /** The entry that stands for a whole instance. */
 std::string instance_entry(std::string const& instance);

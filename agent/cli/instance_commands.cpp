@@ -359,9 +359,10 @@ int save_instance(Command_Context& context, std::string const& instance,
         return context.fail(EXIT_USAGE, "'" + names::shown(instance) +
                                             "' cannot name an instance: it " + fault);
     Object read;
+    std::string error;
     for (std::string const& option : options)
-        if (!read_option(option, read))
-            return context.fail(EXIT_USAGE, "'" + option + "' is no option: KEY=VALUE is wanted");
+        if (!read_option(option, read, error))
+            return context.fail(EXIT_USAGE, error);
     Object result;
     Object const params{{"name", instance}, {"type", "gaussdb"}, {"options", read}};
     if (!context.ask("instance.save", params, "save instance " + instance, result))

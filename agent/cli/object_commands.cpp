@@ -33,16 +33,14 @@ bool read_wishes(Pool_Wishes const& wishes, Object& params, std::string& error) 
                                                     : wishes.url;
     if (!wishes.compression.empty()) {
         params["compression_level"] = 0; // the method's usual one
-        if (!read_compression(wishes.compression, params)) {
-            error = "'" + wishes.compression +
-                    "' is no compression: none, zstd[:LEVEL], lzop[:LEVEL] and auto are";
+        if (!read_compression(wishes.compression, params, error))
             return false;
-        }
     }
     uint64_t limit = 0;
     if (!wishes.limit.empty()) {
         if (!read_size(wishes.limit, limit)) {
-            error = "'" + wishes.limit + "' is no size: 500GiB, 2T or bytes are";
+            error = "invalid size '" + wishes.limit +
+                    "' (expected bytes, or a unit as in 500GiB or 2T)";
             return false;
         }
         params["limit"] = limit;

@@ -76,33 +76,37 @@ TEST(Definition, an_instance_without_a_uuid) {
 
 TEST(Definition, compressions) {
     Object options;
-    EXPECT_TRUE(read_compression("none", options));
+    std::string error;
+    EXPECT_TRUE(read_compression("none", options, error));
     EXPECT_EQ("none", options.at("compression").get_str());
-    EXPECT_TRUE(read_compression("lzop", options));
+    EXPECT_TRUE(read_compression("lzop", options, error));
     EXPECT_EQ(0u, options.count("compression_level"));
     for (char const* text : {"gzip", "zstd:", "zstd:x", "zstd:-1", "zstd:3:4", "none:1", ":3", ""})
-        EXPECT_FALSE(read_compression(text, options)) << text;
+        EXPECT_FALSE(read_compression(text, options, error)) << text;
     EXPECT_EQ((Object{{"compression", "lzop"}}), options);
     Job_Wishes wishes;
     wishes.compression = "gzip";
-    EXPECT_NE(std::string::npos, backup_error(wishes).find("'gzip' is no compression"));
+    EXPECT_EQ(
+        "invalid compression 'gzip' (expected none, auto, zstd, lzop, zstd:LEVEL or lzop:LEVEL)",
+        backup_error(wishes));
 }
 
 TEST(Definition, options) {
     Object options;
-    EXPECT_TRUE(read_option("a=b=c", options));
-    EXPECT_TRUE(read_option("empty=", options));
-    EXPECT_TRUE(read_option("real=1.5", options));
-    EXPECT_TRUE(read_option("list=[1]", options));
-    EXPECT_TRUE(read_option("null=null", options));
+    std::string error;
+    EXPECT_TRUE(read_option("a=b=c", options, error));
+    EXPECT_TRUE(read_option("empty=", options, error));
+    EXPECT_TRUE(read_option("real=1.5", options, error));
+    EXPECT_TRUE(read_option("list=[1]", options, error));
+    EXPECT_TRUE(read_option("null=null", options, error));
     EXPECT_EQ(
         (Object{{"a", "b=c"}, {"empty", ""}, {"real", 1.5}, {"list", "[1]"}, {"null", "null"}}),
         options);
-    EXPECT_FALSE(read_option("=x", options));
-    EXPECT_FALSE(read_option("x", options));
+    EXPECT_FALSE(read_option("=x", options, error));
+    EXPECT_FALSE(read_option("x", options, error));
     Job_Wishes wishes;
     wishes.options = {"x"};
-    EXPECT_EQ("'x' is no option: KEY=VALUE is wanted", backup_error(wishes));
+    EXPECT_EQ("invalid option 'x' (expected KEY=VALUE)", backup_error(wishes));
 }
 
 TEST(Definition, a_restore_to_where_the_backup_came_from) {
@@ -238,7 +242,7 @@ TEST(Definition, tables_that_cannot_be_restored) {
                                       {"public.orders=x", "is not [DATABASE.]SCHEMA.TABLE"},
                                       {"public.orders=a.b.c", "is not [DATABASE.]SCHEMA.TABLE"},
                                       {"public.orders=a.b=c.d", "is not [DATABASE.]SCHEMA.TABLE"},
-                                      {"public.none", "lists no table public.none"},
+                                      {"public.none", "does not list table public.none"},
                                       {"public.T 1/x", "several databases have a table"},
                                       {"$(id).public.orders", "'$(id)'"},
                                       {"public.or\nders", "newline"},
