@@ -330,6 +330,12 @@ TEST_F(Method_Table_Test, the_gate_is_asked_before_functions_handlers_and_notifi
     EXPECT_EQ(-7, answer.code);
     EXPECT_TRUE(table_.call("count", Object{{"let", 1}}, Rpc_Caller::admin(), 10s, answer));
     EXPECT_TRUE(table_.call("handled", Object{{"let", 1}}, Rpc_Caller::admin(), 10s, answer));
+    auto const asked_of_all = [&] { // the notification has a thread of its own
+        std::lock_guard const guard(mutex);
+        return asked.size() >= 6;
+    };
+    while (!asked_of_all())
+        std::this_thread::yield();
     table_.stop();
     EXPECT_EQ(1, served);
     EXPECT_EQ(6u, asked.size());
