@@ -86,7 +86,7 @@ private:
             failed("there are too many folders within each other");
         else if (folder)
             enter(std::move(folder), name);
-        else if (error != ENOENT && error != ENOTDIR && error != ELOOP) // else none of ours
+        else if (error != ENOENT && error != ENOTDIR && error != ELOOP) // else not a folder of ours
             failed(strerror(error));
     }
     void enter(File_Descriptor folder, std::string const& name) {
@@ -223,7 +223,7 @@ private:
     }
     bool remove(Pool_Object const& object) {
         Storage_Result const removed = connection_->remove(object.name);
-        // a BAD_NAME is none of ours
+        // a BAD_NAME is not an object of ours
         return removed.code() == Storage_Result::BAD_NAME || is_removed(object, removed, result_);
     }
     /** What was left in the folder of the first @a depth parts, and the folders made for it. */

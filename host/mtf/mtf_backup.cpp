@@ -44,7 +44,7 @@ Error_Code commit(Archive_Store& store, Archive_Writer& writer, Catalogue_Writer
     if (output && catalogue.copy_to(*output) && output->commit())
         return E_OK;
     std::string const error = store.error();
-    (void)store.remove(archive_name); // without its catalogue it is none
+    (void)store.remove(archive_name); // an archive without a catalogue is unusable
     return transfer_failed(report, E_ADD_TO_CATALOG, "write catalogue", catalogue_name, error);
 }
 

@@ -1,5 +1,5 @@
-"""What roach_client and backUpAgent have in common: they take the data that the backup tool sends from a
-database's machine, and hand them to the backup library of this host, and the other way round."""
+"""The common part of roach_client and backUpAgent. For a backup they receive data from the backup tool on a
+database's machine and pass it to the backup library of this host. For a restore they send it back."""
 import json
 import os
 import signal
@@ -34,7 +34,7 @@ class Session(object):
                 else:
                     return
         except (EOFError, OSError, ValueError, LookupError, TypeError, AttributeError):
-            pass  # whoever called has gone, or is no backup tool
+            pass  # the caller has disconnected, or is not a backup tool
         finally:
             if self.store:
                 self.store.abort()

@@ -107,7 +107,7 @@ class Connection_Test(Fault_Test):
         self.addCleanup(keys.write_text, whole)
 
     def assert_survives_cuts(self, name, start):
-        """Cuts a run at each of its connections in turn. What ends well all the same is no fault."""
+        """Cuts each connection of a run in turn. A run may still succeed, for example by a second try."""
         cluster = world.clusters[name]
         self.with_cuts(cluster)
         at, counted, failed = 1, 1, 0
@@ -238,7 +238,7 @@ class Tool_Test(Fault_Test):
     def test_a_service_that_ends_in_the_middle(self):
         run_id = self.start_slow_backup()
         world.ours.do(SERVICE, "stop", "backUpAgent")
-        self.assert_failed(world.wait(run_id), "has gone")
+        self.assert_failed(world.wait(run_id), "Lost the connection to the media server")
         world.ours.do(SERVICE, "start", "backUpAgent", "--address", "10.77.0.10")
         self.assert_recovered()
 
@@ -283,8 +283,7 @@ class Cancel_Test(Fault_Test):
         self.assert_cancelled(self.start_slow_backup(), "--now")
 
     def test_at_the_end(self):
-        """The tool has done its work, and a cancel that comes too late is no lie: either a whole set or
-        none."""
+        """A cancel may come after the tool has finished. There is a complete set or none."""
         run_id = self.start_slow_backup(8000000)
         wait_until(lambda: world.show(run_id)["percent"] >= 90, "the end of a backup")
         world.ours.call("job.cancel", job=run_id)

@@ -128,7 +128,7 @@ class Dws_Test(unittest.TestCase):
 
     def test_a_table_without_a_place_changes_nothing(self):
         rows = self.shop()
-        for entry, reason in (("sale/orders/nowhere/orders", "There is no schema nowhere"),
+        for entry, reason in (("sale/orders/nowhere/orders", "The schema nowhere does not exist"),
                               ("sale/nothing/sale/nothing", "The backup has no table sale.nothing"),
                               ("public/orders/sale/old", "has no schema public")):
             run = self.restore_tables(self.of_schemas, "sale/stock/sale/stock", entry)

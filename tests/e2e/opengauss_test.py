@@ -45,12 +45,12 @@ class Opengauss_Test(unittest.TestCase):
         self.assertEqual(rows, self.cluster.rows())
 
     def test_an_incremental_backup_needs_the_tools_metadata_on_the_node(self):
-        self.world.backup("og1")
+        backup = self.world.backup("og1")
         keys = self.cluster.first.path(META + "/roach")
         shutil.move(keys, str(keys) + ".away")
         run = self.world.end(self.world.start_backup("og1", "--incremental"))
         self.assertEqual("error", run["state"])
-        self.assertIn("There is no metadata of the prior backup", run["log"])
+        self.assertIn("The metadata of the prior backup %s are missing" % backup["backup_key"], run["log"])
         shutil.move(str(keys) + ".away", keys)
 
 

@@ -135,7 +135,7 @@ TEST_F(Sandbox_Cluster_Test, a_failed_backup_is_told_as_such) {
     EXPECT_FALSE(
         roach.backup_200("p1", "/home/omm/meta", "20200101_000000", key, nullptr, 0, 0, 0, 0));
     EXPECT_EQ("", key);
-    EXPECT_LOGGED(LM_WARNING, "no metadata of the prior backup 20200101_000000");
+    EXPECT_LOGGED(LM_WARNING, "The metadata of the prior backup 20200101_000000 are missing");
 }
 
 } // namespace

@@ -236,10 +236,10 @@ class Two_Hosts_Test(unittest.TestCase):
         self.check_nothing_is_left()
 
     def test_an_incremental_backup_needs_the_metadata_of_every_host(self):
-        self.backup()
+        backup = self.backup()
         shutil.rmtree(self.second.path(CACHE + "/meta"))
         run_id, _ = self.failed_backup("--incremental")
-        self.assertIn("There is no metadata of the prior backup",
+        self.assertIn("The metadata of the prior backup %s are missing" % backup["backup_key"],
                       self.first.do("zenbrak3", "job", "log", run_id))
         self.check_nothing_is_left()
         full = self.backup()
@@ -278,7 +278,7 @@ class Two_Hosts_Test(unittest.TestCase):
         run_id, _ = self.failed_backup(job=job)
         self.second.kill(signal.SIGCONT, tool)
         self.assertRegex(self.first.do("zenbrak3", "job", "log", run_id),
-                         "The agent on host2 has gone")
+                         "Lost the connection to the agent on host2")
         self.check_nothing_is_left()
         self.first.do("ip", "link", "set", "cable", "up")
         self.wait_for_group()

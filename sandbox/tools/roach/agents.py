@@ -23,7 +23,7 @@ PATIENCE = 60  # seconds for an agent to call, and for one to end
 
 
 def keep_alive(connection):
-    """Lets a connection notice that the other machine has gone."""
+    """Makes a connection fail within seconds when the other machine is lost."""
     connection.settimeout(None)
     for level, option, value in (
             (socket.SOL_SOCKET, socket.SO_KEEPALIVE, 1), (socket.IPPROTO_TCP, socket.TCP_NODELAY, 1),
@@ -34,7 +34,7 @@ def keep_alive(connection):
 
 
 class Channel(object):
-    """Messages over a connection that notices when the other machine has gone."""
+    """Messages over a connection with keep_alive()."""
 
     def __init__(self, connection):
         self.connection = connection
@@ -94,7 +94,7 @@ class Remote_Agent(object):
     def gone(self):
         self.errors.seek(0)
         text = " ".join(self.errors.read().decode(errors="replace").split())
-        return "[GAUSS-53206] : The agent on %s has gone. %s" % (self.node.name, text)
+        return "[GAUSS-53206] : Lost the connection to the agent on %s. %s" % (self.node.name, text)
 
     def fileno(self):
         return self.channel.fileno()

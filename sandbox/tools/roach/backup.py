@@ -160,7 +160,7 @@ class Backup(object):
             return None
         prior = self.metadata.manifest(self.prior_key)
         if prior is None:
-            raise Tool_Error("[GAUSS-53211] : There is no metadata of the prior backup %s."
+            raise Tool_Error("[GAUSS-53211] : The metadata of the prior backup %s are missing."
                              % self.prior_key)
         if prior.get("scope") != self.scope:
             raise Tool_Error("[GAUSS-53211] : The prior backup %s is of other schemas."

@@ -5,7 +5,7 @@ import os
 import subprocess
 
 from roach.cluster import Instance, Tool_Error, environment, remove_tree
-from roach.postgres import Session, identifier, literal
+from roach.postgres import Session, identifier, literal, no_database, no_schema
 from roach.restore import Restore
 
 PORT_DISTANCE = 1000  # of the scratch server's port, which names its socket only
@@ -132,8 +132,7 @@ class Fine_Restore(Restore):
             session.close()
         if not there:
             if "tables" in self.fine:
-                raise Tool_Error("[GAUSS-51300] : There is no database %s on %s."
-                                 % (self.database, instance.name))
+                raise no_database(self.database, instance)
             return
         session = Session(instance, self.database)
         try:
@@ -144,8 +143,7 @@ class Fine_Restore(Restore):
     def _check_schemas(self, instance, session):
         for _, target in self.fine.get("tables", ()):
             if not session.run("select 1 from pg_namespace where nspname = %s" % literal(target[0])):
-                raise Tool_Error("[GAUSS-51300] : There is no schema %s in the database %s on %s."
-                                 % (target[0], self.database, instance.name))
+                raise no_schema(target[0], self.database, instance)
         if "tables" not in self.fine:
             for name in self.chain[-1]["scope"]["schemas"]:
                 if session.run("select 1 from pg_class c join pg_namespace n on n.oid = relnamespace "

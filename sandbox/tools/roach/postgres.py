@@ -48,6 +48,15 @@ class Session(object):
             pass  # it has ended; a statement was still in the buffer
 
 
+def no_database(database, instance):
+    return Tool_Error("[GAUSS-51300] : The database %s does not exist on %s." % (database, instance.name))
+
+
+def no_schema(schema, database, instance):
+    return Tool_Error("[GAUSS-51300] : The schema %s does not exist in the database %s on %s."
+                      % (schema, database, instance.name))
+
+
 def literal(text):
     return "'%s'" % text.replace("'", "''")
 

@@ -78,7 +78,7 @@ class Remote_Store(object):
         return answer["result"]
 
     def gone(self, error):
-        return Store_Error("[GAUSS-53203] : The media server %s has gone. %s" % (self.name, error))
+        return Store_Error("[GAUSS-53203] : Lost the connection to the media server %s. %s" % (self.name, error))
 
     def begin(self):
         self.call("begin")

@@ -54,7 +54,7 @@ def incorrect(name, value):
 
 
 def check(given, action, series):
-    """Refuses a line that is none of the forms, and values that cannot be."""
+    """Rejects a line of an unknown form, and invalid values."""
     forms = FORMS[action, series]
     if not any(needed <= set(given) <= needed | more for needed, more in forms):
         explain(set(given), action, forms)

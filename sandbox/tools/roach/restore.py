@@ -128,7 +128,7 @@ class Restore(object):
                 raise Tool_Error("[GAUSS-53207] : The metadata of %s lead to itself." % key)
             manifest = self.metadata.manifest(key)
             if not manifest and self._needs_manifests():
-                raise Tool_Error("[GAUSS-53207] : There is no metadata of the backup %s in %s."
+                raise Tool_Error("[GAUSS-53207] : The metadata of the backup %s are missing in %s."
                                  % (key, self.metadata.of_key(key)))
             manifest = manifest or self._stored_manifest(store, key)
             if self.cluster.release.is_remote:

@@ -1,8 +1,7 @@
 """A backup of some schemas of one database: which files of a data directory do not belong to it."""
 import re
 
-from roach.cluster import Tool_Error
-from roach.postgres import Session, literal
+from roach.postgres import Session, literal, no_database, no_schema
 
 RELATION = re.compile(r"(base/(\d+)/\d+|pg_tblspc/\d+/[^/]+/(\d+)/\d+)(_fsm|_vm|_init)?(?:\.\d+)?$")
 OTHERS = """with wanted as (select c.oid, c.reltoastrelid from pg_class c
@@ -24,8 +23,7 @@ def paths_outside(instance, scope):
     finally:
         session.close()
     if not rows:
-        raise Tool_Error("[GAUSS-51300] : There is no database %s on %s."
-                         % (scope["database"], instance.name))
+        raise no_database(scope["database"], instance)
     session = Session(instance, scope["database"])
     try:
         names = ", ".join(map(literal, scope["schemas"]))
@@ -36,8 +34,7 @@ def paths_outside(instance, scope):
         session.close()
     missing = [name for name in scope["schemas"] if name not in there]
     if missing:
-        raise Tool_Error("[GAUSS-51300] : There is no schema %s in the database %s on %s."
-                         % (missing[0], scope["database"], instance.name))
+        raise no_schema(missing[0], scope["database"], instance)
     own = rows[0][0]
 
     def outside(path):

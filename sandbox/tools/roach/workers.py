@@ -91,7 +91,7 @@ def gather(pipes, wanted, handle_progress=None, tick=None):
             except (EOFError, OSError):
                 gone = getattr(pipe, "gone", None)
                 kind, value = "failed", (gone() if gone else
-                                         "[GAUSS-53206] : A worker process has gone.")
+                                         "[GAUSS-53206] : A worker process ended unexpectedly.")
             if kind == "progress":
                 if handle_progress:
                     handle_progress(pipe, value)
