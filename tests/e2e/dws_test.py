@@ -12,6 +12,7 @@ import unittest
 
 sys.dont_write_bytecode = True
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../sandbox"))
+from agentless_tests import New_Cluster_Tests, Whole_Cluster_Tests  # noqa: E402
 from agentless_world import META, World  # noqa: E402
 
 BUILD = sys.argv.pop(1)
@@ -34,8 +35,10 @@ def setUpModule():
     unittest.addModuleCleanup(world.clean)
 
 
-class Dws_Test(unittest.TestCase):
+class Dws_Test(Whole_Cluster_Tests, unittest.TestCase):
     """One cluster for all tests."""
+
+    name = "dws1"
 
     @classmethod
     def setUpClass(cls):
@@ -77,18 +80,6 @@ class Dws_Test(unittest.TestCase):
                 for text in self.cluster.rows()]
 
     # --- the whole cluster
-
-    def test_every_row_comes_back_from_a_full_and_an_incremental_backup(self):
-        full = self.world.backup("dws1")
-        self.cluster.everywhere("change", 5)
-        rows = self.cluster.rows()
-        incremental = self.world.backup("dws1", "--incremental")
-        self.assertEqual(full["backup_key"], incremental["prior_backup_key"])
-        self.assertLess(incremental["backup_set_size"], full["backup_set_size"])
-        self.cluster.everywhere("change", 50)
-        self.cluster.lose()
-        self.world.restore(incremental)
-        self.assertEqual(rows, self.cluster.rows())
 
     # --- tables
 
@@ -177,23 +168,17 @@ class Dws_Test(unittest.TestCase):
         self.assertEqual(rows, self.shop())
 
 
-class Restore_To_New_Cluster_Test(unittest.TestCase):
-    """When the old one is no more."""
+class Restore_To_New_Cluster_Test(New_Cluster_Tests, unittest.TestCase):
+    """After the loss of the old one."""
 
-    def test_every_row_is_in_the_new_cluster(self):
-        cluster = world.clusters["dws1"]
-        rows = cluster.rows()
-        backup = world.backup("dws1")
-        cluster.replace("dws2")
-        world.declare("dws2", cluster)
-        # the tool looks whose backup it is
-        run = world.restore_to_new_cluster(backup, "dws2")
-        self.assertEqual("completed", run["state"], run["log"])
-        self.assertIn("--old-cluster-hostname dws1a --restore-new-cluster --restore-configs", run["log"])
-        self.assertIn("-t start --restore-new-cluster -X", run["log"])
-        self.assertEqual(rows, cluster.rows())
-        self.assertEqual("full", world.backup("dws2")["type"])
-        world.assert_clean()
+    name, new_name = "dws1", "dws2"
+    # the tool checks from which cluster the backup is
+    log_lines = ["--old-cluster-hostname dws1a --restore-new-cluster --restore-configs",
+                 "-t start --restore-new-cluster -X"]
+
+    @classmethod
+    def setUpClass(cls):
+        cls.world = world
 
 
 if __name__ == "__main__":

@@ -11,6 +11,7 @@ import unittest
 
 sys.dont_write_bytecode = True
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../sandbox"))
+from agentless_tests import New_Cluster_Tests, Whole_Cluster_Tests  # noqa: E402
 from agentless_world import META, World  # noqa: E402
 
 BUILD = sys.argv.pop(1)
@@ -22,8 +23,10 @@ def setUpModule():
     unittest.addModuleCleanup(world.clean)
 
 
-class Opengauss_Test(unittest.TestCase):
+class Opengauss_Test(Whole_Cluster_Tests, unittest.TestCase):
     """One cluster for all tests."""
+
+    name = "og1"
 
     @classmethod
     def setUpClass(cls):
@@ -31,18 +34,6 @@ class Opengauss_Test(unittest.TestCase):
 
     def tearDown(self):
         self.world.assert_clean()
-
-    def test_every_row_comes_back_from_a_full_and_an_incremental_backup(self):
-        full = self.world.backup("og1")
-        self.cluster.everywhere("change", 5)
-        rows = self.cluster.rows()
-        incremental = self.world.backup("og1", "--incremental")
-        self.assertEqual(full["backup_key"], incremental["prior_backup_key"])
-        self.assertLess(incremental["backup_set_size"], full["backup_set_size"])
-        self.cluster.everywhere("change", 50)
-        self.cluster.lose()
-        self.world.restore(incremental)
-        self.assertEqual(rows, self.cluster.rows())
 
     def test_an_incremental_backup_needs_the_tools_metadata_on_the_node(self):
         backup = self.world.backup("og1")
@@ -54,21 +45,15 @@ class Opengauss_Test(unittest.TestCase):
         shutil.move(str(keys) + ".away", keys)
 
 
-class Restore_To_New_Cluster_Test(unittest.TestCase):
-    """When the old one is no more."""
+class Restore_To_New_Cluster_Test(New_Cluster_Tests, unittest.TestCase):
+    """After the loss of the old one."""
 
-    def test_every_row_is_in_the_new_cluster(self):
-        cluster = world.clusters["og1"]
-        rows = cluster.rows()
-        backup = world.backup("og1")
-        cluster.replace("og2")
-        world.declare("og2", cluster)
-        run = world.restore_to_new_cluster(backup, "og2")
-        self.assertEqual("completed", run["state"], run["log"])
-        self.assertIn("--restore-new-cluster --restore-configs", run["log"])
-        self.assertEqual(rows, cluster.rows())
-        self.assertEqual("full", world.backup("og2")["type"])
-        world.assert_clean()
+    name, new_name = "og1", "og2"
+    log_lines = ["--restore-new-cluster --restore-configs"]
+
+    @classmethod
+    def setUpClass(cls):
+        cls.world = world
 
 
 if __name__ == "__main__":

@@ -27,17 +27,9 @@ inline Object run_in(char const* state, Object more = {}) {
     return more;
 }
 
-class Agent_Command_Test : public testing::Test {
+/** Runs the command, one at a time. */
+class Command_Run_Test : public testing::Test {
 protected:
-    Agent_Command_Test() {
-        setting_.env = {{"LANG", "C.UTF-8"},
-                        {"TZ", "UTC"},
-                        {"PATH", "/usr/bin:/bin"},
-                        {"ZENBRAK3_SOCKET", agent_->path()}};
-        agent_->on("instance.show", Object{{"name", "prod"}, {"uuid", "u-1"}});
-        agent_->on("job.start", Object{{"run_id", "0f3a91c2-0000"}, {"definition", "d-1"}});
-    }
-
     void start(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), ZENBRAK3_COMMAND);
         child_.emplace(arguments, setting_);
@@ -49,14 +41,28 @@ protected:
     }
     std::string out() const { return child_->out(); }
     std::string const& err() const { return child_->err(); }
+
+    Program_Run::Setting setting_;
+    std::optional<Program_Run> child_;
+};
+
+class Agent_Command_Test : public Command_Run_Test {
+protected:
+    Agent_Command_Test() {
+        setting_.env = {{"LANG", "C.UTF-8"},
+                        {"TZ", "UTC"},
+                        {"PATH", "/usr/bin:/bin"},
+                        {"ZENBRAK3_SOCKET", agent_->path()}};
+        agent_->on("instance.show", Object{{"name", "prod"}, {"uuid", "u-1"}});
+        agent_->on("job.start", Object{{"run_id", "0f3a91c2-0000"}, {"definition", "d-1"}});
+    }
+
     int back_up(std::vector<Value> const& states) {
         agent_->on("job.show", states);
         return run({"backup", "prod", "--pool", "main", "--interval", "0.01"});
     }
 
     std::optional<Scripted_Agent> agent_{std::in_place};
-    Program_Run::Setting setting_;
-    std::optional<Program_Run> child_;
 };
 
 #endif

@@ -1,13 +1,5 @@
 // The command for clusters that are reached by ssh, on a terminal and in a script.
-#include "json_spirit/access.h"
-#include "json_spirit/text.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/program_run.h"
-#include "tests/support/scripted_agent.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <optional>
+#include "tests/integration/agent_command_fixture.h"
 
 namespace {
 
@@ -19,7 +11,7 @@ using testing::Not;
 
 constexpr char FINGERPRINT[] = "SHA256:47DEQpj8HBSa+/TImW+5JCeuQeRkm5NMpJWZG3hSuFU";
 
-class Agent_Declare_Test : public testing::Test {
+class Agent_Declare_Test : public Command_Run_Test {
 protected:
     Agent_Declare_Test() {
         setting_.env = {
@@ -48,21 +40,11 @@ protected:
                     Object{{"subject", "nodes"}, {"ok", true}, {"text", "3"}}};
         return Object{{"ok", ok}, {"host_key", key}, {"lines", lines}};
     }
-    void start(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), ZENBRAK3_COMMAND);
-        child_.emplace(arguments, setting_);
-    }
-    int run(std::vector<std::string> const& arguments) {
-        start(arguments);
-        return child_->wait();
-    }
     void on_a_terminal() { setting_.columns = 200; }
     void answer(std::string const& prompt, std::string const& typed) {
         ASSERT_TRUE(child_->await(prompt)) << child_->err();
         child_->type(typed + "\n");
     }
-    std::string out() const { return child_->out(); }
-    std::string const& err() const { return child_->err(); }
     Object last(std::string const& method) const {
         auto const calls = agent_.calls(method);
         return calls.empty() ? Object() : calls.back().get_obj();
@@ -78,8 +60,6 @@ protected:
     }
 
     Scripted_Agent agent_;
-    Program_Run::Setting setting_;
-    std::optional<Program_Run> child_;
 };
 
 TEST_F(Agent_Declare_Test, a_script_gives_all_that_is_needed) {

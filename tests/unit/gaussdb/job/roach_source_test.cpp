@@ -45,21 +45,6 @@ protected:
     Roach_Source with_policy(char const* name) const {
         return source(GAUSSDB_200, 8, COMPR_NONE, name);
     }
-    /** Starts one of the tool's programs as the owner of the policy. */
-    pid_t start_tool() const {
-        struct stat status;
-        EXPECT_EQ(0, stat(root("policy-1").c_str(), &status));
-        write(root("gs_roach"), "echo > " + root("meta/ready") + "\nsleep 1000\n");
-        pid_t const tool = fork();
-        if (tool == 0) {
-            if (setuid(status.st_uid) == 0)
-                execl("/bin/sh", "sh", root("gs_roach").c_str(), nullptr);
-            _exit(127);
-        }
-        while (!exists(root("meta/ready")))
-            usleep(5000);
-        return tool;
-    }
     /** Whether a program does not run any longer; it does not end by itself. */
     static bool was_ended(pid_t tool) {
         int how = 0;

@@ -13,6 +13,8 @@
 #include "tests/support/log_capture.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 /** One pool on record, "pool-1". */
 class One_Pool : public Pool_Backend {
@@ -84,6 +86,21 @@ protected:
     }
     static bool exists(std::string const& path) {
         return std::filesystem::exists(std::filesystem::symlink_status(path));
+    }
+    /** Starts one of the tool's programs as the owner of the policy. */
+    static pid_t start_tool() {
+        struct stat status;
+        EXPECT_EQ(0, stat(root("policy-1").c_str(), &status));
+        write(root("gs_roach"), "echo > " + root("meta/ready") + "\nsleep 1000\n");
+        pid_t const tool = fork();
+        if (tool == 0) {
+            if (setuid(status.st_uid) == 0)
+                execl("/bin/sh", "sh", root("gs_roach").c_str(), nullptr);
+            _exit(127);
+        }
+        while (!exists(root("meta/ready")))
+            usleep(5000);
+        return tool;
     }
 
     File_Pool pool_;

@@ -177,17 +177,7 @@ TEST_F(Roach_Source_Handler_Test, remove_takes_policy_cache_and_pid_files) {
 
 TEST_F(Roach_Source_Handler_Test, end_ends_the_tools_programs_and_removes) {
     EXPECT_TRUE(succeeds(add()));
-    struct stat status;
-    ASSERT_EQ(0, stat(root("policy-1").c_str(), &status));
-    write(root("gs_roach"), "echo > " + root("meta/ready") + "\nsleep 1000\n");
-    pid_t const tool = fork();
-    if (tool == 0) {
-        if (setuid(status.st_uid) == 0)
-            execl("/bin/sh", "sh", root("gs_roach").c_str(), nullptr);
-        _exit(127);
-    }
-    while (!exists(root("meta/ready")))
-        usleep(5000);
+    pid_t const tool = start_tool();
     EXPECT_TRUE(succeeds(with(remove(), "action", "end")));
     EXPECT_EQ(tool, waitpid(tool, nullptr, 0));
     EXPECT_FALSE(exists(root("policy-1")));
