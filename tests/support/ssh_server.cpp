@@ -26,13 +26,14 @@ Ssh_Server::Ssh_Server(std::map<std::string, std::string> const& env, std::strin
                          "Subsystem sftp internal-sftp\n";
     if (!banner.empty())
         config += "Banner " + files_.path("banner") + "\n";
+    // A shell that sshd starts reads the startup files of its home, and those of a person may do
+    // anything: one of them once waited a minute for a lock that a killed session had left.
+    mkdir(files_.path("home").c_str(), 0700);
     // the first line of SetEnv is the only one that counts
-    if (!env.empty()) {
-        config += "SetEnv";
-        for (auto const& [name, value] : env)
-            config += " \"" + name + "=" + value + "\"";
-        config += "\n";
-    }
+    config += "SetEnv \"HOME=" + files_.path("home") + "\"";
+    for (auto const& [name, value] : env)
+        config += " \"" + name + "=" + value + "\"";
+    config += "\n";
     files_.write("sshd_config", config);
     for (int attempts = 5; attempts > 0; --attempts)
         if (start())

@@ -11,7 +11,7 @@
 /**
  * A real sshd on a free port of the loopback, run as the test's user, with a host key, a
  * configuration and a key for that user alone, all in a temporary directory. Nobody's own ssh
- * configuration, keys or known hosts are read or written.
+ * configuration, keys or known hosts are read or written, and no startup files of their shell.
  */
 class Ssh_Server {
 public:

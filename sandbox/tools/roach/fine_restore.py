@@ -7,6 +7,7 @@ import subprocess
 from roach.cluster import Instance, Tool_Error, environment, remove_tree
 from roach.postgres import Session, identifier, literal, no_database, no_schema
 from roach.restore import Restore
+from roach.workers import ignore_signals
 
 PORT_DISTANCE = 1000  # of the scratch server's port, which names its socket only
 SETTINGS = {"listen_addresses": "", "autovacuum": "off", "fsync": "off", "ignore_invalid_pages": "on",
@@ -93,9 +94,13 @@ class Fine_Restore(Restore):
             self._remove_scratch()
 
     def _remove_scratch(self):
-        for target in self.targets:
-            if target.data != target.instance.data:
-                remove_tree(target.data)
+        try:
+            # the master, which fails with another machine, may end this one in the middle of it
+            ignore_signals()
+        finally:
+            for target in self.targets:
+                if target.data != target.instance.data:
+                    remove_tree(target.data)
 
     # --- before anything is changed
 

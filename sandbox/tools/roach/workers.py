@@ -22,6 +22,12 @@ def end_by_signal(*numbers):
         signal.signal(number, ended)
 
 
+def ignore_signals():
+    """From now on nothing ends what cleans up."""
+    for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+        signal.signal(number, signal.SIG_IGN)
+
+
 class Worker(object):
     """What a worker sees: its number, what it has done, and the way to its master."""
 
