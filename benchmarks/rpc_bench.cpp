@@ -1,14 +1,11 @@
 // Requests over the agent's own socket and over WebSocket with TLS, against Node: the same client,
 // servers in processes of their own, started at first use and ended with this one.
 #include "agent/rpc/run_keys.h"
-#include "agent/rpc/tls.h"
 #include "agent/rpc/unix_client.h"
-#include "tests/support/temporary_directory.h"
+#include "benchmarks/bench_server.h"
 #include "tests/unit/agent/rpc/tls_client.h"
 
 #include <benchmark/benchmark.h>
-#include <cstdlib>
-#include <unistd.h>
 
 using json_spirit::Object;
 using json_spirit::Value;
@@ -19,56 +16,17 @@ constexpr std::chrono::seconds PATIENCE{30};
 constexpr char REQUEST[] =
     R"({"jsonrpc":"2.0","id":1,"method":"echo","params":{"instance":"gs1","limit":20}})";
 
-/** A process that serves, and ends when its stdin does. */
-class Server {
-public:
-    explicit Server(std::vector<char const*> command) {
-        std::string error;
-        if (!make_self_signed(certificate, files_.path("key"), "localhost", error))
-            throw std::runtime_error(error);
-        std::string const key = files_.path("key");
-        command.insert(command.end(), {socket.c_str(), certificate.c_str(), key.c_str(), nullptr});
-        int in[2];
-        int out[2];
-        if (::pipe2(in, O_CLOEXEC) == -1 || ::pipe2(out, O_CLOEXEC) == -1)
-            throw std::runtime_error("pipe2");
-        if (::fork() == 0) {
-            ::dup2(in[0], STDIN_FILENO);
-            ::dup2(out[1], STDOUT_FILENO);
-            ::setenv("NODE_PATH", "/usr/share/nodejs", 0);
-            ::execvp(command[0], const_cast<char* const*>(command.data()));
-            ::_exit(127);
-        }
-        ::close(in[0]);
-        ::close(out[1]);
-        FILE* const output = ::fdopen(out[0], "r");
-        unsigned number = 0;
-        if (std::fscanf(output, "%u", &number) != 1)
-            throw std::runtime_error(std::string(command[0]) + " does not serve");
-        port = static_cast<unsigned short>(number);
-    }
-
-    unsigned short port = 0;
-
-private:
-    Temporary_Directory files_;
-
-public:
-    std::string const socket = files_.path("socket");
-    std::string const certificate = files_.path("certificate");
-};
-
-Server& ours() {
-    static Server server({RPC_ECHO});
+Bench_Server& ours() {
+    static Bench_Server server({RPC_ECHO});
     return server;
 }
 
-Server& node() {
-    static Server server({"node", RPC_ECHO_JS});
+Bench_Server& node() {
+    static Bench_Server server({"node", RPC_ECHO_JS});
     return server;
 }
 
-void run_unix(benchmark::State& state, Server& server) {
+void run_unix(benchmark::State& state, Bench_Server& server) {
     Unix_Client client;
     std::string error;
     if (!client.connect(server.socket, error))
@@ -81,7 +39,7 @@ void run_unix(benchmark::State& state, Server& server) {
     state.SetItemsProcessed(state.iterations());
 }
 
-void run_websocket(benchmark::State& state, Server& server) {
+void run_websocket(benchmark::State& state, Bench_Server& server) {
     Tls_Client client(server.port, server.certificate);
     if (client.upgrade("bench") != 101)
         return state.SkipWithError("no WebSocket");

@@ -1,6 +1,7 @@
 // A query of the XBSA library for one object among the sets of 1,000 backups with 200 objects each,
 // in a session that has asked before, and the first one of a session; against a look at the times
 // of the 1,000 folders, which any answer needs that is not older than the question.
+#include "benchmarks/bench_server.h"
 #include "benchmarks/private_root.h"
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
@@ -9,9 +10,6 @@
 
 #include <benchmark/benchmark.h>
 #include <boost/algorithm/string/replace.hpp>
-#include <csignal>
-#include <cstdio>
-#include <spawn.h>
 #include <string>
 #include <sys/stat.h>
 #include <vector>
@@ -23,6 +21,8 @@ using namespace json_spirit;
 constexpr int SETS = 1000;
 constexpr int OBJECTS = 200;
 constexpr char POLICIES[] = "/var/cache/quilmot/zenbrak3/gaussdb";
+/** Where the library looks for what its agent is known by. */
+constexpr char CERTIFICATE[] = "/var/opt/quilmot/zenbrak3/agent/backupd.crt";
 constexpr char FIRST_KEY[] = "KEY0000";
 
 std::string key_of(int set) {
@@ -30,35 +30,24 @@ std::string key_of(int set) {
     return "KEY" + digits.substr(1);
 }
 
-/** A pool with that many sets, and an agent without TLS. */
+/** A pool with that many sets, and the agent's own catalog of them behind its port. */
 class Place {
 public:
     static Place& instance() {
         static Place place;
         return place;
     }
-    ~Place() { kill(agent_, SIGTERM); }
     std::filesystem::path sets() const { return files_.path("pool/cluster/xbsa"); }
 
 private:
     Place() {
-        Array uuids;
-        for (int set = 0; set < SETS; ++set)
-            uuids.emplace_back(key_of(set));
         std::filesystem::create_directory(files_.path("pool"));
-        files_.write(
-            "agent.json",
-            to_text(Object_Maker()("world", 1)("key", "key")("sets", std::move(uuids))(
-                "pool", Object_Maker()("uuid", "pool")("url", "file://" + files_.path("pool")))));
-        std::string directory = files_.path(), program = ZENBRAK3_XBSA_AGENT;
-        char* arguments[] = {program.data(), directory.data(), nullptr};
-        posix_spawn(&agent_, program.c_str(), nullptr, nullptr, arguments, environ);
-        while (!files_.exists("port"))
-            usleep(1000);
+        std::filesystem::create_directories(std::filesystem::path(CERTIFICATE).parent_path());
+        std::filesystem::copy_file(agent_.certificate, CERTIFICATE,
+                                   std::filesystem::copy_options::overwrite_existing);
         write_policy("writer", FIRST_KEY);
         write_policy("reader", "");
-        if (!make_first_set())
-            std::abort();
+        make_first_set();
         for (int set = 1; set < SETS; ++set)
             copy_set(key_of(set));
         // a backup a day
@@ -71,22 +60,25 @@ private:
         std::filesystem::create_directories(POLICIES);
         std::ofstream(std::string(POLICIES) + "/" + name)
             << to_text(Object_Maker()("access_key", "key")("backupd_host", "127.0.0.1")(
-                   "backupd_port", std::stoi(files_.read("port")))("backupd_ssl", false)(
+                   "backupd_port", agent_.port)("backupd_ssl", true)(
                    "cluster_id", "cluster")("pool_uuid", "pool")("uuid", set)(
                    "compression", "none")("compression_level", 0));
     }
-    static bool make_first_set() {
+    static void make_first_set() {
+        auto const check = [](int status) {
+            if (status != BSA_RC_SUCCESS)
+                throw std::runtime_error("the first set cannot be made: " + xbsa::last_error());
+        };
         long handle = 0;
-        bool good =
-            xbsa::open(handle, "writer") == BSA_RC_SUCCESS && BSABeginTxn(handle) == BSA_RC_SUCCESS;
-        for (int number = 0; good && number < OBJECTS; ++number) {
+        check(xbsa::open(handle, "writer"));
+        check(BSABeginTxn(handle));
+        for (int number = 0; number < OBJECTS; ++number) {
             BSA_ObjectDescriptor object =
                 xbsa::object(std::string("/") + FIRST_KEY + "/dn_6001/" + std::to_string(number));
-            good = xbsa::put_object(handle, object, "x") == BSA_RC_SUCCESS;
+            check(xbsa::put_object(handle, object, "x"));
         }
-        good = good && BSAEndTxn(handle, BSA_Vote_COMMIT) == BSA_RC_SUCCESS;
+        check(BSAEndTxn(handle, BSA_Vote_COMMIT));
         BSATerminate(handle);
-        return good;
     }
     void copy_set(std::string const& key) const {
         std::filesystem::path const first = sets() / FIRST_KEY;
@@ -105,7 +97,10 @@ private:
     }
 
     Temporary_Directory files_;
-    pid_t agent_ = -1;
+    std::string const database_ = files_.path("agent.db");
+    std::string const pool_ = files_.path("pool");
+    std::string const count_ = std::to_string(SETS);
+    Bench_Server agent_{{CATALOG_SERVER, database_.c_str(), pool_.c_str(), count_.c_str()}};
 };
 
 bool query(long handle, int set, int number) {
