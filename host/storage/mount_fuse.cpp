@@ -6,6 +6,7 @@
 #include "host/storage/pool_file_system.h"
 #include "host/storage/storage_url.h"
 #include "qmrt/format.h"
+#include "qmrt/guarded_file.h"
 #include "qmrt/log.h"
 #include "qmrt/path.h"
 #include "qmrt/scoped_deleter.h"
@@ -20,6 +21,7 @@
 #include <pwd.h>
 #include <sstream>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -27,6 +29,7 @@ namespace {
 
 constexpr size_t THREADS = 4;
 constexpr mode_t MOUNT_POINT_MODE = 0755;
+constexpr mode_t USERS_MOUNT_POINT_MODE = 0700;
 constexpr int64_t CONNECT_WAIT_NS = NS_PER_SECOND;
 
 /** Sends libfuse's own lines, which come in pieces, to our log rather than to stderr. */
@@ -64,6 +67,15 @@ struct Mount_Fuse::Session {
     bool open(std::vector<std::string> const& words, std::string const& where);
     void close();
 
+    /**
+     * The mount point as the kernel is told it, at the mounting and at the unmounting. Root names
+     * the directory that was looked at, since whoever owns one above it may have put another in its
+     * place. fusermount3, which mounts for others, has no descriptors of ours.
+     */
+    std::string place() const {
+        return geteuid() == 0 ? "/proc/self/fd/" + std::to_string(point.get()) : mount_point;
+    }
+
     /** Serves the kernel until it is told to stop or the mount is gone. */
     void serve();
     void stop_threads();
@@ -71,7 +83,8 @@ struct Mount_Fuse::Session {
     Pool_File_System file_system;
     Fuse_Context context{};
     std::shared_ptr<ACE_Log_Msg_Callback> callback;
-    std::string mount_point;
+    std::string mount_point; ///< for messages
+    File_Descriptor point;   ///< the directory that is covered; closed after the unmounting
     File_Descriptor stop;
     fuse* handle = nullptr;
     bool is_mounted = false;
@@ -86,7 +99,7 @@ bool Mount_Fuse::Session::open(std::vector<std::string> const& words, std::strin
         if (fuse_opt_add_arg(&arguments, word.c_str()) == -1)
             return false;
     handle = fuse_new(&arguments, &pool_fuse_operations(), sizeof(fuse_operations), &context);
-    if (!handle || fuse_mount(handle, mount_point.c_str()) != 0)
+    if (!handle || fuse_mount(handle, place().c_str()) != 0)
         return false;
     is_mounted = true;
     int const fd = fuse_session_fd(fuse_get_session(handle));
@@ -221,6 +234,30 @@ bool Mount_Fuse::connect(std::string const& source,
     return static_cast<bool>(result);
 }
 
+/**
+ * Opens the mount point, and makes it when it is absent. That of a user has to be the user's own,
+ * or it would cover what others rely on; its path is followed with that user's rights.
+ */
+File_Descriptor Mount_Fuse::open_mount_point(std::string const& path, uid_t uid) const {
+    As_File_User const rights(uid);
+    File_Descriptor point;
+    if (rights && !path.empty() &&
+        mkdir_p(path.c_str(), user_.empty() ? MOUNT_POINT_MODE : USERS_MOUNT_POINT_MODE) == 0)
+        point.reset(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!point) {
+        QMRT_LOG(LM_ERROR, "Failed to make mount point '%s', errno=%d, %m\n", path.c_str(), errno);
+        return File_Descriptor();
+    }
+    struct stat status;
+    if (fstat(point.get(), &status) == 0 && (user_.empty() || status.st_uid == uid))
+        return point;
+    QMRT_LOG(
+        LM_ERROR,
+        "Failed to mount at %s, the directory does not belong to the user %s; run: chown %s %s\n",
+        path.c_str(), user_.c_str(), user_.c_str(), path.c_str());
+    return File_Descriptor();
+}
+
 bool Mount_Fuse::mount(char const* source, char const* mount_point,
                        std::shared_ptr<ACE_Log_Msg_Callback> callback) {
     std::string const from = source ? source : "";
@@ -239,10 +276,9 @@ bool Mount_Fuse::mount(char const* source, char const* mount_point,
     std::shared_ptr<Storage_Connection> connection;
     if (!find_user(settings.uid, settings.gid) || !connect(from, connection))
         return false;
-    if (to.empty() || mkdir_p(to.c_str(), MOUNT_POINT_MODE) == -1) {
-        QMRT_LOG(LM_ERROR, "Failed to make mount point '%s', errno=%d, %m\n", to.c_str(), errno);
+    File_Descriptor point = open_mount_point(to, settings.uid);
+    if (!point)
         return false;
-    }
     std::vector<std::string> words{"zenbrak3", "-o",
                                    "fsname=zenbrak3,subtype=pool,default_permissions"};
     if (settings.uid != geteuid())
@@ -256,6 +292,7 @@ bool Mount_Fuse::mount(char const* source, char const* mount_point,
     auto session = std::make_unique<Session>(std::move(connection), settings);
     session->context = {&session->file_system, read_mode_ == ASYNC_READ, big_write_};
     session->callback = std::move(callback);
+    session->point = std::move(point);
     if (!session->open(words, to)) {
         QMRT_LOG(LM_ERROR, "Failed to mount %s at %s\n", from.c_str(), to.c_str());
         return false;

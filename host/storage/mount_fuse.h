@@ -2,6 +2,7 @@
 #define HOST_STORAGE_MOUNT_FUSE_H
 
 #include "host/storage/client_io.h"
+#include "qmrt/file.h"
 
 #include <ace/Log_Msg_Callback.h>
 #include <memory>
@@ -46,6 +47,7 @@ public:
     void big_write(bool value) { big_write_ = value; }
     /**
      * The operating-system user to whom all of it belongs and who alone may use it, besides root.
+     * The mount point must belong to that user, and its path is followed with that user's rights.
      * "" is the process's own. An unknown user fails the mount.
      */
     void allow_user_access(std::string const& user) { user_ = user; }
@@ -78,6 +80,7 @@ private:
     [[nodiscard]] bool connect(std::string const& source,
                                std::shared_ptr<Storage_Connection>& connection);
     [[nodiscard]] bool find_user(uid_t& uid, gid_t& gid) const;
+    File_Descriptor open_mount_point(std::string const& path, uid_t uid) const;
 
     Compression_Method compression_ = COMPR_NONE;
     int compression_level_ = 0;

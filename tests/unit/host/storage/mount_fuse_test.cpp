@@ -50,6 +50,10 @@ protected:
                 return true;
         return false;
     }
+    void make_point_of(char const* user) const {
+        std::filesystem::create_directories(point_);
+        ASSERT_EQ(0, chown_r(point_.c_str(), user));
+    }
     int shell(std::string const& command) const {
         return std::system(("cd " + point_ + " && (" + command + ") 2>/dev/null").c_str());
     }
@@ -203,6 +207,7 @@ TEST_F(mount_fuse, the_user_who_is_allowed_may_use_it_and_nobody_else) {
     chmod(directory_.path().c_str(), 0755);
     pool_.store("source/o", "content");
     fuse_.allow_user_access("nobody");
+    make_point_of("nobody");
     ASSERT_TRUE(mount());
     struct stat status;
     ASSERT_EQ(0, stat((point_ + "/o").c_str(), &status));
@@ -222,6 +227,72 @@ TEST_F(mount_fuse, the_user_who_is_allowed_may_use_it_and_nobody_else) {
         EXPECT_EQ(EACCES, errno);
     });
     EXPECT_EQ("x", pool_.stored("source/p"));
+}
+
+TEST_F(mount_fuse, a_users_mount_covers_nothing_that_is_not_the_users) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root mounts for other users";
+    chmod(directory_.path().c_str(), 0755);
+    fuse_.allow_user_access("nobody");
+    std::filesystem::create_directory(point_);
+    EXPECT_FALSE(mount());
+    EXPECT_LOGGED(LM_ERROR, "Failed to mount at " + point_ +
+                                ", the directory does not belong to the user nobody; run: chown "
+                                "nobody " +
+                                point_);
+    // a link is followed with the user's rights, and what it leads to is looked at
+    std::filesystem::create_directory(directory_.path("roots"));
+    std::filesystem::remove(point_);
+    std::filesystem::create_symlink("roots", point_);
+    EXPECT_FALSE(mount());
+    EXPECT_LOGGED(LM_ERROR, "does not belong to the user nobody");
+    std::filesystem::permissions(directory_.path("roots"), std::filesystem::perms(0700));
+    point_ = directory_.path("roots/point");
+    std::filesystem::create_directory(point_);
+    EXPECT_FALSE(mount());
+    EXPECT_LOGGED(LM_ERROR, "Failed to make mount point");
+    EXPECT_FALSE(is_mount_point(point_));
+}
+
+TEST_F(mount_fuse, a_users_mount_point_is_made_with_the_users_rights) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root mounts for other users";
+    chmod(directory_.path().c_str(), 0755);
+    fuse_.allow_user_access("nobody");
+    EXPECT_FALSE(mount()) << "the directory above is root's";
+    EXPECT_LOGGED(LM_ERROR, "Failed to make mount point");
+    EXPECT_FALSE(directory_.exists("point"));
+    chmod(directory_.path().c_str(), 0777);
+    EXPECT_TRUE(mount());
+}
+
+TEST_F(mount_fuse, what_is_mounted_is_unmounted_wherever_its_path_leads_by_then) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "fusermount3, which unmounts for others, is told a path";
+    std::filesystem::create_directories(directory_.path("above/point"));
+    point_ = directory_.path("above/point");
+    ASSERT_TRUE(mount());
+    // who owns a directory above may put another one in its place
+    std::filesystem::rename(directory_.path("above"), directory_.path("moved"));
+    std::filesystem::create_directories(point_);
+    ASSERT_EQ(0, ::mount("tmpfs", point_.c_str(), "tmpfs", 0, "size=64k"));
+    fuse_.unmount();
+    EXPECT_FALSE(is_mount_point(directory_.path("moved/point")));
+    EXPECT_TRUE(is_mount_point(point_)) << "another's mount stays";
+    EXPECT_EQ(0, umount2(point_.c_str(), MNT_DETACH));
+}
+
+TEST_F(mount_fuse, a_mount_on_a_mount_leaves_that_one_alone) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root mounts file systems";
+    std::filesystem::create_directory(point_);
+    ASSERT_EQ(0, ::mount("tmpfs", point_.c_str(), "tmpfs", 0, "size=64k"));
+    std::ofstream(point_ + "/below") << "x";
+    ASSERT_TRUE(mount());
+    EXPECT_FALSE(directory_.exists("point/below"));
+    fuse_.unmount();
+    EXPECT_TRUE(directory_.exists("point/below"));
+    EXPECT_EQ(0, umount2(point_.c_str(), MNT_DETACH));
 }
 
 TEST_F(mount_fuse, one_object_mounts_one_thing_at_a_time) {
