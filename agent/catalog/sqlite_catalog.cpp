@@ -78,7 +78,9 @@ Dropped_Set read_dropped(SQLite::Database& database, int64_t id, Array const& pi
         std::string const path = without_slashes(json_spirit::object_get_str(piece, "path"));
         if (path.empty())
             continue;
-        set.piece_paths.push_back(path);
+        // one name below a uri is never a folder of the pool, such as another resource's
+        if (folder.empty() || path.find('/') != std::string::npos)
+            set.piece_paths.push_back(path);
         if (!folder.empty())
             set.piece_paths.push_back(folder + "/" + path);
     }

@@ -236,12 +236,20 @@ bool Method_Access::own_pieces(Question const& question) {
     return !set || has_own_pieces(question, question.params, set->resource_uuid);
 }
 
-/** What a set's pieces name is removed with it. */
+/** What a set's pieces name is removed with it. One name is in the folder of the set's "uri". */
 bool Method_Access::has_own_pieces(Question const& question, Object const& holder,
                                    std::string const& resource) {
+    auto const is_own = [&](std::string const& path) {
+        return is_below(path, resource) || is_below(path, question.host);
+    };
+    std::string const uri = object_get_str(holder, "uri");
+    if (!uri.empty() && !is_own(uri))
+        return refuse(question.why, "its uri is outside of the folders of resource and host");
     for (Object const& piece : json_spirit::objects_of(array_of(holder, "pieces"))) {
-        std::string const path = object_get_str(piece, "path");
-        if (!is_below(path, resource) && !is_below(path, question.host))
+        std::string path = object_get_str(piece, "path");
+        if (!uri.empty() && path.find('/') == std::string::npos)
+            path = uri + "/" + path;
+        if (!is_own(path))
             return refuse(question.why, "a piece is outside of the folders of resource and host");
     }
     return true;

@@ -68,6 +68,16 @@ protected:
     SQLite_Catalog catalog_{*database_};
 };
 
+TEST_F(Set_Removal_Test, a_piece_of_one_name_is_in_the_folder_of_its_set_alone) {
+    json_spirit::Object row = set("t", "k9", "", "t", 90).dump();
+    row["pieces"] = Array{Object{{"path", "data.zst"}}, Object{{"path", "another-resource"}}};
+    ASSERT_TRUE(catalog_.commit(LIMITS, Recorded_Set("gaussdb", row), false));
+    Set_Removal const removal = remove("t", false);
+    ASSERT_EQ(1u, removal.dropped.size());
+    EXPECT_EQ("a/folder/data.zst, a/folder/another-resource",
+              text(removal.dropped.front().piece_paths));
+}
+
 TEST_F(Set_Removal_Test, a_set_that_none_builds_on_goes_alone) {
     Set_Removal const removal = remove("second", false);
     EXPECT_EQ(Set_Removal::REMOVED, removal.kind);

@@ -260,6 +260,17 @@ TEST_F(Method_Access_Test, a_member_writes_its_own_hosts_sets) {
             strange["pieces"] = Array{Object{{"path", path}}};
             EXPECT_TRUE(member_may(method, set(strange))) << path;
         }
+        for (auto const& [uri, path, allowed] : {std::tuple{"c1/FULL_1", "x.zst", true},
+                                                 {"c1/FULL_1", "c2/x", false},
+                                                 {"c1/FULL_1", "..", false},
+                                                 {"c2/FULL_1", "x.zst", false},
+                                                 {"c1/../c2", "x.zst", false},
+                                                 {"c2/FULL_1", "c1/x", false},
+                                                 {"", "x.zst", false}}) {
+            strange["uri"] = uri;
+            strange["pieces"] = Array{Object{{"path", path}}};
+            EXPECT_EQ(allowed, member_may(method, set(strange))) << uri << " " << path;
+        }
         EXPECT_FALSE(member_may(method)) << "without a set";
     }
     EXPECT_TRUE(member_may("catalog.abort", {{"uuid", "run"}}));
