@@ -46,6 +46,9 @@ public:
     [[nodiscard]] virtual bool query(char const* cmd, std::vector<std::string>& result,
                                      bool log) const = 0;
 
+    /** Whether statements are the work of a job, which may take hours: no Tool_Limits then. */
+    void unlimited(bool value) { is_unlimited_ = value; }
+
 protected:
     GaussDB_Env const& env_;
     std::string username_;
@@ -54,6 +57,7 @@ protected:
     unsigned short port_;
     std::string os_user_;
     std::string host_;
+    bool is_unlimited_ = false; ///< heeded by zsql's client, which runs such statements
 };
 
 using GaussDB_Client_ptr = std::unique_ptr<GaussDB_Client>;

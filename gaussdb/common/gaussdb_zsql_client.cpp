@@ -83,6 +83,8 @@ bool GaussDB_Zsql_Client::query_i(char const* cmd, std::vector<std::string>& res
     Zsql_Query_Line_Handler handler(result, password, &error,
                                     log ? Text_Process_Handler::TPHF_LOG_CMD
                                         : Text_Process_Handler::TPHF_LOG_NONE);
+    if (is_unlimited_)
+        handler.unlimited();
     if (handler.execute(ACE_Process_Ex::REDIRECT_ALL, opts) == 0)
         return true;
     QMRT_LOG(LM_ERROR, "Failed to run cmd '%s', %s\n", cmd, error.c_str());

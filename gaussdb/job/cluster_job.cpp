@@ -7,6 +7,7 @@
 #include "host/job/job_activity.h"
 #include "host/job/job_alert.h"
 #include "host/job/run_hold.h"
+#include "host/process/cancellation.h"
 #include "qmrt/log.h"
 
 #include <ctime>
@@ -52,6 +53,25 @@ std::set<std::string> roach_resources(std::vector<std::string> const& host_uuids
         resources.insert(Run_Hold::policy(host, policy_name));
     }
     return resources;
+}
+
+std::string time_stamp(time_t time) {
+    tm local = {};
+    char text[32] = "";
+    if (localtime_r(&time, &local))
+        strftime(text, sizeof text, "%Y%m%d_%H%M%S", &local);
+    return text;
+}
+
+bool is_canceled(Job_Activity const& activity) {
+    Job_State const state = activity.state;
+    return state == JOB_STATE_CANCELING || state == JOB_STATE_CANCELED ||
+           state == JOB_STATE_ABORTING;
+}
+
+void let_cleanup_run(Job_Activity const& activity) {
+    if (is_canceled(activity))
+        Cancellation::current(nullptr);
 }
 
 void raise_alert(Job& job, unsigned long level, unsigned long code) {

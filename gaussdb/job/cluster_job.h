@@ -3,6 +3,7 @@
 
 #include "gaussdb/common/gaussdb_cluster_handler.h"
 
+#include <ctime>
 #include <set>
 #include <string>
 #include <vector>
@@ -42,6 +43,14 @@ GaussDB_Cluster_Handler_var find_cluster(std::string const& instance);
  */
 std::set<std::string> roach_resources(std::vector<std::string> const& host_uuids,
                                       std::string const& policy_name);
+
+/** A time as it stands in the names of directories, "20200102_030405", in local time. */
+std::string time_stamp(time_t time);
+
+/** True when the run is to end: by a cancel, a stop or an abort. */
+[[nodiscard]] bool is_canceled(Job_Activity const& activity);
+/** Lets the calling thread of a canceled run start programs again, to clean up. */
+void let_cleanup_run(Job_Activity const& activity);
 
 /** Raises an alert that has nothing to add to its two numbers; see write_job_alert(). */
 void raise_alert(Job& job, unsigned long level, unsigned long code);

@@ -11,5 +11,7 @@ json_spirit::Object GaussDB_Backup_Set::dump() const {
         "series", static_cast<int>(series));
     if (!tables.empty())
         object["tables"] = tables;
+    if (!uri.empty())
+        object["uri"] = uri;
     return object;
 }

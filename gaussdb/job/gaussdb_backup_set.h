@@ -11,7 +11,7 @@ public:
 
     /**
      * With a key for each field below, of the field's name, and "nodes_count" for the nodes again;
-     * without "tables" when there are none.
+     * without "tables" and "uri" when there are none.
      */
     json_spirit::Object dump() const override;
 
@@ -27,6 +27,7 @@ public:
     int nodes = 0;                ///< machines of the cluster
     std::string granularity;      ///< "schema" for a set of schemas, "" for one of a whole cluster
     std::string database;         ///< of a set of schemas
+    std::string uri; ///< folder of the pool that the pieces' paths begin in; "" for the pool's own
     /** Databases, schemas and tables in the set: {"uuid", "parent_uuid", "type", "name"} each. */
     json_spirit::Array tables;
     GAUSSDB_VERSION series = GAUSSDB_UNKNOWN;

@@ -5,6 +5,8 @@
 #include "gaussdb/job/gaussdb_non_intrusive_backup_executor.h"
 #include "gaussdb/job/gaussdb_non_intrusive_restore_executor.h"
 #include "gaussdb/job/gaussdb_restore_job_executor.h"
+#include "gaussdb/job/gaussdb_t_backup_executor.h"
+#include "gaussdb/job/gaussdb_t_restore_executor.h"
 #include "gaussdb/job/gaussdb_utils.h"
 #include "gaussdb/job/job_definition_rules.h"
 #include "job/controllable_job_t.h"
@@ -63,7 +65,8 @@ Job_var GaussDB_Job_Creator::create(Job_Definition_var definition) {
         return Job_var();
     switch (flavour_of(*definition)) {
     case GAUSSDB_T:
-        return refuse(*definition, "GaussDB T");
+        return is_backup ? make_job<Default_Job_T<GaussDB_T_Backup_Executor>>(definition)
+                         : make_job<Default_Job_T<GaussDB_T_Restore_Executor>>(definition);
     case GAUSSDB_DWS:
     case GAUSSDB_FOR_OPENGAUSS:
         return is_backup ? make_job<Controllable_Job_T<GaussDB_Non_Intrusive_Backup_Job_Executor>>(

@@ -2,6 +2,7 @@
 
 #include "gaussdb/common/gaussdb_cmd_handler.h"
 #include "gaussdb/common/gaussdb_non_intrusive_record.h"
+#include "gaussdb/job/cluster_job.h"
 #include "gaussdb/job/gaussdb_utils.h"
 #include "gaussdb/job/roach_executor.h"
 #include "host/agent/host_manager.h"
@@ -135,17 +136,6 @@ void remove_lines(std::string const& path, std::string const& address,
     if (!execute_ssh_command(address, ssh_opts, command, ignored) &&
         !execute_ssh_command(address, ssh_opts, command, ignored))
         QMRT_LOG(LM_WARNING, "Failed to remove %s on %s\n", path.c_str(), address.c_str());
-}
-
-bool is_canceled(Job_Activity const& activity) {
-    Job_State const state = activity.state;
-    return state == JOB_STATE_CANCELING || state == JOB_STATE_CANCELED ||
-           state == JOB_STATE_ABORTING;
-}
-
-void let_cleanup_run(Job_Activity const& activity) {
-    if (is_canceled(activity))
-        Cancellation::current(nullptr);
 }
 
 void stop_tool_on_cancel(Job& job, std::string const& address, ACE_Event& event,

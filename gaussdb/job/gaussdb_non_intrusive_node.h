@@ -107,11 +107,6 @@ std::vector<std::string> policy_hosts(GAUSSDB_VERSION flavour, std::string const
  * failure. */
 void remove_lines(std::string const& path, std::string const& address, std::string const& ssh_opts);
 
-/** True when the run is to end: by a cancel, a stop or an abort. */
-[[nodiscard]] bool is_canceled(Job_Activity const& activity);
-/** Lets the calling thread of a canceled run start programs again, to clean up on the nodes. */
-void let_cleanup_run(Job_Activity const& activity);
-
 /**
  * Stops the tool on the node once the run is canceled; returns then or when the event is signalled.
  * A run that was cancelled by Job::abort_now() has lost its ssh at once, and not the tool on the

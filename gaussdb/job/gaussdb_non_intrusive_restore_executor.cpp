@@ -25,20 +25,6 @@ using json_spirit::extract_or_throw;
 
 using Restore = GaussDB_Non_Intrusive_Restore_Job_Executor;
 
-namespace {
-
-/** The present local time as it stands in the name of a directory. */
-std::string time_stamp() {
-    time_t const now = time(nullptr);
-    tm local = {};
-    char text[32] = "";
-    if (localtime_r(&now, &local))
-        strftime(text, sizeof text, "%Y%m%d_%H%M%S", &local);
-    return text;
-}
-
-} // namespace
-
 Restore::GaussDB_Non_Intrusive_Restore_Job_Executor(Job& job)
     : Job_Executor_T(job), GaussDB_Non_Intrusive_Run(job) {}
 
@@ -282,8 +268,8 @@ bool Restore::generate_dws_restore_cmd(std::string& cmd) {
         return false;
     if (is_rebuild && !check_bare_names({{"database", schema_database_, names::fault_of_database}}))
         return false;
-    restore_meta_path_ =
-        string_sprintf("/home/%s/zenbrak3_meta_%s", user.c_str(), time_stamp().c_str());
+    restore_meta_path_ = string_sprintf("/home/%s/zenbrak3_meta_%s", user.c_str(),
+                                        time_stamp(time(nullptr)).c_str());
 
     Remote_Command line(cmd);
     line.add("GaussRoach.py")

@@ -122,6 +122,16 @@ std::string fault_of_compression(GaussDB_Backup_Job_Options const& options) {
                           options.compression_level_, method ? method : "no compression", most);
 }
 
+/** GaussDB T writes its backups there, and the statement names it between quotes. */
+std::string fault_of_cache_dir(GaussDB_Backup_Job_Options const& options, Flavour const& flavour) {
+    if (flavour.bit != F_T)
+        return "";
+    if (options.cache_dir_.empty())
+        return std::string("options: \"cache_dir\" is absent, but ") + flavour.name + " needs it";
+    std::string const fault = names::fault_of_bare_path(options.cache_dir_);
+    return fault.empty() ? "" : "options: \"cache_dir\" " + fault;
+}
+
 /** An entry is a whole instance, or a part of the shape that @a is_part says. */
 template <typename Is_Part>
 std::string fault_of_entries(std::vector<std::string> const& entries, std::string const& instance,
@@ -158,6 +168,7 @@ std::string fault_of_backup(GaussDB_Backup_Job_Options const* options,
     return first_of(
         {options ? fault_of_options(given_options(*options), flavour) : "",
          options ? fault_of_compression(*options) : "",
+         options ? fault_of_cache_dir(*options, flavour) : "",
          source ? fault_of_entries(source->entries_, source->instance_, F_DWS, flavour, is_schema)
                 : ""});
 }

@@ -156,14 +156,14 @@ TEST(Definition, a_backup_that_cannot_be_restored_says_what_is_missing) {
     EXPECT_TRUE(definition.empty());
 }
 
-TEST(Definition, a_cluster_over_ssh_gets_a_number_of_streams) {
+TEST(Definition, a_flavour_that_has_no_number_of_its_own_gets_a_number_of_streams) {
     auto const channels = [](int version, Job_Wishes const& wishes) {
         Object const options = backup(wishes, {{"name", "c"}, {"uuid", "u"}, {"version", version}})
                                    .at("options")
                                    .get_obj();
         return json_spirit::object_get_any(options, "channels");
     };
-    for (int const version : {4, 5}) {
+    for (int const version : {3, 4, 5}) {
         EXPECT_EQ(Value(4), channels(version, {}));
         Job_Wishes wishes;
         wishes.channels = 2;

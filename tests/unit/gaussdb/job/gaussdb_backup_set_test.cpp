@@ -58,6 +58,13 @@ TEST(GaussDB_Backup_Set, shows_what_tables_it_holds_when_it_knows) {
     EXPECT_EQ(Value(set.tables), set.dump().at("tables"));
 }
 
+TEST(GaussDB_Backup_Set, shows_its_folder_when_its_pieces_are_named_from_there) {
+    GaussDB_Backup_Set set = filled();
+    EXPECT_FALSE(set.dump().count("uri"));
+    set.uri = "resource/FULL_1";
+    EXPECT_EQ(Value("resource/FULL_1"), set.dump().at("uri"));
+}
+
 TEST(GaussDB_Backup_Set, is_found_in_the_catalog_under_its_database) {
     Fake_Catalog catalog;
     GaussDB_Backup_Set set = filled();

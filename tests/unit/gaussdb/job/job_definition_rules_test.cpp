@@ -108,7 +108,9 @@ TEST(Job_Definition_Rules, a_backup_option_is_that_of_its_flavours) {
                     {"clean_meta", "true", DWS},
                     {"cache_dir", "\"/x\"", ONLY_T},
                     {"logging_level", "\"INFO\"", DWS}},
-                   [](std::string const& text, GAUSSDB_VERSION flavour) {
+                   [](std::string text, GAUSSDB_VERSION flavour) {
+                       if (flavour == GAUSSDB_T && text.find("cache_dir") == text.npos)
+                           text.insert(text.size() - 1, R"(,"cache_dir":"/x")");
                        return fault_of_backup(text, flavour);
                    });
 }
@@ -130,11 +132,24 @@ TEST(Job_Definition_Rules, a_restore_option_is_that_of_its_flavours) {
 
 TEST(Job_Definition_Rules, a_default_is_as_good_as_nothing) {
     for (auto const& [flavour, name] : FLAVOURS) {
+        std::string const cache_dir = flavour == GAUSSDB_T ? "/x" : "";
         EXPECT_EQ("", fault_of_backup(R"({"mount":false,"filesplit_size":4294967296,
-            "cbm_recycle_level":-1,"cache_dir":"","cpu_cores":0})",
+            "cbm_recycle_level":-1,"cpu_cores":0,"cache_dir":")" +
+                                          cache_dir + "\"}",
                                       flavour));
         EXPECT_EQ("", fault_of_restore(R"({"restore_time":"","xml_config_path":""})", flavour));
     }
+}
+
+TEST(Job_Definition_Rules, what_the_database_writes_into_is_one_plain_path) {
+    EXPECT_EQ("options: \"cache_dir\" is absent, but GaussDB T needs it",
+              fault_of_backup(R"({"mount":true})", GAUSSDB_T));
+    EXPECT_EQ("", fault_of_backup(R"({"cache_dir":"/var/gaussdb/backup"})", GAUSSDB_T));
+    EXPECT_EQ("options: \"cache_dir\" is not an absolute path",
+              fault_of_backup(R"({"cache_dir":"backup"})", GAUSSDB_T));
+    for (char const* path : {"/a b", "/a'b", "/a;b", "/a/../b"})
+        EXPECT_NE("", fault_of_backup(std::string(R"({"cache_dir":")") + path + "\"}", GAUSSDB_T))
+            << path;
 }
 
 TEST(Job_Definition_Rules, a_level_is_one_of_its_method) {
