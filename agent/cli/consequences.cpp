@@ -68,6 +68,17 @@ std::string newest_text(Array const& backups, std::string const& uuid) {
            (object_get_str(newest, "uuid") == uuid ? ", this one" : "");
 }
 
+/** Those that a set of schemas lists. */
+std::vector<std::string> schemas_of(Object const& set) {
+    Array tables;
+    std::vector<std::string> schemas;
+    json_spirit::object_get(set, "tables", tables);
+    for (Object const& one : json_spirit::objects_of(tables))
+        if (object_get_str(one, "type") == "schema")
+            schemas.push_back(object_get_str(one, "name"));
+    return schemas;
+}
+
 /** The sets that build on one, directly or not, with it. */
 std::set<std::string> with_dependents(Array const& backups, Object const& set) {
     std::set<std::string> uuids{object_get_str(set, "uuid")};
@@ -100,11 +111,21 @@ Consequences restore_consequences(Command_Context& context, Object const& set,
                                                                number_of(set, "backup_end_time")))
                                   : "all that " + name + " holds"},
         {"Last backup of " + name, newest_text(backups_of(context, target, 1), uuid)}};
+    std::string& what_is_lost = result.lines[2].second;
     if (!tables.empty()) {
         result.title = "This restores tables to instance " + name + ", which goes on running.";
-        result.lines[2].second = "a table that has a target's name already";
+        what_is_lost = "a table that has a target's name already";
         for (std::string const& table : tables)
             result.lines.emplace_back("Table", printable(table));
+    } else if (object_get_str(set, "granularity") == "schema") {
+        // the set of a few schemas: no other database is touched
+        result.title = "This rebuilds schemas of database " +
+                       text_or_unknown(object_get_str(set, "database")) + " of instance " + name +
+                       ", which goes on running.";
+        what_is_lost = "what these schemas hold, unless the backup tool refuses schemas that are "
+                       "not empty; nothing else";
+        for (std::string const& schema : schemas_of(set))
+            result.lines.emplace_back("Schema", printable(schema));
     }
     return result;
 }

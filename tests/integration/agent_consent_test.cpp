@@ -124,6 +124,36 @@ TEST_F(Consent_Test, a_restore_tells_what_it_overwrites_and_what_is_lost) {
     EXPECT_THAT(out(), HasSubstr("Last backup of rehearsal:  none\n"));
 }
 
+TEST_F(Consent_Test, a_restore_of_schemas_tells_that_only_they_are_rebuilt) {
+    Object set{{"uuid", "b-1"},           {"instance", "prod"},    {"type", "full"},
+               {"resource_uuid", "u-1"},  {"backup_key", "k1"},    {"backup_end_time", 1795314600},
+               {"granularity", "schema"}, {"database", "sh\033op"}};
+    set["tables"] = Array{Object{{"type", "database"}, {"name", "shop"}},
+                          Object{{"type", "schema"}, {"name", "sale"}},
+                          Object{{"type", "table"}, {"name", "orders"}},
+                          Object{{"type", "schema"}, {"name", "archive"}}};
+    agent_->on("backup.show", set);
+    EXPECT_EQ(0, run({"restore", "b", "--dry-run"}));
+    EXPECT_THAT(out(),
+                testing::StartsWith("This rebuilds schemas of database sh\\x1bop of instance "
+                                    "prod, which goes on running.\n"));
+    EXPECT_THAT(out(), HasSubstr("Lost:                 what these schemas hold, unless "));
+    EXPECT_THAT(out(), HasSubstr("Schema:               sale\n"));
+    EXPECT_THAT(out(), HasSubstr("Schema:               archive\n"));
+    EXPECT_THAT(out(), Not(HasSubstr("orders")));
+    EXPECT_THAT(out(), Not(HasSubstr("overwrites")));
+    EXPECT_THAT(out(), Not(HasSubstr("all changes")));
+    EXPECT_EQ(0, run({"restore", "b", "--dry-run", "--table", "shop.sale.orders"}));
+    EXPECT_THAT(out(), testing::StartsWith("This restores tables to instance prod, "));
+    EXPECT_THAT(out(), Not(HasSubstr("Schema:")));
+    set.erase("tables");
+    set.erase("database");
+    agent_->on("backup.show", set);
+    EXPECT_EQ(0, run({"restore", "b", "--dry-run"}));
+    EXPECT_THAT(out(),
+                testing::StartsWith("This rebuilds schemas of database unknown of instance"));
+}
+
 TEST_F(Consent_Test, a_removal_of_a_backup_tells_what_goes_and_what_is_left) {
     EXPECT_EQ(0, run({"backup", "remove", "b", "--dry-run", "--with-dependents"}));
     EXPECT_THAT(out(), HasSubstr("This removes 3 backups of instance prod with the data"));
