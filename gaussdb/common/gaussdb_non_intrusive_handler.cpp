@@ -2,10 +2,12 @@
 
 #include "gaussdb/common/gaussdb_cmd_handler.h"
 #include "gaussdb/common/gaussdb_non_intrusive_client.h"
+#include "gaussdb/common/gaussdb_non_intrusive_record.h"
 #include "gaussdb/common/xbsa_link.h"
 #include "json_spirit/access.h"
 #include "qmrt/format.h"
 #include "qmrt/log.h"
+#include "qmrt/names.h"
 
 #include <cerrno>
 
@@ -62,6 +64,14 @@ bool GaussDB_Non_Intrusive_Handler::init(char const*) {
     }
     if (!check_address(found.cn_address))
         return false;
+    // a record of an earlier release may have what is refused now
+    if (std::string const fault = fault_of_non_intrusive_record(record.extend_attrs);
+        !fault.empty()) {
+        QMRT_LOG(LM_ERROR,
+                 "Invalid record of instance %s: %s; correct it with zenbrak3 instance change\n",
+                 names::shown(record.name).c_str(), fault.c_str());
+        return false;
+    }
     found.cn_port = 0;
     bool const is_ready = gaussdb_version_.model_ == GAUSSDB_FOR_OPENGAUSS
                               ? init_for_opengauss(found)

@@ -74,8 +74,9 @@ bool read_access(GaussDB_Cluster_Handler const& cluster, Non_Intrusive_Access& a
         return false;
     std::string const fault = fault_of_non_intrusive_record(info.extend_attrs);
     if (!fault.empty())
-        QMRT_LOG(LM_ERROR, "Invalid record of instance %s: %s\n", names::shown(info.name).c_str(),
-                 fault.c_str());
+        QMRT_LOG(LM_ERROR,
+                 "Invalid record of instance %s: %s; correct it with zenbrak3 instance change\n",
+                 names::shown(info.name).c_str(), fault.c_str());
     return fault.empty();
 }
 

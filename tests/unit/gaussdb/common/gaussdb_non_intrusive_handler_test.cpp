@@ -30,6 +30,7 @@ protected:
     /** Gives a handler this record and initialises it. */
     static bool init(GaussDB_Non_Intrusive_Handler& handler, json_spirit::Object const& record) {
         GaussDB_Cluster_Info info;
+        info.name = "c1";
         info.extend_attrs = record;
         handler.info(info);
         return handler.init("ignored");
@@ -105,10 +106,11 @@ TEST_F(Non_Intrusive_Handler_Test, a_port_that_nobody_tells_is_no_failure) {
 TEST_F(Non_Intrusive_Handler_Test, the_records_texts_replace_the_defaults) {
     host_.tools.prints("ssh", "port=8000");
     GaussDB_Non_Intrusive_Handler handler(DWS);
-    ASSERT_TRUE(init(handler, json_spirit::Object_Maker()("address", "cn1.example")(
-                                  "source_commands", "source ~/env; ")("ssh_options", "-p 2222")));
-    EXPECT_THAT(host_.tools.call("ssh").args,
-                ElementsAre("ssh", "-p", "2222", "cn1.example", "source ~/env; " + COORDINATOR));
+    ASSERT_TRUE(
+        init(handler, json_spirit::Object_Maker()("address", "cn1.example")(
+                          "source_commands", "source ~/env; ")("ssh_options", "-o Port=2222")));
+    EXPECT_THAT(host_.tools.call("ssh").args, ElementsAre("ssh", "-o", "Port=2222", "cn1.example",
+                                                          "source ~/env; " + COORDINATOR));
 }
 
 TEST_F(Non_Intrusive_Handler_Test, empty_source_commands_mean_no_prefix) {
@@ -149,6 +151,32 @@ TEST_F(Non_Intrusive_Handler_Test, an_address_that_ssh_would_take_for_more_is_re
         EXPECT_LOGGED(LM_ERROR, "Invalid address '" + std::string(address) + "', nothing is run\n");
     }
     EXPECT_EQ(0u, host_.tools.calls("ssh"));
+}
+
+TEST_F(Non_Intrusive_Handler_Test, a_record_that_is_not_accepted_any_more_runs_nothing) {
+    host_.tools.prints("ssh", "port=8000");
+    GaussDB_Non_Intrusive_Handler handler(DWS);
+    for (auto const& [key, text] : {std::pair{"ssh_options", "-o ProxyCommand=id"},
+                                    {"ssh_options", "-o StrictHostKeyChecking=no"},
+                                    {"ssh_options", "-p 22"},
+                                    {"ssh_options", "-F/tmp/config"},
+                                    {"source_commands", "x' ; id '"},
+                                    {"address", "-p"},
+                                    {"address", "n1;id"},
+                                    {"meta_path", "/x;id"}}) {
+        json_spirit::Object record{{"address", "10.0.0.1"}};
+        record[key] = text;
+        EXPECT_FALSE(init(handler, record)) << text;
+        if (text != std::string("-p"))
+            EXPECT_LOGGED(LM_ERROR, "Invalid record of instance c1: " + std::string(key) + " '" +
+                                        text + "' ");
+    }
+    EXPECT_LOGGED(LM_ERROR, "Invalid address '-p', nothing is run\n");
+    std::string status;
+    bool balanced = false;
+    EXPECT_FALSE(handler.get_status(status, balanced));
+    EXPECT_EQ(0u, host_.tools.calls("ssh"));
+    EXPECT_FALSE(host_.exists(host_.SYSTEM_LINK));
 }
 
 TEST_F(Non_Intrusive_Handler_Test, without_an_address_no_status_is_asked) {

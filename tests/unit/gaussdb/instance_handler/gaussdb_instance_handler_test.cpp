@@ -228,14 +228,14 @@ TEST_F(Instance_Handler_Test, a_tpops_instance_that_is_known_is_left_alone) {
 
 TEST_F(Instance_Handler_Test, a_dws_instance_comes_back_with_its_options) {
     host_.tools.prints("ssh", "port=8000");
-    record("dws", with(dws(), "ssh_options", "-p 2222"));
+    record("dws", with(dws(), "ssh_options", "-o Port=2222"));
     probe();
     GaussDB_Cluster_Handler_var const handler = manager_.get_cluster("dws");
     ASSERT_FALSE(handler.null());
     EXPECT_TRUE(handler->get_gaussdb_version() == GaussDB_Version(GAUSSDB_DWS, 8, 2, 1));
     EXPECT_EQ("dws", handler->info().name);
-    EXPECT_THAT(host_.tools.call("ssh").args,
-                ElementsAre("ssh", "-p", "2222", "10.0.0.1", testing::HasSubstr("gs_guc check")));
+    EXPECT_THAT(host_.tools.call("ssh").args, ElementsAre("ssh", "-o", "Port=2222", "10.0.0.1",
+                                                          testing::HasSubstr("gs_guc check")));
 }
 
 TEST_F(Instance_Handler_Test, an_opengauss_instance_comes_back_too) {
@@ -253,6 +253,18 @@ TEST_F(Instance_Handler_Test, a_dws_instance_whose_init_fails_stays_known) {
     EXPECT_TRUE(manager_.cluster_exists("dws"));
     EXPECT_LOGGED(LM_ERROR, "Failed to get GaussDB cluster ip address.\n");
     EXPECT_LOGGED(LM_WARNING, "Failed to init gaussdb instance dws.\n");
+}
+
+TEST_F(Instance_Handler_Test, a_dws_record_with_options_that_are_refused_runs_nothing) {
+    record("dws", with(dws(), "ssh_options", "-o ProxyCommand=id"));
+    probe();
+    EXPECT_TRUE(manager_.cluster_exists("dws"));
+    EXPECT_LOGGED(LM_ERROR, "Invalid record of instance dws: ssh_options '-o ProxyCommand=id' ");
+    EXPECT_LOGGED(LM_WARNING, "Failed to init gaussdb instance dws.\n");
+    std::string state;
+    EXPECT_EQ("error", handler_.get_state("dws", state));
+    EXPECT_LOGGED(LM_ERROR, "GaussDB_Instance_Handler::get_state error.\n");
+    EXPECT_EQ(0u, host_.tools.calls("ssh"));
 }
 
 TEST_F(Instance_Handler_Test, a_dws_record_of_the_wrong_kind_is_a_failing_init) {
