@@ -22,9 +22,9 @@ namespace {
 constexpr char MARK[] = "zenbrak3_way_in";
 /** The tool's metadata of a backup takes much less than its data. */
 constexpr uint64_t LEAST_ROOM = uint64_t(64) << 20;
-constexpr char const* DWS_TOOLS[] = {"GaussRoach.py", "gs_check", "gs_om", "gs_guc", "gsql"};
-constexpr char const* OPENGAUSS_TOOLS[] = {"GaussRoach.py", "gs_check", "gs_om", "gs_guc",
-                                           "cm_ctl"};
+constexpr char BACKUP_TOOL[] = "GaussRoach.py";
+constexpr char const* DWS_TOOLS[] = {BACKUP_TOOL, "gs_check", "gs_om", "gs_guc", "gsql"};
+constexpr char const* OPENGAUSS_TOOLS[] = {BACKUP_TOOL, "gs_check", "gs_om", "gs_guc", "cm_ctl"};
 
 /** What ssh says of a way in that is closed, what that means, and what to do. */
 struct Way_In_Fault {
@@ -69,6 +69,18 @@ std::string last_line(std::string const& text) {
 std::vector<std::string> words_of(std::string const& line) {
     std::istringstream stream(line);
     return {std::istream_iterator<std::string>(stream), {}};
+}
+
+/** Of a line such as "gs_om (GaussDB 8.2.1 build 39c1) compiled at ...", what is in the brackets.
+ */
+std::string version_in(std::string const& output) {
+    for (std::string const& line : lines_of(output)) {
+        size_t const open = line.find('(');
+        size_t const close = line.find(')', open);
+        if (open != std::string::npos && close != std::string::npos)
+            return names::shown(line.substr(open + 1, close - open - 1));
+    }
+    return "which does not tell its version";
 }
 
 char const* flavour_name(GAUSSDB_VERSION model) {
@@ -240,13 +252,30 @@ void GaussDB_Node_Check::tools() {
         auto const path = std::ranges::find_if(found, [&](std::string const& line) {
             return line.starts_with('/') && line.ends_with(std::string("/") + tool);
         });
-        if (path != found.end())
+        if (path != found.end() && tool == std::string_view(BACKUP_TOOL))
+            backup_tool(names::shown(*path));
+        else if (path != found.end())
             good(std::string("tool ") + tool, names::shown(*path));
         else
             bad(std::string("tool ") + tool, "not found on the PATH of " + user_ + " there",
                 "put its directory on the PATH by the source commands, now \"" +
                     names::shown(prefix()) + "\"");
     }
+}
+
+/** Runs it. A release that knows no --version says so in its own words, and runs all the same. */
+void GaussDB_Node_Check::backup_tool(std::string const& path) {
+    constexpr char WRONG_PARAMETER[] = "[GAUSS-500";
+    std::string const subject = std::string("tool ") + BACKUP_TOOL;
+    std::string output;
+    int const status = ask(prefix() + BACKUP_TOOL + " --version", output);
+    if (status == 0 || output.find(WRONG_PARAMETER) != std::string::npos)
+        return good(subject, path + ", " + version_in(status == 0 ? output : ""));
+    bad(subject, path + " does not run: " + last_line(output),
+        "run it there as " + user_ + " until it works: " + BACKUP_TOOL +
+            " --version. It needs its Python and the environment that the source commands bring, "
+            "now \"" +
+            names::shown(prefix()) + "\"");
 }
 
 void GaussDB_Node_Check::nodes() {

@@ -28,6 +28,7 @@ private:
     [[nodiscard]] bool way_in();
     [[nodiscard]] bool version();
     void tools();
+    void backup_tool(std::string const& path);
     void nodes();
     void data_service();
     void media_list();

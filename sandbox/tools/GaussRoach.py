@@ -9,6 +9,7 @@
     GaussRoach.py -t start [--media-type NBU] [--restore-new-cluster [-X XML]]
     GaussRoach.py -t stop
     GaussRoach.py -t show --metadata-destination DIRECTORY
+    GaussRoach.py --version
 
 The data warehouse and openGauss have lines of their own, see roach/remote_options.py; there "stop" ends
 the operation that runs.
@@ -242,12 +243,12 @@ def run(arguments):
     if "-?" in given or "--help" in given:
         print(__doc__)
         return 0
+    if set(given) == {"--version"}:
+        print(Cluster().release.version_line("GaussRoach.py"))
+        return 0
     if given.get("-t") not in ACTIONS:
         raise Tool_Error("[GAUSS-50004] : The parameter '-t' value is incorrect.")
     cluster = Cluster()
-    if "--version" in given:
-        print(cluster.release.version_line("GaussRoach.py"))
-        return 0
 
     end_by_signal(signal.SIGTERM, signal.SIGINT)
     if cluster.release.is_remote:

@@ -28,8 +28,9 @@ protected:
         tool("gs_guc", "echo \"port='8000'\"");
         tool("gsql", "echo 3");
         tool("cm_ctl", "echo nodeCount:2");
-        for (char const* name : {"GaussRoach.py", "gs_om"})
-            tool(name, "true");
+        tool("gs_om", "true");
+        tool("GaussRoach.py", "test \"$*\" = --version && echo 'GaussRoach.py (GaussDB 8.2.1 build "
+                              "39c1) compiled at 2021-06-30'");
         std::ofstream(home() + "/media.txt") << "10.0.0.1\n10.0.0.2\n";
         files_.write("known_hosts", server_.known_host());
         EXPECT_EQ(0, socket_.open(ACE_INET_Addr(u_short(0), "127.0.0.1")));
@@ -216,6 +217,36 @@ TEST_F(Node_Check_Test, a_tool_that_is_not_on_the_path) {
     expect_bad("tool GaussRoach.py", "not found on the PATH", files_.path("bin"));
     expect_good("tool gs_om", "");
     EXPECT_TRUE(has("nodes")) << "the rest is looked at";
+}
+
+TEST_F(Node_Check_Test, the_backup_tool_tells_its_version) {
+    run({}, Instance_Handler::TO_DECLARE);
+    EXPECT_EQ(files_.path("bin/GaussRoach.py") + ", GaussDB 8.2.1 build 39c1",
+              line("tool GaussRoach.py").text);
+    for (char const* silent :
+         {"echo '[GAUSS-50000] : Unrecognized parameter: --version' >&2; exit 1", "echo ')5.1('"}) {
+        tool("GaussRoach.py", silent);
+        run({}, Instance_Handler::TO_DECLARE);
+        expect_good("tool GaussRoach.py", "bin/GaussRoach.py, which does not tell its version");
+    }
+    tool("GaussRoach.py", "printf '(\\033[2J8.2.1)'");
+    run({}, Instance_Handler::TO_DECLARE);
+    EXPECT_EQ(std::string::npos, line("tool GaussRoach.py").text.find('\033'));
+}
+
+TEST_F(Node_Check_Test, a_backup_tool_that_does_not_run) {
+    for (auto const& [script, said] :
+         {std::pair{"echo '[GAUSS-51802] : Failed to obtain the environment variable [GAUSSHOME].' "
+                    ">&2; exit 1",
+                    "does not run: [GAUSS-51802]"},
+          {"exec /no/such/python3", "/no/such/python3"},
+          {"exit 3", "nothing was printed"}}) {
+        tool("GaussRoach.py", script);
+        run({}, Instance_Handler::TO_DECLARE);
+        expect_bad("tool GaussRoach.py", said, "GaussRoach.py --version");
+        expect_bad("tool GaussRoach.py", files_.path("bin/GaussRoach.py"), files_.path("bin"));
+        EXPECT_TRUE(has("nodes")) << "the rest is looked at";
+    }
 }
 
 TEST_F(Node_Check_Test, a_wrong_prefix) {
