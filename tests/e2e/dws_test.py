@@ -117,6 +117,23 @@ class Dws_Test(Whole_Cluster_Tests, unittest.TestCase):
         self.assertEqual("completed", run["state"], run["log"])
         self.assertEqual(rows, self.shop())
 
+    def test_tables_go_where_others_have_their_names(self):
+        question = "select count(*), sum(hashtext(t::text)) from %s t"
+        orders, archive = [self.cluster.sql(question % table, "shop")
+                           for table in ("sale.orders", "archive.orders")]
+        self.cluster.sql("delete from sale.orders; delete from archive.orders", "shop")
+        # two change places
+        run = self.restore_tables(self.whole, "sale/orders/archive/orders", "archive/orders/sale/orders",
+                                  "sale/stock/archive/stock")
+        self.assertEqual("completed", run["state"], run["log"])
+        self.assertEqual(archive, self.cluster.sql(question % "sale.orders", "shop"))
+        self.assertEqual(orders, self.cluster.sql(question % "archive.orders", "shop"))
+        self.assertEqual(["500"] * 3, self.cluster.sql("select count(*) from archive.stock", "shop"))
+        # and this one's new schema has a table of its old name
+        run = self.restore_tables(self.whole, "archive/orders/sale/old_orders")
+        self.assertEqual("completed", run["state"], run["log"])
+        self.assertEqual(archive, self.cluster.sql(question % "sale.old_orders", "shop"))
+
     def test_a_table_without_a_place_changes_nothing(self):
         rows = self.shop()
         for entry, reason in (("sale/orders/nowhere/orders", "The schema nowhere does not exist"),

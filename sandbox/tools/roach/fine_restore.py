@@ -178,8 +178,12 @@ class Fine_Restore(Restore):
         session = server.session(self.database)
         script, words = b"", []
         try:
-            for source, target in self.fine["tables"]:
-                rename(session, source, target, instance)
+            moves = [(source, target, "roach_scratch_%d" % number)
+                     for number, (source, target) in enumerate(self.fine["tables"])]
+            for source, target, own in moves:
+                move_out(session, source, target, own, instance)
+            for _, target, own in moves:
+                move_in(session, own, target)
                 script += ("drop table if exists %s;\n" % identifier(*target)).encode()
                 words += ["-t", identifier(*target)]
         finally:
@@ -202,20 +206,22 @@ class Fine_Restore(Restore):
         load(instance, self.database, empty + script)
 
 
-def rename(session, source, target, instance):
-    """Gives a table of the scratch server the name that it is to have, and its indexes and sequences
-    names that nothing else has."""
+# Each table first moves to a schema of its own in the scratch server: its old and its new place may have
+# other tables of its names, which may be wanted, too.
+
+def move_out(session, source, target, own, instance):
+    """Moves a table of the scratch server to the new schema `own`, and gives it the name that it is to have,
+    and its indexes and sequences names that nothing else has."""
     if not session.run("select 1 from pg_tables where schemaname = %s and tablename = %s"
                        % tuple(map(literal, source))):
         raise Tool_Error("[GAUSS-53213] : The backup has no table %s on %s."
                          % (".".join(source), instance.name))
-    session.run("create schema if not exists %s" % identifier(target[0]))
-    if source[0] != target[0]:
-        session.run("alter table %s set schema %s" % (identifier(*source), identifier(target[0])))
+    session.run("create schema %s" % identifier(own))
+    session.run("alter table %s set schema %s" % (identifier(*source), identifier(own)))
     if source[1] == target[1]:
         return
-    session.run("alter table %s rename to %s" % (identifier(target[0], source[1]), identifier(target[1])))
-    name = literal(identifier(*target))
+    session.run("alter table %s rename to %s" % (identifier(own, source[1]), identifier(target[1])))
+    name = literal(identifier(own, target[1]))
     belonging = session.run(
         "select relname, relkind from pg_class join (select indexrelid as oid from pg_index where "
         "indrelid = %s::regclass union select objid from pg_depend where deptype = 'a' and "
@@ -223,5 +229,17 @@ def rename(session, source, target, instance):
         % (name, name))
     for number, (old, kind) in enumerate(belonging, 1):
         session.run("alter %s %s rename to %s" % (
-            "index" if kind == "i" else "sequence", identifier(target[0], old),
+            "index" if kind == "i" else "sequence", identifier(own, old),
             identifier("%s_%s%d" % (target[1], "idx" if kind == "i" else "seq", number))))
+
+
+def move_in(session, own, target):
+    """Moves that table to its new schema, where what has a name of it gets another one."""
+    session.run("create schema if not exists %s" % identifier(target[0]))
+    names = "select relname from pg_class where relnamespace = %s::regnamespace"
+    for oid, name in session.run("select oid, relname from pg_class where relnamespace = %s::regnamespace "
+                                 "and relname in (%s)" % (literal(identifier(target[0])),
+                                                          names % literal(identifier(own)))):
+        session.run("alter table %s rename to %s" % (identifier(target[0], name),
+                                                     identifier("roach_old_%s" % oid)))
+    session.run("alter table %s set schema %s" % (identifier(own, target[1]), identifier(target[0])))
