@@ -167,9 +167,10 @@ TEST_F(Non_Intrusive_Handler_Test, a_record_that_is_not_accepted_any_more_runs_n
         json_spirit::Object record{{"address", "10.0.0.1"}};
         record[key] = text;
         EXPECT_FALSE(init(handler, record)) << text;
-        if (text != std::string("-p"))
+        if (text != std::string("-p")) {
             EXPECT_LOGGED(LM_ERROR, "Invalid record of instance c1: " + std::string(key) + " '" +
                                         text + "' ");
+        }
     }
     EXPECT_LOGGED(LM_ERROR, "Invalid address '-p', nothing is run\n");
     std::string status;
