@@ -91,13 +91,15 @@ bool GaussDB_T_Backup_Executor::execute_i(Job::Action_Options const*) {
     }
     act_.size = datafile_size();
     generate_backup_cmd();
-    if (opts_->mount_)
-        return backup_to_mount();
-    Scoped_Deleter not_done([&] { take_back(); });
-    if (!run_backup())
-        return false;
-    not_done.release();
-    return true;
+    if (opts_->mount_ ? backup_to_mount() : backup_by_directory())
+        return true;
+    if (noted_)
+        QMRT_LOG(
+            LM_ERROR,
+            "The backup set %s is lost, but the database has noted it and may build on it: make "
+            "a full backup next\n",
+            backup_dir_.c_str());
+    return false;
 }
 
 bool GaussDB_T_Backup_Executor::get_database_status(std::string& status) const {
@@ -143,10 +145,19 @@ void GaussDB_T_Backup_Executor::generate_backup_cmd() {
 bool GaussDB_T_Backup_Executor::run_statement() {
     std::vector<std::string> rows;
     client_->unlimited(true);
-    return client_->query(cmd_.str().c_str(), rows, true) && !canceled();
+    noted_ = client_->query(cmd_.str().c_str(), rows, true);
+    return noted_ && !canceled();
 }
 
 // through a local directory
+
+bool GaussDB_T_Backup_Executor::backup_by_directory() {
+    Scoped_Deleter not_done([&] { take_back(); });
+    if (!run_backup())
+        return false;
+    not_done.release();
+    return true;
+}
 
 bool GaussDB_T_Backup_Executor::run_backup() {
     Set_Directory const directory(backup_dir_, os_user_);

@@ -25,7 +25,9 @@ class Set_Directory;
  * through the mount stays in the pool when the statement fails; the agent removes it at its next
  * start.
  *
- * A cancel ends the statement or the transfer, and the run fails.
+ * A cancel ends the statement or the transfer, and the run fails. A run that fails after the
+ * statement says that the next backup has to be a full one: the database does not know that the set
+ * is lost.
  */
 class GaussDB_T_Backup_Executor
     : public Job_Executor_T<GaussDB_Backup_Job_Source, GaussDB_Backup_Job_Options,
@@ -44,6 +46,7 @@ public:
 private:
     void generate_backup_cmd();
     [[nodiscard]] bool backup_to_mount();
+    [[nodiscard]] bool backup_by_directory();
     [[nodiscard]] bool connect_to_storage();
     [[nodiscard]] bool run_backup();
     [[nodiscard]] bool send_files(Set_Directory const& directory);
@@ -62,6 +65,7 @@ private:
     std::string ext_;                      ///< suffix of the files in the pool
     std::ostringstream cmd_;               ///< the statement
     std::list<std::string> backup_pieces_; ///< in the order in which they were handled
+    bool noted_ = false;                   ///< the database has carried out the statement
     Pool_Info info_;
     Client_IO_Base::Options io_opts_;
 };

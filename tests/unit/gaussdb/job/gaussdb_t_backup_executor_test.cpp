@@ -15,6 +15,13 @@ protected:
         EXPECT_LOGGED(LM_ERROR, message);
         expect_nothing_left();
     }
+    /** What the database has noted is lost. */
+    void expect_lost(std::string const& message) {
+        expect_refused(message);
+        EXPECT_LOGGED(LM_ERROR, LOST);
+    }
+    static constexpr char LOST[] =
+        " is lost, but the database has noted it and may build on it: make a full backup next\n";
     void expect_nothing_left() {
         EXPECT_THAT(objects(), IsEmpty());
         EXPECT_THAT(left_in_cache(), IsEmpty());
@@ -213,7 +220,7 @@ TEST_F(GaussDB_T_Backup_Test, a_failed_statement_leaves_in_the_pool_what_the_dat
 TEST_F(GaussDB_T_Backup_Test, a_failed_catalog_takes_back_what_the_database_wrote_into_the_pool) {
     options_->mount_ = true;
     catalog_->fail("commit");
-    expect_refused("Failed to write catalog to backupd\n");
+    expect_lost("Failed to write catalog to backupd\n");
     EXPECT_LOGGED(LM_ERROR, "The catalog fails to commit");
 }
 
@@ -326,35 +333,36 @@ TEST_F(GaussDB_T_Backup_Test, a_failed_statement_leaves_nothing_in_the_cache_dir
     backup_writes("echo half >data; exit 1");
     expect_refused("Failed to run cmd");
     Log_Capture::instance().claim_all(LM_WARNING, "zsql");
+    EXPECT_NOT_LOGGED("is lost");
 }
 
 TEST_F(GaussDB_T_Backup_Test, a_pool_that_is_out_of_reach_is_told_after_the_statement) {
     pools_->info.url = pool_.url() + "/none";
-    expect_refused("Failed to connect to storage server file://");
+    expect_lost("Failed to connect to storage server file://");
     EXPECT_THAT(statement(), HasSubstr("backup database"));
 }
 
 TEST_F(GaussDB_T_Backup_Test, a_put_that_fails_takes_back_what_was_sent) {
     // the third name is not UTF-8, so no object can have it
     backup_writes("for i in a b \"$(printf 'c\\377')\" d; do echo 1 >\"$i\"; done");
-    expect_refused("/c");
+    expect_lost("/c");
     EXPECT_THAT(catalog_->calls(), IsEmpty());
 }
 
 TEST_F(GaussDB_T_Backup_Test, a_put_that_fails_at_once_takes_nothing_back) {
     backup_writes("echo 1 >\"$(printf 'c\\377')\"");
-    expect_refused("/c");
+    expect_lost("/c");
 }
 
 TEST_F(GaussDB_T_Backup_Test, a_catalog_that_fails_takes_back_what_was_sent) {
     catalog_->fail("commit");
-    expect_refused("Failed to write catalog to backupd\n");
+    expect_lost("Failed to write catalog to backupd\n");
     EXPECT_LOGGED(LM_ERROR, "The catalog fails to commit");
 }
 
 TEST_F(GaussDB_T_Backup_Test, a_statement_that_leaves_no_directory_has_failed) {
     tool("zsql", "printf 'A\\n---\\nOPEN\\n'");
-    expect_refused("Failed to backup " + cache() + "/FULL_");
+    expect_lost("Failed to backup " + cache() + "/FULL_");
 }
 
 TEST_F(GaussDB_T_Backup_Test, what_cannot_be_taken_back_is_told) {
@@ -367,6 +375,7 @@ TEST_F(GaussDB_T_Backup_Test, what_cannot_be_taken_back_is_told) {
     EXPECT_LOGGED(LM_ERROR, "The catalog fails to commit");
     EXPECT_LOGGED(LM_WARNING, "Failed to remove data of a failed backup: ");
     expect_nothing_left();
+    EXPECT_LOGGED(LM_ERROR, LOST);
 }
 
 // what the database's user puts in the way
@@ -374,7 +383,7 @@ TEST_F(GaussDB_T_Backup_Test, what_cannot_be_taken_back_is_told) {
 TEST_F(GaussDB_T_Backup_Test, what_is_not_a_file_is_not_sent) {
     for (char const* trap : {"ln -s /etc/passwd z", "mkfifo z", "mkdir z", "ln -s a z"}) {
         backup_writes("echo 1 >a; " + std::string(trap));
-        expect_refused("/z: ");
+        expect_lost("/z: ");
     }
 }
 
@@ -386,7 +395,7 @@ TEST_F(GaussDB_T_Backup_Test, a_file_of_another_user_is_not_sent) {
         files_.write("cache/" + left_in_cache().front() + "/roots", "secret");
         files_.write("db/go", "");
     });
-    expect_refused("/roots: ");
+    expect_lost("/roots: ");
     beside.join();
 }
 
@@ -396,11 +405,12 @@ TEST_F(GaussDB_T_Backup_Test, a_link_in_place_of_the_directory_is_not_followed) 
     EXPECT_LOGGED(LM_ERROR, "Failed to backup " + cache() + "/FULL_");
     EXPECT_THAT(left_in_cache(), ElementsAre("x")) << "the link goes, what it leads to stays";
     EXPECT_THAT(objects(), IsEmpty());
+    EXPECT_LOGGED(LM_ERROR, LOST);
 }
 
 TEST_F(GaussDB_T_Backup_Test, a_name_that_would_come_back_as_another_is_refused) {
     data_is("x.zst", "content");
-    expect_refused("/x.zst: its name ends as that of a packed file\n");
+    expect_lost("/x.zst: its name ends as that of a packed file\n");
 }
 
 // the end of the run
@@ -426,6 +436,7 @@ TEST_F(GaussDB_T_Backup_Test, a_cancel_after_the_statement_ends_the_run_as_well)
               run_while(Job_var(new Default_Job_T<GaussDB_T_Backup_Executor>(def_), false),
                         RESOURCE, "backup database", [](Job& job) { EXPECT_EQ(0, job.abort()); }));
     expect_nothing_left();
+    EXPECT_LOGGED(LM_ERROR, LOST);
 }
 
 TEST_F(GaussDB_T_Backup_Test, it_has_its_instance_for_itself) {
