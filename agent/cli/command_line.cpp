@@ -111,15 +111,25 @@ void Command_Line::add_consent(CLI::App& command) {
 
 void Command_Line::add_agent_commands() {
     command(app_, "info", "Show what the agent is", "  zenbrak3 info\n", show_info);
-    CLI::App* const checked = command(
-        app_, "check", "Check that an instance can be protected, and say what is missing",
-        "  zenbrak3 check\n  zenbrak3 check prod --pool main\n",
-        [this](Command_Context& context) { return check(context, instance_, pool_, uid_); });
+    CLI::App* const checked =
+        command(app_, "check", "Check that an instance can be protected, and say what is missing",
+                "  zenbrak3 check\n  zenbrak3 check prod --pool main\n"
+                "  zenbrak3 check zengine_1888 --cache-dir /var/gaussdb/backup\n",
+                [this](Command_Context& context) {
+                    return check(context, instance_, pool_, cache_dir_, uid_);
+                });
     checked->add_option("INSTANCE", instance_, "An instance; without one the agent alone")
         ->check(name_check(names::fault_of_label));
     checked->add_option("--pool", pool_, "Also the way to this pool")
         ->check(name_check(names::fault_of_label))
         ->type_name("POOL");
+    checked
+        ->add_option(
+            "--cache-dir", cache_dir_,
+            "Also the directory that GaussDB T writes its backups to; as last time if it is "
+            "not given")
+        ->check(name_check(names::fault_of_absolute_path))
+        ->type_name("DIRECTORY");
     add_uid(*checked);
     CLI::App* const names = command(app_, "complete", "", "", [this](Command_Context& context) {
         if (what_ != "commands")

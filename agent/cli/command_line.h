@@ -80,6 +80,7 @@ private:
     std::string username_;
     std::string uid_;
     std::string pool_;
+    std::string cache_dir_;
     std::string job_;
     std::string backup_;
     bool dependents_ = false;

@@ -46,7 +46,7 @@ int list_schemas(Command_Context& context, std::string const& instance, std::str
 int save_account(Command_Context& context, std::string const& instance, std::string const& username,
                  std::string const& uid);
 int check(Command_Context& context, std::string const& instance, std::string const& pool,
-          std::string const& uid);
+          std::string const& cache_dir, std::string const& uid);
 
 /** What is to be said of a pool; nothing of what is empty. */
 struct Pool_Wishes {

@@ -419,10 +419,12 @@ int save_account(Command_Context& context, std::string const& instance, std::str
 }
 
 int check(Command_Context& context, std::string const& instance, std::string const& pool,
-          std::string const& uid) {
+          std::string const& cache_dir, std::string const& uid) {
     Object params;
     json_spirit::insert(params)("instance", json_spirit::Skip_Empty_Helper(instance))(
-        "pool", json_spirit::Skip_Empty_Helper(pool))("uid", json_spirit::Skip_Empty_Helper(uid));
+        "pool", json_spirit::Skip_Empty_Helper(pool))("cache_dir",
+                                                      json_spirit::Skip_Empty_Helper(cache_dir))(
+        "uid", json_spirit::Skip_Empty_Helper(uid));
     Object result;
     if (!context.ask("agent.check", params, "check", result, LIST_INSTANCES))
         return context.status();

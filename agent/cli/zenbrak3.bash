@@ -53,7 +53,7 @@ _zenbrak3() {
         word=${COMP_WORDS[index]}
         if [[ $previous == --socket ]]; then
             program+=(--socket "$word")
-        elif [[ $word != -* && ! $previous =~ ^(-o|--(option|pool|level|compression|channels|name|url|uid|host|interval|instance|definition|state|limit|type|watch))$ ]]; then
+        elif [[ $word != -* && ! $previous =~ ^(-o|--(option|pool|cache-dir|level|compression|channels|name|url|uid|host|interval|instance|definition|state|limit|type|watch))$ ]]; then
             case "${command[*]}:$word" in
                 :*) command=("$word") ;;
                 pool:* | member:* | job:* | instance:* | definition:* | backup:show | backup:remove) command+=("$word") ;;
@@ -68,6 +68,7 @@ _zenbrak3() {
         --definition) _zenbrak3_names definitions ;;
         --level | --type) _zenbrak3_add <<<$'full\nincremental\ncumulative\ndifferential\nlog' ;;
         --compression) _zenbrak3_add <<<$'zstd\nlzop\nauto\nnone' ;;
+        --cache-dir) mapfile -t COMPREPLY < <(compgen -d -- "$cur") ;;
         --socket) mapfile -t COMPREPLY < <(compgen -f -- "$cur") ;;
         *) if [[ $cur == -* ]]; then _zenbrak3_options; else _zenbrak3_word; fi ;;
     esac

@@ -109,18 +109,19 @@ void add_agent_methods(Method_Table& methods, Agent_Config const& config,
         return true;
     });
     methods.add("agent.check", [&](Method_Call const& call, Value& result, Method_Fault& fault) {
-        std::string error, instance, pool, uid = identity.uid;
+        std::string error, instance, pool, cache_dir, uid = identity.uid;
         Member_Reader reader(call.params.get_obj(), "", error);
         reader.text("instance", instance, names::fault_of_label);
         reader.text("pool", pool, names::fault_of_label);
         reader.text("uid", uid, names::fault_of_id);
+        reader.text("cache_dir", cache_dir, names::fault_of_absolute_path);
         if (!reader.finish())
             return invalid_params(error, fault);
         Readiness_Check check;
         check.module(module.path(), module.pairs());
         check.database(database.check());
         if (!instance.empty())
-            check.instance(instance, uid);
+            check.instance(instance, uid, cache_dir);
         uint64_t const needed = instance.empty() ? 0 : last_full_size(instance);
         if (!check_pools(check, methods, pool, needed, fault))
             return false;

@@ -149,7 +149,8 @@ void Readiness_Check::database(std::vector<std::string> const& complaints) {
         "stop the agent and bring the file back from a copy; keep the damaged one");
 }
 
-void Readiness_Check::instance(std::string const& name, std::string const& uid) {
+void Readiness_Check::instance(std::string const& name, std::string const& uid,
+                               std::string const& cache_dir) {
     std::shared_ptr<Instance> const found =
         Instance_Manager::instance()->find("gaussdb", name.c_str());
     if (!found) {
@@ -167,10 +168,14 @@ void Readiness_Check::instance(std::string const& name, std::string const& uid) 
     alerts(name);
     state(name);
     user_and_tools(*found, version);
+    if (!cache_dir.empty())
+        found->options["cache_dir"] = cache_dir;
     machines(*found, Instance_Handler::TO_BACK_UP);
     account(name, uid, version);
     if (version == FLAVOUR_100 || version == FLAVOUR_200 || version == FLAVOUR_TPOPS)
         xbsa_link();
+    if (version == FLAVOUR_T)
+        user_.clear(); // its files reach the pool through the agent alone
     passages();
 }
 

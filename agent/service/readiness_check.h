@@ -32,9 +32,13 @@ public:
     void module(std::string const& path, std::vector<std::string> const& pairs);
     /** @param complaints  of the database's own check; empty is good */
     void database(std::vector<std::string> const& complaints);
-    /** The record, the state, the user of the operating system, the tools, the account, the link.
+    /**
+     * The record, the state, the user of the operating system, the tools, the account, the link.
+     * @param cache_dir  where the database writes its backups; "" where it does not, or as last
+     * time
      */
-    void instance(std::string const& name, std::string const& uid);
+    void instance(std::string const& name, std::string const& uid,
+                  std::string const& cache_dir = "");
     /** @param needed  bytes of the instance's last full backup; 0 when there was none */
     void pool(Pool const& pool, uint64_t needed);
     /** No pool was named and there is none. */

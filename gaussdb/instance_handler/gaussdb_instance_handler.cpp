@@ -3,6 +3,7 @@
 #include "gaussdb/common/gaussdb_cluster_manager.h"
 #include "gaussdb/common/gaussdb_non_intrusive_handler.h"
 #include "gaussdb/instance_handler/gaussdb_node_check.h"
+#include "gaussdb/instance_handler/gaussdb_t_check.h"
 #include "host/agent/credential.h"
 #include "json_spirit/access.h"
 #include "qmrt/check.h"
@@ -176,6 +177,8 @@ std::vector<Instance_Check> GaussDB_Instance_Handler::check(Instance const& inst
                                                             Check_Scope scope) {
     int version = GAUSSDB_UNKNOWN;
     instance.get_option("version", version);
+    if (version == GAUSSDB_T && scope == TO_BACK_UP)
+        return GaussDB_T_Check(instance).run();
     bool const is_declared = version == GAUSSDB_UNKNOWN && instance.options.count("address");
     return is_declared || is_non_intrusive(version)
                ? GaussDB_Node_Check(instance.options).run(scope)

@@ -257,6 +257,15 @@ TEST_F(Command_Line_Test, filters_are_sent_only_when_they_are_given) {
               params(3));
 }
 
+TEST_F(Command_Line_Test, a_check_looks_at_what_it_is_told) {
+    agent_.answers("agent.check", Object{{"ok", true}, {"lines", json_spirit::Array{}}});
+    EXPECT_EQ(EXIT_OK, run({"check"}));
+    EXPECT_EQ(EXIT_OK, run({"check", "t1", "--pool", "p", "--cache-dir", "/backups"}));
+    EXPECT_EQ(Object{}, params(0));
+    EXPECT_EQ((Object{{"instance", "t1"}, {"pool", "p"}, {"cache_dir", "/backups"}}), params(1));
+    EXPECT_NE(EXIT_OK, run({"check", "t1", "--cache-dir", "backups"}));
+}
+
 TEST_F(Command_Line_Test, what_a_backup_holds_is_shown_a_line_each) {
     agent_.answers(
         "backup.show",

@@ -22,6 +22,9 @@ public:
     std::vector<Instance_Alert> alerts() override { return found; }
 
     std::vector<Instance_Check> check(Instance const& instance, Check_Scope scope) override {
+        if (std::string const dir = json_spirit::object_get_str(instance.options, "cache_dir");
+            !dir.empty())
+            return {{"cache directory " + dir, true, "looked at", ""}};
         if (!instance.options.count("address"))
             return {};
         return {{"ssh " + json_spirit::object_get_str(instance.options, "address"), false,
@@ -104,6 +107,15 @@ TEST_F(Readiness_Check_Test, a_tool_that_is_not_there_is_named_with_where_to_put
     expect_bad("tool gs_om", directory_.path() + "/bin");
     EXPECT_NE(std::string::npos, line("tool gs_om").advice.find(own_user()));
     EXPECT_FALSE(check_.ok());
+}
+
+TEST_F(Readiness_Check_Test, the_directory_that_the_database_writes_to_is_passed_on) {
+    add_instance({{"version", 3}, {"user", own_user()}});
+    check_.instance("cluster", "uid", "/backups");
+    expect_good("cache directory /backups");
+    check_ = Readiness_Check();
+    check_.instance("cluster", "uid");
+    EXPECT_EQ("no such line", line("cache directory /backups").text) << "it is not kept";
 }
 
 TEST_F(Readiness_Check_Test, an_instance_that_nobody_knows) {
