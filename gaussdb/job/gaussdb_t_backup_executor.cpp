@@ -20,6 +20,7 @@
 #include <cctype>
 #include <ctime>
 #include <exception>
+#include <sys/stat.h>
 
 namespace {
 
@@ -212,16 +213,32 @@ void GaussDB_T_Backup_Executor::take_back() {
 
 bool GaussDB_T_Backup_Executor::backup_to_mount() {
     Mount_Fuse fuse; // unmounts at the end
-    if (!mount_pool(fuse, info_, src_->id(), opts_->cache_dir_, io_opts_) || !run_statement())
+    if (!mount_pool(fuse, info_, src_->id(), opts_->cache_dir_, io_opts_))
+        return false;
+    struct stat mounted {};
+    (void)stat(opts_->cache_dir_.c_str(), &mounted); // without it no file is in the pool
+    if (!run_statement())
         return false;
     Set_Directory const directory(backup_dir_, os_user_);
+    bool is_stored = true;
     act_.set_size = 0;
-    if (!directory.each_file([&](std::string const& name, File_Descriptor const&, uint64_t size) {
-            act_.set_size += size;
-            backup_pieces_.push_back(name);
-            return true;
-        }))
+    if (!directory.each_file(
+            [&](std::string const& name, File_Descriptor const& file, uint64_t size) {
+                struct stat status {};
+                is_stored =
+                    is_stored && fstat(file.get(), &status) == 0 && status.st_dev == mounted.st_dev;
+                act_.set_size += size;
+                backup_pieces_.push_back(name);
+                return true;
+            }))
         return false;
+    if (!is_stored) {
+        QMRT_LOG(LM_ERROR,
+                 "Failed to backup %s: the pool has been unmounted from %s during the backup\n",
+                 backup_dir_.c_str(), opts_->cache_dir_.c_str());
+        (void)directory.remove(); // what the mount does not cover; logs its failure
+        return false;
+    }
     act_.set_storage_size = act_.set_size;
     if (commit_catalog())
         return true;

@@ -1,5 +1,7 @@
 #include "tests/unit/gaussdb/job/t_world.h"
 
+#include <sys/mount.h>
+
 namespace {
 
 using testing::ElementsAre;
@@ -239,6 +241,18 @@ TEST_F(GaussDB_T_Backup_Test, a_link_of_the_user_leads_the_mount_nowhere_that_is
     std::filesystem::create_symlink(files_.path("roots"), cache());
     EXPECT_EQ(T_FAILURE, backup());
     EXPECT_LOGGED(LM_ERROR, "the directory does not belong to the user daemon");
+}
+
+TEST_F(GaussDB_T_Backup_Test, a_pool_that_is_unmounted_during_the_statement_has_no_set) {
+    options_->mount_ = true;
+    EXPECT_EQ(T_FAILURE,
+              run_while(Job_var(new Default_Job_T<GaussDB_T_Backup_Executor>(def_), false),
+                        RESOURCE, "backup database",
+                        [&](Job&) { EXPECT_EQ(0, umount2(cache().c_str(), MNT_DETACH)); }));
+    EXPECT_LOGGED(LM_ERROR, "the pool has been unmounted from " + cache());
+    EXPECT_LOGGED(LM_ERROR, LOST);
+    Log_Capture::instance().claim_all(LM_WARNING, "unmount");
+    expect_nothing_left();
 }
 
 TEST_F(GaussDB_T_Backup_Test, a_dedup_pool_without_a_key_cannot_be_mounted) {
