@@ -140,7 +140,8 @@ void remove_lines(std::string const& path, std::string const& address,
 }
 
 void stop_tool_on_cancel(Job& job, std::string const& address, ACE_Event& event,
-                         ACE_Time_Value const& interval) {
+                         ACE_Time_Value const& interval,
+                         std::shared_ptr<Cancellation> const& stop) {
     try {
         bool tool_runs = true;
         while (tool_runs) {
@@ -150,7 +151,7 @@ void stop_tool_on_cancel(Job& job, std::string const& address, ACE_Event& event,
             bool const cancelled_now = run && run->cancelled();
             if (!is_canceled(job.activity()) || (!tool_runs && !cancelled_now))
                 continue;
-            Cancellation_Scope const stop_is_wanted(nullptr);
+            Cancellation_Scope const stop_is_wanted(stop);
             GaussDB_Env const no_env;
             // with the tool's own defaults: what the instance's record says is for its jobs
             Roach_Executor roach_executor("", no_env, false, job.log_msg_callback());

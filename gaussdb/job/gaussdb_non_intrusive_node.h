@@ -9,8 +9,11 @@
 #include <ace/Time_Value.h>
 
 #include <concepts>
+#include <memory>
 #include <string>
 #include <vector>
+
+class Cancellation;
 
 /**
  * What the backup and the restore of a cluster without an agent share: its record, the tool's
@@ -113,8 +116,9 @@ void remove_lines(std::string const& path, std::string const& address, std::stri
  * node: that is stopped also when the event was signalled first.
  * For a thread of its own, beside the one that waits for the tool.
  * @param interval  between two looks at the run's state
+ * @param stop      ends the stop command; null for none
  */
 void stop_tool_on_cancel(Job& job, std::string const& address, ACE_Event& event,
-                         ACE_Time_Value const& interval);
+                         ACE_Time_Value const& interval, std::shared_ptr<Cancellation> const& stop);
 
 #endif

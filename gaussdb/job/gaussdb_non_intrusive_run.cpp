@@ -8,6 +8,7 @@
 #include "host/job/job.h"
 #include "host/job/job_thread_helper.h"
 #include "host/job/run_hold.h"
+#include "host/process/cancellation.h"
 #include "qmrt/format.h"
 #include "qmrt/names.h"
 #include "qmrt/scoped_deleter.h"
@@ -118,14 +119,25 @@ void Non_Intrusive_Run::remove_from_nodes(std::string const& path, std::string c
 bool Non_Intrusive_Run::run_with_stop_thread(std::function<bool(Roach_Executor&)> const& work,
                                              std::function<void()> const& clean_up) {
     ACE_Event event;
+    ACE_Event stopped;
+    auto const stop = std::make_shared<Cancellation>("the tool that it is to stop has ended");
     Job_Thread_Helper stop_thread(&run_job_, THR_NEW_LWP | THR_JOINABLE | THR_INHERIT_SCHED,
                                   ACE_DEFAULT_THREAD_PRIORITY);
-    if (stop_thread.spawn([&] { job_stop_thread(event); }) == -1) {
+    auto const stop_on_cancel = [&] {
+        job_stop_thread(event, stop);
+        stopped.signal();
+    };
+    if (stop_thread.spawn(stop_on_cancel) == -1) {
         QMRT_LOG(LM_ERROR, "Failed to start the thread that stops the backup tool, %m\n");
         return false;
     }
     Scoped_Deleter const join_stop_thread([&] {
         event.signal();
+        // a command that does not end would hold up the end of the run
+        std::shared_ptr<Cancellation> const run = run_job_.cancellation();
+        bool const cancelled_now = run && run->cancelled();
+        if (stopped.wait(cancelled_now ? &stop_limit_now_ : &stop_limit_, 0) == -1)
+            stop->cancel();
         stop_thread.join();
         let_cleanup_run(run_job_.activity());
         clean_up();
@@ -139,6 +151,7 @@ bool Non_Intrusive_Run::run_with_stop_thread(std::function<bool(Roach_Executor&)
     return work(tool);
 }
 
-void Non_Intrusive_Run::job_stop_thread(ACE_Event& event) {
-    stop_tool_on_cancel(run_job_, address_, event, stop_interval_);
+void Non_Intrusive_Run::job_stop_thread(ACE_Event& event,
+                                        std::shared_ptr<Cancellation> const& stop) {
+    stop_tool_on_cancel(run_job_, address_, event, stop_interval_, stop);
 }

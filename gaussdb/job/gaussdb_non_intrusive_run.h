@@ -7,10 +7,12 @@
 #include <ace/Time_Value.h>
 
 #include <functional>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
+class Cancellation;
 class Job;
 class Roach_Executor;
 
@@ -26,6 +28,10 @@ public:
 
 protected:
     static constexpr int STOP_INTERVAL = 2; ///< seconds between two looks for a cancel
+    /** Seconds for the stop command after the tool has ended. */
+    static constexpr int STOP_LIMIT = 3;
+    /** The same after Job::abort_now(): only this host's ssh has ended, the tool may still run. */
+    static constexpr int STOP_LIMIT_NOW = 60;
 
     /** @param job  must outlive this object */
     explicit GaussDB_Non_Intrusive_Run(Job& job) : run_job_(job) {}
@@ -66,9 +72,11 @@ protected:
     [[nodiscard]] bool run_with_stop_thread(
         std::function<bool(Roach_Executor&)> const& work,
         std::function<void()> const& clean_up = [] {});
-    void job_stop_thread(ACE_Event& event);
+    void job_stop_thread(ACE_Event& event, std::shared_ptr<Cancellation> const& stop);
 
     ACE_Time_Value stop_interval_{STOP_INTERVAL};
+    ACE_Time_Value stop_limit_{STOP_LIMIT};
+    ACE_Time_Value stop_limit_now_{STOP_LIMIT_NOW};
     GaussDB_Cluster_Handler_var cluster_; ///< empty until find_instance() has found it
     std::string instance_;
     std::string address_;   ///< the node, for ssh

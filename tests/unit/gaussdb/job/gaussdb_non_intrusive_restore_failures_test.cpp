@@ -202,6 +202,18 @@ TEST_F(Non_Intrusive_Restore_Test, a_cancel_stops_the_tool) {
     EXPECT_LT(0u, sent("rm -rf"));
 }
 
+TEST_F(Non_Intrusive_Restore_Test, a_stop_command_that_never_ends_does_not_hold_up_the_run) {
+    new_script("GaussRoach.py", "wait\nexit 1\n---\nrun touch " + tools_.path("GaussRoach.py.go") +
+                                    "\nrun exec sleep 600");
+    EXPECT_EQ("ended canceled 0",
+              run_while<Eager_Kind>(def_, RESOURCE, [](Job& job) { EXPECT_EQ(0, job.stop()); }));
+    EXPECT_EQ("GaussRoach.py -t stop", roach_line(2));
+    EXPECT_LOGGED(LM_WARNING, "was ended, the tool that it is to stop has ended");
+    EXPECT_LOGGED(LM_ERROR, "Failed to execute roach restore.\n");
+    Log_Capture::instance().claim_all(LM_WARNING, "GaussRoach.py");
+    EXPECT_LT(0u, sent("rm -rf"));
+}
+
 TEST_F(Non_Intrusive_Restore_Test, a_cancel_before_the_tool_runs_nothing) {
     new_script("whoami", "run touch " + tools_.path("asked") + "\nwait\nout daemon");
     Job_var const job(new Kind(def_), false);

@@ -15,7 +15,10 @@
 template <typename Executor>
 class Eager_Stop : public Executor {
 public:
-    explicit Eager_Stop(Job& job) : Executor(job) { this->stop_interval_.set(0, 1000); }
+    explicit Eager_Stop(Job& job) : Executor(job) {
+        this->stop_interval_.set(0, 1000);
+        this->stop_limit_.set(0, 200000);
+    }
 };
 
 /**
