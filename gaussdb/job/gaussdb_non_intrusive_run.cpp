@@ -99,16 +99,22 @@ void Non_Intrusive_Run::remove_lists() {
 void Non_Intrusive_Run::remove_from_nodes(std::string const& path, std::string const& login) const {
     GaussDB_Client_ptr const client = cluster_->create_client(nullptr, nullptr, nullptr);
     std::vector<std::string> addresses;
-    if (!client || !get_database_addresses(client.get(), addresses))
+    if (!client || !get_database_addresses(client.get(), addresses) || addresses.empty()) {
+        QMRT_LOG(LM_WARNING,
+                 "Directory %s may be left on the nodes, whose addresses only a running database "
+                 "tells; remove it there\n",
+                 path.c_str());
         return;
+    }
     for (std::string const& address : addresses) {
         QMRT_LOG(LM_DEBUG, "Cleaning directory %s on %s ...\n", path.c_str(),
                  names::shown(address).c_str());
         std::string ignored;
+        std::string const command =
+            string_sprintf("ssh %s%s 'rm -rf %s'", login.c_str(), address.c_str(), path.c_str());
+        // the connection may have been cut, and the next one may work
         if (!check_bare_names({{"address of a node", address, names::fault_of_host}}) ||
-            !execute_ssh_command(string_sprintf("ssh %s%s 'rm -rf %s'", login.c_str(),
-                                                address.c_str(), path.c_str()),
-                                 ignored))
+            (!execute_ssh_command(command, ignored) && !execute_ssh_command(command, ignored)))
             QMRT_LOG(LM_WARNING, "Failed to clean roach path on %s.\n",
                      names::shown(address).c_str());
     }

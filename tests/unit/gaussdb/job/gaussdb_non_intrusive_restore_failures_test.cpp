@@ -187,6 +187,31 @@ TEST_F(Non_Intrusive_Restore_Test, metadata_that_cannot_be_removed_is_a_warning)
     Log_Capture::instance().claim_all(LM_WARNING, "255");
 }
 
+TEST_F(Non_Intrusive_Restore_Test, metadata_is_removed_over_a_second_connection_when_one_is_cut) {
+    give("addresses", "127.0.0.1\n");
+    tool("rm", R"sh(
+[[ "$*" == *zenbrak3_meta* && ! -e DIR/cut ]] || exec /bin/rm "$@"
+touch DIR/cut; exit 255
+)sh");
+    ASSERT_EQ(SUCCESS, restore());
+    EXPECT_TRUE(exists(tools_.path("cut")));
+    Log_Capture::instance().claim_all(LM_WARNING, "255");
+}
+
+TEST_F(Non_Intrusive_Restore_Test, metadata_that_stays_is_told_when_the_database_tells_no_nodes) {
+    for (char const* step : {"", "node_host"}) {
+        if (*step)
+            ssh_fails(step);
+        else
+            give("addresses", "");
+        ASSERT_EQ(SUCCESS, restore());
+        EXPECT_LOGGED(LM_WARNING, "Directory /home/daemon/zenbrak3_meta_");
+    }
+    EXPECT_EQ(0u, sent("rm -rf"));
+    EXPECT_LOGGED(LM_ERROR, "Failed to get database addresses.\n");
+    Log_Capture::instance().claim_all(LM_WARNING, "255");
+}
+
 // a cancel
 
 TEST_F(Non_Intrusive_Restore_Test, a_cancel_stops_the_tool) {
