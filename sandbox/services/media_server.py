@@ -12,7 +12,7 @@ sys.dont_write_bytecode = True
 from roach.agents import keep_alive  # noqa: E402
 from roach.object_store import MIB, Store_Error, Xbsa_Store  # noqa: E402
 from roach.remote import (  # noqa: E402
-    ANSWER, CALL, DATA, END, receive, send)
+    ANSWER, CALL, DATA, END, ON_THE_WAY, receive, send)
 
 
 class Session(object):
@@ -103,6 +103,8 @@ def serve(address, port, library):
     """Takes connections, each in a process of its own, for ever."""
     signal.signal(signal.SIGCHLD, signal.SIG_IGN)
     with socket.create_server((address, port), backlog=64) as server:
+        # for its connections, too
+        server.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, ON_THE_WAY)
         while True:
             connection, _ = server.accept()
             if os.fork():

@@ -16,6 +16,8 @@ from roach.object_store import MIB, Store_Error
 HEAD = struct.Struct("<cI")
 CALL, ANSWER, DATA, END = b"C", b"A", b"D", b"E"
 LARGEST = 16 * MIB
+# of a socket: what is on the way counts as done in the progress, and is still written after a failure
+ON_THE_WAY = 256 * 1024
 
 
 def send(connection, kind, content=b""):
@@ -63,6 +65,7 @@ class Remote_Store(object):
             raise Store_Error("[GAUSS-53202] : Failed to connect to the media server %s: %s"
                               % (self.name, error))
         keep_alive(self.connection)
+        self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, ON_THE_WAY)
         self.call("session", policy=way["policy"])
 
     def call(self, word, **more):
