@@ -143,6 +143,7 @@ class Agents(object):
                                                  listener.getsockname()[1], token))
             self._await_calls(listener, token)
         except BaseException:
+            listener.close()  # an agent whose call nobody has taken would wait for its order
             self.close()
             raise
 
