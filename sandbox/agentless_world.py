@@ -12,7 +12,8 @@ import tempfile
 import time
 
 sys.dont_write_bytecode = True
-from machines import CLUSTER, MACHINE, MAKE_PACKAGE, SERVICE, Host, run  # noqa: E402
+from machines import (  # noqa: E402
+    CLUSTER, MACHINE, MAKE_PACKAGE, SERVICE, Host, run, wait_until)
 
 CACHE = "/var/cache/quilmot/zenbrak3/gaussdb"
 OURS = "10.77.0.10"
@@ -163,8 +164,14 @@ class World(object):
         """Waits for the run to finish. Returns it with its log."""
         out, err = process.communicate(timeout=seconds)
         assert out, "%s %s" % (err, self.agent_log())
-        record = json.loads(out)
-        record["log"] = self.ours.do("zenbrak3", "job", "log", record["run_id"])
+        return self.with_log(json.loads(out))
+
+    def with_log(self, record):
+        record["log"], offset, text = "", 0, None
+        while text != "":
+            part = self.ours.call("job.log", job=record["run_id"], offset=offset)
+            text, offset = part["text"], part["next_offset"]
+            record["log"] += text
         return record
 
     def run(self, *words):
@@ -197,12 +204,11 @@ class World(object):
         return self.run("restore", backup["uuid"], "--channels", "2", "--yes", *words)
 
     def sets(self):
-        return json.loads(self.ours.do("zenbrak3", "backups", "--json"))["backups"]
+        return self.ours.call("backup.list")["backups"]
 
     def start_definition(self, **definition):
         """Starts a job that is given as a whole; the run's id."""
-        out = self.ours.do("zenbrak3", "run", "-", "--no-wait", "--json", input=json.dumps(definition))
-        return json.loads(out)["run_id"]
+        return self.ours.call("job.start", run=definition)["run_id"]
 
     def run_definition(self, **definition):
         """Runs such a job to its end. Returns the run with its log."""
@@ -210,7 +216,8 @@ class World(object):
 
     def wait(self, run_id):
         """Waits for the run to finish. Returns it with its log."""
-        return self.end(self.start("job", "wait", run_id))
+        wait_until(lambda: self.show(run_id)["end_time"], "the end of the run " + run_id, 120)
+        return self.with_log(self.show(run_id))
 
     def show(self, run_id):
         return self.ours.call("job.show", job=run_id)
