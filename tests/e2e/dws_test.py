@@ -79,7 +79,29 @@ class Dws_Test(Whole_Cluster_Tests, unittest.TestCase):
         return [[line for line in text.splitlines() if line.split()[1] == "shop"]
                 for text in self.cluster.rows()]
 
-    # --- the whole cluster
+    # --- what a person is told
+
+    def test_the_check_tells_the_version_of_the_backup_tool(self):
+        out = self.world.ours.do("zenbrak3", "check", "dws1", "--pool", "main")
+        self.assertRegex(out, r"tool GaussRoach\.py.*/GaussRoach\.py, GaussDB 8\.\S+ build \w+")
+
+    def test_a_restore_of_schemas_tells_that_only_they_are_rebuilt(self):
+        out = self.world.ours.do("zenbrak3", "restore", self.of_schemas["uuid"], "--dry-run")
+        self.assertIn("This rebuilds schemas of database shop of instance dws1, which goes on running.", out)
+        self.assertRegex(out, r"Schema: +sale\n")
+        self.assertRegex(out, r"Schema: +archive\n")
+        self.assertNotIn("overwrites", out)
+        out = self.world.ours.do("zenbrak3", "restore", self.whole["uuid"], "--dry-run")
+        self.assertIn("This overwrites instance dws1.", out)
+        self.assertNotIn("Schema:", out)
+
+    # --- the stand-in of the tool
+
+    def test_the_tool_takes_no_other_lines(self):
+        for line in ("", "-t stop --clean", "-t stop --version", "-t backup --master-port 9500",
+                     "-t restore --backup-key 20240101_000000", "-t start -X /x.xml", "-t delete"):
+            with self.assertRaisesRegex(AssertionError, r"\[GAUSS-500\d\d\]", msg=line):
+                self.cluster.first.cluster("tool", "GaussRoach.py", *line.split())
 
     # --- tables
 
@@ -110,10 +132,10 @@ class Dws_Test(Whole_Cluster_Tests, unittest.TestCase):
         self.assertEqual("completed", run["state"], run["log"])
         self.assertEqual(rows, self.shop())
 
-    def test_one_table_of_a_schema_backup(self):
+    def test_tables_of_each_schema_of_a_schema_backup(self):
         rows = self.shop()
-        self.cluster.sql("drop table archive.orders", "shop")
-        run = self.restore_tables(self.of_schemas, "archive/orders/archive/orders")
+        self.cluster.sql("drop table archive.orders, sale.stock", "shop")
+        run = self.restore_tables(self.of_schemas, "archive/orders/archive/orders", "sale/stock/sale/stock")
         self.assertEqual("completed", run["state"], run["log"])
         self.assertEqual(rows, self.shop())
 

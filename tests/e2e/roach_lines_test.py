@@ -11,6 +11,7 @@ sys.path.insert(0, str(ROOT / "sandbox/tools"))
 sys.dont_write_bytecode = True
 from roach import options, remote_options  # noqa: E402
 from roach.cluster import Tool_Error  # noqa: E402
+from roach.restore import Restore  # noqa: E402
 import GaussRoach  # noqa: E402
 
 KEY = "20240101_000000"
@@ -131,8 +132,21 @@ class Lines_Test(unittest.TestCase):
             given = lists("a\nb", "")
             self.assertEqual({"database": "shop", "schemas": ["a", "b"]}, remote_options.scope(
                 dict(given, **{"--schema-list": directory + "/s"})))
-            with self.assertRaises(Tool_Error):
-                remote_options.scope(dict(given, **{"--schema-list": directory + "/nothing"}))
+            for name, text in (("nothing", None), ("dotted", "a\nb.c"), ("empty", "\n")):
+                if text is not None:
+                    (pathlib.Path(directory) / name).write_text(text)
+                with self.assertRaises(Tool_Error, msg=name):
+                    remote_options.scope(dict(given, **{"--schema-list": directory + "/" + name}))
+
+    def test_a_backup_of_another_cluster_is_refused(self):
+        for old_host, is_refused in (("a", False), (None, False), ("b", True)):
+            restore = Restore.__new__(Restore)
+            restore.key, restore.old_host, restore.chain = KEY, old_host, [{"host": "a"}]
+            try:
+                restore._check_chain()
+                self.assertFalse(is_refused)
+            except Tool_Error as error:
+                self.assertTrue(is_refused, error)
 
 
 if __name__ == "__main__":
