@@ -59,9 +59,9 @@ def start_agent():
     raise Failure("the agent is not ready; %s says why" % AGENT_LOG)
 
 
-def save_account(instance):
+def save_account(instance, account=ACCOUNT):
     """Tells the agent how to log on to the sandbox's cluster."""
-    subprocess.run(["zenbrak3", "account", instance, ACCOUNT], input=PASSWORD + "\n", text=True,
+    subprocess.run(["zenbrak3", "account", instance, account], input=PASSWORD + "\n", text=True,
                    check=True)
 
 
