@@ -2,6 +2,7 @@
 
 #include "host/agent/host_services.h"
 #include "host/process/log_callback_scope.h"
+#include "host/storage/dead_mounts.h"
 #include "host/storage/fuse_operations.h"
 #include "host/storage/pool_file_system.h"
 #include "host/storage/storage_url.h"
@@ -276,11 +277,13 @@ bool Mount_Fuse::mount(char const* source, char const* mount_point,
     std::shared_ptr<Storage_Connection> connection;
     if (!find_user(settings.uid, settings.gid) || !connect(from, connection))
         return false;
+    unmount_dead_pools(); // one of a killed agent may be in the way
     File_Descriptor point = open_mount_point(to, settings.uid);
     if (!point)
         return false;
     std::vector<std::string> words{"zenbrak3", "-o",
-                                   "fsname=zenbrak3,subtype=pool,default_permissions"};
+                                   std::string("fsname=") + POOL_MOUNT_SOURCE +
+                                       ",subtype=" + POOL_MOUNT_SUBTYPE + ",default_permissions"};
     if (settings.uid != geteuid())
         words.insert(words.end(), {"-o", "allow_other"});
     if (settings.read_only)
