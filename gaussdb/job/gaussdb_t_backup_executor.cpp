@@ -3,6 +3,7 @@
 #include "gaussdb/job/client_io_options.h"
 #include "gaussdb/job/cluster_job.h"
 #include "gaussdb/job/set_directory.h"
+#include "gaussdb/job/set_notes.h"
 #include "host/catalog/catalog_operator.h"
 #include "host/job/job_mutex.h"
 #include "host/job/minor_resource_id.h"
@@ -161,6 +162,9 @@ bool GaussDB_T_Backup_Executor::backup_by_directory() {
 }
 
 bool GaussDB_T_Backup_Executor::run_backup() {
+    Set_Notes notes(src_->id(), os_user_);
+    if (!notes.add(backup_dir_))
+        return false;
     Set_Directory const directory(backup_dir_, os_user_);
     Scoped_Deleter const no_local_copy([&] { (void)directory.remove(); }); // logs its failure
     return run_statement() && connect_to_storage() && send_files(directory) && commit_catalog();

@@ -61,7 +61,7 @@ GaussDB_T_Restore_Executor::GaussDB_T_Restore_Executor(Job& job)
     : Job_Executor_T(job), GaussDB_T_Run(job), temp_dir_(temporary_directory()) {}
 
 GaussDB_T_Restore_Executor::~GaussDB_T_Restore_Executor() {
-    for (Set_Directory const& directory : fetched_)
+    for (Set_Directory const& directory : cache_dirs_)
         (void)directory.remove(); // logs its failure
 }
 
@@ -91,17 +91,8 @@ bool GaussDB_T_Restore_Executor::restore_by_mount(std::string const& pool_uuid) 
     set_options_by_host(opts);
     set_options_by_job_def(opts, def_, 1);
     Mount_Fuse fuse; // unmounts at the end
-    if (!mount_pool(fuse, pool, src_->id(), dirname_string(cache_dir_), opts))
-        return false;
-    for (std::string const& directory : cache_dirs_)
-        if (!Set_Directory(directory, os_user_).is_there()) {
-            QMRT_LOG(LM_ERROR,
-                     "Nothing was changed, the user %s cannot reach the backup set %s in the "
-                     "mounted pool\n",
-                     os_user_.c_str(), directory.c_str());
-            return false;
-        }
-    return execute_restore();
+    return mount_pool(fuse, pool, src_->id(), dirname_string(cache_dir_), opts) &&
+           execute_restore();
 }
 
 // the chain
@@ -151,7 +142,6 @@ bool GaussDB_T_Restore_Executor::load_catalog(std::string& pool_uuid) {
                 cache_dir_ = set.meta_destination;
                 pool_uuid = set.pool_uuid;
             }
-            cache_dirs_.push_back(set.meta_destination);
             chain_.push_back(std::move(set));
         }
         if (!check_chain() ||
@@ -159,6 +149,7 @@ bool GaussDB_T_Restore_Executor::load_catalog(std::string& pool_uuid) {
             return false;
         if (opts_->mount_)
             return true;
+        notes_.emplace(tgt_.id(), os_user_);
         if (!check_room())
             return false;
         for (size_t i = 0; i < chain_.size(); ++i)
@@ -284,9 +275,10 @@ bool GaussDB_T_Restore_Executor::connect_to_storage(char const* pool_uuid, char 
 }
 
 bool GaussDB_T_Restore_Executor::fetch(Chain_Set const& set, json_spirit::Array const& pieces) {
-    fetched_.emplace_back(set.meta_destination, os_user_);
-    return fetched_.back().make() && connect_to_storage(set.pool_uuid.c_str(), set.uri.c_str()) &&
-           get_backup_set(set.meta_destination.c_str(), pieces) && fetched_.back().hand_over();
+    cache_dirs_.emplace_back(set.meta_destination, os_user_);
+    return notes_->add(set.meta_destination) && cache_dirs_.back().make() &&
+           connect_to_storage(set.pool_uuid.c_str(), set.uri.c_str()) &&
+           get_backup_set(set.meta_destination.c_str(), pieces) && cache_dirs_.back().hand_over();
 }
 
 /** Fetches into the directory that was made last. */
@@ -296,7 +288,7 @@ bool GaussDB_T_Restore_Executor::get_backup_set(char const* dir, json_spirit::Ar
         if (path.empty())
             continue;
         std::string const name = uncompressed_name(path);
-        if (canceled() || !io_.get_file(path.c_str(), fetched_.back().inside(name).c_str(),
+        if (canceled() || !io_.get_file(path.c_str(), cache_dirs_.back().inside(name).c_str(),
                                         GET_FLAGS, GET_BLOCK, until_canceled())) {
             QMRT_LOG(LM_ERROR, "Failed to get file %s to %s: %s\n", path.c_str(),
                      (qmrt::Path(dir) / name).c_str(),

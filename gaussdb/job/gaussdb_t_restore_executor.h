@@ -5,11 +5,12 @@
 #include "gaussdb/job/gaussdb_restore_job_source.h"
 #include "gaussdb/job/gaussdb_t_run.h"
 #include "gaussdb/job/set_directory.h"
+#include "gaussdb/job/set_notes.h"
 #include "host/job/job_event_handler.h"
 #include "job/job_executor_t.h"
 
 #include <list>
-#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -62,12 +63,12 @@ private:
     [[nodiscard]] bool restore_by_mount(std::string const& pool_uuid);
     [[nodiscard]] bool rebuild();
 
-    std::string pool_uuid_;             ///< of the set that is asked for
-    std::string cache_dir_;             ///< the set that the statement names
-    std::string temp_dir_;              ///< the tools' HOME
-    std::list<std::string> cache_dirs_; ///< where the sets of this restore are, newest first
-    std::vector<Chain_Set> chain_;      ///< newest first
-    std::list<Set_Directory> fetched_;
+    std::string pool_uuid_;               ///< of the set that is asked for
+    std::string cache_dir_;               ///< the set that the statement names
+    std::string temp_dir_;                ///< the tools' HOME
+    std::vector<Chain_Set> chain_;        ///< newest first
+    std::optional<Set_Notes> notes_;      ///< of cache_dirs_, dropped after their removal
+    std::list<Set_Directory> cache_dirs_; ///< what was fetched, newest first
 };
 
 #endif

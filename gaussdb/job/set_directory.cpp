@@ -87,13 +87,6 @@ bool Set_Directory::each_file(Visitor const& visit) const {
     return true;
 }
 
-bool Set_Directory::is_there() const {
-    return with_rights_of(user_.c_str(), [&](Password_File_Entry const&) {
-        return static_cast<bool>(
-            File_Descriptor(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
-    });
-}
-
 bool Set_Directory::remove() const {
     if (made_ && !take_back())
         return false;
@@ -111,15 +104,15 @@ bool Set_Directory::remove() const {
 
 // what the database is to read
 
-bool Set_Directory::open_parent() {
+bool Set_Directory::open_parent(Parent_Flags flags) {
     if (parent_)
         return true;
     std::string const above = dirname_string(path_);
     return with_rights_of(user_.c_str(), [&](Password_File_Entry const&) {
-        if (mkdir_p(above.c_str(), USERS_DIRECTORY_MODE) == 0)
+        if (flags == MUST_EXIST || mkdir_p(above.c_str(), USERS_DIRECTORY_MODE) == 0)
             parent_.reset(open(above.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (parent_)
-            return true;
+        if (parent_ || flags == MUST_EXIST)
+            return static_cast<bool>(parent_);
         QMRT_LOG(LM_ERROR,
                  "Failed to use the directory %s as the user %s, errno=%d, %m; make it and give it "
                  "to this user\n",
@@ -179,6 +172,10 @@ bool Set_Directory::make_in_parent() {
         return true;
     QMRT_LOG(LM_ERROR, "Failed to make the directory %s, errno=%d, %m\n", path_.c_str(), errno);
     return false;
+}
+
+bool Set_Directory::discard() {
+    return open_parent(MUST_EXIST) && take_back() && remove();
 }
 
 bool Set_Directory::make() {

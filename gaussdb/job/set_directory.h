@@ -35,10 +35,10 @@ public:
      * regular file of the user; the visitor logs its own failures
      */
     [[nodiscard]] bool each_file(Visitor const& visit) const;
-    /** True for a directory that the user reaches by its path. Logs nothing. */
-    [[nodiscard]] bool is_there() const;
     /** Removes the directory with the user's rights; an absent one is a success. */
     [[nodiscard]] bool remove() const;
+    /** The same for what a killed agent has left of either kind. */
+    [[nodiscard]] bool discard();
 
     // a set that the database is to read
 
@@ -54,8 +54,9 @@ public:
     [[nodiscard]] bool hand_over() const;
 
 private:
-    /** Opens the directory above, which the user makes if it is absent. As the user. */
-    [[nodiscard]] bool open_parent();
+    enum Parent_Flags { MUST_EXIST, MAKE_IF_ABSENT };
+    /** Opens the directory above as the user. */
+    [[nodiscard]] bool open_parent(Parent_Flags flags = MAKE_IF_ABSENT);
     [[nodiscard]] bool make_in_parent();
     [[nodiscard]] bool take_back() const;
     std::string name() const;

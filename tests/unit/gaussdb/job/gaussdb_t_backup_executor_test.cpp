@@ -392,6 +392,34 @@ TEST_F(GaussDB_T_Backup_Test, what_cannot_be_taken_back_is_told) {
     EXPECT_LOGGED(LM_ERROR, LOST);
 }
 
+TEST_F(GaussDB_T_Backup_Test, what_a_killed_agent_left_goes_with_the_next_run) {
+    files_.write("cache/FULL_1/data", "half");
+    files_.write("cache/mine/data", "somebody else's");
+    give("cache");
+    write(NOTES, cache() + "/FULL_1\n" + cache() + "/gone/FULL_2\nrelative\n");
+    ASSERT_EQ(T_SUCCESS, backup());
+    EXPECT_LOGGED(LM_INFO,
+                  "Removed " + cache() + "/FULL_1, which a run that was cut off has left\n");
+    EXPECT_THAT(left_in_cache(), ElementsAre("mine"));
+    EXPECT_FALSE(exists(NOTES));
+}
+
+TEST_F(GaussDB_T_Backup_Test, what_is_being_written_is_noted_until_it_is_removed) {
+    std::string noted;
+    EXPECT_EQ(T_SUCCESS,
+              run_while(Job_var(new Default_Job_T<GaussDB_T_Backup_Executor>(def_), false),
+                        RESOURCE, "backup database", [&](Job&) { noted = content(NOTES); }));
+    EXPECT_EQ(text_of_set("meta_destination") + "\n", noted);
+    EXPECT_FALSE(exists(NOTES));
+}
+
+TEST_F(GaussDB_T_Backup_Test, what_cannot_be_noted_is_not_begun) {
+    std::filesystem::create_directories(std::string(NOTES) + "/x");
+    expect_refused("Failed to note " + cache() + "/FULL_");
+    EXPECT_EQ("", statement());
+    rm_rf(NOTES);
+}
+
 // what the database's user puts in the way
 
 TEST_F(GaussDB_T_Backup_Test, what_is_not_a_file_is_not_sent) {
@@ -451,6 +479,16 @@ TEST_F(GaussDB_T_Backup_Test, a_cancel_after_the_statement_ends_the_run_as_well)
                         RESOURCE, "backup database", [](Job& job) { EXPECT_EQ(0, job.abort()); }));
     expect_nothing_left();
     EXPECT_LOGGED(LM_ERROR, LOST);
+}
+
+TEST_F(GaussDB_T_Backup_Test, a_cancel_ends_the_transfer) {
+    data_is("data", std::string(1 << 20, 'x'));
+    EXPECT_EQ("ended canceled 0",
+              cancel_transfer(Job_var(new Default_Job_T<GaussDB_T_Backup_Executor>(def_), false),
+                              RESOURCE, pool_.path()));
+    EXPECT_LOGGED(LM_ERROR, "/data: the run was canceled\n");
+    EXPECT_LOGGED(LM_ERROR, LOST);
+    expect_nothing_left();
 }
 
 TEST_F(GaussDB_T_Backup_Test, it_has_its_instance_for_itself) {

@@ -422,6 +422,17 @@ TEST_F(GaussDB_T_Restore_Test, what_stood_in_the_place_is_replaced) {
     EXPECT_THAT(left_in_cache(), IsEmpty());
 }
 
+TEST_F(GaussDB_T_Restore_Test, what_a_killed_agent_left_of_another_restore_goes) {
+    std::string const left = cache() + "/FULL_1"; // root's, as it was not complete
+    files_.write("cache/FULL_1/data", "half");
+    std::filesystem::permissions(left, std::filesystem::perms(0700));
+    write(dirname_string(NOTES) + "/t-2", left + "\n");
+    before_each("case $1 in restore*) ls '" + cache() + "' >\"$db/sets\" ;; esac");
+    ASSERT_EQ(T_SUCCESS, restore());
+    EXPECT_LOGGED(LM_INFO, "Removed " + left);
+    EXPECT_THAT(files_.read("db/sets"), Not(HasSubstr("FULL_1\n")));
+}
+
 TEST_F(GaussDB_T_Restore_Test, only_the_users_rights_empty_the_data_directory) {
     std::filesystem::remove_all(files_.path("db/data/data"));
     files_.write("roots/keep", "x");
@@ -477,6 +488,16 @@ TEST_F(GaussDB_T_Restore_Test, a_cancel_before_the_stop_touches_nothing) {
     });
     EXPECT_EQ("ended canceled 0", restore());
     Log_Capture::instance().claim_all(LM_ERROR, "the run was canceled");
+    expect_untouched();
+}
+
+TEST_F(GaussDB_T_Restore_Test, a_cancel_ends_the_transfer_and_touches_nothing) {
+    options_->compression_ = COMPR_NONE;
+    back_up(JOB_DEFINITION_SUBTYPE_FULL, std::string(1 << 20, 'x'));
+    restore_source_->backup_key_ = sets_.back();
+    begin_anew();
+    EXPECT_EQ("ended canceled 0", cancel_transfer(job(), "t-2", cache()));
+    EXPECT_LOGGED(LM_ERROR, "Failed to get file data to ");
     expect_untouched();
 }
 

@@ -32,6 +32,7 @@ inline constexpr char T_FAILURE[] = "ended error -1";
 class T_World : public Cluster_World {
 public:
     static constexpr char RESOURCE[] = "t-1";
+    static constexpr char NOTES[] = "/var/opt/quilmot/zenbrak3/gaussdb/sets/t-1";
 
     void SetUp() override {
         Cluster_World::SetUp();
@@ -64,6 +65,8 @@ esac)sh");
     }
     void TearDown() override {
         EXPECT_FALSE(is_mounted(cache())) << "the pool is still mounted";
+        EXPECT_TRUE(!exists(dirname_string(NOTES)) ||
+                    std::filesystem::is_empty(dirname_string(NOTES)));
         Cluster_World::TearDown();
     }
 
@@ -141,6 +144,22 @@ one() {
                 std::this_thread::yield();
             action(*job);
             files_.write("db/go", "");
+        });
+        std::string const outcome = run(job, lock);
+        beside.join();
+        return outcome;
+    }
+
+    /** Runs a job so slowly that its transfer is canceled: when there is a file in a directory. */
+    std::string cancel_transfer(Job_var const& job, std::string const& lock,
+                                std::string const& directory) {
+        Rate_Limits limits;
+        limits.src = {{1000, 0, 0}};
+        job->definition()->rate_limits(std::make_shared<Rate_Limits const>(limits));
+        std::thread beside([&] {
+            while (!std::filesystem::exists(directory) || File_Pool::files_below(directory) == 0)
+                std::this_thread::yield();
+            EXPECT_EQ(0, job->abort());
         });
         std::string const outcome = run(job, lock);
         beside.join();
