@@ -58,9 +58,11 @@ int main(int argc, char** argv) {
         result = Object();
         return true;
     });
-    methods.add("catalog.get_view", [&](Method_Call const& call, Value& result, Method_Fault& fault) {
-        return serve_catalog_call(catalog, "get_view", call.params.get_obj(), result, fault.message);
-    });
+    methods.add("catalog.get_view",
+                [&](Method_Call const& call, Value& result, Method_Fault& fault) {
+                    return serve_catalog_call(catalog, "get_view", call.params.get_obj(), result,
+                                              fault.message);
+                });
     methods.gate([](Method_Call const&, Method_Fault&) { return true; });
     add_rpc_route(routes, methods);
     Rpc_Server_Options options;

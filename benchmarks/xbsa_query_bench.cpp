@@ -58,11 +58,10 @@ private:
     }
     void write_policy(std::string const& name, std::string const& set) const {
         std::filesystem::create_directories(POLICIES);
-        std::ofstream(std::string(POLICIES) + "/" + name)
-            << to_text(Object_Maker()("access_key", "key")("backupd_host", "127.0.0.1")(
-                   "backupd_port", agent_.port)("backupd_ssl", true)(
-                   "cluster_id", "cluster")("pool_uuid", "pool")("uuid", set)(
-                   "compression", "none")("compression_level", 0));
+        std::ofstream(std::string(POLICIES) + "/" + name) << to_text(
+            Object_Maker()("access_key", "key")("backupd_host", "127.0.0.1")(
+                "backupd_port", agent_.port)("backupd_ssl", true)("cluster_id", "cluster")(
+                "pool_uuid", "pool")("uuid", set)("compression", "none")("compression_level", 0));
     }
     static void make_first_set() {
         auto const check = [](int status) {
