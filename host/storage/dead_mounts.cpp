@@ -63,8 +63,11 @@ bool is_mount(File_Descriptor const& file, std::string const& id) {
 }
 
 bool is_dead(File_Descriptor const& file) {
-    struct stat status;
-    return fstat(file.get(), &status) == -1 && (errno == ENOTCONN || errno == ECONNABORTED);
+    struct statx status;
+    // what the kernel has cached of a mount is valid for a while after its agent has ended
+    return statx(file.get(), "", AT_EMPTY_PATH | AT_STATX_FORCE_SYNC, STATX_BASIC_STATS, &status) ==
+               -1 &&
+           (errno == ENOTCONN || errno == ECONNABORTED);
 }
 
 } // namespace

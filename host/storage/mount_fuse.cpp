@@ -157,6 +157,8 @@ void Mount_Fuse::Session::close() {
         fuse_unmount(handle);
     fuse_destroy(handle);
     handle = nullptr;
+    if (is_mounted)
+        unmount_dead_pools(); // libfuse leaves a mount whose connection was cut
 }
 
 Mount_Fuse::Mount_Fuse() = default;

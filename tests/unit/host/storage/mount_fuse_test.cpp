@@ -6,8 +6,10 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 
 namespace {
@@ -263,6 +265,22 @@ TEST_F(mount_fuse, the_destructor_unmounts) {
         ASSERT_TRUE(other.mount(source_.c_str(), point_.c_str(), nullptr));
         EXPECT_TRUE(is_mount_point(point_));
     }
+    EXPECT_FALSE(is_mount_point(point_));
+}
+
+TEST_F(mount_fuse, a_mount_that_the_kernel_has_cut_off_is_unmounted_as_well) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root cuts a mount off, and unmounts it then";
+    std::string const control = directory_.path("control");
+    std::filesystem::create_directory(control);
+    ASSERT_EQ(0, ::mount("none", control.c_str(), "fusectl", 0, nullptr));
+    ASSERT_TRUE(mount());
+    struct stat status {};
+    ASSERT_EQ(0, stat(point_.c_str(), &status));
+    std::ofstream(control + "/" + std::to_string(minor(status.st_dev)) + "/abort") << "1";
+    EXPECT_EQ(0, umount2(control.c_str(), MNT_DETACH));
+    EXPECT_NE(0, shell("echo x >x")) << "though what stat() tells is cached";
+    fuse_.unmount();
     EXPECT_FALSE(is_mount_point(point_));
 }
 
