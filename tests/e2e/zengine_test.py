@@ -238,8 +238,10 @@ class Zengine_Test(unittest.TestCase):
             self.refuses(backup_statement("first", level), refused)
         self.assertFalse((CACHE / "first").exists())
         self.succeeds(backup_statement("full"))
-        self.restore("full")
-        # what was backed up before belongs to another history
+        self.succeeds(backup_statement("diff", "1"))
+        self.restore("diff")
+        # the database knows of the set "full" again, but that belongs to another history
+        self.assertEqual("full\n", cluster("sql", 1, "select tag from gauss.sys_backup_sets"))
         self.refuses(backup_statement("after", "1"), refused)
         self.succeeds(backup_statement("full2"))
         self.succeeds(backup_statement("after", "1"))
