@@ -163,6 +163,19 @@ class Backup_Fault_Test(Fault_Test):
             self.good_backup()
             self.assert_recovered()
 
+    def test_the_agent_is_killed_while_it_sends(self):
+        known = {path.parent for path in (POOL / world.resource).rglob("*.bak*")}
+        run_id = world.start_slow_backup()
+        wait_until(lambda: {path.parent for path in (POOL / world.resource).rglob("*")
+                            if path.is_file()} - known)
+        self.assertEqual(0, tell("job", "show", run_id)["end_time"], "over before it was met")
+        world.kill_agent()
+        self.assertEqual(1, len(list(CACHE.iterdir())))
+        world.start_agent()
+        self.assertEqual("error", tell("job", "show", run_id)["state"])
+        self.good_backup()
+        self.assert_recovered()
+
 
 def damaged(content):
     """One bit would not do: a run of zeros has many packed forms."""
@@ -266,6 +279,16 @@ class Restore_Fault_Test(Fault_Test):
             self.assert_untouched(world.restore(self.good), "Nothing was changed", "make room")
         finally:
             subprocess.check_call(["umount", CACHE])
+        self.assert_restored()
+
+    def test_the_agent_is_killed_while_it_fetches(self):
+        run_id = world.start_slow_restore(self.good)
+        wait_until(lambda: [path for path in CACHE.rglob("*") if path.is_file()])
+        self.assertEqual(0, tell("job", "show", run_id)["end_time"], "over before it was met")
+        world.kill_agent()
+        world.start_agent()
+        self.assertEqual("error", tell("job", "show", run_id)["state"])
+        self.assertEqual(self.rows, world.rows())
         self.assert_restored()
 
     def test_the_agent_is_killed_at_each_step(self):

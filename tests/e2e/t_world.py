@@ -175,6 +175,27 @@ class T_World(object):
     def backup(self, *words, **options):
         return self.end(self.start_backup(*words, **options))
 
+    def start_slowly(self, **definition):
+        """A job of a few bytes a second, which can be met while it sends or fetches. Its run's id."""
+        definition.update(rate_limits={"src_rate_limits": "200000"})
+        done = subprocess.run(["zenbrak3", "run", "-", "--no-wait", "--json"], input=json.dumps(definition),
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        assert done.returncode == 0, done.stderr
+        return json.loads(done.stdout)["run_id"]
+
+    def start_slow_backup(self):
+        return self.start_slowly(
+            name="slow", type="backup", subtype="full", target={"pool": "main"},
+            options={"channels": 2, "cache_dir": str(CACHE)},
+            source={"id": self.resource, "entries": ["gaussdb/" + NAME]})
+
+    def start_slow_restore(self, uuid):
+        return self.start_slowly(
+            name="slow restore", type="restore", subtype="full", target={"id": self.resource},
+            options={"channels": 2},
+            source={"id": self.resource, "backup_key": uuid, "restore_as": "gaussdb/" + NAME,
+                    "entries": ["gaussdb/" + NAME]})
+
     def start_restore(self, uuid, mount=False):
         return self.start("restore", uuid, "--channels", 2, "--yes", *(
             ["-o", "mount=true"] if mount else []))
