@@ -7,7 +7,7 @@ import os
 import time
 
 from roach import files
-from roach.backup import Node_Backup, copy_unit
+from roach.backup import Node_Backup, copy_unit, read_incarnations
 from roach.frames import Frame_Writer
 from roach.object_store import MIB
 from roach.postgres import Session, literal
@@ -72,9 +72,9 @@ class Set_Backup(object):
 
     def _records(self):
         """The sets since the database was made or restored, the newest last."""
+        self.resets = read_incarnations(self.instance.data)  # the restores that it has gone through
         session = Session(self.instance)
         try:
-            self.resets = node_resets(self.instance)
             rows = session.run("select about from gauss.sys_backup_sets order by recid")
         finally:
             session.close()
@@ -163,9 +163,3 @@ class Set_Backup(object):
             control.write(text, 0)
         control.end()
         self.pieces += writer.names + control.names
-
-
-def node_resets(instance):
-    """The restores that the database has gone through."""
-    from roach.backup import read_incarnations
-    return read_incarnations(instance.data)
