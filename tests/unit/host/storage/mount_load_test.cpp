@@ -57,7 +57,7 @@ TEST_F(Mount_Load_Test, big_and_small_files_are_written_and_read_by_many_at_once
     for (Compression_Method const method : {COMPR_NONE, COMPR_ZSTD}) {
         ASSERT_TRUE(fuse_.compression_method(method, 1));
         ASSERT_TRUE(mount());
-        std::vector<size_t> const sizes{0, 1, 4095, 4096, 4097, 131072, (1 << 20) + 3, 9 << 20};
+        std::vector<size_t> const sizes{0, 1, 4095, 4096, 4097, 131072, 5 << 20, 300003};
         each_user([&](unsigned user) {
             EXPECT_EQ(0, mkdir(path(folder(user)).c_str(), 0700));
             for (unsigned i = 0; i < sizes.size(); ++i) {
