@@ -3,6 +3,7 @@
 #include "gaussdb/job/client_io_options.h"
 #include "gaussdb/job/cluster_job.h"
 #include "gaussdb/job/set_directory.h"
+#include "gaussdb/job/set_history.h"
 #include "gaussdb/job/set_notes.h"
 #include "host/catalog/catalog_operator.h"
 #include "host/job/job_mutex.h"
@@ -91,6 +92,8 @@ bool GaussDB_T_Backup_Executor::execute_i(Job::Action_Options const*) {
         QMRT_LOG(LM_ERROR, "Failed to setup io options for GaussDB T\n");
         return false;
     }
+    if (!is_base_kept(Set_History(src_->id())))
+        return false;
     act_.size = datafile_size();
     generate_backup_cmd();
     if (opts_->mount_ ? backup_to_mount() : backup_by_directory())
@@ -101,6 +104,25 @@ bool GaussDB_T_Backup_Executor::execute_i(Job::Action_Options const*) {
             "The backup set %s is lost, but the database has noted it and may build on it: make "
             "a full backup next\n",
             backup_dir_.c_str());
+    return false;
+}
+
+bool GaussDB_T_Backup_Executor::is_base_kept(Set_History const& history) const {
+    std::string const base = history.base_of(def_.subtype());
+    if (base.empty())
+        return true;
+    json_spirit::Value row;
+    bool const known =
+        Catalog_Operator(-1, def_.max_seconds_retry())
+            .get_first_view("gaussdb", "catalogs",
+                            {{"uuid", base}, {"pool_uuid", tgt_.id()}, {"limit", 1}}, row);
+    if (!known || !row.is_null())
+        return true;
+    QMRT_LOG(LM_ERROR,
+             "The database builds this backup on the set %s, which is not in the catalog of the "
+             "pool, and a restore would fail: make a full backup%s\n",
+             base.c_str(),
+             def_.subtype() == JOB_DEFINITION_SUBTYPE_INCREMENTAL ? ", or a cumulative one" : "");
     return false;
 }
 
@@ -145,6 +167,8 @@ void GaussDB_T_Backup_Executor::generate_backup_cmd() {
 }
 
 bool GaussDB_T_Backup_Executor::run_statement() {
+    if (!Set_History(src_->id()).add(def_.subtype(), evt_handler_.job_act_id()))
+        return false;
     std::vector<std::string> rows;
     client_->unlimited(true);
     noted_ = client_->query(cmd_.str().c_str(), rows, true);

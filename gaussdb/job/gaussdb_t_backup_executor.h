@@ -13,6 +13,7 @@
 #include <string>
 
 class Set_Directory;
+class Set_History;
 
 /**
  * Backs up a lone instance of GaussDB T by one SQL statement, with which the database writes a set
@@ -25,9 +26,11 @@ class Set_Directory;
  * through the mount stays in the pool when the statement fails; the agent removes it at its next
  * start.
  *
- * A cancel ends the statement or the transfer, and the run fails. A run that fails after the
- * statement says that the next backup has to be a full one: the database does not know that the set
- * is lost.
+ * A cancel ends the statement or the transfer, and the run fails.
+ *
+ * The database does not know which of its sets are lost. So a run that fails after the statement
+ * says that the next backup has to be a full one, and a run whose set would be built on a lost one
+ * is refused.
  */
 class GaussDB_T_Backup_Executor
     : public Job_Executor_T<GaussDB_Backup_Job_Source, GaussDB_Backup_Job_Options,
@@ -56,6 +59,7 @@ private:
     [[nodiscard]] bool setup_client_io_opts();
     ACE_UINT64 datafile_size() const;
     [[nodiscard]] bool is_full() const { return def_.subtype() == JOB_DEFINITION_SUBTYPE_FULL; }
+    [[nodiscard]] bool is_base_kept(Set_History const& history) const;
     [[nodiscard]] bool run_statement();
     void describe(GaussDB_Backup_Set& bset) const;
     void take_back();

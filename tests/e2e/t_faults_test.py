@@ -264,6 +264,19 @@ class Restore_Fault_Test(Fault_Test):
         self.assert_restored(diff, mount=True)
         self.assert_recovered()
 
+    def test_nothing_is_built_on_a_set_that_the_database_alone_knows(self):
+        self.good_backup("--incremental")
+        of(NAME, "change", 3)
+        world.set_rule("zsql", "after", "backup database")
+        self.assert_failed(world.backup("--incremental"), "refused by the test")
+        world.clear_rules()
+        of(NAME, "change", 4)
+        self.rows = world.rows()
+        self.assert_failed(world.backup("--incremental"), "which is not in the catalog",
+                           "make a full backup, or a cumulative one")
+        self.good_backup("--cumulative")
+        self.assert_restored(self.good_backup("--incremental"))
+
     def test_a_damaged_piece_that_the_database_finds(self):
         for mount in (False, True):
             put_right = self.damage(self.good)

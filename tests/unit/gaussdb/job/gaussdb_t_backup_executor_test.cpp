@@ -29,7 +29,19 @@ protected:
         EXPECT_THAT(left_in_cache(), IsEmpty());
         EXPECT_FALSE(catalog_->has(set_uuid()));
     }
+    /** The run ends before the statement, since its set would be built on that one. */
+    void expect_not_begun(Job_Definition_Subtype subtype, std::string const& base,
+                          std::string const& advice) {
+        std::string const before = statement();
+        EXPECT_EQ(T_FAILURE, backup_as(subtype));
+        EXPECT_LOGGED(LM_ERROR, "The database builds this backup on the set " + base +
+                                    ", which is not in the catalog of the pool, and a restore "
+                                    "would fail: " +
+                                    advice);
+        EXPECT_EQ(before, statement());
+    }
     std::string backup_as(Job_Definition_Subtype subtype) {
+        jobs_.clear(); // how an earlier run ended
         def_->subtype(subtype);
         return backup();
     }
@@ -170,7 +182,8 @@ TEST_F(GaussDB_T_Backup_Test, an_incremental_one_without_a_base_is_kept_all_the_
     EXPECT_EQ("", text_of_set("incarnation"));
     catalog_->fail("get_view");
     ASSERT_EQ(T_SUCCESS, backup());
-    EXPECT_LOGGED(LM_ERROR, "The catalog fails to get_view");
+    EXPECT_LOGGED(LM_ERROR, "The catalog fails to get_view"); // for the base
+    EXPECT_LOGGED(LM_ERROR, "The catalog fails to get_view"); // for the incarnation
     EXPECT_NOT_LOGGED("Failed to get prior backup: The catalog");
     EXPECT_EQ("", text_of_set("incarnation"));
 }
@@ -418,6 +431,85 @@ TEST_F(GaussDB_T_Backup_Test, what_cannot_be_noted_is_not_begun) {
     expect_refused("Failed to note " + cache() + "/FULL_");
     EXPECT_EQ("", statement());
     rm_rf(NOTES);
+}
+
+// what the database builds on
+
+TEST_F(GaussDB_T_Backup_Test, an_incremental_one_is_not_built_on_a_lost_set) {
+    ASSERT_EQ(T_SUCCESS, backup());
+    catalog_->fail("commit");
+    EXPECT_EQ(T_FAILURE, backup_as(JOB_DEFINITION_SUBTYPE_INCREMENTAL));
+    Log_Capture::instance().claim_all(LM_ERROR, "");
+    std::string const lost = set_uuid();
+    catalog_->fail("commit", false);
+    expect_not_begun(JOB_DEFINITION_SUBTYPE_INCREMENTAL, lost,
+                     "make a full backup, or a cumulative one\n");
+    ASSERT_EQ(T_SUCCESS, backup_as(JOB_DEFINITION_SUBTYPE_CUMULATIVE));
+    ASSERT_EQ(T_SUCCESS, backup_as(JOB_DEFINITION_SUBTYPE_INCREMENTAL));
+}
+
+TEST_F(GaussDB_T_Backup_Test, nothing_is_built_on_a_lost_full_set) {
+    ASSERT_EQ(T_SUCCESS, backup());
+    catalog_->fail("commit");
+    EXPECT_EQ(T_FAILURE, backup_as(JOB_DEFINITION_SUBTYPE_FULL));
+    Log_Capture::instance().claim_all(LM_ERROR, "");
+    std::string const lost = set_uuid();
+    catalog_->fail("commit", false);
+    expect_not_begun(JOB_DEFINITION_SUBTYPE_INCREMENTAL, lost,
+                     "make a full backup, or a cumulative one\n");
+    expect_not_begun(JOB_DEFINITION_SUBTYPE_CUMULATIVE, lost, "make a full backup\n");
+    ASSERT_EQ(T_SUCCESS, backup_as(JOB_DEFINITION_SUBTYPE_FULL));
+    ASSERT_EQ(T_SUCCESS, backup_as(JOB_DEFINITION_SUBTYPE_INCREMENTAL));
+}
+
+TEST_F(GaussDB_T_Backup_Test, a_statement_that_failed_may_have_made_a_set) {
+    ASSERT_EQ(T_SUCCESS, backup());
+    fails_at("backup database");
+    EXPECT_EQ(T_FAILURE, backup_as(JOB_DEFINITION_SUBTYPE_INCREMENTAL));
+    Log_Capture::instance().claim_all(LM_ERROR, "");
+    Log_Capture::instance().claim_all(LM_WARNING, "zsql");
+    std::filesystem::remove(files_.path("db/fail"));
+    expect_not_begun(JOB_DEFINITION_SUBTYPE_INCREMENTAL, set_uuid(), "make a full backup");
+}
+
+TEST_F(GaussDB_T_Backup_Test, a_statement_that_was_ended_may_have_made_a_set) {
+    ASSERT_EQ(T_SUCCESS, backup());
+    jobs_.clear();
+    EXPECT_EQ("ended canceled 0",
+              run_while(Job_var(new Default_Job_T<GaussDB_T_Backup_Executor>(def_), false),
+                        RESOURCE, "backup database",
+                        [](Job& job) { EXPECT_EQ(0, job.abort_now()); }));
+    EXPECT_LOGGED(LM_ERROR, "Failed to run cmd");
+    Log_Capture::instance().claim_all(LM_WARNING, "zsql");
+    expect_not_begun(JOB_DEFINITION_SUBTYPE_INCREMENTAL, set_uuid(), "make a full backup");
+}
+
+TEST_F(GaussDB_T_Backup_Test, a_set_is_noted_before_the_database_makes_it) {
+    ASSERT_EQ(T_SUCCESS, backup());
+    std::string const full = set_uuid();
+    def_->subtype(JOB_DEFINITION_SUBTYPE_INCREMENTAL);
+    std::string noted;
+    EXPECT_EQ(T_SUCCESS,
+              run_while(Job_var(new Default_Job_T<GaussDB_T_Backup_Executor>(def_), false),
+                        RESOURCE, "backup database", [&](Job&) { noted = content(HISTORY); }));
+    EXPECT_EQ(full + "\n" + set_uuid() + "\n", noted);
+    EXPECT_EQ(noted, content(HISTORY));
+}
+
+TEST_F(GaussDB_T_Backup_Test, a_set_of_another_pool_is_nothing_to_build_on) {
+    write(HISTORY, "elsewhere\nelsewhere\n");
+    catalog_->add_row({{"uuid", "elsewhere"},
+                       {"resource_uuid", RESOURCE},
+                       {"storages", json_spirit::Array{Object{{"pool_uuid", "pool-2"}}}}});
+    expect_not_begun(JOB_DEFINITION_SUBTYPE_INCREMENTAL, "elsewhere", "make a full backup");
+    expect_not_begun(JOB_DEFINITION_SUBTYPE_CUMULATIVE, "elsewhere", "make a full backup");
+}
+
+TEST_F(GaussDB_T_Backup_Test, a_set_that_cannot_be_noted_is_not_made) {
+    std::filesystem::create_directories(std::string(HISTORY) + "/x");
+    expect_refused("Failed to note the backup set ");
+    EXPECT_EQ("", statement());
+    rm_rf(HISTORY);
 }
 
 // what the database's user puts in the way

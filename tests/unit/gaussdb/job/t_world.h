@@ -33,9 +33,11 @@ class T_World : public Cluster_World {
 public:
     static constexpr char RESOURCE[] = "t-1";
     static constexpr char NOTES[] = "/var/opt/quilmot/zenbrak3/gaussdb/sets/t-1";
+    static constexpr char HISTORY[] = "/var/opt/quilmot/zenbrak3/gaussdb/history/t-1";
 
     void SetUp() override {
         Cluster_World::SetUp();
+        rm_rf(HISTORY);
         for (char const* directory : {"db/files", "db/data/data", "cache"})
             std::filesystem::create_directories(files_.path(directory));
         files_.write("db/status", "OPEN");
