@@ -29,6 +29,14 @@ protected:
         EXPECT_THAT(left_in_cache(), IsEmpty());
         EXPECT_FALSE(catalog_->has(set_uuid()));
     }
+    /** A run that fails after its statement. @return the uuid of its set */
+    std::string lose(Job_Definition_Subtype subtype) {
+        catalog_->fail("commit");
+        EXPECT_EQ(T_FAILURE, backup_as(subtype));
+        Log_Capture::instance().claim_all(LM_ERROR, "");
+        catalog_->fail("commit", false);
+        return set_uuid();
+    }
     /** The run ends before the statement, since its set would be built on that one. */
     void expect_not_begun(Job_Definition_Subtype subtype, std::string const& base,
                           std::string const& advice) {
@@ -437,11 +445,7 @@ TEST_F(GaussDB_T_Backup_Test, what_cannot_be_noted_is_not_begun) {
 
 TEST_F(GaussDB_T_Backup_Test, an_incremental_one_is_not_built_on_a_lost_set) {
     ASSERT_EQ(T_SUCCESS, backup());
-    catalog_->fail("commit");
-    EXPECT_EQ(T_FAILURE, backup_as(JOB_DEFINITION_SUBTYPE_INCREMENTAL));
-    Log_Capture::instance().claim_all(LM_ERROR, "");
-    std::string const lost = set_uuid();
-    catalog_->fail("commit", false);
+    std::string const lost = lose(JOB_DEFINITION_SUBTYPE_INCREMENTAL);
     expect_not_begun(JOB_DEFINITION_SUBTYPE_INCREMENTAL, lost,
                      "make a full backup, or a cumulative one\n");
     ASSERT_EQ(T_SUCCESS, backup_as(JOB_DEFINITION_SUBTYPE_CUMULATIVE));
@@ -450,11 +454,7 @@ TEST_F(GaussDB_T_Backup_Test, an_incremental_one_is_not_built_on_a_lost_set) {
 
 TEST_F(GaussDB_T_Backup_Test, nothing_is_built_on_a_lost_full_set) {
     ASSERT_EQ(T_SUCCESS, backup());
-    catalog_->fail("commit");
-    EXPECT_EQ(T_FAILURE, backup_as(JOB_DEFINITION_SUBTYPE_FULL));
-    Log_Capture::instance().claim_all(LM_ERROR, "");
-    std::string const lost = set_uuid();
-    catalog_->fail("commit", false);
+    std::string const lost = lose(JOB_DEFINITION_SUBTYPE_FULL);
     expect_not_begun(JOB_DEFINITION_SUBTYPE_INCREMENTAL, lost,
                      "make a full backup, or a cumulative one\n");
     expect_not_begun(JOB_DEFINITION_SUBTYPE_CUMULATIVE, lost, "make a full backup\n");
