@@ -141,6 +141,8 @@ class Wrapped_Login_Test(Fault_Test):
         run = self.world.wait(run_id)
         self.assertIn(run["state"], ("canceled", "completed") if may_complete else ("canceled",), run["log"])
         self.assert_nothing_left(run)
+        # which notes it a moment after the tool's processes have ended
+        wait_until(lambda: not self.node.processes("wrapper"), "the end of the login")
         tool_end = int(self.login_file("tool_end"))  # 0 if it was not started
         if tool_end >= run["start_time"]:
             self.assertLessEqual(run["end_time"], tool_end + 10, run["log"])
