@@ -36,18 +36,24 @@ std::string unescaped(std::string const& text) {
     return result;
 }
 
-/** See proc_pid_mountinfo(5): optional fields end with "-". */
+/**
+ * Those that root has mounted: by fusermount3 anybody can mount under these names, and whoever
+ * serves such a mount can leave a question to it without an answer. See proc_pid_mountinfo(5):
+ * optional fields end with "-".
+ */
 std::vector<Pool_Mount> list_pool_mounts() {
     std::vector<Pool_Mount> mounts;
     std::string const wanted_type = std::string("fuse.") + POOL_MOUNT_SUBTYPE;
     std::ifstream list("/proc/thread-self/mountinfo");
     for (std::string line; std::getline(list, line);) {
         std::istringstream words(line);
-        std::string id, parent, device, root, point, word, type, source;
+        std::string id, parent, device, root, point, word, type, source, options;
         words >> id >> parent >> device >> root >> point;
         while (words >> word && word != "-")
             ;
-        if (words >> type >> source && type == wanted_type && source == POOL_MOUNT_SOURCE)
+        if (words >> type >> source >> options && type == wanted_type &&
+            source == POOL_MOUNT_SOURCE &&
+            ("," + options + ",").find(",user_id=0,") != std::string::npos)
             mounts.push_back({id, unescaped(point)});
     }
     return mounts;

@@ -9,8 +9,8 @@ constexpr char POOL_MOUNT_SUBTYPE[] = "pool";
 
 /**
  * Unmounts the pools whose agent has been killed: the kernel keeps such a mount, and every use of
- * it fails. Mounts that are in use, and those of others, stay. No-op unless run by root. Logs what
- * it does. Thread-safe.
+ * it fails. Mounts that are in use, and those of other programs and users, stay. No-op unless run
+ * by root. Logs what it does. Thread-safe.
  * @return how many were unmounted
  */
 size_t unmount_dead_pools();

@@ -21,10 +21,10 @@ protected:
     }
     /** Mounts as an agent does. @return its end of the connection: closed, as when it is killed */
     File_Descriptor mount_raw(std::string const& point, char const* source = "zenbrak3",
-                              char const* type = "fuse.pool") const {
+                              char const* type = "fuse.pool", std::string const& user = "0") const {
         File_Descriptor device(open("/dev/fuse", O_RDWR | O_CLOEXEC));
         std::string const options =
-            "fd=" + std::to_string(device.get()) + ",rootmode=40000,user_id=0,group_id=0";
+            "fd=" + std::to_string(device.get()) + ",rootmode=40000,group_id=0,user_id=" + user;
         EXPECT_EQ(0, ::mount(source, point.c_str(), type, MS_NOSUID | MS_NODEV, options.c_str()))
             << errno;
         return device;
@@ -67,6 +67,18 @@ TEST_F(Dead_Mounts_Test, those_of_others_stay) {
         EXPECT_TRUE(is_dead());
         EXPECT_EQ(0, umount2(point_.c_str(), MNT_DETACH));
     }
+}
+
+TEST_F(Dead_Mounts_Test, one_that_a_user_has_mounted_under_our_names_is_not_asked) {
+    constexpr char BY_A_USER[] = "1000,allow_other";
+    mount_raw(point_, "zenbrak3", "fuse.pool", BY_A_USER);
+    unmount_dead_pools();
+    EXPECT_TRUE(is_dead());
+    EXPECT_EQ(0, umount2(point_.c_str(), MNT_DETACH));
+    // the user's program does not answer: whoever asks anything waits for ever
+    File_Descriptor const served = mount_raw(point_, "zenbrak3", "fuse.pool", BY_A_USER);
+    unmount_dead_pools();
+    EXPECT_TRUE(is_mount_point(point_));
 }
 
 TEST_F(Dead_Mounts_Test, one_below_another_mount_is_not_reached_and_stays) {
