@@ -2,6 +2,7 @@
 #include "agent/catalog/kept_set.h"
 #include "agent/catalog/recorded_set.h"
 #include "agent/catalog/sqlite_catalog.h"
+#include "benchmarks/bench_directory.h"
 
 #include "json_spirit/access.h"
 #include "qmrt/format.h"
@@ -93,7 +94,6 @@ public:
         std::fprintf(stderr, "after all queries: memory %s\n", memory().c_str());
         catalog.reset();
         database_.reset();
-        std::filesystem::remove_all(path_);
     }
     int64_t sets_of_resource() const { return sets_ / RESOURCES; }
     int64_t random_resource() {
@@ -109,10 +109,6 @@ private:
     Place() {
         if (char const* const sets = std::getenv("ZENBRAK3_BENCH_SETS"))
             sets_ = std::max<int64_t>(std::atoll(sets), RESOURCES);
-        char const* const directory = std::getenv("ZENBRAK3_BENCH_DIRECTORY");
-        path_ = std::string(directory ? directory : "/var/tmp") + "/zenbrak3-bench-XXXXXX";
-        if (!mkdtemp(path_.data()))
-            std::abort();
         open();
         database_.reset();
         fill_in_child();
@@ -122,7 +118,7 @@ private:
             stderr, "%lld sets, the file has %.0f MiB, memory %s\n", static_cast<long long>(sets_),
             static_cast<double>(std::filesystem::file_size(file())) / (1 << 20), memory().c_str());
     }
-    std::string file() const { return path_ + "/agent.db"; }
+    std::string file() const { return directory_.path("agent.db"); }
     void open() {
         std::string error;
         database_ = Agent_Database::open(file(), {CATALOG_TABLES}, error);
@@ -179,7 +175,7 @@ private:
     }
 
     int64_t sets_ = 1000000;
-    std::string path_;
+    Bench_Directory directory_;
     std::unique_ptr<Agent_Database> database_;
     std::mt19937 random_{1};
 };

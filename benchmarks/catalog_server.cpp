@@ -5,13 +5,12 @@
 #include "agent/catalog/catalog_tables.h"
 #include "agent/catalog/recorded_set.h"
 #include "agent/catalog/sqlite_catalog.h"
-#include "agent/rpc/rpc_server.h"
 #include "agent/service/rpc_route.h"
+#include "benchmarks/serve.h"
 #include "qmrt/format.h"
 
 #include <cstdio>
 #include <cstdlib>
-#include <unistd.h>
 
 using json_spirit::Object;
 using json_spirit::Value;
@@ -63,21 +62,6 @@ int main(int argc, char** argv) {
                     return serve_catalog_call(catalog, "get_view", call.params.get_obj(), result,
                                               fault.message);
                 });
-    methods.gate([](Method_Call const&, Method_Fault&) { return true; });
     add_rpc_route(routes, methods);
-    Rpc_Server_Options options;
-    options.socket_path = argv[4];
-    options.network = true;
-    options.address = "127.0.0.1";
-    options.certificate = argv[5];
-    options.private_key = argv[6];
-    options.access_key = secure_string(std::string_view("key"));
-    Rpc_Server server(methods, routes, options);
-    if (!server.start(error))
-        return fail(error);
-    std::printf("%u\n", server.port());
-    std::fflush(stdout);
-    for (char byte = 0; ::read(STDIN_FILENO, &byte, 1) > 0;) {
-    }
-    return 0;
+    return serve(methods, routes, argv + 4, "key");
 }

@@ -1,3 +1,4 @@
+#include "benchmarks/bench_directory.h"
 #include "host/agent/host_services.h"
 #include "host/storage/file_storage_backend.h"
 #include "host/storage/mount_fuse.h"
@@ -26,12 +27,8 @@ public:
         static Place place;
         return place;
     }
-    ~Place() {
-        fuse_.reset();
-        std::filesystem::remove_all(path_);
-    }
 
-    std::string path(std::string const& name) const { return path_ + "/" + name; }
+    std::string path(std::string const& name) const { return directory_.path(name); }
     bool mount() {
         fuse_ = std::make_unique<Mount_Fuse>();
         fuse_->read_mode(SYNC_READ);
@@ -47,7 +44,7 @@ public:
     void forget() {
         fuse_.reset();
         sync();
-        for (auto const& entry : std::filesystem::recursive_directory_iterator(path_)) {
+        for (auto const& entry : std::filesystem::recursive_directory_iterator(directory_.path())) {
             File_Descriptor const file(open(entry.path().c_str(), O_RDONLY | O_CLOEXEC));
             posix_fadvise(file.get(), 0, 0, POSIX_FADV_DONTNEED);
         }
@@ -62,16 +59,10 @@ public:
     }
 
 private:
-    Place() {
-        char const* const directory = std::getenv("ZENBRAK3_BENCH_DIRECTORY");
-        path_ = std::string(directory ? directory : "/var/tmp") + "/zenbrak3-bench-XXXXXX";
-        if (!mkdtemp(path_.data()))
-            std::abort();
-        Host_Services::instance().storage("file", std::make_shared<File_Storage_Backend>());
-    }
+    Place() { Host_Services::instance().storage("file", std::make_shared<File_Storage_Backend>()); }
 
-    std::string path_;
-    std::unique_ptr<Mount_Fuse> fuse_;
+    Bench_Directory directory_;
+    std::unique_ptr<Mount_Fuse> fuse_; // unmounts before the directory goes
 };
 
 /** What a database writes: several files at once, in blocks of 1 MiB, on disk at the end. */

@@ -1,3 +1,4 @@
+#include "benchmarks/bench_directory.h"
 #include "host/agent/host_services.h"
 #include "host/storage/client_io_ex.h"
 #include "host/storage/file_storage_backend.h"
@@ -26,9 +27,8 @@ public:
         static Place place;
         return place;
     }
-    ~Place() { std::filesystem::remove_all(path_); }
 
-    std::string path(std::string const& name) const { return path_ + "/" + name; }
+    std::string path(std::string const& name) const { return directory_.path(name); }
     std::string url() const { return "file://" + path("pool"); }
     /** Before each run: nothing is left of the one before, nor has yet to be written out. */
     void clear() const {
@@ -39,10 +39,6 @@ public:
 
 private:
     Place() {
-        char const* const directory = std::getenv("ZENBRAK3_BENCH_DIRECTORY");
-        path_ = std::string(directory ? directory : "/var/tmp") + "/zenbrak3-bench-XXXXXX";
-        if (!mkdtemp(path_.data()))
-            std::abort();
         write("large", GIB);
         write("small", SMALL);
         Host_Services::instance().storage("file", std::make_shared<File_Storage_Backend>());
@@ -61,7 +57,7 @@ private:
             file << block;
         }
     }
-    std::string path_;
+    Bench_Directory directory_;
 };
 
 bool put(std::string const& source, Compression_Method method, unsigned channels = 1) {

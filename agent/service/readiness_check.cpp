@@ -114,14 +114,6 @@ std::string size_text(uint64_t bytes) {
 
 } // namespace
 
-void Readiness_Check::good(std::string subject, std::string text) {
-    lines_.push_back({std::move(subject), true, std::move(text), ""});
-}
-
-void Readiness_Check::bad(std::string subject, std::string text, std::string advice) {
-    lines_.push_back({std::move(subject), false, std::move(text), std::move(advice)});
-}
-
 bool Readiness_Check::ok() const {
     return std::all_of(lines_.begin(), lines_.end(), [](Line const& line) { return line.ok; });
 }

@@ -1,7 +1,7 @@
 #ifndef AGENT_SERVICE_READINESS_CHECK_H
 #define AGENT_SERVICE_READINESS_CHECK_H
 
-#include "host/agent/instance_handler.h"
+#include "host/agent/check_lines.h"
 #include "json_spirit/value.h"
 
 #include <cstdint>
@@ -13,7 +13,7 @@
  * nothing behind: in a pool an empty file is made and removed, as root and as the database's user.
  * A tool of this host is looked for, not run. One object is for one check, on any thread.
  */
-class Readiness_Check {
+class Readiness_Check : private Check_Lines {
 public:
     using Line = Instance_Check;
 
@@ -55,8 +55,6 @@ public:
     json_spirit::Object dump() const;
 
 private:
-    void good(std::string subject, std::string text);
-    void bad(std::string subject, std::string text, std::string advice);
     void alerts(std::string const& name);
     void state(std::string const& name);
     void user_and_tools(Instance const& instance, int version);
@@ -69,7 +67,6 @@ private:
 
     std::string user_;     ///< the database's, of the instance that was looked at
     std::string resource_; ///< that instance's uuid
-    std::vector<Line> lines_;
 };
 
 #endif

@@ -125,14 +125,6 @@ std::vector<Instance_Check> GaussDB_Node_Check::run(Instance_Handler::Check_Scop
     return lines_;
 }
 
-void GaussDB_Node_Check::good(std::string subject, std::string text) {
-    lines_.push_back({std::move(subject), true, std::move(text), ""});
-}
-
-void GaussDB_Node_Check::bad(std::string subject, std::string text, std::string advice) {
-    lines_.push_back({std::move(subject), false, std::move(text), std::move(advice)});
-}
-
 bool GaussDB_Node_Check::read_record() {
     std::string fault = fault_of_non_intrusive_record(record_);
     json_spirit::object_get(record_, "source_commands", access_.source_commands);

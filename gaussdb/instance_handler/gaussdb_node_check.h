@@ -3,7 +3,7 @@
 
 #include "gaussdb/common/gaussdb_const.h"
 #include "gaussdb/job/gaussdb_non_intrusive_node.h"
-#include "host/agent/instance_handler.h"
+#include "host/agent/check_lines.h"
 
 #include <string>
 #include <vector>
@@ -13,7 +13,7 @@
  * and what a backup needs on the node and on this host. Asks, and changes nothing. One object is
  * for one check, on any thread.
  */
-class GaussDB_Node_Check {
+class GaussDB_Node_Check : private Check_Lines {
 public:
     /** @param record  as "gaussdb.create_instance" makes it; name and version may be absent */
     explicit GaussDB_Node_Check(json_spirit::Object const& record);
@@ -21,9 +21,6 @@ public:
     std::vector<Instance_Check> run(Instance_Handler::Check_Scope scope);
 
 private:
-    void good(std::string subject, std::string text);
-    void bad(std::string subject, std::string text, std::string advice);
-
     [[nodiscard]] bool read_record();
     [[nodiscard]] bool way_in();
     [[nodiscard]] bool version();
@@ -44,7 +41,6 @@ private:
     GaussDB_Version version_{GAUSSDB_UNKNOWN, 0, 0, 0};
     std::string user_; ///< of the login
     uint16_t client_port_ = 0;
-    std::vector<Instance_Check> lines_;
 };
 
 #endif

@@ -53,14 +53,6 @@ std::vector<Instance_Check> GaussDB_T_Check::run() {
     return lines_;
 }
 
-void GaussDB_T_Check::good(std::string subject, std::string text) {
-    lines_.push_back({std::move(subject), true, std::move(text), ""});
-}
-
-void GaussDB_T_Check::bad(std::string subject, std::string text, std::string advice) {
-    lines_.push_back({std::move(subject), false, std::move(text), std::move(advice)});
-}
-
 void GaussDB_T_Check::read_last_backup() {
     if (cache_dir_.empty())
         if (std::string const set = json_spirit::object_get_str(
@@ -73,7 +65,7 @@ void GaussDB_T_Check::read_last_backup() {
 // the database
 
 void GaussDB_T_Check::database() {
-    // that there is no account is told by the agent
+    // the agent's own check reports a missing account
     for (auto const& account : instance_.logon_options)
         database_by(account.first);
 }
@@ -128,7 +120,7 @@ void GaussDB_T_Check::cache_directory(bool can_mount) {
     if (std::string const fault = names::fault_of_bare_path(cache_dir_); !fault.empty())
         return bad(subject, "it " + fault, "choose another directory for cache_dir");
     if (user.get(user_.c_str()) == -1)
-        return; // told by the agent
+        return; // the agent's own check reports an unknown user
     if (std::string const closed = closed_directory(cache_dir_, user.uid()); !closed.empty())
         return bad(subject, "the user " + user_ + " cannot pass through " + closed,
                    "run: chmod o+x " + closed);

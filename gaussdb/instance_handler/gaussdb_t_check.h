@@ -1,7 +1,7 @@
 #ifndef GAUSSDB_INSTANCE_HANDLER_GAUSSDB_T_CHECK_H
 #define GAUSSDB_INSTANCE_HANDLER_GAUSSDB_T_CHECK_H
 
-#include "host/agent/instance_handler.h"
+#include "host/agent/check_lines.h"
 
 #include <cstdint>
 #include <string>
@@ -12,7 +12,7 @@
  * takes the account, the cache directory, and the mount of a pool. Asks, and changes nothing. One
  * object is for one check, on any thread.
  */
-class GaussDB_T_Check {
+class GaussDB_T_Check : private Check_Lines {
 public:
     /**
      * @param instance  with "user" among its options; "cache_dir" names the cache directory, which
@@ -23,9 +23,6 @@ public:
     std::vector<Instance_Check> run();
 
 private:
-    void good(std::string subject, std::string text);
-    void bad(std::string subject, std::string text, std::string advice);
-
     void database();
     void database_by(std::string const& uid);
     [[nodiscard]] bool mount();
@@ -37,7 +34,6 @@ private:
     std::string user_;
     std::string cache_dir_;
     uint64_t needed_ = 0; ///< bytes of the last full backup; 0 when there was none
-    std::vector<Instance_Check> lines_;
 };
 
 #endif

@@ -31,6 +31,18 @@ def cluster(*words, **options):
     return done.stdout
 
 
+def start_transfers():
+    """A process that takes money from 4,999 accounts to one more, a piece and a row of the trail in each
+    transaction, until the server ends."""
+    cluster("sql", 1, "create table account as select n as id, 1000 as money from "
+            "generate_series(1, 5000) n; create table trail (amount int)")
+    return subprocess.Popen([CLUSTER, "sql", "1", "do $$ begin for n in 1..100000000 loop "
+                             "update account set money = money - 1 where id = 1 + n % 4999;"
+                             "update account set money = money + 1 where id = 5000;"
+                             "insert into trail values (1); commit; end loop; end $$"],
+                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+
 def tool(*words, **environment):
     """Runs one of the cluster's tools as its user: (exit status, stdout, stderr)."""
     settings = ["%s=%s" % pair for pair in environment.items()]
@@ -171,13 +183,7 @@ class Sandbox_Test(unittest.TestCase):
 
     def test_a_backup_under_load_is_of_one_moment(self):
         cluster("fill", 20)
-        sql("create table account as select n as id, 1000 as money from generate_series(1, 5000) n; "
-            "create table trail (amount int)")
-        load = subprocess.Popen([CLUSTER, "sql", "1", "do $$ begin for n in 1..100000000 loop "
-                                 "update account set money = money - 1 where id = 1 + n % 4999;"
-                                 "update account set money = money + 1 where id = 5000;"
-                                 "insert into trail values (1); commit; end loop; end $$"],
-                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        load = start_transfers()
         try:
             wait_until(lambda: int(sql("select count(*) from trail")) > 100)
             key = backup()

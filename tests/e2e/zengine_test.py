@@ -17,7 +17,7 @@ import time
 import unittest
 
 sys.dont_write_bytecode = True
-from sandbox_test import CLUSTER, HOME, cluster, wait_until  # noqa: E402
+from sandbox_test import HOME, cluster, start_transfers, wait_until  # noqa: E402
 
 DATA, CACHE = HOME / "data", HOME / "cache"
 PORT, PASSWORD = 1611, "Backup@123"
@@ -194,13 +194,7 @@ class Zengine_Test(unittest.TestCase):
         self.assertEqual(before, cluster("checksums"))
 
     def test_a_backup_under_load_is_of_one_moment(self):
-        cluster("sql", 1, "create table account as select n as id, 1000 as money from "
-                "generate_series(1, 5000) n; create table trail (amount int)")
-        load = subprocess.Popen([CLUSTER, "sql", "1", "do $$ begin for n in 1..100000000 loop "
-                                 "update account set money = money - 1 where id = 1 + n % 4999;"
-                                 "update account set money = money + 1 where id = 5000;"
-                                 "insert into trail values (1); commit; end loop; end $$"],
-                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        load = start_transfers()
         try:
             wait_until(lambda: int(cluster("sql", 1, "select count(*) from trail")) > 100)
             self.succeeds(backup_statement("full"))

@@ -14,7 +14,7 @@ from roach.postgres import Session, parse_lsn
 from roach.screen import Progress, say
 from roach.workers import Crew
 
-INCARNATIONS = "roach_incarnations.json"  # in the data directory: the restores it has gone through
+INCARNATIONS = "roach_incarnations.json"  # in the data directory: the restores made to it
 
 
 class Node_Backup(object):
@@ -118,6 +118,26 @@ def copy_unit(writer, data, unit, since):
     finally:
         os.close(descriptor)
     return True
+
+
+def copy_log(writer, segments):
+    """Puts segments of the log into the object, as they stand in a data directory."""
+    for path in segments:
+        descriptor = os.open(path, os.O_RDONLY | os.O_CLOEXEC)
+        try:
+            writer.file("pg_wal/" + os.path.basename(path))
+            writer.copy(descriptor, 0, os.fstat(descriptor).st_size)
+        finally:
+            os.close(descriptor)
+
+
+def copy_control(writer, node):
+    """Puts what a recovery starts from into the object."""
+    with open(os.path.join(node.instance.data, files.CONTROL), "rb") as control:
+        content = control.read()
+    for path, text in ((files.CONTROL, content), ("backup_label", node.label)):
+        writer.file(path)
+        writer.write(text, 0)
 
 
 def copy_pages(writer, descriptor, begin, end, since):
@@ -327,18 +347,8 @@ class Backup(object):
             node.stop()
             segments = node.log_segments()
             writer = self._writer(store, number, "log", sum(map(os.path.getsize, segments)))
-            for path in segments:
-                descriptor = os.open(path, os.O_RDONLY | os.O_CLOEXEC)
-                try:
-                    writer.file("pg_wal/" + os.path.basename(path))
-                    writer.copy(descriptor, 0, os.fstat(descriptor).st_size)
-                finally:
-                    os.close(descriptor)
-            with open(os.path.join(node.instance.data, files.CONTROL), "rb") as control:
-                content = control.read()
-            for path, text in ((files.CONTROL, content), ("backup_label", node.label)):
-                writer.file(path)
-                writer.write(text, 0)
+            copy_log(writer, segments)
+            copy_control(writer, node)
             objects = []
             moved += self._finish(writer, number, objects)
             node.objects.extend([name, size] for _, name, size in objects)

@@ -6,8 +6,7 @@ import json
 import os
 import time
 
-from roach import files
-from roach.backup import Node_Backup, copy_unit, read_incarnations
+from roach.backup import Node_Backup, copy_control, copy_log, copy_unit, read_incarnations
 from roach.frames import Frame_Writer
 from roach.object_store import MIB
 from roach.postgres import Session, literal
@@ -72,7 +71,6 @@ class Set_Backup(object):
 
     def _records(self):
         """The sets since the database was made or restored, the newest last."""
-        self.resets = read_incarnations(self.instance.data)  # the restores that it has gone through
         session = Session(self.instance)
         try:
             rows = session.run("select about from gauss.sys_backup_sets order by recid")
@@ -83,9 +81,9 @@ class Set_Backup(object):
     def _base(self, records):
         if self.wanted.level == 0:
             return None
+        restores = read_incarnations(self.instance.data)
         for one in reversed(records):
-            if one["node"]["incarnations"] == self.resets and not (self.wanted.cumulative
-                                                                   and one["level"]):
+            if one["node"]["incarnations"] == restores and not (self.wanted.cumulative and one["level"]):
                 return one
         raise failed(672, "No valid base backupset, can not execute incremental backup")
 
@@ -147,19 +145,9 @@ class Set_Backup(object):
 
     def _move_logs(self, node):
         writer = self._writer("log", 0)
-        for path in node.log_segments():
-            descriptor = os.open(path, os.O_RDONLY | os.O_CLOEXEC)
-            try:
-                writer.file("pg_wal/" + os.path.basename(path))
-                writer.copy(descriptor, 0, os.fstat(descriptor).st_size)
-            finally:
-                os.close(descriptor)
+        copy_log(writer, node.log_segments())
         writer.end()
         control = self._writer("ctrl", 0)
-        with open(os.path.join(node.instance.data, files.CONTROL), "rb") as source:
-            content = source.read()
-        for path, text in ((files.CONTROL, content), ("backup_label", node.label)):
-            control.file(path)
-            control.write(text, 0)
+        copy_control(control, node)
         control.end()
         self.pieces += writer.names + control.names

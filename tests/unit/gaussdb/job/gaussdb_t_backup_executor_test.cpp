@@ -29,6 +29,16 @@ protected:
         EXPECT_THAT(left_in_cache(), IsEmpty());
         EXPECT_FALSE(catalog_->has(set_uuid()));
     }
+    /** A run that is cancelled while the database works ends, and its statement with it. */
+    void expect_statement_ended() {
+        jobs_.clear();
+        EXPECT_EQ("ended canceled 0",
+                  run_while(Job_var(new Default_Job_T<GaussDB_T_Backup_Executor>(def_), false),
+                            RESOURCE, "backup database",
+                            [](Job& job) { EXPECT_EQ(0, job.abort_now()); }));
+        EXPECT_LOGGED(LM_ERROR, "Failed to run cmd");
+        Log_Capture::instance().claim_all(LM_WARNING, "zsql");
+    }
     /** A run that fails after its statement. @return the uuid of its set */
     std::string lose(Job_Definition_Subtype subtype) {
         catalog_->fail("commit");
@@ -474,13 +484,7 @@ TEST_F(GaussDB_T_Backup_Test, a_statement_that_failed_may_have_made_a_set) {
 
 TEST_F(GaussDB_T_Backup_Test, a_statement_that_was_ended_may_have_made_a_set) {
     ASSERT_EQ(T_SUCCESS, backup());
-    jobs_.clear();
-    EXPECT_EQ("ended canceled 0",
-              run_while(Job_var(new Default_Job_T<GaussDB_T_Backup_Executor>(def_), false),
-                        RESOURCE, "backup database",
-                        [](Job& job) { EXPECT_EQ(0, job.abort_now()); }));
-    EXPECT_LOGGED(LM_ERROR, "Failed to run cmd");
-    Log_Capture::instance().claim_all(LM_WARNING, "zsql");
+    expect_statement_ended();
     expect_not_begun(JOB_DEFINITION_SUBTYPE_INCREMENTAL, set_uuid(), "make a full backup");
 }
 
@@ -554,14 +558,8 @@ TEST_F(GaussDB_T_Backup_Test, a_cancel_ends_the_statement) {
         options_->mount_ = mount;
         std::filesystem::remove(files_.path("db/there"));
         std::filesystem::remove(files_.path("db/go"));
-        EXPECT_EQ("ended canceled 0",
-                  run_while(Job_var(new Default_Job_T<GaussDB_T_Backup_Executor>(def_), false),
-                            RESOURCE, "backup database",
-                            [](Job& job) { EXPECT_EQ(0, job.abort_now()); }));
-        EXPECT_LOGGED(LM_ERROR, "Failed to run cmd");
-        Log_Capture::instance().claim_all(LM_WARNING, "zsql");
+        expect_statement_ended();
         expect_nothing_left();
-        jobs_.clear();
     }
 }
 
