@@ -31,7 +31,7 @@ std::vector<std::string> held_names(json_spirit::Object const& backup);
  * Adds "key=value" to the options. A value that is a JSON number or boolean is added as such; any
  * other value is added as text, and so is a value in double quotes.
  * @param error  set if false is returned
- * @return false if there is no key
+ * @return false if the key is missing
  */
 [[nodiscard]] bool read_option(std::string const& text, json_spirit::Object& options,
                                std::string& error);

@@ -260,7 +260,7 @@ bool Agent_Service::recover(std::string& error) {
         error = "The backup sets of the agent that died cannot be put in order; the log says why";
         return false;
     }
-    unmount_dead_pools(); // the databases' directories are below them
+    unmount_dead_pools(); // they cover the databases' cache directories
     Sweep_Result const swept = sweep_pool_writes(*journal_, ask_catalog(*pools_, *catalog_));
     if (swept.removed + swept.unfinished > 0)
         QMRT_LOG(LM_INFO, "Removed %Q objects and %Q unfinished files that no backup set has\n",

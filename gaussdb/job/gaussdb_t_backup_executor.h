@@ -23,8 +23,8 @@ class Set_History;
  *
  * The set is entered into the catalog when its files are in the pool. A run that fails takes back
  * what it has sent, and leaves nothing in the cache directory. What the database has written
- * through the mount stays in the pool when the statement fails; the agent removes it at its next
- * start.
+ * through the mount stays in the pool when the statement fails; the agent removes it at the end of
+ * the run.
  *
  * A cancel ends the statement or the transfer, and the run fails.
  *

@@ -2,7 +2,7 @@
 """Attacks on the agent by those it must not trust: local users, the database's user, peers.
 
 Run in a machine of the sandbox: sandbox/machine run --in-memory python3 tests/e2e/attacks_test.py BUILD
-BUILD is a directory with all that is to be installed. With more words, only the tests whose names
+BUILD is the build directory; its package is installed. With more words, only the tests whose names
 contain one of them run. The attacks are in attacks/*.py; each module is one way in. Every test ends
 with the protected cluster unharmed and the next backup working: world.assert_recovered().
 """

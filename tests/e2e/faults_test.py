@@ -3,7 +3,7 @@
 module, the database's tools, the XBSA library, the pool.
 
 Run in a machine of the sandbox: sandbox/machine run --in-memory python3 tests/e2e/faults_test.py BUILD
-BUILD is a directory with all that is to be installed. After each fault everything is in order again,
+BUILD is the build directory; its package is installed. After each fault everything is in order again,
 and the next backup works: Protected_Cluster.assert_recovered().
 """
 import os

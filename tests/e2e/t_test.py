@@ -3,7 +3,7 @@
 mount of the pool and through a local directory, beside a busy cluster of another flavour.
 
 Run in a machine of the sandbox: sandbox/machine run --in-memory python3 tests/e2e/t_test.py BUILD [TEST ...]
-BUILD is a directory with all that is to be installed.
+BUILD is the build directory; its package is installed.
 """
 import json
 import subprocess
