@@ -13,7 +13,7 @@ import time
 
 sys.dont_write_bytecode = True
 from machines import (  # noqa: E402
-    CLUSTER, MACHINE, MAKE_PACKAGE, SERVICE, Host, run, wait_until)
+    CLUSTER, MACHINE, MAKE_PACKAGE, SERVICE, Host, files_below, run, wait_until)
 
 CACHE = "/var/cache/quilmot/zenbrak3/gaussdb"
 OURS = "10.77.0.10"
@@ -242,9 +242,9 @@ class World(object):
                       for path in host.path("/home/omm/data").glob("*.roach*")]
         found += ["ssh %d" % pid for pid in self.ours.processes("ssh", "scp")]
         kept = {one["uuid"] for one in self.sets()}
-        for path in self.ours.path(POOL).rglob("*"):
+        for path in files_below(self.ours.path(POOL)):
             set_of = re.search("/xbsa/([^/]+)/", str(path))
-            if path.is_file() and (not set_of or set_of.group(1) not in kept):
+            if not set_of or set_of.group(1) not in kept:
                 found.append(str(path))
         # a failed backup leaves its policy to the next run, with a key that opens nothing any more
         known = {"meta", "media", *self.clusters, *self.resources}

@@ -29,6 +29,12 @@ def wait_until(condition, what, seconds=60):
         time.sleep(0.02)
 
 
+def files_below(directory):
+    """The files in a directory and below. What vanishes meanwhile is left out, where rglob() would fail."""
+    for place, _, names in os.walk(directory):
+        yield from (pathlib.Path(place, name) for name in names)
+
+
 class Host(object):
     """A machine of the sandbox."""
 

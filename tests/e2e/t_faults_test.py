@@ -13,7 +13,7 @@ import unittest
 
 sys.dont_write_bytecode = True
 from t_world import (  # noqa: E402
-    CACHE, NAME, POOL, T_World, of, owned, protection, tell, wait_until)
+    CACHE, NAME, POOL, T_World, files_below, of, owned, protection, tell, wait_until)
 
 BUILD = sys.argv.pop(1)
 
@@ -83,7 +83,7 @@ class Backup_Fault_Test(Fault_Test):
         try:
             self.assert_failed(world.backup(pool="small"), "Failed to backup %s/FULL_" % CACHE, "data_",
                                "make a full backup next")
-            self.assertEqual([], [path for path in small.rglob("*") if path.is_file()])
+            self.assertEqual([], list(files_below(small)))
             world.assert_clean()
         finally:
             protection.ask("zenbrak3", "pool", "remove", "small", "--yes")
@@ -164,10 +164,12 @@ class Backup_Fault_Test(Fault_Test):
             self.assert_recovered()
 
     def test_the_agent_is_killed_while_it_sends(self):
-        known = {path.parent for path in (POOL / world.resource).rglob("*.bak*")}
+        def folders():
+            return {path.parent for path in files_below(POOL / world.resource)}
+
+        known = folders()
         run_id = world.start_slow_backup()
-        wait_until(lambda: {path.parent for path in (POOL / world.resource).rglob("*")
-                            if path.is_file()} - known)
+        wait_until(lambda: folders() - known)
         self.assertEqual(0, tell("job", "show", run_id)["end_time"], "over before it was met")
         world.kill_agent()
         self.assertEqual(1, len(list(CACHE.iterdir())))
@@ -296,7 +298,7 @@ class Restore_Fault_Test(Fault_Test):
 
     def test_the_agent_is_killed_while_it_fetches(self):
         run_id = world.start_slow_restore(self.good)
-        wait_until(lambda: [path for path in CACHE.rglob("*") if path.is_file()])
+        wait_until(lambda: list(files_below(CACHE)))
         self.assertEqual(0, tell("job", "show", run_id)["end_time"], "over before it was met")
         world.kill_agent()
         world.start_agent()

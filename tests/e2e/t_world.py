@@ -17,6 +17,7 @@ from sandbox_test import HOME, ROOT, cluster, wait_until  # noqa: E402,F401
 
 sys.path.insert(0, str(ROOT / "sandbox"))
 import protection  # noqa: E402
+from machines import files_below  # noqa: E402,F401
 from protection import tell  # noqa: E402
 
 NAME, OTHER = "zengine_1611", "c1"
@@ -250,8 +251,7 @@ class T_World(object):
         found = ["catalog: %s" % uuid for uuid in set(sets) ^ self.sets]
         wanted = {path for uuid in sets for path in self.pieces(uuid).values()}
         folder = POOL / self.resource
-        found += ["pool: %s" % path for path in (folder.rglob("*") if folder.exists() else ())
-                  if path.is_file() and path not in wanted]
+        found += ["pool: %s" % path for path in files_below(folder) if path not in wanted]
         found += self.mounts() or ["cache: %s" % path for path in CACHE.iterdir()]
         found += ["process: %s" % words for words in self.tools()]
         return found
