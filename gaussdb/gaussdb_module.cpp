@@ -1,5 +1,6 @@
 // All that an agent can get out of the module; gaussdb_module.version lets nothing else be seen.
 #include "gaussdb/common/gaussdb_cluster_manager.h"
+#include "gaussdb/common/tpops_token.h"
 #include "gaussdb/instance_handler/gaussdb_instance_handler.h"
 #include "gaussdb/job/gaussdb_backup_job_options_parser.h"
 #include "gaussdb/job/gaussdb_backup_job_source_parser.h"
@@ -42,7 +43,8 @@ MODULE_FACTORY(JSON_RPC_GaussDB_Remove_Instance_Handler, JSON_RPC_Handler,
                JSON_RPC_GaussDB_Remove_Instance_Handler)
 MODULE_FACTORY(JSON_RPC_Roach_Source_Handler, JSON_RPC_Handler, JSON_RPC_Roach_Source_Handler)
 
-/** The clusters go with the module: nobody could give them back once its code is gone. */
+/** Clusters and tokens go with the module: nobody could give them back once its code is gone. */
 __attribute__((destructor)) static void unload_module() {
     GaussDB_Cluster_Manager_fini();
+    TPOPS_Token_fini();
 }

@@ -76,6 +76,8 @@ public:
     void max_body_size(size_t limit) { settings_.max_body_size = limit; }
     void environment_proxy(bool on) { settings_.environment_proxy = on; }
 
+    /** As the constructor's parameter; counts from the next connection on. */
+    void verify(bool on) { settings_.verify = on; }
     /** The authorities to trust, a PEM file, in place of the system's and of the default. */
     void ca_file(std::string path) { settings_.ca_file = std::move(path); }
 
