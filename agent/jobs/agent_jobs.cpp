@@ -180,8 +180,8 @@ void Agent_Jobs::ended(Job const& job, Job_Outcome const& outcome) {
         }
     }
     std::string message = outcome.message;
-    // a job that gives no reason has told its log
-    if (outcome.state == JOB_STATE_ERROR && message.empty() && log)
+    // a job that gives no reason has told its log; a cancelled one may have left something to do
+    if (!is_success(outcome.state) && message.empty() && log)
         message = log->reason();
     change(job.run_id(), [&](Job_Run& run) {
         run.state = outcome.state;

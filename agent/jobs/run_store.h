@@ -22,7 +22,7 @@ struct Job_Run {
     std::string instance;
     Job_State state = JOB_STATE_STARTING;
     int code = 0;
-    std::string message;
+    std::string message;         ///< for people: why it did not succeed, or what it is about to do
     int percent = 0;             ///< 0 to 100
     uint64_t processed_size = 0; ///< bytes, as the others
     uint64_t total_size = 0;

@@ -39,6 +39,16 @@ class Fault_Test(unittest.TestCase):
         self.good_backup()
         world.assert_clean()
 
+    def cancelled_now(self, start, tool, text):
+        """Cancels a run while its tool is held in a call. Returns the run with its log."""
+        world.set_rule(tool, "hold", text)
+        process = start()
+        world.wait_until_held(tool)
+        world.assert_cancelled_now(world.running())
+        run = world.end(process)
+        world.let_go()
+        return run
+
     def good_backup(self, *words, **options):
         run = world.backup(*words, **options)
         self.assertEqual("completed", run["state"], run["log"])
@@ -163,7 +173,8 @@ class Backup_Fault_Test(Fault_Test):
             self.good_backup()
             self.assert_recovered()
 
-    def test_the_agent_is_killed_while_it_sends(self):
+    def start_sending(self):
+        """Starts a backup, and waits until it sends its first file. Its run's id."""
         def folders():
             return {path.parent for path in files_below(POOL / world.resource)}
 
@@ -171,11 +182,37 @@ class Backup_Fault_Test(Fault_Test):
         run_id = world.start_slow_backup()
         wait_until(lambda: folders() - known)
         self.assertEqual(0, tell("job", "show", run_id)["end_time"], "over before it was met")
+        return run_id
+
+    def test_the_agent_is_killed_while_it_sends(self):
+        run_id = self.start_sending()
         world.kill_agent()
         self.assertEqual(1, len(list(CACHE.iterdir())))
         world.start_agent()
         self.assertEqual("error", tell("job", "show", run_id)["state"])
         self.good_backup()
+        self.assert_recovered()
+
+    def test_a_backup_that_is_cancelled_ends_with_its_statement(self):
+        world.set_rule("zsql", "hold", "backup database")
+        process = world.start_backup()
+        world.wait_until_held()
+        run_id = world.running()
+        protection.ask("zenbrak3", "job", "cancel", run_id)
+        self.assertIn("job cancel RUN --now", tell("job", "show", run_id)["message"])
+        world.let_go()
+        self.assertEqual("canceled", world.end(process)["state"])
+        self.assert_recovered()
+
+    def test_a_backup_that_is_cancelled_now_at_each_statement(self):
+        for mount in (False, True):
+            for text in ("select status", "select sum(bytes)", "backup database"):
+                self.cancelled_now(lambda: world.start_backup(mount=mount), "zsql", text)
+                world.assert_clean()
+        self.assert_recovered()
+
+    def test_a_backup_that_is_cancelled_now_while_it_sends(self):
+        world.assert_cancelled_now(self.start_sending())
         self.assert_recovered()
 
 
@@ -321,6 +358,26 @@ class Restore_Fault_Test(Fault_Test):
             world.start_agent()
         self.assert_restored()
         self.assert_recovered()
+
+    def test_a_restore_that_is_cancelled_now_at_each_step(self):
+        for mount in (False, True):
+            for tool, text in (("zctl.py", "-t stop"), ("zctl.py", "-t start"),
+                               ("zsql", "restore database"), ("zsql", "recover database"),
+                               ("zsql", "alter database open")):
+                run = self.cancelled_now(lambda: world.start_restore(self.good, mount=mount), tool, text)
+                # the data is gone before the instance is stopped
+                self.assertIn("run the restore again", run["message"], run)
+                world.assert_clean()
+        self.assert_restored()
+        self.assert_recovered()
+
+    def test_a_restore_that_is_cancelled_now_while_it_fetches(self):
+        run_id = world.start_slow_restore(self.good)
+        wait_until(lambda: list(files_below(CACHE)))
+        world.assert_cancelled_now(run_id)
+        self.assertEqual(self.rows, world.rows())
+        world.assert_clean()
+        self.assert_restored()
 
 
 if __name__ == "__main__":

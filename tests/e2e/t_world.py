@@ -176,6 +176,19 @@ class T_World(object):
     def backup(self, *words, **options):
         return self.end(self.start_backup(*words, **options))
 
+    @staticmethod
+    def running():
+        """The one run of the instance that has not ended."""
+        found = [one["run_id"] for one in tell("jobs")["jobs"] if one["end_time"] == 0]
+        assert len(found) == 1, found
+        return found[0]
+
+    @staticmethod
+    def assert_cancelled_now(run_id):
+        answer = protection.ask("zenbrak3", "job", "cancel", run_id, "--now")
+        assert "has ended: canceled" in answer, answer
+        assert not T_World.tools(), T_World.tools()
+
     def start_slowly(self, **definition):
         """A job of a few bytes a second, which can be met while it sends or fetches. Its run's id."""
         definition.update(rate_limits={"src_rate_limits": "200000"})

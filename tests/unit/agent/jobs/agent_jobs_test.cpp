@@ -154,6 +154,17 @@ TEST_F(Agent_Jobs_Test, a_run_that_fails_without_a_reason_has_that_of_its_last_l
     EXPECT_EQ("", message_of([] { QMRT_LOG(LM_INFO, "note\n"); }));
 }
 
+TEST_F(Agent_Jobs_Test, a_run_that_is_canceled_says_what_it_has_left) {
+    std::string const id = run([&](Job&, Job_Event_Handler& events) {
+        events.handle_start_job();
+        QMRT_LOG(LM_ERROR, "the instance is down\n");
+        events.handle_canceled();
+    });
+    EXPECT_LOGGED(LM_ERROR, "the instance is down");
+    EXPECT_EQ(JOB_STATE_CANCELED, found(id).state);
+    EXPECT_EQ("the instance is down", found(id).message);
+}
+
 TEST_F(Agent_Jobs_Test, progress_is_shown_at_once_and_written_once_a_second) {
     Gate gate;
     int writes = -1;
