@@ -6,6 +6,7 @@ import signal
 import socket
 import sys
 
+POLICIES = "/var/cache/quilmot/zenbrak3/gaussdb"
 HERE = os.path.dirname(os.path.realpath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "tools"))
 sys.dont_write_bytecode = True
@@ -63,6 +64,9 @@ class Session(object):
             send(self.connection, ANSWER, json.dumps(result).encode())
 
     def do_session(self, policy):
+        """@param policy  a name, or the beginning of one and "*": the newest that this user may read"""
+        if policy.endswith("*"):
+            policy = newest_policy(policy[:-1])
         self.store = Xbsa_Store(policy, self.library)
 
     def do_begin(self):
@@ -97,6 +101,18 @@ class Session(object):
                 send(self.connection, DATA, view[:count])
         reader.end()
         send(self.connection, END)
+
+
+def newest_policy(beginning):
+    """A platform that restores into an instance without a backup of its own knows only the beginning."""
+    found = []
+    for name in os.listdir(POLICIES):
+        path = os.path.join(POLICIES, name)
+        if name.startswith(beginning) and not name.endswith("_act") and os.access(path, os.R_OK):
+            found.append((os.stat(path).st_mtime_ns, name))
+    if not found:
+        raise Store_Error("[GAUSS-53203] : No policy begins with %s." % beginning)
+    return max(found)[1]
 
 
 def serve(address, port, library):

@@ -1,0 +1,1 @@
+"""The sandbox's management platform: its REST interface, and the database instances behind it."""
