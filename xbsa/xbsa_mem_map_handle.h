@@ -4,6 +4,7 @@
 #include "qmrt/mem_map_handle.h"
 
 #include <cstdint>
+#include <optional>
 
 /**
  * What a counter file begins with. The XBSA library counts here what passes through it, and the job
@@ -43,6 +44,14 @@ public:
      * @return 0, or -1 after an error line
      */
     int open(char const* path, char const* owner);
+    /**
+     * The first count, read from the file. The file is its owner's, who can truncate it, and a look
+     * at the mapped record would end this process then.
+     * @return none while no file is open, and for one that is too short
+     */
+    std::optional<uint64_t> current_size() const;
+    /** Whether the record is in the file; false while none is open. */
+    [[nodiscard]] bool is_whole() const;
 };
 
 #endif

@@ -56,6 +56,37 @@ TEST_F(Xbsa_Mem_Map_Handle_Test, the_counts_stand_at_their_offsets_in_the_file) 
     EXPECT_EQ(std::string(4072, '\0'), file.substr(24));
 }
 
+TEST_F(Xbsa_Mem_Map_Handle_Test, the_first_count_is_read_from_the_file) {
+    EXPECT_EQ(std::nullopt, handle_.current_size());
+    ASSERT_EQ(0, handle_.open(path_.c_str(), ""));
+    EXPECT_EQ(0u, handle_.current_size());
+    handle_->current_size = 77;
+    EXPECT_EQ(77u, handle_.current_size());
+}
+
+TEST_F(Xbsa_Mem_Map_Handle_Test, a_file_that_its_owner_truncates_has_no_count) {
+    ASSERT_EQ(0, handle_.open(path_.c_str(), ""));
+    EXPECT_TRUE(handle_.is_whole());
+    for (off_t const size : {7, 0}) {
+        ASSERT_EQ(0, truncate(path_.c_str(), size));
+        EXPECT_EQ(std::nullopt, handle_.current_size());
+        EXPECT_FALSE(handle_.is_whole());
+    }
+    ASSERT_EQ(0, truncate(path_.c_str(), 4096));
+    EXPECT_EQ(0u, handle_.current_size());
+}
+
+TEST_F(Xbsa_Mem_Map_Handle_Test, a_directory_or_a_pipe_in_its_place_is_refused) {
+    ASSERT_EQ(0, mkfifo(path_.c_str(), 0600));
+    EXPECT_EQ(-1, handle_.open(path_.c_str(), nullptr));
+    std::filesystem::remove(path_);
+    std::filesystem::create_directory(path_);
+    EXPECT_EQ(-1, handle_.open(path_.c_str(), nullptr));
+    EXPECT_EQ(2u, Log_Capture::instance().claim_all(LM_ERROR, "Failed to memory map "));
+    EXPECT_FALSE(handle_);
+    EXPECT_EQ(std::nullopt, handle_.current_size());
+}
+
 TEST_F(Xbsa_Mem_Map_Handle_Test, an_existing_file_keeps_its_counts) {
     {
         Xbsa_Mem_Map_Handle first;

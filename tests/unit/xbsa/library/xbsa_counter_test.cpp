@@ -61,6 +61,29 @@ TEST_F(Xbsa_Counter_Test, many_writers_lose_no_count) {
     EXPECT_EQ(static_cast<uint64_t>(WRITERS) * STEPS, job->current_size);
 }
 
+TEST_F(Xbsa_Counter_Test, a_file_that_is_truncated_meanwhile_is_counted_in_no_more) {
+    Xbsa_Mem_Map_Handle job;
+    ASSERT_EQ(0, job.open(path_.c_str(), nullptr));
+    Xbsa_Counter counter(path_);
+    counter.add_current(5);
+    ASSERT_EQ(0, truncate(path_.c_str(), 0));
+    counter.add_current(5);
+    counter.add_object(5, 3);
+    EXPECT_EQ("", files_.read("policy_act"));
+    ASSERT_EQ(0, unlink(path_.c_str()));
+    counter.add_current(5);
+    EXPECT_FALSE(files_.exists("policy_act"));
+}
+
+TEST_F(Xbsa_Counter_Test, a_file_of_another_user_is_left_alone) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give a file away";
+    Xbsa_Mem_Map_Handle job;
+    ASSERT_EQ(0, job.open(path_.c_str(), "daemon"));
+    Xbsa_Counter(path_).add_current(5);
+    EXPECT_EQ(0u, job->current_size);
+}
+
 TEST_F(Xbsa_Counter_Test, a_file_that_is_none_is_left_alone) {
     // a mapping of too short a file would end the process
     for (std::string const& content :
@@ -76,6 +99,9 @@ TEST_F(Xbsa_Counter_Test, a_file_that_is_none_is_left_alone) {
     EXPECT_EQ(std::string(4096, '\0'), files_.read("target"));
     std::filesystem::remove(path_);
     std::filesystem::create_directory(path_);
+    Xbsa_Counter(path_).add_current(1);
+    std::filesystem::remove(path_);
+    ASSERT_EQ(0, mkfifo(path_.c_str(), 0600));
     Xbsa_Counter(path_).add_current(1);
 }
 
