@@ -13,5 +13,12 @@ json_spirit::Object GaussDB_Backup_Set::dump() const {
         object["tables"] = tables;
     if (!uri.empty())
         object["uri"] = uri;
+    if (series != GAUSSDB_TPOPS)
+        return object;
+    json_spirit::insert(object)("timeline", timeline)("instance_id", instance_id)("backup_id",
+                                                                                  backup_id)(
+        "begin_time", static_cast<int64_t>(begin_time))("end_time", static_cast<int64_t>(end_time))(
+        "platform_begin_time", json_spirit::Skip_Empty_Helper(platform_begin_time))(
+        "platform_end_time", json_spirit::Skip_Empty_Helper(platform_end_time));
     return object;
 }

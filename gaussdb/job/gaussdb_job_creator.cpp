@@ -7,6 +7,8 @@
 #include "gaussdb/job/gaussdb_restore_job_executor.h"
 #include "gaussdb/job/gaussdb_t_backup_executor.h"
 #include "gaussdb/job/gaussdb_t_restore_executor.h"
+#include "gaussdb/job/gaussdb_tpops_backup_executor.h"
+#include "gaussdb/job/gaussdb_tpops_restore_executor.h"
 #include "gaussdb/job/gaussdb_utils.h"
 #include "gaussdb/job/job_definition_rules.h"
 #include "job/controllable_job_t.h"
@@ -45,12 +47,6 @@ Job_var make_job(Job_Definition_var const& definition) {
     return Job_var(job, false); // it has its first reference already
 }
 
-Job_var refuse(Job_Definition const& definition, char const* flavour) {
-    QMRT_LOG(LM_ERROR, "Job %s is not made, %s cannot be protected yet\n",
-             definition.name().c_str(), flavour);
-    return Job_var();
-}
-
 } // namespace
 
 std::string GaussDB_Job_Creator::fault_of(Job_Definition const& definition) {
@@ -74,7 +70,8 @@ Job_var GaussDB_Job_Creator::create(Job_Definition_var definition) {
                          : make_job<Controllable_Job_T<GaussDB_Non_Intrusive_Restore_Job_Executor>>(
                                definition);
     case GAUSSDB_TPOPS:
-        return refuse(*definition, "GaussDB of TPOPS");
+        return is_backup ? make_job<Controllable_Job_T<GaussDB_TPOPS_Backup_Executor>>(definition)
+                         : make_job<Controllable_Job_T<GaussDB_TPOPS_Restore_Executor>>(definition);
     default:
         return is_backup ? make_job<Default_Job_T<GaussDB_Backup_Job_Executor>>(definition)
                          : make_job<Default_Job_T<GaussDB_Restore_Job_Executor>>(definition);

@@ -57,6 +57,16 @@ bool list_services(char const* name, std::vector<Service_Info>& services) {
     return false;
 }
 
+/** Whether a service with that name serves there, by its command line. */
+bool is_backup_agent_at(Service_Info const& service, char const* host, uint16_t port) {
+    qmrt::svmatch groups;
+    uint16_t service_port = 0;
+    return qmrt::regex_search(service.cmd, groups, RE_BACKUP_AGENT_HOST) &&
+           text_of(groups[1]) == host &&
+           qmrt::regex_search(service.cmd, groups, RE_BACKUP_AGENT_PORT) &&
+           read_port(text_of(groups[1]), service_port) && service_port == port;
+}
+
 /** The hosts of an answer of the backup server; throws for one that is no such answer. */
 void read_host_uuids(json_spirit::Value const& reply, std::vector<std::string>& host_uuids) {
     json_spirit::Array const* rows = nullptr;
@@ -207,14 +217,9 @@ bool check_backup_agent_info(char const* host, uint16_t port, bool ssl, std::str
         return false;
     bool service_ssl = true; // once a service says false, those behind it count as plain, too
     for (Service_Info const& service : services) {
+        if (!is_backup_agent_at(service, host, port))
+            continue;
         qmrt::svmatch groups;
-        if (!qmrt::regex_search(service.cmd, groups, RE_BACKUP_AGENT_HOST) ||
-            text_of(groups[1]) != host)
-            continue;
-        uint16_t service_port = 0;
-        if (!qmrt::regex_search(service.cmd, groups, RE_BACKUP_AGENT_PORT) ||
-            !read_port(text_of(groups[1]), service_port) || service_port != port)
-            continue;
         if (qmrt::regex_search(service.cmd, groups, RE_BACKUP_AGENT_SSL) &&
             (text_of(groups[1]) == "false" || text_of(groups[1]) == "0"))
             service_ssl = false;
@@ -224,6 +229,22 @@ bool check_backup_agent_info(char const* host, uint16_t port, bool ssl, std::str
         }
     }
     return false;
+}
+
+bool has_one_backup_agent_user(char const* host, uint16_t port, std::string const& user) {
+    std::vector<Service_Info> services;
+    if (QMRT_IS_NULL_AT(LM_ERROR, host) || !list_services("backUpAgent", services))
+        return false;
+    for (Service_Info const& service : services)
+        if (service.user != user && is_backup_agent_at(service, host, port)) {
+            QMRT_LOG(LM_ERROR,
+                     "Both user %s and user %s run a backUpAgent for %s, port %d (process %d of "
+                     "%s); stop the one that is not the database's\n",
+                     user.c_str(), service.user.c_str(), host, static_cast<int>(port),
+                     static_cast<int>(service.pid), service.user.c_str());
+            return false;
+        }
+    return true;
 }
 
 bool get_manual_instance_info(json_spirit::Object const& obj, std::string& meta_path,

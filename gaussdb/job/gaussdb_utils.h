@@ -62,6 +62,14 @@ uint16_t random_port();
 [[nodiscard]] bool check_backup_agent_info(char const* host, uint16_t port, bool ssl,
                                            std::string& user);
 
+/**
+ * Checks that no other user runs a backUpAgent service with that host and port on its command line.
+ * Any user can start such a process, and the service's user gets the key of a run: of two neither
+ * is believed.
+ */
+[[nodiscard]] bool has_one_backup_agent_user(char const* host, uint16_t port,
+                                             std::string const& user);
+
 /** Reads the attributes of an instance that was added by hand. */
 [[nodiscard]] bool get_manual_instance_info(json_spirit::Object const& obj, std::string& meta_path,
                                             uint16_t& backup_port, std::string& address,

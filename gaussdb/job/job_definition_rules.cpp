@@ -7,6 +7,7 @@
 #include "gaussdb/job/job_source_entry.h"
 #include "qmrt/format.h"
 #include "qmrt/names.h"
+#include "qmrt/posix_time.h"
 
 #include <vector>
 
@@ -173,6 +174,25 @@ std::string fault_of_backup(GaussDB_Backup_Job_Options const* options,
                 : ""});
 }
 
+/** What the platform restores to is told to it in milliseconds. */
+std::string fault_of_restore_time(GaussDB_Restore_Job_Options const& options) {
+    time_t when = 0;
+    if (options.restore_time_.empty() || iso8601_to_posix_time(options.restore_time_, when))
+        return "";
+    return "options: \"restore_time\" is \"" + names::shown(options.restore_time_) +
+           "\", not a time such as \"2026-11-21T10:00:00+08:00\"";
+}
+
+std::string fault_of_level(Job_Definition_Subtype level, Flavour const& flavour) {
+    bool const is_known = level == JOB_DEFINITION_SUBTYPE_FULL ||
+                          level == JOB_DEFINITION_SUBTYPE_INCREMENTAL ||
+                          level == JOB_DEFINITION_SUBTYPE_LOG;
+    if (flavour.bit != F_TPOPS || is_known)
+        return "";
+    return string_sprintf("level \"%s\" is not one of %s (expected full, incremental or log)",
+                          job_def_subtype_to_string(level, nullptr), flavour.name);
+}
+
 std::string fault_of_restore(GaussDB_Restore_Job_Options const* options,
                              GaussDB_Restore_Job_Source const* source, Flavour const& flavour) {
     auto const is_table = [](std::vector<std::string> const& segments) {
@@ -180,6 +200,7 @@ std::string fault_of_restore(GaussDB_Restore_Job_Options const* options,
     };
     return first_of(
         {options ? fault_of_options(given_options(*options), flavour) : "",
+         options ? fault_of_restore_time(*options) : "",
          source ? fault_of_entries(source->entries_, "", F_REMOTE, flavour, is_table) : ""});
 }
 
@@ -189,9 +210,13 @@ std::string fault_of_job_definition(Job_Definition const& definition, GAUSSDB_VE
     Flavour const row = flavour_row(flavour);
     Job_Options const* const options = definition.options().get();
     Job_Source const* const source = definition.source().get();
-    if (definition.type() == JOB_DEFINITION_BACKUP)
+    if (definition.type() == JOB_DEFINITION_BACKUP) {
+        std::string const fault = fault_of_level(definition.subtype(), row);
+        if (!fault.empty())
+            return fault;
         return fault_of_backup(dynamic_cast<GaussDB_Backup_Job_Options const*>(options),
                                dynamic_cast<GaussDB_Backup_Job_Source const*>(source), row);
+    }
     return fault_of_restore(dynamic_cast<GaussDB_Restore_Job_Options const*>(options),
                             dynamic_cast<GaussDB_Restore_Job_Source const*>(source), row);
 }

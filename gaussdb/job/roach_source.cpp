@@ -99,7 +99,9 @@ std::vector<std::string> policies_here() {
     std::error_code ignored;
     for (auto const& entry : std::filesystem::directory_iterator(ROOT, ignored)) {
         uid_t owner = 0;
-        if (Roach_Source::is_run_name(entry.path().filename()) &&
+        // those of TPOPS may be in use: see GaussDB_TPOPS_Run
+        std::string const name = entry.path().filename();
+        if (!name.starts_with(Roach_Source::TPOPS_PREFIX) && Roach_Source::is_run_name(name) &&
             owner_of_policy(entry.path(), owner) && owner != geteuid())
             found.push_back(entry.path());
     }
@@ -227,7 +229,9 @@ bool Roach_Source::create_path() {
     if (!user_id())
         return false;
     for (std::string const& path : {meta_path_, media_path_}) {
-        if (Tool_Directory(path, os_user_).make() == -1) {
+        int const made =
+            uses_tool() ? Tool_Directory(path, os_user_).make() : mkdir_p(path.c_str(), 0750);
+        if (made == -1) {
             QMRT_LOG(LM_ERROR, "Failed to mkdir %s, errno=%d, %m\n", path.c_str(), errno);
             return false;
         }
@@ -300,8 +304,8 @@ bool Roach_Source::dump_policy() {
                  policy_name_.c_str());
         return false;
     }
-    if (path.empty() || !are_ids_valid() || !end_earlier_runs() || !create_path() ||
-        !prepare_pool())
+    if (path.empty() || !are_ids_valid() || (uses_tool() && !end_earlier_runs()) ||
+        !create_path() || !prepare_pool())
         return false;
     WebSocket_Options const& server = *WebSocket_Options::instance();
     json_spirit::Object policy = route();
@@ -319,7 +323,8 @@ bool Roach_Source::dump_policy() {
 bool Roach_Source::remove_policy() {
     std::string const path = policy_file();
     return !path.empty() && rm_rf(path.c_str()) == 0 &&
-           rm_rf(Path_Conf(ROOT, true, "meta/backupset_nbu.ini", 0750).c_str()) == 0;
+           (!uses_tool() ||
+            rm_rf(Path_Conf(ROOT, true, "meta/backupset_nbu.ini", 0750).c_str()) == 0);
 }
 
 void Roach_Source::drop_policy() const {

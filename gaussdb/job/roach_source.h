@@ -52,7 +52,8 @@ public:
 
     /**
      * Makes the metadata and the media directory and gives them to the cluster's user. Another
-     * user's are set aside; see Tool_Directory.
+     * user's are set aside; see Tool_Directory. A job of TPOPS, which does not use them, leaves
+     * them to whom they belong.
      */
     [[nodiscard]] bool create_path();
     /**
@@ -67,11 +68,18 @@ public:
      *
      * The run is the only one that uses the tool on this host: see Run_Hold. So policies that are
      * there were left by earlier runs, such as those of an agent that was killed. They are removed,
-     * and the tool's programs that their owners have started since are ended first.
+     * and the tool's programs that their owners have started since are ended first. Runs of TPOPS,
+     * which do not use the tool, neither do that nor lose their policies by it.
      */
     [[nodiscard]] bool dump_policy();
-    /** Removes the policy file and the 100 series' metadata file; neither need be there. */
+    /**
+     * Removes the policy file and the 100 series' metadata file, which a run of TPOPS leaves to
+     * others. Neither need be there.
+     */
     [[nodiscard]] bool remove_policy();
+    /** With this begin the names of policies of TPOPS. */
+    static constexpr char TPOPS_PREFIX[] = "tpops_";
+
     /** Removes the policy file alone, after a run that failed; logs nothing. */
     void drop_policy() const;
 
@@ -166,6 +174,8 @@ public:
 
 private:
     std::string policy_file() const;
+    /** A platform's job uses neither the tool nor its directories, and others may be doing so. */
+    [[nodiscard]] bool uses_tool() const { return version_.model_ != GAUSSDB_TPOPS; }
     [[nodiscard]] static bool end_earlier_runs();
     json_spirit::Object route() const;
     json_spirit::Object add_request() const;

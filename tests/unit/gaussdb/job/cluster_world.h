@@ -87,7 +87,7 @@ public:
         GaussDB_Cluster_Manager::close_instance();
         rm_rf("/home/daemon");
         Roach_World::TearDown();
-        EXPECT_THAT(children_in_proc(), testing::IsEmpty());
+        EXPECT_THAT(children_of_runs(), testing::IsEmpty());
     }
 
     void

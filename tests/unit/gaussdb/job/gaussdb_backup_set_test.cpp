@@ -51,6 +51,31 @@ TEST(GaussDB_Backup_Set, shows_its_fields_beside_those_of_every_set) {
         EXPECT_EQ(value, object.at(key)) << key;
 }
 
+TEST(GaussDB_Backup_Set, shows_what_is_of_a_platform_for_its_series_only) {
+    Object const fields{{"timeline", "set-0"},
+                        {"instance_id", "i-1"},
+                        {"backup_id", "b-1"},
+                        {"begin_time", -2878200},
+                        {"end_time", 1800},
+                        {"platform_begin_time", "1970-01-01T08:30:00+0800"},
+                        {"platform_end_time", "1970-01-01T00:30:00+0000"}};
+    GaussDB_Backup_Set set = filled();
+    set.timeline = "set-0";
+    set.instance_id = "i-1";
+    set.backup_id = "b-1";
+    set.begin_time = -2878200;
+    set.end_time = 1800;
+    set.platform_begin_time = "1970-01-01T08:30:00+0800";
+    set.platform_end_time = "1970-01-01T00:30:00+0000";
+    for (auto const& [key, value] : fields)
+        EXPECT_FALSE(set.dump().count(key)) << key;
+    set.series = GAUSSDB_TPOPS;
+    for (auto const& [key, value] : fields)
+        EXPECT_EQ(value, set.dump().at(key)) << key;
+    set.platform_begin_time.clear();
+    EXPECT_FALSE(set.dump().count("platform_begin_time"));
+}
+
 TEST(GaussDB_Backup_Set, shows_what_tables_it_holds_when_it_knows) {
     GaussDB_Backup_Set set = filled();
     EXPECT_FALSE(set.dump().count("tables"));

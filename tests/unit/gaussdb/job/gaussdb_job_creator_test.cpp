@@ -6,6 +6,8 @@
 #include "gaussdb/job/gaussdb_restore_job_executor.h"
 #include "gaussdb/job/gaussdb_t_backup_executor.h"
 #include "gaussdb/job/gaussdb_t_restore_executor.h"
+#include "gaussdb/job/gaussdb_tpops_backup_executor.h"
+#include "gaussdb/job/gaussdb_tpops_restore_executor.h"
 #include "job/controllable_job_t.h"
 #include "job/default_job_t.h"
 #include "tests/support/failing_new.h"
@@ -68,13 +70,12 @@ TEST_F(GaussDB_Job_Creator_Test, the_job_has_the_definition_and_one_reference) {
     job->remove_reference();
 }
 
-TEST_F(GaussDB_Job_Creator_Test, flavours_that_cannot_be_protected_yet) {
+TEST_F(GaussDB_Job_Creator_Test, an_instance_of_a_platform_gets_jobs_that_can_be_stopped) {
     make_cluster(GAUSSDB_TPOPS);
-    std::string const line = "Job nightly is not made, GaussDB of TPOPS cannot be protected yet\n";
-    EXPECT_FALSE(creator_.create(backup_of("c1")).get());
-    EXPECT_EQ(1u, Log_Capture::instance().claim_all(LM_ERROR, line));
-    EXPECT_FALSE(creator_.create(restore_to("gaussdb/c1")).get());
-    EXPECT_EQ(1u, Log_Capture::instance().claim_all(LM_ERROR, line));
+    EXPECT_TRUE(
+        is<Controllable_Job_T<GaussDB_TPOPS_Backup_Executor>>(creator_.create(backup_of("c1"))));
+    EXPECT_TRUE(is<Controllable_Job_T<GaussDB_TPOPS_Restore_Executor>>(
+        creator_.create(restore_to("gaussdb/c1"))));
 }
 
 TEST_F(GaussDB_Job_Creator_Test, a_lone_instance_is_protected_by_its_own_sql) {
@@ -114,8 +115,7 @@ TEST_F(GaussDB_Job_Creator_Test, a_restore_to_what_is_no_entry_of_ours_is_skippe
 TEST_F(GaussDB_Job_Creator_Test, a_restore_goes_by_where_it_goes_to_and_not_by_what_it_is_of) {
     make_cluster(GAUSSDB_TPOPS);
     Job_Definition_var const def = restore_to("gaussdb/c1");
-    EXPECT_FALSE(creator_.create(def).get());
-    EXPECT_LOGGED(LM_ERROR, "GaussDB of TPOPS cannot be protected yet\n");
+    EXPECT_TRUE(is<Controllable_Job_T<GaussDB_TPOPS_Restore_Executor>>(creator_.create(def)));
     static_cast<GaussDB_Restore_Job_Source*>(def->source().get())->original_ = "gaussdb/c1";
     static_cast<GaussDB_Restore_Job_Source*>(def->source().get())->restore_as_ = "gaussdb/new";
     EXPECT_TRUE(is<Restore_Job>(creator_.create(def)));

@@ -44,6 +44,7 @@ std::string fault_of_backup(std::string const& options, GAUSSDB_VERSION flavour,
                             std::string const& source = WHOLE) {
     Job_Definition definition;
     definition.type(JOB_DEFINITION_BACKUP);
+    definition.subtype(JOB_DEFINITION_SUBTYPE_FULL);
     definition.options(
         Job_Options_var(parsed<GaussDB_Backup_Job_Options_Parser>(options).release()));
     definition.source(Job_Source_var(parsed<GaussDB_Backup_Job_Source_Parser>(source).release()));
@@ -128,6 +129,32 @@ TEST(Job_Definition_Rules, a_restore_option_is_that_of_its_flavours) {
                    [](std::string const& text, GAUSSDB_VERSION flavour) {
                        return fault_of_restore(text, flavour);
                    });
+}
+
+TEST(Job_Definition_Rules, a_restore_time_is_a_time) {
+    EXPECT_EQ("options: \"restore_time\" is \"tomorrow\", not a time such as "
+              "\"2026-11-21T10:00:00+08:00\"",
+              fault_of_restore(R"({"restore_time":"tomorrow"})", GAUSSDB_TPOPS));
+    for (char const* const time :
+         {"2026-11-21T10:00:00Z", "2026-11-21 10:00:00", "2026-11-21T10:00:00+0800"})
+        EXPECT_EQ("", fault_of_restore(std::string(R"({"restore_time":")") + time + "\"}",
+                                       GAUSSDB_TPOPS));
+}
+
+TEST(Job_Definition_Rules, a_platform_has_levels_of_its_own) {
+    Job_Definition definition;
+    definition.type(JOB_DEFINITION_BACKUP);
+    for (Job_Definition_Subtype const level :
+         {JOB_DEFINITION_SUBTYPE_FULL, JOB_DEFINITION_SUBTYPE_INCREMENTAL,
+          JOB_DEFINITION_SUBTYPE_LOG}) {
+        definition.subtype(level);
+        EXPECT_EQ("", fault_of_job_definition(definition, GAUSSDB_TPOPS));
+    }
+    definition.subtype(JOB_DEFINITION_SUBTYPE_CUMULATIVE);
+    EXPECT_EQ("level \"cumulative\" is not one of GaussDB of TPOPS (expected full, incremental or "
+              "log)",
+              fault_of_job_definition(definition, GAUSSDB_TPOPS));
+    EXPECT_EQ("", fault_of_job_definition(definition, GAUSSDB_200));
 }
 
 TEST(Job_Definition_Rules, a_default_is_as_good_as_nothing) {
