@@ -13,6 +13,8 @@
 #include "gaussdb/websvcs_agent/gaussdb_modify_instance_handler.h"
 #include "gaussdb/websvcs_agent/gaussdb_remove_instance_handler.h"
 #include "gaussdb/websvcs_agent/roach_source_handler.h"
+#include "gaussdb/websvcs_agent/tpops_add_instance_handler.h"
+#include "gaussdb/websvcs_agent/tpops_list_handler.h"
 #include "host/agent/module_factory.h"
 #include "host/agent/object_creator.h"
 
@@ -42,6 +44,9 @@ MODULE_FACTORY(JSON_RPC_GaussDB_Modify_Instance_Handler, JSON_RPC_Handler,
 MODULE_FACTORY(JSON_RPC_GaussDB_Remove_Instance_Handler, JSON_RPC_Handler,
                JSON_RPC_GaussDB_Remove_Instance_Handler)
 MODULE_FACTORY(JSON_RPC_Roach_Source_Handler, JSON_RPC_Handler, JSON_RPC_Roach_Source_Handler)
+MODULE_FACTORY(JSON_RPC_TPOPS_Add_Instance_Handler, JSON_RPC_Handler,
+               JSON_RPC_TPOPS_Add_Instance_Handler)
+MODULE_FACTORY(JSON_RPC_TPOPS_List_Handler, JSON_RPC_Handler, JSON_RPC_TPOPS_List_Handler)
 
 /** Clusters and tokens go with the module: nobody could give them back once its code is gone. */
 __attribute__((destructor)) static void unload_module() {

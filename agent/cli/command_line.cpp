@@ -36,6 +36,7 @@ Command_Line::Command_Line()
     add_common_options(app_);
     add_agent_commands();
     add_instance_commands();
+    add_platform_commands();
     add_pool_commands();
     add_member_commands();
     add_backup_command();

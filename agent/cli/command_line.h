@@ -51,6 +51,8 @@ private:
     void add_agent_commands();
     void add_instance_commands();
     void add_declared_instances(CLI::App& instances);
+    void add_platform_login(CLI::App& command);
+    void add_platform_commands();
     void add_pool_commands();
     void add_pool_wishes(CLI::App& pool);
     void add_member_commands();
@@ -76,6 +78,9 @@ private:
     std::string level_ = "full";
     std::string instance_;
     Declared_Instance declared_;
+    Platform_Login platform_;
+    Platform_Addition addition_;
+    Platform_Change platform_change_;
     std::string database_;
     std::string username_;
     std::string uid_;

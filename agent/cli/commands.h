@@ -14,6 +14,9 @@
  * what went wrong. Lists that change take an interval in seconds, 0 to show them once.
  */
 
+/** The user on whose behalf a command acts: @a wish, else the agent's own default. */
+[[nodiscard]] bool find_uid(Command_Context& context, std::string const& wish, std::string& uid);
+
 /** What is said of the agent, its instances and its pools. */
 int show_info(Command_Context& context);
 int list_instances(Command_Context& context, bool refresh, double interval);
@@ -47,6 +50,41 @@ int save_account(Command_Context& context, std::string const& instance, std::str
                  std::string const& uid);
 int check(Command_Context& context, std::string const& instance, std::string const& pool,
           std::string const& cache_dir, std::string const& uid);
+
+/** Port of a TPOPS platform's REST interface, unless said otherwise. */
+constexpr int DEFAULT_PLATFORM_PORT = 8002;
+
+/** Where a platform is and who asks it; the password is asked for, or read from stdin. */
+struct Platform_Login {
+    std::string endpoint; ///< HOST[:PORT]
+    std::string username;
+    bool no_tls = false;
+};
+int list_platform(Command_Context& context, Platform_Login const& wishes);
+/** Which instances of a platform to add, and their way to the XBSA service. */
+struct Platform_Addition {
+    std::vector<std::string> names;
+    bool all = false; ///< that are not on record
+    std::string xbsa_host;
+    int xbsa_port = 0;
+    bool no_xbsa_tls = false;
+    std::string uid;
+};
+/** Adds all that are named, or none. */
+int add_from_platform(Command_Context& context, Platform_Login const& wishes,
+                      Platform_Addition const& addition);
+/** What is to change of an instance of a platform; nothing of what is empty. */
+struct Platform_Change {
+    std::string endpoint; ///< HOST[:PORT]
+    bool tls = false;
+    bool no_tls = false;
+    std::string xbsa_host;
+    int xbsa_port = 0;
+    bool xbsa_tls = false;
+    bool no_xbsa_tls = false;
+};
+int change_platform(Command_Context& context, std::string const& instance,
+                    Platform_Change const& wishes);
 
 /** What is to be said of a pool; nothing of what is empty. */
 struct Pool_Wishes {

@@ -26,18 +26,6 @@ std::string instance_alerts_text(Object const& result) {
     return text.empty() ? text : "\n" + text;
 }
 
-/** The user on whose behalf this is: @a wish, else the agent's own default. */
-bool find_uid(Command_Context& context, std::string const& wish, std::string& uid) {
-    uid = wish;
-    if (!uid.empty())
-        return true;
-    Object info;
-    if (!context.ask("agent.info", Object(), "ask the agent for its default user", info))
-        return false;
-    uid = json_spirit::object_get_str(info, "uid");
-    return true;
-}
-
 /** One name a line: elements are texts, or objects with a "name". */
 std::string names_text(Array const& names) {
     std::string text;
@@ -255,6 +243,17 @@ int declared(Command_Context& context, Object tried, Value const& result, std::s
 }
 
 } // namespace
+
+bool find_uid(Command_Context& context, std::string const& wish, std::string& uid) {
+    uid = wish;
+    if (!uid.empty())
+        return true;
+    Object info;
+    if (!context.ask("agent.info", Object(), "ask the agent for its default user", info))
+        return false;
+    uid = json_spirit::object_get_str(info, "uid");
+    return true;
+}
 
 int add_instance(Command_Context& context, std::string const& instance,
                  Declared_Instance const& wishes) {

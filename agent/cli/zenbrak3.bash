@@ -27,13 +27,13 @@ _zenbrak3_options() {
 _zenbrak3_word() {
     case "${command[*]}" in
         "") _zenbrak3_commands ;;
-        pool | member | job | instance | definition)
+        pool | platform | member | job | instance | definition)
             _zenbrak3_commands "${command[0]}" ;;
         backup)
             _zenbrak3_commands backup
             _zenbrak3_names instances ;;
         instances | pools | members | jobs | definitions | info) ;;
-        "pool create" | "member add") ;;
+        "pool create" | "member add" | "platform list" | "platform add") ;;
         "member remove") _zenbrak3_names members ;;
         "pool remove" | "pool update") _zenbrak3_names pools ;;
         "job "*) _zenbrak3_names jobs ;;
@@ -53,10 +53,10 @@ _zenbrak3() {
         word=${COMP_WORDS[index]}
         if [[ $previous == --socket ]]; then
             program+=(--socket "$word")
-        elif [[ $word != -* && ! $previous =~ ^(-o|--(option|pool|cache-dir|level|compression|channels|name|url|uid|host|interval|instance|definition|state|limit|type|watch))$ ]]; then
+        elif [[ $word != -* && ! $previous =~ ^(-o|--(option|pool|cache-dir|level|compression|channels|name|url|uid|user|host|platform|xbsa-host|xbsa-port|interval|instance|definition|state|limit|type|watch))$ ]]; then
             case "${command[*]}:$word" in
                 :*) command=("$word") ;;
-                pool:* | member:* | job:* | instance:* | definition:* | backup:show | backup:remove) command+=("$word") ;;
+                pool:* | platform:* | member:* | job:* | instance:* | definition:* | backup:show | backup:remove) command+=("$word") ;;
                 *) count+=1 ;;
             esac
         fi

@@ -15,6 +15,7 @@
 #include "host/agent/host_manager.h"
 #include "host/agent/host_services.h"
 #include "host/agent/instance_manager.h"
+#include "host/http/platform_settings.h"
 #include "host/process/child_registry.h"
 #include "host/process/tool_limits.h"
 #include "host/storage/dead_mounts.h"
@@ -73,6 +74,14 @@ void set_tool_limits(Agent_Config const& config) {
     Tool_Limits::set(limits);
 }
 
+void set_platform_settings(Agent_Config const& config) {
+    Platform_Settings settings;
+    settings.verify = config.platform_verify;
+    settings.ca_file = config.platform_ca_file;
+    settings.timeout = std::chrono::seconds(config.platform_timeout);
+    Platform_Settings::set(settings);
+}
+
 /** Of the time to stop: for what is left to do behind the end of the jobs. */
 int64_t time_behind_jobs(int64_t stop_timeout) {
     return std::min<int64_t>(stop_timeout / 4, 5);
@@ -94,6 +103,7 @@ bool is_there(std::string const& path) {
 
 Agent_Service::Agent_Service(Agent_Config const& config) : config_(config) {
     set_tool_limits(config);
+    set_platform_settings(config);
 }
 
 Agent_Service::~Agent_Service() {
@@ -390,6 +400,7 @@ void Agent_Service::reload(Agent_Config const& config) {
     config_.stop_timeout = config.stop_timeout;
     probe_->interval(config.probe_interval);
     set_tool_limits(config);
+    set_platform_settings(config);
 }
 
 /** @return false when a job has not ended, not even without its tools */

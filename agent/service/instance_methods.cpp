@@ -3,6 +3,7 @@
 #include "agent/jobs/agent_jobs.h"
 #include "agent/jobs/member_reader.h"
 #include "agent/service/agent_identity.h"
+#include "agent/service/instance_flavour.h"
 #include "agent/service/instance_probe.h"
 #include "agent/service/readiness_check.h"
 #include "agent/service/ssh_host_key.h"
@@ -218,17 +219,19 @@ private:
         return instance;
     }
     static Object describe(Instance const& instance, bool with_state) {
-        std::string state, edition;
-        instance.get_option("edition", edition);
+        std::string state;
         Value version;
-        instance.get_option("version", version);
+        if (is_on_platform(instance))
+            version = int{FLAVOUR_TPOPS};
+        else
+            instance.get_option("version", version);
         if (with_state)
             if (auto const handler = Instance_Manager::instance()->get_handler(TYPE))
                 handler->get_state(instance.name.c_str(), state);
         Object options = instance.options;
         options.erase("password"); // kept encrypted, and nobody's business
         return {{"name", instance.name}, {"type", instance.type}, {"uuid", instance.uuid},
-                {"state", state},        {"version", version},    {"edition", edition},
+                {"state", state},        {"version", version},    {"edition", edition_of(instance)},
                 {"options", options}};
     }
 

@@ -1,5 +1,6 @@
 #include "agent/service/readiness_check.h"
 
+#include "agent/service/instance_flavour.h"
 #include "host/agent/instance_manager.h"
 #include "host/process/password_file_entry.h"
 #include "host/process/process_options.h"
@@ -18,9 +19,6 @@
 #include <unistd.h>
 
 namespace {
-
-/** How an instance's "version" option counts the flavours of the database. */
-enum { FLAVOUR_100 = 1, FLAVOUR_200, FLAVOUR_T, FLAVOUR_DWS, FLAVOUR_OPENGAUSS, FLAVOUR_TPOPS };
 
 /** The tools that a flavour's jobs run, on this host; closed by a null. */
 struct Tools_Row {
@@ -150,15 +148,14 @@ void Readiness_Check::instance(std::string const& name, std::string const& uid,
         return bad("instance " + name, "it is not known here",
                    "start the database and run: zenbrak3 instances --refresh");
     }
-    int version = 0;
-    std::string edition;
-    found->get_option("version", version);
-    found->get_option("edition", edition);
+    int const version = flavour_of(*found);
+    std::string const edition = edition_of(*found);
     found->get_option("user", user_);
     resource_ = found->uuid;
     good("instance " + name, "on record, version " + (edition.empty() ? "not known" : edition));
     alerts(name);
-    state(name);
+    if (!is_on_platform(*found)) // which is looked at below
+        state(name);
     user_and_tools(*found, version);
     if (!cache_dir.empty())
         found->options["cache_dir"] = cache_dir;
@@ -175,8 +172,11 @@ void Readiness_Check::machines(Instance const& instance, Instance_Handler::Check
     auto const handler = Instance_Manager::instance()->get_handler("gaussdb");
     if (!handler)
         return;
-    for (Line const& line : handler->check(instance, scope))
+    for (Line const& line : handler->check(instance, scope)) {
         lines_.push_back(line);
+        if (!line.user.empty())
+            user_ = line.user;
+    }
 }
 
 void Readiness_Check::alerts(std::string const& name) {

@@ -206,7 +206,10 @@ bool TPOPS_RESTful_Client::send_request_i(HTTP_Request& request, HTTP_Response& 
     token_ = current_token(login_info_.username);
     if (!token_.empty())
         request.headers().put(TOKEN_HEADER, token_);
-    Scoped_Deleter const status_keeper([this, &response] { status_ = response.status(); });
+    Scoped_Deleter const status_keeper([this, &response] {
+        status_ = response.status();
+        fault_ = response.error();
+    });
     switch (request.method()) {
     case HTTP_METHOD_POST:
         return client_.post(request, body, response, result);

@@ -43,6 +43,8 @@ public:
     operator bool() const;
     /** The HTTP status of the last request; 0 when no whole answer came. */
     int status() const { return status_; }
+    /** Why there was no whole answer, for messages; "" when there was one. */
+    std::string const& fault() const { return fault_; }
 
     /** False, with nothing sent and nothing logged, without a token. */
     [[nodiscard]] bool get(char const* path, json_spirit::Value& result);
@@ -142,6 +144,7 @@ private:
     std::string shown(json_spirit::Value const& value) const;
 
     int32_t status_ = 200;
+    std::string fault_;
     int silent_counts_ = 0; ///< requests for nodes in a row without an answer
     TPOPS_Login login_info_;
     std::string token_; ///< that the last request went out with

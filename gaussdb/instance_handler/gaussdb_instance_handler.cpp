@@ -2,8 +2,10 @@
 
 #include "gaussdb/common/gaussdb_cluster_manager.h"
 #include "gaussdb/common/gaussdb_non_intrusive_handler.h"
+#include "gaussdb/common/gaussdb_tpops_handler.h"
 #include "gaussdb/instance_handler/gaussdb_node_check.h"
 #include "gaussdb/instance_handler/gaussdb_t_check.h"
+#include "gaussdb/instance_handler/gaussdb_tpops_check.h"
 #include "host/agent/credential.h"
 #include "json_spirit/access.h"
 #include "qmrt/check.h"
@@ -108,6 +110,16 @@ bool takes_account(char const* name, char const* username, char const* password)
     return !cluster.null() && cluster->test_logon(username, password);
 }
 
+/** A handler is made of its record again when that is changed. */
+void note_account(char const* name, char const* username, std::string const& encrypted) {
+    GaussDB_Cluster_Handler_var const cluster = find_cluster(name);
+    if (cluster.null())
+        return;
+    GaussDB_Cluster_Info info = cluster->info();
+    json_spirit::insert(info.extend_attrs)("username", username)("password", encrypted);
+    cluster->info(info);
+}
+
 } // namespace
 
 int GaussDB_Instance_Handler::probe_instances(instances_type& instances) {
@@ -165,6 +177,7 @@ int GaussDB_Instance_Handler::update_options(char const* name, char const* usern
     if (encrypted.empty())
         return -1;
     json_spirit::insert(options)("username", username)("password", encrypted);
+    note_account(name, username, encrypted);
     return 0;
 }
 
@@ -177,6 +190,8 @@ std::vector<Instance_Check> GaussDB_Instance_Handler::check(Instance const& inst
                                                             Check_Scope scope) {
     int version = GAUSSDB_UNKNOWN;
     instance.get_option("version", version);
+    if (std::string host; instance.get_option("tpops_host", host))
+        return GaussDB_TPOPS_Check(instance).run(scope);
     if (version == GAUSSDB_T && scope == TO_BACK_UP)
         return GaussDB_T_Check(instance).run();
     bool const is_declared = version == GAUSSDB_UNKNOWN && instance.options.count("address");
@@ -192,12 +207,26 @@ void GaussDB_Instance_Handler::forget(char const* name) {
 }
 
 bool init_tpops_instance(std::shared_ptr<Instance const> instance) {
-    GaussDB_Cluster_Manager const* const manager = GaussDB_Cluster_Manager::instance();
-    if (manager && manager->cluster_exists(instance->name.c_str()))
+    GaussDB_Cluster_Manager* const manager = GaussDB_Cluster_Manager::instance();
+    if (QMRT_IS_NULL(manager))
+        return false;
+    char const* const name = instance->name.c_str();
+    if (manager->cluster_exists(name))
         return true;
-    QMRT_LOG(LM_WARNING,
-             "Instance %s is reached through TPOPS, which this module cannot do; it has no "
-             "cluster.\n",
-             instance->name.c_str());
-    return false;
+    std::unique_ptr<GaussDB_TPOPS_Handler> handler(new (std::nothrow) GaussDB_TPOPS_Handler);
+    if (!handler) {
+        errno = ENOMEM;
+        return false;
+    }
+    handler->info(info_of(*instance));
+    if (!handler->init("")) {
+        QMRT_LOG(LM_WARNING, "Failed to init gaussdb instance %s.\n", name);
+        return false;
+    }
+    if (!manager->add_cluster(name, handler.get())) {
+        QMRT_LOG(LM_ERROR, "Failed to add TPOPS instance %s to cluster manager.\n", name);
+        return false;
+    }
+    (void)handler.release(); // the manager's now
+    return true;
 }

@@ -40,15 +40,15 @@ public:
                        options_type& options) override;
     /** The processes and profiles that the last discovery refused. */
     std::vector<Instance_Alert> alerts() override;
-    /** Looks at clusters without an agent: see GaussDB_Node_Check. Nothing for all others. */
+    /** See GaussDB_Node_Check, GaussDB_T_Check and GaussDB_TPOPS_Check. Nothing for others. */
     std::vector<Instance_Check> check(Instance const& instance, Check_Scope scope) override;
     void forget(char const* name) override;
 };
 
 /**
- * Enters an instance that is reached through the TPOPS platform.
- * @return false, after a warning: this module has no handler for the platform, so the instance
- *         stays on record and has no cluster. True when there is a cluster of its name.
+ * Enters an instance that only its TPOPS platform can reach; the platform is not asked.
+ * @return true when there is a cluster of its name, also from before; false, logged, for a record
+ *         that is not complete: the instance stays on record and has no cluster
  */
 [[nodiscard]] bool init_tpops_instance(std::shared_ptr<Instance const> instance);
 

@@ -6,8 +6,6 @@
 #include "gaussdb/common/gaussdb_non_intrusive_record.h"
 #include "gaussdb/websvcs_agent/instance_request.h"
 #include "host/agent/instance_manager.h"
-#include "host/rpc/global_json_rpc_channel.h"
-#include "host/rpc/json_rpc_session.h"
 #include "json_spirit/access.h"
 #include "qmrt/check.h"
 #include "qmrt/names.h"
@@ -129,21 +127,6 @@ Creation_Fault record_instance(GaussDB_Cluster_Manager& manager, New_Instance co
     return {};
 }
 
-/** Tells the backup server, without waiting for an answer. */
-int notify_backupd_instance(char const* name, char const* uid) {
-    json_spirit::Array const accounts{
-        json_spirit::Object{{"user_uuid", uid}, {"name", NO_CREDENTIALS}}};
-    json_spirit::Object const params =
-        json_spirit::Object_Maker()("type", TYPE)("name", name)("accounts", accounts);
-    JSON_RPC_Object_var request;
-    if (!JSON_RPC_Session::make_rpc_request("backupd.instance.notify", json_spirit::Value(params),
-                                            request)) {
-        QMRT_LOG(LM_ERROR, "Failed to create 'backupd.instance.notify' JSON-RPC request object.\n");
-        return 0;
-    }
-    return JSON_RPC_Session(Global_JSON_RPC_Channel::instance()).notify(request);
-}
-
 std::shared_ptr<Instance> make_instance(New_Instance const& wanted) {
     std::shared_ptr<Instance> instance(new (std::nothrow) Instance);
     if (!instance)
@@ -203,6 +186,6 @@ int JSON_RPC_GaussDB_Create_Instance_Handler::create_instance(JSON_RPC_Channel* 
     if (Creation_Fault const fault = record_instance(*manager, wanted, instance); fault.text)
         return fail(fault);
     // the instance stands even if the server was not told, which has been logged
-    notify_backupd_instance(wanted.name.c_str(), wanted.uid.c_str());
+    (void)notify_backupd_instance(wanted.name.c_str(), wanted.uid.c_str());
     return send_result(channel, request, instance->uuid);
 }

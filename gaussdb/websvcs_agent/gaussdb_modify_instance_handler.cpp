@@ -1,6 +1,8 @@
 #include "gaussdb/websvcs_agent/gaussdb_modify_instance_handler.h"
 
 #include "gaussdb/common/gaussdb_non_intrusive_record.h"
+#include "gaussdb/common/tpops_defs.h"
+#include "gaussdb/common/tpops_record.h"
 #include "gaussdb/job/cluster_job.h"
 #include "gaussdb/websvcs_agent/instance_request.h"
 #include "host/agent/instance_manager.h"
@@ -17,6 +19,16 @@ json_spirit::Object changed(json_spirit::Object record, json_spirit::Object cons
     for (char const* key : CHANGEABLE)
         json_spirit::update_json_partial(record, params, key);
     return record;
+}
+
+std::string fault_of_changes(json_spirit::Object const& params) {
+    try {
+        GaussDB_TPOPS_Instance_Info().load(changed({}, params));
+    } catch (json_spirit::Error const& error) {
+        return error.what();
+    }
+    std::string const fault = fault_of_non_intrusive_record(params);
+    return fault.empty() ? fault_of_tpops_record(params) : fault;
 }
 
 } // namespace
@@ -42,7 +54,7 @@ int JSON_RPC_GaussDB_Modify_Instance_Handler::modify_instance(JSON_RPC_Channel* 
     GaussDB_Cluster_Handler_var const cluster = find_cluster(name);
     if (cluster.null())
         return fail(JSON_RPC_INVALID_PARAMS, "Instance does not exists");
-    if (std::string const fault = fault_of_non_intrusive_record(params); !fault.empty()) {
+    if (std::string const fault = fault_of_changes(params); !fault.empty()) {
         QMRT_LOG(LM_ERROR, "Invalid request to modify instance %s, %s\n", name.c_str(),
                  fault.c_str());
         return fail(JSON_RPC_INVALID_PARAMS, "Invalid params");

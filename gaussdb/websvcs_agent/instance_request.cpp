@@ -1,5 +1,7 @@
 #include "gaussdb/websvcs_agent/instance_request.h"
 
+#include "host/rpc/global_json_rpc_channel.h"
+#include "host/rpc/json_rpc_session.h"
 #include "json_spirit/access.h"
 #include "qmrt/log.h"
 
@@ -30,6 +32,19 @@ int send_result(JSON_RPC_Channel* channel, JSON_RPC_Request* request,
     }
     static_cast<JSON_RPC_Response*>(response.get())->result() = result;
     return channel->send(response);
+}
+
+bool notify_backupd_instance(char const* name, char const* uid) {
+    json_spirit::Array const accounts{json_spirit::Object{{"user_uuid", uid}, {"name", "null"}}};
+    json_spirit::Object const params =
+        json_spirit::Object_Maker()("type", "gaussdb")("name", name)("accounts", accounts);
+    JSON_RPC_Object_var request;
+    if (!JSON_RPC_Session::make_rpc_request("backupd.instance.notify", json_spirit::Value(params),
+                                            request)) {
+        QMRT_LOG(LM_ERROR, "Failed to create 'backupd.instance.notify' JSON-RPC request object.\n");
+        return false;
+    }
+    return JSON_RPC_Session(Global_JSON_RPC_Channel::instance()).notify(request) == 0;
 }
 
 bool init_handler(GaussDB_Cluster_Handler& handler) {

@@ -20,6 +20,12 @@ JSON_RPC_Request* open_request(JSON_RPC_Channel_ptr const& channel,
 int send_result(JSON_RPC_Channel* channel, JSON_RPC_Request* request,
                 json_spirit::Value const& result);
 
+/**
+ * Tells the backup server of an instance that was added for a user, without waiting for an answer.
+ * @return false, logged, when it could not be told
+ */
+bool notify_backupd_instance(char const* name, char const* uid);
+
 /** GaussDB_Cluster_Handler::init(), which throws for a record with values of another kind. */
 [[nodiscard]] bool init_handler(GaussDB_Cluster_Handler& handler);
 

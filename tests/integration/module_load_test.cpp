@@ -139,7 +139,8 @@ TEST(module, the_pairs_that_there_are) {
             "GaussDB_Instance_Handler", "GaussDB_Job_Creator",
             "JSON_RPC_GaussDB_Create_Instance_Handler", "JSON_RPC_GaussDB_Get_Instance_Handler",
             "JSON_RPC_GaussDB_List_Handler", "JSON_RPC_GaussDB_Modify_Instance_Handler",
-            "JSON_RPC_GaussDB_Remove_Instance_Handler", "JSON_RPC_Roach_Source_Handler"}),
+            "JSON_RPC_GaussDB_Remove_Instance_Handler", "JSON_RPC_Roach_Source_Handler",
+            "JSON_RPC_TPOPS_Add_Instance_Handler", "JSON_RPC_TPOPS_List_Handler"}),
         made);
 }
 

@@ -115,6 +115,8 @@ class Run_Key_Test(Attack_Test):
         self.refused("gaussdb.get_instance", instance="c1")
         self.refused("gaussdb.modify_instance", name="c1", address="127.0.0.1")
         self.refused("gaussdb.remove_instance", instance="c1")
+        self.refused("gaussdb.add_tpops_instances", uid="u", username="u", password="p", instances=[])
+        self.refused("gaussdb.list_tpops_instances", name="c1")
         # from agent to agent
         wish = dict(policy, action="add", os_user="root", minor=0, patch=0, policy_name="x",
                     delete_meta_path="/root/x")

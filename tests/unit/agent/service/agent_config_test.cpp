@@ -47,6 +47,20 @@ TEST_F(Agent_Config_Test, reads_each_kind_of_key) {
     EXPECT_FALSE(config_.remote);
 }
 
+TEST_F(Agent_Config_Test, platforms_are_verified_unless_told_otherwise) {
+    EXPECT_TRUE(config_.platform_verify);
+    EXPECT_EQ("", config_.platform_ca_file);
+    EXPECT_EQ(60, config_.platform_timeout);
+    EXPECT_TRUE(read("[platform]\nverify = false\nca_file = '/etc/ca.pem'\ntimeout = 5\n"))
+        << error_;
+    EXPECT_FALSE(config_.platform_verify);
+    EXPECT_EQ("/etc/ca.pem", config_.platform_ca_file);
+    EXPECT_EQ(5, config_.platform_timeout);
+    EXPECT_TRUE(Agent_Config().restart_needed(config_).empty()) << "a reload is enough";
+    expect_refused("[platform]\nca_file = 'ca.pem'\n", "wants an absolute path");
+    expect_refused("[platform]\ntimeout = 0\n", "from 1 to 3600");
+}
+
 TEST_F(Agent_Config_Test, a_fault_names_line_and_key) {
     expect_refused("[agent]\nlog_level = 'debug'\nnmae = 'x'\n",
                    "line 3: \"agent.nmae\" is no known");

@@ -67,6 +67,21 @@ protected:
     bool is_ok_ = false;
 };
 
+TEST_F(Instance_Methods_Test, an_instance_of_a_platform_has_its_flavour_and_no_password) {
+    Object const options{
+        {"tpops_host", "h"}, {"version", "505.1.0"}, {"username", "u"}, {"password", "enciphered"}};
+    instances_->put({"gaussdb", "orders", "u-1", options, {}});
+    instances_->put({"gaussdb", "prod", "u-2", Object{{"version", 2}, {"edition", "8.1.1"}}, {}});
+    Object shown = call("instance.show", {{"instance", "orders"}}).result.get_obj();
+    EXPECT_EQ(Value(6), shown.at("version"));
+    EXPECT_EQ(Value("505.1.0"), shown.at("edition"));
+    EXPECT_EQ(Value("u"), shown.at("options").get_obj().at("username"));
+    EXPECT_FALSE(shown.at("options").get_obj().count("password"));
+    shown = call("instance.show", {{"instance", "prod"}}).result.get_obj();
+    EXPECT_EQ(Value(2), shown.at("version"));
+    EXPECT_EQ(Value("8.1.1"), shown.at("edition"));
+}
+
 TEST_F(Instance_Methods_Test, a_record_of_a_cluster_over_ssh_is_held_to_the_same_rules_as_its_own) {
     for (auto const& [key, hostile] : {std::pair{"ssh_options", "-o ProxyCommand=id"},
                                        {"ssh_options", "-oLocalCommand=id"},

@@ -134,6 +134,17 @@ TEST_F(Readiness_Check_Test, states_that_allow_no_backup) {
     }
 }
 
+TEST_F(Readiness_Check_Test, a_platform_is_looked_at_in_place_of_a_state_and_tools) {
+    Instance_Manager::instance()->add_handler(std::make_shared<One_State>("error"));
+    add_instance({{"tpops_host", "h"}, {"version", "505.1.0"}, {"address", "seen by the module"}});
+    check_.instance("cluster", "uid");
+    EXPECT_EQ("on record, version 505.1.0", line("instance cluster").text);
+    EXPECT_EQ("no such line", line("state").text);
+    EXPECT_EQ("no such line", line("user").text);
+    EXPECT_EQ("asked for all", line("ssh seen by the module").text);
+    expect_bad("account", "none on record");
+}
+
 TEST_F(Readiness_Check_Test, a_user_that_this_host_does_not_have) {
     add_instance({{"version", 1}, {"user", "nobody-of-that-name"}});
     check_.instance("cluster", "uid");

@@ -2,6 +2,7 @@
 
 #include "gaussdb/common/gaussdb_env.h"
 #include "gaussdb/common/gaussdb_non_intrusive_handler.h"
+#include "gaussdb/common/gaussdb_tpops_handler.h"
 #include "host/agent/credential.h"
 #include "tests/support/cluster_xml.h"
 #include "tests/support/database_process.h"
@@ -10,6 +11,7 @@
 #include "tests/support/no_more_descriptors.h"
 #include "tests/support/product_directories.h"
 #include "tests/support/scripted_cluster.h"
+#include "tests/unit/gaussdb/tpops_platform.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -207,8 +209,9 @@ TEST_F(Instance_Handler_Test, a_tpops_instance_never_comes_back_as_an_offline_on
     probe();
     EXPECT_FALSE(manager_.cluster_exists("c1"));
     EXPECT_FALSE(manager_.cluster_exists("dws"));
-    EXPECT_LOGGED(LM_WARNING, "Instance c1 is reached through TPOPS");
-    EXPECT_LOGGED(LM_WARNING, "Instance dws is reached through TPOPS");
+    EXPECT_LOGGED(LM_WARNING, "Failed to init gaussdb instance c1.");
+    EXPECT_LOGGED(LM_WARNING, "Failed to init gaussdb instance dws.");
+    EXPECT_EQ(2u, Log_Capture::instance().claim_all(LM_ERROR, "Failed to extract TPOPS info: "));
     EXPECT_EQ(0u, host_.tools.calls("ssh"));
 }
 
@@ -224,6 +227,63 @@ TEST_F(Instance_Handler_Test, a_tpops_instance_that_is_known_is_left_alone) {
     Scripted_Cluster::enter("c1", {GAUSSDB_TPOPS, 1, 0, 0});
     EXPECT_TRUE(init_tpops_instance(instance));
     probe();
+}
+
+TEST_F(Instance_Handler_Test, a_tpops_instance_comes_back_without_asking_the_platform) {
+    TPOPS_Platform platform;
+    record("t1", platform.record("i1"));
+    probe();
+    GaussDB_Cluster_Handler_var const handler = manager_.get_cluster("t1");
+    ASSERT_FALSE(handler.null());
+    auto* const tpops = dynamic_cast<GaussDB_TPOPS_Handler*>(handler.get());
+    ASSERT_TRUE(tpops);
+    EXPECT_EQ("t1", tpops->info().name);
+    EXPECT_EQ("i1", tpops->get_instance_info().id);
+    EXPECT_EQ(TPOPS_Platform::PASSWORD, tpops->get_login_info().password.plain());
+    EXPECT_TRUE(platform.requests().empty());
+    probe();
+    EXPECT_EQ(tpops, manager_.get_cluster("t1").get()) << "once is enough";
+}
+
+TEST_F(Instance_Handler_Test, without_memory_there_is_no_tpops_instance) {
+    auto const instance = record("t1", TPOPS_Platform().record("i1"));
+    Failing_New const guard(sizeof(GaussDB_TPOPS_Handler));
+    errno = 0;
+    EXPECT_FALSE(init_tpops_instance(instance));
+    EXPECT_EQ(ENOMEM, errno);
+    EXPECT_FALSE(manager_.cluster_exists("t1"));
+}
+
+TEST_F(Instance_Handler_Test, a_tpops_instance_that_cannot_be_entered_is_dropped) {
+    auto const instance = record("", TPOPS_Platform().record("i1"));
+    EXPECT_FALSE(init_tpops_instance(instance));
+    EXPECT_CHECK_LOGGED("name is NULL or \"\"");
+    EXPECT_LOGGED(LM_ERROR, "Failed to add TPOPS instance  to cluster manager.");
+}
+
+TEST_F(Instance_Handler_Test, the_platform_tells_the_state_of_a_tpops_instance) {
+    TPOPS_Platform platform;
+    platform.on("GET /rds/v3/instances", 200,
+                R"({"instances": [{"id": "i1", "instance_status": "abnormal"}]})");
+    platform.on("GET /rds/gaussdb/v3/instances/i1/agent/status", 200, "{}");
+    record("t1", platform.record("i1"));
+    probe();
+    std::string state;
+    EXPECT_EQ("error", handler_.get_state("t1", state));
+    EXPECT_EQ(0, handler_.logon("t1", "u2", "p2", nullptr));
+}
+
+TEST_F(Instance_Handler_Test, a_new_account_of_a_tpops_instance_outlives_a_change_of_its_record) {
+    TPOPS_Platform platform;
+    auto const instance = record("t1", platform.record("i1"));
+    probe();
+    EXPECT_EQ(0, handler_.update_options("t1", "u2", "p2", instance->options));
+    auto const cluster = manager_.get_cluster("t1");
+    ASSERT_TRUE(cluster->init("")) << "as after a change of its record";
+    TPOPS_Login const& login =
+        dynamic_cast<GaussDB_TPOPS_Handler*>(cluster.get())->get_login_info();
+    EXPECT_EQ("u2", login.username);
+    EXPECT_EQ("p2", login.password.plain());
 }
 
 TEST_F(Instance_Handler_Test, a_dws_instance_comes_back_with_its_options) {
