@@ -109,10 +109,12 @@ class World(object):
         for name in names:
             self.clusters[name] = Cluster(name, self.work)
             self.hosts += self.clusters[name].hosts
+        self.add_machines()
         run(MACHINE, "join", *[host.directory for host in self.hosts])
         self.ours.do("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", "/root/.ssh/id_ed25519")
         key = self.ours.path("/root/.ssh/id_ed25519.pub").read_text()
         making = [one for cluster in self.clusters.values() for one in cluster.start_making(key)]
+        making += self.start_making(mib)
         package = run(MAKE_PACKAGE, build).strip()
         self.ours.do("dpkg", "--install", package)
         if any([one.wait() for one in making]):
@@ -120,11 +122,24 @@ class World(object):
         for cluster in self.clusters.values():
             cluster.everywhere("fill", mib)
             self.ours.do(SERVICE, "start", cluster.flavour.service, "--address", OURS)
+        self.prepare_agent()
         self.ours.start_agent()
         self.ours.do("mkdir", POOL)
         self.ours.do("zenbrak3", "pool", "create", "main", "file://" + POOL)
         for name in self.clusters:
             self.declare(name)
+
+    # --- for worlds that have more than clusters
+
+    def add_machines(self):
+        pass
+
+    def start_making(self, mib):
+        """Processes that make what is on those machines."""
+        return []
+
+    def prepare_agent(self):
+        """Before its first start."""
 
     def add_words(self, name, cluster=None):
         """The command that declares an instance. @param cluster  where it is, unless it is the one of
@@ -208,7 +223,9 @@ class World(object):
 
     def start_definition(self, **definition):
         """Starts a job that is given as a whole; the run's id."""
-        return self.ours.call("job.start", run=definition)["run_id"]
+        answer = self.ours.answer("job.start", {"run": definition})
+        assert "result" in answer, answer
+        return answer["result"]["run_id"]
 
     def run_definition(self, **definition):
         """Runs such a job to its end. Returns the run with its log."""
@@ -249,6 +266,6 @@ class World(object):
         # a failed backup leaves its policy to the next run, with a key that opens nothing any more
         known = {"meta", "media", *self.clusters, *self.resources}
         # the tool's directories of the other cluster's user are set aside, under their names and its id
-        found += [path.name for path in self.ours.path(CACHE).iterdir()
+        found += [path.name for path in self.ours.path(CACHE).glob("*")
                   if path.name not in known and path.name.rstrip("0123456789") not in ("meta.", "media.")]
         return found

@@ -97,9 +97,13 @@ class Host(object):
 
     def call(self, method, /, **params):
         """The agent's answer: a result, or None when it has an error instead."""
+        return self.answer(method, params).get("result")
+
+    def answer(self, method, params):
+        """The agent's answer as it comes."""
         with socket.socket(socket.AF_UNIX) as agent:
             agent.connect(str(self.path("/run/zenbrak3/agent.sock")))
             agent.sendall(json.dumps({"jsonrpc": "2.0", "id": 1, "method": method,
                                       "params": params}).encode() + b"\n")
             with agent.makefile() as answers:
-                return json.loads(answers.readline()).get("result")
+                return json.loads(answers.readline())

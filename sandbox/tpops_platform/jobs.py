@@ -95,16 +95,19 @@ class Jobs(object):
             raise Job_Error(answer.get("error", "The operation was stopped."))
         return answer["result"]
 
-    async def _pass(self, process):
-        """Lets a worker go on, as soon as none is held."""
+    async def hold_until(self, event):
         self.held += 1
-        ended = asyncio.ensure_future(process.wait())
-        free = asyncio.ensure_future(self.free.wait())
         try:
-            await asyncio.wait({ended, free}, return_when=asyncio.FIRST_COMPLETED)
+            await event.wait()
         finally:
             self.held -= 1
-            free.cancel()
+
+    async def _pass(self, process):
+        """Lets a worker go on, as soon as none is held."""
+        ended = asyncio.ensure_future(process.wait())
+        free = asyncio.ensure_future(self.hold_until(self.free))
+        await asyncio.wait({ended, free}, return_when=asyncio.FIRST_COMPLETED)
+        free.cancel()
         if not ended.done():
             process.stdin.write(b"go\n")
 

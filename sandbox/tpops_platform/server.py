@@ -19,7 +19,8 @@ one:
                              "body", "status" and "user"
     {"forget": true}         forgets the requests
 
-An action is {"status": n}, {"body": text}, "hang", "cut", or "down", after which the port stays closed.
+An action is {"status": n}, {"body": text}, "hang", "cut", "down", after which the port stays closed, or "wait",
+by which the call is held until the next order "rules".
 """
 import asyncio
 import inspect
@@ -63,7 +64,7 @@ class Server(object):
         self.jobs = Jobs(self.records, open(os.path.join(directory, "workers.log"), "ab"))
         self.api = Api(self.records, self.jobs)
         self.faults, self.requests, self.certificate = Faults(), [], "good"
-        self.site = None
+        self.site, self.new_rules = None, asyncio.Event()
         application = web.Application()
         application.router.add_route("*", "/{path:.*}", self.handle)
         self.runner = web.AppRunner(application, access_log=None)
@@ -109,6 +110,9 @@ class Server(object):
             endpoint, parts = find_endpoint(request.method, request.raw_path.partition("?")[0])
             seen["endpoint"] = endpoint.name
             action = self.faults.take(endpoint.name, "before")
+            if action == "wait":
+                await self.jobs.hold_until(self.new_rules)
+                action = None
             if action is None:
                 status, body = 200, await self.call(request, endpoint, parts, content, seen)
                 done = True
@@ -174,6 +178,8 @@ class Server(object):
         word, value = next(iter(order.items()))
         if word == "rules":
             self.faults.rules = value
+            self.new_rules.set()
+            self.new_rules = asyncio.Event()
         elif word == "down":
             if value:
                 self.down()
