@@ -25,6 +25,9 @@ public:
         if (std::string const dir = json_spirit::object_get_str(instance.options, "cache_dir");
             !dir.empty())
             return {{"cache directory " + dir, true, "looked at", ""}};
+        if (std::string const user = json_spirit::object_get_str(instance.options, "writer");
+            !user.empty())
+            return {{"route", true, "running as " + user, "", user}};
         if (!instance.options.count("address"))
             return {};
         return {{"ssh " + json_spirit::object_get_str(instance.options, "address"), false,
@@ -237,6 +240,23 @@ TEST_F(Readiness_Check_Test, the_pool_is_written_to_as_the_databases_user) {
         else
             expect_bad("pool p", "nobody cannot pass through " + directory_.path());
     }
+}
+
+TEST_F(Readiness_Check_Test,
+       the_pool_of_a_platforms_instance_is_written_to_as_the_backup_agents_user) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root: another user's rights are taken";
+    add_instance({{"tpops_host", "h"}, {"writer", "nobody"}});
+    Instance instance = *instances_->find("gaussdb", "cluster");
+    instance.uuid = "0123";
+    ASSERT_TRUE(instances_->put(instance));
+    directory_.write("pool/.keep", "");
+    std::filesystem::remove(directory_.path("pool/.keep"));
+    ASSERT_EQ(0, chmod(directory_.path("pool").c_str(), 0711));
+    ASSERT_EQ(0, chmod(directory_.path().c_str(), 0700));
+    check_.instance("cluster", "uid");
+    check_.pool({"p", true, false, 100, 0, 0, directory_.path("pool")}, 0);
+    expect_bad("pool p", "nobody cannot pass through " + directory_.path());
 }
 
 TEST_F(Readiness_Check_Test, a_module_without_jobs_and_a_damaged_database) {
