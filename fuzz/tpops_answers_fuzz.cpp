@@ -1,6 +1,7 @@
 #include "gaussdb/common/gaussdb_tpops_handler.h"
 #include "gaussdb/common/tpops_restful_client.h"
 #include "host/agent/credential.h"
+#include "host/http/platform_settings.h"
 #include "json_spirit/access.h"
 #include "qmrt/file.h"
 #include "qmrt/names.h"
@@ -52,9 +53,11 @@ public:
 private:
     void serve() {
         for (;;)
-            if (File_Descriptor const client(accept(listener_.get(), nullptr, nullptr)); client)
-                while (answer(client.get()))
-                    ;
+            if (File_Descriptor client(accept(listener_.get(), nullptr, nullptr)); client)
+                std::thread([this, connection = std::move(client)] {
+                    while (answer(connection.get()))
+                        ;
+                }).detach();
     }
 
     /** @return false when the connection is to be closed */
@@ -154,6 +157,9 @@ void call_all(TPOPS_RESTful_Client& client) {
 extern "C" int LLVMFuzzerTestOneInput(unsigned char const* data, size_t size) {
     static Fuzzed_Platform platform;
     static std::string const password = encrypt_string("p", CREDENTIAL_KEY, CREDENTIAL_KEY_LENGTH);
+    Platform_Settings settings;
+    settings.timeout = std::chrono::milliseconds(200); // an answer may say that more comes
+    Platform_Settings::set(settings);
     platform.answers({reinterpret_cast<char const*>(data), size});
     TPOPS_Login login;
     login.host = "127.0.0.1";

@@ -17,7 +17,6 @@ namespace {
 
 constexpr char TOKEN_HEADER[] = "X-Mini-Token";
 constexpr char TOKEN_KEY[] = "x_mini_token";
-constexpr char INSTANCE_PATH[] = "/rds/gaussdb/v3/instances/%s/%s";
 /** The platform's word for a medium that is the one asked for already. */
 constexpr char SAME_MEDIA[] = "DBS.06015006";
 
@@ -36,14 +35,18 @@ HTTP_Query_String_Builder query_of(std::string& path) {
     return HTTP_Query_String_Builder(std::back_inserter(path), false);
 }
 
-/** @return false, after an error line, for an id that is more than one plain segment of a path */
-bool make_instance_path(char const* instance_id, char const* rest, std::string& path) {
+/**
+ * @param pattern  the path with "%s" in the id's place
+ * @return false, after an error line, for an id that is more than one plain segment of a path
+ */
+bool make_instance_path(char const* pattern, std::string_view instance_id, std::string& path) {
     if (std::string const fault = names::fault_of_id(instance_id); !fault.empty()) {
         QMRT_LOG(LM_ERROR, "Refused instance id \"%s\" of a TPOPS platform: it %s\n",
                  names::shown(instance_id).c_str(), fault.c_str());
         return false;
     }
-    path = string_sprintf(INSTANCE_PATH, instance_id, rest);
+    path = pattern;
+    path.replace(path.find("%s"), 2, instance_id);
     return true;
 }
 
@@ -97,6 +100,7 @@ void warn_of_weak_trust(TPOPS_Login const& login, Platform_Settings const& setti
 
 TPOPS_RESTful_Client::TPOPS_RESTful_Client() {
     client_.max_body_size(MAX_ANSWER_SIZE);
+    client_.cancellable(true);
 }
 
 TPOPS_RESTful_Client::operator bool() const {
@@ -282,8 +286,8 @@ bool TPOPS_RESTful_Client::read_instances(
 bool TPOPS_RESTful_Client::get_agent_status(char const* instance_id, json_spirit::Value& result) {
     std::string path;
     return !QMRT_IS_NULL_OR_EMPTY(instance_id) &&
-           make_instance_path(instance_id, "agent/status", path) && get(path.c_str(), result) &&
-           is_object(result);
+           make_instance_path("/rds/gaussdb/v3/instances/%s/agent/status", instance_id, path) &&
+           get(path.c_str(), result) && is_object(result);
 }
 
 int TPOPS_RESTful_Client::get_nodes_count(char const* instance_id) {
@@ -302,7 +306,8 @@ bool TPOPS_RESTful_Client::list_databases(char const* instance_id, uint32_t limi
                                           std::vector<TPOPS_Database_Info>& infos) {
     total = 0;
     std::string path;
-    if (QMRT_IS_NULL_OR_EMPTY(instance_id) || !make_instance_path(instance_id, "databases?", path))
+    if (QMRT_IS_NULL_OR_EMPTY(instance_id) ||
+        !make_instance_path("/rds/gaussdb/v3/instances/%s/databases?", instance_id, path))
         return false;
     query_of(path)("limit", limit, true, nullptr)("offset", offset, true, nullptr);
     json_spirit::Value result;
@@ -342,7 +347,8 @@ bool TPOPS_RESTful_Client::put_extend_info(char const* instance_id, char const* 
                                            char const* value) {
     std::string path;
     if (QMRT_IS_NULL_OR_EMPTY(instance_id) || QMRT_IS_NULL_OR_EMPTY(key) ||
-        QMRT_IS_NULL_OR_EMPTY(value) || !make_instance_path(instance_id, "extend-info", path))
+        QMRT_IS_NULL_OR_EMPTY(value) ||
+        !make_instance_path("/rds/gaussdb/v3/instances/%s/extend-info", instance_id, path))
         return false;
     return put(path.c_str(), json_spirit::Object_Maker()("key", key)("value", value), nullptr);
 }
@@ -351,7 +357,7 @@ bool TPOPS_RESTful_Client::get_extend_info(char const* instance_id, char const* 
                                            json_spirit::Value& result) {
     std::string path;
     if (QMRT_IS_NULL_OR_EMPTY(instance_id) || QMRT_IS_NULL_OR_EMPTY(key) ||
-        !make_instance_path(instance_id, "extend-info?", path))
+        !make_instance_path("/rds/gaussdb/v3/instances/%s/extend-info?", instance_id, path))
         return false;
     query_of(path)("key", key, true, true, nullptr);
     return get(path.c_str(), result);
@@ -361,7 +367,7 @@ bool TPOPS_RESTful_Client::change_backup_media(char const* instance_id, char con
                                                std::string& job_id) {
     std::string path;
     if (QMRT_IS_NULL_OR_EMPTY(instance_id) || QMRT_IS_NULL_OR_EMPTY(type) ||
-        !make_instance_path(instance_id, "change-backup-media", path))
+        !make_instance_path("/rds/gaussdb/v3/instances/%s/change-backup-media", instance_id, path))
         return false;
     json_spirit::Value result;
     if (put(path.c_str(), json_spirit::Object_Maker()("type", type), &result))
@@ -413,7 +419,7 @@ bool TPOPS_RESTful_Client::create_log_backup(char const* instance_id, Backup_Arg
 bool TPOPS_RESTful_Client::stop_backup(char const* instance_id, char const* job_id) {
     std::string path;
     if (QMRT_IS_NULL_OR_EMPTY(instance_id) || QMRT_IS_NULL_OR_EMPTY(job_id) ||
-        !make_instance_path(instance_id, "backups/stop", path))
+        !make_instance_path("/rds/gaussdb/v3/instances/%s/backups/stop", instance_id, path))
         return false;
     return post(path.c_str(), json_spirit::Object_Maker()("job_id", job_id), nullptr);
 }
@@ -424,7 +430,7 @@ bool TPOPS_RESTful_Client::get_differential_backup_info(char const* instance_id,
                                                         char const* end_time) {
     std::string path;
     if (QMRT_IS_NULL_OR_EMPTY(instance_id) ||
-        !make_instance_path(instance_id, "differential-backups", path))
+        !make_instance_path("/rds/gaussdb/v3/instances/%s/differential-backups", instance_id, path))
         return false;
     if (begin_time && *begin_time && end_time && *end_time) {
         path += '?';

@@ -14,6 +14,8 @@
  * again once when the platform refuses the token with 401 or 403, and knows each call that the
  * module makes. Waits for nothing and retries nothing else: a failure goes to the caller at once.
  *
+ * A request ends with an error when the calling thread's Cancellation is cancelled.
+ *
  * How a platform is verified and how long an answer may take is in Platform_Settings. Redirects are
  * not followed and answers are bounded in size.
  *

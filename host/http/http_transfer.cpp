@@ -1,5 +1,7 @@
 #include "host/http/http_transfer.h"
 
+#include "host/process/cancellation.h"
+
 #include <algorithm>
 #include <cstring>
 #include <curl/curl.h>
@@ -44,6 +46,8 @@ struct Exchange {
     bool handed_on = false; ///< the sink has got something
     std::chrono::steady_clock::time_point last_sign = std::chrono::steady_clock::now();
     std::string refusal{}; ///< why a callback ended the request
+    std::shared_ptr<Cancellation> cancellation =
+        settings.cancellable ? Cancellation::current() : nullptr;
 
     bool succeeded() const {
         long status = 0;
@@ -90,7 +94,13 @@ struct Exchange {
 /** Called by curl about once a second, whether or not anything comes. @return not 0 to end it */
 int on_progress(void* context, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
     Exchange& exchange = *static_cast<Exchange*>(context);
+    if (exchange.cancellation && exchange.cancellation->cancelled()) {
+        exchange.refusal = exchange.cancellation->reason();
+        return 1;
+    }
     std::chrono::milliseconds const limit = exchange.settings.total_timeout;
+    if (!exchange.settings.streaming || limit.count() == 0)
+        return 0; // curl's own limit counts
     if (std::chrono::steady_clock::now() - exchange.last_sign <= limit)
         return 0;
     exchange.refusal = "nothing came for " + std::to_string(limit.count()) + " ms";
@@ -192,7 +202,7 @@ void set_bounds(Options& set, HTTP_Transfer_Settings const& settings, Exchange& 
     set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(settings.connect_timeout.count()));
     if (!settings.streaming)
         set(CURLOPT_TIMEOUT_MS, static_cast<long>(settings.total_timeout.count()));
-    else if (settings.total_timeout.count() > 0) {
+    if (exchange.cancellation || (settings.streaming && settings.total_timeout.count() > 0)) {
         set(CURLOPT_NOPROGRESS, 0L);
         set(CURLOPT_XFERINFOFUNCTION, on_progress);
         set(CURLOPT_XFERINFODATA, &exchange);

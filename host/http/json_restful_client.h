@@ -74,6 +74,8 @@ public:
     void total_timeout(std::chrono::milliseconds limit) { settings_.total_timeout = limit; }
     /** Of a body that is collected; HTTP_MAX_BODY_SIZE unless set. */
     void max_body_size(size_t limit) { settings_.max_body_size = limit; }
+    /** Whether the calling thread's Cancellation ends a request; false unless set. */
+    void cancellable(bool on) { settings_.cancellable = on; }
     void environment_proxy(bool on) { settings_.environment_proxy = on; }
 
     /** As the constructor's parameter; counts from the next connection on. */

@@ -1,10 +1,12 @@
 #include "gaussdb/common/tpops_restful_client.h"
 
+#include "host/process/cancellation.h"
 #include "tests/support/log_capture.h"
 #include "tests/unit/gaussdb/tpops_platform.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <thread>
 
 namespace {
 
@@ -267,6 +269,21 @@ TEST_F(TPOPS_Connect_Test, a_platform_that_hangs_is_given_up) {
     EXPECT_FALSE(client_.connect(platform_.login()));
     EXPECT_EQ(0, client_.status());
     EXPECT_EQ(1u, Log_Capture::instance().claim_all(LM_ERROR, "Failed to send HTTP request"));
+    EXPECT_LOGGED(LM_ERROR, "Failed to get mini token");
+}
+
+TEST_F(TPOPS_Connect_Test, a_cancelled_run_does_not_wait_for_a_platform_that_hangs) {
+    platform_.on(TPOPS_Platform::LOGIN, Https_Server::Steps().gate("never"));
+    auto const cancellation = std::make_shared<Cancellation>("the run was cancelled");
+    std::thread canceller([&] {
+        platform_.await_requests(1);
+        cancellation->cancel();
+    });
+    Cancellation_Scope const scope(cancellation);
+    EXPECT_FALSE(client_.connect(platform_.login()));
+    canceller.join();
+    EXPECT_EQ("the run was cancelled", client_.fault());
+    EXPECT_LOGGED(LM_ERROR, "the run was cancelled");
     EXPECT_LOGGED(LM_ERROR, "Failed to get mini token");
 }
 

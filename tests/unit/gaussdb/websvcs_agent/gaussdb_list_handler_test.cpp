@@ -1,5 +1,6 @@
 #include "gaussdb/websvcs_agent/gaussdb_list_handler.h"
 
+#include "gaussdb/common/gaussdb_tpops_handler.h"
 #include "host/agent/instance_manager.h"
 #include "json_spirit/access.h"
 #include "tests/support/failing_new.h"
@@ -9,6 +10,7 @@
 #include "tests/support/product_directories.h"
 #include "tests/support/recording_channel.h"
 #include "tests/support/scripted_cluster.h"
+#include "tests/unit/gaussdb/tpops_platform.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -218,6 +220,32 @@ TEST_F(List_Handler_Test, without_memory_for_the_response_nothing_is_done) {
         EXPECT_EQ(ENOMEM, errno);
     }
     EXPECT_TRUE(cluster->accounts.empty());
+}
+
+TEST_F(List_Handler_Test, databases_of_a_platforms_instance) {
+    TPOPS_Platform platform;
+    auto* const cluster = new GaussDB_TPOPS_Handler;
+    GaussDB_Cluster_Info info;
+    info.extend_attrs = platform.record("i1");
+    cluster->info(info);
+    ASSERT_TRUE(cluster->init(""));
+    ASSERT_TRUE(GaussDB_Cluster_Manager::instance()->add_cluster("c1", cluster));
+    Array databases;
+    for (char const* name : {"template0", "sales", "template1"}) {
+        TPOPS_Database_Info database;
+        database.name = name;
+        databases.push_back(database.dump());
+    }
+    platform.on("GET /rds/gaussdb/v3/instances/i1/databases", Object{{"databases", databases}});
+    Value const reply = ask(Object{{"uid", "user-1"}, {"instance", "c1"}});
+    EXPECT_EQ(Value(Object{{"databases", Array{Object{{"name", "sales"}}}}}),
+              reply.get_obj().at("result"));
+    Value sent;
+    ASSERT_TRUE(json_spirit::parse(platform.requests().front().body, sent, nullptr));
+    EXPECT_EQ(Value(Object{{"username", "u"}, {"password", "p"}}), sent) << "of the user's account";
+    Value const schemas = ask(Object{{"uid", "user-1"}, {"instance", "c1"}, {"database", "sales"}});
+    EXPECT_EQ(Value(Object{{"schemas", Array{}}}), schemas.get_obj().at("result"))
+        << "a platform takes no SQL";
 }
 
 } // namespace

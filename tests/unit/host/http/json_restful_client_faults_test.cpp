@@ -1,5 +1,6 @@
 #include "host/http/json_restful_client.h"
 
+#include "host/process/cancellation.h"
 #include "tests/unit/host/http/json_restful_client_fixture.h"
 
 using json_spirit::Object;
@@ -12,6 +13,18 @@ namespace {
 constexpr milliseconds SHORT{150};
 
 class JSON_RESTful_Client_Faults_Test : public JSON_RESTful_Client_Fixture {};
+
+TEST_F(JSON_RESTful_Client_Faults_Test, a_cancellation_ends_only_requests_that_are_to_heed_it) {
+    auto const cancellation = std::make_shared<Cancellation>("given up");
+    cancellation->cancel();
+    Cancellation_Scope const scope(cancellation);
+    server_.on("GET /x", 200, "{}");
+    EXPECT_TRUE(get()) << "such as one that cleans up after a cancelled run";
+    client_.cancellable(true);
+    EXPECT_EQ("given up", get_without_answer());
+    client_.cancellable(false);
+    EXPECT_TRUE(get());
+}
 
 TEST_F(JSON_RESTful_Client_Faults_Test, a_refused_connection_is_tried_again_after_growing_pauses) {
     {
