@@ -454,7 +454,7 @@ bool SQLite_Catalog::mark_restored(std::string const& resource_uuid, time_t when
 }
 
 bool SQLite_Catalog::abort_open_sets(std::string const& host_uuid, time_t before,
-                                     std::vector<Dropped_Set>& dropped) {
+                                     std::vector<Dropped_Set>& dropped, std::string const& uuid) {
     std::vector<Dropped_Set> sets;
     bool const done = database_.change(
         "drop the sets that nobody writes any more",
@@ -462,9 +462,11 @@ bool SQLite_Catalog::abort_open_sets(std::string const& host_uuid, time_t before
             sets.clear();
             SQLite::Statement open(database, "SELECT id FROM backup_set"
                                              " WHERE open = 1 AND row ->> '$.host_uuid' = ?"
-                                             " AND backup_start_time < ? ORDER BY id");
+                                             " AND backup_start_time < ?"
+                                             " AND (?3 = '' OR uuid = ?3) ORDER BY id");
             open.bind(1, host_uuid);
             open.bind(2, static_cast<int64_t>(before));
+            open.bind(3, uuid);
             Set_Parts_Reader parts(database);
             std::vector<int64_t> ids;
             while (open.executeStep()) {

@@ -102,9 +102,11 @@ public:
      * nobody writes one any more.
      * @param before   only those that began before that time
      * @param dropped  gets what is left of them
+     * @param uuid     only the set of this id; "" for all
      */
     [[nodiscard]] bool abort_open_sets(std::string const& host_uuid, time_t before,
-                                       std::vector<Dropped_Set>& dropped);
+                                       std::vector<Dropped_Set>& dropped,
+                                       std::string const& uuid = "");
     /**
      * Drops a complete set. One that others build on, by their key or as later ones of its
      * incarnation, is IN_USE unless those are to go as well.

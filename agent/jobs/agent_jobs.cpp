@@ -202,6 +202,8 @@ void Agent_Jobs::finished(Job const& job) {
     std::string const run_id = job.run_id();
     if (keys_.end)
         keys_.end(run_id);
+    if (on_failed_ && !is_success(job.state()))
+        on_failed_(run_id);
     bool const skipped = job.state() == JOB_STATE_SKIPPED;
     std::string const fault =
         skipped && skip_judge_ ? skip_judge_(instance_of(run_id)) : std::string();

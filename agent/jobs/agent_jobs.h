@@ -108,6 +108,13 @@ public:
     };
     /** To be called before anything runs. Without it every run has what it asks for. */
     void holds(Hold_Hooks hooks) { holds_ = std::move(hooks); }
+    /**
+     * Called when a run has finished without a success, before on_finished() and after its key has
+     * ended, with the job's lock held: must not wait. To be called before anything runs.
+     */
+    void on_failed(std::function<void(std::string const& run_id)> action) {
+        on_failed_ = std::move(action);
+    }
     /** Calls it whenever a run has finished, on its thread, with the job's lock held: for ever. */
     void on_finished(std::function<void()> action);
 
@@ -152,6 +159,7 @@ private:
     std::mutex mutex_; // the database is never asked under it
     std::condition_variable finished_;
     std::map<std::string, Live> live_;
+    std::function<void(std::string const& run_id)> on_failed_;
     std::vector<std::function<void()>> on_finished_;
 };
 

@@ -94,6 +94,11 @@ bool Agent_Group::publish_certificate(std::string& error) const {
     return false;
 }
 
+void Agent_Group::drop_set_of(std::string const& run_id) {
+    if (duties_)
+        duties_->drop_set_of(run_id);
+}
+
 void Agent_Group::stop() {
     if (duties_)
         duties_->stop();

@@ -233,6 +233,7 @@ void Agent_Service::make_jobs() {
     runs_ = std::make_shared<Agent_Jobs>(
         *database_, Agent_Jobs::Settings{.log_directory = directory_->file("logs"),
                                          .keep_runs = static_cast<size_t>(config_.kept_runs)});
+    runs_->on_failed([this](std::string const& run_id) { drop_set_of(run_id); });
     runs_->on_finished([this] { clear_up(); });
     runs_->keys({[this](Job const& job, std::string const& instance) {
                      return run_access_->begin(job, instance);
@@ -291,16 +292,30 @@ bool Agent_Service::find_pool(std::string const& pool, Pool_Info& info, std::str
     return static_cast<bool>(found);
 }
 
-bool Agent_Service::drop_open_sets(std::string const& host_uuid, time_t before) {
+bool Agent_Service::drop_open_sets(std::string const& host_uuid, time_t before,
+                                   std::string const& uuid) {
     std::vector<Dropped_Set> dropped;
-    if (!catalog_->abort_open_sets(host_uuid, before, dropped))
+    if (!catalog_->abort_open_sets(host_uuid, before, dropped, uuid))
         return false;
     for (Dropped_Set const& set : dropped) {
-        QMRT_LOG(LM_WARNING, "Dropped the backup set %s, whose run did not end\n",
-                 set.uuid.c_str());
+        if (uuid.empty())
+            QMRT_LOG(LM_WARNING, "Dropped the backup set %s, whose run did not end\n",
+                     set.uuid.c_str());
+        else
+            QMRT_LOG(LM_INFO, "Dropped the backup set %s, whose run did not succeed\n",
+                     set.uuid.c_str());
         remove_files(set);
     }
     return true;
+}
+
+/** The set of a run has its id. Not all jobs drop theirs when they fail. */
+void Agent_Service::drop_set_of(std::string const& run_id) {
+    if (is_member())
+        group_->drop_set_of(run_id);
+    else
+        (void)drop_open_sets(identity_.host_uuid, std::numeric_limits<time_t>::max(),
+                             run_id); // a later start of the agent drops it, too
 }
 
 void Agent_Service::remove_files(Dropped_Set const& set) {
@@ -380,16 +395,17 @@ void Agent_Service::add_catalog_methods() {
     add_group_methods(methods_, *group_instances_, *catalog_, identity_);
     methods_.add("catalog.abort_open",
                  [this](Method_Call const& call, json_spirit::Value& result, Method_Fault& fault) {
-                     std::string error, host_uuid;
+                     std::string error, host_uuid, uuid;
                      int64_t before = 0;
                      Member_Reader reader(call.params.get_obj(), "", error);
                      reader.required_text("host_uuid", host_uuid, names::fault_of_id);
                      if (!reader.number("before", 0, INT64_MAX, before))
                          reader.blame("before", "is missing");
+                     reader.text("uuid", uuid, names::fault_of_id);
                      if (!reader.finish())
                          return invalid_params(error, fault);
                      result = json_spirit::Object();
-                     return drop_open_sets(host_uuid, before);
+                     return drop_open_sets(host_uuid, before, uuid);
                  });
     add_instance_hosts_route(routes_, [this](std::string const& instance_uuid) {
         return group_instances_->hosts_of(instance_uuid);

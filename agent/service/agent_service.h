@@ -68,7 +68,10 @@ private:
     void make_jobs();
     [[nodiscard]] bool recover(std::string& error);
     /** Drops the sets that a host began before that time, and their files. */
-    [[nodiscard]] bool drop_open_sets(std::string const& host_uuid, time_t before);
+    /** @param uuid  only that set; "" for all of the host */
+    [[nodiscard]] bool drop_open_sets(std::string const& host_uuid, time_t before,
+                                      std::string const& uuid = "");
+    void drop_set_of(std::string const& run_id);
     [[nodiscard]] bool find_pool(std::string const& pool, Pool_Info& info,
                                  std::string& error) const;
     [[nodiscard]] bool is_member() const { return config_.role == "member"; }

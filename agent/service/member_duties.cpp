@@ -5,6 +5,8 @@
 #include "json_spirit/value.h"
 #include "qmrt/log.h"
 
+#include <limits>
+
 namespace {
 
 /** How soon a stop is noticed. */
@@ -39,8 +41,8 @@ void Member_Duties::run() {
             continue;
         dropped_ = dropped_ || drop_open_sets();
         announce_instances();
-        while (!ended_ && !link_.await(false, LOOK)) {
-        }
+        while (!ended_ && !link_.await(false, LOOK))
+            drop_failed();
     }
 }
 
@@ -53,6 +55,32 @@ bool Member_Duties::drop_open_sets() {
     QMRT_LOG(LM_WARNING, "The backup server did not drop the sets that this host left open: %s\n",
              reply.message.c_str());
     return false;
+}
+
+void Member_Duties::drop_set_of(std::string const& run_id) {
+    std::lock_guard const guard(mutex_);
+    failed_.insert(run_id);
+}
+
+void Member_Duties::drop_failed() {
+    std::set<std::string> failed;
+    {
+        std::lock_guard const guard(mutex_);
+        failed.swap(failed_);
+    }
+    for (std::string const& run_id : failed) {
+        JSON_RPC_Reply reply;
+        if (link_.call("catalog.abort_open",
+                       json_spirit::Object{{"host_uuid", host_uuid_},
+                                           {"before", std::numeric_limits<time_t>::max()},
+                                           {"uuid", run_id}},
+                       {}, reply))
+            continue;
+        QMRT_LOG(LM_WARNING, "The backup server did not drop the set that run %s left open: %s\n",
+                 run_id.c_str(), reply.message.c_str());
+        drop_set_of(run_id);
+        return; // once more when there is an answer
+    }
 }
 
 void Member_Duties::announce_instances() {

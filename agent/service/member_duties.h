@@ -6,6 +6,8 @@
 #include <atomic>
 #include <ctime>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
 
 class Group_Link;
@@ -14,7 +16,8 @@ class SQLite_Instances;
 /**
  * What a member of a group does whenever its connection to the backup server comes to be: the first
  * time it has the sets dropped that a killed predecessor left open, and each time it tells which
- * instances it has, since the server may not have heard of all.
+ * instances it has, since the server may not have heard of all. In between it has the sets dropped
+ * that its own runs leave open.
  */
 class Member_Duties {
 public:
@@ -28,9 +31,13 @@ public:
     void start();
     void stop();
 
+    /** Has the set of a run that failed dropped soon. Waits for nothing; any thread. */
+    void drop_set_of(std::string const& run_id);
+
 private:
     void run();
     [[nodiscard]] bool drop_open_sets();
+    void drop_failed();
     void announce_instances();
 
     Group_Link& link_;
@@ -38,6 +45,8 @@ private:
     std::string const host_uuid_;
     time_t const started_;
     bool dropped_ = false;
+    std::mutex mutex_;
+    std::set<std::string> failed_; ///< runs; guarded by mutex_
     std::atomic<bool> ended_ = false;
     Thread_Helper thread_;
 };

@@ -243,6 +243,22 @@ TEST_F(Agent_Life_Test, a_failed_run_tells_its_alert_and_leaves_nothing) {
     EXPECT_TRUE(list(agent_.ask("backup.list"), "backups").empty());
 }
 
+TEST_F(Agent_Life_Test, a_set_that_a_failed_run_leaves_open_is_dropped_with_its_end) {
+    make_pool();
+    std::string const good = start_job(backup_definition("good", 1, 1000, 0));
+    EXPECT_EQ("completed", text(wait_for_end(good), "state"));
+    Object definition = backup_definition("bad", 3, 1000, 0);
+    for (char const* const wish : {"fail", "leave_open"})
+        definition["source"].get_obj()[wish] = true;
+    Object const row = wait_for_end(start_job(definition));
+    EXPECT_EQ("error", text(row, "state"));
+    while (pool_files().size() > 1) // the run's end is shown before its thread has left
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_FALSE(agent_.call("backup.show", {{"backup", text(row, "run_id")}}));
+    EXPECT_EQ(pieces(), pool_files());
+    expect_restorable(good);
+}
+
 TEST_F(Agent_Life_Test, a_stop_cancels_what_runs_and_aborts_its_set) {
     make_pool();
     std::string const run = start_job(backup_definition("long", 100000, 1000, 5));

@@ -156,6 +156,8 @@ protected:
         }
         if (put_objects(set) && finish(set))
             return true;
+        if (src_->values.count("leave_open")) // for the agent
+            return false;
         Array pieces;
         Catalog_Operator(-1, -1).abort(set.uuid, pieces);
         Client_IO_Ex io;

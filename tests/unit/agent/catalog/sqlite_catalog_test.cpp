@@ -293,6 +293,26 @@ TEST_F(SQLite_Catalog_Test, sets_that_were_open_when_the_agent_died_are_dropped_
     EXPECT_TRUE(database_->check().empty());
 }
 
+TEST_F(SQLite_Catalog_Test, one_open_set_of_a_host_is_dropped) {
+    for (char const* const uuid : {"one", "two"}) {
+        Contract_Set set(uuid);
+        set.host_uuid = "this host";
+        ASSERT_TRUE(catalog_.initialize(LIMITS, set));
+    }
+    commit("complete", {{"host_uuid", "this host"}});
+    time_t const any = std::numeric_limits<time_t>::max();
+    std::vector<Dropped_Set> dropped;
+    ASSERT_TRUE(catalog_.abort_open_sets("another host", any, dropped, "one"));
+    ASSERT_TRUE(catalog_.abort_open_sets("this host", any, dropped, "complete"));
+    EXPECT_TRUE(dropped.empty());
+    ASSERT_TRUE(catalog_.abort_open_sets("this host", any, dropped, "one"));
+    ASSERT_EQ(1u, dropped.size());
+    EXPECT_EQ("one", dropped[0].uuid);
+    EXPECT_TRUE(row("one").empty());
+    EXPECT_FALSE(row("two").empty());
+    EXPECT_EQ("complete", uuids({}));
+}
+
 TEST_F(SQLite_Catalog_Test, who_clears_up_is_told_what_an_aborted_set_had) {
     std::vector<Dropped_Set> told;
     catalog_.on_abort([&](Dropped_Set const& set) { told.push_back(set); });

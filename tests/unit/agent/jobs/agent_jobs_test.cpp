@@ -515,6 +515,21 @@ TEST_F(Agent_Jobs_Test, tells_when_a_run_has_finished) {
     EXPECT_FALSE(jobs_->wait_for_finished([] { return false; }, 0));
 }
 
+TEST_F(Agent_Jobs_Test, tells_of_runs_that_did_not_succeed) {
+    std::vector<std::string> failed;
+    jobs_->on_failed([&](std::string const& run_id) { failed.push_back(run_id); });
+    run(succeed);
+    std::string const run_id = run([](Job&, Job_Event_Handler& events) {
+        events.handle_start_job();
+        events.handle_failure(-1, "it broke");
+    });
+    std::string const canceled = run([](Job&, Job_Event_Handler& events) {
+        events.handle_start_job();
+        events.handle_canceled();
+    });
+    EXPECT_EQ((std::vector<std::string>{run_id, canceled}), failed);
+}
+
 TEST_F(Agent_Jobs_Test, a_run_as_JSON_has_every_member) {
     Job_Run run;
     run.run_id = "r";
