@@ -105,6 +105,7 @@ METHODS = {
     "job.resume": ({"job": "none"}, ["job"]),
     "backup.list": ({"instance": "n", "resource_uuid": ID, "pool": "none", "type": "t"},
                     ["*instance", "resource_uuid", "pool", "type"]),
+    "backup.point": ({"instance": "n", "time": 1}, ["*instance"]),
     "backup.show": ({"backup": "none"}, ["backup"]),
     "backup.remove": ({"backup": "none"}, ["backup"]),
     "catalog.initialize": ({"kind": "gaussdb", "set": SET},

@@ -3,6 +3,7 @@
 #include "agent/cli/name_check.h"
 #include "agent/cli/terminal.h"
 #include "agent/cli/unix_connection.h"
+#include "qmrt/posix_time.h"
 
 #include <iostream>
 #include <sstream>
@@ -338,9 +339,10 @@ void Command_Line::check_backup() const {
 
 void Command_Line::add_restore_command() {
     CLI::App* const added =
-        command(app_, "restore", "Restore a backup",
+        command(app_, "restore", "Restore a backup, or an instance to a time",
                 "  zenbrak3 restore 6f9619ff --dry-run    what it would overwrite\n"
                 "  zenbrak3 restore 6f9619ff\n"
+                "  zenbrak3 restore prod --to '2026-11-22 10:15:00'\n"
                 "  zenbrak3 restore 6f9619ff --instance rehearsal --yes\n"
                 "  zenbrak3 restore 6f9619ff --as dws2 --config /home/omm/dws2.xml\n"
                 "  zenbrak3 restore 6f9619ff --table public.orders=public.orders_before\n",
@@ -348,8 +350,28 @@ void Command_Line::add_restore_command() {
                     return restore(context, backup_, instance_, wishes_, wait_, consent_);
                 });
     add_consent(*added);
-    added->add_option("BACKUP", backup_, "Its uuid, or a beginning that no other has")
-        ->check(name_check(names::fault_of_id))
+    added
+        ->add_option_function<std::string>(
+            "--to",
+            [this](std::string const& text) {
+                if (!iso8601_to_posix_time(text, wishes_.restore_time) || wishes_.restore_time <= 0)
+                    throw CLI::ValidationError("--to", "'" + names::shown(text) +
+                                                           "' is not a time (expected one such as "
+                                                           "'2026-11-22 10:15:00', with a zone "
+                                                           "such as Z or +08:00 unless it is local "
+                                                           "time)");
+            },
+            "Restore the instance that stands for BACKUP to this time (TPOPS)")
+        ->type_name("TIME");
+    added
+        ->add_option("BACKUP", backup_,
+                     "Its uuid, or a beginning that no other has; with --to an instance")
+        ->check(CLI::Validator(
+            [this](std::string const& name) {
+                return name_check(wishes_.restore_time ? names::fault_of_label
+                                                       : names::fault_of_id)(name);
+            },
+            ""))
         ->required();
     added->add_option("--instance,--as", instance_, "Restore to this instance in place of its own")
         ->check(name_check(names::fault_of_label))
@@ -368,7 +390,9 @@ void Command_Line::add_restore_command() {
         ->type_name("[DATABASE.]SCHEMA.TABLE[=SCHEMA.TABLE]")
         ->expected(1)
         ->take_all()
-        ->excludes(config);
+        ->excludes(config)
+        ->excludes(added->get_option("--to"));
+    config->excludes(added->get_option("--to"));
     added->add_option("--channels", wishes_.channels, "Parallel streams")
         ->type_name("N")
         ->check(CLI::Range(1, 10000));

@@ -138,6 +138,9 @@ struct Wait {
 };
 int back_up(Command_Context& context, std::string const& instance, std::string const& pool,
             std::string const& level, Job_Wishes const& wishes, Wait const& wait);
+/**
+ * @param backup  with a time in @a wishes the name of an instance
+ */
 int restore(Command_Context& context, std::string const& backup, std::string const& restore_as,
             Job_Wishes const& wishes, Wait const& wait, Consent const& consent);
 /** Saves a definition and starts it. */

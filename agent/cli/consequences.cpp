@@ -130,6 +130,25 @@ Consequences restore_consequences(Command_Context& context, Object const& set,
     return result;
 }
 
+Consequences restore_to_time_consequences(Command_Context& context, Object const& point,
+                                          std::string const& target) {
+    Object set;
+    Array sets;
+    json_spirit::object_get(point, "backup", set);
+    json_spirit::object_get(point, "sets", sets);
+    std::string const when = time_text(static_cast<time_t>(number_of(point, "time")));
+    Consequences result = restore_consequences(context, set, target, {});
+    result.doing = "restore instance " + object_get_str(set, "instance") + " to " + when;
+    result.lines[0] = {"Time", when};
+    if (std::string const source = object_get_str(set, "instance"); source != target)
+        result.lines[0].second += ", of instance " + printable(source);
+    else
+        result.lines[2].second = "all changes since " + when;
+    for (Object const& used : json_spirit::objects_of(sets))
+        result.lines.emplace_back("Reads", set_text(used));
+    return result;
+}
+
 Consequences backup_consequences(Command_Context& context, Object const& set, bool dependents) {
     std::string const instance = object_get_str(set, "instance");
     Array const backups = backups_of(context, instance);

@@ -18,6 +18,11 @@ Consequences restore_consequences(Command_Context& context, json_spirit::Object 
                                   std::string const& target,
                                   std::vector<std::string> const& tables);
 
+/** Of a restore to a time. @param point  as backup.point has it, with a backup */
+Consequences restore_to_time_consequences(Command_Context& context,
+                                          json_spirit::Object const& point,
+                                          std::string const& target);
+
 /** Of the removal of a backup. @param dependents  those that build on it go, too */
 Consequences backup_consequences(Command_Context& context, json_spirit::Object const& set,
                                  bool dependents);

@@ -7,6 +7,7 @@
 #include "json_spirit/text.h"
 #include "qmrt/names.h"
 #include "qmrt/natoi.h"
+#include "qmrt/posix_time.h"
 
 #include <algorithm>
 #include <map>
@@ -158,6 +159,8 @@ bool read_wishes(Job_Wishes const& wishes, json_spirit::Object& definition, std:
             return false;
     if (!wishes.config.empty())
         options["xml_config_path"] = wishes.config;
+    if (wishes.restore_time != 0)
+        options["restore_time"] = std::string(POSIX_Time_To_ISO8601(wishes.restore_time));
     definition["options"] = options;
     if (!wishes.name.empty())
         definition["name"] = wishes.name;

@@ -3,6 +3,7 @@
 
 #include "json_spirit/value.h"
 
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -21,7 +22,8 @@ struct Job_Wishes {
     std::vector<std::string> schemas; ///< "DATABASE.SCHEMA"; backups only
     /** "[DATABASE.]SCHEMA.TABLE", with "=SCHEMA.TABLE" for another target; restores only. */
     std::vector<std::string> tables;
-    std::string config; ///< the new cluster's, on its node; restores only
+    std::string config;      ///< the new cluster's, on its node; restores only
+    time_t restore_time = 0; ///< to which an instance of TPOPS is restored; restores only
 };
 
 /** A table, schema or database that a set holds, by its path: "sales.public.orders". */

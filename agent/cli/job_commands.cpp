@@ -4,6 +4,7 @@
 #include "agent/cli/definition_file.h"
 #include "agent/cli/interruption.h"
 #include "agent/cli/job_progress.h"
+#include "agent/cli/results.h"
 #include "agent/cli/table.h"
 #include "json_spirit/text.h"
 
@@ -154,6 +155,79 @@ int start(Command_Context& context, Object const& params, std::string const& doi
     return EXIT_OK;
 }
 
+/** "2026-11-22 10:00:00 to 2026-11-22 12:00:00, or ..." */
+std::string windows_text(Array const& windows) {
+    std::string text;
+    for (Object const& window : json_spirit::objects_of(windows))
+        text += (text.empty() ? "" : ", or ") +
+                time_text(static_cast<time_t>(number_of(window, "from"))) + " to " +
+                time_text(static_cast<time_t>(number_of(window, "until")));
+    return text;
+}
+
+/** What a restore to the time that is wished for reads. */
+bool find_point(Command_Context& context, std::string const& instance, time_t when, Object& point,
+                int& status) {
+    std::string const doing = "restore " + instance + " to " + time_text(when);
+    if (!context.ask("backup.point",
+                     Object{{"instance", instance}, {"time", static_cast<int64_t>(when)}}, doing,
+                     point)) {
+        status = context.status();
+        return false;
+    }
+    Object backup;
+    if (json_spirit::object_get(point, "backup", backup))
+        return true;
+    std::string const windows = windows_text(array_of(point, "windows"));
+    status =
+        windows.empty()
+            ? context.fail(EXIT_REFUSED,
+                           "cannot " + doing + ": no full backup of it has a log backup behind it",
+                           "`zenbrak3 backups " + printable(instance) +
+                               "` lists its backups, which can be restored as they are.")
+            : context.fail(EXIT_REFUSED,
+                           "cannot " + doing + ": it can be restored to a time from " + windows);
+    return false;
+}
+
+/**
+ * Tells what a backup of a platform's instance becomes that is not full, before it starts.
+ * @return false, told, when it would fail
+ */
+bool tell_of_base(Command_Context& context, Object const& instance, std::string const& pool,
+                  std::string const& level) {
+    constexpr int64_t TPOPS = 6;
+    if (number_of(instance, "version") != TPOPS || level == "full")
+        return true;
+    std::string const name = object_get_str(instance, "name");
+    Object const query{{"instance", name}, {"pool", pool}, {"usable", true}};
+    json_spirit::Value answer;
+    if (!context.try_to_ask("backup.list", query, answer))
+        return true; // the job looks for itself
+    Array backups;
+    if (answer.type() == json_spirit::obj_type)
+        backups = array_of(answer.get_obj(), "backups");
+    std::string timeline;
+    bool is_known = false; // the platform knows a backup of the timeline
+    for (Object const& backup : json_spirit::objects_of(backups))
+        if (timeline.empty() && object_get_str(backup, "type") == "full")
+            timeline = object_get_str(backup, "timeline");
+    for (Object const& backup : json_spirit::objects_of(backups))
+        is_known |= object_get_str(backup, "timeline") == timeline &&
+                    !object_get_str(backup, "backup_id").empty();
+    if (timeline.empty())
+        context.tell("Pool " + printable(pool) + " has no full backup of " + printable(name) +
+                     " since its last restore: this becomes a full backup.\n");
+    else if (level == "log" && !is_known) {
+        context.fail(EXIT_REFUSED,
+                     "cannot back up the log of " + name +
+                         ": its platform knows no backup that the log could follow",
+                     "Make a full backup first.");
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 int back_up(Command_Context& context, std::string const& instance, std::string const& pool,
@@ -167,16 +241,27 @@ int back_up(Command_Context& context, std::string const& instance, std::string c
     std::string error;
     if (!make_backup_definition(found, pool, level, wishes, definition, error))
         return context.fail(EXIT_USAGE, "cannot " + doing + ": " + error);
+    if (!tell_of_base(context, found, pool, level))
+        return context.status();
     return start(context, {{"run", definition}}, doing, wait);
 }
 
 int restore(Command_Context& context, std::string const& backup, std::string const& restore_as,
             Job_Wishes const& wishes, Wait const& wait, Consent const& consent) {
-    std::string const doing = "restore backup " + backup;
-    Object found;
-    if (!context.ask("backup.show", Object{{"backup", backup}}, doing, found,
-                     "`zenbrak3 backups` lists the backups."))
+    bool const to_time = wishes.restore_time != 0;
+    std::string const doing = to_time
+                                  ? "restore " + backup + " to " + time_text(wishes.restore_time)
+                                  : "restore backup " + backup;
+    int status = EXIT_OK;
+    Object found, point;
+    if (to_time) {
+        if (!find_point(context, backup, wishes.restore_time, point, status))
+            return status;
+        json_spirit::object_get(point, "backup", found);
+    } else if (!context.ask("backup.show", Object{{"backup", backup}}, doing, found,
+                            "`zenbrak3 backups` lists the backups.")) {
         return context.status();
+    }
     Object target;
     if (!restore_as.empty() &&
         !context.ask("instance.show", Object{{"instance", restore_as}}, doing + " as " + restore_as,
@@ -188,8 +273,9 @@ int restore(Command_Context& context, std::string const& backup, std::string con
                                  error))
         return context.fail(EXIT_USAGE, "cannot " + doing + ": " + error);
     std::string const name = restore_as.empty() ? object_get_str(found, "instance") : restore_as;
-    int status = EXIT_OK;
-    if (!consents(context, consent, restore_consequences(context, found, name, wishes.tables),
+    if (!consents(context, consent,
+                  to_time ? restore_to_time_consequences(context, point, name)
+                          : restore_consequences(context, found, name, wishes.tables),
                   status))
         return status;
     return start(context, {{"run", definition}}, doing, wait);

@@ -175,8 +175,17 @@ int list_backups(Command_Context& context, Backup_Filter const& filter, double i
                        {"KEY", "backup_key"},
                        {"POOL", "pool_uuid", context.id_form()}});
     return context.show(interval, [&](std::string& text) {
-        return list_text(context, "backup.list", params, "list the backups", "backups", table,
-                         "No backups.", text);
+        Object answer;
+        if (!list_text(context, "backup.list", params, "list the backups", "backups", table,
+                       "No backups.", text, &answer))
+            return false;
+        Array const windows = array_of(answer, "windows");
+        if (!windows.empty()) {
+            Table times({{"TO ANY TIME FROM", "from", Form::TIME}, {"UNTIL", "until", Form::TIME}});
+            times.add(windows);
+            text += "\n" + times.text(context.terminal());
+        }
+        return true;
     });
 }
 
@@ -193,6 +202,8 @@ int show_backup(Command_Context& context, std::string const& backup) {
                  {"Continues", "prior_backup_key"},
                  {"Started", "backup_start_time", Form::TIME},
                  {"Ended", "backup_end_time", Form::TIME},
+                 {"Data from", "data_begin", Form::TIME},
+                 {"Data until", "data_end", Form::TIME},
                  {"Database size", "source_size", Form::SIZE},
                  {"Size", "backup_set_size", Form::SIZE},
                  {"Flavour", "series", Form::FLAVOUR},
@@ -201,7 +212,8 @@ int show_backup(Command_Context& context, std::string const& backup) {
                  {"Host", "host"},
                  {"Job", "job_act_id"},
                  {"Depends on", "depends"}},
-                {"storages", "pieces", "tables"});
+                {"storages", "pieces", "tables", "begin_time", "end_time", "platform_begin_time",
+                 "platform_end_time"});
     if (context.json())
         return EXIT_OK;
     Table storages({{"POOL", "pool_uuid"}, {"SIZE", "size", Form::SIZE}, {"COPY", "copy"}});

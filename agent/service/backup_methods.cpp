@@ -2,6 +2,7 @@
 #include "agent/service/method_access.h"
 
 #include "agent/catalog/catalog_calls.h"
+#include "agent/catalog/restore_windows.h"
 #include "agent/catalog/sqlite_catalog.h"
 #include "agent/jobs/agent_jobs.h"
 #include "agent/jobs/member_reader.h"
@@ -50,6 +51,22 @@ void keep_visible(Method_Access const& access, Rpc_Caller const& caller, size_t 
         rows.resize(limit);
 }
 
+/** Adds when the data of a platform's set are of. */
+void add_times(Object& row) {
+    Set_Times const times = times_of_set(row);
+    if (times.end != 0)
+        json_spirit::insert(row)("data_begin", static_cast<int64_t>(times.begin))(
+            "data_end", static_cast<int64_t>(times.end));
+}
+
+Array windows_json(Array const& rows) {
+    Array list;
+    for (Restore_Window const& window : restore_windows(rows))
+        list.emplace_back(Object{{"from", static_cast<int64_t>(window.from)},
+                                 {"until", static_cast<int64_t>(window.until)}});
+    return list;
+}
+
 /** [[DATABASE.]SCHEMA.]TABLE, the innermost name first. */
 Array table_path(std::string const& text) {
     Array path;
@@ -83,6 +100,7 @@ public:
     bool list(Method_Call const& call, Value& result, Method_Fault& fault) {
         std::string error, instance, resource, pool, type, table;
         int64_t limit = USUAL_LIMIT;
+        bool usable = false;
         Member_Reader reader(call.params.get_obj(), "", error);
         reader.text("instance", instance, names::fault_of_label);
         reader.text("resource_uuid", resource, names::fault_of_id);
@@ -90,6 +108,7 @@ public:
         reader.text("type", type, names::fault_of_id);
         reader.text("table", table, fault_of_table);
         reader.number("limit", 0, INT32_MAX, limit);
+        reader.flag("usable", usable);
         if (!reader.finish())
             return invalid_params(error, fault);
         Object query{{"sort", "backup_start_time"},
@@ -97,6 +116,8 @@ public:
                      {"limit", limit},
                      {"with_storages", "1"},
                      {"without_tables", "1"}}; // of a large cluster they are many
+        if (usable)
+            query["check_restored"] = true;
         if (!table.empty())
             query["holds_table"] = table_path(table);
         if (!pool.empty()) {
@@ -115,7 +136,42 @@ public:
         if (!catalog_.get_view(LIMITS, KIND, "catalogs", query, rows))
             return catalog_failed(fault);
         keep_visible(access_, call.caller, static_cast<size_t>(limit), rows.get_array());
+        for (Value& row : rows.get_array())
+            add_times(row.get_obj());
         result = Object{{"backups", std::move(rows)}};
+        if (instance.empty())
+            return true;
+        Array all;
+        if (!sets_of(call.caller, instance, all))
+            return catalog_failed(fault);
+        result.get_obj()["windows"] = windows_json(all);
+        return true;
+    }
+
+    bool point(Method_Call const& call, Value& result, Method_Fault& fault) {
+        std::string error, instance;
+        int64_t time = 0;
+        Member_Reader reader(call.params.get_obj(), "", error);
+        reader.required_text("instance", instance, names::fault_of_label);
+        if (!reader.number("time", 0, INT64_MAX, time))
+            reader.blame("time", "is missing");
+        if (!reader.finish())
+            return invalid_params(error, fault);
+        Array rows;
+        if (!sets_of(call.caller, instance, rows))
+            return catalog_failed(fault);
+        Restore_Point found;
+        Object answer{{"time", time}, {"windows", windows_json(rows)}};
+        Array sets;
+        if (find_restore_point(rows, time, found)) {
+            for (Object& set : found.sets) {
+                add_times(set);
+                sets.emplace_back(std::move(set));
+            }
+            answer["backup"] = std::move(found.set);
+        }
+        answer["sets"] = std::move(sets);
+        result = std::move(answer);
         return true;
     }
 
@@ -129,6 +185,7 @@ public:
             return not_found("backup " + beginning, fault);
         if (!add_depends(row))
             return catalog_failed(fault);
+        add_times(row);
         result = std::move(row);
         return true;
     }
@@ -175,6 +232,18 @@ public:
     }
 
 private:
+    /** All sets of an instance that the caller may see. */
+    bool sets_of(Rpc_Caller const& caller, std::string const& instance, Array& rows) {
+        Value found;
+        if (!catalog_.get_view(
+                LIMITS, KIND, "catalogs",
+                {{"instance", instance}, {"with_storages", "1"}, {"without_tables", "1"}}, found))
+            return false;
+        rows = std::move(found.get_array());
+        keep_visible(access_, caller, rows.size(), rows);
+        return true;
+    }
+
     /** The set whose uuid begins with a text, with all that is known of it. */
     bool find(std::string const& beginning, Object& row, Method_Fault& fault) {
         std::vector<std::string> uuids;
@@ -301,6 +370,7 @@ void add_backup_methods(Method_Table& methods, SQLite_Catalog& catalog, SQLite_P
     auto const backups = std::make_shared<Backup_Methods>(catalog, pools, files, runs, access);
     add_member_methods<Backup_Methods>(methods, backups,
                                        {{"backup.list", &Backup_Methods::list},
+                                        {"backup.point", &Backup_Methods::point},
                                         {"backup.show", &Backup_Methods::show},
                                         {"backup.remove", &Backup_Methods::remove}});
     for (char const* operation :

@@ -23,7 +23,7 @@ bool ask_server(Method_Call const& call, json_spirit::Value& result, Method_Faul
 void forward_catalog_methods(Method_Table& methods) {
     for (char const* const name :
          {"pool.list", "pool.create", "pool.update", "pool.remove", "pool.find", "backup.list",
-          "backup.show", "backup.remove", "catalog.initialize", "catalog.complete",
+          "backup.point", "backup.show", "backup.remove", "catalog.initialize", "catalog.complete",
           "catalog.commit", "catalog.abort", "catalog.add_piece", "catalog.get_view",
           "catalog.abort_open"})
         methods.add(name, ask_server);

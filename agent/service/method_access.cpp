@@ -84,7 +84,8 @@ struct Method_Access::Table {
             {"account.save", {PEOPLE}},
             {"agent.check", {PEOPLE}},
             {"agent.info", {PEOPLE}},
-            {"backup.list", {OR_MEMBER, &A::any}}, // gets what lies in its pools
+            {"backup.list", {OR_MEMBER, &A::any}},  // gets what lies in its pools
+            {"backup.point", {OR_MEMBER, &A::any}}, // the same
             {"backup.remove", {PEOPLE}},
             {"backup.show", {OR_MEMBER, &A::any}}, // the same
             {"backup_set.gaussdb_restore_branch", {OR_MEMBER, &A::of_own_resource}},

@@ -144,6 +144,7 @@ TEST_F(Method_Access_Test, what_has_no_row_is_for_nobody) {
 
 TEST_F(Method_Access_Test, only_these_are_for_the_network_beside_the_administrator) {
     std::set<std::string> const of_members = {"backup.list",
+                                              "backup.point",
                                               "backup.show",
                                               "backup_set.gaussdb_restore_branch",
                                               "backupd.instance.notify",
