@@ -98,6 +98,7 @@ METHODS = {
     "job.list": ({"definition": "n", "instance": "n", "state": "s"},
                  ["*definition", "*instance", "*state"]),
     "job.show": ({"job": "none"}, ["job"]),
+    "job.watch": ({"job": "none"}, ["job"]),
     "job.log": ({"job": "none"}, ["job"]),
     "job.cancel": ({"job": "none"}, ["job"]),
     "job.stop": ({"job": "none"}, ["job"]),

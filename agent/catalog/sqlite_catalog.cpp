@@ -140,6 +140,16 @@ uint64_t stored_size(Array const& pieces) {
     return total;
 }
 
+uint64_t content_size(Array const& pieces) {
+    uint64_t total = 0;
+    for (Object const& piece : json_spirit::objects_of(pieces)) {
+        uint64_t size = 0;
+        json_spirit::object_get(piece, "size", size);
+        total += size;
+    }
+    return total;
+}
+
 /** The row of a set, with what the form asks for. */
 Object read_row(SQLite::Statement& statement) {
     Value row;
@@ -267,7 +277,7 @@ bool SQLite_Catalog::add_piece(Catalog_Limits const& limits, std::string const& 
                                Array const& pieces) {
     if (!Kept_Set::are_pieces(pieces))
         return refuse("add pieces to", uuid, "one has no path");
-    return database_.change(
+    bool const done = database_.change(
         "add pieces to a backup set",
         [&](SQLite::Database& database) {
             Found_Set const found = find_set(database, uuid);
@@ -278,6 +288,9 @@ bool SQLite_Catalog::add_piece(Catalog_Limits const& limits, std::string const& 
             return true;
         },
         patience(limits));
+    if (done && on_pieces_)
+        on_pieces_(uuid, content_size(pieces));
+    return done;
 }
 
 bool SQLite_Catalog::form_of(std::string const& view, Object const& query, Row_Form& form) {

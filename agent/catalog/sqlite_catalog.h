@@ -91,6 +91,12 @@ public:
      * call, on its thread. To be set before the catalog is used.
      */
     void on_abort(std::function<void(Dropped_Set const&)> action) { on_abort_ = std::move(action); }
+    /**
+     * Is told of pieces that a set has got, with the bytes of their content. As on_abort().
+     */
+    void on_pieces(std::function<void(std::string const& uuid, uint64_t size)> action) {
+        on_pieces_ = std::move(action);
+    }
 
     /**
      * Notes that a resource was restored at that time: "check_restored" leaves out its sets that
@@ -170,6 +176,7 @@ private:
     Agent_Database& database_;
     Storage_Clock& clock_;
     std::function<void(Dropped_Set const&)> on_abort_;
+    std::function<void(std::string const& uuid, uint64_t size)> on_pieces_;
 };
 
 #endif

@@ -81,11 +81,28 @@ void Command_Line::add_watch(CLI::App& command) {
 
 void Command_Line::add_wait(CLI::App& command) {
     command.add_flag("--no-wait", no_wait_, "Start the job and do not wait for its end");
+    add_progress(command);
+}
+
+void Command_Line::add_progress(CLI::App& command) {
     command
         .add_option("--interval", wait_.interval,
-                    "Seconds between two looks at a job that takes its time")
+                    "Seconds between two sights of the job's progress; a change of its state shows "
+                    "at once")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.01, 86400.0));
+    static std::map<std::string, Progress_Form> const forms{{"auto", Progress_Form::AUTO},
+                                                            {"bar", Progress_Form::BAR},
+                                                            {"lines", Progress_Form::LINES},
+                                                            {"json", Progress_Form::JSON},
+                                                            {"none", Progress_Form::NONE}};
+    command
+        .add_option(
+            "--progress", wait_.progress,
+            "How the progress is shown: auto (a bar on a terminal, elsewhere lines), bar, "
+            "lines, json (one line of JSON for each change, the last one for the end), none")
+        ->type_name("FORM")
+        ->transform(CLI::CheckedTransformer(forms).description(""));
 }
 
 void Command_Line::add_uid(CLI::App& command) {
@@ -429,13 +446,13 @@ void Command_Line::add_job_commands() {
                     return show_job_log(context, job_, follow_, wait_.interval);
                 });
     log->add_flag("-f,--follow", follow_, "Go on until the run is over");
-    CLI::App* const wait = command(
-        *jobs, "wait", "Wait for the end of a run", "  zenbrak3 job wait 0f3a91c2\n",
-        [this](Command_Context& context) { return wait_for_job(context, job_, wait_.interval); });
-    for (CLI::App* const one : {log, wait})
-        one->add_option("--interval", wait_.interval, "Seconds between two looks at the job")
-            ->type_name("SECONDS")
-            ->check(CLI::Range(0.01, 86400.0));
+    CLI::App* const wait =
+        command(*jobs, "wait", "Wait for the end of a run", "  zenbrak3 job wait 0f3a91c2\n",
+                [this](Command_Context& context) { return wait_for_job(context, job_, wait_); });
+    log->add_option("--interval", wait_.interval, "Seconds between two looks at the log")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.01, 86400.0));
+    add_progress(*wait);
     CLI::App* const cancel = command(
         *jobs, "cancel", "Cancel a run; one that waits ends at once",
         "  zenbrak3 job cancel 0f3a91c2\n"

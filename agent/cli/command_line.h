@@ -44,6 +44,7 @@ private:
     void add_common_options(CLI::App& command);
     void add_watch(CLI::App& command);
     void add_wait(CLI::App& command);
+    void add_progress(CLI::App& command);
     void add_uid(CLI::App& command);
     void add_option_values(CLI::App& command);
     void add_consent(CLI::App& command);

@@ -4,6 +4,7 @@
 #include "agent/cli/command_context.h"
 #include "agent/cli/consent.h"
 #include "agent/cli/definition.h"
+#include "agent/cli/job_progress.h"
 
 #include <optional>
 #include <string>
@@ -134,7 +135,8 @@ int remove_definition(Command_Context& context, std::string const& definition);
 /** How a run that was started, or that is looked at, is waited for. */
 struct Wait {
     bool wait = true;
-    double interval = 1; ///< seconds between two looks
+    double interval = 1; ///< seconds between two sights of the numbers
+    Progress_Form progress = Progress_Form::AUTO;
 };
 int back_up(Command_Context& context, std::string const& instance, std::string const& pool,
             std::string const& level, Job_Wishes const& wishes, Wait const& wait);
@@ -162,7 +164,7 @@ int cancel_job(Command_Context& context, std::string const& job, bool now);
 /** @param action  "stop", "pause" or "resume" */
 int change_job(Command_Context& context, std::string const& job, std::string const& action);
 /** Waits for a run that is on already. */
-int wait_for_job(Command_Context& context, std::string const& job, double interval);
+int wait_for_job(Command_Context& context, std::string const& job, Wait const& wait);
 
 /**
  * Prints the names of "instances", "pools", "jobs", "backups" or "definitions", one a line, for the

@@ -14,11 +14,13 @@
 using json_spirit::Array;
 using json_spirit::Object;
 using json_spirit::object_get_str;
+using json_spirit::Value;
 
 namespace {
 
 constexpr char LIST_JOBS[] = "`zenbrak3 jobs` lists the jobs.";
 constexpr std::chrono::milliseconds FIRST_LOOK{50};
+constexpr int64_t LONGEST_PAUSE_MS = 30000; ///< the agent's own limit
 /** How long a cancelled run is looked at: one that waits ends at once. */
 constexpr std::chrono::milliseconds SOON{1000};
 /** The same for one whose programs are ended. */
@@ -32,15 +34,20 @@ std::vector<Column> const& run_fields() {
                                             {"Instance", "instance"},
                                             {"State", "state"},
                                             {"Waits for", "waiting_for"},
+                                            {"Phase", "phase"},
                                             {"Code", "code"},
                                             {"Message", "message"},
                                             {"Done", "percent", Form::PERCENT},
                                             {"Processed", "processed_size", Form::SIZE},
                                             {"Total", "total_size", Form::SIZE},
+                                            {"Expected", "expected_size", Form::SIZE},
                                             {"Speed", "speed", Form::SPEED},
+                                            {"Average speed", "average_speed", Form::SPEED},
                                             {"Backup size", "set_size", Form::SIZE},
                                             {"Started", "start_time", Form::TIME},
                                             {"Ended", "end_time", Form::TIME},
+                                            {"Elapsed", "elapsed", Form::DURATION},
+                                            {"Left", "remaining", Form::DURATION},
                                             {"Alerts", "alerts"},
                                             {"Definition id", "definition"}};
     return fields;
@@ -75,9 +82,31 @@ Exit_Code exit_code_of(Object const& run) {
     }
 }
 
+/** A run without the members that say nothing of it yet, or no longer. */
+Object known_of(Object run) {
+    for (char const* const key :
+         {"waiting_for", "phase", "message", "processed_size", "total_size", "expected_size",
+          "speed", "average_speed", "set_size", "end_time", "remaining"}) {
+        auto const member = run.find(key);
+        if (member == run.end())
+            continue;
+        Value const& value = member->second;
+        if (value == Value("") || value == Value(0) || value.is_null())
+            run.erase(member);
+    }
+    if (is_over(run) || !object_get_str(run, "waiting_for").empty())
+        run.erase("speed");
+    return run;
+}
+
 /** Says how a run that is over ended, and of one that did not complete, where to look. */
-int tell_outcome(Command_Context& context, std::string const& id, Object const& run) {
+int tell_outcome(Command_Context& context, std::string const& id, Object const& run,
+                 Progress_Form form) {
     Exit_Code const code = exit_code_of(run);
+    if (form == Progress_Form::JSON) { // its last line
+        context.print(printable_json(json_spirit::to_text(run)) + "\n");
+        return code;
+    }
     if (context.json()) {
         context.print_json(run);
         return code;
@@ -108,30 +137,37 @@ int tell_that_it_goes_on(std::string const& id) {
     return EXIT_INTERRUPTED;
 }
 
-/** Follows a run to its end. */
-int follow(Command_Context& context, std::string const& id, double interval) {
+/** Follows a run to its end. The agent answers when there is something new to be seen. */
+int follow(Command_Context& context, std::string const& id, Wait const& wait) {
     Interruption::install();
-    auto const longest = std::chrono::milliseconds(static_cast<int64_t>(interval * 1000));
-    auto pause = std::min(FIRST_LOOK, longest); // a small job is over soon
-    Progress_Printer printer(context.terminal());
-    for (;;) {
+    auto const pause = std::chrono::milliseconds(
+        std::min<int64_t>(static_cast<int64_t>(wait.interval * 1000), LONGEST_PAUSE_MS));
+    bool const shows = !context.json() || wait.progress == Progress_Form::JSON;
+    Progress_Printer printer(context.terminal(), wait.progress);
+    for (int64_t seen = 0;;) {
         Object run;
-        if (!context.ask("job.show", Object{{"job", id}}, "look at job " + id, run, LIST_JOBS)) {
+        auto const asked = std::chrono::steady_clock::now();
+        if (!context.ask("job.watch", Object{{"job", id}, {"seen", seen}, {"pause", pause.count()}},
+                         "look at job " + id, run, LIST_JOBS)) {
             context.print(printer.end());
             return context.status() == EXIT_INTERRUPTED ? tell_that_it_goes_on(id)
                                                         : context.status();
         }
         if (is_over(run)) {
             context.print(printer.end());
-            return tell_outcome(context, id, run);
+            return tell_outcome(context, id, run, wait.progress);
         }
-        if (!context.json())
-            context.print(printer.next(run, std::chrono::steady_clock::now()));
-        if (!Interruption::sleep(pause)) {
+        auto const now = std::chrono::steady_clock::now();
+        if (shows)
+            context.print(printer.next(run, now));
+        int64_t const revision = number_of(run, "revision");
+        // an agent that too many ask answers at once
+        bool const at_once = revision == seen && now - asked < pause;
+        if (Interruption::happened() || (at_once && !Interruption::sleep(pause))) {
             context.print(printer.end());
             return tell_that_it_goes_on(id);
         }
-        pause = std::min(2 * pause, longest);
+        seen = revision;
     }
 }
 
@@ -146,7 +182,7 @@ int start(Command_Context& context, Object const& params, std::string const& doi
     if (wait.wait && !context.json())
         context.print("Started job " + printable(id) + ".\n");
     if (wait.wait)
-        return follow(context, id, wait.interval);
+        return follow(context, id, wait);
     if (context.json())
         context.print_json(started);
     else
@@ -322,6 +358,7 @@ int list_jobs(Command_Context& context, Job_Filter const& filter, double interva
         json_spirit::object_get(result, "jobs", jobs);
         for (Object run : json_spirit::objects_of(jobs)) {
             run["took"] = took(run);
+            run["state"] = state_text(run);
             table.add(run);
         }
         text = table.empty() && context.terminal().interactive ? "No jobs.\n"
@@ -338,7 +375,7 @@ int show_job(Command_Context& context, std::string const& job) {
         context.print_json(run);
         return EXIT_OK;
     }
-    context.print(fields_text(run, run_fields(), {"alert_list"}));
+    context.print(fields_text(known_of(run), run_fields(), {"alert_list", "revision"}));
     std::string const alerts = alerts_text(run, context.terminal());
     if (!alerts.empty())
         context.print("\n" + alerts);
@@ -415,6 +452,6 @@ int change_job(Command_Context& context, std::string const& job, std::string con
     return EXIT_OK;
 }
 
-int wait_for_job(Command_Context& context, std::string const& job, double interval) {
-    return follow(context, job, interval);
+int wait_for_job(Command_Context& context, std::string const& job, Wait const& wait) {
+    return follow(context, job, wait);
 }

@@ -2,13 +2,15 @@
 
 #include "agent/cli/text_form.h"
 #include "json_spirit/access.h"
+#include "json_spirit/text.h"
 
 #include <algorithm>
 
 namespace {
 
-constexpr auto LEAST_PAUSE = std::chrono::seconds(5);
+constexpr auto LEAST_PAUSE = std::chrono::seconds(60);
 constexpr size_t BAR_WIDTH = 20;
+constexpr char WAITING[] = "waiting";
 constexpr char DRAW_AGAIN[] = "\r\x1b[K";
 
 /** Percent, by the sizes when the run does not say; -1 when nobody knows. */
@@ -24,9 +26,23 @@ int64_t percent_of(json_spirit::Object const& run) {
                : -1;
 }
 
-std::string size_progress(int64_t processed, int64_t total) {
-    std::string const done = size_text(static_cast<uint64_t>(processed));
-    return total > 0 ? done + " of " + size_text(static_cast<uint64_t>(total)) : done;
+/** "1.2 GiB of 3.0 GiB"; "" while nothing has passed. */
+std::string size_progress(json_spirit::Object const& run) {
+    auto const text = [](int64_t size) { return size_text(static_cast<uint64_t>(size)); };
+    int64_t const total = number_of(run, "total_size");
+    int64_t const expected = number_of(run, "expected_size");
+    int64_t const processed = number_of(run, "processed_size");
+    if (processed > 0 && total > 0)
+        return text(processed) + " of " + text(total);
+    if (processed > 0)
+        return text(processed) + (expected > processed ? " of about " + text(expected) : "");
+    int64_t const percent = percent_of(run);
+    return percent > 0 && expected > 0
+               ? "about " +
+                     text(static_cast<int64_t>(static_cast<double>(expected) / 100 *
+                                               static_cast<double>(percent))) +
+                     " of " + text(expected)
+               : "";
 }
 
 } // namespace
@@ -62,23 +78,26 @@ std::string run_title(json_spirit::Object const& run) {
 }
 
 std::string progress_text(json_spirit::Object const& run) {
-    std::string text = printable(json_spirit::object_get_str(run, "state"));
+    std::string text = state_text(run);
     std::string const waits_for = json_spirit::object_get_str(run, "waiting_for");
     if (!waits_for.empty())
-        return text + ", waits for " + printable(waits_for);
-    int64_t const percent = percent_of(run);
-    int64_t const total = number_of(run, "total_size");
-    int64_t const processed = number_of(run, "processed_size");
-    int64_t const speed = number_of(run, "speed");
-    if (percent >= 0)
+        return text + (text == WAITING ? " for " : ", waits for ") + printable(waits_for);
+    if (int64_t const percent = percent_of(run); percent >= 0)
         text += ", " + std::to_string(percent) + "%";
-    if (processed > 0)
-        text += ", " + size_progress(processed, total);
-    if (speed > 0)
+    if (std::string const size = size_progress(run); !size.empty())
+        text += ", " + size;
+    if (int64_t const speed = number_of(run, "speed"); speed > 0)
         text += ", " + size_text(static_cast<uint64_t>(speed)) + "/s";
-    if (speed > 0 && total > processed && processed >= 0)
-        text += ", " + duration_text((total - processed) / speed) + " left";
-    return text;
+    if (int64_t const remaining = number_of(run, "remaining", -1); remaining >= 0)
+        text += ", " + duration_text(remaining) + " left";
+    std::string const phase = json_spirit::object_get_str(run, "phase");
+    return phase.empty() ? text : text + ", " + printable(phase);
+}
+
+std::string state_text(json_spirit::Object const& run) {
+    bool const waits = state_of(run) != JOB_STATE_CANCELING && !is_over(run) &&
+                       !json_spirit::object_get_str(run, "waiting_for").empty();
+    return waits ? WAITING : printable(json_spirit::object_get_str(run, "state"));
 }
 
 std::string progress_bar(json_spirit::Object const& run, size_t width) {
@@ -88,14 +107,25 @@ std::string progress_bar(json_spirit::Object const& run, size_t width) {
     return fit(bar + progress_text(run), width, "");
 }
 
+Progress_Printer::Progress_Printer(Terminal const& terminal, Progress_Form form)
+    : terminal_(terminal),
+      form_(form != Progress_Form::AUTO ? form
+            : terminal.interactive      ? Progress_Form::BAR
+                                        : Progress_Form::LINES) {}
+
 std::string Progress_Printer::next(json_spirit::Object const& run, Time now) {
-    std::string const state = json_spirit::object_get_str(run, "state");
-    if (terminal_.interactive) {
+    if (form_ == Progress_Form::NONE)
+        return "";
+    if (form_ == Progress_Form::JSON)
+        return printable_json(json_spirit::to_text(run)) + "\n";
+    if (form_ == Progress_Form::BAR) {
         // the last column stays free: writing to it would begin a new line on some terminals
         std::string const bar = progress_bar(run, std::max<size_t>(terminal_.width, 2) - 1);
         drawn_ = true;
         return DRAW_AGAIN + bar;
     }
+    std::string const state = state_text(run) + json_spirit::object_get_str(run, "waiting_for") +
+                              json_spirit::object_get_str(run, "phase");
     std::string const text = run_title(run) + ": " + progress_text(run) + "\n";
     if (text == text_ || (state == state_ && now - printed_ < LEAST_PAUSE))
         return "";

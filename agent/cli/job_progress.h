@@ -17,20 +17,31 @@ Job_State state_of(json_spirit::Object const& run);
 /** "backup of prod", "restore of prod", "job": what a run is, for a sentence. */
 std::string run_title(json_spirit::Object const& run);
 
-/** "running, 42%, 1.2 GiB of 3.0 GiB, 55.0 MiB/s, 0:32 left"; what is not known is left out. */
+/**
+ * "running, 42%, 1.2 GiB of 3.0 GiB, 55.0 MiB/s, 0:32 left, saving metadata" or "waiting for job 7
+ * of prod"; what is unknown is left out. A size that was reckoned from percents is "about".
+ */
 std::string progress_text(json_spirit::Object const& run);
+/** The state in a word: "waiting" for a run that waits, else as it is. */
+std::string state_text(json_spirit::Object const& run);
 /** "[#######-------------] " and progress_text(), within the width. */
 std::string progress_bar(json_spirit::Object const& run, size_t width);
 
-/**
- * Chooses what to print as a run goes on: for a terminal one line that is drawn again, elsewhere a
- * line for each change, but while nothing but the numbers changes at most one in five seconds.
- */
+/** How the progress of a run is shown. */
+enum class Progress_Form {
+    AUTO,  ///< a bar on a terminal, lines elsewhere
+    BAR,   ///< one line that is drawn again
+    LINES, ///< a line for each change, and one a minute while only numbers change
+    JSON,  ///< the run as one line of JSON for each change
+    NONE
+};
+
+/** Chooses what to print as a run goes on. */
 class Progress_Printer {
 public:
     using Time = std::chrono::steady_clock::time_point;
 
-    explicit Progress_Printer(Terminal const& terminal) : terminal_(terminal) {}
+    explicit Progress_Printer(Terminal const& terminal, Progress_Form form = Progress_Form::AUTO);
 
     /** What to print for the run as it is now; "" for nothing. */
     std::string next(json_spirit::Object const& run, Time now);
@@ -39,7 +50,8 @@ public:
 
 private:
     Terminal const terminal_;
-    std::string state_;
+    Progress_Form const form_; ///< not AUTO
+    std::string state_;        ///< what was more than numbers
     std::string text_;
     Time printed_{};
     bool drawn_ = false;

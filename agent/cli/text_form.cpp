@@ -35,6 +35,8 @@ std::string number_text(int64_t number, Form form) {
         return size_text(bytes) + "/s";
     case Form::TIME:
         return time_text(number);
+    case Form::DURATION:
+        return duration_text(number);
     case Form::PERCENT:
         return std::to_string(number) + "%";
     case Form::FLAVOUR:

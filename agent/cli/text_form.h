@@ -22,7 +22,7 @@ std::string duration_text(int64_t seconds);
 [[nodiscard]] bool read_size(std::string const& text, uint64_t& bytes);
 
 /** How the value of a key is shown. A LIMIT is a size of which 0 is none. */
-enum class Form { TEXT, SHORT_ID, SIZE, LIMIT, TIME, PERCENT, YES_NO, FLAVOUR, SPEED };
+enum class Form { TEXT, SHORT_ID, SIZE, LIMIT, TIME, DURATION, PERCENT, YES_NO, FLAVOUR, SPEED };
 
 /**
  * A value as printable text, whatever it really is: a text as it stands, an object or an array as

@@ -67,6 +67,8 @@ std::string Agent_Jobs::new_run_id(Job const& job) {
         if (unstarted != live_.end()) {
             unstarted->second.unstarted = false;
             unstarted->second.run.waiting_for.clear();
+            unstarted->second.meter.restart(clock_.steady_ns());
+            note_change(unstarted->second, NEW_STATE);
             return unstarted->first;
         }
     }
@@ -77,11 +79,16 @@ bool Agent_Jobs::add(Job_Run& run, bool unstarted) {
     run.start_time = clock_.now();
     if (!store_.add(run))
         return false;
+    if (run.type == job_definition_type_name(JOB_DEFINITION_BACKUP))
+        (void)store_.last_size(run.instance, run.subtype, run.expected_size); // 0: unknown
+    int64_t const now = clock_.steady_ns();
     std::lock_guard const guard(mutex_);
     // a job has one run at a time: what is left of an earlier one never began
     std::erase_if(live_,
                   [&](auto const& entry) { return entry.second.run.definition == run.definition; });
-    live_[run.run_id] = {run, clock_.steady_ns(), nullptr, false, unstarted};
+    Live& live = live_[run.run_id];
+    live = {run, now, nullptr, false, unstarted, Run_Meter(now)};
+    note_change(live, NEW_STATE);
     return true;
 }
 
@@ -111,11 +118,64 @@ void Agent_Jobs::end_unstarted(std::string const& run_id, Job_Outcome const& out
 
 void Agent_Jobs::waits_for(std::string const& run_id, std::string const& what) {
     std::lock_guard const guard(mutex_);
-    if (auto const live = live_.find(run_id); live != live_.end())
-        live->second.run.waiting_for = what;
+    auto const found = live_.find(run_id);
+    if (found == live_.end() || found->second.run.waiting_for == what)
+        return;
+    Live& live = found->second;
+    live.run.waiting_for = what;
+    if (what.empty())
+        live.meter.restart(clock_.steady_ns());
+    note_change(live, NEW_STATE);
 }
 
-void Agent_Jobs::change(std::string const& run_id, std::function<void(Job_Run& run)> const& what) {
+void Agent_Jobs::phase(Job const& job, std::string const& what) {
+    std::lock_guard const guard(mutex_);
+    auto const live = live_.find(job.run_id());
+    if (live == live_.end() || live->second.run.phase == what)
+        return;
+    live->second.run.phase = what;
+    note_change(live->second, NEW_STATE);
+}
+
+void Agent_Jobs::stored(std::string const& run_id, uint64_t bytes) {
+    std::lock_guard const guard(mutex_);
+    auto const live = live_.find(run_id);
+    if (live == live_.end())
+        return;
+    live->second.stored += bytes;
+    measure(live->second);
+    note_change(live->second, NEW_NUMBERS);
+}
+
+void Agent_Jobs::note_change(Live& live, Change change) {
+    live.run.revision = ++revision_;
+    if (change == NEW_STATE)
+        live.state_revision = revision_;
+    if (on_changed_)
+        on_changed_();
+}
+
+void Agent_Jobs::measure(Live& live) {
+    Job_Run& run = live.run;
+    // a tool that tells percents only has moved that part of what is expected
+    auto const guess =
+        static_cast<uint64_t>(static_cast<double>(run.expected_size) / 100 * run.percent);
+    uint64_t const told = std::max(run.processed_size, live.stored);
+    live.meter.note(clock_.steady_ns(), told ? told : guess);
+}
+
+Agent_Jobs::Change Agent_Jobs::change_since(std::string const& run_id, uint64_t seen) {
+    std::lock_guard const guard(mutex_);
+    auto const live = live_.find(run_id);
+    if (live == live_.end())
+        return OVER;
+    if (live->second.state_revision > seen)
+        return NEW_STATE;
+    return live->second.run.revision > seen ? NEW_NUMBERS : NOTHING_NEW;
+}
+
+void Agent_Jobs::change(std::string const& run_id, std::function<void(Job_Run& run)> const& what,
+                        Change change) {
     Job_Run run;
     {
         std::lock_guard const guard(mutex_);
@@ -124,6 +184,7 @@ void Agent_Jobs::change(std::string const& run_id, std::function<void(Job_Run& r
             return;
         what(live->second.run);
         live->second.written = clock_.steady_ns();
+        note_change(live->second, change);
         run = live->second.run;
     }
     (void)store_.update(run);
@@ -162,10 +223,16 @@ void Agent_Jobs::progressed(Job const& job, Job_Progress const& progress) {
         run.processed_size = progress.processed_size ? progress.processed_size : run.processed_size;
         run.total_size = progress.total_size ? progress.total_size : run.total_size;
         run.speed = progress.speed ? progress.speed : run.speed;
+        // a restore knows the size of its set, a backup adds it up
+        if (run.type == job_definition_type_name(JOB_DEFINITION_RESTORE))
+            run.expected_size = job.activity().set_size;
+        measure(live->second);
+        note_change(live->second, NEW_NUMBERS);
         due = clock_.steady_ns() - live->second.written >= NS_PER_SECOND;
     }
     if (due)
-        change(run_id, [](Job_Run&) {});
+        change(
+            run_id, [](Job_Run&) {}, NEW_NUMBERS);
 }
 
 void Agent_Jobs::ended(Job const& job, Job_Outcome const& outcome) {
@@ -243,6 +310,8 @@ void Agent_Jobs::forget(std::string const& run_id) {
     {
         std::lock_guard const guard(mutex_);
         live_.erase(run_id);
+        if (on_changed_)
+            on_changed_();
         actions = on_finished_;
         finished_.notify_all();
     }
@@ -295,17 +364,36 @@ void Agent_Jobs::waiting(Job const& job, std::string const& what) {
 
 // reading
 
+void Agent_Jobs::reckon(Live const& live, Job_Run& run) const {
+    int64_t const now = clock_.steady_ns();
+    run.processed_size = std::max(run.processed_size, live.stored);
+    run.elapsed = std::max<int64_t>(clock_.now() - run.start_time, 0);
+    run.average_speed = live.meter.average_speed(now);
+    if (run.speed == 0)
+        run.speed = live.meter.speed(now);
+    uint64_t const whole = run.total_size ? run.total_size : run.expected_size;
+    double part = run.percent / 100.0;
+    if (run.percent == 0 && whole > 0)
+        part = static_cast<double>(run.processed_size) / static_cast<double>(whole);
+    run.remaining = run.waiting_for.empty() ? live.meter.remaining(now, part) : -1;
+}
+
 /** A row that was read before its run ended is read again, since the run is not live any more. */
 Job_Answer Agent_Jobs::show_present(Job_Run& run) {
     std::unique_lock guard(mutex_);
     auto const live = live_.find(run.run_id);
     if (live == live_.end()) {
         guard.unlock();
-        return run.end_time ? Job_Answer() : store_.find(run.run_id, run);
+        Job_Answer const answer = run.end_time ? Job_Answer() : store_.find(run.run_id, run);
+        run.elapsed = std::max<int64_t>(run.end_time - run.start_time, 0);
+        if (uint64_t const size = std::max(run.set_size, run.processed_size); run.elapsed > 0)
+            run.average_speed = size / static_cast<uint64_t>(run.elapsed);
+        return answer;
     }
     int const alerts = run.alerts;
     run = live->second.run;
     run.alerts = alerts;
+    reckon(live->second, run);
     if (live->second.ended || (!is_run_state(run.state) && !run.end_time)) {
         // the outcome is on record, but who sees it wants to start the next run
         run.state = JOB_STATE_COMPLETING;

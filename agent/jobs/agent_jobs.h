@@ -2,6 +2,7 @@
 #define AGENT_JOBS_AGENT_JOBS_H
 
 #include "agent/jobs/run_log.h"
+#include "agent/jobs/run_meter.h"
 #include "agent/jobs/run_store.h"
 #include "host/job/job_backend.h"
 #include "host/storage/storage_clock.h"
@@ -82,6 +83,15 @@ public:
     void end_unstarted(std::string const& run_id, Job_Outcome const& outcome);
     /** Says what a run that is on waits for, started or not; "" when it waits no longer. */
     void waits_for(std::string const& run_id, std::string const& what);
+    /** So many more bytes of a backup have arrived. A run that is not on is left alone. */
+    void stored(std::string const& run_id, uint64_t bytes);
+
+    /** What of a run a watcher has not seen. */
+    enum Change { NOTHING_NEW, NEW_NUMBERS, NEW_STATE, OVER };
+    /** @param seen  Job_Run::revision as the watcher has it. OVER for a run that is not on. */
+    Change change_since(std::string const& run_id, uint64_t seen);
+    /** Calls it after each change of a run, on any thread, with the run's locks held: for ever. */
+    void on_changed(std::function<void()> action) { on_changed_ = std::move(action); }
 
     /**
      * Judges a run whose job skipped itself.
@@ -129,6 +139,7 @@ public:
     Hold_Answer hold(Job const& job, std::set<std::string> const& resources) override;
     void release(Job const& job, std::set<std::string> const& resources) override;
     void waiting(Job const& job, std::string const& what) override;
+    void phase(Job const& job, std::string const& what) override;
     std::shared_ptr<ACE_Log_Msg_Callback> log_callback(Job const& job) override;
 
 private:
@@ -139,12 +150,21 @@ private:
         std::shared_ptr<Run_Log> log;
         bool ended = false; ///< its outcome was told, and its thread has not left the job yet
         bool unstarted = false;
+        Run_Meter meter{0};
+        uint64_t stored = 0;         ///< bytes that the data path has told of
+        uint64_t state_revision = 0; ///< of the last change that was more than numbers
     };
 
     [[nodiscard]] bool add(Job_Run& run, bool unstarted = false);
     std::string instance_of(std::string const& run_id);
     /** Changes a live run and writes it; one that is not live is left alone. */
-    void change(std::string const& run_id, std::function<void(Job_Run& run)> const& what);
+    void change(std::string const& run_id, std::function<void(Job_Run& run)> const& what,
+                Change change = NEW_STATE);
+    /** The run's numbers have changed, or more. With the mutex held. */
+    void note_change(Live& live, Change change);
+    /** Lets a run's meter have the bytes that have passed. With the mutex held. */
+    void measure(Live& live);
+    void reckon(Live const& live, Job_Run& run) const;
     Job_Answer show_present(Job_Run& run);
     void finish(std::string const& run_id, std::function<void(Job_Run& run)> const& what);
     void forget(std::string const& run_id);
@@ -160,6 +180,8 @@ private:
     std::condition_variable finished_;
     std::map<std::string, Live> live_;
     std::function<void(std::string const& run_id)> on_failed_;
+    uint64_t revision_ = 0; ///< of the last change of any run
+    std::function<void()> on_changed_;
     std::vector<std::function<void()>> on_finished_;
 };
 

@@ -61,7 +61,10 @@ json_spirit::Object run_to_json(Job_Run const& run) {
         "state", job_state_to_string(run.state))("code", run.code)("message", run.message)(
         "percent", run.percent)("processed_size", run.processed_size)("total_size", run.total_size)(
         "speed", run.speed)("set_size", run.set_size)("start_time", int64_t{run.start_time})(
-        "end_time", int64_t{run.end_time})("alerts", run.alerts)("waiting_for", run.waiting_for);
+        "end_time", int64_t{run.end_time})("alerts", run.alerts)("waiting_for", run.waiting_for)(
+        "phase", run.phase)("expected_size", run.expected_size)("average_speed", run.average_speed)(
+        "elapsed", run.elapsed)("remaining", run.remaining < 0 ? json_spirit::Value()
+                                                               : json_spirit::Value(run.remaining));
 }
 
 json_spirit::Object alert_to_json(Run_Alert const& alert) {
@@ -196,6 +199,21 @@ Job_Answer Run_Store::last(std::string const& definition, Job_Run& result) {
     if (!done)
         return Job_Answer::failed();
     return found ? Job_Answer() : Job_Answer::not_found("a run of definition " + definition);
+}
+
+bool Run_Store::last_size(std::string const& instance, std::string const& subtype, uint64_t& size) {
+    size = 0;
+    return database_.read("find the last backup's size", [&](SQLite::Database& database) {
+        SQLite::Statement select(database, "SELECT set_size FROM job_runs WHERE instance = ? AND "
+                                           "type = 'backup' AND subtype = ? AND state = ? AND "
+                                           "set_size > 0 ORDER BY number DESC LIMIT 1");
+        select.bind(1, instance);
+        select.bind(2, subtype);
+        select.bind(3, static_cast<int>(JOB_STATE_COMPLETED));
+        if (select.executeStep())
+            size = static_cast<uint64_t>(select.getColumn(0).getInt64());
+        return true;
+    });
 }
 
 Job_Answer Run_Store::alerts(std::string const& run_id, std::vector<Run_Alert>& result) {

@@ -31,13 +31,21 @@ struct Job_Run {
     time_t start_time = 0;
     time_t end_time = 0; ///< 0 while it is on
     int alerts = 0;      ///< how many; only read
-    /** What the run waits for at the moment, for people; "" for nothing. Not kept. */
-    std::string waiting_for = {};
+
+    // what is reckoned when it is asked for, and not kept
+
+    std::string waiting_for = {}; ///< what it waits for, for people; "" for nothing
+    std::string phase = {};       ///< what it is doing, for people; "" when it does not say
+    uint64_t expected_size = 0;   ///< bytes that it will probably process; 0: unknown
+    uint64_t average_speed = 0;   ///< bytes a second
+    int64_t elapsed = 0;          ///< seconds from its start to its end or until now
+    int64_t remaining = -1;       ///< seconds that it will probably still take; -1: unknown
+    uint64_t revision = 0;        ///< differs after each change of a run that is on
 };
 
 /**
- * {"run_id", "definition", ..., "end_time", "alerts", "waiting_for"}; the state is
- * job_state_to_string()'s.
+ * {"run_id", "definition", ..., "remaining"}: all but the revision. The state is
+ * job_state_to_string()'s; what is unknown of "remaining" is null.
  */
 json_spirit::Object run_to_json(Job_Run const& run);
 
@@ -81,6 +89,12 @@ public:
      * @return NOT_FOUND, or INVALID when several runs have that beginning
      */
     Job_Answer find(std::string const& beginning, Job_Run& result);
+    /**
+     * The size of the last backup of that instance and level that completed.
+     * @param size  0 without one
+     */
+    [[nodiscard]] bool last_size(std::string const& instance, std::string const& subtype,
+                                 uint64_t& size);
     /** A definition's last run. NOT_FOUND before the first. */
     Job_Answer last(std::string const& definition, Job_Run& result);
     /** In the order in which they came. */

@@ -52,7 +52,13 @@ void add_instance_methods(Method_Table& methods, Agent_Identity const& identity,
 /** pool.* */
 void add_pool_methods(Method_Table& methods, Pool_Status& status, SQLite_Pools& pools,
                       Method_Access const& access);
-/** definition.*, job.* */
+/**
+ * What job.show answers of a run, by the beginning of its id.
+ * @return false, with the fault, for one that is unknown
+ */
+[[nodiscard]] bool describe_run(Agent_Jobs& runs, std::string const& beginning,
+                                json_spirit::Object& result, Method_Fault& fault);
+/** definition.*, job.*, but for job.watch, which Job_Watch serves */
 void add_job_methods(Method_Table& methods, Job_Manager& manager, Agent_Jobs& runs,
                      Scheduler& scheduler);
 /** backup.*, catalog.* */

@@ -235,6 +235,9 @@ void Agent_Service::make_jobs() {
                                          .keep_runs = static_cast<size_t>(config_.kept_runs)});
     runs_->on_failed([this](std::string const& run_id) { drop_set_of(run_id); });
     runs_->on_finished([this] { clear_up(); });
+    // a run's set has the run's id
+    catalog_->on_pieces(
+        [runs = runs_](std::string const& uuid, uint64_t size) { runs->stored(uuid, size); });
     runs_->keys({[this](Job const& job, std::string const& instance) {
                      return run_access_->begin(job, instance);
                  },
@@ -259,6 +262,7 @@ void Agent_Service::make_jobs() {
                                   return instance_condition_->may_start(definition);
                               }}});
     scheduler_ = std::make_unique<Scheduler>(*jobs_, *definitions_, *runs_);
+    watch_ = std::make_shared<Job_Watch>(*runs_);
     probe_->on_searched([this] { scheduler_->wake(); });
 }
 
@@ -360,7 +364,7 @@ bool Agent_Service::serve(std::string& error) {
         return false;
     probe_->start(config_.probe_interval);
     scheduler_->start();
-    return true;
+    return watch_->start() == 0;
 }
 
 void Agent_Service::add_methods() {
@@ -370,6 +374,7 @@ void Agent_Service::add_methods() {
     add_agent_methods(methods_, config_, identity_, *database_, *module_);
     add_instance_methods(methods_, identity_, *probe_);
     add_job_methods(methods_, *jobs_, *runs_, *scheduler_);
+    methods_.bind("job.watch", watch_);
     if (is_member())
         forward_catalog_methods(methods_);
     else
@@ -452,6 +457,8 @@ bool Agent_Service::stop() {
     if (server_)
         server_->stop();
     methods_.stop();
+    if (watch_)
+        watch_->stop();
     if (catalog_)
         (void)drop_open_sets(identity_.host_uuid, std::numeric_limits<time_t>::max());
     if (!all_ended)

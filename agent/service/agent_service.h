@@ -19,6 +19,7 @@
 #include "agent/service/group_members.h"
 #include "agent/service/instance_condition.h"
 #include "agent/service/instance_probe.h"
+#include "agent/service/job_watch.h"
 #include "agent/service/method_access.h"
 #include "agent/service/pool_status.h"
 #include "agent/service/run_access.h"
@@ -114,6 +115,7 @@ private:
     std::unique_ptr<Instance_Condition> instance_condition_;
     std::unique_ptr<Definition_Store> definitions_;
     std::shared_ptr<Agent_Jobs> runs_;
+    std::shared_ptr<Job_Watch> watch_;
     std::unique_ptr<Job_Manager> jobs_;
     std::unique_ptr<Scheduler> scheduler_;
     Method_Table methods_;

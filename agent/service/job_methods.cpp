@@ -98,18 +98,11 @@ public:
     }
     bool show_run(Method_Call const& call, Value& result, Method_Fault& fault) {
         std::string beginning;
-        Job_Run run;
-        std::vector<Run_Alert> alerts;
+        Object run;
         if (!only_name(call, "job", names::fault_of_id, beginning, fault) ||
-            !answer(runs_.find(beginning, run), fault) ||
-            !answer(runs_.alerts(run.run_id, alerts), fault))
+            !describe_run(runs_, beginning, run, fault))
             return false;
-        Object object = run_to_json(run);
-        Array array;
-        for (Run_Alert const& alert : alerts)
-            array.emplace_back(alert_to_json(alert));
-        object["alert_list"] = std::move(array);
-        result = std::move(object);
+        result = std::move(run);
         return true;
     }
     bool read_log(Method_Call const& call, Value& result, Method_Fault& fault) {
@@ -172,6 +165,22 @@ private:
 };
 
 } // namespace
+
+bool describe_run(Agent_Jobs& runs, std::string const& beginning, Object& result,
+                  Method_Fault& fault) {
+    Job_Run run;
+    std::vector<Run_Alert> alerts;
+    if (!answer(runs.find(beginning, run), fault) ||
+        !answer(runs.alerts(run.run_id, alerts), fault))
+        return false;
+    result = run_to_json(run);
+    Array array;
+    for (Run_Alert const& alert : alerts)
+        array.emplace_back(alert_to_json(alert));
+    result["alert_list"] = std::move(array);
+    result["revision"] = run.revision;
+    return true;
+}
 
 void add_job_methods(Method_Table& methods, Job_Manager& manager, Agent_Jobs& runs,
                      Scheduler& scheduler) {

@@ -125,6 +125,7 @@ struct Method_Access::Table {
             {"job.show", {PEOPLE}},
             {"job.start", {PEOPLE}},
             {"job.stop", {PEOPLE}},
+            {"job.watch", {PEOPLE}},
             {"member.add", {PEOPLE}},
             {"member.list", {PEOPLE}},
             {"member.remove", {PEOPLE}},

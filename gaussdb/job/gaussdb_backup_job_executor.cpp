@@ -81,6 +81,7 @@ bool GaussDB_Backup_Job_Executor::execute_i(Job::Action_Options const*) {
     ACE_Guard<ACE_Thread_Mutex> const lock(Job_Mutex::get(src_->id()));
     if (!lock.locked() || cluster_.null() || QMRT_IS_NULL_AT(LM_ERROR, opts_))
         return false;
+    job_.phase("checking the cluster");
     if (!is_cluster_on_record(job_, instance_, true) || !is_cluster_healthy())
         return false;
     reset_activity(act_);
@@ -201,6 +202,7 @@ bool GaussDB_Backup_Job_Executor::open_set(GaussDB_Backup_Set& bset) {
 
 bool GaussDB_Backup_Job_Executor::complete_set(GaussDB_Backup_Set& bset,
                                                Roach_Meta_Parser& parser) {
+    job_.phase("saving metadata");
     ACE_INT64 size = 0;
     ACE_INT64 storage_size = 0;
     // sizes that are not known are no reason to throw a backup away
@@ -257,6 +259,7 @@ Roach_Source GaussDB_Backup_Job_Executor::make_roach_source() const {
 }
 
 bool GaussDB_Backup_Job_Executor::notify(Roach_Source& roach_source, Hosts const& hosts) {
+    job_.phase("preparing the hosts");
     // an incremental backup needs the metadata of those before it
     bool const delete_meta = def_.subtype() == JOB_DEFINITION_SUBTYPE_FULL;
     if (roach_source.notify(hosts, nullptr, "", nullptr, delete_meta))
@@ -268,6 +271,7 @@ bool GaussDB_Backup_Job_Executor::notify(Roach_Source& roach_source, Hosts const
 
 bool GaussDB_Backup_Job_Executor::run_roach(Roach_Source& roach_source, GaussDB_Backup_Set& bset,
                                             Roach_Meta_Parser& parser) {
+    job_.phase("the backup tool sends the data");
     GaussDB_Version const& version = cluster_->get_gaussdb_version();
     Roach_Executor roach_executor(cluster_->user().c_str(), cluster_->env(), uses_python3(version),
                                   job_.log_msg_callback());

@@ -95,6 +95,7 @@ bool Executor::execute_i(Job::Action_Options const*) {
     if (QMRT_IS_NULL_AT(LM_ERROR, opts_))
         return false;
     reset_activity(act_);
+    job_.phase("checking the cluster");
     job_instance_uuid_ = uuid_binary_to_string(act_.id);
     backup_type_ = def_.subtype();
     std::string user;
@@ -264,6 +265,7 @@ bool Executor::open_set(GaussDB_Backup_Set& bset) {
 }
 
 bool Executor::complete_set(GaussDB_Backup_Set& bset) {
+    job_.phase("saving the catalog");
     ACE_INT64 storage_size = 0;
     ACE_INT64 set_size = 0;
     (void)get_size(storage_size,
@@ -436,6 +438,7 @@ bool Executor::generate_common_backup_cmd(std::string& cmd,
 }
 
 bool Executor::run_tool(std::string const& cmd, GaussDB_Backup_Set& bset) {
+    job_.phase("the backup tool sends the data");
     Roach_Progress_Handler progress(std::max(nodes_count_, 1), &evt_handler_, 1);
     return run_with_stop_thread([&](Roach_Executor& tool) {
         if (!tool.execute_non_intrusive_cmd(address_.c_str(), cmd.c_str(), &progress,

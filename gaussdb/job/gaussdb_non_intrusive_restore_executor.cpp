@@ -51,6 +51,7 @@ bool Restore::execute_i(Job::Action_Options const*) {
     act_.size = 0;
     act_.set_size = 0;
     act_.set_storage_size = 0;
+    job_.phase("checking the cluster");
     std::string user;
     std::string node_name;
     Chain chain;
@@ -357,6 +358,7 @@ bool Restore::dump_table_list(Table_Mapping_List const& tables, std::string cons
 }
 
 bool Restore::run_tool(std::string& cmd, Roach_Source& roach_source, Chain const& chain) {
+    job_.phase("the backup tool fetches the data");
     // a step for each set, and one for the end
     Roach_Progress_Handler progress(std::max(nodes_count_, 1), &evt_handler_,
                                     static_cast<int>(chain.catalogs.size() + 1));

@@ -68,6 +68,7 @@ bool GaussDB_Restore_Job_Executor::execute_i(Job::Action_Options const*) {
     }
     if (QMRT_IS_NULL_AT(LM_ERROR, opts_))
         return false;
+    job_.phase("checking the cluster");
     // its databases need not be those on record: they are what is replaced
     if (!is_cluster_on_record(job_, instance_, false))
         return false;
@@ -84,6 +85,7 @@ bool GaussDB_Restore_Job_Executor::execute_i(Job::Action_Options const*) {
     Roach_Source roach_source = make_roach_source(chain);
     // after a failure, too: the policy's key is void then
     Scoped_Deleter policy([&] { roach_source.drop_policy(); });
+    job_.phase("fetching metadata");
     if (!restore_roach_metadata(roach_source, chain))
         return false;
     Cancelled_Run_Cleanup cleanup(act_, roach_source, hosts, def_.id());
@@ -223,6 +225,7 @@ bool GaussDB_Restore_Job_Executor::notify(Roach_Source& roach_source, Hosts cons
 
 bool GaussDB_Restore_Job_Executor::run_roach(Roach_Executor& roach_executor,
                                              Roach_Source const& roach_source, Chain const& chain) {
+    job_.phase("the backup tool fetches the data");
     // a step for each set, and one for the end
     Roach_Progress_Handler progress(static_cast<int>(cluster_->nodes()), &evt_handler_,
                                     static_cast<int>(chain.catalogs.size() + 1));
@@ -263,6 +266,7 @@ std::set<std::string> GaussDB_Restore_Job_Executor::data_directories() const {
 }
 
 bool GaussDB_Restore_Job_Executor::start(Roach_Executor& roach_executor) {
+    job_.phase("starting the cluster");
     char const* const new_config = new_cluster() ? cluster_->conf().c_str() : nullptr;
     if (roach_executor.start(cluster_->get_gaussdb_version().model_, new_config))
         return true;

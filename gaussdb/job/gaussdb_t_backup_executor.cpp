@@ -80,6 +80,7 @@ bool GaussDB_T_Backup_Executor::execute_i(Job::Action_Options const*) {
     if (!check_path("option cache_dir", opts_->cache_dir_) ||
         !is_cluster_on_record(job_, instance_, true))
         return false;
+    job_.phase("checking the database");
     timestamp_ = time_stamp(Job_Mutex::get_timestamp());
     std::string status;
     if (!get_database_status(status)) {
@@ -169,6 +170,7 @@ void GaussDB_T_Backup_Executor::generate_backup_cmd() {
 bool GaussDB_T_Backup_Executor::run_statement() {
     if (!Set_History(src_->id()).add(def_.subtype(), evt_handler_.job_act_id()))
         return false;
+    job_.phase("the database writes its backup set");
     std::vector<std::string> rows;
     client_->unlimited(true);
     noted_ = client_->query(cmd_.str().c_str(), rows, true);
@@ -206,11 +208,19 @@ bool GaussDB_T_Backup_Executor::connect_to_storage() {
 bool GaussDB_T_Backup_Executor::send_files(Set_Directory const& directory) {
     act_.set_size = 0;
     act_.set_storage_size = 0;
+    uint64_t total = 0;
+    if (!directory.each_file([&](std::string const&, File_Descriptor const&, uint64_t size) {
+            total += size;
+            return true;
+        }))
+        return false;
     return directory.each_file(
         [&](std::string const& name, File_Descriptor const& file, uint64_t size) {
             std::string const remote = name + ext_;
             std::string const local = (qmrt::Path(backup_dir_) / name).str();
+            uint64_t const sent = act_.set_size;
             act_.set_size += size;
+            job_.phase("sending " + name);
             if (uncompressed_name(remote) != name) {
                 QMRT_LOG(LM_ERROR, "Failed to backup %s: its name ends as that of a packed file\n",
                          local.c_str());
@@ -219,7 +229,7 @@ bool GaussDB_T_Backup_Executor::send_files(Set_Directory const& directory) {
             // by the descriptor: the database's user may have put another file there by now
             std::string const opened = "/proc/self/fd/" + std::to_string(file.get());
             if (canceled() || !io_.put_file(opened.c_str(), remote.c_str(), true, PUT_FLAGS,
-                                            PUT_BLOCK, until_canceled())) {
+                                            PUT_BLOCK, report_from(sent, total))) {
                 QMRT_LOG(LM_ERROR, "Failed to backup %s: %s\n", local.c_str(),
                          canceled() ? "the run was canceled" : io_.error().c_str());
                 return false;

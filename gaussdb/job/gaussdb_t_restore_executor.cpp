@@ -76,6 +76,7 @@ bool GaussDB_T_Restore_Executor::execute_i(Job::Action_Options const*) {
     instance_ = tgt_.name();
     if (instance_.empty() && !parse_instance_entry(src_->restore_as_, instance_))
         return false;
+    job_.phase("checking the backup sets");
     // its databases need not be those on record: they are what is replaced
     if (!find_instance() || !is_cluster_on_record(job_, instance_, false) || !has_tool("zctl.py") ||
         !has_tool("zsql") || !load_catalog(pool_uuid_))
@@ -288,13 +289,16 @@ bool GaussDB_T_Restore_Executor::get_backup_set(char const* dir, json_spirit::Ar
         if (path.empty())
             continue;
         std::string const name = uncompressed_name(path);
-        if (canceled() || !io_.get_file(path.c_str(), cache_dirs_.back().inside(name).c_str(),
-                                        GET_FLAGS, GET_BLOCK, until_canceled())) {
+        job_.phase("fetching " + name);
+        if (canceled() ||
+            !io_.get_file(path.c_str(), cache_dirs_.back().inside(name).c_str(), GET_FLAGS,
+                          GET_BLOCK, report_from(fetched_, act_.set_size))) {
             QMRT_LOG(LM_ERROR, "Failed to get file %s to %s: %s\n", path.c_str(),
                      (qmrt::Path(dir) / name).c_str(),
                      canceled() ? "the run was canceled" : io_.error().c_str());
             return false;
         }
+        fetched_ += io_.original_size();
     }
     return true;
 }
@@ -340,6 +344,7 @@ bool GaussDB_T_Restore_Executor::execute_zctl(char const* cmd) const {
 bool GaussDB_T_Restore_Executor::execute_restore() {
     if (canceled())
         return false;
+    job_.phase("the database restores its backup sets");
     if (!clean_data_dir()) {
         QMRT_LOG(LM_ERROR, "Failed to clean %s data dir\n", instance_.c_str());
         return false;

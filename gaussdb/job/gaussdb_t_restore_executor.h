@@ -69,6 +69,7 @@ private:
     std::vector<Chain_Set> chain_;        ///< newest first
     std::optional<Set_Notes> notes_;      ///< of cache_dirs_, dropped after their removal
     std::list<Set_Directory> cache_dirs_; ///< what was fetched, newest first
+    uint64_t fetched_ = 0;                ///< bytes, of all sets
 };
 
 #endif

@@ -3,6 +3,7 @@
 #include "gaussdb/job/cluster_job.h"
 #include "gaussdb/job/gaussdb_utils.h"
 #include "host/job/job.h"
+#include "host/job/job_event_handler.h"
 #include "qmrt/format.h"
 #include "qmrt/log.h"
 #include "qmrt/names.h"
@@ -49,8 +50,15 @@ bool GaussDB_T_Run::canceled() const {
     return is_canceled(run_job_.activity());
 }
 
-Client_IO_Ex::Progress GaussDB_T_Run::until_canceled() const {
-    return [this](uint64_t) { return !canceled(); };
+Client_IO_Ex::Progress GaussDB_T_Run::report_from(uint64_t done, uint64_t total) const {
+    return [this, done, total](uint64_t bytes) {
+        double const part =
+            static_cast<double>(done + bytes) / static_cast<double>(std::max<uint64_t>(total, 1));
+        // the bytes themselves would take the place of the database's size in the job's record
+        Job_Event_Handler(run_job_).handle_progress(static_cast<int>(std::min(part, 0.99) * 100), 0,
+                                                    0, 0);
+        return !canceled();
+    };
 }
 
 bool GaussDB_T_Run::connect_to(Pool_Info const& pool, std::string const& folder,

@@ -29,8 +29,11 @@ protected:
     /** Finds the account, the cluster and the client of `instance_`. */
     [[nodiscard]] bool find_instance();
     [[nodiscard]] bool canceled() const;
-    /** Ends a transfer when the run is canceled, and reports nothing. */
-    Client_IO_Ex::Progress until_canceled() const;
+    /**
+     * Reports how far the files of a set are, and ends their transfer when the run is canceled.
+     * @param done  bytes of those before this one  @param total  of all
+     */
+    Client_IO_Ex::Progress report_from(uint64_t done, uint64_t total) const;
 
     /** Connects `io_` to a folder of a pool. */
     [[nodiscard]] bool connect_to(Pool_Info const& pool, std::string const& folder,

@@ -394,6 +394,11 @@ void Job::complete() {
     self_ = Job_var();
 }
 
+void Job::phase(std::string const& what) const {
+    if (std::shared_ptr<Job_Backend> const jobs = backend())
+        jobs->phase(*this, what);
+}
+
 /** Of the run and of the calling thread, which is the run's. */
 void Job::set_run_key(secure_string const& key) {
     Host_Manager::instance()->access_key(key);

@@ -111,6 +111,8 @@ public:
     secure_string run_key() const;
     /** Takes log lines into the job's own log. Null, after an error line, without a back end. */
     std::shared_ptr<ACE_Log_Msg_Callback> log_msg_callback() const;
+    /** Tells people what the run is doing now: "saving metadata". */
+    void phase(std::string const& what) const;
 
     /**
      * Keeps the activity record in a file from now on, so that it outlives the process. For the one

@@ -4,6 +4,7 @@
 #include "tests/support/agent_process.h"
 #include "tests/support/scoped_env.h"
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -114,6 +115,52 @@ TEST_F(Agent_Life_Test, a_backup_is_run_recorded_and_read_back) {
     ASSERT_TRUE(agent_.start());
     EXPECT_EQ("completed", text(job(run), "state"));
     expect_restorable(run);
+}
+
+TEST_F(Agent_Life_Test, a_watcher_is_told_of_what_is_new) {
+    make_pool();
+    std::string const run = start_job(backup_definition("watched", 20, 1000, 100));
+    auto const watch = [&](uint64_t seen, int pause) {
+        return agent_.ask("job.watch", {{"job", run}, {"seen", seen}, {"pause", pause}});
+    };
+    auto const revision_of = [](Object const& row) { return row.at("revision").get_uint64(); };
+    Object row = watch(0, 30000);
+    uint64_t const first = revision_of(row);
+    EXPECT_LT(0u, first) << "there is a state that nobody has seen";
+    bool saw_bytes = false;
+    for (int answers = 0; text(row, "state") != "completed" && answers < 1000; ++answers) {
+        uint64_t const seen = revision_of(row);
+        row = watch(seen, 1);
+        EXPECT_TRUE(text(row, "state") != "running" || revision_of(row) != seen)
+            << "told without a reason";
+        uint64_t const stored = row.at("processed_size").get_uint64();
+        saw_bytes = saw_bytes || (stored > 0 && stored < 20000 && stored % 1000 == 0);
+    }
+    EXPECT_EQ("completed", text(row, "state")) << json_spirit::to_text(row, true);
+    EXPECT_TRUE(saw_bytes) << "objects that have arrived count";
+    EXPECT_EQ("completed", text(watch(revision_of(row), 30000), "state")) << "over is told at once";
+    EXPECT_EQ(-32004, agent_.call("job.watch", {{"job", "0f3a"}}).code);
+    EXPECT_EQ(-32602, agent_.call("job.watch").code);
+    EXPECT_EQ(-32602, agent_.call("job.watch", {{"job", run}, {"seen", -1}}).code);
+    EXPECT_EQ(-32602, agent_.call("job.watch", {{"job", run}, {"pause", 30001}}).code);
+}
+
+TEST_F(Agent_Life_Test, many_watch_one_run) {
+    make_pool();
+    std::string const run = start_job(backup_definition("watched", 10, 1000, 50));
+    std::vector<std::thread> watchers;
+    std::atomic<int> ends = 0;
+    for (int i = 0; i < 20; ++i)
+        watchers.emplace_back([&] {
+            Object row;
+            for (uint64_t seen = 0; text(row, "state") != "completed";
+                 seen = row.at("revision").get_uint64())
+                row = agent_.ask("job.watch", {{"job", run}, {"seen", seen}, {"pause", 30000}});
+            ++ends;
+        });
+    for (std::thread& watcher : watchers)
+        watcher.join();
+    EXPECT_EQ(20, ends) << "more than there are threads for calls";
 }
 
 TEST_F(Agent_Life_Test, backups_are_found_by_a_table_that_they_hold) {

@@ -58,7 +58,7 @@ protected:
     }
 
     int back_up(std::vector<Value> const& states) {
-        agent_->on("job.show", states);
+        agent_->on("job.watch", states);
         return run({"backup", "prod", "--pool", "main", "--interval", "0.01"});
     }
 

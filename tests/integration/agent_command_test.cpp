@@ -209,7 +209,7 @@ TEST_F(Agent_Command_Test, other_ends_of_a_backup) {
 }
 
 TEST_F(Agent_Command_Test, a_wait_with_json_prints_the_run_at_its_end) {
-    agent_->on("job.show", std::vector<Value>{run_in("running"), run_in("completed")});
+    agent_->on("job.watch", std::vector<Value>{run_in("running"), run_in("completed")});
     EXPECT_EQ(0, run({"backup", "prod", "--pool", "main", "--interval", "0.01", "--json"}));
     Value printed;
     ASSERT_TRUE(json_spirit::parse(out(), printed, nullptr)) << out();
@@ -245,7 +245,7 @@ TEST_F(Agent_Command_Test, a_run_is_cancelled_now) {
 }
 
 TEST_F(Agent_Command_Test, ctrl_c_leaves_the_job_alone) {
-    agent_->on("job.show", run_in("running"));
+    agent_->on("job.watch", run_in("running"));
     start({"backup", "prod", "--pool", "main", "--interval", "3600"});
     ASSERT_TRUE(child_->await("backup of prod: running"));
     kill(child_->pid(), SIGINT);
@@ -257,12 +257,12 @@ TEST_F(Agent_Command_Test, ctrl_c_leaves_the_job_alone) {
 }
 
 TEST_F(Agent_Command_Test, ctrl_c_also_ends_the_wait_for_an_answer) {
-    agent_->on("job.show", Scripted_Agent::Answer([this](Value const&) {
+    agent_->on("job.watch", Scripted_Agent::Answer([this](Value const&) {
                    agent_->be_silent();
                    return Value();
                }));
     start({"job", "wait", "0f3a"});
-    agent_->await("job.show", 1);
+    agent_->await("job.watch", 1);
     kill(child_->pid(), SIGINT);
     EXPECT_EQ(130, child_->wait());
     EXPECT_THAT(err(), HasSubstr("The job goes on."));
@@ -277,7 +277,7 @@ TEST_F(Agent_Command_Test, before_there_is_a_job_ctrl_c_just_ends_the_command) {
 }
 
 TEST_F(Agent_Command_Test, an_agent_that_goes_midway) {
-    agent_->on("job.show", run_in("running"));
+    agent_->on("job.watch", run_in("running"));
     start({"job", "wait", "0f3a", "--interval", "0.01"});
     ASSERT_TRUE(child_->await("running"));
     agent_.reset();
@@ -292,7 +292,7 @@ TEST_F(Agent_Command_Test, a_restore_of_a_backup_as_another_instance) {
                                      {"resource_uuid", "u-1"},
                                      {"backup_key", "k"}});
     agent_->on("instance.show", Object{{"name", "rehearsal"}, {"uuid", "u-2"}});
-    agent_->on("job.show", run_in("completed"));
+    agent_->on("job.watch", run_in("completed"));
     EXPECT_EQ(0, run({"restore", "b", "--instance", "rehearsal", "--channels", "2", "--yes"}));
     Object const definition = agent_->calls("job.start").at(0).get_obj().at("run").get_obj();
     EXPECT_EQ("restore", definition.at("type").get_str());
@@ -315,7 +315,7 @@ TEST_F(Agent_Command_Test, a_restore_of_tables_and_one_as_a_new_cluster) {
                                                       record("t", "s", "table", "orders")}}});
     agent_->on("instance.show", Object{{"name", "dws2"}, {"uuid", "u-2"}});
     agent_->on("backup.list", Object{{"backups", Array{}}});
-    agent_->on("job.show", run_in("completed"));
+    agent_->on("job.watch", run_in("completed"));
     EXPECT_EQ(0, run({"restore", "b", "--table", "public.orders=old.orders", "--yes"})) << err();
     EXPECT_THAT(out(), HasSubstr("This restores tables to instance prod, which goes on running."));
     EXPECT_THAT(out(), HasSubstr("public.orders=old.orders"));
@@ -343,7 +343,7 @@ TEST_F(Agent_Command_Test, a_restore_of_tables_and_one_as_a_new_cluster) {
 }
 
 TEST_F(Agent_Command_Test, a_backup_of_schemas) {
-    agent_->on("job.show", run_in("completed"));
+    agent_->on("job.watch", run_in("completed"));
     EXPECT_EQ(0, run({"backup", "prod", "--pool", "main", "--schema", "sales.public", "--schema",
                       "sales.S 2"}))
         << err();

@@ -33,7 +33,7 @@ protected:
                                             Object{{"uuid", "b-0"},
                                                    {"backup_key", "k0"},
                                                    {"backup_end_time", 1795300000}}}}});
-        agent_->on("job.show", run_in("completed"));
+        agent_->on("job.watch", run_in("completed"));
         agent_->on("backup.remove", Object{{"removed", Array{"b-1"}}});
         agent_->on("pool.remove", Object());
         agent_->on("pool.list",

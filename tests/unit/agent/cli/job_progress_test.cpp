@@ -11,7 +11,7 @@ using namespace std::chrono_literals;
 
 Object const RUN{{"type", "backup"}, {"instance", "prod"},     {"state", "running"},
                  {"percent", 40},    {"processed_size", 4096}, {"total_size", 10240},
-                 {"speed", 1024}};
+                 {"speed", 1024},    {"remaining", 6}};
 
 Object with(Object run, char const* key, json_spirit::Value const& value) {
     run[key] = value;
@@ -50,8 +50,42 @@ TEST(Job_Progress, without_percent_the_sizes_tell_it) {
     Object run = RUN;
     run.erase("percent");
     EXPECT_EQ("running, 40%, 4.0 KiB of 10.0 KiB, 1.0 KiB/s, 0:06 left", progress_text(run));
-    EXPECT_EQ("running, 20.0 KiB of 10.0 KiB, 1.0 KiB/s",
+    EXPECT_EQ("running, 20.0 KiB of 10.0 KiB, 1.0 KiB/s, 0:06 left",
               progress_text(with(run, "processed_size", 20480)));
+}
+
+TEST(Job_Progress, a_size_that_is_only_expected_is_about) {
+    Object const run{{"state", "running"}, {"percent", 40}, {"expected_size", 10240}};
+    EXPECT_EQ("running, 40%, about 4.0 KiB of 10.0 KiB", progress_text(run));
+    EXPECT_EQ("running, 40%, 5.0 KiB of about 10.0 KiB",
+              progress_text(with(run, "processed_size", 5120)));
+    EXPECT_EQ("running, 40%, 20.0 KiB", progress_text(with(run, "processed_size", 20480)));
+    EXPECT_EQ("running, 0%", progress_text(with(run, "percent", 0)));
+}
+
+TEST(Job_Progress, what_it_does_and_what_it_waits_for) {
+    EXPECT_EQ("running, 0%, saving metadata",
+              progress_text({{"state", "running"}, {"percent", 0}, {"phase", "saving metadata"}}));
+    Object const waits{{"state", "running"}, {"percent", 0}, {"waiting_for", "job 7 of prod"}};
+    EXPECT_EQ("waiting for job 7 of prod", progress_text(waits));
+    EXPECT_EQ("waiting", state_text(waits));
+    EXPECT_EQ("canceling, waits for job 7 of prod",
+              progress_text(with(waits, "state", "canceling")));
+    EXPECT_EQ("canceled", state_text(with(waits, "state", "canceled")));
+    EXPECT_EQ("running", state_text(RUN));
+}
+
+TEST(Job_Progress, other_forms) {
+    Progress_Printer::Time const time(10s);
+    Terminal const pipe{false, true, 80};
+    EXPECT_EQ("", Progress_Printer(pipe, Progress_Form::NONE).next(RUN, time));
+    EXPECT_EQ("{\"percent\":40,\"state\":\"run\\u0007\"}\n",
+              Progress_Printer(pipe, Progress_Form::JSON)
+                  .next({{"state", "run\a"}, {"percent", 40}}, time));
+    EXPECT_EQ("\r\x1b[K" + progress_bar(RUN, 79),
+              Progress_Printer(pipe, Progress_Form::BAR).next(RUN, time));
+    Progress_Printer lines({true, true, 80}, Progress_Form::LINES);
+    EXPECT_EQ("backup of prod: " + progress_text(RUN) + "\n", lines.next(RUN, time));
 }
 
 TEST(Job_Progress, numbers_beyond_reason) {
@@ -88,8 +122,11 @@ TEST(Job_Progress, a_pipe_gets_a_line_for_each_change_and_few_for_numbers) {
     EXPECT_EQ("backup of prod: " + progress_text(RUN) + "\n", at(101s, RUN)) << "a new state";
     Object const further = with(RUN, "percent", 41);
     EXPECT_EQ("", at(102s, further)) << "too soon for a number";
-    EXPECT_EQ("backup of prod: " + progress_text(further) + "\n", at(106s, further));
+    EXPECT_EQ("", at(160s, further));
+    EXPECT_EQ("backup of prod: " + progress_text(further) + "\n", at(161s, further));
     EXPECT_EQ("", at(1000s, further)) << "nothing has changed";
+    Object const later = with(further, "phase", "saving metadata");
+    EXPECT_EQ("backup of prod: " + progress_text(later) + "\n", at(1001s, later));
     EXPECT_EQ("", printer.end());
 }
 

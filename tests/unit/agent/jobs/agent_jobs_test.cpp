@@ -154,6 +154,67 @@ TEST_F(Agent_Jobs_Test, a_run_that_fails_without_a_reason_has_that_of_its_last_l
     EXPECT_EQ("", message_of([] { QMRT_LOG(LM_INFO, "note\n"); }));
 }
 
+TEST_F(Agent_Jobs_Test, what_a_run_is_doing_and_how_long_it_will_take) {
+    // the last full backup had 4000 bytes
+    run([&](Job& job, Job_Event_Handler& events) {
+        events.handle_start_job();
+        job.activity().set_size = 4000;
+        events.handle_success();
+    });
+    Gate gate;
+    Job_var const slow = job([&](Job& job, Job_Event_Handler& events) {
+        events.handle_start_job();
+        job.phase("sending files");
+        clock_.sleep_ns(10 * NS_PER_SECOND);
+        jobs_->stored(job.run_id(), 1000);
+        events.handle_progress(25, 0, 0, 0);
+        gate.pass(job);
+        events.handle_success();
+    });
+    ASSERT_EQ(0, slow->start());
+    ASSERT_TRUE(gate.wait_for_arrivals(1));
+    Job_Run const now = found(slow->run_id());
+    EXPECT_EQ("sending files", now.phase);
+    EXPECT_EQ(4000U, now.expected_size);
+    EXPECT_EQ(1000U, now.processed_size);
+    EXPECT_EQ(10, now.elapsed);
+    EXPECT_EQ(30, now.remaining);
+    EXPECT_EQ(100U, now.average_speed);
+    EXPECT_EQ(100U, now.speed);
+    EXPECT_EQ(Agent_Jobs::NOTHING_NEW, jobs_->change_since(now.run_id, now.revision));
+    EXPECT_EQ(Agent_Jobs::NEW_NUMBERS, jobs_->change_since(now.run_id, now.revision - 1));
+    EXPECT_EQ(Agent_Jobs::NEW_STATE, jobs_->change_since(now.run_id, 0));
+    gate.open();
+    ASSERT_TRUE(jobs_->wait_for_finished([&] { return !slow->running(); }, 60));
+    Job_Run const over = found(slow->run_id());
+    EXPECT_EQ("", over.phase);
+    EXPECT_EQ(10, over.elapsed);
+    EXPECT_EQ(-1, over.remaining);
+    EXPECT_EQ(Agent_Jobs::OVER, jobs_->change_since(over.run_id, now.revision));
+}
+
+TEST_F(Agent_Jobs_Test, what_a_run_waits_for_is_no_work) {
+    Gate gate;
+    Job_var const waits = job([&](Job& job, Job_Event_Handler& events) {
+        events.handle_start_job();
+        jobs_->waiting(job, "job 7");
+        clock_.sleep_ns(100 * NS_PER_SECOND);
+        jobs_->waiting(job, "");
+        clock_.sleep_ns(10 * NS_PER_SECOND);
+        events.handle_progress(50, 5000, 10000, 0);
+        gate.pass(job);
+        events.handle_success();
+    });
+    ASSERT_EQ(0, waits->start());
+    ASSERT_TRUE(gate.wait_for_arrivals(1));
+    Job_Run const now = found(waits->run_id());
+    EXPECT_EQ(110, now.elapsed);
+    EXPECT_EQ(10, now.remaining);
+    EXPECT_EQ(500U, now.average_speed);
+    gate.open();
+    ASSERT_TRUE(jobs_->wait_for_finished([&] { return !waits->running(); }, 60));
+}
+
 TEST_F(Agent_Jobs_Test, a_run_that_is_canceled_says_what_it_has_left) {
     std::string const id = run([&](Job&, Job_Event_Handler& events) {
         events.handle_start_job();
