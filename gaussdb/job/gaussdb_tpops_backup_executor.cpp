@@ -194,7 +194,7 @@ bool TPOPS_Backup::init() {
         return false;
     backup_uuid_ = uuid_binary_to_string(act_.id);
     act_.start_time = time(nullptr);
-    policy_name_ = string_sprintf("%s%s", Roach_Source::TPOPS_PREFIX, src_->id().c_str());
+    policy_name_ = string_sprintf("tpops_%s", src_->id().c_str());
     backup_type_ = def_.subtype();
     get_incarnation();
     get_databases_size();
@@ -260,15 +260,21 @@ void TPOPS_Backup::get_databases_size() {
 
 bool TPOPS_Backup::set_backup_info() {
     auto const put = [this](char const* key, std::string const& value) {
-        if (ask_platform([&] {
-                return tpops_client_.put_extend_info(instance_id_.c_str(), key, value.c_str());
-            }))
-            return true;
-        QMRT_LOG(LM_ERROR, "Failed to set %s info for GaussDB instance '%s'\n", key,
+        return ask_platform([&] {
+            return tpops_client_.put_extend_info(instance_id_.c_str(), key, value.c_str());
+        });
+    };
+    if (!put("BackupSet", policy_name_)) {
+        QMRT_LOG(LM_ERROR, "Failed to set BackupSet info for GaussDB instance '%s'\n",
                  src_->instance_.c_str());
         return false;
-    };
-    return put("BackupSet", policy_name_) && put("XbsaRoute", xbsa_route_);
+    }
+    if (!put("XbsaRoute", xbsa_route_)) {
+        QMRT_LOG(LM_ERROR, "Failed to set XbsaRoute info for GaussDB instance '%s'\n",
+                 src_->instance_.c_str());
+        return false;
+    }
+    return true;
 }
 
 bool TPOPS_Backup::change_backup_media() {
@@ -341,7 +347,14 @@ void TPOPS_Backup::init_query_info() {
 }
 
 bool TPOPS_Backup::get_job_state(char const* job_id, TPOPS_Job_State& state) {
-    return read_job_state(tpops_client_, "job", job_id, state);
+    if (QMRT_IS_NULL_OR_EMPTY(job_id))
+        return false;
+    Value result;
+    if (read_job_state(tpops_client_, job_id, state, result))
+        return true;
+    QMRT_LOG(LM_ERROR, "Failed to get GaussDB job '%s' details: %s\n", names::shown(job_id).c_str(),
+             JSON_Dump(result, false).c_str());
+    return false;
 }
 
 bool TPOPS_Backup::get_log_job_state(Backup_Info_Query const& query, TPOPS_Job_State& state) {

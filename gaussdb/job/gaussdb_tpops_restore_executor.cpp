@@ -70,8 +70,8 @@ bool TPOPS_Restore::execute_i(Job::Action_Options const*) {
 }
 
 bool TPOPS_Restore::restore(std::string const& pool_uuid, std::string const& compression) {
-    std::string const policy_name = string_sprintf("%s%s_%s", Roach_Source::TPOPS_PREFIX,
-                                                   src_->id().c_str(), tgt_.id().c_str());
+    std::string const policy_name =
+        string_sprintf("tpops_%s_%s", src_->id().c_str(), tgt_.id().c_str());
     Run_Hold const policy_hold(job_,
                                {Run_Hold::policy(Host_Manager::instance()->uuid(), policy_name)});
     if (!policy_hold)
@@ -275,5 +275,12 @@ bool TPOPS_Restore::start_restore() {
 }
 
 bool TPOPS_Restore::get_job_state(char const* job_id, TPOPS_Job_State& state) {
-    return read_job_state(client_, "restore job", job_id, state);
+    if (QMRT_IS_NULL_OR_EMPTY(job_id))
+        return false;
+    Value result;
+    if (read_job_state(client_, job_id, state, result))
+        return true;
+    QMRT_LOG(LM_ERROR, "Failed to get GaussDB restore job '%s' details: %s\n",
+             names::shown(job_id).c_str(), JSON_Dump(result, false).c_str());
+    return false;
 }

@@ -8,8 +8,6 @@
 #include "host/job/job.h"
 #include "host/job/job_backend.h"
 #include "json_spirit/access.h"
-#include "json_spirit/text.h"
-#include "qmrt/check.h"
 #include "qmrt/log.h"
 #include "qmrt/names.h"
 
@@ -159,24 +157,17 @@ bool GaussDB_TPOPS_Run::wait_for_job(Job_Event_Handler& events, Ask_State const&
     return true;
 }
 
-bool GaussDB_TPOPS_Run::read_job_state(TPOPS_RESTful_Client& client, char const* what,
-                                       char const* job_id, TPOPS_Job_State& state) const {
-    if (QMRT_IS_NULL_OR_EMPTY(job_id))
-        return false;
-    json_spirit::Value result;
-    bool const answered = ask_platform([&] { return client.get_job_details(job_id, result); });
+bool GaussDB_TPOPS_Run::read_job_state(TPOPS_RESTful_Client& client, char const* job_id,
+                                       TPOPS_Job_State& state, json_spirit::Value& result) const {
     json_spirit::Object const* job = nullptr;
     std::string status;
-    if (answered && result.type() == json_spirit::obj_type &&
-        json_spirit::object_get(result.get_obj(), "job", job) &&
-        json_spirit::object_get(*job, "status", status)) {
-        state = tpops_state_from_string(status.c_str(), static_cast<int>(status.size()));
-        if (state != TPOPS_JOB_STATE_ERROR)
-            return true;
-    }
-    QMRT_LOG(LM_ERROR, "Failed to get GaussDB %s '%s' details: %s\n", what,
-             names::shown(job_id).c_str(), JSON_Dump(result, false).c_str());
-    return false;
+    if (!ask_platform([&] { return client.get_job_details(job_id, result); }) ||
+        result.type() != json_spirit::obj_type ||
+        !json_spirit::object_get(result.get_obj(), "job", job) ||
+        !json_spirit::object_get(*job, "status", status))
+        return false;
+    state = tpops_state_from_string(status.c_str(), static_cast<int>(status.size()));
+    return state != TPOPS_JOB_STATE_ERROR;
 }
 
 void GaussDB_TPOPS_Run::platform_answers(bool answers) {

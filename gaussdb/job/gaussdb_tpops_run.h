@@ -70,12 +70,12 @@ protected:
     [[nodiscard]] bool wait_for_job(Job_Event_Handler& events, Ask_State const& ask,
                                     bool building_runs, TPOPS_Job_State& state);
     /**
-     * Reads the state of a job of the platform.
-     * @param what   the job in the error line, such as "restore job"
-     * @param state  set also for a job that failed, for which this returns false
+     * Reads the state of a job of the platform; logs nothing of its own.
+     * @param state   set also for a job that failed, for which this returns false
+     * @param result  gets the platform's answer
      */
-    [[nodiscard]] bool read_job_state(TPOPS_RESTful_Client& client, char const* what,
-                                      char const* job_id, TPOPS_Job_State& state) const;
+    [[nodiscard]] bool read_job_state(TPOPS_RESTful_Client& client, char const* job_id,
+                                      TPOPS_Job_State& state, json_spirit::Value& result) const;
     /** Shows that the run waits for the platform, or no longer does. */
     void platform_answers(bool answers);
     /** Tells the run's log how to end what the platform goes on with after a cancel. */
