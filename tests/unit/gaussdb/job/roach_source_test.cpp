@@ -318,6 +318,30 @@ TEST_F(Roach_Source_Test, the_tools_programs_of_the_policys_owner_end) {
     EXPECT_TRUE(was_ended(tool));
 }
 
+TEST_F(Roach_Source_Test, a_run_of_tpops_keeps_its_policy_beside_those_of_other_clusters) {
+    ASSERT_TRUE(source(GAUSSDB_TPOPS, 0, COMPR_NONE, "tpops_r-1").dump_policy());
+    EXPECT_TRUE(source().dump_policy());
+    EXPECT_TRUE(exists(root("tpops_r-1")));
+    Roach_Source later = source(GAUSSDB_TPOPS, 0, COMPR_NONE, "tpops_r-2");
+    ASSERT_TRUE(later.dump_policy());
+    EXPECT_TRUE(exists(root("policy-1"))) << "nor does it end theirs";
+    write(root("meta/backupset_nbu.ini"), "x");
+    EXPECT_TRUE(later.remove_policy());
+    EXPECT_FALSE(exists(root("tpops_r-2")));
+    EXPECT_TRUE(exists(root("meta/backupset_nbu.ini")));
+}
+
+TEST_F(Roach_Source_Test, a_run_of_tpops_leaves_the_tools_directories_to_whom_they_belong) {
+    ASSERT_TRUE(source(GAUSSDB_TPOPS, 0, COMPR_NONE, "tpops_r-1").create_path());
+    EXPECT_TRUE(exists(root("meta"))); // the cache's directory is made by it, too
+    EXPECT_EQ(0, chown_r(root("meta").c_str(), "bin"));
+    ASSERT_TRUE(source(GAUSSDB_TPOPS, 0, COMPR_NONE, "tpops_r-1").create_path());
+    struct stat status;
+    ASSERT_EQ(0, stat(root("meta").c_str(), &status));
+    EXPECT_EQ(2u, status.st_uid);
+    EXPECT_FALSE(exists(root("meta.2")));
+}
+
 TEST_F(Roach_Source_Test, what_an_earlier_run_has_left_is_ended_before_another_begins) {
     EXPECT_TRUE(source().dump_policy());
     pid_t const tool = start_tool();
