@@ -105,7 +105,7 @@ class Server(object):
         seen = {"endpoint": None, "path": request.rel_url.raw_path, "query": request.rel_url.raw_query_string,
                 "body": content.decode(errors="replace"), "status": None, "user": None}
         self.requests.append(seen)
-        done = False
+        endpoint = None
         try:
             endpoint, parts = find_endpoint(request.method, request.raw_path.partition("?")[0])
             seen["endpoint"] = endpoint.name
@@ -113,13 +113,14 @@ class Server(object):
             if action == "wait":
                 await self.jobs.hold_until(self.new_rules)
                 action = None
-            if action is None:
-                status, body = 200, await self.call(request, endpoint, parts, content, seen)
-                done = True
-                action = self.faults.take(endpoint.name, "after")
+            if action is not None:
+                return await self.go_wrong(request, seen, action)
+            status, body = 200, await self.call(request, endpoint, parts, content, seen)
         except Refused as refused:
-            status, body, action = refused.status, refused.body, None
-        if action == "down" and done:
+            status, body = refused.status, refused.body
+        # one whose token is refused will be made again
+        action = self.faults.take(endpoint.name, "after") if endpoint and status != 401 else None
+        if action == "down":
             self.close_port()
             response = await self.answer(request, seen, status, body)
             self.down()
