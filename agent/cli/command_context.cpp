@@ -91,6 +91,8 @@ int Command_Context::fail(Exit_Code code, std::string const& what, std::string c
     tell("zenbrak3: " + printable(what) + "\n");
     if (!advice.empty())
         tell(printable(advice) + "\n");
+    message_ = what;
+    hint_ = advice;
     return status_ = code;
 }
 
@@ -99,11 +101,28 @@ void Command_Context::print(std::string const& text) {
     std::fflush(stdout);
 }
 
-void Command_Context::print_json(json_spirit::Value const& value) {
-    std::string text = json_spirit::to_text(value, true);
+void Command_Context::print_json(json_spirit::Value const& value, bool indented) {
+    std::string text = json_spirit::to_text(value, indented);
     if (!text.ends_with('\n'))
         text += '\n';
     print(printable_json(text));
+    printed_json_ = true;
+}
+
+void Command_Context::print_json_error(int status) {
+    if (!json_ || printed_json_ || status == EXIT_OK)
+        return;
+    if (message_.empty())
+        message_ = status == EXIT_INTERRUPTED ? "interrupted" : "Nothing was changed.";
+    print_json(json_error(status, message_, hint_));
+}
+
+json_spirit::Value json_error(int code, std::string const& message, std::string const& hint) {
+    return json_spirit::Object{
+        {"error", json_spirit::Object{
+                      {"code", code},
+                      {"message", message},
+                      {"hint", hint.empty() ? json_spirit::Value() : json_spirit::Value(hint)}}}};
 }
 
 void Command_Context::tell(std::string const& text) {

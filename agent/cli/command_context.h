@@ -10,6 +10,9 @@
 #include <functional>
 #include <string>
 
+/** {"error": {"code", "message", "hint"}}; a hint of "" is null. */
+json_spirit::Value json_error(int code, std::string const& message, std::string const& hint);
+
 /**
  * What every command works with: the agent, the terminal, and one way to print and to fail. Results
  * go to stdout; what went wrong, to what, and what to do next go to stderr.
@@ -47,8 +50,13 @@ public:
     int status() const { return status_; }
 
     void print(std::string const& text);
-    /** Prints a result as JSON, indented. */
-    void print_json(json_spirit::Value const& value);
+    /** Prints a result as JSON, indented or on one line. */
+    void print_json(json_spirit::Value const& value, bool indented = true);
+    /**
+     * With JSON wanted there is always one document: when a command ends without one, this prints
+     * {"error": {"code", "message", "hint"}}; the code is the exit status.
+     */
+    void print_json_error(int status);
     /** Prints to stderr. */
     static void tell(std::string const& text);
 
@@ -66,7 +74,10 @@ private:
     Agent_Connection& agent_;
     Terminal const terminal_;
     bool const json_;
+    bool printed_json_ = false;
     int status_ = EXIT_OK;
+    std::string message_; ///< of the last failure
+    std::string hint_;    ///< what to do about it; "" for nothing
 };
 
 #endif

@@ -3,8 +3,10 @@
 #include "agent/cli/name_check.h"
 #include "agent/cli/terminal.h"
 #include "agent/cli/unix_connection.h"
+#include "json_spirit/text.h"
 #include "qmrt/posix_time.h"
 
+#include <algorithm>
 #include <iostream>
 #include <sstream>
 
@@ -525,10 +527,18 @@ bool Command_Line::parse(int argc, char const* const* argv, int& status) {
     try {
         app_.parse(argc, argv);
         check_backup();
+        if (json_ && watch_ > 0)
+            throw CLI::ValidationError("--watch", "cannot go with --json, which is one document");
     } catch (CLI::ParseError const& error) {
         std::ostringstream fault; // has in it what was typed, or pasted from elsewhere
         status = app_.exit(error, std::cout, fault) == 0 ? EXIT_OK : EXIT_USAGE;
         std::cerr << printable_lines(fault.str());
+        if (status != EXIT_OK &&
+            std::find(argv, argv + argc, std::string_view("--json")) != argv + argc)
+            std::cout << printable_json(json_spirit::to_text(
+                json_error(status, error.what(),
+                           "`zenbrak3 --help` and `zenbrak3 COMMAND --help` say what there is."),
+                true));
         return false;
     }
     CLI::App const* parsed = &app_;

@@ -104,7 +104,7 @@ int tell_outcome(Command_Context& context, std::string const& id, Object const& 
                  Progress_Form form) {
     Exit_Code const code = exit_code_of(run);
     if (form == Progress_Form::JSON) { // its last line
-        context.print(printable_json(json_spirit::to_text(run)) + "\n");
+        context.print_json(run, false);
         return code;
     }
     if (context.json()) {
@@ -387,13 +387,14 @@ int show_job_log(Command_Context& context, std::string const& job, bool follow, 
         Interruption::install();
     auto const pause = std::chrono::milliseconds(static_cast<int64_t>(interval * 1000));
     int64_t offset = 0;
+    std::string all; // for JSON, which is one document
     for (;;) {
         Object part;
         if (!context.ask("job.log", Object{{"job", job}, {"offset", offset}},
                          "read the log of job " + job, part, LIST_JOBS))
             return context.status();
         if (context.json())
-            context.print_json(part);
+            all += object_get_str(part, "text");
         else
             context.print(printable_lines(object_get_str(part, "text")));
         int64_t const next = number_of(part, "next_offset", offset);
@@ -401,8 +402,11 @@ int show_job_log(Command_Context& context, std::string const& job, bool follow, 
         json_spirit::object_get(part, "finished", finished);
         bool const more = next > offset;
         offset = next;
-        if (!more && (finished || !follow))
+        if (!more && (finished || !follow)) {
+            if (context.json())
+                context.print_json(Object{{"text", all}, {"finished", finished}});
             return EXIT_OK;
+        }
         if (!more && !Interruption::sleep(pause))
             return EXIT_INTERRUPTED;
     }

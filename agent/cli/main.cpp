@@ -37,7 +37,9 @@ int main(int argc, char** argv) {
             return status;
         Unix_Connection agent(socket_path(line));
         Command_Context context(agent, Terminal::of_stdout(), line.json());
-        return flushed(context, line.run(context));
+        int const ended = line.run(context);
+        context.print_json_error(ended);
+        return flushed(context, ended);
     } catch (std::exception const& error) {
         Command_Context::tell(std::string("zenbrak3: ") + printable(error.what()) + "\n");
         return EXIT_FAILED;

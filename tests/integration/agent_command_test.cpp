@@ -31,6 +31,37 @@ TEST_F(Agent_Command_Test, json_is_the_result_as_it_came) {
     EXPECT_THAT(out(), HasSubstr("\n  \"name\""));
 }
 
+TEST_F(Agent_Command_Test, an_error_with_json_is_one_document) {
+    auto const error = [&] {
+        Value printed;
+        EXPECT_TRUE(json_spirit::parse(out(), printed, nullptr)) << out();
+        return printed.get_obj().at("error").get_obj();
+    };
+    agent_->on("job.show", Scripted_Agent::Answer([](Value const&) -> Value {
+                   throw Scripted_Agent::Refusal{-32004, "job \"x\x1b\" is not known"};
+               }));
+    EXPECT_EQ(4, run({"job", "show", "x", "--json"}));
+    EXPECT_EQ(Value(4), error().at("code"));
+    EXPECT_THAT(error().at("message").get_str(), HasSubstr("cannot show job x: job \"x"));
+    EXPECT_EQ(Value("`zenbrak3 jobs` lists the jobs."), error().at("hint"));
+    EXPECT_THAT(out(), Not(HasSubstr("\x1b")));
+    EXPECT_NE("", err());
+
+    EXPECT_EQ(2, run({"nonsense", "--json"}));
+    EXPECT_EQ(Value(2), error().at("code"));
+    EXPECT_EQ(2, run({"pools", "--watch", "--json"}));
+    EXPECT_THAT(error().at("message").get_str(), HasSubstr("--watch"));
+
+    agent_->on("job.log",
+               std::vector<Value>{Object{{"text", "a\n"}, {"next_offset", 2}, {"finished", false}},
+                                  Object{{"text", "b\n"}, {"next_offset", 4}, {"finished", false}},
+                                  Object{{"text", ""}, {"next_offset", 4}, {"finished", true}}});
+    EXPECT_EQ(0, run({"job", "log", "x", "--json", "--follow", "--interval", "0.01"}));
+    Value printed;
+    ASSERT_TRUE(json_spirit::parse(out(), printed, nullptr)) << out();
+    EXPECT_EQ(Value("a\nb\n"), printed.get_obj().at("text"));
+}
+
 Array const INSTANCES{Object{{"name", "production-of-the-northern-warehouse"},
                              {"type", "gaussdb"},
                              {"uuid", "6f9619ff-8b86-d011-b42d-00cf4fc9648f"},
