@@ -85,6 +85,19 @@ TEST_F(Modify_Instance_Test, every_member_that_can_be_changed) {
         EXPECT_EQ(value, record("c1")->options.at(key)) << key;
 }
 
+TEST_F(Modify_Instance_Test, members_of_a_platform_that_cannot_be_one_change_nothing) {
+    Object const before = record("c1")->options;
+    for (auto const& [key, value] : Object{{"tpops_host", "h/x"},
+                                           {"xbsa_host", "-h"},
+                                           {"tpops_port", 65536},
+                                           {"xbsa_port", "8002"},
+                                           {"xbsa_ssl", 1}}) {
+        EXPECT_EQ("-32602 Invalid params", error(Object{{"name", "c1"}, {key, value}})) << key;
+        EXPECT_LOGGED(LM_ERROR, "Invalid request to modify instance c1, ");
+    }
+    EXPECT_EQ(before, record("c1")->options);
+}
+
 TEST_F(Modify_Instance_Test, a_name_alone_initialises_anew_and_changes_nothing) {
     Object const before = record("c1")->options;
     EXPECT_EQ(Value(true), result(Object{{"name", "c1"}}));

@@ -50,6 +50,13 @@ TEST_F(TPOPS_List_Test, an_instance_on_record_lists_itself_alone) {
     EXPECT_EQ(Value(Array{offered("b")}), result(Object{{"name", "b"}}));
 }
 
+TEST_F(TPOPS_List_Test, of_two_with_one_name_the_first_is_listed) {
+    offers({"b", "b"});
+    put_record("b", platform_.record("id-b"));
+    EXPECT_EQ(Value(Array{offered("b")}), result(Object{{"name", "b"}}));
+    EXPECT_EQ(Value(Array{offered("b"), offered("b")}), result(login()));
+}
+
 TEST_F(TPOPS_List_Test, an_instance_that_is_not_on_record_is_refused_without_asking) {
     EXPECT_EQ("-32602 Instance does not exists", error(Object{{"name", "b"}}));
     Object both = login();
