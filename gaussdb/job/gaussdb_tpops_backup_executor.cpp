@@ -88,6 +88,7 @@ bool TPOPS_Backup::execute_i(Job::Action_Options const*) {
     ACE_Guard<ACE_Thread_Mutex> const lock(Job_Mutex::get(src_->id()));
     if (!lock.locked() || QMRT_IS_NULL_AT(LM_ERROR, opts_))
         return false;
+    job_.phase("asking the platform");
     if (!init()) {
         QMRT_LOG(LM_ERROR, "Failed to initialize backup info for GaussDB instance '%s'\n",
                  src_->instance_.c_str());
@@ -149,6 +150,7 @@ bool TPOPS_Backup::run_backup(Roach_Source& policy, GaussDB_Backup_Set& cat) {
     if (!start_backup())
         return false;
     init_query_info();
+    job_.phase("the platform takes the backup");
     TPOPS_Job_State state = TPOPS_JOB_STATE_NONE;
     auto const ask = [this](TPOPS_Job_State& now) {
         return is_log() ? get_log_job_state(backup_info_query_, now)
@@ -167,6 +169,7 @@ bool TPOPS_Backup::run_backup(Roach_Source& policy, GaussDB_Backup_Set& cat) {
 }
 
 bool TPOPS_Backup::complete_set(GaussDB_Backup_Set& cat) {
+    job_.phase("completing the backup set");
     ACE_INT64 storage_size = 0;
     ACE_INT64 set_size = 0;
     (void)get_size(storage_size, set_size); // an unknown size does not fail the backup
@@ -286,6 +289,7 @@ bool TPOPS_Backup::change_backup_media() {
     TPOPS_Job_State state = TPOPS_JOB_STATE_NONE;
     if (changed && job_id.empty())
         return true;
+    job_.phase("the platform changes the backup media");
     if (changed) {
         do {
             if (canceled()) {

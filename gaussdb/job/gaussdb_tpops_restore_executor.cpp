@@ -60,6 +60,7 @@ bool TPOPS_Restore::execute_i(Job::Action_Options const*) {
         return false;
     act_.progress = 0;
     act_.start_time = time(nullptr);
+    job_.phase("asking the platform");
     std::string pool_uuid;
     std::string compression;
     if (!parse_instance_entry(src_->restore_as_, tgt_instance_) ||
@@ -99,6 +100,7 @@ bool TPOPS_Restore::restore(std::string const& pool_uuid, std::string const& com
 bool TPOPS_Restore::restore_on_platform() {
     if (!set_restore_time() || !start_restore())
         return false;
+    job_.phase("the platform restores the instance");
     TPOPS_Job_State state = TPOPS_JOB_STATE_NONE;
     auto const ask = [this](TPOPS_Job_State& now) { return get_job_state(job_id_.c_str(), now); };
     if (!wait_for_job(evt_handler_, ask, false, state)) {
