@@ -119,7 +119,7 @@ METHODS = {
     "catalog.abort": ({"uuid": ID}, ["uuid"]),
     "catalog.add_piece": ({"uuid": ID, "pieces": [{"path": "a/b", "size": 1}]}, ["uuid", "pieces.0.path"]),
     "catalog.get_view": ({"type": "gaussdb", "view": "catalogs", "query": {}}, ["type", "view"]),
-    "catalog.abort_open": ({"host_uuid": ID, "before": 1}, ["host_uuid"]),
+    "catalog.abort_open": ({"host_uuid": ID, "before": 1, "uuid": ID}, ["host_uuid", "uuid"]),
     "backupd.instance.notify": ({"type": "gaussdb", "name": "n", "uuid": ID, "change": "added"},
                                 ["type", "name", "uuid", "change"]),
     "backup_set.gaussdb_restore_branch": ({"resource_uuid": ID, "restore_time": "2026-11-21 10:00:00"},
