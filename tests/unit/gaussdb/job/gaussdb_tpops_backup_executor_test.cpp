@@ -408,6 +408,26 @@ TEST_F(TPOPS_Backup_Test, PlatformThatIsDownIsWaitedForAndThatIsShown) {
     EXPECT_THAT(told, ElementsAre(waiting, "waiting ", waiting, "waiting "));
 }
 
+/** Waits for a while that can be told between two polls. */
+class Patient_Backup : public GaussDB_TPOPS_Backup_Executor {
+public:
+    static constexpr int PAUSE_MS = 20;
+    explicit Patient_Backup(Job& job) : GaussDB_TPOPS_Backup_Executor(job) {
+        EXPECT_EQ(ACE_Time_Value(3), sleep_interval_);
+        sleep_interval_.set(0, PAUSE_MS * 1000);
+    }
+};
+
+TEST_F(TPOPS_Backup_Test, PlatformHasTimeBetweenTwoPolls) {
+    say(JOBS, {job("running"), job("completed"), job("running"), job("running"), job("completed")});
+    new_platform();
+    auto const begin = std::chrono::steady_clock::now();
+    ASSERT_EQ(SUCCESS, run(Job_var(new Controllable_Job_T<Patient_Backup>(def_), false), RESOURCE));
+    EXPECT_LE(std::chrono::milliseconds(5 * Patient_Backup::PAUSE_MS),
+              std::chrono::steady_clock::now() - begin);
+    EXPECT_EQ(5u, count(JOBS));
+}
+
 TEST_F(TPOPS_Backup_Test, FailedJobFailsTheRun) {
     have_full_set();
     say(JOBS, {job("running"), job("FAILED")});
