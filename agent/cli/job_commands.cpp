@@ -18,6 +18,7 @@ using json_spirit::Value;
 
 namespace {
 
+constexpr char LISTING_JOBS[] = "list the jobs";
 constexpr char LIST_JOBS[] = "`zenbrak3 jobs` lists the jobs.";
 constexpr std::chrono::milliseconds FIRST_LOOK{50};
 constexpr int64_t LONGEST_PAUSE_MS = 30000; ///< the agent's own limit
@@ -337,12 +338,13 @@ int list_jobs(Command_Context& context, Job_Filter const& filter, double interva
         params["limit"] = filter.limit;
     return context.show(interval, [&](std::string& text) {
         Object result;
-        if (!context.ask("job.list", params, "list the jobs", result))
+        if (!context.ask("job.list", params, LISTING_JOBS, result))
             return false;
-        if (context.json()) {
-            text = printable_json(json_spirit::to_text(result, true));
-            return true;
-        }
+        Array jobs;
+        json_spirit::object_get(result, "jobs", jobs);
+        if (jobs.empty() && (!is_known(context, "instance", filter.instance, LISTING_JOBS) ||
+                             !is_known(context, "definition", filter.definition, LISTING_JOBS)))
+            return false;
         Table table({{"JOB", "run_id", context.id_form()},
                      {"TYPE", "type"},
                      {"LEVEL", "subtype"},
@@ -354,15 +356,12 @@ int list_jobs(Command_Context& context, Job_Filter const& filter, double interva
                      {"TOOK", "took"},
                      {"ALERTS", "alerts"},
                      {"DEFINITION", "name"}});
-        Array jobs;
-        json_spirit::object_get(result, "jobs", jobs);
         for (Object run : json_spirit::objects_of(jobs)) {
             run["took"] = took(run);
             run["state"] = state_text(run);
             table.add(run);
         }
-        text = table.empty() && context.terminal().interactive ? "No jobs.\n"
-                                                               : table.text(context.terminal());
+        text = text_of_list(context, result, table, "No jobs.");
         return true;
     });
 }

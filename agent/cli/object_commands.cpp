@@ -52,6 +52,38 @@ bool read_wishes(Pool_Wishes const& wishes, Object& params, std::string& error) 
     return true;
 }
 
+constexpr char LISTING_BACKUPS[] = "list the backups";
+
+/** The pools; none when the agent does not tell. */
+Array list_of_pools(Command_Context& context) {
+    Value answer;
+    bool const told = context.try_to_ask("pool.list", Object(), answer);
+    return told && answer.type() == json_spirit::obj_type ? array_of(answer.get_obj(), "pools")
+                                                          : Array();
+}
+
+/** A pool's name by its uuid; the uuid of one that is gone. */
+std::string pool_name(Array const& pools, std::string const& uuid) {
+    for (Object const& pool : json_spirit::objects_of(pools))
+        if (json_spirit::object_get_str(pool, "uuid") == uuid)
+            return json_spirit::object_get_str(pool, "name");
+    return uuid;
+}
+
+/** @param name  or uuid; "" for any. @return false after the user was told */
+bool is_known_pool(Command_Context& context, Array const& pools, std::string const& name) {
+    for (Object const& pool : json_spirit::objects_of(pools))
+        for (char const* const key : {"name", "uuid"})
+            if (json_spirit::object_get_str(pool, key) == name)
+                return true;
+    if (name.empty() || pools.empty())
+        return true;
+    context.fail(EXIT_NOT_FOUND,
+                 std::string("cannot ") + LISTING_BACKUPS + ": pool " + name + " does not exist",
+                 "`zenbrak3 pools` lists the pools.");
+    return false;
+}
+
 } // namespace
 
 int show_info(Command_Context& context) {
@@ -167,20 +199,30 @@ int list_backups(Command_Context& context, Backup_Filter const& filter, double i
         "table", json_spirit::Skip_Empty_Helper(filter.table));
     if (filter.limit > 0)
         params["limit"] = filter.limit;
-    Table const table({{"BACKUP", "uuid", context.id_form()},
-                       {"INSTANCE", "instance"},
-                       {"TYPE", "type"},
-                       {"ENDED", "backup_end_time", Form::TIME},
-                       {"SIZE", "backup_set_size", Form::SIZE},
-                       {"KEY", "backup_key"},
-                       {"POOL", "pool_uuid", context.id_form()}});
     return context.show(interval, [&](std::string& text) {
         Object answer;
-        if (!list_text(context, "backup.list", params, "list the backups", "backups", table,
-                       "No backups.", text, &answer))
+        if (!context.ask("backup.list", params, LISTING_BACKUPS, answer))
             return false;
+        Array const backups = array_of(answer, "backups");
+        Array const pools = backups.empty() || !context.json() ? list_of_pools(context) : Array();
+        if (backups.empty() && (!is_known(context, "instance", filter.instance, LISTING_BACKUPS) ||
+                                !is_known_pool(context, pools, filter.pool)))
+            return false;
+        Table table({{"BACKUP", "uuid", context.id_form()},
+                     {"INSTANCE", "instance"},
+                     {"TYPE", "type"},
+                     {"ENDED", "backup_end_time", Form::TIME},
+                     {"DATA", "source_size", Form::SIZE},
+                     {"SIZE", "backup_set_size", Form::SIZE},
+                     {"KEY", "backup_key"},
+                     {"POOL", "pool"}});
+        for (Object backup : json_spirit::objects_of(backups)) {
+            backup["pool"] = pool_name(pools, json_spirit::object_get_str(backup, "pool_uuid"));
+            table.add(backup);
+        }
+        text = text_of_list(context, answer, table, "No backups.");
         Array const windows = array_of(answer, "windows");
-        if (!windows.empty()) {
+        if (!windows.empty() && !context.json()) {
             Table times({{"TO ANY TIME FROM", "from", Form::TIME}, {"UNTIL", "until", Form::TIME}});
             times.add(windows);
             text += "\n" + times.text(context.terminal());

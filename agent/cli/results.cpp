@@ -17,17 +17,27 @@ bool list_text(Command_Context& context, std::string const& method, Object const
     Object result;
     if (!context.ask(method, params, doing, result))
         return false;
-    if (context.json()) {
-        text = printable_json(json_spirit::to_text(result, true));
-        return true;
-    }
     table.add(array_of(result, key));
-    // what reads a pipe gets a table without rows
-    text = table.empty() && context.terminal().interactive ? std::string(none) + "\n"
-                                                           : table.text(context.terminal());
-    if (answer)
+    text = text_of_list(context, result, table, none);
+    if (answer && !context.json())
         *answer = std::move(result);
     return true;
+}
+
+std::string text_of_list(Command_Context const& context, Object const& result, Table const& table,
+                         char const* none) {
+    if (context.json())
+        return printable_json(json_spirit::to_text(result, true));
+    // what reads a pipe gets a table without rows
+    return table.empty() && context.terminal().interactive ? std::string(none) + "\n"
+                                                           : table.text(context.terminal());
+}
+
+bool is_known(Command_Context& context, std::string const& kind, std::string const& name,
+              std::string const& doing) {
+    Object ignored;
+    return name.empty() || context.ask(kind + ".show", Object{{kind, name}}, doing, ignored,
+                                       "`zenbrak3 " + kind + "s` lists the " + kind + "s.");
 }
 
 int show_object(Command_Context& context, Object const& object, std::vector<Column> const& fields,

@@ -13,13 +13,25 @@
 json_spirit::Array array_of(json_spirit::Object const& object, char const* key);
 
 /**
- * Asks for a list and makes its text: JSON, a table, or a sentence when there is nothing.
+ * Asks for a list and makes its text, see text_of_list().
+ * @param key     of the list's rows
  * @param answer  if not null and the text is not JSON, set to what was answered
  */
 [[nodiscard]] bool list_text(Command_Context& context, std::string const& method,
                              json_spirit::Object const& params, std::string const& doing,
                              char const* key, Table table, char const* none, std::string& text,
                              json_spirit::Object* answer = nullptr);
+/** The result as JSON, or the table of its rows, or for people a sentence when it has none. */
+std::string text_of_list(Command_Context const& context, json_spirit::Object const& result,
+                         Table const& table, char const* none);
+/**
+ * Whether something exists that a list was asked for by, so that an empty list can be trusted.
+ * @param kind  "instance" or "definition"
+ * @param name  "" for any, which exists
+ * @return false after the user was told
+ */
+[[nodiscard]] bool is_known(Command_Context& context, std::string const& kind,
+                            std::string const& name, std::string const& doing);
 
 /** An object of the result by its fields, or as JSON. */
 int show_object(Command_Context& context, json_spirit::Object const& object,

@@ -31,6 +31,39 @@ TEST_F(Agent_Command_Test, json_is_the_result_as_it_came) {
     EXPECT_THAT(out(), HasSubstr("\n  \"name\""));
 }
 
+TEST_F(Agent_Command_Test, an_empty_list_can_be_trusted) {
+    agent_->on("backup.list", Object{{"backups", Array()}});
+    agent_->on("job.list", Object{{"jobs", Array()}});
+    agent_->on("pool.list", Object{{"pools", Array{Object{{"uuid", "p-1"}, {"name", "main"}}}}});
+    EXPECT_EQ(0, run({"backups", "prod", "--pool", "main"}));
+    EXPECT_EQ(0, run({"backups", "--pool", "p-1"}));
+    EXPECT_EQ(0, run({"jobs", "--instance", "prod"}));
+    EXPECT_EQ(4, run({"backups", "--pool", "mian"}));
+    EXPECT_EQ("zenbrak3: cannot list the backups: pool mian does not exist\n"
+              "`zenbrak3 pools` lists the pools.\n",
+              err());
+    EXPECT_EQ("", out());
+    auto const unknown = Scripted_Agent::Answer([](Value const&) -> Value {
+        throw Scripted_Agent::Refusal{-32004, "it is unknown"};
+    });
+    agent_->on("instance.show", unknown);
+    agent_->on("definition.show", unknown);
+    EXPECT_EQ(4, run({"backups", "prdo"}));
+    EXPECT_EQ(4, run({"backups", "prdo", "--json"}));
+    EXPECT_EQ(4, run({"jobs", "--instance", "prdo"}));
+    EXPECT_THAT(err(), HasSubstr("cannot list the jobs: it is unknown\n"
+                                 "`zenbrak3 instances` lists the instances."));
+    EXPECT_EQ(4, run({"jobs", "--definition", "nightyl"}));
+    // what is gone may have left backups
+    agent_->on("backup.list", Object{{"backups", Array{Object{{"uuid", "b-1"},
+                                                              {"source_size", 2048},
+                                                              {"backup_set_size", 1024},
+                                                              {"pool_uuid", "p-1"}}}}});
+    EXPECT_EQ(0, run({"backups", "prdo"}));
+    EXPECT_THAT(out(), HasSubstr("2.0 KiB  1.0 KiB"));
+    EXPECT_THAT(out(), HasSubstr("  main\n"));
+}
+
 TEST_F(Agent_Command_Test, an_error_with_json_is_one_document) {
     auto const error = [&] {
         Value printed;

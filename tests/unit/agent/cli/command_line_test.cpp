@@ -31,6 +31,14 @@ protected:
         return status;
     }
     Object params(size_t call) const { return agent_.calls.at(call).second.get_obj(); }
+    /** Those of the last call of a method. */
+    Object params_of(std::string const& method) const {
+        Object found;
+        for (auto const& [called, params] : agent_.calls)
+            if (called == method)
+                found = params.get_obj();
+        return found;
+    }
 
     Scripted_Connection agent_;
     std::string out_;
@@ -244,17 +252,17 @@ TEST_F(Command_Line_Test, filters_are_sent_only_when_they_are_given) {
     agent_.answers("backup.list", Object{{"backups", json_spirit::Array{}}});
     agent_.answers("job.list", Object{{"jobs", json_spirit::Array{}}});
     run({"backups"});
+    EXPECT_EQ(Object{}, params_of("backup.list"));
     run({"backups", "prod", "--pool", "p", "--type", "full", "--limit", "3", "--table", "a.b"});
-    run({"jobs"});
-    run({"jobs", "--instance", "prod", "--definition", "d", "--state", "error", "--limit", "3"});
-    EXPECT_EQ(Object{}, params(0));
     EXPECT_EQ(
         (Object{
             {"instance", "prod"}, {"pool", "p"}, {"type", "full"}, {"limit", 3}, {"table", "a.b"}}),
-        params(1));
-    EXPECT_EQ(Object{}, params(2));
+        params_of("backup.list"));
+    run({"jobs"});
+    EXPECT_EQ(Object{}, params_of("job.list"));
+    run({"jobs", "--instance", "prod", "--definition", "d", "--state", "error", "--limit", "3"});
     EXPECT_EQ((Object{{"instance", "prod"}, {"definition", "d"}, {"state", "error"}, {"limit", 3}}),
-              params(3));
+              params_of("job.list"));
 }
 
 TEST_F(Command_Line_Test, a_check_looks_at_what_it_is_told) {
