@@ -252,6 +252,51 @@ class Middle_Test(Fault_Test):
         self.assert_recovered()
 
 
+class Restore_Test(Fault_Test):
+    """A restore that ends in its middle leaves its policy, and no counter file."""
+
+    def setUp(self):
+        super().setUp()
+        self.backup = world.back_up("gs1")
+        self.rows = self.platform.rows("gs1")
+        source = self.backup["resource_uuid"]
+        self.policy = "tpops_%s_%s" % (source, source)
+
+    def start_held_restore(self):
+        self.platform.control(hold=True)
+        run_id = world.start_definition(**world.restore_definition(self.backup))
+        self.platform.wait_until_held()
+        self.assertEqual({self.policy, self.policy + "_act"}, world.policies())
+        return run_id
+
+    def assert_restorable(self):
+        self.assertEqual({self.policy}, world.policies())
+        self.let_go()
+        self.platform.put_right()
+        world.complete(world.restore_definition(self.backup))
+        self.assertEqual(set(), world.policies())
+        self.assertEqual(self.rows, self.platform.rows("gs1"))
+
+    def test_a_cancelled_restore_goes_on_at_the_platform(self):
+        run_id = self.start_held_restore()
+        world.ours.do("zenbrak3", "job", "cancel", run_id)
+        run = world.wait(run_id)
+        self.assertEqual("canceled", run["state"], run["log"])
+        self.assertIn("goes on with the restore of instance 'gs1'", run["log"])
+        self.assertEqual(["gs1"], self.platform.report()["busy"])
+        self.assert_restorable()
+
+    def test_a_backup_agent_that_is_killed(self):
+        run_id = self.start_held_restore()
+        world.ours.do(SERVICE, "stop", BACKUP_AGENT)
+        self.addCleanup(lambda: world.ours.processes(BACKUP_AGENT) or world.start_backup_agent())
+        self.let_go()
+        self.assert_failed(world.wait(run_id), "Restore GaussDB instance 'gs1' failed")
+        world.start_backup_agent()
+        self.assert_restorable()
+        self.assert_recovered()
+
+
 class Pool_Test(Fault_Test):
     def test_a_pool_that_is_full(self):
         world.ours.do("mkdir", "/srv/tiny")
