@@ -16,7 +16,6 @@ import time
 HERE = os.path.dirname(os.path.realpath(__file__))
 sys.path[:0] = [os.path.join(HERE, ".."), os.path.join(HERE, "../tools")]
 sys.dont_write_bytecode = True
-from roach import files  # noqa: E402
 from roach.agents import Agents  # noqa: E402
 from roach.backup import Node_Backup, copy_control, copy_log, copy_unit  # noqa: E402
 from roach.cluster import Tool_Error  # noqa: E402

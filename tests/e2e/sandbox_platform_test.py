@@ -9,9 +9,7 @@ import http.client
 import json
 import os
 import pathlib
-import pwd
 import shutil
-import socket
 import ssl
 import subprocess
 import sys

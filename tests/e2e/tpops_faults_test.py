@@ -7,7 +7,6 @@ is shown, no policy and no counter file is left where none should be, and the ne
 import collections
 import concurrent.futures
 import os
-import signal
 import sys
 import unittest
 
