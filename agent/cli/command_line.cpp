@@ -115,6 +115,13 @@ void Command_Line::add_uid(CLI::App& command) {
 
 void Command_Line::add_option_values(CLI::App& command) {
     command
+        .add_option("--rate", wishes_.rates,
+                    "At most so many bytes a second to or from the pool: 200M, or 08:00-18:00=50M "
+                    "for some hours of each day; may be repeated, the first that applies counts")
+        ->type_name("[HH:MM-HH:MM=]SIZE")
+        ->expected(1)
+        ->take_all();
+    command
         .add_option("-o,--option", wishes_.options,
                     "One of the job's options, as the manual of job definitions has them; may be "
                     "repeated")

@@ -3,6 +3,7 @@
 #include "agent/cli/text_form.h"
 #include "host/http/http_encode.h"
 #include "host/storage/compression.h"
+#include "host/storage/rate_limits.h"
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
 #include "qmrt/names.h"
@@ -148,8 +149,35 @@ void add_channels(int64_t flavour, json_spirit::Object& definition) {
         options["channels"] = USUAL_CHANNELS;
 }
 
+/** Limits what is written to the pool by a backup, and what is read from it by a restore. */
+bool read_rates(std::vector<std::string> const& rates, json_spirit::Object& definition,
+                std::string& error) {
+    Rate_Control_Entries entries;
+    for (std::string const& rate : rates) {
+        size_t const divider = rate.find('=') + 1; // 0 without one
+        uint64_t bytes = 0;
+        Rate_Control_Entry entry;
+        if (!read_size(rate.substr(divider), bytes) ||
+            !Rate_Control_Entry::from_string(rate.substr(0, divider) + std::to_string(bytes),
+                                             entry)) {
+            error = "invalid --rate '" + rate +
+                    "' (expected bytes a second, such as 200M, or 08:00-18:00=50M)";
+            return false;
+        }
+        entries.push_back(entry);
+    }
+    if (entries.empty())
+        return true;
+    char const* const key = object_get_str(definition, "type") == "restore" ? Rate_Limits::src_key
+                                                                            : Rate_Limits::dest_key;
+    definition["rate_limits"] = json_spirit::Object{{key, rate_entries_to_string(entries, ';')}};
+    return true;
+}
+
 bool read_wishes(Job_Wishes const& wishes, json_spirit::Object& definition, std::string& error) {
     json_spirit::Object options;
+    if (!read_rates(wishes.rates, definition, error))
+        return false;
     if (!wishes.compression.empty() && !read_compression(wishes.compression, options, error))
         return false;
     if (wishes.channels > 0)

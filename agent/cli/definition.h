@@ -18,6 +18,8 @@ struct Job_Wishes {
     std::string uid;
     std::string compression; ///< "zstd", or with its level "zstd:3"; backups only
     int channels = 0;
+    /** "200M" or "08:00-18:00=50M", bytes a second to or from the pool; the first that applies. */
+    std::vector<std::string> rates;
     std::vector<std::string> options; ///< "key=value", in the order in which they count
     std::vector<std::string> schemas; ///< "DATABASE.SCHEMA"; backups only
     /** "[DATABASE.]SCHEMA.TABLE", with "=SCHEMA.TABLE" for another target; restores only. */

@@ -45,6 +45,25 @@ TEST(Definition, a_backup_of_an_instance) {
               backup({}));
 }
 
+TEST(Definition, rates_are_limits_at_the_pool) {
+    Job_Wishes wishes;
+    wishes.rates = {"200M", "08:00-18:00=1.5 KiB", "22:00-06:00=0"};
+    std::string const text = "209715200;08:00-18:00=1536;22:00-06:00=0";
+    EXPECT_EQ(Value(Object{{"dest_rate_limits", text}}), backup(wishes).at("rate_limits"));
+    Object definition;
+    std::string error;
+    ASSERT_TRUE(make_restore_definition(BACKUP, nullptr, wishes, definition, error)) << error;
+    EXPECT_EQ(Value(Object{{"src_rate_limits", text}}), definition.at("rate_limits"));
+    EXPECT_EQ(0U, backup({}).count("rate_limits"));
+    for (char const* const rate : {"", "fast", "=1", "08:00-18:00=", "8-18=1M", "1M=08:00-18:00",
+                                   "08:00-08:00=1M", "-1", "1;2", "08:00-18:00=1M=2"}) {
+        wishes.rates = {"1M", rate};
+        EXPECT_EQ(std::string("invalid --rate '") + rate +
+                      "' (expected bytes a second, such as 200M, or 08:00-18:00=50M)",
+                  backup_error(wishes));
+    }
+}
+
 TEST(Definition, wishes_become_members_and_options) {
     Job_Wishes wishes;
     wishes.name = "nightly";
