@@ -14,6 +14,7 @@ one:
     {"token_seconds": n}     how long new tokens are valid
     {"tokens": "expire" | "revoke"}
     {"password": [user, password]}
+    {"medium": name}         of all instances
     {"hold": true | false}   holds jobs in their middle; lets them go on
     {"report": true}         {"requests", "down", "held", "busy"}; each request has "endpoint", "query",
                              "body", "status" and "user"
@@ -196,6 +197,9 @@ class Server(object):
             getattr(self.api.tokens, value)()
         elif word == "password":
             self.records.accounts[value[0]] = value[1]
+        elif word == "medium":
+            for one in self.records.instances.values():
+                one["medium"] = value
         elif word == "hold":
             (self.jobs.free.clear if value else self.jobs.free.set)()
         elif word == "forget":

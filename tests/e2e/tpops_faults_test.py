@@ -36,7 +36,9 @@ BACKUP_FAULTS = [
     Fault("jobs", "after", COMPLETED, 0, True), Fault("create_backup", "before", ERROR),
     Fault("create_backup", "after", COMPLETED), Fault("backups", "before", ERROR),
     Fault("backups", "after", COMPLETED)]
-MEDIA_FAULTS = [Fault("change_media", "before", ERROR), Fault("change_media", "after", ERROR)]
+# by the medium that the instance has before: the change is a job of its own, or refused as made already
+MEDIA_FAULTS = [("nas", Fault("change_media", "before", ERROR)), ("nas", Fault("change_media", "after", ERROR)),
+                ("nas", Fault("jobs", "before", ERROR)), ("xbsa", Fault("change_media", "after", ERROR))]
 DIFFERENTIAL_FAULTS = [Fault("differential_backups", "before", ERROR),
                        Fault("differential_backups", "after", COMPLETED)]
 LOG_FAULTS = [Fault("backups", "before", COMPLETED, 0, True), Fault("create_backup", "before", ERROR),
@@ -109,7 +111,8 @@ class Calls_Test(Fault_Test):
         for name in ("first", "second"):  # a pool without a full backup of the instance
             world.ours.do("mkdir", "/srv/" + name)
             world.ours.do("zenbrak3", "pool", "create", name, "file:///srv/" + name)
-        for fault in MEDIA_FAULTS:
+        for medium, fault in MEDIA_FAULTS:
+            self.platform.control(medium=medium)
             self.go_down(self.platform, fault, world.backup_definition("gs1", pool="first"))
         backup = world.back_up("gs1", pool="second")
         self.assertEqual("full", backup["type"])
