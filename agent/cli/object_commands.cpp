@@ -22,7 +22,10 @@ constexpr char LIST_DEFINITIONS[] = "`zenbrak3 definitions` lists the definition
 /** As done(); a warning of the answer is told besides. */
 int done_with_pool(Command_Context& context, Object const& pool, std::string const& what) {
     std::string const warning = json_spirit::object_get_str(pool, "warning");
-    return done(context, pool, warning.empty() ? what : what + "\nWarning: " + warning + ".");
+    int const status = done(context, pool, what);
+    if (!warning.empty() && !context.json())
+        context.print("Warning: " + printable(warning) + ".\n");
+    return status;
 }
 
 bool read_wishes(Pool_Wishes const& wishes, Object& params, std::string& error) {

@@ -212,8 +212,7 @@ int add_from_platform(Command_Context& context, Platform_Login const& wishes,
                             "The agent's log says why: journalctl -u zenbrak3-agent");
     return done(context, Object{{"uuids", answer}, {"instances", choice.chosen()}},
                 "On record: " + names_of(choice.chosen()) +
-                    ".\n`zenbrak3 check INSTANCE` says "
-                    "what a backup still needs.");
+                    ". `zenbrak3 check INSTANCE` says what a backup still needs.");
 }
 
 int change_platform(Command_Context& context, std::string const& instance,

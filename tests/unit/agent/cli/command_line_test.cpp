@@ -237,6 +237,14 @@ TEST_F(Command_Line_Test, a_pool_is_changed_in_what_is_said_alone) {
     EXPECT_EQ(3u, agent_.calls.size());
 }
 
+TEST_F(Command_Line_Test, a_warning_about_a_pool_has_its_own_line) {
+    agent_.answers("pool.create", Object{{"uuid", "p-1"}, {"warning", "it is\nshared"}});
+    EXPECT_EQ(EXIT_OK, run({"pool", "create", "main", "/srv/pool"}));
+    EXPECT_THAT(out_, testing::EndsWith("\nWarning: it is\\nshared.\n"));
+    run({"pool", "create", "main", "/srv/pool", "--json"});
+    EXPECT_THAT(out_, testing::Not(HasSubstr("Warning")));
+}
+
 TEST_F(Command_Line_Test, each_backup_that_was_removed_is_told) {
     agent_.answers("backup.remove", Object{{"removed", json_spirit::Array{"b1", "b2"}}});
     agent_.answers("backup.show", Object{{"uuid", "b1-long"}, {"instance", "prod"}});
