@@ -67,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(unsigned char const* data, size_t size) {
             std::abort();
         auto const input = store.open("archive", presence);
         extractor.extract(*input, catalogue, 1, "");
-        extractor.close();
+        (void)extractor.close();
     }
     struct stat status;
     if (stat(outside.c_str(), &status) != 0 || status.st_size != 9 || status.st_nlink != 1 ||

@@ -17,7 +17,7 @@ public:
               static_cast<Text_Process_Handler*>(&gsql_),
               static_cast<Text_Process_Handler*>(&zsql_)})
             handler->handle_stdout_line(line.c_str(), line.size());
-        version_.parse(line);
+        (void)version_.parse(line);
     }
 
     /** Nothing comes out that is not a part of what went in. */

@@ -95,19 +95,21 @@ void Unix_Session::shrink_inbox() {
 }
 
 void Unix_Session::refuse_for_want_of_room() {
-    write(JSON_RPC_Response_Error(JSON_RPC_BUSY, json_spirit::Value(),
-                                  "Server is busy: too many large messages are not answered yet",
-                                  json_spirit::Value())
-              .text());
+    (void)write(
+        JSON_RPC_Response_Error(JSON_RPC_BUSY, json_spirit::Value(),
+                                "Server is busy: too many large messages are not answered yet",
+                                json_spirit::Value())
+            .text());
     shut();
 }
 
 void Unix_Session::refuse_size() {
     QMRT_LOG(LM_WARNING, "Closed a local connection, its message is larger than %Q bytes\n",
              static_cast<ACE_UINT64>(limits().message_bytes));
-    write(JSON_RPC_Response_Error(JSON_RPC_INVALID_REQUEST, json_spirit::Value(),
-                                  "Invalid Request: the message is too large", json_spirit::Value())
-              .text());
+    (void)write(JSON_RPC_Response_Error(JSON_RPC_INVALID_REQUEST, json_spirit::Value(),
+                                        "Invalid Request: the message is too large",
+                                        json_spirit::Value())
+                    .text());
     shut();
 }
 

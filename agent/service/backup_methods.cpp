@@ -79,16 +79,16 @@ Array table_path(std::string const& text) {
 }
 
 std::string fault_of_table(std::string_view text) {
-    constexpr size_t LEVELS = 3;
+    constexpr size_t MOST_PARTS = 3;
     if (std::string fault = names::fault_of_line(text); !fault.empty())
         return fault;
     Array const path = table_path(std::string(text));
     for (Value const& name : path)
         if (name.get_str().empty())
             return "has an empty name in it (expected [[DATABASE.]SCHEMA.]TABLE)";
-    return path.size() <= LEVELS ? ""
-                                 : "has more than three names (expected "
-                                   "[[DATABASE.]SCHEMA.]TABLE)";
+    return path.size() <= MOST_PARTS ? ""
+                                     : "has more than three names (expected "
+                                       "[[DATABASE.]SCHEMA.]TABLE)";
 }
 
 class Backup_Methods {

@@ -56,7 +56,7 @@ bool Instance_Probe::search() {
         }
         QMRT_LOG(LM_INFO, "Found the instance %s\n", name.c_str());
         // where there is no server to be told now, it is when the connection is made
-        record->tell_server(Instance_Backend::ADDED, *instance);
+        (void)record->tell_server(Instance_Backend::ADDED, *instance);
     }
     return recorded;
 }

@@ -85,5 +85,5 @@ void Member_Duties::drop_failed() {
 
 void Member_Duties::announce_instances() {
     for (std::shared_ptr<Instance> const& instance : instances_.list_all())
-        instances_.tell_server(Instance_Backend::ADDED, *instance);
+        (void)instances_.tell_server(Instance_Backend::ADDED, *instance); // logs its failure
 }
