@@ -232,12 +232,18 @@ public:
     }
 
 private:
-    /** All sets of an instance that the caller may see. */
+    /**
+     * The sets of an instance that the caller may see and restore_windows() looks at. Sets of other
+     * flavours have no timeline: the rows of a cluster with a long history are not read.
+     */
     bool sets_of(Rpc_Caller const& caller, std::string const& instance, Array& rows) {
         Value found;
-        if (!catalog_.get_view(
-                LIMITS, KIND, "catalogs",
-                {{"instance", instance}, {"with_storages", "1"}, {"without_tables", "1"}}, found))
+        if (!catalog_.get_view(LIMITS, KIND, "catalogs",
+                               {{"instance", instance},
+                                {"NN_timeline", ""},
+                                {"with_storages", "1"},
+                                {"without_tables", "1"}},
+                               found))
             return false;
         rows = std::move(found.get_array());
         keep_visible(access_, caller, rows.size(), rows);
