@@ -2,6 +2,7 @@
 
 #include "gaussdb/common/gaussdb_cluster_manager.h"
 #include "gaussdb/job/gaussdb_utils.h"
+#include "gaussdb/websvcs_agent/instance_request.h"
 #include "host/agent/instance_manager.h"
 #include "json_spirit/access.h"
 #include "qmrt/check.h"
@@ -98,16 +99,10 @@ json_spirit::Value& result_of(JSON_RPC_Object_var const& response) {
 
 int JSON_RPC_GaussDB_List_Handler::handle_object(JSON_RPC_Channel_ptr channel,
                                                  JSON_RPC_Object_var object) {
-    if (object.null() || object->type() != JSON_RPC_Object::TYPE_REQUEST) {
-        QMRT_LOG(LM_EMERGENCY, "Unexpected error in %N:%l, obj is not JSON-RPC request!\n");
+    JSON_RPC_Channel_var peer;
+    JSON_RPC_Request* const request = open_request(channel, object, peer);
+    if (!request)
         return -1;
-    }
-    JSON_RPC_Channel_var const peer(channel.strong());
-    if (peer.null()) {
-        QMRT_LOG(LM_ERROR, "Abort handling JSON-RPC request, requester has gone.\n");
-        return -1;
-    }
-    JSON_RPC_Request* const request = static_cast<JSON_RPC_Request*>(object.get());
     switch (request->params().type()) {
     case json_spirit::obj_type:
         return list_gaussdb_databases(peer.get(), request);

@@ -6,7 +6,7 @@
 
 #include <string>
 
-/** What the handlers of instances share. Any thread may call these. */
+/** What the handlers of JSON-RPC share. Thread-safe. */
 
 /**
  * Checks what a handler was given.
@@ -16,7 +16,7 @@
 JSON_RPC_Request* open_request(JSON_RPC_Channel_ptr const& channel,
                                JSON_RPC_Object_var const& object, JSON_RPC_Channel_var& peer);
 
-/** Sends the result of a request; without memory it sends an error and sets ENOMEM. */
+/** Sends the result of a request, or an error if memory is exhausted, with ENOMEM. */
 int send_result(JSON_RPC_Channel* channel, JSON_RPC_Request* request,
                 json_spirit::Value const& result);
 

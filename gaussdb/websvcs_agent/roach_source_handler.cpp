@@ -1,6 +1,7 @@
 #include "gaussdb/websvcs_agent/roach_source_handler.h"
 
 #include "gaussdb/job/roach_source.h"
+#include "gaussdb/websvcs_agent/instance_request.h"
 #include "host/process/password_file_entry.h"
 #include "json_spirit/access.h"
 #include "qmrt/log.h"
@@ -180,16 +181,10 @@ Source_Outcome add_source(Roach_Request const& request) {
 
 int JSON_RPC_Roach_Source_Handler::handle_object(JSON_RPC_Channel_ptr channel,
                                                  JSON_RPC_Object_var obj) {
-    if (obj.null() || obj->type() != JSON_RPC_Object::TYPE_REQUEST) {
-        QMRT_LOG(LM_EMERGENCY, "Unexpected error in %N:%l, obj is not JSON-RPC request!\n");
+    JSON_RPC_Channel_var peer;
+    JSON_RPC_Request* const request = open_request(channel, obj, peer);
+    if (!request)
         return -1;
-    }
-    JSON_RPC_Channel_var const peer(channel.strong());
-    if (peer.null()) {
-        QMRT_LOG(LM_ERROR, "Abort handling JSON-RPC request, requester has gone.\n");
-        return -1;
-    }
-    JSON_RPC_Request* const request = static_cast<JSON_RPC_Request*>(obj.get());
     if (request->params().type() != json_spirit::obj_type)
         return peer->send_error(JSON_RPC_INVALID_PARAMS, request->id(), "Invalid params");
     return handle_roach_source(peer.get(), request);

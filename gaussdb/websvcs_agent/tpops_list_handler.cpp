@@ -33,12 +33,9 @@ std::vector<TPOPS_Instance_Info> instances_of(TPOPS_RESTful_Client& client) {
 
 int JSON_RPC_TPOPS_List_Handler::handle_object(JSON_RPC_Channel_ptr channel,
                                                JSON_RPC_Object_var object) {
-    if (object.null() || object->type() != JSON_RPC_Object::TYPE_REQUEST) {
-        QMRT_LOG(LM_EMERGENCY, "Unexpected error in %N:%l, obj is not JSON-RPC request!\n");
-        return -1;
-    }
-    JSON_RPC_Channel_var const peer(channel.strong());
-    return handle_request(peer.get(), static_cast<JSON_RPC_Request&>(*object));
+    JSON_RPC_Channel_var peer;
+    JSON_RPC_Request* const request = open_request(channel, object, peer);
+    return request ? handle_request(peer.get(), *request) : -1;
 }
 
 int JSON_RPC_TPOPS_List_Handler::handle_request(JSON_RPC_Channel* channel,
