@@ -95,23 +95,42 @@ std::set<std::string> with_dependents(Array const& backups, Object const& set) {
     return uuids;
 }
 
+constexpr size_t LOST_LINE = 2;
+
+/**
+ * Of a restore that replaces an instance as a whole.
+ * @param source  what it is restored from, a line
+ * @param time    of the data that it will have
+ */
+Consequences overwriting(Command_Context& context, Object const& set, std::string const& target,
+                         std::string doing, std::pair<std::string, std::string> source,
+                         time_t time) {
+    std::string const from = object_get_str(set, "instance");
+    std::string const name = printable(target);
+    std::string lost = "all changes since " + time_text(time);
+    if (from != target) {
+        source.second += ", of instance " + printable(from);
+        lost = "all that " + name + " holds";
+    }
+    return {std::move(doing),
+            "This overwrites instance " + name + ".",
+            {std::move(source),
+             {"State of " + name, state_text(context, target)},
+             {"Lost", std::move(lost)},
+             {"Last backup of " + name,
+              newest_text(backups_of(context, target, 1), object_get_str(set, "uuid"))}}};
+}
+
 } // namespace
 
 Consequences restore_consequences(Command_Context& context, Object const& set,
                                   std::string const& target,
                                   std::vector<std::string> const& tables) {
-    std::string const uuid = object_get_str(set, "uuid");
-    std::string const source = object_get_str(set, "instance");
     std::string const name = printable(target);
-    Consequences result{"restore backup " + uuid, "This overwrites instance " + name + ".", {}};
-    result.lines = {
-        {"Backup", set_text(set) + (source == target ? "" : ", of instance " + printable(source))},
-        {"State of " + name, state_text(context, target)},
-        {"Lost", source == target ? "all changes since " + time_text(static_cast<time_t>(
-                                                               number_of(set, "backup_end_time")))
-                                  : "all that " + name + " holds"},
-        {"Last backup of " + name, newest_text(backups_of(context, target, 1), uuid)}};
-    std::string& what_is_lost = result.lines[2].second;
+    Consequences result = overwriting(
+        context, set, target, "restore backup " + object_get_str(set, "uuid"),
+        {"Backup", set_text(set)}, static_cast<time_t>(number_of(set, "backup_end_time")));
+    std::string& what_is_lost = result.lines[LOST_LINE].second;
     if (!tables.empty()) {
         result.title = "This restores tables to instance " + name + ", which goes on running.";
         what_is_lost = "a table that has a target's name already";
@@ -136,14 +155,11 @@ Consequences restore_to_time_consequences(Command_Context& context, Object const
     Array sets;
     json_spirit::object_get(point, "backup", set);
     json_spirit::object_get(point, "sets", sets);
-    std::string const when = time_text(static_cast<time_t>(number_of(point, "time")));
-    Consequences result = restore_consequences(context, set, target, {});
-    result.doing = "restore instance " + object_get_str(set, "instance") + " to " + when;
-    result.lines[0] = {"Time", when};
-    if (std::string const source = object_get_str(set, "instance"); source != target)
-        result.lines[0].second += ", of instance " + printable(source);
-    else
-        result.lines[2].second = "all changes since " + when;
+    auto const time = static_cast<time_t>(number_of(point, "time"));
+    std::string const when = time_text(time);
+    Consequences result = overwriting(
+        context, set, target, "restore instance " + object_get_str(set, "instance") + " to " + when,
+        {"Time", when}, time);
     for (Object const& used : json_spirit::objects_of(sets))
         result.lines.emplace_back("Reads", set_text(used));
     return result;

@@ -140,12 +140,10 @@ bool read_tables(std::string const& instance, std::vector<std::string> const& ta
 
 /** The tool of the flavours that are reached by ssh, and T's SQL, have no number of their own. */
 void add_channels(int64_t flavour, json_spirit::Object& definition) {
-    constexpr int64_t T = 3;
-    constexpr int64_t DWS = 4;
-    constexpr int64_t OPENGAUSS = 5;
     constexpr int USUAL_CHANNELS = 4;
     json_spirit::Object& options = definition["options"].get_obj();
-    if ((flavour == T || flavour == DWS || flavour == OPENGAUSS) && !options.count("channels"))
+    if ((flavour == FLAVOUR_T || flavour == FLAVOUR_DWS || flavour == FLAVOUR_OPENGAUSS) &&
+        !options.count("channels"))
         options["channels"] = USUAL_CHANNELS;
 }
 

@@ -233,8 +233,7 @@ bool find_point(Command_Context& context, std::string const& instance, time_t wh
  */
 bool tell_of_base(Command_Context& context, Object const& instance, std::string const& pool,
                   std::string const& level) {
-    constexpr int64_t TPOPS = 6;
-    if (number_of(instance, "version") != TPOPS || level == "full")
+    if (number_of(instance, "version") != FLAVOUR_TPOPS || level == "full")
         return true;
     std::string const name = object_get_str(instance, "name");
     Object const query{{"instance", name}, {"pool", pool}, {"usable", true}};

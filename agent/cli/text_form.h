@@ -24,6 +24,9 @@ std::string duration_text(int64_t seconds);
 /** How the value of a key is shown. A LIMIT is a size of which 0 is none. */
 enum class Form { TEXT, SHORT_ID, SIZE, LIMIT, TIME, DURATION, PERCENT, YES_NO, FLAVOUR, SPEED };
 
+/** The flavours whose numbers the commands look at, as an instance's "version" counts them. */
+enum : int64_t { FLAVOUR_T = 3, FLAVOUR_DWS, FLAVOUR_OPENGAUSS, FLAVOUR_TPOPS };
+
 /**
  * A value as printable text, whatever it really is: a text as it stands, an object or an array as
  * compact JSON, null and what is not there as "-". A value of another kind than its form wants is
