@@ -1,10 +1,7 @@
-#include "agent/cli/command_line.h"
-
 #include "json_spirit/access.h"
-#include "tests/unit/agent/cli/scripted_connection.h"
+#include "tests/unit/agent/cli/command_run.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -13,23 +10,8 @@ using json_spirit::Value;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-class Command_Line_Test : public testing::Test {
+class Command_Line_Test : public Command_Run {
 protected:
-    /** Runs a command line against the scripted agent; stdout and stderr are kept. */
-    int run(std::vector<char const*> arguments) {
-        arguments.insert(arguments.begin(), "zenbrak3");
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        int status = -1;
-        Command_Line line;
-        if (line.parse(static_cast<int>(arguments.size()), arguments.data(), status)) {
-            Command_Context context(agent_, Terminal{false, true, 80}, line.json());
-            status = line.run(context);
-        }
-        out_ = testing::internal::GetCapturedStdout();
-        err_ = testing::internal::GetCapturedStderr();
-        return status;
-    }
     Object params(size_t call) const { return agent_.calls.at(call).second.get_obj(); }
     /** Those of the last call of a method. */
     Object params_of(std::string const& method) const {
@@ -39,10 +21,6 @@ protected:
                 found = params.get_obj();
         return found;
     }
-
-    Scripted_Connection agent_;
-    std::string out_;
-    std::string err_;
 };
 
 TEST_F(Command_Line_Test, every_command_has_help_with_an_example) {

@@ -1,12 +1,9 @@
 // What the command says of an instance of a management platform.
-#include "agent/cli/command_line.h"
-
 #include "json_spirit/access.h"
 #include "tests/support/scoped_env.h"
-#include "tests/unit/agent/cli/scripted_connection.h"
+#include "tests/unit/agent/cli/command_run.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -17,7 +14,7 @@ using testing::HasSubstr;
 
 constexpr int64_t TEN = 1795341600; // 2026-11-22T10:00:00Z
 
-class Platform_Commands_Test : public testing::Test {
+class Platform_Commands_Test : public Command_Run {
 protected:
     Platform_Commands_Test() {
         tzset();
@@ -33,20 +30,6 @@ protected:
     ~Platform_Commands_Test() override {
         zone_.reset();
         tzset();
-    }
-    int run(std::vector<char const*> arguments) {
-        arguments.insert(arguments.begin(), "zenbrak3");
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        int status = -1;
-        Command_Line line;
-        if (line.parse(static_cast<int>(arguments.size()), arguments.data(), status)) {
-            Command_Context context(agent_, Terminal{false, true, 80}, line.json());
-            status = line.run(context);
-        }
-        out_ = testing::internal::GetCapturedStdout();
-        err_ = testing::internal::GetCapturedStderr();
-        return status;
     }
     static Object set(std::string const& uuid, std::string const& type) {
         return {{"uuid", uuid},
@@ -67,9 +50,6 @@ protected:
     }
 
     std::unique_ptr<Scoped_Env> zone_ = std::make_unique<Scoped_Env>("TZ", "UTC-8");
-    Scripted_Connection agent_;
-    std::string out_;
-    std::string err_;
 };
 
 // to a time
