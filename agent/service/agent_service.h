@@ -68,8 +68,10 @@ private:
     [[nodiscard]] bool load_module(std::string& error);
     void make_jobs();
     [[nodiscard]] bool recover(std::string& error);
-    /** Drops the sets that a host began before that time, and their files. */
-    /** @param uuid  only that set; "" for all of the host */
+    /**
+     * Drops the sets that a host began before that time, and their files.
+     * @param uuid  only that set; "" for all of the host
+     */
     [[nodiscard]] bool drop_open_sets(std::string const& host_uuid, time_t before,
                                       std::string const& uuid = "");
     void drop_set_of(std::string const& run_id);
