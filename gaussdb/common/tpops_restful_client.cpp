@@ -107,7 +107,6 @@ TPOPS_RESTful_Client::operator bool() const {
     return !current_token(login_info_.username).empty();
 }
 
-/** A value for a log line, without the secrets of this login and cut to a bearable length. */
 std::string TPOPS_RESTful_Client::shown(json_spirit::Value const& value) const {
     constexpr size_t MAX_SHOWN = 1500; // two of them fit into a line of the log
     Secrets const secrets{login_info_.password.plain(), token_};

@@ -121,6 +121,9 @@ public:
     /** @param result  of any type */
     [[nodiscard]] bool get_job_details(char const* job_id, json_spirit::Value& result);
 
+    /** A value for a log line, without this login's secrets and cut to a bearable length. */
+    std::string shown(json_spirit::Value const& value) const;
+
     static constexpr uint32_t MAX_LIMIT_SIZE = 100; ///< databases on a page
     static constexpr uint32_t MAX_PAGES = 1000;
     static constexpr size_t MAX_INSTANCES = 10'000;
@@ -143,8 +146,6 @@ private:
     [[nodiscard]] bool get_backups_info_i(char const* instance_id, json_spirit::Value& result,
                                           char const* backup_id, char const* backup_type,
                                           char const* begin_time, char const* end_time);
-    std::string shown(json_spirit::Value const& value) const;
-
     int32_t status_ = 200;
     std::string fault_;
     int silent_counts_ = 0; ///< requests for nodes in a row without an answer

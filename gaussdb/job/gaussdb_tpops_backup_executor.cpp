@@ -357,7 +357,7 @@ bool TPOPS_Backup::get_job_state(char const* job_id, TPOPS_Job_State& state) {
     if (read_job_state(tpops_client_, job_id, state, result))
         return true;
     QMRT_LOG(LM_ERROR, "Failed to get GaussDB job '%s' details: %s\n", names::shown(job_id).c_str(),
-             JSON_Dump(result, false).c_str());
+             tpops_client_.shown(result).c_str());
     return false;
 }
 
@@ -376,7 +376,7 @@ bool TPOPS_Backup::get_log_job_state(Backup_Info_Query const& query, TPOPS_Job_S
             return true;
     }
     QMRT_LOG(LM_ERROR, "Failed to get GaussDB log job details with %s: %s\n",
-             names::shown(query.backup_id).c_str(), JSON_Dump(result, false).c_str());
+             names::shown(query.backup_id).c_str(), tpops_client_.shown(result).c_str());
     return false;
 }
 

@@ -233,7 +233,7 @@ bool TPOPS_Restore::read_route(Value& route) {
         route.type() == json_spirit::obj_type)
         return true;
     QMRT_LOG(LM_ERROR, "Failed to get GaussDB instance '%s XbsaRoute info: %s\n",
-             tgt_instance_.c_str(), JSON_Dump(result, false).c_str());
+             tgt_instance_.c_str(), client_.shown(result).c_str());
     return false;
 }
 
@@ -269,7 +269,7 @@ bool TPOPS_Restore::start_restore() {
         QMRT_LOG(LM_ERROR,
                  "Failed to create restore job for GaussDB instance '%s' with '%s', res: %s\n",
                  tgt_instance_.c_str(), JSON_Dump(Value(args.dump()), false).c_str(),
-                 JSON_Dump(result, false).c_str());
+                 client_.shown(result).c_str());
         return false;
     }
     job_id_ = json_spirit::object_get_str(result.get_obj(), "job_id");
@@ -283,6 +283,6 @@ bool TPOPS_Restore::get_job_state(char const* job_id, TPOPS_Job_State& state) {
     if (read_job_state(client_, job_id, state, result))
         return true;
     QMRT_LOG(LM_ERROR, "Failed to get GaussDB restore job '%s' details: %s\n",
-             names::shown(job_id).c_str(), JSON_Dump(result, false).c_str());
+             names::shown(job_id).c_str(), client_.shown(result).c_str());
     return false;
 }

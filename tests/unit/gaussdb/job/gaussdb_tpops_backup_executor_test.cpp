@@ -437,6 +437,15 @@ TEST_F(TPOPS_Backup_Test, FailedJobFailsTheRun) {
     EXPECT_THAT(jobs_.holds(), testing::Not(testing::Contains(testing::StartsWith("waiting"))));
 }
 
+TEST_F(TPOPS_Backup_Test, TokenInAnAnswerStaysOutOfTheLog) {
+    have_full_set();
+    say(JOBS, {R"({"job":{"status":"failed"},"echo":"token-1","x_mini_token":"token-2"})"});
+    expect_failed("completed backup for GaussDB instance 'c1' failed\n");
+    EXPECT_LOGGED(LM_ERROR,
+                  "Failed to get GaussDB job 'j-1' details: {\"echo\":\"******\",\"job\":{"
+                  "\"status\":\"failed\"},\"x_mini_token\":\"******\"}\n");
+}
+
 TEST_F(TPOPS_Backup_Test, FailedLogBackupFailsTheRun) {
     be_log();
     say(BACKUPS, {"{}", R"({"backups":[]})", R"({"backups":[5]})", R"({"backups":[{}]})",
@@ -758,11 +767,7 @@ TEST_F(TPOPS_Backup_Test, RunHasItsInstanceAndThenItsPolicyForItself) {
 
 TEST_F(TPOPS_Backup_Test, RunThatMayNotHaveWhatItUsesTouchesNothing) {
     for (char const* const resource : {"instance/r-1", "policy/here/tpops_r-1"}) {
-        jobs_.on_hold([&](std::set<std::string> const& resources) {
-            return Hold_Answer{resources.contains(resource) ? Hold_Answer::REFUSED
-                                                            : Hold_Answer::GRANTED,
-                               "not yours"};
-        });
+        refuse_hold(resource);
         expect_failed("Failed to reserve what the run uses, not yours\n");
         EXPECT_EQ(0u, count(PUT_INFO));
         Log_Capture::instance().claim_all(LM_ERROR, "Failed to abort GaussDB catalog");

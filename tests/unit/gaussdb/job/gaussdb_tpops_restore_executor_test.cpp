@@ -155,6 +155,17 @@ TEST_F(TPOPS_Restore_Test, FailedJobFailsTheRunAndLeavesThePolicy) {
     EXPECT_LOGGED(LM_ERROR, "Failed to get GaussDB restore job 'j-1' details: ");
 }
 
+TEST_F(TPOPS_Restore_Test, TokenInAnAnswerStaysOutOfTheLog) {
+    say(RECOVERY, {Answer{500, R"({"echo":"token-1"})"}});
+    expect_failed("Failed to create restore job for GaussDB instance 'c1' with");
+    claim_request_errors();
+    say(JOBS, {R"({"job":{"status":"failed"},"echo":"token-1"})"});
+    say(RECOVERY, {R"({"job_id":"j-1"})"});
+    expect_failed("Restore GaussDB instance 'c1' failed\n");
+    EXPECT_LOGGED(LM_ERROR, "Failed to get GaussDB restore job 'j-1' details: "
+                            "{\"echo\":\"******\",\"job\":{\"status\":\"failed\"}}\n");
+}
+
 TEST_F(TPOPS_Restore_Test, CancelLeavesThePolicyAndThePlatformsJob) {
     say(JOBS, {job("running")});
     on_event_ = [this](std::string const& event) {
@@ -356,11 +367,7 @@ TEST_F(TPOPS_Restore_Test, RunHasItsTargetAndThenItsPolicyForItself) {
 
 TEST_F(TPOPS_Restore_Test, RunThatMayNotHaveWhatItUsesTouchesNothing) {
     for (char const* const resource : {"instance/r-2", "policy/here/tpops_r-1_r-2"}) {
-        jobs_.on_hold([&](std::set<std::string> const& resources) {
-            return Hold_Answer{resources.contains(resource) ? Hold_Answer::REFUSED
-                                                            : Hold_Answer::GRANTED,
-                               "not yours"};
-        });
+        refuse_hold(resource);
         expect_failed("Failed to reserve what the run uses, not yours\n", false);
         EXPECT_EQ(0u, count(RECOVERY));
     }

@@ -126,6 +126,15 @@ public:
             service_ = std::make_unique<Data_Service>(command_line, user);
     }
 
+    /** Runs do not get what has this name. */
+    void refuse_hold(std::string const& resource) {
+        jobs_.on_hold([resource](std::set<std::string> const& resources) {
+            return Hold_Answer{resources.contains(resource) ? Hold_Answer::REFUSED
+                                                            : Hold_Answer::GRANTED,
+                               "not yours"};
+        });
+    }
+
     /** A new platform, and the instance's record with it. */
     void new_platform() {
         platform_.reset();
