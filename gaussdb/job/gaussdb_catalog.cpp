@@ -103,8 +103,10 @@ bool GaussDB_Catalog::get_storage_size(std::string const& uuid, ACE_INT64& size)
 }
 
 bool GaussDB_Catalog::get_sizes(std::string const& uuid, ACE_INT64& storage_size,
-                                ACE_INT64& set_size) const {
-    return logged("Failed to get gaussdb backup storage size, ", [&] {
+                                ACE_INT64& set_size,
+                                std::function<void(Object const& piece)> const& visit,
+                                std::string const& failure) const {
+    return logged(failure.c_str(), [&] {
         Object query;
         json_spirit::insert(query)("uuid", uuid)("with_storages", "1")("with_pieces",
                                                                        "1")("cmode", "rb_orm_rows");
@@ -120,8 +122,11 @@ bool GaussDB_Catalog::get_sizes(std::string const& uuid, ACE_INT64& storage_size
         int64_t stored = 0;
         int64_t total = 0;
         extract_or_throw(storages->front().get_obj())("size", stored, true);
-        for (Object const& piece : json_spirit::objects_of(*pieces))
+        for (Object const& piece : json_spirit::objects_of(*pieces)) {
             total += json_spirit::object_get_int64_or_throw(piece, "size");
+            if (visit)
+                visit(piece);
+        }
         storage_size = stored;
         set_size = total;
         return true;

@@ -4,6 +4,7 @@
 #include "json_spirit/value.h"
 
 #include <ace/Basic_Types.h>
+#include <functional>
 #include <string>
 
 /**
@@ -38,10 +39,14 @@ public:
 
     /**
      * The bytes that a set takes in its first storage, and those of its pieces together.
+     * @param visit    called for each piece, if not null
+     * @param failure  the error line up to the reason
      * @return false, with nothing changed, also for a set without storages or pieces
      */
-    [[nodiscard]] bool get_sizes(std::string const& uuid, ACE_INT64& storage_size,
-                                 ACE_INT64& set_size) const;
+    [[nodiscard]] bool
+    get_sizes(std::string const& uuid, ACE_INT64& storage_size, ACE_INT64& set_size,
+              std::function<void(json_spirit::Object const& piece)> const& visit = {},
+              std::string const& failure = "Failed to get gaussdb backup storage size, ") const;
 
     /**
      * The sets that lead to a backup, newest first, and others of the resource among them, perhaps.

@@ -2,6 +2,7 @@
 
 #include "gaussdb/job/client_io_options.h"
 #include "gaussdb/job/cluster_job.h"
+#include "gaussdb/job/gaussdb_catalog.h"
 #include "gaussdb/job/gaussdb_utils.h"
 #include "gaussdb/job/roach_source.h"
 #include "host/agent/host_manager.h"
@@ -421,39 +422,12 @@ int TPOPS_Backup::get_node_count() {
 }
 
 bool TPOPS_Backup::get_size(ACE_INT64& storage_size, ACE_INT64& set_size) {
-    try {
-        Object query;
-        json_spirit::insert(query)("uuid", backup_uuid_)("with_storages", "1")("with_pieces", "1")(
-            "cmode", "rb_orm_rows");
-        Value result;
-        if (!Catalog_Operator(-1, def_.max_seconds_retry())
-                 .get_view("gaussdb", "catalogs", query, result))
-            return false;
-        json_spirit::Array const* rows = nullptr;
-        extract_or_throw(result.get_obj())("rows", rows, true);
-        if (rows->empty())
-            return false;
-        json_spirit::Array const* storages = nullptr;
-        json_spirit::Array const* pieces = nullptr;
-        extract_or_throw(rows->front().get_obj())("storages", storages, true)("pieces", pieces,
-                                                                              true);
-        if (storages->empty() || pieces->empty())
-            return false;
-        int64_t stored = 0;
-        int64_t total = 0;
-        extract_or_throw(storages->front().get_obj())("size", stored, true);
-        for (Object const& piece : json_spirit::objects_of(*pieces)) {
-            total += json_spirit::object_get_int64_or_throw(piece, "size");
-            get_basic_recovery_time_file(piece);
-        }
-        storage_size = stored;
-        set_size = total;
-        return true;
-    } catch (std::exception const& error) {
-        QMRT_LOG(LM_ERROR, "Failed to get backup storage size of GaussDB instance '%s': %s\n",
-                 src_->instance_.c_str(), error.what());
-        return false;
-    }
+    return GaussDB_Catalog(def_.max_seconds_retry())
+        .get_sizes(
+            backup_uuid_, storage_size, set_size,
+            [this](Object const& piece) { get_basic_recovery_time_file(piece); },
+            string_sprintf("Failed to get backup storage size of GaussDB instance '%s': ",
+                           src_->instance_.c_str()));
 }
 
 void TPOPS_Backup::get_basic_recovery_time_file(Object const& piece) {
