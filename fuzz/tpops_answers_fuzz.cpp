@@ -18,9 +18,9 @@
 namespace {
 
 /**
- * A platform on the loopback that answers with the fuzzer's bytes. An input is a number of answers,
- * parted by bytes of 0xFF; the first byte of each says its status, or that the bytes are all of the
- * answer, its head included. Every request has to be one that a platform may get.
+ * A platform on the loopback that answers with the fuzzer's bytes. An input is a list of answers,
+ * separated by bytes of 0xFF. The first byte of each is its status, or says that the bytes are the
+ * whole answer, its head included. Aborts on a request that a platform must not receive.
  */
 class Fuzzed_Platform {
 public:
@@ -88,7 +88,7 @@ private:
         return at == std::string::npos ? 0 : std::strtoul(head.c_str() + at + 18, nullptr, 10);
     }
 
-    /** Nothing of an answer may lead a request elsewhere. */
+    /** An answer must not change the path of a later request. */
     static void check(std::string const& line) {
         std::string const target = line.substr(0, line.rfind(" HTTP/1.1"));
         std::string const path = target.substr(0, target.find('?'));
@@ -123,7 +123,7 @@ private:
     size_t next_ = 0;                  ///< guarded by mutex_
 };
 
-/** A call of the client; what an answer makes it throw is part of its contract. */
+/** Calls the client, which may throw json_spirit::Error for an answer. */
 template <typename Call>
 void attempt(Call call) {
     try {
@@ -153,7 +153,7 @@ void call_all(TPOPS_RESTful_Client& client) {
 
 } // namespace
 
-/** A platform that answers anything is borne by the client and by a handler. */
+/** Client and handler must survive any answers of a platform. */
 extern "C" int LLVMFuzzerTestOneInput(unsigned char const* data, size_t size) {
     static Fuzzed_Platform platform;
     static std::string const password = encrypt_string("p", CREDENTIAL_KEY, CREDENTIAL_KEY_LENGTH);

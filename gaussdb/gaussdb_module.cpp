@@ -48,7 +48,7 @@ MODULE_FACTORY(JSON_RPC_TPOPS_Add_Instance_Handler, JSON_RPC_Handler,
                JSON_RPC_TPOPS_Add_Instance_Handler)
 MODULE_FACTORY(JSON_RPC_TPOPS_List_Handler, JSON_RPC_Handler, JSON_RPC_TPOPS_List_Handler)
 
-/** Clusters and tokens go with the module: nobody could give them back once its code is gone. */
+/** Frees clusters and tokens, whose code is unloaded with the module. */
 __attribute__((destructor)) static void unload_module() {
     GaussDB_Cluster_Manager_fini();
     TPOPS_Token_fini();

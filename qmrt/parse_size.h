@@ -14,7 +14,7 @@ inline void skip_spaces(std::string_view& text) {
         text.remove_prefix(1);
 }
 
-/** The power of 1024 that a unit stands for; 0 for an unknown one. */
+/** The power of 1024 of a unit; 0 if it is unknown. */
 inline int power_of_unit(std::string_view unit) {
     constexpr std::string_view LETTERS = "kmgtpe";
     auto const is = [&unit](char small) {
@@ -38,10 +38,10 @@ inline int power_of_unit(std::string_view unit) {
 
 /**
  * Reads a size: a decimal number, perhaps with a fraction, and a unit: K, M, G, T, P or E in either
- * case, for the powers of 1024, with "i" and "b" behind it or not. Spaces may stand before number
+ * case, a power of 1024, optionally followed by "i" and by "b". Spaces are allowed before number
  * and unit.
- * @return the largest value of the type for a size beyond it; 0 for a text that does not begin with
- *         a number; the number alone for an unknown unit
+ * @return the largest value of the type on overflow; 0 if the text does not begin with a number;
+ * the number alone if the unit is unknown
  */
 template <typename T>
 T parse_size(std::string_view text) {

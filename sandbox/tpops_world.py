@@ -50,7 +50,7 @@ class Platform(object):
         return self.control(report=True)
 
     def put_right(self):
-        """Whatever a test has told it."""
+        """Resets whatever a test has changed."""
         for order in ({"rules": []}, {"hold": False}, {"token_seconds": 3600}, {"certificate": "good"},
                       {"password": [ACCOUNT, PASSWORD]}, {"down": False}):
             self.control(**order)

@@ -14,7 +14,7 @@ int Xbsa_Mem_Map_Handle::open(char const* path, char const* owner) {
     }
     if (open_i(path, O_RDWR | O_CREAT | O_CLOEXEC) == -1) {
         int const error = errno;
-        map_.close(); // after a failure with a pipe it would pass for open
+        map_.close(); // after a failure with a pipe it would count as open
         errno = error;
         return -1;
     }

@@ -45,12 +45,12 @@ public:
      */
     int open(char const* path, char const* owner);
     /**
-     * The first count, read from the file. The file is its owner's, who can truncate it, and a look
-     * at the mapped record would end this process then.
-     * @return none while no file is open, and for one that is too short
+     * Reads the first count from the file. The file's owner can truncate it, and access to the
+     * mapped record would then kill this process.
+     * @return empty if no file is open, or if it is too short
      */
     std::optional<uint64_t> current_size() const;
-    /** Whether the record is in the file; false while none is open. */
+    /** Whether a file is open and has the whole record. */
     [[nodiscard]] bool is_whole() const;
 };
 

@@ -12,9 +12,9 @@ using json_spirit::object_get_str;
 
 namespace {
 
-/** The year 9999: beyond it a time is none that people have. */
+/** The end of the year 9999; later times are taken for unknown. */
 constexpr time_t LAST_TIME = 253402300799;
-/** Between the end of a log and the beginning of the next: the times are whole seconds. */
+/** Seconds between the end of a log and the start of the next one, which are whole seconds. */
 constexpr time_t MOST_GAP = 1;
 
 struct Platform_Set {
@@ -25,8 +25,8 @@ struct Platform_Set {
 
 /** The sets of one timeline in one pool. */
 struct Timeline {
-    std::vector<Platform_Set> bases; ///< full and differential ones, by their ends
-    std::vector<Platform_Set> logs;  ///< by their beginnings
+    std::vector<Platform_Set> bases; ///< full and differential ones, ordered by end
+    std::vector<Platform_Set> logs;  ///< ordered by start
 };
 
 time_t time_of_text(Object const& row, char const* key) {
@@ -53,7 +53,7 @@ std::vector<Timeline> timelines_of(Array const& rows) {
         std::string const timeline = object_get_str(row, "timeline");
         std::string const type = object_get_str(row, "type");
         Platform_Set const set{&row, times_of_set(row), type == "log"};
-        // one that the platform does not know by an id is of no use to it
+        // the platform can only use a backup whose id it knows
         if (timeline.empty() || set.times.end == 0 || object_get_str(row, "backup_id").empty())
             continue;
         Timeline& sets = found[{timeline, object_get_str(row, "pool_uuid")}];
@@ -75,8 +75,11 @@ std::vector<Timeline> timelines_of(Array const& rows) {
 }
 
 /**
- * The logs that lead from the end of a base to a time, as far as there are any.
- * @return how far they lead
+ * Finds the logs that follow a base without a gap.
+ * @param from   end of the base
+ * @param until  time to reach
+ * @param used   receives the logs
+ * @return the last time that they cover
  */
 time_t follow_logs(std::vector<Platform_Set> const& logs, time_t from, time_t until,
                    std::vector<Platform_Set>& used) {
@@ -92,7 +95,7 @@ time_t follow_logs(std::vector<Platform_Set> const& logs, time_t from, time_t un
     return covered;
 }
 
-/** The full one that a base builds on; the base itself when it is one. */
+/** The full backup that a base builds on; the base itself if it is full. */
 Object const& full_set_of(Timeline const& timeline, Platform_Set const& base) {
     std::string const incarnation = object_get_str(*base.row, "incarnation");
     for (Platform_Set const& other : timeline.bases)
@@ -136,7 +139,7 @@ bool find_restore_point(Array const& rows, time_t time, Restore_Point& point) {
     for (Timeline const& timeline : timelines_of(rows))
         for (Platform_Set const& base : timeline.bases) {
             std::vector<Platform_Set> used;
-            // one log at least: without any it is a restore of the backup itself
+            // without a log this would be a restore of the backup itself
             if (base.times.end > time || base.times.end <= newest ||
                 follow_logs(timeline.logs, base.times.end, std::max(time, base.times.end + 1),
                             used) < time ||

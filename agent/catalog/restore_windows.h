@@ -8,28 +8,28 @@
 #include <vector>
 
 /**
- * To which times the instance of a management platform can be restored. Its log backups say from
- * when to when their log goes. A full or differential backup with log backups behind it that leave
- * no gap makes a window, from the end of the backup to the end of the last log. All of them are in
- * one pool and of one timeline.
+ * The times to which an instance of a management platform can be restored. A log backup covers the
+ * time of its log. A full or differential backup and the log backups that follow it without a gap
+ * make a window, from the end of the backup to the end of the last log. They must be in one pool
+ * and of one timeline.
  *
- * Rows are those of the catalog's view "catalogs", in any order; sets of other instances and of
- * other flavours do not count. Keeps nothing; any thread.
+ * Rows are those of the catalog's view "catalogs" for one instance, in any order; sets of other
+ * flavours are ignored. Thread-safe.
  */
 
-/** From when to when the data of a set are, in seconds since the epoch; 0 when it is unknown. */
+/** The time that the data of a set cover, in seconds since the epoch; 0 if it is unknown. */
 struct Set_Times {
     time_t begin = 0;
     time_t end = 0;
 };
 
 /**
- * By the platform's own text, in its zone, or else by the times of a log backup's log: "begin_time"
- * and "end_time" of another set are not right in all zones.
+ * Reads the platform's own text, which has a zone. A log backup without it has the times of its
+ * log; "begin_time" and "end_time" of other sets are wrong in most zones.
  */
 Set_Times times_of_set(json_spirit::Object const& row);
 
-/** Any second from one to the other, both included. */
+/** Every second from `from` to `until`, both included. */
 struct Restore_Window {
     time_t from = 0;
     time_t until = 0;
@@ -40,13 +40,14 @@ std::vector<Restore_Window> restore_windows(json_spirit::Array const& rows);
 
 /** What a restore to a time reads. */
 struct Restore_Point {
-    json_spirit::Object set; ///< the set whose key a restore is asked for with; the last one
-    std::vector<json_spirit::Object> sets; ///< the full one first, and the logs in their order
+    json_spirit::Object set; ///< the set whose key the restore names; the last of `sets`
+    std::vector<json_spirit::Object>
+        sets; ///< the full one first, then the others in the order of their data
 };
 
 /**
- * The sets with the least log for a time.
- * @return false when the time is in no window
+ * Finds the sets that need the least log for a time.
+ * @return false if the time is not in a window
  */
 [[nodiscard]] bool find_restore_point(json_spirit::Array const& rows, time_t time,
                                       Restore_Point& point);

@@ -91,9 +91,7 @@ public:
      * call, on its thread. To be set before the catalog is used.
      */
     void on_abort(std::function<void(Dropped_Set const&)> action) { on_abort_ = std::move(action); }
-    /**
-     * Is told of pieces that a set has got, with the bytes of their content. As on_abort().
-     */
+    /** Called after pieces were added to a set, with the bytes of their content. See on_abort(). */
     void on_pieces(std::function<void(std::string const& uuid, uint64_t size)> action) {
         on_pieces_ = std::move(action);
     }
@@ -108,7 +106,7 @@ public:
      * nobody writes one any more.
      * @param before   only those that began before that time
      * @param dropped  gets what is left of them
-     * @param uuid     only the set of this id; "" for all
+     * @param uuid     only the set with this uuid; "" for all
      */
     [[nodiscard]] bool abort_open_sets(std::string const& host_uuid, time_t before,
                                        std::vector<Dropped_Set>& dropped,

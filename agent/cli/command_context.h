@@ -53,8 +53,9 @@ public:
     /** Prints a result as JSON, indented or on one line. */
     void print_json(json_spirit::Value const& value, bool indented = true);
     /**
-     * With JSON wanted there is always one document: when a command ends without one, this prints
-     * {"error": {"code", "message", "hint"}}; the code is the exit status.
+     * Prints json_error() of the last failure if the command failed, JSON is wanted, and nothing
+     * was printed as JSON: so the output is always exactly one document.
+     * @param status  the exit status, which becomes the code
      */
     void print_json_error(int status);
     /** Prints to stderr. */

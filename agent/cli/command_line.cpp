@@ -89,8 +89,8 @@ void Command_Line::add_wait(CLI::App& command) {
 void Command_Line::add_progress(CLI::App& command) {
     command
         .add_option("--interval", wait_.interval,
-                    "Seconds between two sights of the job's progress; a change of its state shows "
-                    "at once")
+                    "Seconds between two updates of the job's progress; a change of its state is "
+                    "shown at once")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.01, 86400.0));
     static std::map<std::string, Progress_Form> const forms{{"auto", Progress_Form::AUTO},
@@ -101,7 +101,7 @@ void Command_Line::add_progress(CLI::App& command) {
     command
         .add_option(
             "--progress", wait_.progress,
-            "How the progress is shown: auto (a bar on a terminal, elsewhere lines), bar, "
+            "Show the progress as auto (a bar on a terminal, elsewhere lines), bar, "
             "lines, json (one line of JSON for each change, the last one for the end), none")
         ->type_name("FORM")
         ->transform(CLI::CheckedTransformer(forms).description(""));
@@ -116,8 +116,8 @@ void Command_Line::add_uid(CLI::App& command) {
 void Command_Line::add_option_values(CLI::App& command) {
     command
         .add_option("--rate", wishes_.rates,
-                    "At most so many bytes a second to or from the pool: 200M, or 08:00-18:00=50M "
-                    "for some hours of each day; may be repeated, the first that applies counts")
+                    "Limit the bytes per second to or from the pool: 200M, or 08:00-18:00=50M for "
+                    "some hours of each day; may be repeated, the first that applies counts")
         ->type_name("[HH:MM-HH:MM=]SIZE")
         ->expected(1)
         ->take_all();
@@ -387,7 +387,7 @@ void Command_Line::add_restore_command() {
                                                            "such as Z or +08:00 unless it is local "
                                                            "time)");
             },
-            "Restore the instance that stands for BACKUP to this time (TPOPS)")
+            "Restore the instance named as BACKUP to this time (TPOPS)")
         ->type_name("TIME");
     added
         ->add_option("BACKUP", backup_,
@@ -535,17 +535,19 @@ bool Command_Line::parse(int argc, char const* const* argv, int& status) {
         app_.parse(argc, argv);
         check_backup();
         if (json_ && watch_ > 0)
-            throw CLI::ValidationError("--watch", "cannot go with --json, which is one document");
+            throw CLI::ValidationError("--watch",
+                                       "cannot be combined with --json, which prints one document");
     } catch (CLI::ParseError const& error) {
         std::ostringstream fault; // has in it what was typed, or pasted from elsewhere
         status = app_.exit(error, std::cout, fault) == 0 ? EXIT_OK : EXIT_USAGE;
         std::cerr << printable_lines(fault.str());
         if (status != EXIT_OK &&
             std::find(argv, argv + argc, std::string_view("--json")) != argv + argc)
-            std::cout << printable_json(json_spirit::to_text(
-                json_error(status, error.what(),
-                           "`zenbrak3 --help` and `zenbrak3 COMMAND --help` say what there is."),
-                true));
+            std::cout << printable_json(
+                json_spirit::to_text(json_error(status, error.what(),
+                                                "`zenbrak3 --help` lists the commands, `zenbrak3 "
+                                                "COMMAND --help` the options of one."),
+                                     true));
         return false;
     }
     CLI::App const* parsed = &app_;

@@ -1,4 +1,4 @@
-// The command line's part about management platforms.
+// The commands for management platforms.
 #include "agent/cli/command_line.h"
 #include "agent/cli/name_check.h"
 

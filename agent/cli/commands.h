@@ -55,26 +55,26 @@ int check(Command_Context& context, std::string const& instance, std::string con
 /** Port of a TPOPS platform's REST interface, unless said otherwise. */
 constexpr int DEFAULT_PLATFORM_PORT = 8002;
 
-/** Where a platform is and who asks it; the password is asked for, or read from stdin. */
+/** Address and user of a platform; the password is asked for, or read from stdin. */
 struct Platform_Login {
     std::string endpoint; ///< HOST[:PORT]
     std::string username;
     bool no_tls = false;
 };
 int list_platform(Command_Context& context, Platform_Login const& wishes);
-/** Which instances of a platform to add, and their way to the XBSA service. */
+/** The instances of a platform to add, and their route to the XBSA service. */
 struct Platform_Addition {
     std::vector<std::string> names;
-    bool all = false; ///< that are not on record
+    bool all = false; ///< all instances that are not on record
     std::string xbsa_host;
     int xbsa_port = 0;
     bool no_xbsa_tls = false;
     std::string uid;
 };
-/** Adds all that are named, or none. */
+/** Adds all named instances, or none. */
 int add_from_platform(Command_Context& context, Platform_Login const& wishes,
                       Platform_Addition const& addition);
-/** What is to change of an instance of a platform; nothing of what is empty. */
+/** What to change of an instance of a platform; empty members change nothing. */
 struct Platform_Change {
     std::string endpoint; ///< HOST[:PORT]
     bool tls = false;
@@ -135,14 +135,12 @@ int remove_definition(Command_Context& context, std::string const& definition);
 /** How a run that was started, or that is looked at, is waited for. */
 struct Wait {
     bool wait = true;
-    double interval = 1; ///< seconds between two sights of the numbers
+    double interval = 1; ///< seconds between two updates of the progress
     Progress_Form progress = Progress_Form::AUTO;
 };
 int back_up(Command_Context& context, std::string const& instance, std::string const& pool,
             std::string const& level, Job_Wishes const& wishes, Wait const& wait);
-/**
- * @param backup  with a time in @a wishes the name of an instance
- */
+/** @param backup  id of a backup; the name of an instance if @a wishes have a time */
 int restore(Command_Context& context, std::string const& backup, std::string const& restore_as,
             Job_Wishes const& wishes, Wait const& wait, Consent const& consent);
 /** Saves a definition and starts it. */

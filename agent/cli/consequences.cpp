@@ -98,9 +98,9 @@ std::set<std::string> with_dependents(Array const& backups, Object const& set) {
 constexpr size_t LOST_LINE = 2;
 
 /**
- * Of a restore that replaces an instance as a whole.
- * @param source  what it is restored from, a line
- * @param time    of the data that it will have
+ * The consequences of a restore that replaces a whole instance.
+ * @param source  the line that names what is restored
+ * @param time    of the restored data
  */
 Consequences overwriting(Command_Context& context, Object const& set, std::string const& target,
                          std::string doing, std::pair<std::string, std::string> source,

@@ -18,7 +18,7 @@ Consequences restore_consequences(Command_Context& context, json_spirit::Object 
                                   std::string const& target,
                                   std::vector<std::string> const& tables);
 
-/** Of a restore to a time. @param point  as backup.point has it, with a backup */
+/** Of a restore to a time. @param point  the answer of backup.point, which has a backup */
 Consequences restore_to_time_consequences(Command_Context& context,
                                           json_spirit::Object const& point,
                                           std::string const& target);

@@ -147,7 +147,7 @@ void add_channels(int64_t flavour, json_spirit::Object& definition) {
         options["channels"] = USUAL_CHANNELS;
 }
 
-/** Limits what is written to the pool by a backup, and what is read from it by a restore. */
+/** Limits the writes of a backup to the pool, or the reads of a restore from it. */
 bool read_rates(std::vector<std::string> const& rates, json_spirit::Object& definition,
                 std::string& error) {
     Rate_Control_Entries entries;
@@ -159,7 +159,7 @@ bool read_rates(std::vector<std::string> const& rates, json_spirit::Object& defi
             !Rate_Control_Entry::from_string(rate.substr(0, divider) + std::to_string(bytes),
                                              entry)) {
             error = "invalid --rate '" + rate +
-                    "' (expected bytes a second, such as 200M, or 08:00-18:00=50M)";
+                    "' (expected bytes per second, such as 200M or 08:00-18:00=50M)";
             return false;
         }
         entries.push_back(entry);

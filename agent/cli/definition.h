@@ -18,7 +18,7 @@ struct Job_Wishes {
     std::string uid;
     std::string compression; ///< "zstd", or with its level "zstd:3"; backups only
     int channels = 0;
-    /** "200M" or "08:00-18:00=50M", bytes a second to or from the pool; the first that applies. */
+    /** Bytes per second, "200M" or "08:00-18:00=50M"; the first that applies counts. */
     std::vector<std::string> rates;
     std::vector<std::string> options; ///< "key=value", in the order in which they count
     std::vector<std::string> schemas; ///< "DATABASE.SCHEMA"; backups only

@@ -83,7 +83,7 @@ Exit_Code exit_code_of(Object const& run) {
     }
 }
 
-/** A run without the members that say nothing of it yet, or no longer. */
+/** A run without the members that are unknown or no longer of interest. */
 Object known_of(Object run) {
     for (char const* const key :
          {"waiting_for", "phase", "message", "processed_size", "total_size", "expected_size",
@@ -138,7 +138,7 @@ int tell_that_it_goes_on(std::string const& id) {
     return EXIT_INTERRUPTED;
 }
 
-/** Follows a run to its end. The agent answers when there is something new to be seen. */
+/** Follows a run to its end. The agent answers when the run has changed. */
 int follow(Command_Context& context, std::string const& id, Wait const& wait) {
     Interruption::install();
     auto const pause = std::chrono::milliseconds(
@@ -162,7 +162,7 @@ int follow(Command_Context& context, std::string const& id, Wait const& wait) {
         if (shows)
             context.print(printer.next(run, now));
         int64_t const revision = number_of(run, "revision");
-        // an agent that too many ask answers at once
+        // an agent with too many watchers answers at once
         bool const at_once = revision == seen && now - asked < pause;
         if (Interruption::happened() || (at_once && !Interruption::sleep(pause))) {
             context.print(printer.end());
@@ -202,7 +202,7 @@ std::string windows_text(Array const& windows) {
     return text;
 }
 
-/** What a restore to the time that is wished for reads. */
+/** Finds the sets for a restore to a time. @return false after a failure was printed */
 bool find_point(Command_Context& context, std::string const& instance, time_t when, Object& point,
                 int& status) {
     std::string const doing = "restore " + instance + " to " + time_text(when);
@@ -228,8 +228,8 @@ bool find_point(Command_Context& context, std::string const& instance, time_t wh
 }
 
 /**
- * Tells what a backup of a platform's instance becomes that is not full, before it starts.
- * @return false, told, when it would fail
+ * Says before the start what becomes of a backup of a platform's instance that is not full.
+ * @return false, after a failure was printed, if the platform would refuse it
  */
 bool tell_of_base(Command_Context& context, Object const& instance, std::string const& pool,
                   std::string const& level) {
@@ -239,7 +239,7 @@ bool tell_of_base(Command_Context& context, Object const& instance, std::string 
     Object const query{{"instance", name}, {"pool", pool}, {"usable", true}};
     json_spirit::Value answer;
     if (!context.try_to_ask("backup.list", query, answer))
-        return true; // the job looks for itself
+        return true; // the job checks this itself
     Array backups;
     if (answer.type() == json_spirit::obj_type)
         backups = array_of(answer.get_obj(), "backups");

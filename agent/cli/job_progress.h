@@ -19,10 +19,10 @@ std::string run_title(json_spirit::Object const& run);
 
 /**
  * "running, 42%, 1.2 GiB of 3.0 GiB, 55.0 MiB/s, 0:32 left, saving metadata" or "waiting for job 7
- * of prod"; what is unknown is left out. A size that was reckoned from percents is "about".
+ * of prod"; unknown parts are left out. A size that was computed from percents has an "about".
  */
 std::string progress_text(json_spirit::Object const& run);
-/** The state in a word: "waiting" for a run that waits, else as it is. */
+/** The state in a word; "waiting" for a run that waits. */
 std::string state_text(json_spirit::Object const& run);
 /** "[#######-------------] " and progress_text(), within the width. */
 std::string progress_bar(json_spirit::Object const& run, size_t width);
@@ -30,7 +30,7 @@ std::string progress_bar(json_spirit::Object const& run, size_t width);
 /** How the progress of a run is shown. */
 enum class Progress_Form {
     AUTO,  ///< a bar on a terminal, lines elsewhere
-    BAR,   ///< one line that is drawn again
+    BAR,   ///< one line that is redrawn
     LINES, ///< a line for each change, and one a minute while only numbers change
     JSON,  ///< the run as one line of JSON for each change
     NONE
@@ -51,7 +51,7 @@ public:
 private:
     Terminal const terminal_;
     Progress_Form const form_; ///< not AUTO
-    std::string state_;        ///< what was more than numbers
+    std::string state_;        ///< the last state, wait and phase
     std::string text_;
     Time printed_{};
     bool drawn_ = false;

@@ -57,7 +57,7 @@ bool read_wishes(Pool_Wishes const& wishes, Object& params, std::string& error) 
 
 constexpr char LISTING_BACKUPS[] = "list the backups";
 
-/** The pools; none when the agent does not tell. */
+/** The pools; empty if the agent does not answer. */
 Array list_of_pools(Command_Context& context) {
     Value answer;
     bool const told = context.try_to_ask("pool.list", Object(), answer);
@@ -65,7 +65,7 @@ Array list_of_pools(Command_Context& context) {
                                                           : Array();
 }
 
-/** A pool's name by its uuid; the uuid of one that is gone. */
+/** The name of the pool with this uuid; the uuid itself if the pool does not exist. */
 std::string pool_name(Array const& pools, std::string const& uuid) {
     for (Object const& pool : json_spirit::objects_of(pools))
         if (json_spirit::object_get_str(pool, "uuid") == uuid)
@@ -73,7 +73,7 @@ std::string pool_name(Array const& pools, std::string const& uuid) {
     return uuid;
 }
 
-/** @param name  or uuid; "" for any. @return false after the user was told */
+/** @param name  or uuid; "" for any. @return false after a failure was printed */
 bool is_known_pool(Command_Context& context, Array const& pools, std::string const& name) {
     for (Object const& pool : json_spirit::objects_of(pools))
         for (char const* const key : {"name", "uuid"})

@@ -1,4 +1,4 @@
-// Management platforms and the instances that are reached through them.
+// Management platforms and their instances.
 #include "agent/cli/commands.h"
 #include "agent/cli/password.h"
 #include "agent/cli/results.h"
@@ -17,7 +17,7 @@ constexpr char LOOK_AT_LOGIN[] =
     "Look at host, port, user and password. A certificate of an authority that this host does not "
     "know needs ca_file under [platform] in the agent's configuration.";
 
-/** HOST, HOST:PORT, [ADDRESS] or [ADDRESS]:PORT; "" or why it is none of these. */
+/** Reads HOST, HOST:PORT, [ADDRESS] or [ADDRESS]:PORT. @return "" or why the text is invalid */
 std::string read_endpoint(std::string const& text, std::string& host, int& port) {
     size_t colon = text.rfind(':');
     bool const is_bracketed = text.starts_with('[');
@@ -98,13 +98,13 @@ bool find_recorded(Command_Context& context, std::vector<std::string>& recorded)
     return true;
 }
 
-/** Chooses from what is offered, by name; all that can be added without a name. */
+/** Chooses from the offered instances: by name, or all that can be added. */
 class Choice {
 public:
     Choice(Array const& offered, std::vector<std::string> const& recorded)
         : offered_(offered), recorded_(recorded) {}
 
-    /** @return why not; "" when it has been chosen */
+    /** @return "" or why the instance cannot be chosen */
     std::string take(std::string const& name) {
         for (Object const& instance : json_spirit::objects_of(offered_))
             if (json_spirit::object_get_str(instance, "name") == name)
@@ -195,7 +195,9 @@ int add_from_platform(Command_Context& context, Platform_Login const& wishes,
                                 "`zenbrak3 platform list` shows what there is. Nothing was added.");
     Command_Context::tell(choice.left_out());
     if (choice.chosen().empty())
-        return context.fail(EXIT_REFUSED, "cannot " + doing + ": there is none to add");
+        return context.fail(EXIT_REFUSED,
+                            "cannot " + doing +
+                                ": the platform offers no instance that is not on record");
     params["uid"] = uid;
     params["instances"] = choice.chosen();
     params["xbsa_host"] = addition.xbsa_host;

@@ -13,22 +13,22 @@
 json_spirit::Array array_of(json_spirit::Object const& object, char const* key);
 
 /**
- * Asks for a list and makes its text, see text_of_list().
- * @param key     of the list's rows
+ * Requests a list and formats it by text_of_list().
+ * @param key     key of the rows in the answer
  * @param answer  if not null and the text is not JSON, set to what was answered
  */
 [[nodiscard]] bool list_text(Command_Context& context, std::string const& method,
                              json_spirit::Object const& params, std::string const& doing,
                              char const* key, Table table, char const* none, std::string& text,
                              json_spirit::Object* answer = nullptr);
-/** The result as JSON, or the table of its rows, or for people a sentence when it has none. */
+/** The result as JSON, or as a table; on a terminal @a none replaces a table without rows. */
 std::string text_of_list(Command_Context const& context, json_spirit::Object const& result,
                          Table const& table, char const* none);
 /**
- * Whether something exists that a list was asked for by, so that an empty list can be trusted.
+ * Whether the thing exists by which an empty list was filtered.
  * @param kind  "instance" or "definition"
- * @param name  "" for any, which exists
- * @return false after the user was told
+ * @param name  "" for no filter
+ * @return false after a failure was printed
  */
 [[nodiscard]] bool is_known(Command_Context& context, std::string const& kind,
                             std::string const& name, std::string const& doing);

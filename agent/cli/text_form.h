@@ -24,7 +24,7 @@ std::string duration_text(int64_t seconds);
 /** How the value of a key is shown. A LIMIT is a size of which 0 is none. */
 enum class Form { TEXT, SHORT_ID, SIZE, LIMIT, TIME, DURATION, PERCENT, YES_NO, FLAVOUR, SPEED };
 
-/** The flavours whose numbers the commands look at, as an instance's "version" counts them. */
+/** Flavours that the commands treat in a special way; values of an instance's "version". */
 enum : int64_t { FLAVOUR_T = 3, FLAVOUR_DWS, FLAVOUR_OPENGAUSS, FLAVOUR_TPOPS };
 
 /**

@@ -157,7 +157,7 @@ void Agent_Jobs::note_change(Live& live, Change change) {
 
 void Agent_Jobs::measure(Live& live) {
     Job_Run& run = live.run;
-    // a tool that tells percents only has moved that part of what is expected
+    // if the tool reports percents only, that part of the expected bytes has passed
     auto const guess =
         static_cast<uint64_t>(static_cast<double>(run.expected_size) / 100 * run.percent);
     uint64_t const told = std::max(run.processed_size, live.stored);
@@ -223,7 +223,7 @@ void Agent_Jobs::progressed(Job const& job, Job_Progress const& progress) {
         run.processed_size = progress.processed_size ? progress.processed_size : run.processed_size;
         run.total_size = progress.total_size ? progress.total_size : run.total_size;
         run.speed = progress.speed ? progress.speed : run.speed;
-        // a restore knows the size of its set, a backup adds it up
+        // a restore knows the size of its set; a backup's size is not complete yet
         if (run.type == job_definition_type_name(JOB_DEFINITION_RESTORE))
             run.expected_size = job.activity().set_size;
         measure(live->second);
@@ -247,7 +247,7 @@ void Agent_Jobs::ended(Job const& job, Job_Outcome const& outcome) {
         }
     }
     std::string message = outcome.message;
-    // a job that gives no reason has told its log; a cancelled one may have left something to do
+    // without a reason the log has it; a cancelled run, too, may have left work for people
     if (!is_success(outcome.state) && message.empty() && log)
         message = log->reason();
     change(job.run_id(), [&](Job_Run& run) {

@@ -83,14 +83,14 @@ public:
     void end_unstarted(std::string const& run_id, Job_Outcome const& outcome);
     /** Says what a run that is on waits for, started or not; "" when it waits no longer. */
     void waits_for(std::string const& run_id, std::string const& what);
-    /** So many more bytes of a backup have arrived. A run that is not on is left alone. */
+    /** Adds to the bytes that have arrived for a backup. No-op unless the run is running. */
     void stored(std::string const& run_id, uint64_t bytes);
 
-    /** What of a run a watcher has not seen. */
+    /** What has changed since a watcher last saw a run. */
     enum Change { NOTHING_NEW, NEW_NUMBERS, NEW_STATE, OVER };
-    /** @param seen  Job_Run::revision as the watcher has it. OVER for a run that is not on. */
+    /** @param seen  the watcher's Job_Run::revision. @return OVER if the run is not running */
     Change change_since(std::string const& run_id, uint64_t seen);
-    /** Calls it after each change of a run, on any thread, with the run's locks held: for ever. */
+    /** Called after each change of a run, on any thread, with locks held: must not wait. */
     void on_changed(std::function<void()> action) { on_changed_ = std::move(action); }
 
     /**
@@ -151,8 +151,8 @@ private:
         bool ended = false; ///< its outcome was told, and its thread has not left the job yet
         bool unstarted = false;
         Run_Meter meter{0};
-        uint64_t stored = 0;         ///< bytes that the data path has told of
-        uint64_t state_revision = 0; ///< of the last change that was more than numbers
+        uint64_t stored = 0;         ///< bytes that the data path has reported
+        uint64_t state_revision = 0; ///< of the last change of state, wait or phase
     };
 
     [[nodiscard]] bool add(Job_Run& run, bool unstarted = false);
@@ -160,9 +160,9 @@ private:
     /** Changes a live run and writes it; one that is not live is left alone. */
     void change(std::string const& run_id, std::function<void(Job_Run& run)> const& what,
                 Change change = NEW_STATE);
-    /** The run's numbers have changed, or more. With the mutex held. */
+    /** Gives the run a new revision and calls on_changed_. The caller holds the mutex. */
     void note_change(Live& live, Change change);
-    /** Lets a run's meter have the bytes that have passed. With the mutex held. */
+    /** Gives the meter the bytes that have passed. The caller holds the mutex. */
     void measure(Live& live);
     void reckon(Live const& live, Job_Run& run) const;
     Job_Answer show_present(Job_Run& run);

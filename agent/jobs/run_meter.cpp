@@ -4,7 +4,7 @@
 
 namespace {
 
-/** Samples that come faster than that are not kept. */
+/** The least time between two samples that are kept. */
 constexpr int64_t GRAIN = NS_PER_SECOND / 4;
 constexpr int64_t SHORTEST_WORK = 3 * NS_PER_SECOND;
 constexpr double SMALLEST_PART = 0.01;
@@ -32,7 +32,7 @@ uint64_t Run_Meter::average_speed(int64_t now) const {
     return rate(beginning_, now);
 }
 
-/** Bytes a second from a sample on. */
+/** Bytes per second since a sample. */
 uint64_t Run_Meter::rate(Sample const& from, int64_t now) const {
     if (now <= from.time || latest_.bytes <= from.bytes)
         return 0;

@@ -5,29 +5,29 @@
 #include <deque>
 
 /**
- * How fast the bytes of a run pass, and how long it may still take. Times are nanoseconds of the
- * steady clock. For one thread at a time.
+ * Computes the transfer rate of a run and the time it may still take. Times are nanoseconds of the
+ * steady clock. Not thread-safe.
  */
 class Run_Meter {
 public:
-    /** The rate of now is that of so many nanoseconds. */
+    /** The current rate is the average over this time. */
     static constexpr int64_t SPAN = 10'000'000'000;
 
     explicit Run_Meter(int64_t now) { restart(now); }
 
-    /** Begins anew: until now the run has waited. */
+    /** Starts anew, after a run has waited. */
     void restart(int64_t now);
-    /** @param bytes  that have passed since the run began */
+    /** @param bytes  transferred since the run began */
     void note(int64_t now, uint64_t bytes);
 
-    /** Bytes a second of late; 0 when none have passed. */
+    /** Bytes per second over the last SPAN. */
     uint64_t speed(int64_t now) const;
-    /** Bytes a second since the beginning. */
+    /** Bytes per second since the start. */
     uint64_t average_speed(int64_t now) const;
     /**
-     * Seconds until all is done at the average pace; -1 while that would be a guess: in the first
-     * seconds, and before the first percent.
-     * @param done  which part of the whole, 0 to 1
+     * Seconds until the end at the average rate; -1 in the first seconds and before the first
+     * percent, when it would be a guess.
+     * @param done  the fraction that is done, 0 to 1
      */
     int64_t remaining(int64_t now, double done) const;
 
@@ -41,7 +41,7 @@ private:
 
     Sample beginning_{};
     Sample latest_{};
-    std::deque<Sample> samples_; ///< some of the last SPAN, and the one before
+    std::deque<Sample> samples_; ///< those of the last SPAN and the one before
 };
 
 #endif

@@ -22,7 +22,7 @@ struct Job_Run {
     std::string instance;
     Job_State state = JOB_STATE_STARTING;
     int code = 0;
-    std::string message;         ///< for people: why it did not succeed, or what it is about to do
+    std::string message;         ///< for people: why it failed, or what it is about to do
     int percent = 0;             ///< 0 to 100
     uint64_t processed_size = 0; ///< bytes, as the others
     uint64_t total_size = 0;
@@ -32,20 +32,20 @@ struct Job_Run {
     time_t end_time = 0; ///< 0 while it is on
     int alerts = 0;      ///< how many; only read
 
-    // what is reckoned when it is asked for, and not kept
+    // computed when requested; not stored
 
     std::string waiting_for = {}; ///< what it waits for, for people; "" for nothing
-    std::string phase = {};       ///< what it is doing, for people; "" when it does not say
-    uint64_t expected_size = 0;   ///< bytes that it will probably process; 0: unknown
+    std::string phase = {};       ///< what it is doing, for people; "" if unknown
+    uint64_t expected_size = 0;   ///< bytes that it will probably process; 0 if unknown
     uint64_t average_speed = 0;   ///< bytes a second
-    int64_t elapsed = 0;          ///< seconds from its start to its end or until now
-    int64_t remaining = -1;       ///< seconds that it will probably still take; -1: unknown
-    uint64_t revision = 0;        ///< differs after each change of a run that is on
+    int64_t elapsed = 0;          ///< seconds from its start to its end, or to now
+    int64_t remaining = -1;       ///< seconds that it will probably still take; -1 if unknown
+    uint64_t revision = 0;        ///< increases with each change of a running run
 };
 
 /**
- * {"run_id", "definition", ..., "remaining"}: all but the revision. The state is
- * job_state_to_string()'s; what is unknown of "remaining" is null.
+ * {"run_id", "definition", ..., "remaining"}: all members but the revision. The state is that of
+ * job_state_to_string(); an unknown "remaining" is null.
  */
 json_spirit::Object run_to_json(Job_Run const& run);
 
@@ -90,8 +90,8 @@ public:
      */
     Job_Answer find(std::string const& beginning, Job_Run& result);
     /**
-     * The size of the last backup of that instance and level that completed.
-     * @param size  0 without one
+     * Finds the size of the last completed backup of an instance and level.
+     * @param size  0 if there has been none
      */
     [[nodiscard]] bool last_size(std::string const& instance, std::string const& subtype,
                                  uint64_t& size);

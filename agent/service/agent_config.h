@@ -37,8 +37,8 @@ struct Agent_Config {
     int64_t tool_timeout = 60; ///< seconds for a tool of the database to answer a question
     int64_t tool_output = 64 * 1024 * 1024; ///< bytes of such an answer
     // [platform]
-    bool platform_verify = true;   ///< false: certificates of platforms are not verified
-    std::string platform_ca_file;  ///< PEM; "": the system's authorities
+    bool platform_verify = true;   ///< false: do not verify the certificates of platforms
+    std::string platform_ca_file;  ///< PEM; "" for the system's authorities
     int64_t platform_timeout = 60; ///< seconds for a platform to answer a request
     // [group]
     std::string role = "alone";   ///< "alone", "backupd" or "member"

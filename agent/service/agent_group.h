@@ -38,7 +38,7 @@ public:
      */
     [[nodiscard]] bool join(unsigned short port, std::string& error);
     void stop();
-    /** Of a member: see Member_Duties::drop_set_of(). Before join() nothing is to be dropped. */
+    /** Member_Duties::drop_set_of() of a member; no-op before join(). */
     void drop_set_of(std::string const& run_id);
     /** The group's middle; null in a member. */
     Group_Server* server() { return server_.get(); }

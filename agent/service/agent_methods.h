@@ -53,8 +53,9 @@ void add_instance_methods(Method_Table& methods, Agent_Identity const& identity,
 void add_pool_methods(Method_Table& methods, Pool_Status& status, SQLite_Pools& pools,
                       Method_Access const& access);
 /**
- * What job.show answers of a run, by the beginning of its id.
- * @return false, with the fault, for one that is unknown
+ * The answer of job.show for a run.
+ * @param beginning  a prefix of its id
+ * @return false, with the fault, if the run is unknown
  */
 [[nodiscard]] bool describe_run(Agent_Jobs& runs, std::string const& beginning,
                                 json_spirit::Object& result, Method_Fault& fault);

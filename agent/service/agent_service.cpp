@@ -235,7 +235,7 @@ void Agent_Service::make_jobs() {
                                          .keep_runs = static_cast<size_t>(config_.kept_runs)});
     runs_->on_failed([this](std::string const& run_id) { drop_set_of(run_id); });
     runs_->on_finished([this] { clear_up(); });
-    // a run's set has the run's id
+    // a set's uuid is its run's id
     catalog_->on_pieces(
         [runs = runs_](std::string const& uuid, uint64_t size) { runs->stored(uuid, size); });
     runs_->keys({[this](Job const& job, std::string const& instance) {
@@ -313,13 +313,13 @@ bool Agent_Service::drop_open_sets(std::string const& host_uuid, time_t before,
     return true;
 }
 
-/** The set of a run has its id. Not all jobs drop theirs when they fail. */
+/** Drops the set with the run's id: not every job drops its set when it fails. */
 void Agent_Service::drop_set_of(std::string const& run_id) {
     if (is_member())
         group_->drop_set_of(run_id);
     else
         (void)drop_open_sets(identity_.host_uuid, std::numeric_limits<time_t>::max(),
-                             run_id); // a later start of the agent drops it, too
+                             run_id); // if this fails, the next start drops it
 }
 
 void Agent_Service::remove_files(Dropped_Set const& set) {

@@ -51,7 +51,7 @@ void keep_visible(Method_Access const& access, Rpc_Caller const& caller, size_t 
         rows.resize(limit);
 }
 
-/** Adds when the data of a platform's set are of. */
+/** Adds the time that the data of a platform's set cover. */
 void add_times(Object& row) {
     Set_Times const times = times_of_set(row);
     if (times.end != 0)
@@ -234,7 +234,7 @@ public:
 private:
     /**
      * The sets of an instance that the caller may see and restore_windows() looks at. Sets of other
-     * flavours have no timeline: the rows of a cluster with a long history are not read.
+     * flavours have no timeline, so the rows of a cluster's long history are not read.
      */
     bool sets_of(Rpc_Caller const& caller, std::string const& instance, Array& rows) {
         Value found;

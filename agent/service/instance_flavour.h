@@ -5,16 +5,16 @@
 
 #include <string>
 
-/** How an instance's "version" option counts the flavours of the database. */
+/** Values of an instance's "version" option: the flavours of the database. */
 enum { FLAVOUR_100 = 1, FLAVOUR_200, FLAVOUR_T, FLAVOUR_DWS, FLAVOUR_OPENGAUSS, FLAVOUR_TPOPS };
 
-/** Whether an instance is reached through its platform; such a record has another form. */
+/** Whether an instance is reached through its platform. Its record has other options then. */
 inline bool is_on_platform(Instance const& instance) {
     std::string host;
     return instance.get_option("tpops_host", host);
 }
 
-/** The flavour of an instance; 0 when its record does not say. */
+/** The flavour of an instance; 0 if it is not in the record. */
 inline int flavour_of(Instance const& instance) {
     int flavour = 0;
     if (is_on_platform(instance))
@@ -23,7 +23,7 @@ inline int flavour_of(Instance const& instance) {
     return flavour;
 }
 
-/** The version of an instance's database, "8.1.1"; "" when its record does not say. */
+/** The version of an instance's database, "8.1.1"; "" if it is not in the record. */
 inline std::string edition_of(Instance const& instance) {
     std::string edition;
     instance.get_option(is_on_platform(instance) ? "version" : "edition", edition);

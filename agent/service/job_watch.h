@@ -11,24 +11,24 @@
 #include <vector>
 
 /**
- * Serves "job.watch": answers as job.show, with the run's "revision", when there is something that
- * the caller has not seen: a new state at once, new numbers after the caller's pause, and in any
- * case after LONGEST_WAIT. No thread waits for each call: one serves them all.
+ * Serves "job.watch": answers like job.show when the run has changed since the caller last saw it.
+ * A change of state, wait or phase is answered at once, other changes after the caller's pause, and
+ * every call after LONGEST_WAIT_MS. One thread serves all calls.
  */
 class Job_Watch : public JSON_RPC_Handler {
 public:
     static constexpr int64_t LONGEST_WAIT_MS = 30'000;
-    /** So many calls wait at once; a further one is answered with what there is. */
+    /** The most calls that wait at once; further calls are answered at once. */
     static constexpr size_t MAX_WATCHERS = 256;
 
-    /** @param runs  not owned; lives longer */
+    /** @param runs  not owned; must outlive this object */
     explicit Job_Watch(Agent_Jobs& runs);
     /** Stops. */
     ~Job_Watch() override;
 
     /** Starts the thread. @return 0, or -1 after an error line */
     int start();
-    /** Ends it. Who waits is not answered. */
+    /** Stops the thread. Waiting calls are not answered. */
     void stop();
 
     int handle_object(JSON_RPC_Channel_ptr channel, JSON_RPC_Object_var object) override;
@@ -39,7 +39,7 @@ private:
         json_spirit::Value id; ///< of the request
         std::string run_id;
         uint64_t seen = 0;
-        int64_t numbers_due = 0; ///< by the steady clock, as the next
+        int64_t numbers_due = 0; ///< steady clock, in nanoseconds; so is all_due
         int64_t all_due = 0;
     };
     /** What the thread waits for. */
@@ -52,17 +52,17 @@ private:
 
     void work();
     void ring(bool stop = false);
-    /** Answers those for which it is time. @return when the next one's is, by the steady clock */
+    /** Answers the calls that are due. @return when the next call is due, by the steady clock */
     int64_t serve();
-    /** @param due  gets when the answer is due if nothing changes until then */
+    /** @param due  receives when the answer is due if the run does not change */
     [[nodiscard]] bool is_due(Watcher const& watcher, int64_t now, int64_t& due);
     int answer(Watcher const& watcher);
 
     Agent_Jobs& runs_;
-    std::mutex mutex_; ///< of the watchers
+    std::mutex mutex_; ///< guards watchers_
     std::vector<Watcher> watchers_;
-    std::atomic<size_t> waiting_ = 0; ///< how many, for those who ring
-    Bell bell_;                       ///< taken under the runs' lock: nothing is asked under it
+    std::atomic<size_t> waiting_ = 0; ///< size of watchers_, read without the mutex
+    Bell bell_;                       ///< its mutex is taken under the lock of the runs
     Thread_Helper thread_;
 };
 

@@ -79,7 +79,7 @@ void Member_Duties::drop_failed() {
         QMRT_LOG(LM_WARNING, "The backup server did not drop the set that run %s left open: %s\n",
                  run_id.c_str(), reply.message.c_str());
         drop_set_of(run_id);
-        return; // once more when there is an answer
+        return; // retried with the next look
     }
 }
 

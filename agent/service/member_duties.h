@@ -16,8 +16,8 @@ class SQLite_Instances;
 /**
  * What a member of a group does whenever its connection to the backup server comes to be: the first
  * time it has the sets dropped that a killed predecessor left open, and each time it tells which
- * instances it has, since the server may not have heard of all. In between it has the sets dropped
- * that its own runs leave open.
+ * instances it has, since the server may not have heard of all. In between it asks the
+ * server to drop the sets that its own failed runs leave open.
  */
 class Member_Duties {
 public:
@@ -31,7 +31,7 @@ public:
     void start();
     void stop();
 
-    /** Has the set of a run that failed dropped soon. Waits for nothing; any thread. */
+    /** Notes the set of a failed run to be dropped. Does not wait. Thread-safe. */
     void drop_set_of(std::string const& run_id);
 
 private:

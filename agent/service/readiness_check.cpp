@@ -154,7 +154,7 @@ void Readiness_Check::instance(std::string const& name, std::string const& uid,
     resource_ = found->uuid;
     good("instance " + name, "on record, version " + (edition.empty() ? "not known" : edition));
     alerts(name);
-    if (!is_on_platform(*found)) // which is looked at below
+    if (!is_on_platform(*found)) // machines() asks the platform
         state(name);
     user_and_tools(*found, version);
     if (!cache_dir.empty())

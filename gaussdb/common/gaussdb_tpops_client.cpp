@@ -6,7 +6,7 @@
 
 namespace {
 
-/** For the base, which wants one; nothing here runs in it. */
+/** The base needs an environment; this client runs no tools. */
 GaussDB_Env const& no_tpops_env() {
     static GaussDB_Env const env;
     return env;

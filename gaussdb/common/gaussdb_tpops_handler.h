@@ -16,19 +16,19 @@ public:
     GaussDB_TPOPS_Handler();
 
     /**
-     * Takes over the record of info(), anew with each call. Asks the platform nothing.
+     * Reads the record of info(), again with each call. Sends nothing to the platform.
      * @param name  not used
-     * @return false, with the handler as it was, after an error line for a record that lacks a key
-     *         of TPOPS_Login or has a value of the wrong kind
+     * @return false, logged, with the handler unchanged, if the record lacks a key of TPOPS_Login
+     * or has a value of the wrong kind
      */
     [[nodiscard]] bool init(char const* name) override;
 
-    /** The reference is valid as long as this object; a later login has another one. */
+    /** The reference is valid as long as this object; a later login gets a new one. */
     TPOPS_Login const& get_login_info() const;
     GaussDB_TPOPS_Instance_Info get_instance_info() const;
 
     /**
-     * A client with the login on record, or with this account in its place when neither is null.
+     * A client with the login on record, or with this account if neither is null.
      * @param db  not used
      */
     GaussDB_Client_ptr create_client(char const* username, char const* password,
@@ -43,7 +43,7 @@ public:
      */
     [[nodiscard]] bool get_status(std::string& status, bool& balanced) const override;
 
-    /** As the base's; an account that logs on is used for this instance from then on. */
+    /** Like the base's; an account that logs on is used for this instance from then on. */
     [[nodiscard]] bool test_logon(char const* username, char const* password) override;
 
 private:
@@ -51,7 +51,7 @@ private:
 
     mutable std::mutex login_mutex_;            ///< not held during requests
     GaussDB_TPOPS_Instance_Info instance_info_; ///< guarded by login_mutex_
-    /** The last one counts; earlier ones stay for whoever holds a reference. As instance_info_. */
+    /** The last one is in use; earlier ones stay valid for references. Guarded by login_mutex_. */
     std::list<TPOPS_Login> login_info_;
 };
 

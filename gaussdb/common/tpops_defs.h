@@ -10,8 +10,8 @@
 /**
  * The records with which the module talks about TPOPS, the management platform of GaussDB
  * instances. All are plain values. Each load() throws json_spirit::Error for a required key that is
- * absent and for a value of another kind or out of range; what was read before stays read. None
- * returns false.
+ * missing and for a value of another kind or out of range; the fields read before keep their new
+ * values. None returns false.
  */
 
 /** The default port of the platform's REST interface. */
@@ -33,8 +33,8 @@ enum TPOPS_Job_State {
 char const* tpops_state_to_string(TPOPS_Job_State state, int* len);
 
 /**
- * The state that a word of the platform means, in either case. A word that begins a known one means
- * that one too, and the first known one when several fit; so "" is TPOPS_JOB_STATE_RUNNING.
+ * The state for a word of the platform, ignoring case. A prefix of a known word matches it, and the
+ * first known word wins; so "" is TPOPS_JOB_STATE_RUNNING.
  * @param len  bytes of @a str
  * @return TPOPS_JOB_STATE_NONE for any other word
  */
@@ -57,7 +57,7 @@ struct TPOPS_Login {
 
 /** A database instance as the platform reports it. */
 struct TPOPS_Instance_Info {
-    /** "version" and "node_count" may be absent. */
+    /** "version" and "node_count" are optional. */
     bool load(json_spirit::Value const& value);
     json_spirit::Object dump() const;
 
@@ -71,7 +71,7 @@ struct TPOPS_Instance_Info {
 
 /** The same with what the agent keeps about the instance. */
 struct GaussDB_TPOPS_Instance_Info : TPOPS_Instance_Info {
-    /** Every key may be absent; its field stays as it was then. */
+    /** Every key is optional; the field of a missing one is unchanged. */
     bool load(json_spirit::Value const& value);
     /** All keys, whether set or not. */
     json_spirit::Object dump() const;

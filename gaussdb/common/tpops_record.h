@@ -6,10 +6,10 @@
 #include <string>
 
 /**
- * What is wrong with the record of an instance of a TPOPS platform, or with a part of it: hosts and
- * ids go into requests, the other texts into lists and messages. Keys that are absent, and texts
- * that are empty, are left alone. Thread-safe.
- * @return "" when nothing is, else the key and the reason: "id 'a/b' has a ..."
+ * Checks the record of an instance of a TPOPS platform, or a part of it: hosts and ids go into
+ * requests, the other texts into lists and messages. Missing keys and empty texts are valid.
+ * Thread-safe.
+ * @return "" if the record is valid, else the key and the reason: "id 'a/b' has a ..."
  */
 std::string fault_of_tpops_record(json_spirit::Object const& record);
 

@@ -17,7 +17,7 @@ namespace {
 
 constexpr char TOKEN_HEADER[] = "X-Mini-Token";
 constexpr char TOKEN_KEY[] = "x_mini_token";
-/** The platform's word for a medium that is the one asked for already. */
+/** The platform's code for a medium that is in use already. */
 constexpr char SAME_MEDIA[] = "DBS.06015006";
 
 using Secrets = std::vector<std::string>;

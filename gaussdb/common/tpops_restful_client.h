@@ -48,7 +48,7 @@ public:
     /** Why there was no whole answer, for messages; "" when there was one. */
     std::string const& fault() const { return fault_; }
 
-    /** False, with nothing sent and nothing logged, without a token. */
+    /** Without a token these return false, send nothing and log nothing. */
     [[nodiscard]] bool get(char const* path, json_spirit::Value& result);
     [[nodiscard]] bool put(char const* path, json_spirit::Value const& body,
                            json_spirit::Value* result);
@@ -57,7 +57,7 @@ public:
 
     /**
      * Fills in one instance, and asks for its nodes with one more request. @a info stays as it was
-     * when the platform knows no such instance. Throws when "instances" is absent.
+     * if the platform does not know the instance. Throws when "instances" is absent.
      */
     [[nodiscard]] bool get_instance_info(char const* instance_id, TPOPS_Instance_Info& info);
     /**
@@ -121,7 +121,7 @@ public:
     /** @param result  of any type */
     [[nodiscard]] bool get_job_details(char const* job_id, json_spirit::Value& result);
 
-    /** A value for a log line, without this login's secrets and cut to a bearable length. */
+    /** A value for a log line, truncated and without the secrets of this login. */
     std::string shown(json_spirit::Value const& value) const;
 
     static constexpr uint32_t MAX_LIMIT_SIZE = 100; ///< databases on a page
@@ -150,7 +150,7 @@ private:
     std::string fault_;
     int silent_counts_ = 0; ///< requests for nodes in a row without an answer
     TPOPS_Login login_info_;
-    std::string token_; ///< that the last request went out with
+    std::string token_; ///< of the last request
     JSON_RESTful_Client client_{true};
 };
 

@@ -14,9 +14,9 @@
  */
 class TPOPS_Token {
 public:
-    /** The process's own; null, with ENOMEM, when there is no memory. */
+    /** The singleton; null, with ENOMEM, if memory is exhausted. */
     static TPOPS_Token* instance();
-    /** Ends it. No other thread may use it any more; a later instance() makes a new one. */
+    /** Deletes the singleton; no thread may still use it. instance() then makes a new one. */
     static void close_instance();
 
     TPOPS_Token() = default;
@@ -34,7 +34,7 @@ private:
     ACE_Thread_Mutex lock_;
 };
 
-/** What the module does when it is unloaded. */
+/** Closes the singleton when the module is unloaded. */
 void TPOPS_Token_fini();
 
 #endif

@@ -110,7 +110,7 @@ bool takes_account(char const* name, char const* username, char const* password)
     return !cluster.null() && cluster->test_logon(username, password);
 }
 
-/** A handler is made of its record again when that is changed. */
+/** Updates the handler's record, from which it is initialised again after a change. */
 void note_account(char const* name, char const* username, std::string const& encrypted) {
     GaussDB_Cluster_Handler_var const cluster = find_cluster(name);
     if (cluster.null())

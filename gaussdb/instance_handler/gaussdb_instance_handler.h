@@ -46,9 +46,9 @@ public:
 };
 
 /**
- * Enters an instance that only its TPOPS platform can reach; the platform is not asked.
- * @return true when there is a cluster of its name, also from before; false, logged, for a record
- *         that is not complete: the instance stays on record and has no cluster
+ * Registers an instance of a TPOPS platform, without a request to the platform.
+ * @return true if a cluster of its name exists, also from before; false, logged, if the record is
+ *         incomplete: the instance stays on record and has no cluster
  */
 [[nodiscard]] bool init_tpops_instance(std::shared_ptr<Instance const> instance);
 

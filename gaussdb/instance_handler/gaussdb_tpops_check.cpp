@@ -18,7 +18,7 @@ std::string route_text(GaussDB_TPOPS_Instance_Info const& record) {
                           int{record.xbsa_port}, record.xbsa_ssl ? "TLS" : "no TLS");
 }
 
-/** What the platform's backup agent on this host has in its place; "" when none runs. */
+/** The route of the backup agent that runs on this host, or that none runs. */
 std::string running_route() {
     std::string host, user;
     uint16_t port = 0;
@@ -86,7 +86,7 @@ bool GaussDB_TPOPS_Check::login(TPOPS_RESTful_Client& client) {
     return false;
 }
 
-/** Says what the agent's configuration gives up. */
+/** Reports how far the connection is protected. */
 void GaussDB_TPOPS_Check::trust() {
     if (!login_.ssl)
         return good("TLS", "none: password and token can be read on the way");
@@ -109,7 +109,8 @@ void GaussDB_TPOPS_Check::instance_there(TPOPS_RESTful_Client& client) {
         return bad(subject, "the platform does not know id " + names::shown(record_.id),
                    "see what it offers: zenbrak3 platform list. If the instance was made anew, "
                    "remove it here and add it again");
-    std::string const state = found.status.empty() ? "no state told" : names::shown(found.status);
+    std::string const state =
+        found.status.empty() ? "state not reported" : names::shown(found.status);
     if (!found.status.empty() && found.status != "normal")
         return bad(subject, "its state is " + state,
                    "bring it to the state normal on the platform");

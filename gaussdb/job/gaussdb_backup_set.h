@@ -11,7 +11,7 @@ public:
 
     /**
      * With a key for each field below, of the field's name, and "nodes_count" for the nodes again;
-     * without "tables", "uri" and the platform's times when there are none, and without what is of
+     * without "tables", "uri" and the platform's times if they are empty, and without the fields of
      * TPOPS for another series.
      */
     json_spirit::Object dump() const override;
@@ -33,12 +33,12 @@ public:
     json_spirit::Array tables;
     GAUSSDB_VERSION series = GAUSSDB_UNKNOWN;
 
-    // of an instance of TPOPS only
+    // only for an instance of TPOPS
     std::string timeline;    ///< uuid of the first full set since the instance was added
     std::string instance_id; ///< the instance's id on its platform
     std::string backup_id;   ///< what the platform calls this backup; "" when it is unknown
-    time_t begin_time = 0; ///< as reckoned from the platform's text, whose zone it takes for hours
-    time_t end_time = 0;   ///< the same; of a log backup both are those of its log, and right
+    time_t begin_time = 0;   ///< computed from the platform's text, reading its zone as hours
+    time_t end_time = 0;     ///< the same; a log backup has the times of its log in both
     std::string platform_begin_time; ///< the platform's own text, such as "...T10:00:00+0800"
     std::string platform_end_time;   ///< the same; both are "" for a log backup
 };

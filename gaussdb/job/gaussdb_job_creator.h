@@ -14,7 +14,7 @@ public:
      * A definition of a cluster that is not known here gets a job of the cluster flavours, which is
      * not active then.
      * @return null, with nothing logged and errno left alone, for a definition that is neither a
-     *         backup nor a restore; null with ENOMEM when there is no memory
+     *         backup nor a restore; null with ENOMEM if memory is exhausted
      */
     Job_var create(Job_Definition_var definition) override;
     /** As fault_of_job_definition() has it, for the flavour of the definition's cluster. */

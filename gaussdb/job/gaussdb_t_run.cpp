@@ -54,7 +54,7 @@ Client_IO_Ex::Progress GaussDB_T_Run::report_from(uint64_t done, uint64_t total)
     return [this, done, total](uint64_t bytes) {
         double const part =
             static_cast<double>(done + bytes) / static_cast<double>(std::max<uint64_t>(total, 1));
-        // the bytes themselves would take the place of the database's size in the job's record
+        // reported bytes would replace the database's size in the job's record
         Job_Event_Handler(run_job_).handle_progress(static_cast<int>(std::min(part, 0.99) * 100), 0,
                                                     0, 0);
         return !canceled();

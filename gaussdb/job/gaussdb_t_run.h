@@ -30,8 +30,9 @@ protected:
     [[nodiscard]] bool find_instance();
     [[nodiscard]] bool canceled() const;
     /**
-     * Reports how far the files of a set are, and ends their transfer when the run is canceled.
-     * @param done  bytes of those before this one  @param total  of all
+     * Reports the progress of a set's files, and ends the transfer when the run is canceled.
+     * @param done   bytes of the files before this one
+     * @param total  bytes of all files
      */
     Client_IO_Ex::Progress report_from(uint64_t done, uint64_t total) const;
 

@@ -40,7 +40,7 @@ namespace {
 
 constexpr char TPOPS_RESOURCE_LABEL[] = "tpops physical backup";
 constexpr char TPOPS_TIME_FORMAT[] = "%Y-%m-%dT%H:%M:%S%z";
-/** A recovery-time file has a line or two; it is made by a database's user. */
+/** The limit for a recovery-time file, which has a few lines and comes from the database's user. */
 constexpr uint64_t MAX_RECOVERY_TIME_SIZE = 1024 * 1024;
 
 boost::regex const RE_TIMEZONE("([+-]\\d{4})");
@@ -61,7 +61,7 @@ char const* backup_type_to_name(Job_Definition_Subtype type) {
     return "";
 }
 
-/** The array of the platform's backups; null when the answer has none. */
+/** The array of backups in an answer of the platform; null if it has none. */
 json_spirit::Array const* backups_of(Object const& answer) {
     json_spirit::Array const* backups = nullptr;
     if (!json_spirit::object_get(answer, "backups", backups))
@@ -97,7 +97,7 @@ bool TPOPS_Backup::execute_i(Job::Action_Options const*) {
     }
     QMRT_LOG(LM_DEBUG, "%s backup of GaussDB instance '%s' is running...\n",
              backup_type_to_name(backup_type_), src_->instance_.c_str());
-    // the id of another instance could make up the same name
+    // ids of other instances can lead to the same name
     Run_Hold const policy_hold(job_,
                                {Run_Hold::policy(Host_Manager::instance()->uuid(), policy_name_)});
     if (!policy_hold || (is_full() && (!set_backup_info() || !change_backup_media())))
@@ -139,7 +139,7 @@ Roach_Source TPOPS_Backup::make_roach_source() const {
             policy_name_};
 }
 
-/** From the opening of the set to the end of the platform's job. */
+/** Opens the set and waits for the end of the platform's job. */
 bool TPOPS_Backup::run_backup(Roach_Source& policy, GaussDB_Backup_Set& cat) {
     cat.meta_destination = policy.meta_path();
     if (!Catalog_Operator(-1, -1).initialize(cat)) {
@@ -253,7 +253,7 @@ void TPOPS_Backup::get_incarnation() {
 
 void TPOPS_Backup::get_databases_size() {
     std::vector<TPOPS_Database_Info> databases;
-    // it is for the progress figure only
+    // needed for the progress only
     (void)ask_platform(
         [&] { return tpops_client_.list_databases(instance_id_.c_str(), databases); });
     for (TPOPS_Database_Info const& database : databases)
@@ -462,7 +462,7 @@ bool TPOPS_Backup::set_catalog_with_backup_info(GaussDB_Backup_Set& cat) {
     }
 }
 
-/** Throws for this run's backup without one of its keys; a backup that is not there is no fault. */
+/** Throws if this run's backup lacks a key. A missing backup is not an error. */
 void TPOPS_Backup::read_backup_info(json_spirit::Array const& backups, GaussDB_Backup_Set& cat) {
     for (Object const& backup : json_spirit::objects_of(backups)) {
         if (json_spirit::object_get_str(backup, "name") != job_name_)

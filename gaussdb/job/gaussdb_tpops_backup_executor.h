@@ -65,7 +65,7 @@ private:
     [[nodiscard]] static bool convert_time_to_timestamp(char const* time_str, time_t& timestamp);
 
     bool abort_catalog_ = true;     ///< the set is dropped by the destructor
-    bool set_backup_media_ = false; ///< the instance's backups go elsewhere still
+    bool set_backup_media_ = false; ///< the medium has not been changed to XBSA yet
     std::string xbsa_route_;        ///< to the backup agent, as JSON
     std::string os_user_;           ///< of the backup agent
     std::string job_name_;          ///< what the platform calls the backup

@@ -25,14 +25,14 @@ namespace {
 constexpr char COUNTER_ENDING[] = "_act";
 constexpr int MOST_PROGRESS = 99;
 
-/** The names of the policies that runs of this process have: this host has no others. */
+/** The policies of the running jobs. Only this process runs jobs on this host. */
 class Policies_In_Use {
 public:
     static Policies_In_Use& instance() {
         static Policies_In_Use policies;
         return policies;
     }
-    /** Notes a policy, and removes those of TPOPS that no run has, with their counter files. */
+    /** Adds a policy, and removes the files of TPOPS policies that are not in use. */
     void begin(std::string const& name) {
         std::lock_guard const guard(mutex_);
         names_.insert(name);
@@ -110,7 +110,7 @@ bool GaussDB_TPOPS_Run::ask_platform(std::function<bool()> const& call) const {
     }
 }
 
-// what the backup agent works by
+// policy and counter file
 
 bool GaussDB_TPOPS_Run::write_policy(Roach_Source& source, std::string const& name) {
     policy_ = name;

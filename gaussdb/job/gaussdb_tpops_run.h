@@ -28,7 +28,7 @@ public:
 protected:
     static constexpr int SLEEP_INTERVAL = 3; ///< seconds between two polls
 
-    /** Asks for a job's state, which stays as it was on a failure. */
+    /** Requests a job's state, which is unchanged on a failure. */
     using Ask_State = std::function<bool(TPOPS_Job_State& state)>;
 
     /** @param job  must outlive this object */
@@ -41,15 +41,15 @@ protected:
                                            TPOPS_RESTful_Client& client);
     /**
      * Finds the backup agent's user, which gets the policy of this run.
-     * @return false also when several users run one there, since neither can be believed
+     * @return false also if several users run one with this route, since none can be trusted
      */
     [[nodiscard]] static bool find_backup_agent(std::string const& host, uint16_t port, bool ssl,
                                                 std::string& user);
-    /** Calls the platform; an answer that is not as it should be is a logged failure, too. */
+    /** Calls the platform. An invalid answer is a logged failure. */
     [[nodiscard]] bool ask_platform(std::function<bool()> const& call) const;
 
     /**
-     * Writes the run's policy, once what runs of TPOPS that died have left on this host is removed.
+     * Removes the files that dead runs of TPOPS left on this host, and writes the run's policy.
      * @param name  of the policy
      */
     [[nodiscard]] bool write_policy(Roach_Source& source, std::string const& name);
@@ -58,11 +58,11 @@ protected:
     [[nodiscard]] bool open_counter(std::string const& user);
 
     [[nodiscard]] bool canceled() const;
-    /** Until the next question for a job. */
+    /** Sleeps until the next poll. */
     void sleep() const;
     /**
-     * Asks until the job has ended. The run waits for a platform that does not answer without a
-     * limit, and says so.
+     * Polls until the job has ended. While the platform does not answer, the run waits without a
+     * limit and reports that.
      * @param building_runs  whether TPOPS_JOB_STATE_BUILDING is reported as progress
      * @param state          gets how the job ended
      * @return false when the run was canceled
@@ -78,11 +78,11 @@ protected:
                                       TPOPS_Job_State& state, json_spirit::Value& result) const;
     /** Shows that the run waits for the platform, or no longer does. */
     void platform_answers(bool answers);
-    /** Tells the run's log how to end what the platform goes on with after a cancel. */
+    /** Logs that the platform's job goes on after a cancel, and how to end it. */
     void tell_of_running(std::string const& what) const;
 
     GaussDB_Cluster_Handler_var cluster_; ///< empty until connect_to_platform() has found it
-    ACE_UINT64 databases_size_ = 0;       ///< bytes that are 100 percent; 0 when not known
+    ACE_UINT64 databases_size_ = 0;       ///< bytes that are 100 percent; 0 if unknown
     Xbsa_Mem_Map_Handle counter_;
     ACE_Time_Value sleep_interval_{SLEEP_INTERVAL};
 
@@ -91,7 +91,7 @@ private:
 
     Job& run_job_;
     std::string platform_; ///< "HOST:PORT"
-    std::string policy_;   ///< the name of the policy that this run has; "" for none yet
+    std::string policy_;   ///< name of this run's policy; "" before it has one
     bool waits_ = false;   ///< the platform does not answer
 };
 

@@ -57,7 +57,7 @@ bool list_services(char const* name, std::vector<Service_Info>& services) {
     return false;
 }
 
-/** Whether a service with that name serves there, by its command line. */
+/** Whether the service's command line has this host and port. */
 bool is_backup_agent_at(Service_Info const& service, char const* host, uint16_t port) {
     qmrt::svmatch groups;
     uint16_t service_port = 0;

@@ -64,8 +64,8 @@ uint16_t random_port();
 
 /**
  * Checks that no other user runs a backUpAgent service with that host and port on its command line.
- * Any user can start such a process, and the service's user gets the key of a run: of two neither
- * is believed.
+ * Any user can start such a process, and the service's user gets the key of a run, so neither of
+ * two users is trusted.
  */
 [[nodiscard]] bool has_one_backup_agent_user(char const* host, uint16_t port,
                                              std::string const& user);

@@ -174,7 +174,7 @@ std::string fault_of_backup(GaussDB_Backup_Job_Options const* options,
                 : ""});
 }
 
-/** What the platform restores to is told to it in milliseconds. */
+/** The executor sends this time to the platform. */
 std::string fault_of_restore_time(GaussDB_Restore_Job_Options const& options) {
     time_t when = 0;
     if (options.restore_time_.empty() || iso8601_to_posix_time(options.restore_time_, when))

@@ -52,8 +52,8 @@ public:
 
     /**
      * Makes the metadata and the media directory and gives them to the cluster's user. Another
-     * user's are set aside; see Tool_Directory. A job of TPOPS, which does not use them, leaves
-     * them to whom they belong.
+     * user's are set aside; see Tool_Directory. A job of TPOPS does not use them and keeps
+     * their owners.
      */
     [[nodiscard]] bool create_path();
     /**
@@ -68,8 +68,8 @@ public:
      *
      * The run is the only one that uses the tool on this host: see Run_Hold. So policies that are
      * there were left by earlier runs, such as those of an agent that was killed. They are removed,
-     * and the tool's programs that their owners have started since are ended first. Runs of TPOPS,
-     * which do not use the tool, neither do that nor lose their policies by it.
+     * and the tool's programs that their owners have started since are ended first. Runs of TPOPS
+     * do not use the tool: they remove nothing, and their policies are not removed.
      */
     [[nodiscard]] bool dump_policy();
     /**
@@ -77,7 +77,7 @@ public:
      * others. Neither need be there.
      */
     [[nodiscard]] bool remove_policy();
-    /** With this begin the names of policies of TPOPS. */
+    /** Prefix of the names of TPOPS policies. */
     static constexpr char TPOPS_PREFIX[] = "tpops_";
 
     /** Removes the policy file alone, after a run that failed; logs nothing. */
@@ -174,7 +174,7 @@ public:
 
 private:
     std::string policy_file() const;
-    /** A platform's job uses neither the tool nor its directories, and others may be doing so. */
+    /** False for TPOPS: its jobs use neither the tool nor its directories. */
     [[nodiscard]] bool uses_tool() const { return version_.model_ != GAUSSDB_TPOPS; }
     [[nodiscard]] static bool end_earlier_runs();
     json_spirit::Object route() const;

@@ -21,8 +21,8 @@ int send_result(JSON_RPC_Channel* channel, JSON_RPC_Request* request,
                 json_spirit::Value const& result);
 
 /**
- * Tells the backup server of an instance that was added for a user, without waiting for an answer.
- * @return false, logged, when it could not be told
+ * Notifies the backup server of an instance that was added for a user. Does not wait.
+ * @return false, logged, if the notification could not be sent
  */
 bool notify_backupd_instance(char const* name, char const* uid);
 

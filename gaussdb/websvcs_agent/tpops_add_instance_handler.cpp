@@ -19,13 +19,13 @@ namespace {
 
 constexpr char TPOPS_TYPE[] = "gaussdb";
 
-/** What came of one instance. */
+/** The outcome for one instance. */
 enum class Added { YES, NO, BAD_RECORD, NO_MEMORY };
 
 /** Adds instances one by one, for one user's account. */
 class Tpops_Additions {
 public:
-    /** Throws for params that are missing, of another kind, or cannot be what they are to be. */
+    /** Throws if a param is missing, of another kind or invalid. */
     explicit Tpops_Additions(json_spirit::Object const& params) {
         record_.load(params);
         secure_string plain;
@@ -70,7 +70,7 @@ private:
             throw json_spirit::Error(fault);
     }
 
-    /** One that has no cluster at present may still be on record, and its owner with it. */
+    /** An instance on record may have no cluster at present. */
     static bool is_taken(std::string const& name) {
         return GaussDB_Cluster_Manager::instance()->cluster_exists(name.c_str()) ||
                (!name.empty() && Instance_Manager::instance()->find(TPOPS_TYPE, name.c_str()));
@@ -106,7 +106,7 @@ private:
             clusters.remove_cluster(name.c_str());
             return Added::NO;
         }
-        // the instance stands even if the server was not told, which has been logged
+        // a failed notification has been logged and does not undo the instance
         (void)notify_backupd_instance(name.c_str(), uid_.c_str());
         uuid = instance->uuid;
         return Added::YES;
@@ -140,7 +140,8 @@ private:
         return false;
     }
 
-    GaussDB_TPOPS_Instance_Info record_; ///< what an instance does not say, the one before it did
+    GaussDB_TPOPS_Instance_Info
+        record_; ///< an element's missing keys keep the values of the one before
     std::string uid_;
     std::string username_;
     std::string enciphered_;

@@ -10,17 +10,16 @@
  *   "username", "password"   of the platform's user, the password in the form of encrypt_string()
  *   "instances"              array of objects, each with "name" and what else it has of the keys of
  *                            GaussDB_TPOPS_Instance_Info
- *   those keys               for all instances; one that an instance does not have is that of the
- *                            instance before it
+ *   those keys               defaults; an instance that lacks a key has the value of the instance
+ *                            before it
  *
- * The result is an array with the uuid of each instance that was added. An instance whose name is
- * taken, or that cannot be recorded, is a line in the log, and the others go on. Errors: -32602 for
- * params without these keys and for texts that cannot be what they are to be (see
- * fault_of_tpops_record()), with nothing added; -32603 when a record cannot be used. Throws
- * json_spirit::Error for an element of "instances" without a "name" or with a key of the wrong
- * kind: the caller guards it. What was added before stays.
+ * The result is an array with the uuid of each added instance. An instance whose name is taken, or
+ * that cannot be recorded, is logged and skipped. Errors: -32602 if a key is missing or a text is
+ * invalid (see fault_of_tpops_record()), with nothing added; -32603 if a record cannot be used.
+ * Throws json_spirit::Error if an element of "instances" lacks "name" or has a key of the wrong
+ * kind; the caller catches it, and instances added before stay.
  *
- * The platform is not asked. Keeps nothing between requests: any thread.
+ * Sends nothing to the platform. Thread-safe.
  */
 class JSON_RPC_TPOPS_Add_Instance_Handler : public JSON_RPC_Handler {
 public:

@@ -22,7 +22,7 @@ bool init_login_info(json_spirit::Object const& params, TPOPS_Login& login) {
     }
 }
 
-/** All that a platform offers. Throws for an answer that cannot be read. */
+/** The instances of a platform. Throws for an answer that cannot be read. */
 std::vector<TPOPS_Instance_Info> instances_of(TPOPS_RESTful_Client& client) {
     std::vector<TPOPS_Instance_Info> infos;
     (void)client.get_instances_info(infos); // an empty list is the caller's error

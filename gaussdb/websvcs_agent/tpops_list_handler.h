@@ -4,16 +4,16 @@
 #include "host/rpc/json_rpc_handler.h"
 
 /**
- * Lists the instances of a TPOPS platform. The params are an object, with either "name", an
- * instance on record whose platform is asked for that instance alone, or the keys of
- * TPOPS_Login::load().
+ * Lists the instances of a TPOPS platform. The params are an object with one of:
  *
- * The result is an array of TPOPS_Instance_Info::dump(). Errors: -32602 for params that name no
- * instance on record or are no login, and -32603 when the platform cannot be logged in to or gives
- * no instance. Throws json_spirit::Error for an answer of the platform that is not what it should
- * be: the caller guards it.
+ *   "name"                     an instance on record; only this instance is listed
+ *   keys of TPOPS_Login::load()
  *
- * Keeps nothing between requests: any thread. Blocks while the platform is asked.
+ * The result is an array of TPOPS_Instance_Info::dump(). Errors: -32602 if the instance is not on
+ * record or the login is incomplete, -32603 if the login fails or the platform lists no instance.
+ * Throws json_spirit::Error for an invalid answer of the platform; the caller catches it.
+ *
+ * Thread-safe. Blocks until the platform has answered.
  */
 class JSON_RPC_TPOPS_List_Handler : public JSON_RPC_Handler {
 public:

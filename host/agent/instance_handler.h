@@ -20,7 +20,7 @@ struct Instance_Check {
     bool ok = false;
     std::string text;   ///< what was found
     std::string advice; ///< what to do; "" when it is ok
-    std::string user{}; ///< the operating system's user who writes to the pool, when found out here
+    std::string user{}; ///< operating-system user who writes to the pool, if this check found it
 };
 
 /**

@@ -100,7 +100,7 @@ int on_progress(void* context, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
     }
     std::chrono::milliseconds const limit = exchange.settings.total_timeout;
     if (!exchange.settings.streaming || limit.count() == 0)
-        return 0; // curl's own limit counts
+        return 0; // curl applies the limit itself
     if (std::chrono::steady_clock::now() - exchange.last_sign <= limit)
         return 0;
     exchange.refusal = "nothing came for " + std::to_string(limit.count()) + " ms";
@@ -269,7 +269,7 @@ std::string http_transfer_fault(HTTP_Transfer_Settings const& settings,
     std::string_view const host = without_brackets(settings.host);
     bool const is_address = host.find(':') != std::string_view::npos;
     if (host.empty() || !has_only(host, is_address ? ":.%" : "-._"))
-        return "the host is no name and no address";
+        return "the host is not a valid name or address";
     if (settings.port == 0)
         return "there is no port";
     if (!request.well_formed())

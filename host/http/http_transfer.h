@@ -29,7 +29,7 @@ struct HTTP_Transfer_Settings {
     std::chrono::milliseconds connect_timeout{10'000};
     std::chrono::milliseconds total_timeout{120'000};
     size_t max_body_size = HTTP_MAX_BODY_SIZE;
-    bool cancellable = false; ///< the thread's Cancellation ends a request, within a second or so
+    bool cancellable = false; ///< the thread's Cancellation ends a request within about a second
     bool streaming = false;
     HTTP_Body_Sink sink;
 };

@@ -78,7 +78,7 @@ public:
     void cancellable(bool on) { settings_.cancellable = on; }
     void environment_proxy(bool on) { settings_.environment_proxy = on; }
 
-    /** As the constructor's parameter; counts from the next connection on. */
+    /** See the constructor's parameter; takes effect with the next connection. */
     void verify(bool on) { settings_.verify = on; }
     /** The authorities to trust, a PEM file, in place of the system's and of the default. */
     void ca_file(std::string path) { settings_.ca_file = std::move(path); }

@@ -5,17 +5,17 @@
 #include <string>
 
 /**
- * How management platforms are reached over REST: what the agent's configuration says. One for the
- * process. A plain value.
+ * The agent's configuration for REST calls of management platforms. The process has one. A plain
+ * value.
  */
 struct Platform_Settings {
-    bool verify = true;  ///< certificates; false trusts whoever answers with the password
+    bool verify = true;  ///< verify certificates; without that any server can get the password
     std::string ca_file; ///< PEM; "" for the system's certificate authorities
     std::chrono::milliseconds timeout{60'000}; ///< of one request, the answer's body included
 
     /** The current ones. Thread-safe. */
     static Platform_Settings get();
-    /** Counts for all logins from now on. Thread-safe. */
+    /** Takes effect with the next login. Thread-safe. */
     static void set(Platform_Settings const& value);
 };
 

@@ -111,7 +111,7 @@ public:
     secure_string run_key() const;
     /** Takes log lines into the job's own log. Null, after an error line, without a back end. */
     std::shared_ptr<ACE_Log_Msg_Callback> log_msg_callback() const;
-    /** Tells people what the run is doing now: "saving metadata". */
+    /** Reports what the run is doing, for people: "saving metadata". */
     void phase(std::string const& what) const;
 
     /**

@@ -95,7 +95,7 @@ public:
     virtual void release(Job const& /*job*/, std::set<std::string> const& /*resources*/) {}
     /** What the run waits for, for people; "" when it waits no longer. */
     virtual void waiting(Job const& /*job*/, std::string const& /*what*/) {}
-    /** What the run is doing, for people: "saving metadata". Without the job's lock. */
+    /** What the run is doing, for people: "saving metadata". Called without the job's lock. */
     virtual void phase(Job const& /*job*/, std::string const& /*what*/) {}
 
     virtual void alert(Job const& job, Job_Alert const& alert) = 0;

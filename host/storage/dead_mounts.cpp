@@ -37,9 +37,9 @@ std::string unescaped(std::string const& text) {
 }
 
 /**
- * Those that root has mounted: by fusermount3 anybody can mount under these names, and whoever
- * serves such a mount can leave a question to it without an answer. See proc_pid_mountinfo(5):
- * optional fields end with "-".
+ * Lists the mounts that root has made. Any user can mount under these names by fusermount3, and a
+ * user's server can leave a request without an answer. See proc_pid_mountinfo(5): optional fields
+ * end with "-".
  */
 std::vector<Pool_Mount> list_pool_mounts() {
     std::vector<Pool_Mount> mounts;

@@ -21,7 +21,7 @@ one:
     {"forget": true}         forgets the requests
 
 An action is {"status": n}, {"body": text}, "hang", "cut", "down", after which the port stays closed, or "wait",
-by which the call is held until the next order "rules".
+which holds the call until the next order "rules".
 """
 import asyncio
 import inspect

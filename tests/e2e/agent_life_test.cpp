@@ -132,13 +132,14 @@ TEST_F(Agent_Life_Test, a_watcher_is_told_of_what_is_new) {
         uint64_t const seen = revision_of(row);
         row = watch(seen, 1);
         EXPECT_TRUE(text(row, "state") != "running" || revision_of(row) != seen)
-            << "told without a reason";
+            << "answered without a change";
         uint64_t const stored = row.at("processed_size").get_uint64();
         saw_bytes = saw_bytes || (stored > 0 && stored < 20000 && stored % 1000 == 0);
     }
     EXPECT_EQ("completed", text(row, "state")) << json_spirit::to_text(row, true);
     EXPECT_TRUE(saw_bytes) << "objects that have arrived count";
-    EXPECT_EQ("completed", text(watch(revision_of(row), 30000), "state")) << "over is told at once";
+    EXPECT_EQ("completed", text(watch(revision_of(row), 30000), "state"))
+        << "a finished run is answered at once";
     EXPECT_EQ(-32004, agent_.call("job.watch", {{"job", "0f3a"}}).code);
     EXPECT_EQ(-32602, agent_.call("job.watch").code);
     EXPECT_EQ(-32602, agent_.call("job.watch", {{"job", run}, {"seen", -1}}).code);

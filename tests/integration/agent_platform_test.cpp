@@ -182,7 +182,7 @@ TEST_F(Agent_Platform_Test, a_hostile_platform_adds_nothing) {
     agent_.on("gaussdb.list_tpops_instances",
               Value(Array{bad, offered("../up"), offered("$(reboot)"), offered("x\n y"), "text"}));
     EXPECT_EQ(5, run(add_with_route({"--all"})));
-    EXPECT_THAT(err(), HasSubstr("there is none to add"));
+    EXPECT_THAT(err(), HasSubstr("the platform offers no instance that is not on record"));
     EXPECT_TRUE(agent_.calls("gaussdb.add_tpops_instances").empty());
 }
 

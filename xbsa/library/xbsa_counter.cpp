@@ -12,7 +12,7 @@ void add(uint64_t& count, uint64_t bytes) {
     std::atomic_ref(count).fetch_add(bytes, std::memory_order_relaxed);
 }
 
-/** A shorter file would end the process at the first count; another user's is another job's. */
+/** A shorter file would kill the process at the first count; another user's is another job's. */
 bool is_counter_file(std::string const& path) {
     File_Descriptor const file(open(path.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status;

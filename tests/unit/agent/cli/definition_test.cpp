@@ -59,7 +59,7 @@ TEST(Definition, rates_are_limits_at_the_pool) {
                                    "08:00-08:00=1M", "-1", "1;2", "08:00-18:00=1M=2"}) {
         wishes.rates = {"1M", rate};
         EXPECT_EQ(std::string("invalid --rate '") + rate +
-                      "' (expected bytes a second, such as 200M, or 08:00-18:00=50M)",
+                      "' (expected bytes per second, such as 200M or 08:00-18:00=50M)",
                   backup_error(wishes));
     }
 }

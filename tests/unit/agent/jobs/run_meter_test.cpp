@@ -56,7 +56,7 @@ TEST(Run_Meter, what_remains) {
     EXPECT_EQ(-1, meter.remaining(10 * SECOND, 0));
     EXPECT_EQ(-1, meter.remaining(10 * SECOND, 1.5)) << "more than all";
     meter.restart(100 * SECOND);
-    EXPECT_EQ(10, meter.remaining(110 * SECOND, 0.5)) << "waiting is no work";
+    EXPECT_EQ(10, meter.remaining(110 * SECOND, 0.5)) << "the time of waiting does not count";
 }
 
 } // namespace

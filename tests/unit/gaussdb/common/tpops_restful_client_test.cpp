@@ -361,7 +361,7 @@ TEST_F(TPOPS_Connect_Test, a_login_without_a_host_fails) {
     TPOPS_Login login = platform_.login();
     login.host = "";
     EXPECT_FALSE(client_.connect(login));
-    EXPECT_LOGGED(LM_ERROR, "the host is no name and no address");
+    EXPECT_LOGGED(LM_ERROR, "the host is not a valid name or address");
     EXPECT_LOGGED(LM_ERROR, "Failed to get mini token");
 }
 

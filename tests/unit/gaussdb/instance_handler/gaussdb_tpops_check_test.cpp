@@ -86,7 +86,7 @@ TEST_F(GaussDB_TPOPS_Check_Test, a_declaration_needs_no_route) {
     offers(R"({"id": "i1"})");
     look(Instance_Handler::TO_DECLARE);
     EXPECT_EQ("none", line("XBSA route"));
-    EXPECT_EQ("ok no state told, 3 nodes", line("instance on the platform"));
+    EXPECT_EQ("ok state not reported, 3 nodes", line("instance on the platform"));
 }
 
 TEST_F(GaussDB_TPOPS_Check_Test, an_instance_that_is_not_normal) {

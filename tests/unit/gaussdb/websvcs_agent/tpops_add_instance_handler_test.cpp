@@ -195,7 +195,7 @@ TEST_F(TPOPS_Add_Test, without_a_host_the_fault_shows_at_the_first_login) {
     std::string status;
     bool balanced = false;
     EXPECT_FALSE(cluster("a")->get_status(status, balanced));
-    EXPECT_LOGGED(LM_ERROR, "the host is no name and no address");
+    EXPECT_LOGGED(LM_ERROR, "the host is not a valid name or address");
     EXPECT_LOGGED(LM_ERROR, "Failed to get mini token");
 }
 

@@ -95,7 +95,7 @@ TEST(http_transfer_fault, a_host_is_a_name_or_an_address_and_nothing_more) {
                              "\xC3\xA4", "::1/x", "[::1", "::1]", "a:80", "%41"}) {
         settings.host = host;
         bool const is_hex = std::string(host) == "a:80"; // an address as far as its characters go
-        EXPECT_EQ(is_hex ? "" : "the host is no name and no address",
+        EXPECT_EQ(is_hex ? "" : "the host is not a valid name or address",
                   http_transfer_fault(settings, REQUEST))
             << host;
     }

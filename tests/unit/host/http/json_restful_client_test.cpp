@@ -281,9 +281,9 @@ TEST_F(JSON_RESTful_Client_Test,
 
 TEST_F(JSON_RESTful_Client_Test, without_a_host_nothing_is_sent) {
     client_.reset(nullptr, 80, false);
-    EXPECT_IN("the host is no name", get_without_answer());
+    EXPECT_IN("the host is not a valid name or address", get_without_answer());
     client_.reset("localhost/x?", 80, false);
-    EXPECT_IN("the host is no name", get_without_answer());
+    EXPECT_IN("the host is not a valid name or address", get_without_answer());
 }
 
 TEST_F(JSON_RESTful_Client_Test, no_proxy_of_the_environment_is_used_unless_asked_for) {
