@@ -22,6 +22,34 @@ print(json.dumps(dict(
     core=resource.getrlimit(resource.RLIMIT_CORE)[0], environment=dict(os.environ),
     sigpipe=(int(status["SigIgn"], 16) >> (signal.SIGPIPE - 1)) & 1)))
 """
+TRY = """#!/usr/bin/python3
+import ctypes, errno, json, os, socket, subprocess, threading
+libc = ctypes.CDLL(None, use_errno=True)
+def call(function, *arguments):
+    ctypes.set_errno(0)
+    return errno.errorcode.get(ctypes.get_errno()) if function(*arguments) == -1 else "done"
+def attempt(function, *arguments):
+    try:
+        function(*arguments)
+        return "done"
+    except OSError as error:
+        return errno.errorcode[error.errno]
+in_child = lambda function, *arguments: subprocess.run(
+    ["/usr/bin/python3", "-c", "import ctypes, errno; libc = ctypes.CDLL(None, use_errno=True); print('done' if "
+     "libc.%s(%s) != -1 else errno.errorcode[ctypes.get_errno()])" % (function, ", ".join(map(str, arguments)))],
+    stdout=subprocess.PIPE, text=True).stdout.strip()
+thread = threading.Thread(target=lambda: None)
+thread.start()
+print(json.dumps(dict(
+    personality=in_child("personality", 0x40000), realtime=attempt(os.sched_setscheduler, 0, os.SCHED_FIFO,
+                                                                  os.sched_param(1)),
+    batch=attempt(os.sched_setscheduler, 0, os.SCHED_BATCH, os.sched_param(0)),
+    uts=in_child("unshare", 0x04000000), mnt=in_child("unshare", 0x00020000), setns=in_child("setns", 0, 0),
+    packet=attempt(socket.socket, socket.AF_PACKET, socket.SOCK_RAW),
+    alg=attempt(socket.socket, socket.AF_ALG, socket.SOCK_SEQPACKET),
+    unix=attempt(socket.socket, socket.AF_UNIX), netlink=attempt(socket.socket, socket.AF_NETLINK, socket.SOCK_RAW),
+    ptrace=in_child("ptrace", 0, 0, 0, 0), privileges=libc.prctl(39, 0, 0, 0, 0))))
+"""
 UNIT = """[Unit]
 Description=A service
 # a comment
@@ -94,8 +122,39 @@ class Run_Unit_Test(unittest.TestCase):
         done = self.run_with("RuntimeDirectory=it other\nUMask=0077\nRuntimeDirectoryMode=0751")
         self.assertEqual("751\n751\n", done.stdout, done.stderr)
 
+    def test_a_unit_without_a_filter_denies_nothing(self):
+        self.program.write_text(TRY)
+        shown = self.shown("")
+        self.assertEqual(0, shown.pop("privileges"))
+        shown.pop("alg")  # which a kernel may not have
+        self.assertIn(shown.pop("setns"), ("EBADF", "EINVAL"))
+        self.assertEqual({"done"}, set(shown.values()), shown)
+
+    def test_what_the_filters_deny_and_what_they_leave(self):
+        self.program.write_text(TRY)
+        error = "\nSystemCallErrorNumber=EPERM"
+        for setting, denied in (
+                ("LockPersonality=yes", {"personality": "EPERM"}),
+                ("RestrictRealtime=yes", {"realtime": "EPERM"}),
+                ("RestrictNamespaces=mnt", {"uts": "EPERM", "setns": "EPERM"}),
+                ("RestrictNamespaces=yes", {"uts": "EPERM", "setns": "EPERM", "mnt": "EPERM"}),
+                ("RestrictAddressFamilies=AF_UNIX AF_NETLINK",
+                 {"packet": "EAFNOSUPPORT", "alg": "EAFNOSUPPORT"}),
+                ("SystemCallArchitectures=native", {}),
+                ("SystemCallFilter=~@debug" + error, {"ptrace": "EPERM"}),
+                ("SystemCallFilter=~@swap personality" + error, {"personality": "EPERM"})):
+            before = self.shown("")
+            self.assertEqual(dict(before, **denied), self.shown(setting), setting)
+
+    def test_a_denied_call_ends_the_process_without_an_error_to_return(self):
+        self.program.write_text("#!/usr/bin/python3\nimport os\nos.sched_yield()\nprint('alive')")
+        self.assertEqual("", self.run_with("SystemCallFilter=~sched_yield").stdout)
+
     def test_what_no_test_would_run_with_is_refused(self):
-        for setting in ("ProtectSystem=strict", "KillMode=mixed", "Type=simple", "LimitWORD=1",
+        for setting in ("SystemCallFilter=@system-service", "SystemCallFilter=~@nonsense", "RestrictNamespaces=~mnt",
+                        "RestrictNamespaces=mount", "RestrictAddressFamilies=~AF_UNIX", "LockPersonality=no",
+                        "RestrictRealtime=1", "SystemCallArchitectures=x86", "SystemCallErrorNumber=EWORD",
+                        "ProtectClock=yes", "DeviceAllow=/dev/fuse rw", "NoNewPrivileges=yes", "ProtectSystem=strict", "KillMode=mixed", "Type=simple", "LimitWORD=1",
                         "ExecStart=-/bin/true", "CapabilityBoundingSet=~CAP_KILL", "UMask=x",
                         "PrivateTmp=yes", "ExecStartPre=/bin/true", "continued=\\", "no setting",
                         "[Socket]"):
