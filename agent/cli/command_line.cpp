@@ -113,23 +113,6 @@ void Command_Line::add_uid(CLI::App& command) {
         ->type_name("UUID");
 }
 
-void Command_Line::add_option_values(CLI::App& command) {
-    command
-        .add_option("--rate", wishes_.rates,
-                    "Limit the bytes per second to or from the pool: 200M, or 08:00-18:00=50M for "
-                    "some hours of each day; may be repeated, the first that applies counts")
-        ->type_name("[HH:MM-HH:MM=]SIZE")
-        ->expected(1)
-        ->take_all();
-    command
-        .add_option("-o,--option", wishes_.options,
-                    "One of the job's options, as the manual of job definitions has them; may be "
-                    "repeated")
-        ->type_name("KEY=VALUE")
-        ->expected(1)
-        ->take_all();
-}
-
 void Command_Line::add_consent(CLI::App& command) {
     CLI::Option* const yes =
         command.add_flag("-y,--yes", consent_.yes, "Do it without asking, as scripts need it");
@@ -262,6 +245,8 @@ void Command_Line::add_backup_command() {
                 "  zenbrak3 backup prod --pool main --incremental --channels 4 --no-wait\n"
                 "  zenbrak3 backup prod --pool main --compression zstd:3 -o logging_level=INFO\n"
                 "  zenbrak3 backup dws1 --pool main --schema sales.public --schema sales.archive\n"
+                "  zenbrak3 backup prod --pool main --rate 08:00-18:00=50M --rate 200M\n"
+                "  zenbrak3 backup prod --pool main --precondition 'test ! -e /run/no-backup'\n"
                 "  zenbrak3 backup show 6f9619ff\n"
                 "  zenbrak3 backup --pool main -- show    an instance that is called \"show\"\n",
                 [this](Command_Context& context) {

@@ -47,6 +47,7 @@ private:
     void add_progress(CLI::App& command);
     void add_uid(CLI::App& command);
     void add_option_values(CLI::App& command);
+    void add_scripts(CLI::App& command);
     void add_consent(CLI::App& command);
 
     void add_agent_commands();

@@ -172,6 +172,20 @@ bool read_rates(std::vector<std::string> const& rates, json_spirit::Object& defi
     return true;
 }
 
+void read_scripts(Job_Wishes const& wishes, json_spirit::Object& definition) {
+    for (auto const& [key, script] : {std::pair("precondition", &wishes.precondition),
+                                      std::pair("pre_action", &wishes.pre_action),
+                                      std::pair("post_action", &wishes.post_action)})
+        if (!script->empty())
+            definition[key] = *script;
+    for (auto const& [key, flag] :
+         {std::pair("ignore_pre_action_failure", wishes.ignore_pre_action_failure),
+          std::pair("ignore_post_action_failure", wishes.ignore_post_action_failure),
+          std::pair("run_post_action_always", wishes.run_post_action_always)})
+        if (flag)
+            definition[key] = true;
+}
+
 bool read_wishes(Job_Wishes const& wishes, json_spirit::Object& definition, std::string& error) {
     json_spirit::Object options;
     if (!read_rates(wishes.rates, definition, error))
@@ -188,6 +202,7 @@ bool read_wishes(Job_Wishes const& wishes, json_spirit::Object& definition, std:
     if (wishes.restore_time != 0)
         options["restore_time"] = std::string(POSIX_Time_To_ISO8601(wishes.restore_time));
     definition["options"] = options;
+    read_scripts(wishes, definition);
     if (!wishes.name.empty())
         definition["name"] = wishes.name;
     if (!wishes.uid.empty())

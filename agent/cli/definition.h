@@ -20,6 +20,11 @@ struct Job_Wishes {
     int channels = 0;
     /** Bytes per second, "200M" or "08:00-18:00=50M"; the first that applies counts. */
     std::vector<std::string> rates;
+    /** Shell commands that root runs: before the job counts as begun, before it, behind it. */
+    std::string precondition, pre_action, post_action;
+    bool ignore_pre_action_failure = false;
+    bool ignore_post_action_failure = false;
+    bool run_post_action_always = false;
     std::vector<std::string> options; ///< "key=value", in the order in which they count
     std::vector<std::string> schemas; ///< "DATABASE.SCHEMA"; backups only
     /** "[DATABASE.]SCHEMA.TABLE", with "=SCHEMA.TABLE" for another target; restores only. */

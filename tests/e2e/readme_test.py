@@ -5,14 +5,14 @@ Run in a machine of the sandbox: sandbox/machine run python3 PATH/readme_test.py
 Only the build itself is not repeated: BUILD's package is put where its steps leave theirs.
 """
 import glob
-import pathlib
 import shutil
 import subprocess
 import sys
 import unittest
 
 sys.dont_write_bytecode = True
-ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+from page_steps import ROOT, chapter, commands  # noqa: E402
+
 sys.path.insert(0, str(ROOT / "sandbox"))
 import protection  # noqa: E402
 
@@ -20,13 +20,6 @@ BUILD = sys.argv.pop(1)
 CHAPTER = "## From a fresh machine to a first check"
 BUILD_STEPS = ["cmake --preset release && cmake --build build/release", "(cd build/release && cpack)"]
 INSTALL = "apt install ./build/release/zenbrak3_*.deb"
-
-
-def steps():
-    """The commands of the chapter, without what stands behind "#"."""
-    text = (ROOT / "README.md").read_text().split(CHAPTER + "\n", 1)[1].split("\n## ", 1)[0]
-    return [line.split("  #")[0].strip() for line in text.splitlines() if line.startswith("    ")
-            and line.strip()]
 
 
 class Readme_Test(unittest.TestCase):
@@ -58,7 +51,7 @@ class Readme_Test(unittest.TestCase):
 
     def test_they_end_with_a_backup(self):
         done = []
-        for command in steps():
+        for command in commands(chapter("README.md", CHAPTER)):
             done.append(command)
             if command not in BUILD_STEPS:
                 self.carry_out(command)

@@ -58,6 +58,9 @@ TEST_F(Command_Line_Test, wrong_usage_is_told_and_asks_nobody) {
         {"backup", "prod", "--pool", "p", "--level", "most"},
         {"backup", "prod", "--pool", "p", "--level", "full", "--incremental"},
         {"backup", "prod", "--pool", "p", "--channels", "0"},
+        {"backup", "prod", "--pool", "p", "--ignore-pre-action-failure"},
+        {"backup", "prod", "--pool", "p", "--run-post-action-always"},
+        {"backup", "prod", "--pool", "p", "--pre-action", "\xff"},
         {"backup", "prod", "more", "--pool", "p"},
         {"jobs", "--watch", "prod"},
         {"jobs", "--watch", "0"},
@@ -117,6 +120,26 @@ TEST_F(Command_Line_Test, a_backup_with_everything) {
                            {"b", "x"}}),
               definition.at("options"));
     EXPECT_EQ("Started job r-1; `zenbrak3 job show r-1` shows how far it is.\n", out_);
+}
+
+TEST_F(Command_Line_Test, scripts_and_rates_of_a_backup_and_a_restore) {
+    agent_.answers("instance.show", Object{{"name", "prod"}, {"uuid", "u-1"}});
+    agent_.answers("job.start", Object{{"run_id", "r-1"}, {"definition", "d-1"}});
+    EXPECT_EQ(EXIT_OK, run({"backup", "prod", "--pool", "main", "--no-wait", "--precondition", "a",
+                            "--rate", "08:00-18:00=50M", "--rate", "200M", "--pre-action", "b; c",
+                            "--ignore-pre-action-failure", "--post-action", "d",
+                            "--run-post-action-always", "--ignore-post-action-failure"}));
+    Object const definition = params_of("job.start").at("run").get_obj();
+    EXPECT_EQ(Value("a"), definition.at("precondition"));
+    EXPECT_EQ(Value("b; c"), definition.at("pre_action"));
+    EXPECT_EQ(Value("d"), definition.at("post_action"));
+    for (char const* const key :
+         {"ignore_pre_action_failure", "ignore_post_action_failure", "run_post_action_always"})
+        EXPECT_EQ(Value(true), definition.at(key)) << key;
+    EXPECT_EQ(Value(Object{{"dest_rate_limits", "08:00-18:00=52428800;209715200"}}),
+              definition.at("rate_limits"));
+    EXPECT_EQ(EXIT_OK, run({"restore", "--help"}));
+    EXPECT_THAT(out_, HasSubstr("--run-post-action-always"));
 }
 
 TEST_F(Command_Line_Test, the_same_backup_again_is_left_to_the_agent_to_recognise) {

@@ -45,6 +45,33 @@ TEST(Definition, a_backup_of_an_instance) {
               backup({}));
 }
 
+TEST(Definition, scripts_are_taken_as_they_stand) {
+    Job_Wishes wishes;
+    for (char const* const key :
+         {"precondition", "pre_action", "post_action", "ignore_pre_action_failure",
+          "ignore_post_action_failure", "run_post_action_always"})
+        EXPECT_EQ(0U, backup(wishes).count(key)) << key;
+    wishes.precondition = "test -e '/srv/a b'";
+    wishes.pre_action = "one; two";
+    wishes.post_action = "three\nfour";
+    Object definition;
+    std::string error;
+    ASSERT_TRUE(make_restore_definition(BACKUP, nullptr, wishes, definition, error)) << error;
+    for (Object const& made : {backup(wishes), definition}) {
+        EXPECT_EQ(Value("test -e '/srv/a b'"), made.at("precondition"));
+        EXPECT_EQ(Value("one; two"), made.at("pre_action"));
+        EXPECT_EQ(Value("three\nfour"), made.at("post_action"));
+        EXPECT_EQ(0U, made.count("run_post_action_always"));
+    }
+    wishes.ignore_pre_action_failure = true;
+    EXPECT_EQ(Value(true), backup(wishes).at("ignore_pre_action_failure"));
+    EXPECT_EQ(0U, backup(wishes).count("ignore_post_action_failure"));
+    wishes.ignore_post_action_failure = true;
+    EXPECT_EQ(Value(true), backup(wishes).at("ignore_post_action_failure"));
+    wishes.run_post_action_always = true;
+    EXPECT_EQ(Value(true), backup(wishes).at("run_post_action_always"));
+}
+
 TEST(Definition, rates_are_limits_at_the_pool) {
     Job_Wishes wishes;
     wishes.rates = {"200M", "08:00-18:00=1.5 KiB", "22:00-06:00=0"};
