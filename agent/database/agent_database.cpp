@@ -85,6 +85,8 @@ void Agent_Database::migrate(std::vector<std::string> const& migrations) {
     database_.exec(
         string_sprintf("PRAGMA application_id=%d; PRAGMA user_version=%d;", APPLICATION_ID, known));
     transaction.commit();
+    // an older package finds the new version in the head of the file, and leaves this one in place
+    database_.exec("PRAGMA wal_checkpoint(TRUNCATE)");
 }
 
 std::vector<std::string> Agent_Database::check() {

@@ -110,6 +110,10 @@ Agent_Service::~Agent_Service() {
     (void)stop();
 }
 
+int Agent_Service::database_version() {
+    return static_cast<int>(migrations().size());
+}
+
 std::unique_ptr<Agent_Service> Agent_Service::start(Agent_Config const& config,
                                                     std::string& error) {
     std::unique_ptr<Agent_Service> service(new Agent_Service(config));

@@ -38,6 +38,8 @@
  */
 class Agent_Service {
 public:
+    /** Version of the database that this program writes; it refuses a newer one. */
+    static int database_version();
     /** @param error  when null is returned: what is wrong and what to do; nothing is left running
      */
     static std::unique_ptr<Agent_Service> start(Agent_Config const& config, std::string& error);

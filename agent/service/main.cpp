@@ -107,11 +107,18 @@ int main(int argc, char** argv) {
                  "say whether the configuration is good, and end");
     app.add_flag("--print-config", arguments.print_config,
                  "print every key with its value, and end");
+    bool database_version = false;
+    app.add_flag("--database-version", database_version,
+                 "print the version of the database that this agent writes, and end");
     app.set_version_flag("--version", "zenbrak3-agent " ZENBRAK3_VERSION);
     try {
         app.parse(argc, argv);
     } catch (CLI::ParseError const& fault) {
         return app.exit(fault) == 0 ? 0 : 2;
+    }
+    if (database_version) {
+        std::printf("%d\n", Agent_Service::database_version());
+        return 0;
     }
     arguments.config_given = config_option->count() > 0;
     Agent_Config config;

@@ -95,6 +95,22 @@ TEST_F(Agent_Database_Test, migrations_that_are_new_are_applied_and_keep_the_row
     }));
 }
 
+TEST_F(Agent_Database_Test, the_version_is_in_the_head_of_the_file_at_once) {
+    auto const version = [this] {
+        std::ifstream file(path_, std::ios::binary);
+        file.seekg(63);
+        return file.get();
+    };
+    {
+        auto const database = open();
+        ASSERT_TRUE(database) << error_;
+        EXPECT_EQ(1, version());
+    }
+    auto const database = open(SECOND);
+    ASSERT_TRUE(database) << error_;
+    EXPECT_EQ(2, version());
+}
+
 TEST_F(Agent_Database_Test, a_migration_that_fails_leaves_the_version_before) {
     ASSERT_TRUE(add(*open(), "plum"));
     EXPECT_FALSE(open({FIRST[0], "CREATE TABLE stone(size INTEGER);", "no sql at all"}));
