@@ -1,6 +1,7 @@
 #include "host/storage/fuse_operations.h"
 
 #include "host/storage/pool_file_system.h"
+#include "host/storage/pool_mounts.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -8,6 +9,7 @@
 namespace {
 
 constexpr unsigned SMALL_WRITE = 4096;
+constexpr unsigned LARGEST_READ = 1024 * 1024; ///< the kernel's limit
 
 Fuse_Context& context() {
     return *static_cast<Fuse_Context*>(fuse_get_context()->private_data);
@@ -17,8 +19,11 @@ Pool_File_System& file_system() {
 }
 
 void* init(fuse_conn_info* connection, fuse_config* config) {
+    // reads that overtake each other must find packed content in its window
     if (!context().async_read)
-        connection->want &= ~static_cast<unsigned>(FUSE_CAP_ASYNC_READ);
+        connection->max_background = Object_Content::WINDOW / LARGEST_READ - 2;
+    // data to be written would come through a pipe, and be copied once more
+    connection->want &= ~static_cast<unsigned>(FUSE_CAP_SPLICE_READ);
     if (!context().big_write)
         connection->max_write = SMALL_WRITE;
     // a file that is removed while it is open goes at once, under no other name
@@ -77,12 +82,23 @@ int truncate_file(char const* path, off_t size, fuse_file_info* info) {
     return info ? file_system().truncate(info->fh, wanted) : file_system().truncate(path, wanted);
 }
 
+/**
+ * Data for a file that is only written goes from the program's memory to ours. Each write is a
+ * request of its own in any case, so that the kernel's copy would serve nobody.
+ */
+void choose_cache(fuse_file_info* info) {
+    info->direct_io = (info->flags & O_ACCMODE) == O_WRONLY;
+}
+
 int open_file(char const* path, fuse_file_info* info) {
+    std::call_once(context().first_open, widen_read_ahead);
+    choose_cache(info);
     int const error = file_system().open(path, info->flags, info->fh);
     // the kernel remembers a file that could not be stored and has gone; so it looks again
     return error == -ENOENT ? -ESTALE : error;
 }
 int create_file(char const* path, mode_t, fuse_file_info* info) {
+    choose_cache(info);
     return file_system().open(path, info->flags | O_CREAT, info->fh);
 }
 int read_file(char const*, char* buffer, size_t size, off_t offset, fuse_file_info* info) {

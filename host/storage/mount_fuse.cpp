@@ -2,9 +2,9 @@
 
 #include "host/agent/host_services.h"
 #include "host/process/log_callback_scope.h"
-#include "host/storage/dead_mounts.h"
 #include "host/storage/fuse_operations.h"
 #include "host/storage/pool_file_system.h"
+#include "host/storage/pool_mounts.h"
 #include "host/storage/storage_url.h"
 #include "qmrt/format.h"
 #include "qmrt/guarded_file.h"
@@ -82,7 +82,7 @@ struct Mount_Fuse::Session {
     void stop_threads();
 
     Pool_File_System file_system;
-    Fuse_Context context{};
+    Fuse_Context context;
     std::shared_ptr<ACE_Log_Msg_Callback> callback;
     std::string mount_point; ///< for messages
     File_Descriptor point;   ///< the directory that is covered; closed after the unmounting
@@ -295,7 +295,9 @@ bool Mount_Fuse::mount(char const* source, char const* mount_point,
         words.push_back(word);
     fuse_set_log_func(log_fuse_line);
     auto session = std::make_unique<Session>(std::move(connection), settings);
-    session->context = {&session->file_system, read_mode_ == ASYNC_READ, big_write_};
+    session->context.file_system = &session->file_system;
+    session->context.async_read = read_mode_ == ASYNC_READ;
+    session->context.big_write = big_write_;
     session->callback = std::move(callback);
     session->point = std::move(point);
     if (!session->open(words, to)) {

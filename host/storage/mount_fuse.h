@@ -11,8 +11,8 @@
 
 /** How a mounted pool is read. */
 enum Mount_Read_Mode {
-    ASYNC_READ = 0, ///< the kernel may ask for several pieces of a file at once
-    SYNC_READ = 1,  ///< one after the other, front to back: best for what is packed
+    ASYNC_READ = 0, ///< the kernel may ask for many pieces of a file at once
+    SYNC_READ = 1,  ///< for few, so that what is packed is unpacked once, front to back
     READ_ONLY = 2   ///< as SYNC_READ, and nothing can be written
 };
 

@@ -20,10 +20,14 @@ Compression_Method method_to_write(std::string const& name, Compression_Method a
  * beginning on: reading forward, or back by a few MiB, costs nothing more; reading further back
  * begins anew. Memory does not grow with the object.
  *
- * The last byte is not given out before all checksums have been verified. For one thread at a time.
+ * The last byte is not given out before all checksums have been verified. For one thread at a time;
+ * read_at() of what is not packed is thread-safe.
  */
 class Object_Content {
 public:
+    /** Bytes that reading may go back at no cost, unless the constructor is told otherwise. */
+    static constexpr size_t WINDOW = 8 * 1024 * 1024;
+
     /** @param asked  as Client_IO_Base::Options::compression_method */
     static Storage_Result open(Storage_Connection& connection, std::string const& name,
                                Compression_Method asked, std::unique_ptr<Object_Content>& content);
@@ -34,10 +38,11 @@ public:
      * what is unpacked is then still in the processor's cache when it is given out
      */
     Object_Content(std::unique_ptr<Storage_Reader> object, Compression_Method method,
-                   size_t window = 8 * 1024 * 1024);
+                   size_t window = WINDOW);
 
     /** May have to unpack all of it, see quick_original_size(). */
     Storage_Result size(uint64_t& size);
+    [[nodiscard]] bool is_packed() const { return method_ != COMPR_NONE; }
     /** Reads up to @a size bytes; fewer only at the end. */
     Storage_Result read_at(uint64_t offset, void* buffer, size_t size, size_t& got);
 

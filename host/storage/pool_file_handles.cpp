@@ -126,7 +126,9 @@ int Pool_File_System::read(uint64_t number, uint64_t offset, void* buffer, size_
         path = handle->writing->path;
         result = handle->writing->file->read(offset, buffer, size, got);
     } else {
-        std::lock_guard const guard(handle->mutex);
+        std::unique_lock guard(handle->mutex, std::defer_lock);
+        if (handle->content->is_packed())
+            guard.lock();
         result = handle->content->read_at(offset, buffer, size, got);
     }
     return result ? static_cast<int>(got) : error_of(result, path);

@@ -85,7 +85,7 @@ private:
         unsigned handles = 0; ///< guarded by the file system's mutex
     };
     struct Handle {
-        std::mutex mutex; ///< of content
+        std::mutex mutex; ///< of content that is packed
         std::unique_ptr<Object_Content> content;
         std::shared_ptr<Writing> writing;
         bool may_write = false;

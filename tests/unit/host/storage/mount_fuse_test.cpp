@@ -296,6 +296,45 @@ TEST_F(mount_fuse, a_mount_point_in_use_is_given_up_all_the_same_and_what_is_ope
     EXPECT_EQ(-1, write(file.get(), "def", 3));
 }
 
+/** Bytes that this process and its children that have ended have read so far. */
+uint64_t bytes_read() {
+    std::ifstream counters("/proc/self/io");
+    std::string key;
+    uint64_t value = 0;
+    while (counters >> key >> value && key != "rchar:")
+        ;
+    return value;
+}
+
+TEST_F(mount_fuse, what_is_packed_is_unpacked_once_though_requests_overtake_each_other) {
+    fuse_.read_mode(SYNC_READ);
+    fuse_.compression_method(COMPR_ZSTD, 1);
+    ASSERT_TRUE(mount());
+    EXPECT_EQ(0, shell("dd if=/dev/urandom of=o bs=1M count=64"));
+    fuse_.unmount();
+    ASSERT_TRUE(mount());
+    uint64_t const before = bytes_read();
+    EXPECT_EQ(0, shell("dd if=o of=/dev/null bs=1M"));
+    uint64_t const read = bytes_read() - before; // once by dd and once from the pool
+    EXPECT_GT(read, 128u << 20);
+    EXPECT_LT(read, 132u << 20);
+}
+
+TEST_F(mount_fuse, a_reader_sees_what_others_write_meanwhile) {
+    ASSERT_TRUE(mount());
+    std::string const path = point_ + "/o";
+    File_Descriptor const writer(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    File_Descriptor const reader(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(writer && reader);
+    char got[3] = {};
+    EXPECT_EQ(3, pwrite(writer.get(), "abc", 3, 0));
+    EXPECT_EQ(3, pread(reader.get(), got, 3, 0));
+    EXPECT_EQ("abc", std::string(got, 3));
+    EXPECT_EQ(3, pwrite(writer.get(), "def", 3, 0));
+    EXPECT_EQ(3, pread(reader.get(), got, 3, 0));
+    EXPECT_EQ("def", std::string(got, 3));
+}
+
 TEST_F(mount_fuse, small_writes_and_several_readers_work_too) {
     fuse_.big_write(false);
     fuse_.read_mode(ASYNC_READ);

@@ -1,4 +1,4 @@
-#include "host/storage/dead_mounts.h"
+#include "host/storage/pool_mounts.h"
 
 #include "qmrt/file.h"
 #include "qmrt/log.h"
@@ -17,8 +17,9 @@
 namespace {
 
 struct Pool_Mount {
-    std::string id;    ///< the kernel's, as in fdinfo
-    std::string point; ///< the path
+    std::string id;     ///< the kernel's, as in fdinfo
+    std::string device; ///< MAJOR:MINOR
+    std::string point;  ///< the path
 };
 
 /** A path of mountinfo: blanks, tabs, newlines and backslashes are "\" and three octal digits. */
@@ -54,7 +55,7 @@ std::vector<Pool_Mount> list_pool_mounts() {
         if (words >> type >> source >> options && type == wanted_type &&
             source == POOL_MOUNT_SOURCE &&
             ("," + options + ",").find(",user_id=0,") != std::string::npos)
-            mounts.push_back({id, unescaped(point)});
+            mounts.push_back({id, device, unescaped(point)});
     }
     return mounts;
 }
@@ -97,4 +98,12 @@ size_t unmount_dead_pools() {
                      names::shown(mount.point).c_str(), errno);
     }
     return count;
+}
+
+void widen_read_ahead() {
+    constexpr char KIB[] = "4096";
+    if (geteuid() != 0)
+        return;
+    for (Pool_Mount const& mount : list_pool_mounts())
+        std::ofstream("/sys/class/bdi/" + mount.device + "/read_ahead_kb") << KIB;
 }

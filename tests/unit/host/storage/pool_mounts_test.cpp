@@ -1,9 +1,10 @@
-#include "host/storage/dead_mounts.h"
+#include "host/storage/pool_mounts.h"
 
 #include "tests/unit/host/storage/mount_world.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 namespace {
 
@@ -51,6 +52,21 @@ TEST_F(Dead_Mounts_Test, several_go_whatever_their_names_have_in_them) {
     EXPECT_LE(2u, unmount_dead_pools());
     EXPECT_TRUE(std::filesystem::is_empty(odd));
     EXPECT_FALSE(is_mount_point(point_));
+}
+
+TEST_F(Dead_Mounts_Test, the_kernel_reads_far_ahead_in_a_pool_once_it_is_used) {
+    pool_.store("source/o", "abc");
+    ASSERT_TRUE(mount());
+    EXPECT_EQ("abc", read("o"));
+    struct stat status;
+    ASSERT_EQ(0, stat(point_.c_str(), &status));
+    std::string const setting = "/sys/class/bdi/" + std::to_string(major(status.st_dev)) + ":" +
+                                std::to_string(minor(status.st_dev)) + "/read_ahead_kb";
+    if (access(setting.c_str(), W_OK) == -1)
+        GTEST_SKIP() << setting << " cannot be written here";
+    std::string value;
+    std::ifstream(setting) >> value;
+    EXPECT_EQ("4096", value);
 }
 
 TEST_F(Dead_Mounts_Test, one_that_is_served_stays) {

@@ -1,5 +1,5 @@
-#ifndef HOST_STORAGE_DEAD_MOUNTS_H
-#define HOST_STORAGE_DEAD_MOUNTS_H
+#ifndef HOST_STORAGE_POOL_MOUNTS_H
+#define HOST_STORAGE_POOL_MOUNTS_H
 
 #include <cstddef>
 
@@ -14,5 +14,12 @@ constexpr char POOL_MOUNT_SUBTYPE[] = "pool";
  * @return how many were unmounted
  */
 size_t unmount_dead_pools();
+
+/**
+ * Lets the kernel read 4 MiB ahead in the pools that root has mounted, in place of 128 KiB. The
+ * kernel limits a new mount until it has answered its first request. No-op unless run by root where
+ * /sys can be written. Thread-safe.
+ */
+void widen_read_ahead();
 
 #endif
