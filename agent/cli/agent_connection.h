@@ -9,6 +9,7 @@
 struct Rpc_Error {
     enum Kind {
         ANSWERED,    ///< the agent said so
+        DENIED,      ///< the agent does not serve this user
         UNREACHABLE, ///< there is no agent, or it has gone, or what it says is no answer
         INTERRUPTED  ///< the user does not want to wait any longer
     };

@@ -1,6 +1,9 @@
 #include "agent/cli/command_context.h"
 
 #include "agent/cli/interruption.h"
+#include "agent/cli/json_times.h"
+#include "agent/cli/suggestion.h"
+#include "agent/cli/unix_connection.h"
 #include "host/rpc/json_rpc_object.h"
 #include "json_spirit/text.h"
 
@@ -73,18 +76,69 @@ Exit_Code Command_Context::tell_failure(Rpc_Error const& error, std::string cons
         what += ": " + error.data.get_str();
     if (error.kind == Rpc_Error::INTERRUPTED)
         return EXIT_INTERRUPTED;
+    if (error.kind == Rpc_Error::DENIED) {
+        fail(EXIT_REFUSED, what, WHO_MAY_ASK);
+        return EXIT_REFUSED;
+    }
     if (error.kind == Rpc_Error::UNREACHABLE) {
         fail(EXIT_UNREACHABLE, what, IS_IT_RUNNING);
         return EXIT_UNREACHABLE;
     }
     Exit_Code const code = exit_code_of(error.code);
+    std::string const close = code == EXIT_NOT_FOUND ? suggestion(error) : std::string();
     if (code == EXIT_NOT_FOUND)
-        fail(code, what, advice);
+        fail(code, what, close + (close.empty() || advice.empty() ? "" : " ") + advice);
     else if (error.code == JSON_RPC_METHOD_NOT_FOUND)
         fail(code, what, "This agent does not know of that; it is older than this command.");
     else
         fail(code, what, code == EXIT_FAILED ? SEE_THE_LOG : "");
     return code;
+}
+
+/** The name of the same kind that is close to the one which the agent did not find. */
+std::string Command_Context::suggestion(Rpc_Error const& error) {
+    struct Kind {
+        char const* name;
+        char const* method;
+        char const* list;
+        char const* key;
+        bool is_id;
+    };
+    static constexpr Kind KINDS[] = {
+        {"instance", "instance.list", "instances", "name", false},
+        {"pool", "pool.list", "pools", "name", false},
+        {"member", "member.list", "members", "name", false},
+        {"definition", "definition.list", "definitions", "name", false},
+        {"job", "job.list", "jobs", "run_id", true},
+        {"backup", "backup.list", "backups", "uuid", true}};
+    if (error.data.type() != json_spirit::str_type)
+        return "";
+    // as the agent names it: instance prod, or job "0f3a"
+    std::string what = error.data.get_str();
+    constexpr std::string_view ABSENT = " does not exist";
+    if (what.ends_with(ABSENT))
+        what.resize(what.size() - ABSENT.size());
+    size_t const blank = what.find(' ');
+    if (blank == std::string::npos)
+        return "";
+    std::string name = what.substr(blank + 1);
+    if (name.size() > 1 && name.starts_with('"') && name.ends_with('"'))
+        name = name.substr(1, name.size() - 2);
+    for (Kind const& kind : KINDS) {
+        json_spirit::Value answer;
+        json_spirit::Array rows;
+        if (what.substr(0, blank) != kind.name ||
+            !try_to_ask(kind.method, json_spirit::Object(), answer) ||
+            answer.type() != json_spirit::obj_type ||
+            !json_spirit::object_get(answer.get_obj(), kind.list, rows))
+            continue;
+        std::vector<std::string> names;
+        for (json_spirit::Object const& row : json_spirit::objects_of(rows))
+            names.push_back(json_spirit::object_get_str(row, kind.key));
+        std::string const close = kind.is_id ? nearest_id(name, names) : nearest(name, names);
+        return close.empty() ? "" : "Did you mean '" + close + "'?";
+    }
+    return "";
 }
 
 int Command_Context::fail(Exit_Code code, std::string const& what, std::string const& advice) {
@@ -102,7 +156,7 @@ void Command_Context::print(std::string const& text) {
 }
 
 void Command_Context::print_json(json_spirit::Value const& value, bool indented) {
-    std::string text = json_spirit::to_text(value, indented);
+    std::string text = json_spirit::to_text(with_iso_times(value), indented);
     if (!text.ends_with('\n'))
         text += '\n';
     print(printable_json(text));

@@ -3,6 +3,7 @@
 
 #include "agent/cli/agent_connection.h"
 #include "agent/cli/exit_code.h"
+#include "agent/cli/list_wishes.h"
 #include "agent/cli/terminal.h"
 #include "agent/cli/text_form.h"
 #include "json_spirit/access.h"
@@ -19,12 +20,15 @@ json_spirit::Value json_error(int code, std::string const& message, std::string 
  */
 class Command_Context {
 public:
-    Command_Context(Agent_Connection& agent, Terminal const& terminal, bool json)
-        : agent_(agent), terminal_(terminal), json_(json) {}
+    Command_Context(Agent_Connection& agent, Terminal const& terminal, bool json,
+                    List_Wishes list = {})
+        : agent_(agent), terminal_(terminal), json_(json), list_(std::move(list)) {}
 
     Terminal const& terminal() const { return terminal_; }
     /** The results are wanted as JSON. */
     [[nodiscard]] bool json() const { return json_; }
+    /** What is wanted of the list that the command shows. */
+    List_Wishes const& list() const { return list_; }
     /** How the first column shows an id: short for people, whole for what reads a pipe. */
     Form id_form() const;
 
@@ -50,7 +54,7 @@ public:
     int status() const { return status_; }
 
     void print(std::string const& text);
-    /** Prints a result as JSON, indented or on one line. */
+    /** Prints a result as JSON, indented or on one line, with its times as ISO 8601. */
     void print_json(json_spirit::Value const& value, bool indented = true);
     /**
      * Prints json_error() of the last failure if the command failed, JSON is wanted, and nothing
@@ -71,10 +75,12 @@ public:
 private:
     Exit_Code tell_failure(Rpc_Error const& error, std::string const& doing,
                            std::string const& advice);
+    std::string suggestion(Rpc_Error const& error);
 
     Agent_Connection& agent_;
     Terminal const terminal_;
     bool const json_;
+    List_Wishes const list_;
     bool printed_json_ = false;
     int status_ = EXIT_OK;
     std::string message_; ///< of the last failure

@@ -1,6 +1,7 @@
 #include "agent/cli/command_line.h"
 
 #include "agent/cli/name_check.h"
+#include "agent/cli/suggestion.h"
 #include "agent/cli/terminal.h"
 #include "agent/cli/unix_connection.h"
 #include "json_spirit/text.h"
@@ -13,6 +14,7 @@
 namespace {
 
 constexpr char COMMON[] = "Common options";
+constexpr char LIST[] = "List options";
 constexpr char POOL_URL[] = "Where the data is kept: /DIRECTORY or file:///DIRECTORY";
 constexpr char FOOTER[] =
     "Examples:\n"
@@ -23,6 +25,16 @@ constexpr char FOOTER[] =
     "  zenbrak3 restore 6f9619ff\n\n"
     "`zenbrak3 COMMAND --help` says more about each. Exit status: 0 done, 1 it failed, 2 wrong\n"
     "usage, 3 no agent, 4 not found, 5 refused, 6 the job was canceled, 130 interrupted.";
+
+std::vector<std::string> const LEVELS{"full", "incremental", "cumulative", "differential", "log"};
+
+/** All states that a run can have. */
+std::vector<std::string> state_names() {
+    std::vector<std::string> names;
+    for (int state = JOB_STATE_NONE + 1; state <= JOB_STATE_OPENING; ++state)
+        names.emplace_back(job_state_to_string(static_cast<Job_State>(state)));
+    return names;
+}
 
 std::string examples_text(char const* examples) {
     return *examples ? std::string("Examples:\n") + examples : std::string();
@@ -78,7 +90,41 @@ void Command_Line::add_watch(CLI::App& command) {
         ->type_name("SECONDS")
         ->expected(0, 1)
         ->default_str("2")
-        ->check(CLI::Range(0.1, 86400.0));
+        ->check(seconds_check("0.1"));
+}
+
+void Command_Line::add_list_options(CLI::App& command) {
+    command
+        .add_option("--columns", list_.columns,
+                    "Show these columns: their titles with commas, in any case, '-' for a blank")
+        ->type_name("COLUMN,...")
+        ->group(LIST)
+        ->delimiter(',')
+        ->expected(1)
+        ->take_all();
+    command
+        .add_option("--sort", list_.sort,
+                    "Sort by these columns; COLUMN:desc has the greatest first")
+        ->type_name("COLUMN[:desc],...")
+        ->group(LIST)
+        ->delimiter(',')
+        ->expected(1)
+        ->take_all();
+    command
+        .add_option("--filter", list_.filters,
+                    "List the rows that match: COLUMN=TEXT, or with != ~ < <= > >=, where ~ is "
+                    "\"contains\"; may be repeated, all must match")
+        ->type_name("CONDITION")
+        ->group(LIST)
+        ->expected(1)
+        ->take_all();
+    command
+        .add_option_function<int64_t>(
+            "--limit", [this](int64_t limit) { list_.limit = limit; },
+            "List at most so many rows, of those that match and as they are sorted; 0 for all")
+        ->type_name("N")
+        ->group(LIST)
+        ->check(whole_number_check(0, INT32_MAX));
 }
 
 void Command_Line::add_wait(CLI::App& command) {
@@ -92,19 +138,22 @@ void Command_Line::add_progress(CLI::App& command) {
                     "Seconds between two updates of the job's progress; a change of its state is "
                     "shown at once")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.01, 86400.0));
+        ->check(seconds_check("0.01"));
     static std::map<std::string, Progress_Form> const forms{{"auto", Progress_Form::AUTO},
                                                             {"bar", Progress_Form::BAR},
                                                             {"lines", Progress_Form::LINES},
                                                             {"json", Progress_Form::JSON},
                                                             {"none", Progress_Form::NONE}};
+    std::vector<std::string> names;
+    for (auto const& form : forms)
+        names.push_back(form.first);
     command
-        .add_option(
-            "--progress", wait_.progress,
+        .add_option_function<std::string>(
+            "--progress", [this](std::string const& form) { wait_.progress = forms.at(form); },
             "Show the progress as auto (a bar on a terminal, elsewhere lines), bar, "
             "lines, json (one line of JSON for each change, the last one for the end), none")
         ->type_name("FORM")
-        ->transform(CLI::CheckedTransformer(forms).description(""));
+        ->check(one_of("a form of progress", names));
 }
 
 void Command_Line::add_uid(CLI::App& command) {
@@ -167,6 +216,7 @@ void Command_Line::add_pool_commands() {
         command(app_, "pools", "List the storage pools", "  zenbrak3 pools\n",
                 [this](Command_Context& context) { return list_pools(context, watch_); });
     add_watch(*list);
+    add_list_options(*list);
     CLI::App* const pools = group("pool", "Create, change or remove a storage pool");
     CLI::App* const create =
         command(*pools, "create", "Create a storage pool",
@@ -212,6 +262,7 @@ void Command_Line::add_member_commands() {
         command(app_, "members", "List the members of the group", "  zenbrak3 members\n",
                 [this](Command_Context& context) { return list_members(context, watch_); });
     add_watch(*list);
+    add_list_options(*list);
     CLI::App* const members = group("member", "Add or remove a member of the group");
     CLI::App* const add =
         command(*members, "add", "Add a member and print its key, once",
@@ -261,7 +312,7 @@ void Command_Line::add_backup_command() {
         ->type_name("POOL");
     auto* const level =
         backup->add_option("--level", level_, "How much is backed up, full if not said")
-            ->check(CLI::IsMember({"full", "incremental", "cumulative", "differential", "log"}));
+            ->check(one_of("a backup level", LEVELS));
     for (char const* name : {"incremental", "cumulative"})
         backup
             ->add_flag_callback(
@@ -276,7 +327,7 @@ void Command_Line::add_backup_command() {
         ->type_name("METHOD[:LEVEL]");
     backup->add_option("--channels", wishes_.channels, "Parallel streams")
         ->type_name("N")
-        ->check(CLI::Range(1, 10000));
+        ->check(whole_number_check(1, 10000));
     backup->add_option("--name", wishes_.name, "What the job's definition is called")
         ->check(name_check(names::fault_of_title));
     backup
@@ -322,15 +373,13 @@ void Command_Line::add_backup_command() {
         ->check(name_check(names::fault_of_label))
         ->type_name("POOL");
     list->add_option("--type", backup_filter_.type, "Those of this level")
-        ->check(name_check(names::fault_of_id))
+        ->check(one_of("a backup level", LEVELS))
         ->type_name("LEVEL");
     list->add_option("--table", backup_filter_.table, "Those that hold this table (DWS)")
         ->check(name_check(names::fault_of_line))
         ->type_name("[[DATABASE.]SCHEMA.]TABLE");
-    list->add_option("--limit", backup_filter_.limit, "The newest so many")
-        ->type_name("N")
-        ->check(CLI::PositiveNumber);
     add_watch(*list);
+    add_list_options(*list);
 }
 
 /** What CLI11 cannot say: the command is its own and a group at once. */
@@ -406,7 +455,7 @@ void Command_Line::add_restore_command() {
     config->excludes(added->get_option("--to"));
     added->add_option("--channels", wishes_.channels, "Parallel streams")
         ->type_name("N")
-        ->check(CLI::Range(1, 10000));
+        ->check(whole_number_check(1, 10000));
     added->add_option("--name", wishes_.name, "What the job's definition is called")
         ->check(name_check(names::fault_of_title));
     add_option_values(*added);
@@ -424,11 +473,9 @@ void Command_Line::add_job_commands() {
     list->add_option("--definition", job_filter_.definition, "Those of this definition")
         ->check(name_check(names::fault_of_label));
     list->add_option("--state", job_filter_.state, "Those in this state: running, error...")
-        ->check(name_check(names::fault_of_id));
-    list->add_option("--limit", job_filter_.limit, "At most so many")
-        ->type_name("N")
-        ->check(CLI::PositiveNumber);
+        ->check(one_of("a state of a job", state_names()));
     add_watch(*list);
+    add_list_options(*list);
 
     CLI::App* const jobs = group("job", "Look at a job's run, or tell it what to do");
     CLI::App* const show =
@@ -445,7 +492,7 @@ void Command_Line::add_job_commands() {
                 [this](Command_Context& context) { return wait_for_job(context, job_, wait_); });
     log->add_option("--interval", wait_.interval, "Seconds between two looks at the log")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.01, 86400.0));
+        ->check(seconds_check("0.01"));
     add_progress(*wait);
     CLI::App* const cancel = command(
         *jobs, "cancel", "Cancel a run; one that waits ends at once",
@@ -482,6 +529,7 @@ void Command_Line::add_definition_commands() {
         command(app_, "definitions", "List the job definitions", "  zenbrak3 definitions\n",
                 [this](Command_Context& context) { return list_definitions(context, watch_); });
     add_watch(*list);
+    add_list_options(*list);
     CLI::App* const run = command(
         app_, "run", "Save a definition from a file and start it",
         "  zenbrak3 run nightly.json\n"
@@ -522,14 +570,25 @@ bool Command_Line::parse(int argc, char const* const* argv, int& status) {
         if (json_ && watch_ > 0)
             throw CLI::ValidationError("--watch",
                                        "cannot be combined with --json, which prints one document");
+        if (json_ && !list_.columns.empty())
+            throw CLI::ValidationError("--columns",
+                                       "cannot be combined with --json, which has all members");
     } catch (CLI::ParseError const& error) {
         std::ostringstream fault; // has in it what was typed, or pasted from elsewhere
         status = app_.exit(error, std::cout, fault) == 0 ? EXIT_OK : EXIT_USAGE;
+        std::string what = error.what();
+        if (status != EXIT_OK && argc > 0)
+            if (std::string const word =
+                    fault_of_words(app_, std::vector<std::string>(argv + 1, argv + argc));
+                !word.empty()) {
+                what = word;
+                fault.str(word + "\nRun with --help for more information.\n");
+            }
         std::cerr << printable_lines(fault.str());
         if (status != EXIT_OK &&
             std::find(argv, argv + argc, std::string_view("--json")) != argv + argc)
             std::cout << printable_json(
-                json_spirit::to_text(json_error(status, error.what(),
+                json_spirit::to_text(json_error(status, what,
                                                 "`zenbrak3 --help` lists the commands, `zenbrak3 "
                                                 "COMMAND --help` the options of one."),
                                      true));

@@ -31,6 +31,7 @@ public:
 
     std::string const& socket() const { return socket_; }
     [[nodiscard]] bool json() const { return json_; }
+    List_Wishes const& list() const { return list_; }
 
     /** All commands, "pool create" for one of a group, in the order of the help. */
     std::vector<std::string> commands() const;
@@ -43,6 +44,8 @@ private:
     CLI::App* group(char const* name, char const* what);
     void add_common_options(CLI::App& command);
     void add_watch(CLI::App& command);
+    /** --columns, --sort, --filter and --limit; text_of_list() obeys them. */
+    void add_list_options(CLI::App& command);
     void add_wait(CLI::App& command);
     void add_progress(CLI::App& command);
     void add_uid(CLI::App& command);
@@ -71,6 +74,7 @@ private:
     std::string socket_;
     bool json_ = false;
     double watch_ = 0;
+    List_Wishes list_;
     bool refresh_ = false;
     bool follow_ = false;
     bool now_ = false;

@@ -9,6 +9,7 @@ void Command_Line::add_instance_commands() {
         [this](Command_Context& context) { return list_instances(context, refresh_, watch_); });
     list->add_flag("--refresh", refresh_, "Look for new ones, and ask each for its state");
     add_watch(*list);
+    add_list_options(*list);
 
     CLI::App* const instances = group("instance", "Show, add, change or remove one instance");
     CLI::App* const show =
@@ -59,6 +60,8 @@ void Command_Line::add_instance_commands() {
         ->required();
     for (CLI::App* const one : {databases, schemas, account})
         add_uid(*one);
+    add_list_options(*databases);
+    add_list_options(*schemas);
 }
 
 /** Clusters without an agent, which are reached by ssh. */
@@ -89,7 +92,7 @@ void Command_Line::add_declared_instances(CLI::App& instances) {
             ->type_name("PATH");
         one->add_option("--backup-port", declared_.backup_port,
                         "Port of the backup tool's master on the node")
-            ->check(CLI::Range(1, 65535))
+            ->check(whole_number_check(1, 65535))
             ->type_name("PORT");
         one->add_option("--source-commands", declared_.source_commands,
                         "Shell text that brings a login into the database's environment, in place "

@@ -26,6 +26,7 @@ void Command_Line::add_platform_commands() {
                 "  zenbrak3 platform list tpops.example:8002 --user backup < password-file\n",
                 [this](Command_Context& context) { return list_platform(context, platform_); });
     add_platform_login(*list);
+    add_list_options(*list);
 
     CLI::App* const add = command(
         *platforms, "add", "Put instances of a platform on record",
@@ -49,7 +50,7 @@ void Command_Line::add_platform_commands() {
         ->type_name("HOST")
         ->required();
     add->add_option("--xbsa-port", addition_.xbsa_port, "Its port")
-        ->check(CLI::Range(1, 65535))
+        ->check(whole_number_check(1, 65535))
         ->type_name("PORT")
         ->required();
     add->add_flag("--no-xbsa-tls", addition_.no_xbsa_tls, "It listens without TLS");
@@ -84,7 +85,7 @@ void Command_Line::add_platform_commands() {
         ->check(name_check(names::fault_of_host))
         ->type_name("HOST");
     change->add_option("--xbsa-port", platform_change_.xbsa_port, "Its port")
-        ->check(CLI::Range(1, 65535))
+        ->check(whole_number_check(1, 65535))
         ->type_name("PORT");
     CLI::Option* const xbsa_tls = change->add_flag("--xbsa-tls", platform_change_.xbsa_tls,
                                                    "The backUpAgent listens with TLS");

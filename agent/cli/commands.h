@@ -119,7 +119,6 @@ struct Backup_Filter {
     std::string pool;
     std::string type;
     std::string table; ///< "[[DATABASE.]SCHEMA.]TABLE" that it holds
-    int limit = 0;     ///< 0 for all
 };
 int list_backups(Command_Context& context, Backup_Filter const& filter, double interval);
 int show_backup(Command_Context& context, std::string const& backup);
@@ -151,7 +150,6 @@ struct Job_Filter {
     std::string definition;
     std::string instance;
     std::string state;
-    int limit = 0;
 };
 int list_jobs(Command_Context& context, Job_Filter const& filter, double interval);
 int show_job(Command_Context& context, std::string const& job);

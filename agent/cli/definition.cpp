@@ -215,7 +215,7 @@ bool read_wishes(Job_Wishes const& wishes, json_spirit::Object& definition, std:
 bool read_option(std::string const& text, json_spirit::Object& options, std::string& error) {
     size_t const equals = text.find('=');
     if (equals == 0 || equals == std::string::npos) {
-        error = "invalid option '" + text + "' (expected KEY=VALUE)";
+        error = "invalid option '" + names::shown(text) + "' (expected KEY=VALUE)";
         return false;
     }
     std::string const value = text.substr(equals + 1);
@@ -237,7 +237,7 @@ bool read_compression(std::string const& text, json_spirit::Object& options, std
                               : compression_name_to_value(method.c_str(), -1) != COMPR_NONE &&
                                     (!has_level || is_number(level));
     if (!is_valid) {
-        error = "invalid compression '" + text +
+        error = "invalid compression '" + names::shown(text) +
                 "' (expected none, auto, zstd, lzop, zstd:LEVEL or lzop:LEVEL)";
         return false;
     }

@@ -6,6 +6,8 @@
 #include "agent/cli/results.h"
 #include "qmrt/names.h"
 
+#include <algorithm>
+#include <ctime>
 #include <unistd.h>
 
 using json_spirit::Array;
@@ -26,16 +28,11 @@ std::string instance_alerts_text(Object const& result) {
     return text.empty() ? text : "\n" + text;
 }
 
-/** One name a line: elements are texts, or objects with a "name". */
-std::string names_text(Array const& names) {
-    std::string text;
-    for (Value const& element : names) {
-        Value const& name = element.type() == json_spirit::obj_type
-                                ? json_spirit::object_get_any(element.get_obj(), "name")
-                                : element;
-        text += value_text(name) + "\n";
-    }
-    return text;
+/** The name in an element of a list: a text, or an object with a "name". */
+Value const& name_in(Value const& element) {
+    return element.type() == json_spirit::obj_type
+               ? json_spirit::object_get_any(element.get_obj(), "name")
+               : element;
 }
 
 int list_names(Command_Context& context, Object params, std::string const& uid,
@@ -45,12 +42,20 @@ int list_names(Command_Context& context, Object params, std::string const& uid,
         return context.status();
     params["uid"] = owner;
     Object result;
-    if (!context.ask("gaussdb.list", params, doing, result, LIST_INSTANCES))
+    Table table(std::vector<Column>{{"NAME", "name"}});
+    if (!choose(context, table) ||
+        !context.ask("gaussdb.list", params, doing, result, LIST_INSTANCES))
         return context.status();
+    for (Value const& element : array_of(result, key))
+        table.add(Object{{"name", name_in(element)}}, element);
+    result[key] = table.rows();
+    std::string text; // one name a line, for scripts
+    for (Value const& element : table.rows())
+        text += value_text(name_in(element)) + "\n";
     if (context.json())
         context.print_json(result);
     else
-        context.print(names_text(array_of(result, key)));
+        context.print(text);
     return EXIT_OK;
 }
 
@@ -320,18 +325,32 @@ int list_instances(Command_Context& context, bool refresh, double interval) {
     std::vector<Column> columns{{"NAME", "name"},
                                 {"FLAVOUR", "version", Form::FLAVOUR},
                                 {"VERSION", "edition"},
-                                {"TYPE", "type"},
+                                {"LAST BACKUP", "last_backup", Form::TIME},
+                                {"AGE", "age", Form::DURATION},
                                 {"UUID", "uuid"}};
     if (refresh)
         columns.insert(columns.begin() + 1, {"STATE", "state"});
+    Table empty(columns);
+    empty.add_extra({{"TYPE", "type"}, {"LEVEL", "last_backup_level"}});
     return context.show(interval, [&](std::string& text) {
         Object answer;
-        if (!list_text(context, "instance.list", {{"refresh", refresh}}, "list the instances",
-                       "instances", Table(columns),
-                       "No instances are known; `zenbrak3 instances --refresh` looks for them.",
-                       text, &answer))
+        Table table = empty;
+        if (!choose(context, table) || !context.ask("instance.list", Object{{"refresh", refresh}},
+                                                    "list the instances", answer))
             return false;
-        text += instance_alerts_text(answer);
+        Array const instances = array_of(answer, "instances");
+        int64_t const now = time(nullptr);
+        for (Object const& instance : json_spirit::objects_of(instances)) {
+            Object shown = instance;
+            if (int64_t const last = number_of(instance, "last_backup"); last > 0)
+                shown["age"] = std::max<int64_t>(now - last, 0);
+            table.add(shown, instance);
+        }
+        text =
+            text_of_list(context, answer, "instances", table,
+                         "No instances are known; `zenbrak3 instances --refresh` looks for them.");
+        if (!context.json())
+            text += instance_alerts_text(answer);
         return true;
     });
 }
@@ -348,6 +367,8 @@ int show_instance(Command_Context& context, std::string const& instance) {
                         {"State", "state"},
                         {"Flavour", "version", Form::FLAVOUR},
                         {"Version", "edition"},
+                        {"Last backup", "last_backup", Form::TIME},
+                        {"Its level", "last_backup_level"},
                         {"Accounts", "accounts"},
                         {"Options", "options"}});
 }

@@ -19,6 +19,9 @@ using json_spirit::Value;
 namespace {
 
 constexpr char LISTING_JOBS[] = "list the jobs";
+/** Rows of a list without --limit, and those that the agent answers at most. */
+constexpr int USUAL_JOBS = 100;
+constexpr int MOST_JOBS = 10000;
 constexpr char LIST_JOBS[] = "`zenbrak3 jobs` lists the jobs.";
 constexpr std::chrono::milliseconds FIRST_LOOK{50};
 constexpr int64_t LONGEST_PAUSE_MS = 30000; ///< the agent's own limit
@@ -333,17 +336,9 @@ int list_jobs(Command_Context& context, Job_Filter const& filter, double interva
     json_spirit::insert(params)("definition", json_spirit::Skip_Empty_Helper(filter.definition))(
         "instance", json_spirit::Skip_Empty_Helper(filter.instance))(
         "state", json_spirit::Skip_Empty_Helper(filter.state));
-    if (filter.limit > 0)
-        params["limit"] = filter.limit;
+    params["limit"] = rows_to_ask(context, USUAL_JOBS, MOST_JOBS);
     return context.show(interval, [&](std::string& text) {
         Object result;
-        if (!context.ask("job.list", params, LISTING_JOBS, result))
-            return false;
-        Array jobs;
-        json_spirit::object_get(result, "jobs", jobs);
-        if (jobs.empty() && (!is_known(context, "instance", filter.instance, LISTING_JOBS) ||
-                             !is_known(context, "definition", filter.definition, LISTING_JOBS)))
-            return false;
         Table table({{"JOB", "run_id", context.id_form()},
                      {"TYPE", "type"},
                      {"LEVEL", "subtype"},
@@ -352,15 +347,27 @@ int list_jobs(Command_Context& context, Job_Filter const& filter, double interva
                      {"DONE", "percent", Form::PERCENT},
                      {"SIZE", "processed_size", Form::SIZE},
                      {"STARTED", "start_time", Form::TIME},
-                     {"TOOK", "took"},
+                     {"TOOK", "took", Form::DURATION},
                      {"ALERTS", "alerts"},
                      {"DEFINITION", "name"}});
-        for (Object run : json_spirit::objects_of(jobs)) {
-            run["took"] = took(run);
-            run["state"] = state_text(run);
-            table.add(run);
+        table.add_extra({{"ENDED", "end_time", Form::TIME},
+                         {"MESSAGE", "message"},
+                         {"BACKUP SIZE", "set_size", Form::SIZE}});
+        if (!choose(context, table) || !context.ask("job.list", params, LISTING_JOBS, result))
+            return false;
+        Array jobs = array_of(result, "jobs");
+        cut_to_usual(context, USUAL_JOBS, jobs);
+        if (jobs.empty() && (!is_known(context, "instance", filter.instance, LISTING_JOBS) ||
+                             !is_known(context, "definition", filter.definition, LISTING_JOBS)))
+            return false;
+        for (Object const& run : json_spirit::objects_of(jobs)) {
+            Object shown = run;
+            if (std::string const time = took(run); !time.empty())
+                shown["took"] = number_of(run, "end_time") - number_of(run, "start_time");
+            shown["state"] = state_text(run);
+            table.add(shown, run);
         }
-        text = text_of_list(context, result, table, "No jobs.");
+        text = text_of_list(context, result, "jobs", table, "No jobs.");
         return true;
     });
 }

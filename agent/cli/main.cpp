@@ -36,7 +36,7 @@ int main(int argc, char** argv) {
         if (!line.parse(argc, argv, status))
             return status;
         Unix_Connection agent(socket_path(line));
-        Command_Context context(agent, Terminal::of_stdout(), line.json());
+        Command_Context context(agent, Terminal::of_stdout(), line.json(), line.list());
         int const ended = line.run(context);
         context.print_json_error(ended);
         return flushed(context, ended);

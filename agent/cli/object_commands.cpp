@@ -3,6 +3,7 @@
 #include "agent/cli/consequences.h"
 #include "agent/cli/definition_file.h"
 #include "agent/cli/results.h"
+#include "agent/cli/suggestion.h"
 #include "agent/cli/table.h"
 #include "host/http/http_encode.h"
 #include "json_spirit/text.h"
@@ -42,7 +43,7 @@ bool read_wishes(Pool_Wishes const& wishes, Object& params, std::string& error) 
     uint64_t limit = 0;
     if (!wishes.limit.empty()) {
         if (!read_size(wishes.limit, limit)) {
-            error = "invalid size '" + wishes.limit +
+            error = "invalid size '" + names::shown(wishes.limit) +
                     "' (expected bytes, or a unit as in 500GiB or 2T)";
             return false;
         }
@@ -56,6 +57,7 @@ bool read_wishes(Pool_Wishes const& wishes, Object& params, std::string& error) 
 }
 
 constexpr char LISTING_BACKUPS[] = "list the backups";
+constexpr int USUAL_BACKUPS = 1000; ///< rows of a list without --limit
 
 /** The pools; empty if the agent does not answer. */
 Array list_of_pools(Command_Context& context) {
@@ -81,9 +83,13 @@ bool is_known_pool(Command_Context& context, Array const& pools, std::string con
                 return true;
     if (name.empty() || pools.empty())
         return true;
+    std::vector<std::string> names;
+    for (Object const& pool : json_spirit::objects_of(pools))
+        names.push_back(json_spirit::object_get_str(pool, "name"));
+    std::string const close = did_you_mean(name, names);
     context.fail(EXIT_NOT_FOUND,
                  std::string("cannot ") + LISTING_BACKUPS + ": pool " + name + " does not exist",
-                 "`zenbrak3 pools` lists the pools.");
+                 close + (close.empty() ? "" : " ") + LIST_POOLS);
     return false;
 }
 
@@ -138,7 +144,8 @@ int update_pool(Command_Context& context, std::string const& pool, Pool_Wishes c
     if (!read_wishes(wishes, params, error))
         return context.fail(EXIT_USAGE, error);
     if (params.empty())
-        return context.fail(EXIT_USAGE, "nothing is said that pool " + pool + " is to change in");
+        return context.fail(EXIT_USAGE, "nothing to change in pool " + pool +
+                                            ": name at least one option (see pool update --help)");
     params["pool"] = pool;
     if (!context.ask("pool.update", params, "change pool " + pool, updated, LIST_POOLS))
         return context.status();
@@ -200,30 +207,39 @@ int list_backups(Command_Context& context, Backup_Filter const& filter, double i
         "pool", json_spirit::Skip_Empty_Helper(filter.pool))(
         "type", json_spirit::Skip_Empty_Helper(filter.type))(
         "table", json_spirit::Skip_Empty_Helper(filter.table));
-    if (filter.limit > 0)
-        params["limit"] = filter.limit;
+    params["limit"] = rows_to_ask(context, USUAL_BACKUPS, INT32_MAX);
     return context.show(interval, [&](std::string& text) {
         Object answer;
-        if (!context.ask("backup.list", params, LISTING_BACKUPS, answer))
-            return false;
-        Array const backups = array_of(answer, "backups");
-        Array const pools = backups.empty() || !context.json() ? list_of_pools(context) : Array();
-        if (backups.empty() && (!is_known(context, "instance", filter.instance, LISTING_BACKUPS) ||
-                                !is_known_pool(context, pools, filter.pool)))
-            return false;
         Table table({{"BACKUP", "uuid", context.id_form()},
                      {"INSTANCE", "instance"},
-                     {"TYPE", "type"},
+                     {"LEVEL", "level"},
                      {"ENDED", "backup_end_time", Form::TIME},
                      {"DATA", "source_size", Form::SIZE},
                      {"SIZE", "backup_set_size", Form::SIZE},
                      {"KEY", "backup_key"},
                      {"POOL", "pool"}});
-        for (Object backup : json_spirit::objects_of(backups)) {
-            backup["pool"] = pool_name(pools, json_spirit::object_get_str(backup, "pool_uuid"));
-            table.add(backup);
+        table.add_extra({{"TYPE", "type"},
+                         {"STARTED", "backup_start_time", Form::TIME},
+                         {"CONTINUES", "prior_backup_key"},
+                         {"FLAVOUR", "series", Form::FLAVOUR},
+                         {"VERSION", "database_version"},
+                         {"HOST", "host"}});
+        if (!choose(context, table) || !context.ask("backup.list", params, LISTING_BACKUPS, answer))
+            return false;
+        Array backups = array_of(answer, "backups");
+        cut_to_usual(context, USUAL_BACKUPS, backups);
+        // their names are filtered, too
+        Array const pools = list_of_pools(context);
+        if (backups.empty() && (!is_known(context, "instance", filter.instance, LISTING_BACKUPS) ||
+                                !is_known_pool(context, pools, filter.pool)))
+            return false;
+        for (Object const& backup : json_spirit::objects_of(backups)) {
+            Object shown = backup;
+            shown["pool"] = pool_name(pools, json_spirit::object_get_str(backup, "pool_uuid"));
+            shown.try_emplace("level", json_spirit::object_get_any(backup, "type"));
+            table.add(shown, backup);
         }
-        text = text_of_list(context, answer, table, "No backups.");
+        text = text_of_list(context, answer, "backups", table, "No backups.");
         Array const windows = array_of(answer, "windows");
         if (!windows.empty() && !context.json()) {
             Table times({{"TO ANY TIME FROM", "from", Form::TIME}, {"UNTIL", "until", Form::TIME}});
@@ -239,10 +255,18 @@ int show_backup(Command_Context& context, std::string const& backup) {
     if (!context.ask("backup.show", Object{{"backup", backup}}, "show backup " + backup, found,
                      LIST_BACKUPS))
         return context.status();
-    show_object(context, found,
+    Object shown = found;
+    bool const is_as_asked = json_spirit::object_get_str(found, "level_reason").empty();
+    shown.try_emplace("level", json_spirit::object_get_any(found, "type"));
+    for (char const* const key : {"type", "level_reason"})
+        if (is_as_asked)
+            shown.erase(key);
+    show_object(context, context.json() ? found : shown,
                 {{"Backup", "uuid"},
                  {"Instance", "instance"},
-                 {"Type", "type"},
+                 {"Level", "level"},
+                 {"Asked for", "type"},
+                 {"Reason", "level_reason"},
                  {"Key", "backup_key"},
                  {"Continues", "prior_backup_key"},
                  {"Started", "backup_start_time", Form::TIME},
@@ -256,13 +280,19 @@ int show_backup(Command_Context& context, std::string const& backup) {
                  {"Compression", "compression"},
                  {"Host", "host"},
                  {"Job", "job_act_id"},
-                 {"Depends on", "depends"}},
+                 {"Depends on", "depends"},
+                 {"Needed by", "needed_by"}},
                 {"storages", "pieces", "tables", "begin_time", "end_time", "platform_begin_time",
                  "platform_end_time"});
     if (context.json())
         return EXIT_OK;
-    Table storages({{"POOL", "pool_uuid"}, {"SIZE", "size", Form::SIZE}, {"COPY", "copy"}});
-    storages.add(array_of(found, "storages"));
+    Table storages({{"POOL", "pool"}, {"SIZE", "size", Form::SIZE}, {"COPY", "copy"}});
+    Array const places = array_of(found, "storages");
+    Array const pools = places.empty() ? Array() : list_of_pools(context);
+    for (Object place : json_spirit::objects_of(places)) {
+        place["pool"] = pool_name(pools, json_spirit::object_get_str(place, "pool_uuid"));
+        storages.add(place);
+    }
     Table pieces({{"SIZE", "size", Form::SIZE}, {"PIECE", "path"}});
     pieces.add(array_of(found, "pieces"));
     if (!storages.empty())

@@ -166,9 +166,11 @@ int list_platform(Command_Context& context, Platform_Login const& wishes) {
                  {"VERSION", "version"},
                  {"NODES", "node_count"},
                  {"ID", "id"}});
+    if (!choose(context, table))
+        return context.status();
     table.add(offered);
     if (context.json())
-        context.print_json(Object{{"instances", offered}});
+        context.print_json(Object{{"instances", table.rows()}});
     else
         context.print(table.text(context.terminal()));
     return EXIT_OK;

@@ -30,11 +30,30 @@ std::string padded(std::string const& cell, size_t width, bool right, bool last)
 
 } // namespace
 
-void Table::add(json_spirit::Object const& row) {
-    std::vector<std::string> cells;
-    for (Column const& column : columns_)
-        cells.push_back(value_text(json_spirit::object_get_any(row, column.key), column.form));
-    rows_.push_back(std::move(cells));
+bool Table::choose(List_Wishes const& wishes, std::string& error) {
+    std::vector<Column> columns;
+    for (std::string const& name : wishes.columns) {
+        Column const* const column = find_column(known_, name, error);
+        if (!column)
+            return false;
+        columns.push_back(*column);
+    }
+    for (std::string const& text : wishes.filters)
+        if (!read_filter(known_, text, filters_.emplace_back(), error))
+            return false;
+    for (std::string const& text : wishes.sort)
+        if (!read_order(known_, text, orders_.emplace_back(), error))
+            return false;
+    if (!columns.empty())
+        columns_ = std::move(columns);
+    limit_ = static_cast<size_t>(wishes.limit.value_or(0));
+    return true;
+}
+
+void Table::add(json_spirit::Object const& row, json_spirit::Value const& answered) {
+    if (std::ranges::all_of(filters_,
+                            [&](List_Filter const& filter) { return filter.matches(row); }))
+        rows_.push_back({row, answered});
 }
 
 void Table::add(json_spirit::Array const& rows) {
@@ -42,11 +61,31 @@ void Table::add(json_spirit::Array const& rows) {
         add(row);
 }
 
-std::vector<size_t> Table::widths(Terminal const& terminal) const {
+std::vector<Table::Row const*> Table::chosen() const {
+    std::vector<Row const*> rows;
+    for (Row const& row : rows_)
+        rows.push_back(&row);
+    std::stable_sort(rows.begin(), rows.end(), [&](Row const* a, Row const* b) {
+        return compare_rows(a->values, b->values, orders_) < 0;
+    });
+    if (limit_ > 0 && rows.size() > limit_)
+        rows.resize(limit_);
+    return rows;
+}
+
+json_spirit::Array Table::rows() const {
+    json_spirit::Array rows;
+    for (Row const* const row : chosen())
+        rows.emplace_back(row->answered);
+    return rows;
+}
+
+std::vector<size_t> Table::widths(Terminal const& terminal,
+                                  std::vector<std::vector<std::string>> const& cells) const {
     std::vector<size_t> widths;
     for (size_t index = 0; index < columns_.size(); ++index) {
         size_t width = display_width(columns_[index].title);
-        for (auto const& row : rows_)
+        for (auto const& row : cells)
             width = std::max(width, display_width(row[index]));
         widths.push_back(width);
     }
@@ -69,7 +108,14 @@ std::vector<size_t> Table::widths(Terminal const& terminal) const {
 }
 
 std::string Table::text(Terminal const& terminal) const {
-    std::vector<size_t> const wanted = widths(terminal);
+    std::vector<std::vector<std::string>> cells;
+    for (Row const* const row : chosen()) {
+        cells.emplace_back();
+        for (Column const& column : columns_)
+            cells.back().push_back(
+                value_text(json_spirit::object_get_any(row->values, column.key), column.form));
+    }
+    std::vector<size_t> const wanted = widths(terminal, cells);
     char const* const ellipsis = terminal.utf8 ? "…" : "...";
     std::string text;
     auto const add_line = [&](auto const& cell_of) {
@@ -83,7 +129,7 @@ std::string Table::text(Terminal const& terminal) const {
         text += "\n";
     };
     add_line([&](size_t index) { return std::string(columns_[index].title); });
-    for (auto const& row : rows_)
+    for (auto const& row : cells)
         add_line([&](size_t index) { return row[index]; });
     return text;
 }
@@ -92,21 +138,27 @@ std::string fields_text(json_spirit::Object const& object, std::vector<Column> c
                         std::vector<std::string> const& left_out) {
     std::vector<std::pair<std::string, std::string>> lines;
     json_spirit::Object rest = object;
+    auto const add = [&lines](std::string const& title, json_spirit::Value const& value,
+                              Form form) {
+        std::vector<std::string> const values = value_lines(value, form);
+        for (size_t index = 0; index < values.size(); ++index)
+            lines.emplace_back(index == 0 ? title + ":" : "", values[index]);
+    };
     for (std::string const& key : left_out)
         rest.erase(key);
     for (Column const& field : fields) {
         json_spirit::Value const* const value = json_spirit::object_get_any_ptr(object, field.key);
         if (value)
-            lines.emplace_back(field.title, value_text(*value, field.form));
+            add(field.title, *value, field.form);
         rest.erase(field.key);
     }
     for (auto const& [key, value] : rest)
-        lines.emplace_back(printable(key), value_text(value));
+        add(printable(key), value, Form::TEXT);
     size_t width = 0;
     for (auto const& line : lines)
         width = std::max(width, display_width(line.first));
     std::string text;
     for (auto const& [title, value] : lines)
-        text += padded(title + ":", width + 1, false, false) + "  " + value + "\n";
+        text += padded(title, width, false, false) + "  " + value + "\n";
     return text;
 }

@@ -9,6 +9,7 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
 
 namespace {
 
@@ -46,6 +47,14 @@ std::string number_text(int64_t number, Form form) {
     }
 }
 
+void append(std::string& list, std::string const& text) {
+    list += (list.empty() ? "" : ", ") + text;
+}
+
+std::string member_text(std::string const& key, json_spirit::Value const& value) {
+    return printable(key) + "=" + value_text(value);
+}
+
 } // namespace
 
 std::string size_text(uint64_t bytes) {
@@ -70,7 +79,11 @@ std::string time_text(time_t time) {
     if (time == 0 || !localtime_r(&time, &local) ||
         strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local) == 0)
         return "-";
-    return text;
+    long const minutes = local.tm_gmtoff / 60;
+    if (minutes == 0)
+        return std::string(text) + "Z";
+    return text + string_sprintf("%c%02ld:%02ld", minutes < 0 ? '-' : '+', std::labs(minutes) / 60,
+                                 std::labs(minutes) % 60);
 }
 
 std::string duration_text(int64_t seconds) {
@@ -113,6 +126,7 @@ bool read_size(std::string const& text, uint64_t& bytes) {
 
 std::string value_text(json_spirit::Value const& value, Form form) {
     using namespace json_spirit;
+    std::string list;
     switch (value.type()) {
     case null_type:
         return "-";
@@ -130,10 +144,31 @@ std::string value_text(json_spirit::Value const& value, Form form) {
         break;
     case bool_type:
         return value.get_bool() ? "yes" : "no";
+    case array_type:
+        for (Value const& element : value.get_array())
+            append(list, value_text(element, form));
+        return list.empty() ? "-" : list;
+    case obj_type:
+        for (auto const& [key, member] : value.get_obj())
+            append(list, member_text(key, member));
+        return list.empty() ? "-" : list;
     default:
         break;
     }
     return printable(JSON_Dump(value).str());
+}
+
+std::vector<std::string> value_lines(json_spirit::Value const& value, Form form) {
+    std::vector<std::string> lines;
+    if (value.type() == json_spirit::obj_type)
+        for (auto const& [key, member] : value.get_obj())
+            lines.push_back(member_text(key, member));
+    if (value.type() == json_spirit::array_type)
+        for (json_spirit::Object const& element : json_spirit::objects_of(value.get_array()))
+            lines.push_back(value_text(element, form));
+    if (lines.empty())
+        lines.push_back(value_text(value, form));
+    return lines;
 }
 
 int64_t number_of(json_spirit::Object const& object, std::string const& key, int64_t otherwise) {

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <poll.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -36,6 +37,13 @@ bool read_answer(json_spirit::Object const& answer, json_spirit::Value& result, 
     return true;
 }
 
+/** The user of this process: its name, or its number. */
+std::string user_text() {
+    uid_t const uid = geteuid();
+    passwd const* const user = getpwuid(uid);
+    return user ? user->pw_name : std::to_string(uid);
+}
+
 /** Why a socket cannot be connected to, in words that help. */
 std::string reason(int code) {
     switch (code) {
@@ -43,6 +51,8 @@ std::string reason(int code) {
         return "there is no such socket";
     case ECONNREFUSED:
         return "nobody listens on it";
+    case EACCES:
+        return "user " + user_text() + " may not use it";
     default:
         return std::strerror(code);
     }
@@ -71,7 +81,7 @@ bool Unix_Connection::open(Rpc_Error& error) {
     File_Descriptor connected(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!connected ||
         connect(connected.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == -1)
-        return fail(error, Rpc_Error::UNREACHABLE,
+        return fail(error, errno == EACCES ? Rpc_Error::DENIED : Rpc_Error::UNREACHABLE,
                     "cannot connect to " + path_ + ": " + reason(errno));
     socket_ = std::move(connected);
     return true;

@@ -7,6 +7,10 @@
 /** Where the agent listens unless it was told otherwise. */
 constexpr char DEFAULT_AGENT_SOCKET[] = "/run/zenbrak3/agent.sock";
 
+/** What a user may do whom the agent does not serve. */
+constexpr char WHO_MAY_ASK[] =
+    "Only root may use the agent: run the command as root, such as by sudo.";
+
 /**
  * JSON-RPC 2.0 over the agent's Unix stream socket: each message is one compact JSON text and "\n".
  * Connects at the first call. Messages that answer nothing are passed over. After a failure of the

@@ -53,7 +53,7 @@ _zenbrak3() {
         word=${COMP_WORDS[index]}
         if [[ $previous == --socket ]]; then
             program+=(--socket "$word")
-        elif [[ $word != -* && ! $previous =~ ^(-o|--(option|pool|cache-dir|level|compression|channels|rate|name|url|uid|user|host|platform|xbsa-host|xbsa-port|interval|progress|instance|definition|state|limit|type|watch))$ ]]; then
+        elif [[ $word != -* && ! $previous =~ ^(-o|--(option|pool|cache-dir|level|compression|channels|rate|name|url|uid|user|host|platform|xbsa-host|xbsa-port|interval|progress|instance|definition|state|limit|columns|sort|filter|type|watch))$ ]]; then
             case "${command[*]}:$word" in
                 :*) command=("$word") ;;
                 pool:* | platform:* | member:* | job:* | instance:* | definition:* | backup:show | backup:remove) command+=("$word") ;;

@@ -81,8 +81,9 @@ bool check_pools(Readiness_Check& check, Method_Table& methods, std::string cons
     if (found)
         return true;
     if (!wanted.empty())
-        return answer({Storage_Result::NOT_FOUND, "there is no pool " + qmrt::to_one_line(wanted)},
-                      fault);
+        return answer(
+            {Storage_Result::NOT_FOUND, "pool " + qmrt::to_one_line(wanted) + " does not exist"},
+            fault);
     check.no_pool();
     return true;
 }

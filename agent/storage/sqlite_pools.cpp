@@ -40,7 +40,7 @@ Storage_Result refuse(std::string const& text) {
 }
 
 Storage_Result not_found(std::string const& pool) {
-    return {Storage_Result::NOT_FOUND, "there is no pool " + qmrt::to_one_line(pool)};
+    return {Storage_Result::NOT_FOUND, "pool " + qmrt::to_one_line(pool) + " does not exist"};
 }
 
 Storage_Result unreachable() {

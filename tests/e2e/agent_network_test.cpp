@@ -138,7 +138,7 @@ TEST_F(Agent_Group_Test, a_member_checks_the_servers_pools) {
         return reply ? json_spirit::to_text(reply.result) : reply.message;
     };
     Object const pool = {{"name", "main"}, {"url", "file://" + server_.agent().pool_dir()}};
-    EXPECT_THAT(checked("main"), HasSubstr("there is no pool main"));
+    EXPECT_THAT(checked("main"), HasSubstr("pool main does not exist"));
     EXPECT_THAT(checked(""), HasSubstr("zenbrak3 pool create"));
     server_.agent().ask("pool.create", pool);
     EXPECT_THAT(checked("main"), HasSubstr(R"("ok":true,"subject":"pool main")"));

@@ -148,7 +148,7 @@ class Protected_Cluster(object):
         """Waits until that much of a run is done. A run that ended before fails the test."""
         def reached():
             run = tell("job", "show", run_id)
-            assert run["end_time"] == 0, "over before it was met: %s" % run
+            assert not run["end_time"], "over before it was met: %s" % run
             return run["percent"] >= percent
         wait_until(reached)
 
@@ -224,7 +224,7 @@ class Protected_Cluster(object):
         """Nothing is half done, and nothing is there that does not belong to a complete set."""
         self._wait_for_none(self._leftover_processes)
         self._wait_for_none(self._leftovers_of_servers)
-        running = [run["run_id"] for run in tell("jobs")["jobs"] if run["end_time"] == 0]
+        running = [run["run_id"] for run in tell("jobs")["jobs"] if not run["end_time"]]
         assert not running, "runs are on: %s" % running
         catalog = self.catalog()
         assert set(catalog) == self.sets, "the catalog has %s" % (set(catalog) ^ self.sets)

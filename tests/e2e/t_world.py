@@ -144,7 +144,7 @@ class T_World(object):
     def put_right(self):
         """What a test that failed has left."""
         self.let_go()
-        wait_until(lambda: not [one for one in tell("jobs")["jobs"] if one["end_time"] == 0
+        wait_until(lambda: not [one for one in tell("jobs")["jobs"] if not one["end_time"]
                                 and NAME in one["name"]], 60)
         while subprocess.call(["umount", "-q", "-l", CACHE]) == 0:
             pass
@@ -179,7 +179,7 @@ class T_World(object):
     @staticmethod
     def running():
         """The one run of the instance that has not ended."""
-        found = [one["run_id"] for one in tell("jobs")["jobs"] if one["end_time"] == 0]
+        found = [one["run_id"] for one in tell("jobs")["jobs"] if not one["end_time"]]
         assert len(found) == 1, found
         return found[0]
 

@@ -134,7 +134,8 @@ TEST_F(Completion_Test, a_socket_that_was_named_is_asked) {
 TEST_F(Completion_Test, options_are_those_of_the_command) {
     EXPECT_THAT(complete({"job", "log", "0f3a", "--f"}), ElementsAre("--follow"));
     EXPECT_THAT(complete({"pools", "--"}),
-                UnorderedElementsAre("--help", "--watch", "--socket", "--json"));
+                UnorderedElementsAre("--help", "--watch", "--socket", "--json", "--columns",
+                                     "--sort", "--filter", "--limit"));
     EXPECT_THAT(complete({"backup", "prod", "--level", "i"}), ElementsAre("incremental"));
 }
 

@@ -15,8 +15,8 @@ TEST_F(Agent_Command_Test, info) {
     EXPECT_EQ("Name:     host1\n"
               "Version:  0.1.0\n"
               "Process:  42\n"
-              "Started:  2026-11-22 02:30:00\n"
-              "module:   {\"path\":\"/m.so\"}\n",
+              "Started:  2026-11-22 02:30:00Z\n"
+              "module:   path=/m.so\n",
               out());
     EXPECT_EQ("", err());
 }
@@ -40,7 +40,7 @@ TEST_F(Agent_Command_Test, an_empty_list_can_be_trusted) {
     EXPECT_EQ(0, run({"jobs", "--instance", "prod"}));
     EXPECT_EQ(4, run({"backups", "--pool", "mian"}));
     EXPECT_EQ("zenbrak3: cannot list the backups: pool mian does not exist\n"
-              "`zenbrak3 pools` lists the pools.\n",
+              "Did you mean 'main'? `zenbrak3 pools` lists the pools.\n",
               err());
     EXPECT_EQ("", out());
     auto const unknown = Scripted_Agent::Answer([](Value const&) -> Value {
@@ -105,10 +105,25 @@ TEST_F(Agent_Command_Test, a_pipe_gets_whole_lines) {
     agent_->on("instance.list", Object{{"instances", INSTANCES}});
     setting_.env["COLUMNS"] = "20";
     EXPECT_EQ(0, run({"instances"}));
-    EXPECT_EQ("NAME                                  FLAVOUR  VERSION  TYPE     UUID\n"
-              "production-of-the-northern-warehouse  DWS      8.2.1    gaussdb  "
+    EXPECT_EQ("NAME                                  FLAVOUR  VERSION  LAST BACKUP  AGE  UUID\n"
+              "production-of-the-northern-warehouse  DWS      8.2.1    -            -    "
               "6f9619ff-8b86-d011-b42d-00cf4fc9648f\n",
               out());
+}
+
+TEST_F(Agent_Command_Test, instances_have_their_last_backup_and_its_age) {
+    Array const instances{
+        Object{{"name", "young"}, {"last_backup", static_cast<int64_t>(time(nullptr)) - 30}},
+        Object{{"name", "old"}, {"last_backup", 1000000000}, {"last_backup_level", "full"}},
+        Object{{"name", "none"}, {"last_backup", 0}}};
+    agent_->on("instance.list", Object{{"instances", instances}});
+    EXPECT_EQ(0, run({"instances", "--columns", "name,age", "--filter", "age<600"}));
+    EXPECT_THAT(out(), testing::MatchesRegex("NAME   AGE *\nyoung  0:[3-5][0-9]\n"));
+    EXPECT_EQ(0, run({"instances", "--columns", "name,last-backup,level", "--sort", "age:desc"}));
+    EXPECT_THAT(out(), HasSubstr("old    2001-09-09 01:46:40Z  full\n"));
+    EXPECT_THAT(out(), testing::EndsWith("none   -                     -\n"));
+    EXPECT_EQ(0, run({"instances", "--json", "--filter", "name=old"}));
+    EXPECT_THAT(out(), HasSubstr("\"last_backup\": \"2001-09-09T01:46:40Z\""));
 }
 
 TEST_F(Agent_Command_Test, instances_are_shown_with_their_alerts) {
@@ -123,17 +138,17 @@ TEST_F(Agent_Command_Test, a_terminal_gets_what_fits) {
     agent_->on("instance.list", Object{{"instances", INSTANCES}});
     setting_.columns = 60;
     EXPECT_EQ(0, run({"instances"}));
-    EXPECT_EQ("NAME             FLAVOUR  VERSION  TYPE     UUID\n"
-              "production-of-…  DWS      8.2.1    gaussdb  6f9619ff-8b86-d…\n",
+    EXPECT_EQ("NAME         FLAVOUR  VERSION  LAST BACKUP  AGE  UUID\n"
+              "production…  DWS      8.2.1    -            -    6f9619ff-8…\n",
               out());
     setting_.env["COLUMNS"] = "56";
     EXPECT_EQ(0, run({"instances"}));
-    EXPECT_EQ("NAME           FLAVOUR  VERSION  TYPE     UUID\n"
-              "production-o…  DWS      8.2.1    gaussdb  6f9619ff-8b86…\n",
+    EXPECT_EQ("NAME       FLAVOUR  VERSION  LAST BACKUP  AGE  UUID\n"
+              "producti…  DWS      8.2.1    -            -    6f9619ff…\n",
               out());
     setting_.env["LANG"] = "C";
     EXPECT_EQ(0, run({"instances"}));
-    EXPECT_THAT(out(), HasSubstr("production..."));
+    EXPECT_THAT(out(), HasSubstr("produc..."));
 }
 
 TEST_F(Agent_Command_Test, nothing_that_comes_steers_the_terminal) {
@@ -260,8 +275,8 @@ TEST_F(Agent_Command_Test, a_backup_that_fails) {
                                                                        {"time", 1000}}}}})}));
     EXPECT_THAT(out(), HasSubstr("The backup of prod ended: error\n"));
     EXPECT_EQ("zenbrak3: the backup of prod did not complete: the pool is full\n"
-              "TIME                 LEVEL  COUNT  ALERT\n"
-              "1970-01-01 00:16:40  error  1      no space\n"
+              "TIME                  LEVEL  COUNT  ALERT\n"
+              "1970-01-01 00:16:40Z  error  1      no space\n"
               "`zenbrak3 job log 0f3a91c2-0000` shows what happened.\n",
               err());
 }

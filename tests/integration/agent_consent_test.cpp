@@ -109,11 +109,11 @@ TEST_F(Consent_Test, on_a_terminal_it_is_asked) {
 TEST_F(Consent_Test, a_restore_tells_what_it_overwrites_and_what_is_lost) {
     EXPECT_EQ(0, run({"restore", "b", "--dry-run"}));
     EXPECT_THAT(out(), HasSubstr("This overwrites instance prod.\n"));
-    EXPECT_THAT(out(), HasSubstr("Backup:               b-1, full, of 2026-11-22 02:30:00, "));
+    EXPECT_THAT(out(), HasSubstr("Backup:               b-1, full, of 2026-11-22 02:30:00Z, "));
     EXPECT_THAT(out(), HasSubstr(" ago, 1.5 KiB\n"));
     EXPECT_THAT(out(), HasSubstr("State of prod:        Normal: it is running and healthy\n"));
-    EXPECT_THAT(out(), HasSubstr("Lost:                 all changes since 2026-11-22 02:30:00\n"));
-    EXPECT_THAT(out(), HasSubstr("Last backup of prod:  2026-11-22 03:30:00, "));
+    EXPECT_THAT(out(), HasSubstr("Lost:                 all changes since 2026-11-22 02:30:00Z\n"));
+    EXPECT_THAT(out(), HasSubstr("Last backup of prod:  2026-11-22 03:30:00Z, "));
     agent_->on("instance.show", Object{{"name", "rehearsal"}, {"uuid", "u-2"}});
     agent_->on("backup.list", Object{{"backups", Array{}}});
     EXPECT_EQ(0, run({"restore", "b", "--dry-run", "--instance", "rehearsal"}));
@@ -159,7 +159,7 @@ TEST_F(Consent_Test, a_removal_of_a_backup_tells_what_goes_and_what_is_left) {
     EXPECT_THAT(out(), HasSubstr("This removes 3 backups of instance prod with the data"));
     EXPECT_THAT(out(), HasSubstr("Builds on it:      b-3, incremental"));
     EXPECT_THAT(out(), HasSubstr("Builds on it:      b-2, incremental"));
-    EXPECT_THAT(out(), HasSubstr("Last backup left:  2026-11-21 22:26:40, "));
+    EXPECT_THAT(out(), HasSubstr("Last backup left:  2026-11-21 22:26:40Z, "));
     EXPECT_EQ(0, run({"backup", "remove", "b", "--dry-run"}));
     EXPECT_THAT(out(), HasSubstr("This removes a backup of instance prod"));
     EXPECT_THAT(out(), HasSubstr("Needs it:          b-2, incremental"));

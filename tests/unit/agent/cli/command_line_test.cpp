@@ -234,7 +234,9 @@ TEST_F(Command_Line_Test, a_pool_is_changed_in_what_is_said_alone) {
               params(2));
     EXPECT_EQ(EXIT_USAGE, run({"pool", "update", "main", "--limit", "much"}));
     EXPECT_EQ(EXIT_USAGE, run({"pool", "update", "main"}));
-    EXPECT_EQ("zenbrak3: nothing is said that pool main is to change in\n", err_);
+    EXPECT_EQ("zenbrak3: nothing to change in pool main: name at least one option (see pool update "
+              "--help)\n",
+              err_);
     EXPECT_EQ(3u, agent_.calls.size());
 }
 
@@ -261,14 +263,14 @@ TEST_F(Command_Line_Test, filters_are_sent_only_when_they_are_given) {
     agent_.answers("backup.list", Object{{"backups", json_spirit::Array{}}});
     agent_.answers("job.list", Object{{"jobs", json_spirit::Array{}}});
     run({"backups"});
-    EXPECT_EQ(Object{}, params_of("backup.list"));
+    EXPECT_EQ((Object{{"limit", 1001}}), params_of("backup.list"));
     run({"backups", "prod", "--pool", "p", "--type", "full", "--limit", "3", "--table", "a.b"});
     EXPECT_EQ(
         (Object{
             {"instance", "prod"}, {"pool", "p"}, {"type", "full"}, {"limit", 3}, {"table", "a.b"}}),
         params_of("backup.list"));
     run({"jobs"});
-    EXPECT_EQ(Object{}, params_of("job.list"));
+    EXPECT_EQ((Object{{"limit", 101}}), params_of("job.list"));
     run({"jobs", "--instance", "prod", "--definition", "d", "--state", "error", "--limit", "3"});
     EXPECT_EQ((Object{{"instance", "prod"}, {"definition", "d"}, {"state", "error"}, {"limit", 3}}),
               params_of("job.list"));

@@ -17,7 +17,7 @@ protected:
         int status = -1;
         Command_Line line;
         if (line.parse(static_cast<int>(arguments.size()), arguments.data(), status)) {
-            Command_Context context(agent_, Terminal{false, true, 80}, line.json());
+            Command_Context context(agent_, Terminal{false, true, 80}, line.json(), line.list());
             status = line.run(context);
         }
         out_ = testing::internal::GetCapturedStdout();

@@ -98,8 +98,8 @@ TEST_F(Platform_Commands_Test, what_a_restore_to_a_time_reads_and_loses_is_shown
     ASSERT_EQ(EXIT_OK, run({"restore", "prod", "--to", "2026-11-22 18:00:00", "--dry-run"}))
         << err_;
     EXPECT_THAT(out_, HasSubstr("This overwrites instance prod."));
-    EXPECT_THAT(out_, HasSubstr("2026-11-22 18:00:00\n"));
-    EXPECT_THAT(out_, HasSubstr("all changes since 2026-11-22 18:00:00"));
+    EXPECT_THAT(out_, HasSubstr("2026-11-22 18:00:00+08:00\n"));
+    EXPECT_THAT(out_, HasSubstr("all changes since 2026-11-22 18:00:00+08:00"));
     for (char const* const set : {"f-1, full", "l-1, log", "l-2, log"})
         EXPECT_THAT(out_, HasSubstr(set));
     EXPECT_NE("job.start", agent_.calls.back().first);
@@ -120,10 +120,12 @@ TEST_F(Platform_Commands_Test, a_time_outside_is_refused_with_those_that_can_be)
     agent_.answers("backup.point",
                    Object{{"time", TEN}, {"windows", windows()}, {"sets", Array{}}});
     EXPECT_EQ(EXIT_REFUSED, run({"restore", "prod", "--to", "2026-11-22T10:00:00Z", "--yes"}));
-    EXPECT_EQ("zenbrak3: cannot restore prod to 2026-11-22 18:00:00: it can be restored to a time "
-              "from 2026-11-22 17:00:00 to 2026-11-22 19:00:00, or 2026-11-22 20:00:00 to "
-              "2026-11-22 20:30:00\n",
-              err_);
+    EXPECT_EQ(
+        "zenbrak3: cannot restore prod to 2026-11-22 18:00:00+08:00: it can be restored to a time "
+        "from 2026-11-22 17:00:00+08:00 to 2026-11-22 19:00:00+08:00, or 2026-11-22 20:00:00+08:00 "
+        "to "
+        "2026-11-22 20:30:00+08:00\n",
+        err_);
     agent_.answers("backup.point", Object{{"time", TEN}, {"windows", Array{}}, {"sets", Array{}}});
     EXPECT_EQ(EXIT_REFUSED, run({"restore", "prod", "--to", "2026-11-22T10:00:00Z", "--yes"}));
     EXPECT_THAT(err_, HasSubstr("no full backup of it has a log backup behind it"));
@@ -136,8 +138,10 @@ TEST_F(Platform_Commands_Test, the_windows_stand_behind_the_backups) {
                    Object{{"backups", Array{set("f-1", "full")}}, {"windows", windows()}});
     ASSERT_EQ(EXIT_OK, run({"backups", "prod"}));
     EXPECT_THAT(out_, HasSubstr("TO ANY TIME FROM"));
-    EXPECT_THAT(out_, testing::ContainsRegex("2026-11-22 17:00:00 +2026-11-22 19:00:00"));
-    EXPECT_THAT(out_, testing::ContainsRegex("2026-11-22 20:00:00 +2026-11-22 20:30:00"));
+    EXPECT_THAT(out_,
+                testing::ContainsRegex("2026-11-22 17:00:00.08:00 +2026-11-22 19:00:00.08:00"));
+    EXPECT_THAT(out_,
+                testing::ContainsRegex("2026-11-22 20:00:00.08:00 +2026-11-22 20:30:00.08:00"));
     ASSERT_EQ(EXIT_OK, run({"backups", "prod", "--json"}));
     EXPECT_THAT(out_, HasSubstr("\"until\""));
     agent_.answers("backup.list",
@@ -153,7 +157,7 @@ TEST_F(Platform_Commands_Test, a_backup_shows_from_when_its_data_are) {
     agent_.answers("backup.show", shown);
     ASSERT_EQ(EXIT_OK, run({"backup", "show", "f"}));
     EXPECT_THAT(out_, testing::ContainsRegex("Data from: +2026-11-22 18:00:00"));
-    EXPECT_THAT(out_, testing::ContainsRegex("Data until: +2026-11-22 18:01:00"));
+    EXPECT_THAT(out_, testing::ContainsRegex("Data until: +2026-11-22 18:01:00.08:00"));
     EXPECT_THAT(out_, testing::Not(HasSubstr("begin_time"))) << "which is not right";
 }
 

@@ -2,6 +2,7 @@
 
 #include "tests/support/scoped_env.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <limits>
 
@@ -26,9 +27,16 @@ TEST(Text_Form, sizes_in_steps_of_1024) {
 TEST(Text_Form, times_are_local) {
     Scoped_Env const zone("TZ", "Asia/Shanghai");
     tzset();
-    EXPECT_EQ("2026-11-22 02:30:00", time_text(1795285800));
+    EXPECT_EQ("2026-11-22 02:30:00+08:00", time_text(1795285800));
     EXPECT_EQ("-", time_text(0));
     EXPECT_EQ("-", time_text(std::numeric_limits<time_t>::max()));
+    Scoped_Env const utc("TZ", "UTC");
+    tzset();
+    EXPECT_EQ("2026-11-21 18:30:00Z", time_text(1795285800));
+    Scoped_Env const west("TZ", "America/St_Johns");
+    tzset();
+    EXPECT_EQ("2026-11-21 15:00:00-03:30", time_text(1795285800));
+    EXPECT_EQ("2026-07-01 09:30:00-02:30", time_text(1782907200)) << "in summer";
 }
 
 TEST(Text_Form, durations) {
@@ -79,8 +87,17 @@ TEST(Text_Form, values_of_another_kind_than_their_form) {
     EXPECT_EQ("-", value_text(Value(), Form::SIZE));
     EXPECT_EQ("big", value_text("big", Form::SIZE));
     EXPECT_EQ("-", value_text(""));
-    EXPECT_EQ("[1,2]", value_text(Array{1, 2}, Form::TIME));
-    EXPECT_EQ("{\"a\":\"\\n\"}", value_text(Object{{"a", "\n"}}));
+    EXPECT_EQ("1 B, 2 B", value_text(Array{1, 2}, Form::SIZE));
+    EXPECT_EQ("a=\\n", value_text(Object{{"a", "\n"}}));
+    EXPECT_EQ("a=1, b=x, y", value_text(Object{{"a", 1}, {"b", Array{"x", "y"}}}));
+    EXPECT_EQ("-", value_text(Array{}));
+    EXPECT_EQ("-", value_text(Object{}));
+    EXPECT_THAT(value_lines(Object{{"a", 1}, {"b", "x"}}), testing::ElementsAre("a=1", "b=x"));
+    EXPECT_THAT(value_lines(Array{Object{{"a", 1}, {"b", 2}}, Object{{"a", 3}}}),
+                testing::ElementsAre("a=1, b=2", "a=3"));
+    EXPECT_THAT(value_lines(Array{"x", "y"}), testing::ElementsAre("x, y"));
+    EXPECT_THAT(value_lines(Value(1024), Form::SIZE), testing::ElementsAre("1.0 KiB"));
+    EXPECT_THAT(value_lines(Object{}), testing::ElementsAre("-"));
     EXPECT_EQ("0 B", value_text(-1, Form::SIZE));
     EXPECT_EQ("18446744073709551615",
               value_text(std::numeric_limits<uint64_t>::max(), Form::FLAVOUR));
