@@ -527,6 +527,13 @@ SQLite_Catalog::remove(std::string const& uuid, bool dependents,
     return done ? removal : Set_Removal();
 }
 
+bool SQLite_Catalog::find_dependents(std::string const& uuid, std::vector<std::string>& uuids) {
+    return database_.read("look for what builds on a set", [&](SQLite::Database& database) {
+        uuids = plan_removal(database, uuid, false).removal.needed_by;
+        return true;
+    });
+}
+
 bool SQLite_Catalog::find_facts(std::string const& uuid, std::optional<Set_Facts>& facts) {
     return read_facts("uuid = ?", uuid, facts);
 }

@@ -120,6 +120,8 @@ public:
      */
     Set_Removal remove(std::string const& uuid, bool dependents,
                        std::function<bool(std::vector<Dropped_Set> const&)> const& prepare);
+    /** Finds the sets that build on a set, newest first; none for an unknown set. */
+    [[nodiscard]] bool find_dependents(std::string const& uuid, std::vector<std::string>& uuids);
     /** Finds a set, open or complete. @param facts  nothing when there is none */
     [[nodiscard]] bool find_facts(std::string const& uuid, std::optional<Set_Facts>& facts);
     /** The same for the newest set of a resource. */

@@ -34,7 +34,8 @@ std::vector<Column> const& run_fields() {
     static std::vector<Column> const fields{{"Job", "run_id"},
                                             {"Definition", "name"},
                                             {"Type", "type"},
-                                            {"Level", "subtype"},
+                                            {"Level", "level"},
+                                            {"Asked for", "subtype"},
                                             {"Instance", "instance"},
                                             {"State", "state"},
                                             {"Waits for", "waiting_for"},
@@ -64,15 +65,25 @@ std::string took(Object const& run) {
     return start > 0 && end >= start ? duration_text(end - start) : "";
 }
 
-std::string alerts_text(Object const& run, Terminal const& terminal) {
+/** What went wrong and what to do, two lines for each alert. */
+std::string alerts_text(Object const& run) {
+    constexpr int64_t FAILS = 7;
     Array alerts;
     json_spirit::object_get(run, "alert_list", alerts);
     if (alerts.empty())
         return "";
-    Table table(
-        {{"TIME", "time", Form::TIME}, {"LEVEL", "level"}, {"COUNT", "count"}, {"ALERT", "text"}});
-    table.add(alerts);
-    return table.text(terminal);
+    std::string text;
+    for (Object const& alert : json_spirit::objects_of(alerts)) {
+        int64_t const count = number_of(alert, "count", 1);
+        std::string const advice = object_get_str(alert, "advice");
+        text += (number_of(alert, "level") < FAILS ? "Warning, " : "Alert, ") +
+                time_text(static_cast<time_t>(number_of(alert, "time"))) + ": " +
+                printable(object_get_str(alert, "text")) +
+                (count > 1 ? " (" + std::to_string(count) + " times)" : "") + "\n";
+        if (!advice.empty())
+            text += "  -> " + printable(advice) + "\n";
+    }
+    return text;
 }
 
 Exit_Code exit_code_of(Object const& run) {
@@ -100,6 +111,9 @@ Object known_of(Object run) {
     }
     if (is_over(run) || !object_get_str(run, "waiting_for").empty())
         run.erase("speed");
+    run.try_emplace("level", json_spirit::object_get_any(run, "subtype"));
+    if (object_get_str(run, "level") == object_get_str(run, "subtype"))
+        run.erase("subtype");
     return run;
 }
 
@@ -124,9 +138,11 @@ int tell_outcome(Command_Context& context, std::string const& id, Object const& 
     if (code == EXIT_OK && size > 0)
         text += ", backup of " + size_text(static_cast<uint64_t>(size));
     context.print(text + "\n");
-    std::string const alerts = alerts_text(run, context.terminal());
-    if (code == EXIT_OK)
+    std::string const alerts = alerts_text(run);
+    if (code == EXIT_OK) {
+        Command_Context::tell(alerts);
         return code;
+    }
     std::string const message = printable(object_get_str(run, "message"));
     Command_Context::tell("zenbrak3: the " + run_title(run) + " did not complete" +
                           (message.empty() ? "" : ": " + message) + "\n" + alerts +
@@ -341,7 +357,7 @@ int list_jobs(Command_Context& context, Job_Filter const& filter, double interva
         Object result;
         Table table({{"JOB", "run_id", context.id_form()},
                      {"TYPE", "type"},
-                     {"LEVEL", "subtype"},
+                     {"LEVEL", "level"},
                      {"INSTANCE", "instance"},
                      {"STATE", "state"},
                      {"DONE", "percent", Form::PERCENT},
@@ -365,6 +381,7 @@ int list_jobs(Command_Context& context, Job_Filter const& filter, double interva
             if (std::string const time = took(run); !time.empty())
                 shown["took"] = number_of(run, "end_time") - number_of(run, "start_time");
             shown["state"] = state_text(run);
+            shown.try_emplace("level", json_spirit::object_get_any(run, "subtype"));
             table.add(shown, run);
         }
         text = text_of_list(context, result, "jobs", table, "No jobs.");
@@ -381,7 +398,7 @@ int show_job(Command_Context& context, std::string const& job) {
         return EXIT_OK;
     }
     context.print(fields_text(known_of(run), run_fields(), {"alert_list", "revision"}));
-    std::string const alerts = alerts_text(run, context.terminal());
+    std::string const alerts = alerts_text(run);
     if (!alerts.empty())
         context.print("\n" + alerts);
     return EXIT_OK;

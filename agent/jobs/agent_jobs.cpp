@@ -2,6 +2,7 @@
 
 #include "agent/jobs/definition_json.h"
 #include "host/job/job.h"
+#include "host/job/job_alert.h"
 #include "qmrt/log.h"
 #include "qmrt/uuid.h"
 
@@ -27,11 +28,13 @@ Job_Run record_of(Job const& job) {
     return run;
 }
 
+constexpr unsigned long FAILS = 7; ///< the level of alerts about failures
+
 /** Of a run that failed before its job began to work. */
 Job_Alert start_alert(std::string const& text) {
-    constexpr unsigned long FAILS = 7;
-    constexpr unsigned long NOT_STARTED = 101;
-    return {FAILS, NOT_STARTED, 0, json_spirit::Value::null, 1, text};
+    return {FAILS, ALERT_NOT_BEGUN,
+            0,     json_spirit::Value::null,
+            1,     job_alert_text(FAILS, ALERT_NOT_BEGUN) + ": " + text};
 }
 
 } // namespace
@@ -45,7 +48,10 @@ Agent_Jobs::Agent_Jobs(Agent_Database& database, Settings settings, Storage_Cloc
 bool Agent_Jobs::recover() {
     int count = 0;
     std::set<std::string> known;
-    if (!store_.fail_open_runs("the agent ended while the job was running", clock_.now(), count) ||
+    if (!store_.fail_open_runs("the agent ended while the job was running",
+                               {FAILS, ALERT_CUT_OFF, 0, json_spirit::Value::null, 1,
+                                job_alert_text(FAILS, ALERT_CUT_OFF)},
+                               clock_.now(), count) ||
         !store_.ids(known))
         return false;
     if (count)
@@ -250,6 +256,7 @@ void Agent_Jobs::ended(Job const& job, Job_Outcome const& outcome) {
     // without a reason the log has it; a cancelled run, too, may have left work for people
     if (!is_success(outcome.state) && message.empty() && log)
         message = log->reason();
+    add_missing_alerts(job.run_id(), outcome.state, message, log.get());
     change(job.run_id(), [&](Job_Run& run) {
         run.state = outcome.state;
         run.code = outcome.code;
@@ -263,6 +270,38 @@ void Agent_Jobs::ended(Job const& job, Job_Outcome const& outcome) {
         if (run.processed_size == 0)
             run.processed_size = job.activity().size;
     });
+}
+
+/** Raises what the job has only logged. A run that failed has an alert of its failure afterwards.
+ */
+void Agent_Jobs::add_missing_alerts(std::string const& run_id, Job_State state,
+                                    std::string const& message, Run_Log* log) {
+    std::vector<Run_Alert> raised;
+    if (!store_.alerts(run_id, raised))
+        return;
+    bool const failed = state == JOB_STATE_ERROR;
+    bool explained =
+        std::ranges::any_of(raised, [](Run_Alert const& one) { return one.alert.level == FAILS; });
+    auto const add = [&](unsigned long level, unsigned long code, std::string const& cause) {
+        std::string text = job_alert_text(level, code);
+        if (!cause.empty())
+            text += ": " + cause;
+        (void)store_.add_alert(run_id, {level, code, 0, json_spirit::Value::null, 1, text},
+                               clock_.now());
+    };
+    for (Run_Log::Alert_Line const& line :
+         log ? log->alert_lines() : std::vector<Run_Log::Alert_Line>()) {
+        bool const is_raised = std::ranges::any_of(raised, [&](Run_Alert const& one) {
+            return one.alert.level == line.level && one.alert.code == line.code;
+        });
+        bool const is_failure = line.level == FAILS;
+        if (is_raised || (is_failure && (!failed || explained)))
+            continue;
+        explained = explained || is_failure;
+        add(line.level, line.code, is_failure && !message.empty() ? message : line.text);
+    }
+    if (failed && !explained)
+        add(FAILS, ALERT_RUN_FAILED, message);
 }
 
 void Agent_Jobs::finished(Job const& job) {
@@ -391,8 +430,10 @@ Job_Answer Agent_Jobs::show_present(Job_Run& run) {
         return answer;
     }
     int const alerts = run.alerts;
+    bool const became_full = run.became_full;
     run = live->second.run;
     run.alerts = alerts;
+    run.became_full = became_full;
     reckon(live->second, run);
     if (live->second.ended || (!is_run_state(run.state) && !run.end_time)) {
         // the outcome is on record, but who sees it wants to start the next run

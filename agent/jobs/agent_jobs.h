@@ -143,6 +143,9 @@ public:
     std::shared_ptr<ACE_Log_Msg_Callback> log_callback(Job const& job) override;
 
 private:
+    void add_missing_alerts(std::string const& run_id, Job_State state, std::string const& message,
+                            Run_Log* log);
+
     /** A run that is on. */
     struct Live {
         Job_Run run;

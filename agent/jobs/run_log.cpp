@@ -1,5 +1,6 @@
 #include "agent/jobs/run_log.h"
 
+#include "host/job/job_alert.h"
 #include "qmrt/log.h"
 #include "qmrt/path.h"
 #include "qmrt/posix_time.h"
@@ -93,6 +94,18 @@ void Run_Log::remember(ACE_Log_Record const& record) {
     if (!complaint.empty())
         reason_ = complaint_.empty() ? complaint : complaint + ": " + complaint_;
     complaint_ = std::move(complaint);
+    unsigned long level = 0;
+    unsigned long code = 0;
+    if (find_alert_of_line(record.msg_data(), level, code) &&
+        std::ranges::none_of(alert_lines_, [&](Alert_Line const& one) {
+            return one.level == level && one.code == code;
+        }))
+        alert_lines_.push_back({level, code, last_line(record.msg_data())});
+}
+
+std::vector<Run_Log::Alert_Line> Run_Log::alert_lines() {
+    std::lock_guard const guard(mutex_);
+    return alert_lines_;
 }
 
 std::string Run_Log::reason() {

@@ -11,6 +11,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 /**
  * The log file of one run: what its threads log, each line as
@@ -34,6 +35,15 @@ public:
      */
     std::string reason();
 
+    /** A line of the log that stands for an alert; see find_alert_of_line(). */
+    struct Alert_Line {
+        unsigned long level;
+        unsigned long code;
+        std::string text;
+    };
+    /** The first line of each alert, in the order of the log. */
+    std::vector<Alert_Line> alert_lines();
+
 private:
     void remember(ACE_Log_Record const& record);
     /** @return false when it could not be written, with errno */
@@ -45,6 +55,7 @@ private:
     uint64_t const limit_;
     uint64_t size_ = 0;
     std::string reason_;
+    std::vector<Alert_Line> alert_lines_;
     std::string complaint_; ///< the last record, if it was a warning or an error
 };
 

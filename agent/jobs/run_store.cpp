@@ -1,10 +1,12 @@
 #include "agent/jobs/run_store.h"
 
 #include "agent/database/agent_database.h"
+#include "host/job/job_alert.h"
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
 
 #include <algorithm>
+#include <boost/algorithm/string/replace.hpp>
 #include <limits>
 
 namespace {
@@ -12,7 +14,9 @@ namespace {
 constexpr char SELECT_RUN[] =
     "SELECT run_id, definition, name, type, subtype, instance, state, code, message, percent, "
     "processed_size, total_size, speed, set_size, start_time, end_time, "
-    "(SELECT count(*) FROM job_alerts WHERE job_alerts.run_id = job_runs.run_id) FROM job_runs ";
+    "(SELECT count(*) FROM job_alerts WHERE job_alerts.run_id = job_runs.run_id), "
+    "EXISTS(SELECT 1 FROM job_alerts WHERE job_alerts.run_id = job_runs.run_id AND level = 5 AND "
+    "code IN (5, 105, 106)) FROM job_runs ";
 
 Job_Run run_of(SQLite::Statement& row) {
     auto const size = [&](int column) {
@@ -36,6 +40,7 @@ Job_Run run_of(SQLite::Statement& row) {
     run.start_time = row.getColumn(14).getInt64();
     run.end_time = row.getColumn(15).getInt64();
     run.alerts = row.getColumn(16).getInt();
+    run.became_full = row.getColumn(17).getInt() != 0;
     return run;
 }
 
@@ -57,7 +62,8 @@ int state_number(std::string const& text) {
 
 json_spirit::Object run_to_json(Job_Run const& run) {
     return json_spirit::Object_Maker()("run_id", run.run_id)("definition", run.definition)(
-        "name", run.name)("type", run.type)("subtype", run.subtype)("instance", run.instance)(
+        "name", run.name)("type", run.type)("subtype", run.subtype)(
+        "level", run.became_full ? "full" : run.subtype)("instance", run.instance)(
         "state", job_state_to_string(run.state))("code", run.code)("message", run.message)(
         "percent", run.percent)("processed_size", run.processed_size)("total_size", run.total_size)(
         "speed", run.speed)("set_size", run.set_size)("start_time", int64_t{run.start_time})(
@@ -67,10 +73,14 @@ json_spirit::Object run_to_json(Job_Run const& run) {
                                                                : json_spirit::Value(run.remaining));
 }
 
-json_spirit::Object alert_to_json(Run_Alert const& alert) {
+json_spirit::Object alert_to_json(Run_Alert const& alert, Job_Run const& run) {
+    std::string advice = job_alert_advice(alert.alert.level, alert.alert.code);
+    boost::algorithm::replace_all(advice, "RUN", run.run_id);
+    if (!run.instance.empty())
+        boost::algorithm::replace_all(advice, "INSTANCE", run.instance);
     return json_spirit::Object_Maker()("level", uint64_t{alert.alert.level})(
-        "code", uint64_t{alert.alert.code})("text", alert.alert.text)("time", int64_t{alert.time})(
-        "count", int64_t{alert.alert.count});
+        "code", uint64_t{alert.alert.code})("text", alert.alert.text)("advice", advice)(
+        "time", int64_t{alert.time})("count", int64_t{alert.alert.count});
 }
 
 bool Run_Store::add(Job_Run& run) {
@@ -267,8 +277,19 @@ bool Run_Store::prune(std::string const& definition, size_t keep,
     return done;
 }
 
-bool Run_Store::fail_open_runs(std::string const& message, time_t now, int& count) {
+bool Run_Store::fail_open_runs(std::string const& message, Job_Alert const& alert, time_t now,
+                               int& count) {
     return database_.change("end the runs that were on", [&](SQLite::Database& database) {
+        SQLite::Statement insert(
+            database,
+            "INSERT INTO job_alerts(run_id, level, code, detail_code, detail, count, text, "
+            "time) SELECT run_id, ?, ?, 0, 'null', 1, ?, ? FROM job_runs WHERE "
+            "end_time = 0");
+        insert.bind(1, clamped(alert.level));
+        insert.bind(2, clamped(alert.code));
+        insert.bind(3, alert.text);
+        insert.bind(4, int64_t{now});
+        insert.exec();
         SQLite::Statement update(database, "UPDATE job_runs SET state = ?, code = -1, message = ?, "
                                            "speed = 0, end_time = ? WHERE end_time = 0");
         update.bind(1, static_cast<int>(JOB_STATE_ERROR));

@@ -29,8 +29,9 @@ struct Job_Run {
     uint64_t speed = 0; ///< bytes a second
     uint64_t set_size = 0;
     time_t start_time = 0;
-    time_t end_time = 0; ///< 0 while it is on
-    int alerts = 0;      ///< how many; only read
+    time_t end_time = 0;      ///< 0 while it is on
+    int alerts = 0;           ///< how many; only read
+    bool became_full = false; ///< an alert says that a full backup was made; only read
 
     // computed when requested; not stored
 
@@ -54,8 +55,9 @@ struct Run_Alert {
     time_t time;
 };
 
-/** {"level", "code", "text", "time", "count"} */
-json_spirit::Object alert_to_json(Run_Alert const& alert);
+/** {"level", "code", "text", "advice", "time", "count"}; RUN and INSTANCE in the advice are
+ * replaced. */
+json_spirit::Object alert_to_json(Run_Alert const& alert, Job_Run const& run);
 
 /** Which runs to list; "" for any. */
 struct Run_Query {
@@ -108,10 +110,11 @@ public:
     [[nodiscard]] bool prune(std::string const& definition, size_t keep,
                              std::vector<std::string>& deleted);
     /**
-     * Makes JOB_STATE_ERROR of the runs that are on.
+     * Makes JOB_STATE_ERROR of the runs that are on, and raises the alert on each.
      * @param count  gets how many there were
      */
-    [[nodiscard]] bool fail_open_runs(std::string const& message, time_t now, int& count);
+    [[nodiscard]] bool fail_open_runs(std::string const& message, Job_Alert const& alert,
+                                      time_t now, int& count);
     [[nodiscard]] bool ids(std::set<std::string>& result);
 
 private:

@@ -3,6 +3,7 @@
 
 #include "agent/catalog/catalog_calls.h"
 #include "agent/catalog/restore_windows.h"
+#include "agent/catalog/set_level.h"
 #include "agent/catalog/sqlite_catalog.h"
 #include "agent/jobs/agent_jobs.h"
 #include "agent/jobs/member_reader.h"
@@ -127,17 +128,23 @@ public:
             query["pool_uuid"] = record.uuid;
         }
         for (auto const& [key, value] :
-             {std::pair{"instance", &instance}, {"resource_uuid", &resource}, {"type", &type}})
+             {std::pair{"instance", &instance}, {"resource_uuid", &resource}})
             if (!value->empty())
                 query[key] = *value;
         Value rows;
-        if (call.caller.is(Rpc_Caller::MEMBER))
-            query.erase("limit"); // counts what it may see
+        if (call.caller.is(Rpc_Caller::MEMBER) || !type.empty())
+            query.erase("limit"); // counts what it may see, and what has the level
         if (!catalog_.get_view(LIMITS, KIND, "catalogs", query, rows))
             return catalog_failed(fault);
-        keep_visible(access_, call.caller, static_cast<size_t>(limit), rows.get_array());
-        for (Value& row : rows.get_array())
+        for (Value& row : rows.get_array()) {
             add_times(row.get_obj());
+            add_level(row.get_obj());
+        }
+        if (!type.empty())
+            std::erase_if(rows.get_array(), [&](Value const& row) {
+                return json_spirit::object_get_str(row.get_obj(), "level") != type;
+            });
+        keep_visible(access_, call.caller, static_cast<size_t>(limit), rows.get_array());
         result = Object{{"backups", std::move(rows)}};
         if (instance.empty())
             return true;
@@ -183,9 +190,13 @@ public:
             return false;
         if (!is_visible(access_, call.caller, row))
             return not_found("backup " + beginning, fault);
-        if (!add_depends(row))
+        std::vector<std::string> needed_by;
+        if (!add_depends(row) ||
+            !catalog_.find_dependents(json_spirit::object_get_str(row, "uuid"), needed_by))
             return catalog_failed(fault);
+        row["needed_by"] = Array(needed_by.begin(), needed_by.end());
         add_times(row);
+        add_level(row);
         result = std::move(row);
         return true;
     }

@@ -1,5 +1,6 @@
 #include "agent/service/agent_methods.h"
 
+#include "agent/catalog/set_level.h"
 #include "agent/jobs/agent_jobs.h"
 #include "agent/jobs/member_reader.h"
 #include "agent/service/agent_identity.h"
@@ -11,6 +12,7 @@
 #include "host/agent/instance_backend.h"
 #include "host/agent/instance_handler.h"
 #include "host/agent/instance_manager.h"
+#include "host/catalog/catalog_backend.h"
 #include "json_spirit/access.h"
 
 #include <algorithm>
@@ -59,6 +61,36 @@ void check_options(Member_Reader& reader, Object const* options) {
     }
 }
 
+/**
+ * Adds the end and level of the last complete backup: 0 and "" without one, and null if the catalog
+ * cannot be asked.
+ */
+void add_last_backups(Array& instances) {
+    constexpr Catalog_Limits SOON = {5, 0};
+    std::shared_ptr<Catalog_Backend> const catalog = Host_Services::instance().catalog();
+    bool answers = catalog != nullptr;
+    for (Value& instance : instances) {
+        Object& row = instance.get_obj();
+        Value sets;
+        answers = answers && catalog->get_view(SOON, TYPE, "catalogs",
+                                               {{"instance", row["name"]},
+                                                {"sort", "backup_start_time"},
+                                                {"order", "desc"},
+                                                {"limit", 1},
+                                                {"without_tables", "1"}},
+                                               sets);
+        row["last_backup"] = answers ? Value(0) : Value();
+        row["last_backup_level"] = "";
+        if (!answers || sets.type() != json_spirit::array_type || sets.get_array().empty() ||
+            sets.get_array().front().type() != json_spirit::obj_type)
+            continue;
+        Object& set = sets.get_array().front().get_obj();
+        add_level(set);
+        row["last_backup"] = json_spirit::object_get_any(set, "backup_end_time");
+        row["last_backup_level"] = set["level"];
+    }
+}
+
 class Instance_Methods {
 public:
     Instance_Methods(Agent_Identity const& identity, Instance_Probe& probe)
@@ -76,6 +108,7 @@ public:
         Array instances;
         for (std::shared_ptr<Instance> const& instance : record()->list(TYPE))
             instances.emplace_back(describe(*instance, refresh));
+        add_last_backups(instances);
         result = Object{{"instances", std::move(instances)}, {"alerts", alerts()}};
         return true;
     }
@@ -93,7 +126,9 @@ public:
                                         ? json_spirit::object_get_str(account.get_obj(), "username")
                                         : ""}});
         described["accounts"] = std::move(accounts);
-        result = std::move(described);
+        Array one{std::move(described)};
+        add_last_backups(one);
+        result = std::move(one.front());
         return true;
     }
 

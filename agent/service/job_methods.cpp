@@ -176,7 +176,7 @@ bool describe_run(Agent_Jobs& runs, std::string const& beginning, Object& result
     result = run_to_json(run);
     Array array;
     for (Run_Alert const& alert : alerts)
-        array.emplace_back(alert_to_json(alert));
+        array.emplace_back(alert_to_json(alert, run));
     result["alert_list"] = std::move(array);
     result["revision"] = run.revision;
     return true;

@@ -3,6 +3,9 @@
 
 #include "json_spirit/value.h"
 
+#include <string>
+#include <string_view>
+
 class Job;
 
 /**
@@ -19,5 +22,24 @@ void write_job_alert(Job const* job, unsigned long level, unsigned long code,
 
 /** The text of an alert for an operator; one that is not known shows its numbers. */
 std::string job_alert_text(unsigned long level, unsigned long code);
+/**
+ * What an operator does next: with the words RUN, INSTANCE, POOL and BACKUP where the name of the
+ * one concerned belongs. An unknown alert has the advice to read the log.
+ */
+std::string job_alert_advice(unsigned long level, unsigned long code);
+
+/** Codes of the agent's own alerts, all of level 7; those below 100 are the module's. */
+enum : unsigned long {
+    ALERT_RUN_FAILED = 100, ///< for another reason than those of the other alerts
+    ALERT_NOT_BEGUN = 101,
+    ALERT_CUT_OFF = 117,
+};
+
+/**
+ * Finds the alert for a line of a run's log that the module writes without an alert of its own.
+ * @return false if the line is none of these
+ */
+[[nodiscard]] bool find_alert_of_line(std::string_view line, unsigned long& level,
+                                      unsigned long& code);
 
 #endif

@@ -267,18 +267,45 @@ TEST_F(Agent_Command_Test, a_backup_that_is_waited_for) {
     EXPECT_EQ("", err());
 }
 
+Array const ALERTS{Object{{"level", 5},
+                          {"text", "a full backup is made instead"},
+                          {"advice", "nothing"},
+                          {"count", 3},
+                          {"time", 1000}},
+                   Object{{"level", 7},
+                          {"text", "no space\x1b[2J"},
+                          {"advice", "make\nroom"},
+                          {"count", 1},
+                          {"time", 2000}}};
+constexpr char ALERTS_TEXT[] =
+    "Warning, 1970-01-01 00:16:40Z: a full backup is made instead (3 times)\n"
+    "  -> nothing\n"
+    "Alert, 1970-01-01 00:33:20Z: no space\\x1b[2J\n"
+    "  -> make\\nroom\n";
+
 TEST_F(Agent_Command_Test, a_backup_that_fails) {
-    EXPECT_EQ(1, back_up({run_in("error", {{"message", "the pool is full"},
-                                           {"alert_list", Array{Object{{"level", "error"},
-                                                                       {"text", "no space"},
-                                                                       {"count", 1},
-                                                                       {"time", 1000}}}}})}));
+    EXPECT_EQ(
+        1, back_up({run_in("error", {{"message", "the pool is full"}, {"alert_list", ALERTS}})}));
     EXPECT_THAT(out(), HasSubstr("The backup of prod ended: error\n"));
-    EXPECT_EQ("zenbrak3: the backup of prod did not complete: the pool is full\n"
-              "TIME                  LEVEL  COUNT  ALERT\n"
-              "1970-01-01 00:16:40Z  error  1      no space\n"
-              "`zenbrak3 job log 0f3a91c2-0000` shows what happened.\n",
+    EXPECT_EQ("zenbrak3: the backup of prod did not complete: the pool is full\n" +
+                  std::string(ALERTS_TEXT) +
+                  "`zenbrak3 job log 0f3a91c2-0000` shows what happened.\n",
               err());
+}
+
+TEST_F(Agent_Command_Test, a_backup_that_became_full_says_so) {
+    Array const alerts{ALERTS.front()};
+    EXPECT_EQ(0, back_up({run_in("completed", {{"alert_list", alerts}})}));
+    EXPECT_THAT(err(), testing::StartsWith("Warning, 1970-01-01 00:16:40Z: a full backup"));
+}
+
+TEST_F(Agent_Command_Test, the_view_of_a_run_ends_with_its_alerts_and_what_to_do) {
+    agent_->on(
+        "job.show",
+        run_in("error", {{"alert_list", ALERTS}, {"subtype", "incremental"}, {"level", "full"}}));
+    EXPECT_EQ(0, run({"job", "show", "0f3a"}));
+    EXPECT_THAT(out(), testing::EndsWith("\n\n" + std::string(ALERTS_TEXT)));
+    EXPECT_THAT(out(), HasSubstr("Level:      full\nAsked for:  incremental\n"));
 }
 
 TEST_F(Agent_Command_Test, other_ends_of_a_backup) {

@@ -169,4 +169,15 @@ TEST_F(Set_Removal_Test, an_unknown_set_is_not_found) {
     EXPECT_EQ(Set_Removal::NOT_FOUND, remove("ful", true).kind);
 }
 
+TEST_F(Set_Removal_Test, what_builds_on_a_set_is_found_without_removing_it) {
+    std::vector<std::string> uuids;
+    ASSERT_TRUE(catalog_.find_dependents("full", uuids));
+    EXPECT_EQ("second, first", text(uuids));
+    ASSERT_TRUE(catalog_.find_dependents("second", uuids));
+    EXPECT_EQ("", text(uuids));
+    ASSERT_TRUE(catalog_.find_dependents("none", uuids));
+    EXPECT_EQ("", text(uuids));
+    EXPECT_EQ("full, first, second, later full, later first", left());
+}
+
 } // namespace

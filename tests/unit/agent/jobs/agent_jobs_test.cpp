@@ -541,8 +541,92 @@ TEST_F(Agent_Jobs_Test, an_alert_says_what_when_and_how_often) {
     EXPECT_EQ(8u, alerts[0].alert.detail_code);
     EXPECT_EQ("{\"key\":\"******\"}", JSON_Dump(alerts[0].alert.detail).str());
     EXPECT_EQ(json(R"({"level":5,"code":5,"count":3,"time":)" + std::to_string(clock_.now()) +
-                   R"(,"text":")" + job_alert_text(5, 5) + "\"}"),
-              alert_to_json(alerts[0]));
+                   R"(,"text":")" + job_alert_text(5, 5) + R"(","advice":")" +
+                   job_alert_advice(5, 5) + "\"}"),
+              alert_to_json(alerts[0], {}));
+}
+
+TEST_F(Agent_Jobs_Test, the_advice_of_an_alert_names_the_run_and_its_instance) {
+    Job_Run run;
+    run.run_id = "0f3a-1";
+    auto const advice = [&](unsigned long code) {
+        return json_spirit::object_get_str(
+            alert_to_json({{7, code, 0, json_spirit::Value::null, 1, ""}, 0}, run), "advice");
+    };
+    EXPECT_THAT(advice(100), testing::HasSubstr("`zenbrak3 job log 0f3a-1`"));
+    EXPECT_THAT(advice(114),
+                testing::HasSubstr("`zenbrak3 backup INSTANCE --pool POOL --level full`"));
+    run.instance = "prod";
+    EXPECT_THAT(advice(114), testing::HasSubstr("`zenbrak3 backup prod --pool POOL --level full`"));
+}
+
+TEST_F(Agent_Jobs_Test, a_failure_that_is_only_logged_has_an_alert_of_its_line) {
+    std::string const id = run([](Job&, Job_Event_Handler& events) {
+        events.handle_start_job();
+        QMRT_LOG(LM_WARNING, "GaussRoach.py: no space left\n");
+        QMRT_LOG(LM_ERROR, "Failed to backup gaussdb data\n");
+        events.handle_failure(-1, nullptr);
+    });
+    EXPECT_LOGGED(LM_WARNING, "no space left");
+    EXPECT_LOGGED(LM_ERROR, "Failed to backup gaussdb data");
+    EXPECT_EQ(1, found(id).alerts);
+    std::vector<Run_Alert> alerts;
+    ASSERT_TRUE(jobs_->alerts(id, alerts));
+    EXPECT_EQ(103u, alerts.at(0).alert.code);
+    EXPECT_EQ(job_alert_text(7, 103) +
+                  ": Failed to backup gaussdb data: GaussRoach.py: no space left",
+              alerts.at(0).alert.text);
+}
+
+TEST_F(Agent_Jobs_Test, every_failed_run_has_an_alert_and_no_second_one) {
+    std::string const unknown = run([](Job&, Job_Event_Handler& events) {
+        events.handle_start_job();
+        QMRT_LOG(LM_ERROR, "Something new\n");
+        events.handle_failure(-1, nullptr);
+    });
+    EXPECT_LOGGED(LM_ERROR, "Something new");
+    std::vector<Run_Alert> alerts;
+    ASSERT_TRUE(jobs_->alerts(unknown, alerts));
+    ASSERT_EQ(1u, alerts.size());
+    EXPECT_EQ(job_alert_text(7, ALERT_RUN_FAILED) + ": Something new", alerts[0].alert.text);
+
+    std::string const raised = run([](Job& job, Job_Event_Handler& events) {
+        events.handle_start_job();
+        QMRT_LOG(LM_ERROR, "Failed to backup gaussdb data\n");
+        write_job_alert(&job, 7, 9, 0, json_spirit::Value::null, 1);
+        events.handle_failure(-1, nullptr);
+    });
+    EXPECT_LOGGED(LM_ERROR, "Failed to backup gaussdb data");
+    EXPECT_EQ(1, found(raised).alerts) << "the job has told it";
+
+    std::string const right = run([](Job& job, Job_Event_Handler& events) {
+        QMRT_LOG(LM_ERROR, "Failed to connect to storage server, once\n");
+        succeed(job, events);
+    });
+    EXPECT_LOGGED(LM_ERROR, "Failed to connect");
+    EXPECT_EQ(0, found(right).alerts) << "a run that completed has no failure";
+}
+
+TEST_F(Agent_Jobs_Test, a_run_that_became_full_says_so) {
+    std::string const id = run([](Job& job, Job_Event_Handler& events) {
+        QMRT_LOG(LM_INFO, "Do full backup because prior backup key not found\n");
+        QMRT_LOG(LM_INFO, "Do full backup because prior backup key not found\n");
+        succeed(job, events);
+    });
+    EXPECT_EQ(1, found(id).alerts);
+    EXPECT_EQ(json_spirit::Value("full"), run_to_json(found(id)).at("level"));
+    std::string const raised = run([](Job& job, Job_Event_Handler& events) {
+        write_job_alert(&job, 5, 5, 0, json_spirit::Value::null, 1);
+        QMRT_LOG(LM_INFO, "Do full backup because prior backup not found\n");
+        succeed(job, events);
+    });
+    EXPECT_EQ(1, found(raised).alerts) << "the module has told it";
+    EXPECT_EQ(json_spirit::Value("full"), run_to_json(found(raised)).at("level"));
+    std::string const tool = run([](Job& job, Job_Event_Handler& events) {
+        QMRT_LOG(LM_INFO, "tool: Do full backup because prior backup key not found\n");
+        succeed(job, events);
+    });
+    EXPECT_EQ(0, found(tool).alerts) << "a tool's own words";
 }
 
 TEST_F(Agent_Jobs_Test, an_alert_without_a_run_is_told_to_the_agents_log) {

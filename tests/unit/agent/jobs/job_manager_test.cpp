@@ -565,7 +565,7 @@ TEST_F(Waiting_Run_Test, is_given_up_after_its_limit_with_an_alert) {
     EXPECT_EQ(JOB_STATE_ERROR, run(id).state);
     EXPECT_EQ("gave up after 60 seconds of waiting for the tide", run(id).message);
     ASSERT_EQ(1u, alerts(id).size());
-    EXPECT_EQ(run(id).message, alerts(id)[0].alert.text);
+    EXPECT_EQ("The run could not begin: " + run(id).message, alerts(id)[0].alert.text);
     EXPECT_EQ(7u, alerts(id)[0].alert.level);
     EXPECT_FALSE(manager_->is_running(definition_));
     EXPECT_LOGGED(LM_ERROR, "was not started: gave up after 60 seconds");

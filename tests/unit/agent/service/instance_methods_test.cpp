@@ -1,9 +1,13 @@
+#include "agent/catalog/catalog_tables.h"
+#include "agent/catalog/recorded_set.h"
+#include "agent/catalog/sqlite_catalog.h"
 #include "agent/database/agent_database.h"
 #include "agent/jobs/agent_jobs.h"
 #include "agent/jobs/job_tables.h"
 #include "agent/service/agent_identity.h"
 #include "agent/service/agent_methods.h"
 #include "agent/service/instance_probe.h"
+#include "host/agent/host_services.h"
 #include "host/agent/instance_manager.h"
 #include "json_spirit/access.h"
 #include "tests/support/fake_instances.h"
@@ -25,7 +29,8 @@ class Instance_Methods_Test : public testing::Test {
 protected:
     Instance_Methods_Test() {
         std::string error;
-        database_ = Agent_Database::open(directory_.path("agent.db"), {JOB_TABLES}, error);
+        database_ =
+            Agent_Database::open(directory_.path("agent.db"), {JOB_TABLES, CATALOG_TABLES}, error);
         EXPECT_TRUE(database_) << error;
         runs_ =
             std::make_unique<Agent_Jobs>(*database_, Agent_Jobs::Settings{directory_.path("logs")});
@@ -203,6 +208,33 @@ TEST_F(Instance_Try_Test, hostile_options_are_looked_at_by_nobody) {
     }
     refuses("instance.try", {}, "options.address: is missing");
     EXPECT_TRUE(handler_->looked_at.empty());
+}
+
+TEST_F(Instance_Methods_Test, an_instance_has_its_last_backup) {
+    auto const listed = [&] {
+        Value const answer = call("instance.list", {}).result;
+        return answer.get_obj().at("instances").get_array().front().get_obj();
+    };
+    call("instance.save", {{"name", "prod"}});
+    EXPECT_TRUE(listed().at("last_backup").is_null()) << "without a catalog";
+    auto const catalog = std::make_shared<SQLite_Catalog>(*database_);
+    Host_Services::instance().catalog(catalog);
+    EXPECT_EQ(Value(0), listed().at("last_backup"));
+    for (int number : {1, 2})
+        ASSERT_TRUE(
+            catalog->commit({-1, -1},
+                            Recorded_Set("gaussdb", {{"uuid", std::to_string(number)},
+                                                     {"instance", "prod"},
+                                                     {"type", number == 1 ? "full" : "incremental"},
+                                                     {"backup_start_time", number * 10},
+                                                     {"backup_end_time", number * 10 + 5}}),
+                            false));
+    EXPECT_EQ(Value(25), listed().at("last_backup"));
+    EXPECT_EQ(Value("full"), listed().at("last_backup_level")) << "it builds on none";
+    call("instance.save", {{"name", "other"}});
+    Value const other = call("instance.show", {{"instance", "other"}}).result;
+    EXPECT_EQ(Value(0), other.get_obj().at("last_backup"));
+    Host_Services::instance().catalog(nullptr);
 }
 
 } // namespace

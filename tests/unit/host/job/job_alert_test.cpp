@@ -5,6 +5,7 @@
 #include "tests/support/log_capture.h"
 #include "tests/unit/host/job/test_job.h"
 
+#include <fstream>
 #include <gtest/gtest.h>
 #include <set>
 
@@ -44,6 +45,47 @@ TEST(Job_Alert, each_known_one_has_a_text_of_its_own) {
     EXPECT_EQ(10u, texts.size());
     for (std::string const& text : texts)
         EXPECT_NE(0u, text.find("Alert ")) << text;
+}
+
+/** All known alerts, as a row of the manual has them. */
+std::set<std::string> rows_of_the_code() {
+    constexpr unsigned long MOST = 1000;
+    std::set<std::string> rows;
+    for (unsigned long level = 0; level < 10; ++level)
+        for (unsigned long code = 0; code < MOST; ++code)
+            if (std::string const text = job_alert_text(level, code); !text.starts_with("Alert "))
+                rows.insert("| " + text + " | " + job_alert_advice(level, code) + " |");
+    return rows;
+}
+
+TEST(Job_Alert, the_manual_has_each_one_and_its_advice_word_for_word) {
+    std::ifstream manual(ZENBRAK3_OPERATIONS);
+    std::set<std::string> rows;
+    bool is_table = false;
+    for (std::string line; std::getline(manual, line);) {
+        bool const is_head = line == "| alert | what to do |";
+        is_table = is_head || (is_table && line.starts_with("|"));
+        if (is_table && !is_head && line != "|---|---|")
+            rows.insert(line);
+    }
+    EXPECT_EQ(rows_of_the_code(), rows);
+    EXPECT_GT(rows.size(), 25u);
+}
+
+TEST(Job_Alert, an_unknown_one_has_the_advice_to_read_the_log) {
+    EXPECT_EQ(job_alert_advice(7, ALERT_RUN_FAILED), job_alert_advice(7, 999));
+    EXPECT_NE("", job_alert_advice(7, ALERT_RUN_FAILED));
+}
+
+TEST(Job_Alert, a_line_of_the_module_stands_for_one) {
+    unsigned long level = 0;
+    unsigned long code = 0;
+    EXPECT_TRUE(find_alert_of_line("Failed to prepare pool p-1, no such pool\n", level, code));
+    EXPECT_EQ(7u, level);
+    EXPECT_EQ(107u, code);
+    EXPECT_FALSE(find_alert_of_line("It failed to prepare pool p-1", level, code));
+    EXPECT_FALSE(find_alert_of_line("", level, code));
+    EXPECT_EQ(107u, code) << "unchanged";
 }
 
 TEST(Job_Alert, an_unknown_one_shows_its_numbers) {
