@@ -252,7 +252,11 @@ class Chain_Test(Restoring_Test):
         self.assertIn("Do full backup because prior backup key not found", world.log(run))
         made = tell("backup", "show", run["run_id"])
         self.assertEqual(("incremental", ""), (made["type"], made["prior_backup_key"]))
-        self.assertEqual([], self.alerts(run))
+        self.assertEqual("full", made["level"], "as it was made")
+        self.assertEqual("full", tell("job", "show", run["run_id"])["level"])
+        alerts = self.alerts(run)
+        self.assertEqual(1, len(alerts), alerts)
+        self.assertIn("no metadata of the earlier backup, a full backup is made instead", alerts[0])
         world.forget(full)
         self.assertEqual("completed", world.restore(run["run_id"])["state"])
         self.assertEqual(self.rows, world.rows())
@@ -355,7 +359,9 @@ class Cluster_State_Test(Fault_Test):
         run = world.backup("--name", "ready")
         # of the sandbox's tool, which has no standby to read from
         self.assert_failed(run, "dn_6002")
-        self.assertEqual([], self.alerts(run))
+        alerts = self.alerts(run)
+        self.assertEqual(1, len(alerts), alerts)
+        self.assertIn("The database's backup tool failed: Failed to backup gaussdb data", alerts[0])
         cluster("start")
         world.assert_recovered()
 
