@@ -91,8 +91,10 @@ class Scripts_Test(unittest.TestCase):
 
     def test_scripts_run_as_root_in_the_root_directory_and_are_logged(self):
         run([*BACKUP, "--name", "identity", "--precondition", "echo not for the log",
-             "--pre-action", "echo \"begins: $(id -u) $(pwd) $LC_ALL\"", "--post-action", "echo ends"])
+             "--pre-action", "echo \"begins: $(id -u) $(pwd) $LC_ALL\"", "--post-action",
+             "echo ends; runuser -l omm -c 'echo \"as $(id -un), $GAUSSHOME\"'"])
         log = log_of(newest_run())
+        self.assertIn("as omm, /home/omm/app\n", log, "a login by PAM, under the unit's restrictions")
         self.assertIn("begins: 0 / C\n", log)
         self.assertIn("ends\n", log)
         self.assertLess(log.index("begins: 0"), log.index("ends\n"))
