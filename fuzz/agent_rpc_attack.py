@@ -57,6 +57,7 @@ SET = {"uuid": ID, "resource_uuid": ID, "backup_key": "k", "prior_backup_key": "
 # Params of each method that change nothing when one text is no name, and its members that are names.
 # A member of "*" is one by which something is looked for: only what is no text at all is refused.
 METHODS = {
+    "audit.list": ({"user": "nobody", "subject": "none"}, ["*user", "*subject"]),
     "agent.check": ({"instance": "none", "pool": "none", "uid": ID}, ["*instance", "pool", "uid"]),
     "instance.show": ({"instance": "none"}, ["instance"]),
     "instance.save": ({"name": "none", "type": "none", "options": {"user": "u", "address": "h",

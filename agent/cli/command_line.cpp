@@ -50,6 +50,7 @@ Command_Line::Command_Line()
     app_.failure_message(CLI::FailureMessage::simple);
     add_common_options(app_);
     add_agent_commands();
+    add_audit_command();
     add_instance_commands();
     add_platform_commands();
     add_pool_commands();
@@ -200,6 +201,27 @@ void Command_Line::add_agent_commands() {
     });
     names->group(""); // for the shell's completion, not for people
     names->add_option("WHAT", what_)->required();
+}
+
+void Command_Line::add_audit_command() {
+    CLI::App* const audit =
+        command(app_, "audit", "List the changes that administrators have made, the newest first",
+                "  zenbrak3 audit\n  zenbrak3 audit --user anna --days 7\n"
+                "  zenbrak3 audit --subject prod\n",
+                [this](Command_Context& context) { return list_audit(context, audit_filter_); });
+    audit
+        ->add_option("--user", audit_filter_.user,
+                     "Only those of this user, by name or uid, before or after sudo")
+        ->type_name("USER");
+    audit
+        ->add_option("--subject", audit_filter_.subject,
+                     "Only those of this instance, pool, job, backup, definition or member, by the "
+                     "name or id that was given")
+        ->type_name("NAME");
+    audit->add_option("--days", audit_filter_.days, "Only those of the last so many days")
+        ->type_name("DAYS")
+        ->check(whole_number_check(1, 36500));
+    add_list_options(*audit);
 }
 
 void Command_Line::add_pool_wishes(CLI::App& pool) {

@@ -54,6 +54,7 @@ private:
     void add_consent(CLI::App& command);
 
     void add_agent_commands();
+    void add_audit_command();
     void add_instance_commands();
     void add_declared_instances(CLI::App& instances);
     void add_platform_login(CLI::App& command);
@@ -104,6 +105,7 @@ private:
     Member_Wishes member_wishes_;
     Backup_Filter backup_filter_;
     Job_Filter job_filter_;
+    Audit_Filter audit_filter_;
     CLI::App* backup_command_ = nullptr;
 };
 

@@ -20,6 +20,13 @@
 
 /** What is said of the agent, its instances and its pools. */
 int show_info(Command_Context& context);
+/** Which changes to list; "" and 0 for any. */
+struct Audit_Filter {
+    std::string user;
+    std::string subject;
+    int64_t days = 0;
+};
+int list_audit(Command_Context& context, Audit_Filter const& filter);
 int list_instances(Command_Context& context, bool refresh, double interval);
 int show_instance(Command_Context& context, std::string const& instance);
 /** @param options  "key=value" each */

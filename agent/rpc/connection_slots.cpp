@@ -15,11 +15,23 @@ std::shared_ptr<Connection_Slots::Slot> Connection_Slots::take_local() {
     {
         std::lock_guard const guard(mutex_);
         if (!enter(local_, "", limits_.connections, limits_.connections)) {
-            tell("this host", local_);
+            tell("this host", local_, "");
             return nullptr;
         }
     }
     return std::shared_ptr<Slot>(new Slot(shared_from_this(), Slot::LOCAL, ""));
+}
+
+std::shared_ptr<Connection_Slots::Slot> Connection_Slots::take_reader(uid_t uid) {
+    std::string const origin = USER_PREFIX + std::to_string(uid);
+    {
+        std::lock_guard const guard(mutex_);
+        if (!enter(readers_, origin, limits_.readers, limits_.connections_of_reader)) {
+            tell(origin, readers_, " of readers");
+            return nullptr;
+        }
+    }
+    return std::shared_ptr<Slot>(new Slot(shared_from_this(), Slot::READER, origin));
 }
 
 std::shared_ptr<Connection_Slots::Slot> Connection_Slots::take_stranger(std::string const& origin,
@@ -29,7 +41,7 @@ std::shared_ptr<Connection_Slots::Slot> Connection_Slots::take_stranger(std::str
         std::lock_guard const guard(mutex_);
         Room& room = strangers_of(shown);
         if (!enter(room, shown, limits_.strangers, limits_.strangers_of_origin)) {
-            tell(shown, room);
+            tell(shown, room, " that have not shown the access key");
             return nullptr;
         }
     }
@@ -63,7 +75,7 @@ bool Connection_Slots::move(Slot& slot) {
     if (slot.room_ != Slot::STRANGER)
         return true;
     if (!enter(keyed_, slot.origin_, limits_.connections, limits_.connections_per_address)) {
-        tell(slot.origin_, keyed_);
+        tell(slot.origin_, keyed_, "");
         return false;
     }
     leave(strangers_of(slot.origin_), slot.origin_);
@@ -73,24 +85,34 @@ bool Connection_Slots::move(Slot& slot) {
 
 void Connection_Slots::give_back(Slot const& slot) {
     std::lock_guard const guard(mutex_);
-    leave(slot.room_ == Slot::LOCAL   ? local_
-          : slot.room_ == Slot::KEYED ? keyed_
-                                      : strangers_of(slot.origin_),
-          slot.origin_);
+    leave(room_of(slot), slot.origin_);
+}
+
+Connection_Slots::Room& Connection_Slots::room_of(Slot const& slot) {
+    switch (slot.room_) {
+    case Slot::LOCAL:
+        return local_;
+    case Slot::READER:
+        return readers_;
+    case Slot::KEYED:
+        return keyed_;
+    case Slot::STRANGER:
+        break;
+    }
+    return strangers_of(slot.origin_);
 }
 
 /** Whoever is refused again and again fills no log with it. */
-void Connection_Slots::tell(std::string const& origin, Room const& room) {
+void Connection_Slots::tell(std::string const& origin, Room const& room, char const* of_what) {
     Time const now = std::chrono::steady_clock::now();
     if (told_at_ != Time() && now - told_at_ < TELL_INTERVAL)
         return;
     told_at_ = now;
     QMRT_LOG(LM_WARNING, "Refused a connection from %s, there are %Q%s\n", origin.c_str(),
-             static_cast<ACE_UINT64>(room.all),
-             &room == &keyed_ || &room == &local_ ? "" : " that have not shown the access key");
+             static_cast<ACE_UINT64>(room.all), of_what);
 }
 
 size_t Connection_Slots::taken() const {
     std::lock_guard const guard(mutex_);
-    return local_.all + strangers_here_.all + strangers_of_network_.all + keyed_.all;
+    return local_.all + readers_.all + strangers_here_.all + strangers_of_network_.all + keyed_.all;
 }

@@ -92,6 +92,7 @@ void Http_Session::on_header(error_code const& error) {
     if (error || closed_)
         return; // it goes with the last who holds it
     caller_ = find_caller();
+    caller_.address = address_;
     if (!caller_.kind)
         return deny();
     if (!slot_->show_key())

@@ -1,9 +1,11 @@
 #include "agent/rpc/method_table.h"
 
+#include "agent/rpc/answer_source.h"
 #include "host/rpc/json_rpc_thread_pool_handler.h"
 #include "json_spirit/access.h"
 #include "qmrt/log.h"
 #include "qmrt/names.h"
+#include "qmrt/scoped_deleter.h"
 #include "qmrt/utf8.h"
 
 #include <map>
@@ -69,27 +71,33 @@ private:
 class Tool_Turns : public std::enable_shared_from_this<Tool_Turns> {
 public:
     /** @return the turn, to be kept until the call is over; null when there are too many */
-    std::shared_ptr<void> take(std::string const& instance) {
+    std::shared_ptr<void> take(std::string const& instance, Rpc_Caller const& caller) {
+        bool const reads = caller.is(Rpc_Caller::READER);
         std::lock_guard const guard(mutex_);
         size_t& here = of_instance_[instance];
-        if (all_ >= Method_Table::TOOL_CALLS || here >= Method_Table::TOOL_CALLS_OF_INSTANCE)
+        if (all_ >= Method_Table::TOOL_CALLS || here >= Method_Table::TOOL_CALLS_OF_INSTANCE ||
+            (reads && of_readers_ >= Method_Table::TOOL_CALLS_OF_READERS))
             return nullptr;
         ++all_;
         ++here;
-        return std::shared_ptr<void>(
-            this, [self = shared_from_this(), instance](void*) { self->give_back(instance); });
+        of_readers_ += reads ? 1 : 0;
+        return std::shared_ptr<void>(this, [self = shared_from_this(), instance, reads](void*) {
+            self->give_back(instance, reads);
+        });
     }
 
 private:
-    void give_back(std::string const& instance) {
+    void give_back(std::string const& instance, bool reads) {
         std::lock_guard const guard(mutex_);
         --all_;
+        of_readers_ -= reads ? 1 : 0;
         if (--of_instance_[instance] == 0)
             of_instance_.erase(instance);
     }
 
     std::mutex mutex_;
     size_t all_ = 0;
+    size_t of_readers_ = 0;
     std::map<std::string, size_t> of_instance_;
 };
 
@@ -193,8 +201,12 @@ bool only_local(Method_Call const& call, Method_Fault& fault) {
 
 class Pool : public JSON_RPC_Thread_Pool_Handler {
 public:
-    Pool(Method_Gate const& gate, Live_Calls& calls, size_t threads, size_t max_queued)
-        : JSON_RPC_Thread_Pool_Handler(threads, max_queued), gate_(gate), calls_(calls) {}
+    Pool(Method_Gate const& gate, Method_Audit const& audit, Live_Calls& calls, size_t threads,
+         size_t max_queued)
+        : JSON_RPC_Thread_Pool_Handler(threads, max_queued),
+          gate_(gate),
+          audit_(audit),
+          calls_(calls) {}
     ~Pool() override { fini(); }
 
 protected:
@@ -208,9 +220,13 @@ protected:
         Method_Fault fault;
         bool const allowed = gate_(call, fault);
         bool const handled = allowed && route->entry.handler;
-        if (handled && are_good_params(message.params(), fault))
+        if (handled && are_good_params(message.params(), fault)) {
+            audit_answer(asker, call);
             return route->entry.handler->handle_object(channel, object);
+        }
         bool const done = allowed && !handled && run(route->entry.method, call, result, fault);
+        if (allowed)
+            audit_(call, done ? 0 : fault.code, done ? "" : fault.message);
         if (object->type() == JSON_RPC_Object::TYPE_REQUEST) {
             object->hold(nullptr); // whoever has the answer has the room for the next request
             return answer(channel, static_cast<JSON_RPC_Request const&>(message).id(), done, result,
@@ -224,6 +240,17 @@ protected:
     }
 
 private:
+    /** A handler answers when it wants, on a thread of its own. */
+    void audit_answer(JSON_RPC_Channel_var const& channel, Method_Call const& call) {
+        auto* const source = dynamic_cast<Answer_Source*>(channel.get());
+        if (!source)
+            return;
+        source->when_answered([audit = audit_, call](JSON_RPC_Object const& object) {
+            auto const* const error = dynamic_cast<JSON_RPC_Response_Error const*>(&object);
+            audit(call, error ? error->code() : 0, error ? error->message() : "");
+        });
+    }
+
     static int answer(JSON_RPC_Channel_ptr const& channel, Value const& id, bool done,
                       Value& result, Method_Fault const& fault) {
         JSON_RPC_Channel_var const peer(channel);
@@ -234,6 +261,7 @@ private:
     }
 
     Method_Gate const& gate_;
+    Method_Audit const& audit_;
     Live_Calls& calls_;
 };
 
@@ -275,9 +303,9 @@ bool fail_with(JSON_RPC_Reply& reply, int code, std::string message, Value data 
 
 struct Method_Table::Impl {
     Impl(size_t threads, size_t max_queued)
-        : requests(gate, calls, threads, max_queued),
-          tool_requests(gate, calls, Method_Table::TOOL_CALLS, Method_Table::TOOL_CALLS),
-          notifications(gate, calls, 1, MAX_QUEUED_NOTIFICATIONS) {}
+        : requests(gate, audit, calls, threads, max_queued),
+          tool_requests(gate, audit, calls, Method_Table::TOOL_CALLS, Method_Table::TOOL_CALLS),
+          notifications(gate, audit, calls, 1, MAX_QUEUED_NOTIFICATIONS) {}
 
     /** The instance whose tools a call may wait for. */
     std::optional<std::string> instance_of(std::string const& method, Value const& params) const {
@@ -304,6 +332,7 @@ struct Method_Table::Impl {
     mutable std::mutex mutex;
     std::map<std::string, Entry> entries;
     Method_Gate gate = only_local;
+    Method_Audit audit = [](Method_Call const&, int, std::string const&) {};
     std::map<std::string, Instance_Of_Call> waiting;
     std::shared_ptr<Tool_Turns> const turns = std::make_shared<Tool_Turns>();
     Live_Calls calls;
@@ -321,6 +350,10 @@ Method_Table::~Method_Table() {
 
 void Method_Table::gate(Method_Gate gate) {
     impl_->gate = std::move(gate);
+}
+
+void Method_Table::audit(Method_Audit audit) {
+    impl_->audit = std::move(audit);
 }
 
 void Method_Table::add(std::string const& name, Agent_Method method) {
@@ -375,7 +408,7 @@ int Method_Table::handle(JSON_RPC_Channel_ptr channel, JSON_RPC_Object_var objec
     Pool* pool = &impl_->requests;
     if (auto const instance = impl_->instance_of(message.method(), message.params())) {
         pool = &impl_->tool_requests;
-        route.turn = impl_->turns->take(*instance);
+        route.turn = impl_->turns->take(*instance, caller);
         if (!route.turn) {
             refuse_json_rpc_request(channel, object, JSON_RPC_BUSY, busy_with(*instance).c_str());
             return -1;
@@ -392,9 +425,14 @@ bool Method_Table::call(std::string const& method, Value const& params, Rpc_Call
     if (!impl_->find(method, entry))
         return fail_with(reply, JSON_RPC_METHOD_NOT_FOUND, NO_METHOD);
     Method_Call const call{method, object_or_given(params), caller};
+    bool allowed = false;
+    Scoped_Deleter const record([&] {
+        if (allowed)
+            impl_->audit(call, reply.code, reply.message);
+    });
     std::shared_ptr<void> turn;
     if (auto const instance = impl_->instance_of(method, params)) {
-        turn = impl_->turns->take(*instance);
+        turn = impl_->turns->take(*instance, caller);
         if (!turn)
             return fail_with(reply, JSON_RPC_BUSY, busy_with(*instance));
     }
@@ -402,7 +440,8 @@ bool Method_Table::call(std::string const& method, Value const& params, Rpc_Call
     Method_Fault fault;
     reply = JSON_RPC_Reply();
     try {
-        if (!impl_->gate(call, fault))
+        allowed = impl_->gate(call, fault);
+        if (!allowed)
             return fail_with(reply, fault.code, std::move(fault.message), std::move(fault.data));
         if (!entry.handler && run(entry.method, call, reply.result, fault))
             return true;

@@ -39,6 +39,14 @@ struct Method_Call {
 using Method_Gate = std::function<bool(Method_Call const& call, Method_Fault& fault)>;
 
 /**
+ * Records how a call ended that the gate has let through. Called on the thread that serves the
+ * call, before it is answered, or on the thread on which a handler answers.
+ * @param code  0 for success, else that of the fault
+ */
+using Method_Audit =
+    std::function<void(Method_Call const& call, int code, std::string const& message)>;
+
+/**
  * Serves one method: sets @a result and returns true, or sets the fault and returns false. Called
  * on several threads at once. A json_spirit::Error that leaves it is answered as
  * JSON_RPC_INVALID_PARAMS with its text, so params may be read with the throwing extractors; any
@@ -85,6 +93,8 @@ public:
      * served. To be set before anybody calls.
      */
     void gate(Method_Gate gate);
+    /** The same for what is to be recorded. */
+    void audit(Method_Audit audit);
 
     /** Serves a method by a function, in place of whatever served it. */
     void add(std::string const& name, Agent_Method method);
@@ -101,6 +111,7 @@ public:
     void may_wait_for_tools(std::string const& name, Instance_Of_Call instance_of);
     static constexpr size_t TOOL_CALLS = 16;            ///< at once, of all
     static constexpr size_t TOOL_CALLS_OF_INSTANCE = 4; ///< at once, of those for one instance
+    static constexpr size_t TOOL_CALLS_OF_READERS = 2;  ///< at once, of all readers
 
     /** Cancels the calls that are being handled. */
     void cancel();

@@ -40,6 +40,8 @@ std::string Rpc_Caller::text() const {
         return "run " + qmrt::to_one_line(run->run_id) + " (host " + host + ")";
     case BACKUPD:
         return "the backup server";
+    case READER:
+        return "reader with uid " + std::to_string(*uid);
     case NOBODY:
         break;
     }

@@ -4,7 +4,9 @@
 #include "json_spirit/value.h"
 
 #include <memory>
+#include <optional>
 #include <string>
+#include <sys/types.h>
 
 /** What one run of a job is about: the limits of its key. */
 struct Run_Scope {
@@ -24,18 +26,24 @@ struct Run_Scope {
 struct Rpc_Caller {
     enum Kind : unsigned {
         NOBODY = 0,
-        LOCAL = 1,     ///< the agent's own socket, or this process
-        ADMIN = 2,     ///< the network, with the administrator's key
-        MEMBER = 4,    ///< the network, with the key of a member of the group
-        RUN = 8,       ///< the network, with the key of a run
-        BACKUPD = 16,  ///< the backup server, down the connection that a member made
-        FORWARDED = 32 ///< a run on another host, by way of the backup server
+        LOCAL = 1,      ///< the agent's own socket, or this process
+        ADMIN = 2,      ///< the network, with the administrator's key
+        MEMBER = 4,     ///< the network, with the key of a member of the group
+        RUN = 8,        ///< the network, with the key of a run
+        BACKUPD = 16,   ///< the backup server, down the connection that a member made
+        FORWARDED = 32, ///< a run on another host, by way of the backup server
+        READER = 64     ///< the agent's own socket, as a user who may look only
     };
 
     Kind kind = NOBODY;
     std::string member;                   ///< of a MEMBER: its name
     std::string host_uuid;                ///< of a MEMBER: its host, "" before it has joined
     std::shared_ptr<Run_Scope const> run; ///< of RUN and FORWARDED; never null there
+    /** The user of a LOCAL or READER that came over the socket; none for this process itself. */
+    std::optional<uid_t> uid = {};
+    /** The user who logged in, by the kernel's record (loginuid); none if it has no record. */
+    std::optional<uid_t> login = {};
+    std::string address = {}; ///< of a caller on the network
 
     static Rpc_Caller local() { return {LOCAL, {}, {}, nullptr}; }
     static Rpc_Caller admin() { return {ADMIN, {}, {}, nullptr}; }

@@ -15,6 +15,8 @@ struct Rpc_Limits {
     size_t batch_messages = 1000;            ///< in one batch; a larger one is an invalid request
     size_t in_flight = 32;    ///< requests of one connection; while so many wait, no more is read
     size_t connections = 256; ///< at the agent's own socket; as many at the port, with the key
+    size_t readers = 32;      ///< connections at the agent's own socket of users who may look only
+    size_t connections_of_reader = 8;    ///< of those, of one user
     size_t connections_per_address = 64; ///< of those with the key, from one origin
     /** At the port without the key: from this host, and as many from the network. */
     size_t strangers = 64;

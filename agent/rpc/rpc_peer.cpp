@@ -1,5 +1,6 @@
 #include "agent/rpc/rpc_peer.h"
 
+#include "agent/rpc/answer_source.h"
 #include "json_spirit/text.h"
 #include "qmrt/log.h"
 
@@ -74,15 +75,20 @@ private:
 };
 
 /** Where the answer to one request of the peer goes: the first one counts. */
-class Rpc_Peer::Reply_Channel : public JSON_RPC_Channel {
+class Rpc_Peer::Reply_Channel : public JSON_RPC_Channel, public Answer_Source {
 public:
     Reply_Channel(std::weak_ptr<Rpc_Peer> peer, uint64_t key, std::shared_ptr<Batch> batch)
         : peer_(std::move(peer)), key_(key), batch_(std::move(batch)) {}
     std::shared_ptr<Rpc_Peer> peer() const { return peer_.lock(); }
     std::shared_ptr<Cancellation> cancellation() const override { return cancellation_; }
+    void when_answered(std::function<void(JSON_RPC_Object const&)> function) override {
+        on_answer_ = std::move(function);
+    }
 
 protected:
     int send_i(JSON_RPC_Object const& object) override {
+        if (is_reply(object) && on_answer_ && !told_.exchange(true))
+            on_answer_(object);
         std::shared_ptr<Rpc_Peer> const peer = peer_.lock();
         if (!peer)
             return -1;
@@ -111,6 +117,8 @@ private:
     std::shared_ptr<Batch> const batch_;
     std::shared_ptr<Cancellation> const cancellation_ = std::make_shared<Cancellation>();
     std::atomic<bool> answered_ = false;
+    std::atomic<bool> told_ = false;
+    std::function<void(JSON_RPC_Object const&)> on_answer_;
 };
 
 Rpc_Peer::Rpc_Peer(std::shared_ptr<void> lease, Method_Table& table, Rpc_Limits const& limits,

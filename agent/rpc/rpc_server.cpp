@@ -46,7 +46,8 @@ Rpc_Server::~Rpc_Server() {
 
 bool Rpc_Server::start(std::string& error) {
     Rpc_Server_Options const& options = impl_->options;
-    if (!options.socket_path.empty() && !impl_->local.open(options.socket_path, error)) {
+    if (!options.socket_path.empty() &&
+        !impl_->local.open(options.socket_path, options.readers, error)) {
         impl_->local.stop();
         return false;
     }

@@ -12,8 +12,10 @@
 
 /** Where a server is reached. */
 struct Rpc_Server_Options {
-    /** The agent's own socket; "" for none. Who may open it may do everything. */
+    /** The agent's own socket; "" for none. Root and the agent's user may do everything there. */
     std::string socket_path;
+    /** The group of the operating system whose members may look, at the socket; "" for none. */
+    std::string readers;
 
     /** Whether to serve WebSocket and REST over TLS as well. */
     bool network = false;

@@ -1,8 +1,11 @@
 #include "agent/rpc/unix_listener.h"
 
+#include "agent/rpc/socket_user.h"
 #include "agent/rpc/unix_session.h"
 #include "qmrt/log.h"
+#include "qmrt/utf8.h"
 
+#include <algorithm>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -16,6 +19,19 @@ using boost::system::error_code;
 using namespace std::chrono_literals;
 
 namespace {
+
+constexpr size_t READER_IN_FLIGHT = 4;
+constexpr size_t READER_UNSENT = 16 * 1024 * 1024;
+
+/** A reader's questions are small, and take nothing of the budget for large messages. */
+Rpc_Limits limits_of(Rpc_Caller const& caller, Rpc_Limits limits) {
+    if (!caller.is(Rpc_Caller::READER))
+        return limits;
+    limits.in_flight = std::min(limits.in_flight, READER_IN_FLIGHT);
+    limits.message_bytes = std::min(limits.message_bytes, Message_Budget::FREE_BYTES);
+    limits.unsent_bytes = std::min(limits.unsent_bytes, READER_UNSENT);
+    return limits;
+}
 
 bool fail(std::string& error, std::string const& what) {
     error = what + ", " + std::strerror(errno);
@@ -45,13 +61,16 @@ Unix_Listener::Unix_Listener(Rpc_Io& io, Rpc_Sessions& sessions,
       acceptor_(io.context),
       pause_(io.context) {}
 
-bool Unix_Listener::open(std::string const& path, std::string& error) {
+bool Unix_Listener::open(std::string const& path, std::string const& readers, std::string& error) {
     path_ = path;
     if (path.empty() || path.size() >= sizeof sockaddr_un().sun_path) {
         error = "the path of the socket is empty or too long (107 bytes at most): " + path;
         return false;
     }
-    return lock(error) && clear_the_way(error) && bind(error);
+    if (!lock(error) || !clear_the_way(error) || !bind(error))
+        return false;
+    let_in(readers);
+    return true;
 }
 
 bool Unix_Listener::lock(std::string& error) {
@@ -100,6 +119,22 @@ bool Unix_Listener::bind(std::string& error) {
     return !failure;
 }
 
+/** Who belongs to the group is asked for each connection: modes can be changed by accident. */
+void Unix_Listener::let_in(std::string const& readers) {
+    if (readers.empty())
+        return;
+    std::optional<gid_t> const group = find_group(readers);
+    if (!group)
+        QMRT_LOG(LM_INFO, "Only root can look: the group %s does not exist\n",
+                 qmrt::to_one_line(readers).c_str());
+    else if (::chown(path_.c_str(), static_cast<uid_t>(-1), *group) == -1 ||
+             ::chmod(path_.c_str(), 0660) == -1)
+        QMRT_LOG(LM_WARNING, "Only root can look: failed to give %s to the group %s, %m\n",
+                 path_.c_str(), qmrt::to_one_line(readers).c_str());
+    else
+        readers_ = group;
+}
+
 void Unix_Listener::start() {
     accept();
 }
@@ -122,13 +157,18 @@ void Unix_Listener::accept() {
 }
 
 void Unix_Listener::begin(stream_protocol::socket socket) {
-    std::shared_ptr<void> slot = slots_->take_local();
+    Rpc_Caller const caller = caller_at(socket.native_handle(), readers_);
+    std::shared_ptr<void> slot;
+    if (caller.is(Rpc_Caller::LOCAL))
+        slot = slots_->take_local();
+    else if (caller.is(Rpc_Caller::READER))
+        slot = slots_->take_reader(*caller.uid);
     if (!slot)
         return; // which closes it
     auto lease = std::make_shared<std::pair<std::shared_ptr<void>, std::shared_ptr<void>>>(
         io_.lease(), std::move(slot));
-    auto const session =
-        std::make_shared<Unix_Session>(std::move(lease), std::move(socket), table_, limits_);
+    auto const session = std::make_shared<Unix_Session>(std::move(lease), std::move(socket), table_,
+                                                        limits_of(caller, limits_), caller);
     sessions_.add(session);
     session->start();
 }

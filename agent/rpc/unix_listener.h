@@ -16,12 +16,15 @@ public:
                   Method_Table& table, Rpc_Limits const& limits);
 
     /**
-     * Makes the socket with mode 0600. One that nobody answers at is replaced; one that somebody
+     * Makes the socket with mode 0600, or 0660 for @a readers, a group of the operating system
+     * whose members may look. A group that does not exist or cannot get the socket is logged, and
+     * then there are no readers. One that nobody answers at is replaced; one that somebody
      * does, or a file that is no socket, is left alone. A file beside it with ".lock" behind its
      * name keeps two that begin at once apart.
      * @return false with what is wrong and what to do
      */
-    [[nodiscard]] bool open(std::string const& path, std::string& error);
+    [[nodiscard]] bool open(std::string const& path, std::string const& readers,
+                            std::string& error);
     void start();
     /** Removes the socket, if it is still the one that was made. */
     void stop();
@@ -30,6 +33,7 @@ private:
     [[nodiscard]] bool lock(std::string& error);
     [[nodiscard]] bool clear_the_way(std::string& error) const;
     [[nodiscard]] bool bind(std::string& error);
+    void let_in(std::string const& readers);
     void accept();
     void begin(boost::asio::local::stream_protocol::socket socket);
 
@@ -43,6 +47,7 @@ private:
     boost::asio::local::stream_protocol::acceptor acceptor_;
     boost::asio::steady_timer pause_;
     std::pair<dev_t, ino_t> made_{};
+    std::optional<gid_t> readers_;
 };
 
 #endif

@@ -10,8 +10,8 @@
 using boost::system::error_code;
 
 Unix_Session::Unix_Session(std::shared_ptr<void> lease, Socket socket, Method_Table& table,
-                           Rpc_Limits const& limits)
-    : Rpc_Peer(std::move(lease), table, limits, Rpc_Caller::local()), socket_(std::move(socket)) {}
+                           Rpc_Limits const& limits, Rpc_Caller const& caller)
+    : Rpc_Peer(std::move(lease), table, limits, caller), socket_(std::move(socket)) {}
 
 void Unix_Session::start() {
     begin();

@@ -17,7 +17,7 @@ public:
     using Socket = boost::asio::local::stream_protocol::socket;
 
     Unix_Session(std::shared_ptr<void> lease, Socket socket, Method_Table& table,
-                 Rpc_Limits const& limits);
+                 Rpc_Limits const& limits, Rpc_Caller const& caller);
 
     /** Begins to read. On the socket's thread. */
     void start();

@@ -44,6 +44,7 @@ std::vector<Key_Row> const& rows() {
         {"agent", "probe_interval", &C::probe_interval, false, 0, 86400 * 30},
         {"agent", "kept_runs", &C::kept_runs, true, 1, 1000000},
         {.table = "socket", .key = "path", .member = &C::socket, .is_path = true},
+        {"socket", "readers", &C::readers},
         {"remote", "enabled", &C::remote},
         {"remote", "address", &C::address},
         {"remote", "port", &C::port, true, 0, 65535},

@@ -22,6 +22,7 @@ struct Agent_Config {
     int64_t kept_runs = 100;                    ///< of each definition
     // [socket]
     std::string socket = "/run/zenbrak3/agent.sock";
+    std::string readers = "zenbrak3-read"; ///< group whose members may look; "": none
     // [remote]
     bool remote = true;                ///< WebSocket and REST over TLS are served
     std::string address = "127.0.0.1"; ///< the XBSA library comes this way, too

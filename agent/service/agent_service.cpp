@@ -7,6 +7,7 @@
 #include "agent/rpc/tls.h"
 #include "agent/service/access_key_file.h"
 #include "agent/service/agent_methods.h"
+#include "agent/service/audit_log.h"
 #include "agent/service/rpc_route.h"
 #include "agent/service/stop_watchdog.h"
 #include "agent/storage/pool_path.h"
@@ -41,7 +42,7 @@ constexpr char AGENT[] = "gaussdb";
 std::vector<std::string> migrations() {
     return {std::string(IDENTITY_TABLES) + CATALOG_TABLES + INSTANCE_TABLES + POOL_TABLES +
                 JOB_TABLES + GROUP_TABLES,
-            MEMBER_TABLES};
+            MEMBER_TABLES, AUDIT_TABLES};
 }
 
 /** The module that was installed with this program. */
@@ -350,6 +351,7 @@ bool Agent_Service::serve(std::string& error) {
     add_methods();
     Rpc_Server_Options options;
     options.socket_path = config_.socket;
+    options.readers = config_.readers;
     options.network = config_.remote;
     options.address = config_.address;
     options.port = static_cast<unsigned short>(config_.port);
@@ -375,6 +377,11 @@ void Agent_Service::add_methods() {
     methods_.gate([this](Method_Call const& call, Method_Fault& fault) {
         return access_->allows(call, fault) && may_remove_instance(*runs_, call, fault);
     });
+    auto const audit = std::make_shared<Audit_Log>(*database_);
+    methods_.audit([audit](Method_Call const& call, int code, std::string const& message) {
+        audit->record(call, code, message);
+    });
+    add_audit_methods(methods_, audit);
     add_agent_methods(methods_, config_, identity_, *database_, *module_);
     add_instance_methods(methods_, identity_, *probe_);
     add_job_methods(methods_, *jobs_, *runs_, *scheduler_);

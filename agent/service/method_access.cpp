@@ -70,24 +70,27 @@ bool fits_run(Run_Scope const& run, std::string const& method, Object const& par
 struct Method_Access::Table {
     using Check = bool (Method_Access::*)(Question const&);
     struct Row {
-        unsigned callers;       ///< who may call it at all
-        Check member = nullptr; ///< which calls of a MEMBER
-        Check run = nullptr;    ///< which calls of a RUN
+        unsigned callers;              ///< who may call it at all
+        Check member = nullptr;        ///< which calls of a MEMBER
+        Check run = nullptr;           ///< which calls of a RUN
+        char const* subject = nullptr; ///< it makes a change, to what this parameter names
     };
     using C = Rpc_Caller;
     using A = Method_Access;
     static constexpr unsigned PEOPLE = C::LOCAL | C::ADMIN;
     static constexpr unsigned OR_MEMBER = PEOPLE | C::MEMBER;
+    static constexpr unsigned LOOKING = PEOPLE | C::READER;
 
     static std::map<std::string, Row> const& rows() {
         static std::map<std::string, Row> const table = {
-            {"account.save", {PEOPLE}},
-            {"agent.check", {PEOPLE}},
-            {"agent.info", {PEOPLE}},
-            {"backup.list", {OR_MEMBER, &A::any}},  // gets what lies in its pools
-            {"backup.point", {OR_MEMBER, &A::any}}, // the same
-            {"backup.remove", {PEOPLE}},
-            {"backup.show", {OR_MEMBER, &A::any}}, // the same
+            {"account.save", {.callers = PEOPLE, .subject = "instance"}},
+            {"agent.check", {LOOKING}},
+            {"agent.info", {LOOKING}},
+            {"audit.list", {PEOPLE}},
+            {"backup.list", {LOOKING | C::MEMBER, &A::any}},  // gets what lies in its pools
+            {"backup.point", {LOOKING | C::MEMBER, &A::any}}, // the same
+            {"backup.remove", {.callers = PEOPLE, .subject = "backup"}},
+            {"backup.show", {LOOKING | C::MEMBER, &A::any}}, // the same
             {"backup_set.gaussdb_restore_branch", {OR_MEMBER, &A::of_own_resource}},
             {"backupd.instance.notify", {OR_MEMBER, &A::of_own_instance}},
             {"catalog.abort", {OR_MEMBER, &A::of_own_set}},
@@ -98,42 +101,42 @@ struct Method_Access::Table {
             {"catalog.get_view", {OR_MEMBER | C::RUN, &A::a_view, &A::whether_set_is_there}},
             {"catalog.initialize", {OR_MEMBER, &A::of_own_record}},
             {"definition.list", {PEOPLE}},
-            {"definition.remove", {PEOPLE}},
-            {"definition.save", {PEOPLE}},
+            {"definition.remove", {.callers = PEOPLE, .subject = "definition"}},
+            {"definition.save", {.callers = PEOPLE, .subject = "name"}},
             {"definition.show", {PEOPLE}},
-            {"gaussdb.add_tpops_instances", {PEOPLE}},
-            {"gaussdb.create_instance", {PEOPLE}},
+            {"gaussdb.add_tpops_instances", {.callers = PEOPLE, .subject = "tpops_host"}},
+            {"gaussdb.create_instance", {.callers = PEOPLE, .subject = "name"}},
             {"gaussdb.get_instance", {PEOPLE}},
             {"gaussdb.list", {PEOPLE}},
             {"gaussdb.list_tpops_instances", {PEOPLE}},
-            {"gaussdb.modify_instance", {PEOPLE}},
-            {"gaussdb.remove_instance", {PEOPLE}},
+            {"gaussdb.modify_instance", {.callers = PEOPLE, .subject = "name"}},
+            {"gaussdb.remove_instance", {.callers = PEOPLE, .subject = "instance"}},
             {ROACH_SOURCE, {C::LOCAL | C::FORWARDED}},
             {"group.deliver", {C::BACKUPD}},
             {"group.forward", {C::MEMBER, &A::any}}, // run_of() checks it
             {"group.join", {C::MEMBER, &A::any}},    // admit() checks it
-            {"instance.list", {PEOPLE}},
-            {"instance.remove", {PEOPLE}},
-            {"instance.save", {PEOPLE}},
-            {"instance.show", {PEOPLE}},
+            {"instance.list", {LOOKING}},
+            {"instance.remove", {.callers = PEOPLE, .subject = "instance"}},
+            {"instance.save", {.callers = PEOPLE, .subject = "name"}},
+            {"instance.show", {LOOKING}},
             {"instance.try", {PEOPLE}},
-            {"job.cancel", {PEOPLE}},
-            {"job.list", {PEOPLE}},
-            {"job.log", {PEOPLE}},
-            {"job.pause", {PEOPLE}},
-            {"job.resume", {PEOPLE}},
-            {"job.show", {PEOPLE}},
-            {"job.start", {PEOPLE}},
-            {"job.stop", {PEOPLE}},
-            {"job.watch", {PEOPLE}},
-            {"member.add", {PEOPLE}},
+            {"job.cancel", {.callers = PEOPLE, .subject = "job"}},
+            {"job.list", {LOOKING}},
+            {"job.log", {LOOKING}},
+            {"job.pause", {.callers = PEOPLE, .subject = "job"}},
+            {"job.resume", {.callers = PEOPLE, .subject = "job"}},
+            {"job.show", {LOOKING}},
+            {"job.start", {.callers = PEOPLE, .subject = "definition"}},
+            {"job.stop", {.callers = PEOPLE, .subject = "job"}},
+            {"job.watch", {LOOKING}},
+            {"member.add", {.callers = PEOPLE, .subject = "name"}},
             {"member.list", {PEOPLE}},
-            {"member.remove", {PEOPLE}},
-            {"pool.create", {PEOPLE}},
+            {"member.remove", {.callers = PEOPLE, .subject = "member"}},
+            {"pool.create", {.callers = PEOPLE, .subject = "name"}},
             {"pool.find", {OR_MEMBER | C::RUN, &A::any, &A::of_runs_pool}}, // finds its own only
-            {"pool.list", {OR_MEMBER, &A::any}},                            // gets its own only
-            {"pool.remove", {PEOPLE}},
-            {"pool.update", {PEOPLE}},
+            {"pool.list", {LOOKING | C::MEMBER, &A::any}},                  // gets its own only
+            {"pool.remove", {.callers = PEOPLE, .subject = "pool"}},
+            {"pool.update", {.callers = PEOPLE, .subject = "pool"}},
             {"run.begin", {C::MEMBER, &A::of_own_host}},
             {"run.end", {C::MEMBER, &A::any}}, // ends runs of its own host only
             {"run.hold", {C::MEMBER, &A::resources_of_run}},
@@ -147,12 +150,23 @@ bool Method_Access::has_row(std::string const& method) {
     return Table::rows().contains(method);
 }
 
+std::optional<std::string> Method_Access::subject_of_change(Method_Call const& call) {
+    auto const found = Table::rows().find(call.method);
+    if (found == Table::rows().end() || !found->second.subject)
+        return std::nullopt;
+    return object_get_str(object_or_empty(call.params), found->second.subject);
+}
+
 bool Method_Access::allows(Method_Call const& call, Method_Fault& fault) {
     auto const found = Table::rows().find(call.method);
     Rpc_Caller const& caller = call.caller;
     std::string why = "this method is not for it";
     bool allowed = found != Table::rows().end() && caller.is(found->second.callers);
-    if (allowed && !caller.is(Table::PEOPLE | Rpc_Caller::BACKUPD)) {
+    if (caller.is(Rpc_Caller::READER))
+        allowed = allowed ? for_reader(call, why)
+                          : refuse(why, "readers may only look at the agent, instances, backups, "
+                                        "jobs, pools and check; run it as root");
+    else if (allowed && !caller.is(Table::PEOPLE | Rpc_Caller::BACKUPD)) {
         Question const question{call, object_or_empty(call.params),
                                 caller.run ? caller.run->host_uuid : caller.host_uuid, why};
         allowed = caller.is(Rpc_Caller::MEMBER) ? for_member(question) : for_run(question);
@@ -171,6 +185,12 @@ bool Method_Access::is_news(std::string const& who, std::string const& method) {
     if (told_.size() >= MOST_TOLD)
         told_.clear();
     return told_.insert(who + " " + method).second;
+}
+
+/** A check by root of a path that a reader names would tell what only root may know. */
+bool Method_Access::for_reader(Method_Call const& call, std::string& why) {
+    return !object_or_empty(call.params).contains("cache_dir") ||
+           refuse(why, "only administrators may name a directory to check");
 }
 
 bool Method_Access::for_member(Question const& question) {

@@ -7,6 +7,7 @@
 #include "agent/rpc/run_keys.h"
 
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -22,6 +23,7 @@ struct Set_Facts;
  *
  * - Administrators, at the socket or with the administrator's key, may call every method for
  * people.
+ * - Readers, at the socket, may look at instances, backups, jobs and pools.
  * - A member of the group may do its own host's business: write the sets that its own host writes,
  *   of resources that it has, into pools that it was given; and read what lies in those pools.
  * - A run's key opens the three calls that the data path needs, for that run's set and for the sets
@@ -41,6 +43,8 @@ public:
     [[nodiscard]] bool allows(Method_Call const& call, Method_Fault& fault);
     /** Whether the table says anything of a method. */
     [[nodiscard]] static bool has_row(std::string const& method);
+    /** What a call by a person would change; none for a method that changes nothing. */
+    [[nodiscard]] static std::optional<std::string> subject_of_change(Method_Call const& call);
     /** Whether a caller may see what lies in a pool. Only members are limited. */
     [[nodiscard]] bool may_use_pool(Rpc_Caller const& caller, std::string const& pool_uuid) const;
     /** Who has a key that is not the administrator's. Does not block. */
@@ -62,6 +66,7 @@ private:
         std::string const& host; ///< the caller's
         std::string& why;        ///< gets the reason of a refusal
     };
+    [[nodiscard]] static bool for_reader(Method_Call const& call, std::string& why);
     [[nodiscard]] bool for_member(Question const& question);
     [[nodiscard]] bool for_run(Question const& question);
 

@@ -19,6 +19,8 @@ protected:
     Connection_Slots_Test() {
         limits_.connections = 4;
         limits_.connections_per_address = 3;
+        limits_.readers = 4;
+        limits_.connections_of_reader = 2;
         limits_.strangers = 4;
         limits_.strangers_of_origin = 2;
     }
@@ -42,12 +44,15 @@ TEST_F(Connection_Slots_Test, a_full_room_takes_nothing_from_the_others) {
     for (std::string const address : {"10.0.0.1", "10.0.0.1", "10.0.0.2", "10.0.0.2"})
         taken.push_back(slots_->take_stranger(address, false));
     EXPECT_EQ(nullptr, slots_->take_stranger("10.0.0.3", false)) << "all of the network";
+    for (uid_t const uid : {1001, 1001, 1002, 1002})
+        taken.push_back(slots_->take_reader(uid));
+    EXPECT_EQ(nullptr, slots_->take_reader(1003)) << "all readers";
     for (int i = 0; i < 4; ++i)
         taken.push_back(slots_->take_local());
     EXPECT_EQ(nullptr, slots_->take_local());
     for (auto const& one : taken)
         EXPECT_NE(nullptr, one);
-    EXPECT_EQ(12u, slots_->taken());
+    EXPECT_EQ(16u, slots_->taken());
     taken.clear();
     EXPECT_EQ(0u, slots_->taken());
     EXPECT_NE(nullptr, slots_->take_stranger("1003", true));
@@ -57,6 +62,10 @@ TEST_F(Connection_Slots_Test, one_origin_has_a_share_only) {
     make();
     Slots taken{slots_->take_stranger("1001", true), slots_->take_stranger("1001", true)};
     EXPECT_EQ(nullptr, slots_->take_stranger("1001", true));
+    taken.push_back(slots_->take_reader(1001));
+    taken.push_back(slots_->take_reader(1001));
+    EXPECT_NE(nullptr, taken.back());
+    EXPECT_EQ(nullptr, slots_->take_reader(1001));
     EXPECT_NE(nullptr, slots_->take_stranger("1002", true));
     EXPECT_NE(nullptr, slots_->take_stranger("1001", false)) << "an address of that text";
     EXPECT_EQ(1u, Log_Capture::instance().claim_all(LM_WARNING, "Refused a connection from user"));

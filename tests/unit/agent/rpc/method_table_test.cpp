@@ -21,6 +21,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
+constexpr uid_t SOME_UID = 61234;
+
 Agent_Method echo() {
     return [](Method_Call const& call, Value& result, Method_Fault&) {
         result = Object{
@@ -304,6 +306,56 @@ TEST_F(Method_Table_Test, without_a_gate_only_local_callers_are_served) {
                           caller);
             EXPECT_EQ(Value(AGENT_RPC_REFUSED), error("code"));
         }
+}
+
+TEST_F(Method_Table_Test, calls_that_the_gate_lets_through_are_audited_with_their_outcome) {
+    std::vector<std::string> audited;
+    table_.audit([&](Method_Call const& call, int code, std::string const& message) {
+        audited.push_back(call.method + " " + std::to_string(code) + " " + message);
+    });
+    table_.gate([](Method_Call const& call, Method_Fault&) { return call.method != "closed"; });
+    table_.add("good", echo());
+    table_.add("closed", echo());
+    table_.add("bad", [](Method_Call const&, Value&, Method_Fault& fault) {
+        fault = {-7, "no such thing", {}};
+        return false;
+    });
+    table_.bind("handled", std::make_shared<Handler>());
+    JSON_RPC_Reply answer;
+    for (char const* method : {"good", "closed", "bad", "handled"})
+        (void)table_.call(method, Object(), Rpc_Caller::local(), 10s, answer);
+    EXPECT_EQ((std::vector<std::string>{"good 0 ", "bad -7 no such thing", "handled 0 "}), audited);
+    audited.clear();
+    for (char const* method : {"good", "closed", "bad"}) {
+        request(method, Object());
+        (void)reply();
+    }
+    EXPECT_EQ((std::vector<std::string>{"good 0 ", "bad -7 no such thing"}), audited);
+}
+
+TEST_F(Method_Table_Test, readers_have_few_of_the_calls_that_wait_for_tools) {
+    std::promise<void> open;
+    std::shared_future<void> const opened = open.get_future().share();
+    table_.gate([](Method_Call const&, Method_Fault&) { return true; });
+    table_.may_wait_for_tools("tool", [](Value const&) { return std::optional<std::string>("x"); });
+    table_.add("tool", [&](Method_Call const&, Value&, Method_Fault&) {
+        opened.wait();
+        return true;
+    });
+    Rpc_Caller reader{Rpc_Caller::READER, {}, {}, nullptr, SOME_UID};
+    auto const ask = [&](Rpc_Caller const& caller) {
+        return table_.handle(
+            channel_, JSON_RPC_Object_var(new JSON_RPC_Request(++id_, "tool", Object())), caller);
+    };
+    for (size_t i = 0; i < Method_Table::TOOL_CALLS_OF_READERS; ++i)
+        EXPECT_EQ(0, ask(reader));
+    EXPECT_EQ(-1, ask(reader));
+    Value const refusal = recording_->await(1).at(0); // those before it wait
+    EXPECT_EQ(Value(JSON_RPC_BUSY),
+              object_get_any(object_get_any(refusal.get_obj(), "error").get_obj(), "code"));
+    EXPECT_EQ(0, ask(Rpc_Caller::local()));
+    open.set_value();
+    (void)recording_->await(static_cast<size_t>(id_));
 }
 
 TEST_F(Method_Table_Test, the_gate_is_asked_before_functions_handlers_and_notifications) {

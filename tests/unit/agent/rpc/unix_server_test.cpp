@@ -1,12 +1,15 @@
 #include "agent/rpc/rpc_server.h"
 #include "agent/rpc/unix_client.h"
+#include "host/rpc/json_rpc_thread_pool_handler.h"
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/own_thread.h"
 #include "tests/support/temporary_directory.h"
 #include "tests/unit/agent/rpc/raw_client.h"
 
 #include <future>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -112,6 +115,122 @@ TEST_F(Unix_Server_Test, only_the_agents_user_may_open_the_socket) {
     EXPECT_TRUE(S_ISSOCK(status.st_mode));
     EXPECT_EQ(0600u, status.st_mode & 07777);
     expect_service();
+}
+
+namespace {
+
+constexpr uid_t SOMEBODY = 61234; ///< a user without an entry
+constexpr char READERS[] = "nogroup";
+
+/** As another user: a socket of this host, with a group among the others or as the first one. */
+class Unix_Readers_Test : public Unix_Server_Test {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0)
+            GTEST_SKIP() << "only root can become another user";
+        ASSERT_EQ(0, chmod(files_.path("").c_str(), 0755));
+        group_ = getgrnam(READERS)->gr_gid;
+        options_.readers = READERS;
+    }
+    /** What a user is to the agent; "closed" if it is sent away, "denied" if not even let in. */
+    std::string who_is(uid_t uid, gid_t gid, std::vector<gid_t> const& others) {
+        std::string answer = "denied";
+        on_own_thread([&] {
+            if (syscall(SYS_setgroups, others.size(), others.data()) != 0 ||
+                syscall(SYS_setresgid, gid, gid, gid) != 0 ||
+                syscall(SYS_setresuid, uid, uid, uid) != 0)
+                return;
+            try {
+                Raw_Client client = raw();
+                (void)client.send("{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"who\"}\n");
+                answer = client.line();
+            } catch (std::runtime_error const&) {
+            }
+        });
+        return answer == "denied" || answer == "closed"
+                   ? answer
+                   : object_get_any(parsed(answer).get_obj(), "result").get_str();
+    }
+
+    gid_t group_ = 0;
+};
+
+} // namespace
+
+TEST_F(Unix_Readers_Test, users_of_the_group_are_readers_whichever_of_their_groups_it_is) {
+    methods_.gate([](Method_Call const&, Method_Fault&) { return true; });
+    start();
+    EXPECT_EQ("reader with uid 61234", who_is(SOMEBODY, group_, {}));
+    EXPECT_EQ("reader with uid 61234", who_is(SOMEBODY, SOMEBODY, {5, group_}));
+    EXPECT_EQ("the local administrator", who_is(0, 0, {}));
+    EXPECT_EQ("the local administrator", who_is(0, group_, {group_}));
+    EXPECT_EQ("denied", who_is(SOMEBODY, SOMEBODY, {5}));
+}
+
+TEST_F(Unix_Readers_Test, the_mode_of_the_socket_alone_lets_nobody_in) {
+    start();
+    ASSERT_EQ(0, chmod(options_.socket_path.c_str(), 0666));
+    EXPECT_EQ("closed", who_is(SOMEBODY, SOMEBODY, {5}));
+    EXPECT_EQ("the local administrator", who_is(0, 0, {}));
+}
+
+TEST_F(Unix_Readers_Test, without_the_group_there_are_no_readers) {
+    options_.readers = "no-such-group";
+    start();
+    EXPECT_LOGGED(LM_INFO, "Only root can look: the group no-such-group does not exist\n");
+    EXPECT_EQ("denied", who_is(SOMEBODY, group_, {group_}));
+    ASSERT_EQ(0, chmod(options_.socket_path.c_str(), 0666));
+    EXPECT_EQ("closed", who_is(SOMEBODY, group_, {group_}));
+    EXPECT_EQ("the local administrator", who_is(0, 0, {}));
+}
+
+TEST_F(Unix_Readers_Test, readers_take_neither_the_room_nor_the_memory_of_administrators) {
+    options_.limits.readers = 3;
+    options_.limits.connections_of_reader = 2;
+    start();
+    on_own_thread([&] {
+        ASSERT_TRUE(become(SOMEBODY, group_));
+        Raw_Client first = raw(), second = raw(), third = raw();
+        EXPECT_TRUE(third.closed()) << "more than the share of one user";
+        EXPECT_LOGGED(LM_WARNING, "Refused a connection from user 61234, there are 2 of readers\n");
+        (void)first.send(std::string(70'000, ' ') + "\n");
+        EXPECT_NE(std::string::npos, first.line().find("the message is too large"));
+        EXPECT_LOGGED(LM_WARNING, "Closed a local connection, its message is larger than 65536");
+        second.send("{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"who\"}\n");
+        EXPECT_NE(std::string::npos, second.line().find("-32005")) << "no gate: local callers only";
+    });
+    expect_service();
+}
+
+TEST_F(Unix_Server_Test, what_a_handler_answers_is_audited) {
+    std::mutex mutex;
+    std::vector<std::string> audited;
+    methods_.audit([&](Method_Call const& call, int code, std::string const& message) {
+        std::lock_guard const guard(mutex);
+        audited.push_back(call.method + " " + std::to_string(code) + " " + message + " uid " +
+                          std::to_string(call.caller.uid.value_or(1)));
+    });
+    class Handler : public JSON_RPC_Thread_Pool_Handler_Impl {
+    public:
+        ~Handler() override { fini(); }
+        int handle_request(JSON_RPC_Channel* channel, JSON_RPC_Request& request) override {
+            return request.method() == "good"
+                       ? channel->send(JSON_RPC_Response(&request))
+                       : channel->send_error(-7, request.id(), "no such thing");
+        }
+    };
+    auto const handler = std::make_shared<Handler>();
+    methods_.bind("good", handler);
+    methods_.bind("bad", handler);
+    start();
+    Raw_Client client = raw();
+    for (std::string const method : {"good", "bad"}) {
+        client.send("{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"" + method + "\"}\n");
+        (void)client.line();
+    }
+    std::lock_guard const guard(mutex);
+    std::string const uid = " uid " + std::to_string(geteuid());
+    EXPECT_EQ((std::vector<std::string>{"good 0 " + uid, "bad -7 no such thing" + uid}), audited);
 }
 
 TEST_F(Unix_Server_Test, stop_removes_the_socket_and_tells_clients) {

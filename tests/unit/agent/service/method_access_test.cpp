@@ -184,6 +184,56 @@ TEST_F(Method_Access_Test, only_these_are_for_the_network_beside_the_administrat
     }
 }
 
+TEST_F(Method_Access_Test, readers_look_and_nothing_else) {
+    std::set<std::string> const looking{"agent.check",   "agent.info",  "backup.list",
+                                        "backup.point",  "backup.show", "instance.list",
+                                        "instance.show", "job.list",    "job.log",
+                                        "job.show",      "job.watch",   "pool.list"};
+    Rpc_Caller const reader{Rpc_Caller::READER, {}, {}, nullptr, 1001};
+    std::vector<std::string> const methods = described_methods();
+    EXPECT_LT(40u, methods.size());
+    for (std::string const& method : methods) {
+        EXPECT_EQ(looking.contains(method), may(reader, method)) << method;
+        EXPECT_FALSE(looking.contains(method) &&
+                     Method_Access::subject_of_change({method, {}, reader}))
+            << method;
+    }
+    EXPECT_FALSE(may(reader, "agent.check", {{"instance", "c1"}, {"cache_dir", "/root/.ssh"}}));
+    Method_Fault fault;
+    EXPECT_FALSE(access_.allows({"pool.remove", Object(), reader}, fault));
+    EXPECT_EQ("refused to reader with uid 1001: readers may only look at the agent, instances, "
+              "backups, jobs, pools and check; run it as root",
+              fault.message);
+}
+
+TEST_F(Method_Access_Test, a_change_has_a_subject) {
+    Rpc_Caller const local = Rpc_Caller::local();
+    EXPECT_EQ("main", Method_Access::subject_of_change(
+                          {"pool.update", Object{{"pool", "main"}, {"name", "x"}}, local}));
+    EXPECT_EQ("", Method_Access::subject_of_change({"pool.update", Object{}, local}));
+    EXPECT_EQ("", Method_Access::subject_of_change({"pool.update", Value(), local}));
+    EXPECT_EQ(std::nullopt, Method_Access::subject_of_change({"pool.list", Object{}, local}));
+    EXPECT_EQ(std::nullopt, Method_Access::subject_of_change({"no.such_method", {}, local}));
+}
+
+/** Whatever people can do beside asking is a change, and so is a method that is added later. */
+TEST_F(Method_Access_Test, what_only_administrators_may_call_is_a_change_or_asks_for_details) {
+    std::set<std::string> const asking{"audit.list",      "definition.list",
+                                       "definition.show", "gaussdb.get_instance",
+                                       "gaussdb.list",    "gaussdb.list_tpops_instances",
+                                       "instance.try",    "member.list"};
+    Rpc_Caller const reader{Rpc_Caller::READER, {}, {}, nullptr, 1001};
+    for (std::string const& method : described_methods()) {
+        bool const is_peoples = may(Rpc_Caller::admin(), method) && !may(reader, method) &&
+                                !may(caller(other_key_), method) && !backup_may(method);
+        bool const is_change =
+            Method_Access::subject_of_change({method, {}, Rpc_Caller::admin()}).has_value();
+        if (is_peoples && !method.starts_with("catalog.") && !method.starts_with("backup")) {
+            EXPECT_NE(asking.contains(method), is_change) << method;
+        }
+    }
+}
+
 TEST_F(Method_Access_Test, administration_is_for_administrators) {
     for (char const* method : {"job.start", "definition.save", "pool.create", "account.save",
                                "member.add", "agent.info"})
