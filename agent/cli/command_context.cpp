@@ -17,6 +17,16 @@ constexpr char IS_IT_RUNNING[] =
 constexpr char SEE_THE_LOG[] = "The agent's log says more: `journalctl -u zenbrak3-agent`.";
 constexpr char CLEAR_SCREEN[] = "\x1b[H\x1b[2J\x1b[3J";
 
+constexpr std::string_view ABSENT = " does not exist";
+
+/** "pool x does not exist", if that is why the parameters are wrong. */
+std::string absent_name(Rpc_Error const& error) {
+    if (!error.message.ends_with(ABSENT))
+        return "";
+    size_t const colon = error.message.rfind(": ");
+    return colon == std::string::npos ? error.message : error.message.substr(colon + 2);
+}
+
 /** What to exit with for the code of an agent's answer. */
 Exit_Code exit_code_of(int code) {
     switch (code) {
@@ -85,6 +95,9 @@ Exit_Code Command_Context::tell_failure(Rpc_Error const& error, std::string cons
         return EXIT_UNREACHABLE;
     }
     Exit_Code const code = exit_code_of(error.code);
+    if (std::string const absent = absent_name(error); code == EXIT_USAGE && !absent.empty())
+        return tell_failure({Rpc_Error::ANSWERED, Rpc_Error::NOT_FOUND, absent, absent}, doing,
+                            advice);
     std::string const close = code == EXIT_NOT_FOUND ? suggestion(error) : std::string();
     if (code == EXIT_NOT_FOUND)
         fail(code, what, close + (close.empty() || advice.empty() ? "" : " ") + advice);
@@ -115,7 +128,6 @@ std::string Command_Context::suggestion(Rpc_Error const& error) {
         return "";
     // as the agent names it: instance prod, or job "0f3a"
     std::string what = error.data.get_str();
-    constexpr std::string_view ABSENT = " does not exist";
     if (what.ends_with(ABSENT))
         what.resize(what.size() - ABSENT.size());
     size_t const blank = what.find(' ');

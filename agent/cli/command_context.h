@@ -44,6 +44,15 @@ public:
     [[nodiscard]] bool ask(std::string const& method, json_spirit::Value const& params,
                            std::string const& doing, json_spirit::Value& result,
                            std::string const& advice = "");
+    /** The same without a word to the user, who can be told by fail_to(). */
+    [[nodiscard]] bool try_to_ask(std::string const& method, json_spirit::Value const& params,
+                                  json_spirit::Value& result, Rpc_Error& error) {
+        return agent_.call(method, params, result, error);
+    }
+    /** Tells of the failure of a call, and returns the exit status. */
+    int fail_to(std::string const& doing, Rpc_Error const& error, std::string const& advice = "") {
+        return status_ = tell_failure(error, doing, advice);
+    }
     /** The same without a word to the user. */
     [[nodiscard]] bool try_to_ask(std::string const& method, json_spirit::Value const& params,
                                   json_spirit::Value& result);

@@ -35,17 +35,40 @@ Value const& name_in(Value const& element) {
                : element;
 }
 
+/** Why a list of databases or schemas failed: often there is no account to log on with. */
+int tell_list_failure(Command_Context& context, std::string const& instance,
+                      std::string const& doing, Rpc_Error const& error) {
+    constexpr char NO_ACCOUNT[] = "get login info fail"; // the module's words
+    bool const has_no_account = error.message.find(NO_ACCOUNT) != std::string::npos ||
+                                (error.data.type() == json_spirit::str_type &&
+                                 error.data.get_str().find(NO_ACCOUNT) != std::string::npos);
+    if (!has_no_account)
+        return context.fail_to(doing, error, LIST_INSTANCES);
+    if (!is_known(context, "instance", instance, doing))
+        return context.status();
+    return context.fail(EXIT_REFUSED,
+                        "cannot " + doing + ": no account of " + instance + " is saved",
+                        "`zenbrak3 account " + instance + " USER` saves one.");
+}
+
 int list_names(Command_Context& context, Object params, std::string const& uid,
                std::string const& doing, char const* key) {
     std::string owner;
     if (!find_uid(context, uid, owner))
         return context.status();
     params["uid"] = owner;
-    Object result;
     Table table(std::vector<Column>{{"NAME", "name"}});
-    if (!choose(context, table) ||
-        !context.ask("gaussdb.list", params, doing, result, LIST_INSTANCES))
+    if (!choose(context, table))
         return context.status();
+    Value answer;
+    Rpc_Error error;
+    if (!context.try_to_ask("gaussdb.list", params, answer, error))
+        return tell_list_failure(context, json_spirit::object_get_str(params, "instance"), doing,
+                                 error);
+    if (answer.type() != json_spirit::obj_type)
+        return context.fail(EXIT_FAILED, "cannot " + doing +
+                                             ": the agent's answer to gaussdb.list is no object");
+    Object result = answer.get_obj();
     for (Value const& element : array_of(result, key))
         table.add(Object{{"name", name_in(element)}}, element);
     result[key] = table.rows();
@@ -446,7 +469,8 @@ int check(Command_Context& context, std::string const& instance, std::string con
                                                       json_spirit::Skip_Empty_Helper(cache_dir))(
         "uid", json_spirit::Skip_Empty_Helper(uid));
     Object result;
-    if (!context.ask("agent.check", params, "check", result, LIST_INSTANCES))
+    if (!context.ask("agent.check", params, "check", result,
+                     "`zenbrak3 instances` lists the instances, `zenbrak3 pools` the pools."))
         return context.status();
     if (context.json())
         context.print_json(result);

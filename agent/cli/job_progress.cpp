@@ -1,5 +1,6 @@
 #include "agent/cli/job_progress.h"
 
+#include "agent/cli/json_times.h"
 #include "agent/cli/text_form.h"
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
@@ -117,7 +118,7 @@ std::string Progress_Printer::next(json_spirit::Object const& run, Time now) {
     if (form_ == Progress_Form::NONE)
         return "";
     if (form_ == Progress_Form::JSON)
-        return printable_json(json_spirit::to_text(run)) + "\n";
+        return printable_json(json_spirit::to_text(with_iso_times(run))) + "\n";
     if (form_ == Progress_Form::BAR) {
         // the last column stays free: writing to it would begin a new line on some terminals
         std::string const bar = progress_bar(run, std::max<size_t>(terminal_.width, 2) - 1);

@@ -99,6 +99,9 @@ int show_info(Command_Context& context) {
     Object info;
     if (!context.ask("agent.info", Object(), "ask the agent about itself", info))
         return context.status();
+    Object module;
+    if (!context.json() && json_spirit::object_get(info, "module", module))
+        info["module"] = json_spirit::object_get_any(module, "path");
     return show_object(context, info,
                        {{"Name", "name"},
                         {"UUID", "uuid"},
@@ -107,6 +110,7 @@ int show_info(Command_Context& context) {
                         {"Process", "pid"},
                         {"Started", "started", Form::TIME},
                         {"Data directory", "data_dir"},
+                        {"Module", "module"},
                         {"Default user", "uid"},
                         {"Backup server", "backupd"}},
                        {"methods"});
@@ -277,13 +281,35 @@ int show_backup(Command_Context& context, std::string const& backup) {
                  {"Size", "backup_set_size", Form::SIZE},
                  {"Flavour", "series", Form::FLAVOUR},
                  {"Version", "database_version"},
+                 {"Nodes", "nodes"},
+                 {"Database", "database"},
                  {"Compression", "compression"},
                  {"Host", "host"},
                  {"Job", "job_act_id"},
+                 {"Definition", "name"},
                  {"Depends on", "depends"},
                  {"Needed by", "needed_by"}},
-                {"storages", "pieces", "tables", "begin_time", "end_time", "platform_begin_time",
-                 "platform_end_time"});
+                // for programs
+                {"storages",
+                 "pieces",
+                 "tables",
+                 "begin_time",
+                 "end_time",
+                 "platform_begin_time",
+                 "platform_end_time",
+                 "agent",
+                 "definition_uuid",
+                 "granularity",
+                 "host_uuid",
+                 "incarnation",
+                 "meta_destination",
+                 "minor_resource_id",
+                 "nodes_count",
+                 "pool_uuid",
+                 "resource_label",
+                 "resource_uuid",
+                 "seq",
+                 "uid"});
     if (context.json())
         return EXIT_OK;
     Table storages({{"POOL", "pool"}, {"SIZE", "size", Form::SIZE}, {"COPY", "copy"}});

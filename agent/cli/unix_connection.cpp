@@ -80,9 +80,11 @@ bool Unix_Connection::open(Rpc_Error& error) {
     path_.copy(address.sun_path, path_.size());
     File_Descriptor connected(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!connected ||
-        connect(connected.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == -1)
-        return fail(error, errno == EACCES ? Rpc_Error::DENIED : Rpc_Error::UNREACHABLE,
-                    "cannot connect to " + path_ + ": " + reason(errno));
+        connect(connected.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == -1) {
+        int const code = errno;
+        return fail(error, code == EACCES ? Rpc_Error::DENIED : Rpc_Error::UNREACHABLE,
+                    "cannot connect to " + path_ + ": " + reason(code));
+    }
     socket_ = std::move(connected);
     return true;
 }

@@ -292,7 +292,9 @@ void Agent_Jobs::add_missing_alerts(std::string const& run_id, Job_State state,
     for (Run_Log::Alert_Line const& line :
          log ? log->alert_lines() : std::vector<Run_Log::Alert_Line>()) {
         bool const is_raised = std::ranges::any_of(raised, [&](Run_Alert const& one) {
-            return one.alert.level == line.level && one.alert.code == line.code;
+            // of several reasons for a full backup the first one counts
+            return one.alert.level == line.level &&
+                   (line.level != FAILS || one.alert.code == line.code);
         });
         bool const is_failure = line.level == FAILS;
         if (is_raised || (is_failure && (!failed || explained)))

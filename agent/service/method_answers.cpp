@@ -33,7 +33,7 @@ bool answer(Job_Answer const& answer, Method_Fault& fault) {
     case Job_Answer::INVALID:
         return invalid_params(answer.text, fault);
     case Job_Answer::NOT_FOUND:
-        fault = {AGENT_RPC_NOT_FOUND, answer.text, answer.text};
+        fault = {AGENT_RPC_NOT_FOUND, answer.text + " does not exist", answer.text};
         return false;
     case Job_Answer::REFUSED:
         return refused(answer.text, fault);

@@ -1,6 +1,12 @@
+#include "agent/cli/unix_connection.h"
 #include "tests/integration/agent_command_fixture.h"
+#include "tests/support/temporary_directory.h"
 
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace {
 
@@ -16,7 +22,7 @@ TEST_F(Agent_Command_Test, info) {
               "Version:  0.1.0\n"
               "Process:  42\n"
               "Started:  2026-11-22 02:30:00Z\n"
-              "module:   path=/m.so\n",
+              "Module:   /m.so\n",
               out());
     EXPECT_EQ("", err());
 }
@@ -191,6 +197,30 @@ TEST_F(Agent_Command_Test, nobody_listens) {
         EXPECT_THAT(err(), HasSubstr("systemctl status zenbrak3-agent"));
         EXPECT_EQ("", out());
     }
+}
+
+TEST_F(Agent_Command_Test, a_user_who_may_not_ask_is_told_who_may) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can become another user";
+    Temporary_Directory directory;
+    ASSERT_EQ(0, chmod(directory.path().c_str(), 0711));
+    std::string const path = directory.path("agent.sock");
+    File_Descriptor const listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    ASSERT_LT(path.size(), sizeof address.sun_path);
+    path.copy(address.sun_path, path.size());
+    ASSERT_EQ(0, bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address));
+    ASSERT_EQ(0, listen(listener.get(), 1));
+    ASSERT_EQ(0, chmod(path.c_str(), 0600));
+    child_.emplace(std::vector<std::string>{"/usr/bin/setpriv", "--reuid", "65534", "--regid",
+                                            "65534", "--clear-groups", ZENBRAK3_COMMAND, "--socket",
+                                            path, "pools"},
+                   setting_);
+    EXPECT_EQ(5, child_->wait());
+    EXPECT_EQ("zenbrak3: cannot list the pools: cannot connect to " + path +
+                  ": user nobody may not use it\n" + WHO_MAY_ASK + "\n",
+              err());
 }
 
 TEST_F(Agent_Command_Test, the_option_goes_before_the_environment) {

@@ -133,4 +133,34 @@ TEST_F(Unknown_Name_Test, nothing_close_leaves_the_advice) {
               hint({"instance", "show", "prdo"}, "instance.show", "instance prdo"));
 }
 
+TEST_F(Unknown_Name_Test, one_within_a_definition_is_not_found_either) {
+    agent_.answers("instance.show", Object{{"name", "prod"}, {"uuid", "u-1"}});
+    agent_.refuses("job.start", -32602, "Invalid params: target.pool: pool mian does not exist",
+                   {});
+    EXPECT_EQ(EXIT_NOT_FOUND, run({"backup", "prod", "--pool", "mian"}));
+    EXPECT_THAT(err_,
+                testing::StartsWith("zenbrak3: cannot back up prod: pool mian does not exist\n"
+                                    "Did you mean 'main'? "));
+    agent_.refuses("job.start", -32602, "Invalid params: options.channels: wanted a number", {});
+    EXPECT_EQ(EXIT_USAGE, run({"backup", "prod", "--pool", "main"}));
+}
+
+TEST_F(Unknown_Name_Test, databases_without_an_account_say_how_to_save_one) {
+    agent_.answers("instance.show", Object{{"name", "prod"}, {"uuid", "u-1"}});
+    agent_.refuses("gaussdb.list", -32603, "Internal error", "get login info fail");
+    for (std::vector<char const*> const& words :
+         {std::vector<char const*>{"databases", "prod", "--uid", "u"},
+          {"schemas", "prod", "db", "--uid", "u"}}) {
+        EXPECT_EQ(EXIT_REFUSED, run(words));
+        EXPECT_THAT(err_, HasSubstr(": no account of prod is saved\n"
+                                    "`zenbrak3 account prod USER` saves one.\n"));
+    }
+    agent_.refuses("instance.show", Rpc_Error::NOT_FOUND, "it does not exist", "instance prdo");
+    EXPECT_EQ(EXIT_NOT_FOUND, run({"databases", "prdo", "--uid", "u"})) << "which is the cause";
+    EXPECT_THAT(err_, HasSubstr("Did you mean 'prod'?"));
+    agent_.refuses("gaussdb.list", -32603, "Internal error", "something else");
+    EXPECT_EQ(EXIT_FAILED, run({"databases", "prod", "--uid", "u"}));
+    EXPECT_THAT(err_, HasSubstr("something else"));
+}
+
 } // namespace

@@ -618,6 +618,7 @@ TEST_F(Agent_Jobs_Test, a_run_that_became_full_says_so) {
     std::string const raised = run([](Job& job, Job_Event_Handler& events) {
         write_job_alert(&job, 5, 5, 0, json_spirit::Value::null, 1);
         QMRT_LOG(LM_INFO, "Do full backup because prior backup not found\n");
+        QMRT_LOG(LM_INFO, "Do full backup because prior backup key not found\n");
         succeed(job, events);
     });
     EXPECT_EQ(1, found(raised).alerts) << "the module has told it";
