@@ -100,6 +100,8 @@ bool Tls_Listener::Impl::listen(std::string& error) {
     if (failure) {
         error = "cannot listen at " + options.address + " port " + std::to_string(options.port) +
                 ", " + failure.message();
+        if (failure == boost::asio::error::address_in_use)
+            error += "; `ss -ltnp` shows the program that has the port: end it, or set remote.port";
         return false;
     }
     port = acceptor.local_endpoint().port();

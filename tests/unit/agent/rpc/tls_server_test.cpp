@@ -308,6 +308,9 @@ TEST_F(Tls_Server_Test, what_cannot_be_served_is_said) {
     start();
     EXPECT_NE(std::string::npos,
               refusal([this](auto& o) { o.port = server_->port(); }).find("cannot listen"));
+    EXPECT_NE(std::string::npos, refusal([this](auto& o) {
+                                     o.port = server_->port();
+                                 }).find("`ss -ltnp` shows the program that has the port"));
 }
 
 TEST_F(Tls_Server_Test, a_client_that_goes_takes_its_questions_along) {
