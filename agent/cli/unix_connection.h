@@ -9,7 +9,9 @@ constexpr char DEFAULT_AGENT_SOCKET[] = "/run/zenbrak3/agent.sock";
 
 /** What a user may do whom the agent does not serve. */
 constexpr char WHO_MAY_ASK[] =
-    "Only root may use the agent: run the command as root, such as by sudo.";
+    "Run the command as root, such as by sudo. To look only (info, instances, backups, jobs, "
+    "pools, "
+    "check), join the group zenbrak3-read: `usermod -aG zenbrak3-read USER`, and log in again.";
 
 /**
  * JSON-RPC 2.0 over the agent's Unix stream socket: each message is one compact JSON text and "\n".

@@ -11,7 +11,8 @@ class Local_Socket_Test(Attack_Test):
         for user in (USER, DATABASE_USER):
             done = run_as(user, "zenbrak3", "info")
             self.assertNotEqual(0, done.returncode)
-            self.assertIn("ermission denied", done.stderr)
+            self.assertIn("may not use it", done.stderr)
+            self.assertIn("zenbrak3-read", done.stderr)
 
     def test_a_reader_may_look_and_nothing_else(self):
         subprocess.run(["usermod", "-aG", "zenbrak3-read", USER], check=True)
