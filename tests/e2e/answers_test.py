@@ -47,7 +47,7 @@ class Answers_Test(unittest.TestCase):
                       ["pools"], ["members"], ["backups"], ["backups", OTHER], ["backup", "show", full],
                       ["backup", "show", made], ["backup", "show", of_t["run_id"]], ["jobs"],
                       ["jobs", "--state", "error"], ["job", "show", made], ["job", "log", made],
-                      ["definitions"]):
+                      ["definitions"], ["audit"]):
             self.answer(*words)
         self.assertEqual([full], self.answer("backup", "show", made)["depends"])
         self.assertEqual([made], self.answer("backup", "show", full)["needed_by"])
@@ -83,6 +83,11 @@ class Answers_Test(unittest.TestCase):
         self.assertEqual("error", failed["state"])
         shown = self.answer("job", "show", failed["run_id"])
         self.assertEqual([7], [alert["level"] for alert in shown["alert_list"]])
+
+    def test_each_command_has_a_schema(self):
+        commands = subprocess.check_output(["zenbrak3", "complete", "commands"], text=True).splitlines()
+        known = json.loads((ROOT / "docs/schema/answers.json").read_text())["$defs"]
+        self.assertEqual(sorted(commands), sorted(known))
 
     def test_the_check_refuses_what_is_wrong(self):
         for text in ("", "{}", "{} {}", '{"error": {"code": 0, "message": "", "hint": null}}', '{"jobs": [{}]}',
