@@ -253,6 +253,10 @@ class Chain_Test(Restoring_Test):
         made = tell("backup", "show", run["run_id"])
         self.assertEqual(("incremental", ""), (made["type"], made["prior_backup_key"]))
         self.assertEqual("full", made["level"], "as it was made")
+        of_level = {level: [one["uuid"] for one in tell("backups", "c1", "--type", level)["backups"]]
+                    for level in ("full", "incremental")}
+        self.assertIn(run["run_id"], of_level["full"])
+        self.assertNotIn(run["run_id"], of_level["incremental"])
         self.assertEqual("full", tell("job", "show", run["run_id"])["level"])
         alerts = self.alerts(run)
         self.assertEqual(1, len(alerts), alerts)

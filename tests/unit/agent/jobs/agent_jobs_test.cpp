@@ -456,6 +456,7 @@ TEST_F(Agent_Jobs_Test, what_was_on_when_the_agent_ended_has_failed) {
         ASSERT_TRUE(next.find(made->run_id(), run));
         EXPECT_EQ(JOB_STATE_ERROR, run.state);
         EXPECT_EQ("the agent ended while the job was running", run.message);
+        EXPECT_EQ(1, run.alerts);
         EXPECT_EQ(-1, run.code);
         EXPECT_NE(0, run.end_time);
         EXPECT_FALSE(directory_.exists("logs/" + std::string(POOL) + ".log"));
