@@ -6,8 +6,9 @@
 
 /** The first byte is the type: any text is a schedule with a next time, or is told why not. */
 extern "C" int LLVMFuzzerTestOneInput(unsigned char const* data, size_t size) {
-    static constexpr char const* TYPES[] = {"once",    "hourly",     "daily", "weekly",
-                                            "monthly", "continuous", "none",  "ondemand"};
+    static constexpr char const* TYPES[] = {"once",   "hourly",   "daily",
+                                            "weekly", "monthly",  "continuous",
+                                            "none",   "ondemand", "calendar"};
     if (size < 1)
         return 0;
     std::string const at(reinterpret_cast<char const*>(data) + 1, size - 1);

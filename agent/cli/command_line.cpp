@@ -26,7 +26,7 @@ constexpr char FOOTER[] =
     "`zenbrak3 COMMAND --help` says more about each. Exit status: 0 done, 1 it failed, 2 wrong\n"
     "usage, 3 no agent, 4 not found, 5 refused, 6 the job was canceled, 130 interrupted.";
 
-std::vector<std::string> const LEVELS{"full", "incremental", "cumulative", "differential", "log"};
+std::vector<std::string> const LEVELS{"full", "incremental", "cumulative", "log"};
 
 /** All states that a run can have. */
 std::vector<std::string> state_names() {
@@ -57,6 +57,7 @@ Command_Line::Command_Line()
     add_member_commands();
     add_backup_command();
     add_restore_command();
+    add_schedule_commands();
     add_job_commands();
     add_definition_commands();
 }
@@ -350,7 +351,7 @@ void Command_Line::add_backup_command() {
     backup->add_option("--channels", wishes_.channels, "Parallel streams")
         ->type_name("N")
         ->check(whole_number_check(1, 10000));
-    backup->add_option("--name", wishes_.name, "What the job's definition is called")
+    backup->add_option("--name", wishes_.name, "Keep the job's definition under this name")
         ->check(name_check(names::fault_of_title));
     backup
         ->add_option("--schema", wishes_.schemas,
@@ -478,7 +479,7 @@ void Command_Line::add_restore_command() {
     added->add_option("--channels", wishes_.channels, "Parallel streams")
         ->type_name("N")
         ->check(whole_number_check(1, 10000));
-    added->add_option("--name", wishes_.name, "What the job's definition is called")
+    added->add_option("--name", wishes_.name, "Keep the job's definition under this name")
         ->check(name_check(names::fault_of_title));
     add_option_values(*added);
     add_uid(*added);

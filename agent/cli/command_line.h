@@ -66,6 +66,9 @@ private:
     void add_restore_command();
     void add_job_commands();
     void add_definition_commands();
+    void add_schedule_commands();
+    void add_schedule_changes(CLI::App& schedules);
+    void add_schedule_wishes(CLI::App& command);
     void check_backup() const;
 
     CLI::App app_;
@@ -100,6 +103,9 @@ private:
     std::string file_;
     std::string what_;
     Job_Wishes wishes_;
+    std::string schedule_;
+    std::string schedule_level_;
+    Schedule_Wishes schedule_wishes_;
     Pool_Wishes pool_wishes_;
     std::string member_;
     Member_Wishes member_wishes_;

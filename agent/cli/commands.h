@@ -6,6 +6,7 @@
 #include "agent/cli/definition.h"
 #include "agent/cli/job_progress.h"
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -151,7 +152,28 @@ int restore(Command_Context& context, std::string const& backup, std::string con
             Job_Wishes const& wishes, Wait const& wait, Consent const& consent);
 /** Saves a definition and starts it. */
 int run_definition_file(Command_Context& context, std::string const& file, Wait const& wait);
-int start_definition(Command_Context& context, std::string const& definition, Wait const& wait);
+/** @param level  of the backup; "" for the definition's */
+int start_definition(Command_Context& context, std::string const& definition, Wait const& wait,
+                     std::string const& level = "");
+
+/** When an instance is backed up by itself; nothing is said by what is empty. */
+struct Schedule_Wishes {
+    std::string pool;
+    std::map<std::string, std::string> times; ///< by the level; "none" ends the level
+    std::string time_zone;                    ///< "local" for the host's
+    std::optional<bool> catch_up;
+};
+int add_schedule(Command_Context& context, std::string const& instance,
+                 Schedule_Wishes const& wishes, Job_Wishes const& job);
+int update_schedule(Command_Context& context, std::string const& schedule,
+                    Schedule_Wishes const& wishes, Job_Wishes const& job);
+int list_schedules(Command_Context& context, std::string const& instance, double interval);
+int show_schedule(Command_Context& context, std::string const& schedule);
+/** @param enabled  false pauses the schedule */
+int enable_schedule(Command_Context& context, std::string const& schedule, bool enabled);
+int remove_schedule(Command_Context& context, std::string const& schedule);
+int run_schedule(Command_Context& context, std::string const& schedule, std::string const& level,
+                 Wait const& wait);
 
 struct Job_Filter {
     std::string definition;
@@ -170,7 +192,7 @@ int change_job(Command_Context& context, std::string const& job, std::string con
 int wait_for_job(Command_Context& context, std::string const& job, Wait const& wait);
 
 /**
- * Prints the names of "instances", "pools", "jobs", "backups" or "definitions", one a line, for the
+ * Prints the names of "instances", "pools", "jobs" and so on, one a line, for the
  * completion of a shell: without a word about failures.
  */
 int print_names(Command_Context& context, std::string const& what);

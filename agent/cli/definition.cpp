@@ -292,6 +292,18 @@ bool make_backup_definition(json_spirit::Object const& instance, std::string con
     return true;
 }
 
+bool make_backup_changes(Job_Wishes const& wishes, json_spirit::Object& changes,
+                         std::string& error) {
+    if (!read_wishes(wishes, changes, error))
+        return false;
+    json_spirit::Object& options = changes["options"].get_obj();
+    if (!wishes.compression.empty()) // a level that is not given is not that of another method
+        options.emplace("compression_level", json_spirit::Value());
+    if (options.empty())
+        changes.erase("options");
+    return true;
+}
+
 bool make_restore_definition(json_spirit::Object const& backup,
                              json_spirit::Object const* restore_as, Job_Wishes const& wishes,
                              json_spirit::Object& definition, std::string& error) {

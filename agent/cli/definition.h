@@ -69,6 +69,13 @@ std::string instance_entry(std::string const& instance);
                                           std::string& error);
 
 /**
+ * Changes of a backup's definition: what is wished for, and nothing else.
+ * @param error  set if false is returned
+ */
+[[nodiscard]] bool make_backup_changes(Job_Wishes const& wishes, json_spirit::Object& changes,
+                                       std::string& error);
+
+/**
  * A restore of a whole backup, or of the tables that are wished for.
  * @param backup      as the agent has it
  * @param restore_as  the instance that it goes to, as the agent has it; null for the one that it

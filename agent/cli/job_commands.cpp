@@ -298,7 +298,7 @@ int back_up(Command_Context& context, std::string const& instance, std::string c
         return context.fail(EXIT_USAGE, "cannot " + doing + ": " + error);
     if (!tell_of_base(context, found, pool, level))
         return context.status();
-    return start(context, {{"run", definition}}, doing, wait);
+    return start(context, {{"run", definition}, {"keep", !wishes.name.empty()}}, doing, wait);
 }
 
 int restore(Command_Context& context, std::string const& backup, std::string const& restore_as,
@@ -333,7 +333,7 @@ int restore(Command_Context& context, std::string const& backup, std::string con
                           : restore_consequences(context, found, name, wishes.tables),
                   status))
         return status;
-    return start(context, {{"run", definition}}, doing, wait);
+    return start(context, {{"run", definition}, {"keep", !wishes.name.empty()}}, doing, wait);
 }
 
 int run_definition_file(Command_Context& context, std::string const& file, Wait const& wait) {
@@ -343,8 +343,12 @@ int run_definition_file(Command_Context& context, std::string const& file, Wait 
     return start(context, {{"run", definition}}, "run " + file, wait);
 }
 
-int start_definition(Command_Context& context, std::string const& definition, Wait const& wait) {
-    return start(context, {{"definition", definition}}, "start definition " + definition, wait);
+int start_definition(Command_Context& context, std::string const& definition, Wait const& wait,
+                     std::string const& level) {
+    Object params{{"definition", definition}};
+    if (!level.empty())
+        params["level"] = level;
+    return start(context, params, "start definition " + definition, wait);
 }
 
 int list_jobs(Command_Context& context, Job_Filter const& filter, double interval) {

@@ -406,7 +406,8 @@ int print_names(Command_Context& context, std::string const& what) {
     static constexpr List LISTS[] = {
         {"instances", "instance.list", "name"}, {"pools", "pool.list", "name"},
         {"members", "member.list", "name"},     {"jobs", "job.list", "run_id"},
-        {"backups", "backup.list", "uuid"},     {"definitions", "definition.list", "name"}};
+        {"backups", "backup.list", "uuid"},     {"definitions", "definition.list", "name"},
+        {"schedules", "schedule.list", "name"}};
     for (List const& list : LISTS) {
         Value result;
         if (what != list.name || !context.try_to_ask(list.method, Object(), result) ||

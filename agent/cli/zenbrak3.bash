@@ -27,7 +27,7 @@ _zenbrak3_options() {
 _zenbrak3_word() {
     case "${command[*]}" in
         "") _zenbrak3_commands ;;
-        pool | platform | member | job | instance | definition)
+        pool | platform | member | job | instance | definition | schedule)
             _zenbrak3_commands "${command[0]}" ;;
         backup)
             _zenbrak3_commands backup
@@ -40,6 +40,8 @@ _zenbrak3_word() {
         "backup show" | "backup remove" | restore) _zenbrak3_names backups ;;
         "definition save" | run) mapfile -t COMPREPLY < <(compgen -f -- "$cur") ;;
         "definition "*) _zenbrak3_names definitions ;;
+        "schedule add" | "schedule list") ((count == 0)) && _zenbrak3_names instances ;;
+        "schedule "*) ((count == 0)) && _zenbrak3_names schedules ;;
         *) ((count == 0)) && _zenbrak3_names instances ;;
     esac
 }
@@ -53,10 +55,11 @@ _zenbrak3() {
         word=${COMP_WORDS[index]}
         if [[ $previous == --socket ]]; then
             program+=(--socket "$word")
-        elif [[ $word != -* && ! $previous =~ ^(-o|--(option|pool|cache-dir|level|compression|channels|rate|name|url|uid|user|host|platform|xbsa-host|xbsa-port|interval|progress|instance|definition|state|limit|subject|days|columns|sort|filter|type|watch))$ ]]; then
+        elif [[ $word != -* && ! $previous =~ ^(-o|--(option|pool|cache-dir|level|compression|channels|rate|name|url|uid|user|host|platform|xbsa-host|xbsa-port|interval|progress|instance|definition|state|limit|subject|days|columns|sort|filter|type|watch|full|log|time-zone|schema))$ &&
+            ! "${command[*]}:$previous" =~ ^schedule\ (add|update):--(incremental|cumulative)$ ]]; then
             case "${command[*]}:$word" in
                 :*) command=("$word") ;;
-                pool:* | platform:* | member:* | job:* | instance:* | definition:* | backup:show | backup:remove) command+=("$word") ;;
+                pool:* | platform:* | member:* | job:* | instance:* | definition:* | schedule:* | backup:show | backup:remove) command+=("$word") ;;
                 *) count+=1 ;;
             esac
         fi
@@ -66,7 +69,7 @@ _zenbrak3() {
         --pool) _zenbrak3_names pools ;;
         --instance) _zenbrak3_names instances ;;
         --definition) _zenbrak3_names definitions ;;
-        --level | --type) _zenbrak3_add <<<$'full\nincremental\ncumulative\ndifferential\nlog' ;;
+        --level | --type) _zenbrak3_add <<<$'full\nincremental\ncumulative\nlog' ;;
         --compression) _zenbrak3_add <<<$'zstd\nlzop\nauto\nnone' ;;
         --cache-dir) mapfile -t COMPREPLY < <(compgen -d -- "$cur") ;;
         --socket) mapfile -t COMPREPLY < <(compgen -f -- "$cur") ;;

@@ -37,6 +37,13 @@ Job_Alert start_alert(std::string const& text) {
             1,     job_alert_text(FAILS, ALERT_NOT_BEGUN) + ": " + text};
 }
 
+/** Of a run because of which a later one was skipped. */
+Job_Alert schedule_alert(std::string const& text) {
+    constexpr unsigned long GOES_ON = 5;
+    constexpr unsigned long NEXT_SKIPPED = 102;
+    return {GOES_ON, NEXT_SKIPPED, 0, json_spirit::Value::null, 1, text};
+}
+
 } // namespace
 
 Agent_Jobs::Agent_Jobs(Agent_Database& database, Settings settings, Storage_Clock& clock)
@@ -120,6 +127,18 @@ void Agent_Jobs::end_unstarted(std::string const& run_id, Job_Outcome const& out
         run.end_time = now;
         run.waiting_for.clear();
     });
+}
+
+void Agent_Jobs::warn(std::string const& definition, std::string const& text) {
+    std::string run_id;
+    {
+        std::lock_guard const guard(mutex_);
+        for (auto const& [id, live] : live_)
+            if (live.run.definition == definition)
+                run_id = id;
+    }
+    if (!run_id.empty())
+        (void)store_.add_alert(run_id, schedule_alert(text), clock_.now());
 }
 
 void Agent_Jobs::waits_for(std::string const& run_id, std::string const& what) {

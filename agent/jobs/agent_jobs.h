@@ -81,6 +81,8 @@ public:
      * A run that has been taken over is left alone.
      */
     void end_unstarted(std::string const& run_id, Job_Outcome const& outcome);
+    /** Adds a warning to the run of a definition that is running or waits; no-op without one. */
+    void warn(std::string const& definition, std::string const& text);
     /** Says what a run that is on waits for, started or not; "" when it waits no longer. */
     void waits_for(std::string const& run_id, std::string const& what);
     /** Adds to the bytes that have arrived for a backup. No-op unless the run is running. */

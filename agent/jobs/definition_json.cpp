@@ -101,6 +101,32 @@ bool normalise_target(Object const& given, Definition_Defaults const& defaults, 
     return true;
 }
 
+/** Gives a backup's source the uuid of its instance, which has to be on record. */
+bool name_source(Object const& given, Definition_Defaults const& defaults, Object& result,
+                 std::string& error) {
+    std::string const name = instance_of_definition(given);
+    if (name.empty() || !defaults.find_instance)
+        return true;
+    std::string uuid;
+    std::string reason;
+    if (!defaults.find_instance(name, uuid, reason)) {
+        error = "source: " + reason;
+        return false;
+    }
+    Object source = given.at("source").get_obj();
+    if (json_spirit::object_get_str(given, "type") != "backup" || uuid.empty())
+        return true;
+    std::string const id = json_spirit::object_get_str(source, "id");
+    if (!id.empty() && id != uuid) {
+        error = "source.id: \"" + names::shown(id) + "\" is not the uuid of instance \"" +
+                names::shown(name) + "\"; leave it out";
+        return false;
+    }
+    json_spirit::insert(source)("id", uuid);
+    json_spirit::insert(result)("source", source);
+    return true;
+}
+
 /** Runs one of the module's parsers over a part of the definition. */
 template <typename Part, typename Part_var>
 bool parse_part(Job_Module::Parser_Creator* creator, char const* member, Object const& part,
@@ -252,18 +278,26 @@ void read_scripts(Member_Reader& reader, Job_Definition& definition) {
 }
 
 /** @return false, with the fault in @a error */
-bool read_schedule(Member_Reader& reader, Job_Schedule_Text& schedule, std::string& error) {
+bool read_schedule(Member_Reader& reader, Definition_Schedule& schedule, std::string& error) {
     Object const* object = nullptr;
     if (!reader.object("schedule", object))
         return error.empty();
-    Member_Reader inner(*object, "schedule.", error);
-    std::string type;
-    std::string at;
-    std::string reason;
-    inner.required_text("type", type);
-    inner.text("at", at);
-    if (inner.finish() && !Job_Schedule_Text::parse(type, at, schedule, reason))
-        error = "schedule: " + reason;
+    return Definition_Schedule::parse(*object, schedule, error);
+}
+
+/** A schedule with levels says which level the definition has: the one that covers most. */
+bool level_as_scheduled(Object const& given, Object& result, std::string& error) {
+    Definition_Schedule const schedule = schedule_from_json(given, error);
+    std::vector<std::string> const levels = schedule.levels();
+    if (!error.empty() || levels.empty())
+        return error.empty();
+    std::string const level = json_spirit::object_get_str(given, "subtype");
+    if (json_spirit::object_get_str(given, "type") != "backup")
+        error = "schedule.times: only a backup has levels";
+    else if (!level.empty() && std::ranges::count(levels, level) == 0)
+        error = "subtype: the schedule has no times for level \"" + names::shown(level) + "\"";
+    else if (level.empty())
+        json_spirit::insert(result)("subtype", levels.front());
     return error.empty();
 }
 
@@ -286,7 +320,8 @@ bool normalise_definition(Object const& given, Definition_Defaults const& defaul
     reader.flag("enabled", enabled);
     for (char const* key : {"target", "source", "options"})
         reader.object(key, object);
-    if (!error.empty() || !normalise_target(given, defaults, normal, error))
+    if (!error.empty() || !normalise_target(given, defaults, normal, error) ||
+        !name_source(given, defaults, normal, error) || !level_as_scheduled(given, normal, error))
         return false;
     json_spirit::insert(normal)("id", id)("uid", uid)("enabled", enabled);
     normal.emplace("agent", defaults.agent);
@@ -310,9 +345,9 @@ bool definition_from_json(Job_Module const& module, Object const& object,
     read_target(reader, *definition, error);
     read_limits(reader, *definition, error);
     read_scripts(reader, *definition);
-    Job_Schedule_Text schedule;
+    Definition_Schedule schedule;
     read_schedule(reader, schedule, error);
-    definition->schedule(Job_Schedule_var(new Job_Schedule_Text(schedule)));
+    definition->schedule(Job_Schedule_var(new Job_Schedule_Text(schedule.first())));
 
     bool enabled;
     reader.flag("enabled", enabled); // the keeper of definitions looks at it
@@ -328,9 +363,9 @@ bool definition_from_json(Job_Module const& module, Object const& object,
     return true;
 }
 
-Job_Schedule_Text schedule_from_json(Object const& definition, std::string& error) {
+Definition_Schedule schedule_from_json(Object const& definition, std::string& error) {
     error.clear();
-    Job_Schedule_Text schedule;
+    Definition_Schedule schedule;
     Member_Reader reader(definition, "", error);
     if (!read_schedule(reader, schedule, error))
         return {};

@@ -1,8 +1,8 @@
 #ifndef AGENT_JOBS_DEFINITION_JSON_H
 #define AGENT_JOBS_DEFINITION_JSON_H
 
+#include "agent/jobs/definition_schedule.h"
 #include "agent/jobs/job_modules.h"
-#include "agent/jobs/job_schedule_text.h"
 #include "host/job/job_definition.h"
 #include "host/storage/pool_info.h"
 #include "json_spirit/value.h"
@@ -15,7 +15,7 @@
  *
  *     {"id"?, "name", "type": "backup"|"restore", "subtype": "full"|"incremental"|...,
  *      "agent"?, "uid"?, "host_id"?, "target": {"id"|"pool", "device_id"?}, "source": {..},
- *      "options"?: {..}, "schedule"?: {"type", "at"?}, "enabled"?: true,
+ *      "options"?: {..}, "schedule"?: {..}, "enabled"?: true,
  *      "max_seconds_retry"?, "resumption_buffer_size"?,
  *      "rate_limits"?: {"dest_rate_limits"?, "src_rate_limits"?},
  *      "precondition"?, "pre_action"?, "post_action"?, "ignore_pre_action_failure"?,
@@ -37,13 +37,21 @@ struct Definition_Defaults {
      * @return false, with the reason in @a error
      */
     std::function<bool(std::string const& pool, Pool_Info& info, std::string& error)> find_pool;
+    /**
+     * Finds the uuid of an instance by its name; "" while nobody knows whether there is one. If
+     * there is no function, instances are not looked at.
+     * @return false, with the reason in @a error
+     */
+    std::function<bool(std::string const& instance, std::string& uuid, std::string& error)>
+        find_instance = {};
 };
 
 /**
  * Completes what somebody wrote: an id when it has none, the owner, the host, the pool's uuid in
  * place of its name, and in a backup's options the pool's compression when they name none. A
- * restore without a target goes to the resource that its source names. Members that are null are
- * left out. Only what it touches is checked here.
+ * restore without a target goes to the resource that its source names, a backup's source gets the
+ * uuid of its instance, and a backup without a level the first one of its schedule. Members that
+ * are null are left out. Only what it touches is checked here.
  * @return false, with the fault in @a error, and @a result unchanged
  */
 [[nodiscard]] bool normalise_definition(json_spirit::Object const& given,
@@ -51,14 +59,15 @@ struct Definition_Defaults {
                                         json_spirit::Object& result, std::string& error);
 
 /**
- * Parses a whole definition. Its schedule is a Job_Schedule_Text, of TYPE_NONE when it has none.
+ * Parses a whole definition. Its schedule is a Job_Schedule_Text: the first of its
+ * Definition_Schedule, of TYPE_NONE when it has none.
  * @return false, with the fault in @a error, and @a result unchanged
  */
 [[nodiscard]] bool definition_from_json(Job_Module const& module, json_spirit::Object const& object,
                                         Job_Definition_var& result, std::string& error);
 
-/** The schedule alone; TYPE_NONE, with the fault in @a error, when it cannot be read. */
-Job_Schedule_Text schedule_from_json(json_spirit::Object const& definition, std::string& error);
+/** The schedule alone; empty, with the fault in @a error, when it cannot be read. */
+Definition_Schedule schedule_from_json(json_spirit::Object const& definition, std::string& error);
 
 /**
  * The database instance that a definition is about: the second name of the entry "restore_as" of

@@ -5,6 +5,7 @@
 #include "json_spirit/access.h"
 #include "qmrt/file.h"
 #include "qmrt/log.h"
+#include "qmrt/names.h"
 #include "qmrt/posix_time.h"
 
 #include <algorithm>
@@ -20,6 +21,40 @@ json_spirit::Object described_to_json(Described_Definition const& definition, ti
     return object;
 }
 
+namespace {
+
+/** RFC 7396. */
+void merge(Object& target, Object const& changes) {
+    for (auto const& [key, value] : changes) {
+        if (value.is_null()) {
+            target.erase(key);
+        } else if (value.type() == json_spirit::obj_type) {
+            json_spirit::Value& inner = target[key];
+            if (inner.type() != json_spirit::obj_type)
+                inner = Object();
+            merge(inner.get_obj(), value.get_obj());
+        } else {
+            target[key] = value;
+        }
+    }
+}
+
+Stored_Definition with_level(Stored_Definition stored, std::string const& level) {
+    if (!level.empty())
+        stored.body["subtype"] = level;
+    return stored;
+}
+
+/** Names a definition without a name. */
+void give_name(Object& definition, time_t now) {
+    if (json_spirit::object_get_any(definition, "name").is_null())
+        definition["name"] = json_spirit::object_get_str(definition, "type") + " " +
+                             std::string(POSIX_Time_To_ISO8601(now)) + " " +
+                             uuid_string().substr(0, 8);
+}
+
+} // namespace
+
 Job_Manager::Job_Manager(Definition_Store& definitions, Agent_Jobs& jobs, Settings settings,
                          Storage_Clock& clock)
     : definitions_(definitions), jobs_(jobs), settings_(std::move(settings)), clock_(clock) {}
@@ -33,22 +68,73 @@ Job_Answer Job_Manager::save(Object const& given, std::string& id) {
 
 Job_Answer Job_Manager::save_i(Object const& given, std::string& id) {
     Object normal;
+    Stored_Definition stored;
+    Job_Answer answer = complete(given, normal, stored);
+    if (answer)
+        answer = definitions_.save(normal, clock_.now());
+    if (!answer)
+        return answer;
+    id = stored.id;
+    if (auto const live = live_.find(id); live != live_.end())
+        live->second.body.clear(); // the next run gets a new job, since the instance may differ too
+    return answer;
+}
+
+/** Checks a definition, and makes of it what is kept. */
+Job_Answer Job_Manager::complete(Object const& given, Object& normal,
+                                 Stored_Definition& stored) const {
     std::string error;
     if (!normalise_definition(given, settings_.defaults, normal, error))
         return Job_Answer::invalid(error);
     Job_Definition_var definition;
     Job_Answer answer = check(normal, definition);
+    if (answer)
+        answer = check_times(normal);
     if (!answer)
         return answer;
-    if (runs(definition->id()))
-        return Job_Answer::refused("Job " + definition->name() +
-                                   " is running; wait for its end or cancel it first");
-    answer = definitions_.save(normal, clock_.now());
-    if (!answer)
-        return answer;
-    id = definition->id();
-    live_.erase(id); // it may have become another kind of job
+    stored.id = definition->id();
+    stored.name = definition->name();
+    stored.instance = instance_of_definition(normal);
+    stored.body = normal;
+    json_spirit::object_get(normal, "enabled", stored.enabled);
     return {};
+}
+
+/** Checks the level of each of the times, and that there is a time to come. */
+Job_Answer Job_Manager::check_times(Object const& normal) const {
+    std::string error;
+    Definition_Schedule const schedule = schedule_from_json(normal, error);
+    for (std::string const& level : schedule.levels()) {
+        Object of_level = normal;
+        of_level["subtype"] = level;
+        Job_Definition_var ignored;
+        if (Job_Answer answer = check(of_level, ignored); !answer)
+            return Job_Answer::invalid("schedule.times." + level + ": " + answer.text);
+    }
+    if (schedule.is_calendar() && !schedule.next(clock_.now()).time)
+        return Job_Answer::invalid("schedule: \"" + names::shown(schedule.first().at()) +
+                                   "\" has no time to come");
+    return {};
+}
+
+Job_Answer Job_Manager::change(std::string const& id_or_name, Object const& changes) {
+    std::lock_guard const guard(mutex_);
+    Stored_Definition stored;
+    Job_Answer const answer = definitions_.find(id_or_name, stored);
+    return answer ? change_i(stored, changes) : answer;
+}
+
+Job_Answer Job_Manager::change_i(Stored_Definition const& stored, Object const& changes) {
+    Object changed = stored.body;
+    merge(changed, changes);
+    // the level was that of the old times, unless it is said now
+    std::string error;
+    if (changes.count("schedule") && !changes.count("subtype") &&
+        !schedule_from_json(changed, error).levels().empty())
+        changed.erase("subtype");
+    changed["id"] = stored.id;
+    std::string id;
+    return save_i(changed, id);
 }
 
 Job_Answer Job_Manager::check(Object const& normal, Job_Definition_var& result) const {
@@ -145,26 +231,28 @@ bool Job_Manager::runs(std::string const& definition_id) const {
     if (waiting_.count(definition_id))
         return true;
     auto const live = live_.find(definition_id);
-    return live != live_.end() && live->second->running();
+    return live != live_.end() && live->second.job->running();
 }
 
 std::string Job_Manager::activity_path(std::string const& definition_id) const {
     return settings_.activity_directory + "/" + definition_id;
 }
 
-Job_Answer Job_Manager::job_of(Stored_Definition const& stored, Job_var& result) {
+Job_Answer Job_Manager::job_of(Stored_Definition const& stored, Job_var& result, bool is_kept) {
     auto const live = live_.find(stored.id);
-    if (live != live_.end()) {
-        result = live->second;
+    if (live != live_.end() && (live->second.body == stored.body || live->second.job->running())) {
+        result = live->second.job;
         return {};
     }
-    Job_Answer const answer = make_job(stored, result);
+    live_.erase(stored.id); // one job at a time has the record of the definition's activity
+    Job_Answer const answer = make_job(stored, is_kept, result);
     if (answer)
-        live_[stored.id] = result;
+        live_[stored.id] = {result, stored.body, is_kept};
     return answer;
 }
 
-Job_Answer Job_Manager::make_job(Stored_Definition const& stored, Job_var& result) {
+Job_Answer Job_Manager::make_job(Stored_Definition const& stored, bool is_kept,
+                                 Job_var& result) const {
     Job_Definition_var definition;
     Job_Answer const answer = check(stored.body, definition);
     if (!answer)
@@ -179,9 +267,9 @@ Job_Answer Job_Manager::make_job(Stored_Definition const& stored, Job_var& resul
         return Job_Answer::refused("The module made no job of " + stored.name + ": is instance \"" +
                                    stored.instance + "\" known? The agent's log may say more");
     std::string const& directory = settings_.activity_directory;
-    if (mkdir_p(directory.c_str(), 0700) == -1)
+    if (is_kept && mkdir_p(directory.c_str(), 0700) == -1)
         QMRT_LOG(LM_ERROR, "Cannot make the directory %s: %m\n", directory.c_str());
-    else // without a file, which it logs, the record is in memory only
+    else if (is_kept) // without a file, which it logs, the record is in memory only
         job->map_activity(activity_path(stored.id));
     job->activity().enabled = stored.enabled;
     result = job;
@@ -191,26 +279,49 @@ Job_Answer Job_Manager::make_job(Stored_Definition const& stored, Job_var& resul
 // runs
 
 Job_Answer Job_Manager::start(std::string const& id_or_name, std::string& run_id,
-                              std::string& definition_id) {
+                              std::string& definition_id, std::string const& level) {
     std::lock_guard const guard(mutex_);
-    return start_i(id_or_name, run_id, definition_id);
+    return start_i(id_or_name, level, run_id, definition_id);
 }
 
-Job_Answer Job_Manager::start_i(std::string const& id_or_name, std::string& run_id,
-                                std::string& definition_id) {
+Job_Answer Job_Manager::start_i(std::string const& id_or_name, std::string const& level,
+                                std::string& run_id, std::string& definition_id) {
     Stored_Definition stored;
     Job_Answer answer = definitions_.find(id_or_name, stored);
     if (!answer)
         return answer;
+    stored = with_level(stored, level);
+    answer = start_stored(stored, run_id);
+    if (answer)
+        definition_id = stored.id;
+    return answer;
+}
+
+Job_Answer Job_Manager::start_stored(Stored_Definition const& stored, std::string& run_id) {
     if (closing_)
         return Job_Answer::refused("Job " + stored.name +
                                    " cannot be started: the agent is about to end");
     Start_Answer const may = may_start(stored);
-    answer = may.kind == Start_Answer::START ? start_now(stored, run_id)
-                                             : start_later(stored, may, run_id);
-    if (answer)
-        definition_id = stored.id;
-    return answer;
+    return may.kind == Start_Answer::START ? start_now(stored, run_id)
+                                           : start_later(stored, may, run_id);
+}
+
+void Job_Manager::start_due(Stored_Definition const& stored, std::string const& level,
+                            std::string const& why) {
+    std::lock_guard const guard(mutex_);
+    if (closing_)
+        return;
+    if (runs(stored.id)) {
+        std::string const text = "the run that was " + why + " is skipped: this run is not over";
+        QMRT_LOG(LM_WARNING, "Job %s: %s\n", stored.name.c_str(), text.c_str());
+        jobs_.warn(stored.id, text);
+        return;
+    }
+    std::string run_id;
+    Stored_Definition const leveled = with_level(stored, level);
+    Job_Answer const answer = start_stored(leveled, run_id);
+    if (!answer)
+        (void)start_later(leveled, Start_Answer::fail(answer.text), run_id);
 }
 
 Job_Answer Job_Manager::start_now(Stored_Definition const& stored, std::string& run_id) {
@@ -253,8 +364,8 @@ Job_Answer Job_Manager::start_later(Stored_Definition const& stored, Start_Answe
     if (!jobs_.add_unstarted(run))
         return Job_Answer::failed();
     run_id = run.run_id;
-    Waiting const waiting{run_id, clock_.steady_ns()};
-    if (goes_on_waiting(stored, waiting, may))
+    Waiting const waiting{run_id, clock_.steady_ns(), stored};
+    if (goes_on_waiting(waiting, may))
         waiting_[stored.id] = waiting;
     return {};
 }
@@ -262,16 +373,17 @@ Job_Answer Job_Manager::start_later(Stored_Definition const& stored, Start_Answe
 void Job_Manager::start_waiting() {
     std::lock_guard const guard(mutex_);
     std::erase_if(waiting_, [&](auto const& entry) {
-        Stored_Definition stored;
-        Job_Answer const found = definitions_.find(entry.first, stored);
-        return !goes_on_waiting(stored, entry.second,
-                                found ? may_start(stored) : Start_Answer::fail(found.text));
+        return !goes_on_waiting(entry.second, may_start(entry.second.stored));
+    });
+    std::erase_if(live_, [&](auto const& entry) {
+        return !entry.second.is_kept && !waiting_.count(entry.first) &&
+               !entry.second.job->running();
     });
 }
 
 /** Does to a run what its conditions say: starts it, ends it, or lets it wait. */
-bool Job_Manager::goes_on_waiting(Stored_Definition const& stored, Waiting const& waiting,
-                                  Start_Answer may) {
+bool Job_Manager::goes_on_waiting(Waiting const& waiting, Start_Answer may) {
+    Stored_Definition const& stored = waiting.stored;
     if (may.kind == Start_Answer::START) {
         std::string run_id;
         Job_Answer const answer = start_now(stored, run_id);
@@ -309,21 +421,45 @@ Job_Answer Job_Manager::start_new(Object const& given, std::string& run_id,
         // a schedule or a script that somebody added does not go because a run does not mention it
         definition.insert(before.body.begin(), before.body.end());
     }
-    if (json_spirit::object_get_any(given, "name").is_null()) {
-        std::string const time = POSIX_Time_To_ISO8601(clock_.now());
-        definition["name"] = json_spirit::object_get_str(given, "type") + " " + time + " " +
-                             uuid_string().substr(0, 8);
-    }
+    give_name(definition, clock_.now());
     std::string id;
     Job_Answer answer = save_i(definition, id);
     if (!answer)
         return answer;
-    answer = start_i(id, run_id, definition_id);
+    answer = start_i(id, "", run_id, definition_id);
     if (!answer && is_new) {
         live_.erase(id);
         (void)definitions_.remove(id);
         unlink(activity_path(id).c_str());
     }
+    return answer;
+}
+
+Job_Answer Job_Manager::start_once(Object const& given, std::string& run_id,
+                                   std::string& definition_id) {
+    std::lock_guard const guard(mutex_);
+    Object definition = given;
+    if (definition.erase("id"))
+        return Job_Answer::invalid("id: a definition that is not kept has none");
+    if (definition.count("schedule"))
+        return Job_Answer::invalid("schedule: a definition that is not kept has none");
+    give_name(definition, clock_.now());
+    Object normal;
+    Stored_Definition stored;
+    Job_Answer answer = complete(definition, normal, stored);
+    if (!answer)
+        return answer;
+    if (closing_)
+        return Job_Answer::refused("Job " + stored.name +
+                                   " cannot be started: the agent is about to end");
+    Job_var job;
+    answer = job_of(stored, job, false);
+    if (answer) // the run's record cannot take the instance from the definition's
+        answer = start_later(stored, may_start(stored), run_id);
+    if (answer)
+        definition_id = stored.id;
+    else
+        live_.erase(stored.id);
     return answer;
 }
 
@@ -353,11 +489,12 @@ Job_Answer Job_Manager::request(std::string const& run, Request what) {
     if (waiting != waiting_.end() && waiting->second.run_id == found.run_id)
         return request_waiting(found, what);
     auto const live = live_.find(found.definition);
-    if (live == live_.end() || !live->second->running() || live->second->run_id() != found.run_id)
+    if (live == live_.end() || !live->second.job->running() ||
+        live->second.job->run_id() != found.run_id)
         return Job_Answer::refused("Run " + found.run_id + " of job " + found.name +
                                    " has ended: " + job_state_to_string(found.state));
     std::string refusal;
-    if ((*live->second.*what)(nullptr, &refusal) == -1)
+    if ((*live->second.job.*what)(nullptr, &refusal) == -1)
         return Job_Answer::refused(refusal);
     return {};
 }
@@ -382,9 +519,9 @@ std::vector<std::string> Job_Manager::shutdown(int64_t seconds) {
             jobs_.end_unstarted(waiting.run_id, {JOB_STATE_CANCELED, 0,
                                                  "The agent ended before the job could start"});
         waiting_.clear();
-        for (auto const& [id, job] : live_)
-            if (job->running())
-                running.push_back(job);
+        for (auto const& [id, live] : live_)
+            if (live.job->running())
+                running.push_back(live.job);
     }
     for (Job_var const& job : running)
         job->abort();

@@ -1,6 +1,8 @@
 #ifndef AGENT_JOBS_JOB_SCHEDULE_TEXT_H
 #define AGENT_JOBS_JOB_SCHEDULE_TEXT_H
 
+#include "agent/jobs/calendar_fields.h"
+#include "agent/jobs/time_zone.h"
 #include "host/job/job_definition.h"
 
 #include <cstdint>
@@ -8,19 +10,15 @@
 #include <string>
 
 /**
- * When a job runs, as people write it. All times are local time, by the zone of the process.
+ * When a job runs, as people write it. All times are what clocks of its time zone show.
  *
  *     type                     at
  *     none, ondemand           nothing: no time starts such a job
+ *     calendar                 "Sun 02:00", "Mon..Fri 22:30": see Calendar_Fields::parse()
  *     once                     "2026-11-22 02:30"
  *     hourly                   the minute of each hour: "15"
  *     daily, weekly, monthly   five fields as crontab(5) has them: "30 2 * * 1-5"
  *     continuous               seconds from the end of a run to the next: "60"; at most a year
- *
- * The five fields are minute, hour, day of the month, month and day of the week (0 and 7 are
- * Sunday). Each is a "*" or a list of numbers and ranges, a "*" and a range with a step if wanted;
- * months and days of the week also go by the first three letters of their English names. When both
- * the day and the day of the week are restricted, a day needs to fit only one of them.
  *
  * On the two days a year when the clocks are changed: a time at a fixed hour that the clocks pass
  * over comes at the moment they do so, and one that they show twice comes the first time. With a
@@ -37,7 +35,8 @@ public:
      *         no year has
      */
     [[nodiscard]] static bool parse(std::string const& type, std::string const& at,
-                                    Job_Schedule_Text& result, std::string& error);
+                                    Job_Schedule_Text& result, std::string& error,
+                                    Time_Zone const& zone = {});
     /** "daily" and so on. */
     static char const* type_name(Type type);
 
@@ -54,26 +53,15 @@ private:
 
     [[nodiscard]] bool parse_at(std::string& error);
     [[nodiscard]] bool parse_once(std::string& error);
-    [[nodiscard]] bool parse_fields(std::string const& text, std::string& error);
     [[nodiscard]] bool parse_seconds(std::string& error);
-    [[nodiscard]] bool ever_happens() const;
-    [[nodiscard]] bool day_fits(Wall_Time const& wall) const;
-    [[nodiscard]] bool hour_fits(Wall_Time const& wall) const;
-    [[nodiscard]] bool fits(Wall_Time const& wall) const;
+    void begin_at_year();
     [[nodiscard]] bool passed_over(int64_t first_minute, int64_t end_minute) const;
     time_t search(time_t after, time_t until) const;
 
     std::string at_;
-    uint64_t minutes_ = 0; ///< a bit for each, here and below
-    uint64_t hours_ = 0;
-    uint64_t days_ = 0;
-    uint64_t months_ = 0;
-    uint64_t weekdays_ = 0;
-    bool any_hour_ = false;
-    bool any_day_ = false;
-    bool any_weekday_ = false;
-    int year_ = 0;     ///< of TYPE_ONCE
-    time_t about_ = 0; ///< of TYPE_ONCE: the time, were it UTC
+    Time_Zone zone_;
+    Calendar_Fields fields_;
+    time_t about_ = 0; ///< of a text with a year: that time or the year's begin, were it UTC
     time_t pause_ = 0; ///< of TYPE_CONTINUOUS, seconds
 };
 

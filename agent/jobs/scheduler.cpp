@@ -59,7 +59,7 @@ int Scheduler::start() {
         bell_->stopping = false;
     }
     if (thread_.spawn(&Scheduler::work, this) == -1) {
-        QMRT_LOG(LM_ERROR, "There is no thread for the schedules: %m\n");
+        QMRT_LOG(LM_ERROR, "Cannot start the scheduler thread: %m\n");
         return -1;
     }
     return 0;
@@ -83,6 +83,7 @@ void Scheduler::wake() {
 void Scheduler::work() {
     time_t wait = 0;
     while (bell_->wait(wait)) {
+        tzset(); // the host's zone may be another one by now
         manager_.start_waiting();
         time_t const next = run_due();
         wait = next ? std::clamp<time_t>(next - clock_.now(), 0, LONGEST_WAIT) : LONGEST_WAIT;
@@ -105,63 +106,80 @@ time_t Scheduler::run_due() {
 
 time_t Scheduler::look_at(Described_Definition const& definition, time_t now) {
     Stored_Definition const& stored = definition.stored;
-    std::string error;
-    Job_Schedule_Text const schedule = schedule_from_json(stored.body, error);
+    Definition_Schedule schedule;
+    if (!read_schedule(stored, schedule))
+        return 0;
     if (stored.planned > now + LARGEST_CORRECTION) {
         QMRT_LOG(LM_WARNING, "The clock was set back: the schedule of job %s begins anew\n",
                  stored.name.c_str());
         (void)definitions_.set_planned(stored.id, now);
     }
-    time_t const due = due_time(definition, schedule, now);
+    if (schedule.type() == Job_Schedule::TYPE_CONTINUOUS && definition.running)
+        return 0;
+    time_t const begin = since(definition, schedule, now);
+    time_t const due = schedule.next(begin).time;
     if (!due || due > now)
         return due;
     // first of all, so that nothing is started twice; it is not started either when that fails
     if (definitions_.set_planned(stored.id, now))
-        deal_with(definition, due, now);
-    return schedule.next_run(now);
+        deal_with(stored, schedule, begin, now);
+    return schedule.next(now).time;
 }
 
-void Scheduler::deal_with(Described_Definition const& definition, time_t due, time_t now) {
-    Stored_Definition const& stored = definition.stored;
-    std::string const time = POSIX_Time_To_ISO8601(due);
+bool Scheduler::read_schedule(Stored_Definition const& stored, Definition_Schedule& schedule) {
+    std::string error;
+    schedule = schedule_from_json(stored.body, error);
+    if (error.empty())
+        unreadable_.erase(stored.id);
+    else if (unreadable_.insert(stored.id).second)
+        QMRT_LOG(LM_ERROR, "Job %s is not started any more: its schedule cannot be read: %s\n",
+                 stored.name.c_str(), error.c_str());
+    return error.empty();
+}
+
+void Scheduler::deal_with(Stored_Definition const& stored, Definition_Schedule const& schedule,
+                          time_t since, time_t now) {
+    Due_Run due = schedule.due(since, now);
+    std::string const time = POSIX_Time_To_ISO8601(due.time);
     if (!stored.enabled) {
         QMRT_LOG(LM_INFO, "Job %s was due at %s and is passed over: it is disabled\n",
                  stored.name.c_str(), time.c_str());
         return;
     }
-    if (definition.running) {
-        QMRT_LOG(LM_WARNING, "Job %s was due at %s and is passed over: it is still running\n",
+    bool const late = now - due.time > LATE;
+    if (late && !schedule.catches_up()) {
+        due = schedule.due(std::max(since, now - LATE - 1), now);
+        QMRT_LOG(LM_WARNING, "Job %s was due at %s and has been missed: it does not catch up\n",
                  stored.name.c_str(), time.c_str());
-        return;
-    }
-    if (now - due > LATE)
+        if (!due.time)
+            return;
+    } else if (late) {
         QMRT_LOG(LM_INFO, "Job %s was due at %s and has been missed: it is started now\n",
                  stored.name.c_str(), time.c_str());
-    std::string run_id;
-    std::string definition_id;
-    Job_Answer const answer = manager_.start(stored.id, run_id, definition_id);
-    if (!answer)
-        QMRT_LOG(LM_ERROR, "Job %s was due at %s and could not be started: %s\n",
-                 stored.name.c_str(), time.c_str(), answer.text.c_str());
+    }
+    manager_.start_due(stored, due.level, "due at " + std::string(POSIX_Time_To_ISO8601(due.time)));
 }
 
-/** When the first of what has not been dealt with was or will be due, enabled or not. */
-time_t Scheduler::due_time(Described_Definition const& definition,
-                           Job_Schedule_Text const& schedule, time_t now) const {
+/** Up to when what was due has been dealt with. */
+time_t Scheduler::since(Described_Definition const& definition, Definition_Schedule const& schedule,
+                        time_t now) const {
     time_t since = definition.stored.planned;
-    if (schedule.type() == Job_Schedule::TYPE_CONTINUOUS) {
-        if (definition.running)
-            return 0;
+    if (schedule.type() == Job_Schedule::TYPE_CONTINUOUS)
         since = std::max(since, definition.last_end);
-    }
-    if (since > now + LARGEST_CORRECTION)
-        since = now;
-    return schedule.next_run(since);
+    return since > now + LARGEST_CORRECTION ? now : since;
 }
 
 time_t Scheduler::next_run(Described_Definition const& definition) const {
-    if (!definition.stored.enabled)
-        return 0;
+    std::vector<Due_Run> const runs = next_runs(definition, 1);
+    return runs.empty() ? 0 : runs.front().time;
+}
+
+std::vector<Due_Run> Scheduler::next_runs(Described_Definition const& definition,
+                                          size_t count) const {
     std::string error;
-    return due_time(definition, schedule_from_json(definition.stored.body, error), clock_.now());
+    Definition_Schedule const schedule = schedule_from_json(definition.stored.body, error);
+    bool const is_continuous = schedule.type() == Job_Schedule::TYPE_CONTINUOUS;
+    if (!definition.stored.enabled || (is_continuous && definition.running))
+        return {};
+    return schedule.next_runs(since(definition, schedule, clock_.now()), count);
 }

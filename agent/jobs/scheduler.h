@@ -7,15 +7,18 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <set>
 
 /**
- * Starts jobs when their schedules say so (Job_Schedule_Text).
+ * Starts jobs when their schedules say so (Definition_Schedule).
  *
  * Of each definition it is on record up to when what was due has been dealt with. So a job that
  * was due while the agent was down, or while the machine slept, is started once when it is back,
- * however many times it has missed. A definition counts from when its schedule was saved. What is
- * due while the job is disabled, or still runs, is passed over with a line in the log. When the
- * clock is set back by more than an hour, schedules begin anew from the new time.
+ * however many times it has missed, unless its schedule does not catch up: then what is more than
+ * two minutes late is passed over. A definition counts from when its schedule was saved. What is
+ * due while the job is disabled is passed over with a line in the log; what is due while it still
+ * runs, with a line and an alert of the running run. When the clock is set back by more than an
+ * hour, schedules begin anew from the new time. A clock that is set is noticed within 30 seconds.
  *
  * The thread also calls Job_Manager::start_waiting() whenever a run has finished, when it is woken,
  * and at least every 30 seconds.
@@ -25,7 +28,7 @@
  */
 class Scheduler {
 public:
-    /** @param all  not owned; live longer than this */
+    /** @param all  not owned; must outlive this object */
     Scheduler(Job_Manager& manager, Definition_Store& definitions, Agent_Jobs& jobs,
               Storage_Clock& clock = Storage_Clock::system());
     /** Stops. */
@@ -49,21 +52,28 @@ public:
      */
     time_t run_due();
 
-    /** When a definition will be started next; 0 when nobody knows. Any thread may call it. */
+    /** When a definition will be started next; 0 when nobody knows. Thread-safe. */
     time_t next_run(Described_Definition const& definition) const;
+    /** The next runs of a definition, at most @a count; none of one that is disabled. Thread-safe.
+     */
+    std::vector<Due_Run> next_runs(Described_Definition const& definition, size_t count) const;
 
 private:
     struct Bell;
 
     void work();
-    time_t due_time(Described_Definition const& definition, Job_Schedule_Text const& schedule,
-                    time_t now) const;
+    time_t since(Described_Definition const& definition, Definition_Schedule const& schedule,
+                 time_t now) const;
     time_t look_at(Described_Definition const& definition, time_t now);
-    void deal_with(Described_Definition const& definition, time_t due, time_t now);
+    void deal_with(Stored_Definition const& stored, Definition_Schedule const& schedule,
+                   time_t since, time_t now);
+    [[nodiscard]] bool read_schedule(Stored_Definition const& stored,
+                                     Definition_Schedule& schedule);
 
     Job_Manager& manager_;
     Definition_Store& definitions_;
     Storage_Clock& clock_;
+    std::set<std::string> unreadable_; // definitions whose schedule cannot be read, told once
     std::shared_ptr<Bell> const bell_; // rung by runs that may outlive this
     Thread_Helper thread_;
 };

@@ -5,6 +5,7 @@
 #include "agent/rpc/method_table.h"
 #include "qmrt/names.h"
 
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -59,9 +60,14 @@ void add_pool_methods(Method_Table& methods, Pool_Status& status, SQLite_Pools& 
  */
 [[nodiscard]] bool describe_run(Agent_Jobs& runs, std::string const& beginning,
                                 json_spirit::Object& result, Method_Fault& fault);
-/** definition.*, job.*, but for job.watch, which Job_Watch serves */
+/** definition.* and job.*, but for definition.change and job.watch */
 void add_job_methods(Method_Table& methods, Job_Manager& manager, Agent_Jobs& runs,
                      Scheduler& scheduler);
+/** The name of a pool by its uuid; the uuid if the pool is unknown. */
+using Pool_Names = std::function<std::string(std::string const& uuid)>;
+/** schedule.*, definition.change */
+void add_schedule_methods(Method_Table& methods, Job_Manager& manager, Scheduler& scheduler,
+                          Pool_Names pool_names);
 /** backup.*, catalog.* */
 void add_backup_methods(Method_Table& methods, SQLite_Catalog& catalog, SQLite_Pools& pools,
                         Set_Files& files, Agent_Jobs& runs, Method_Access const& access);

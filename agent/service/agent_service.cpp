@@ -21,6 +21,7 @@
 #include "host/process/tool_limits.h"
 #include "host/storage/file_storage_backend.h"
 #include "host/storage/pool_mounts.h"
+#include "json_spirit/access.h"
 #include "qmrt/log.h"
 #include "qmrt/path.h"
 #include "qmrt/utf8.h"
@@ -232,7 +233,12 @@ void Agent_Service::make_jobs() {
     Definition_Defaults defaults{
         AGENT, identity_.uid, identity_.host_uuid,
         [this](std::string const& pool, Pool_Info& info, std::string& error) {
-            return find_pool(pool, info, error);
+            Storage_Result const found = find_pool(pool, info);
+            error = found.text();
+            return static_cast<bool>(found);
+        },
+        [this](std::string const& name, std::string& uuid, std::string& error) {
+            return instance_condition_->find(name, uuid, error);
         }};
     definitions_ = std::make_unique<Definition_Store>(*database_);
     runs_ = std::make_shared<Agent_Jobs>(
@@ -260,12 +266,14 @@ void Agent_Service::make_jobs() {
     Host_Services::instance().jobs(runs_);
     jobs_ = std::make_unique<Job_Manager>(
         *definitions_, *runs_,
-        Job_Manager::Settings{{module},
-                              std::move(defaults),
-                              directory_->file("activity"),
-                              {[this](Stored_Definition const& definition) {
-                                  return instance_condition_->may_start(definition);
-                              }}});
+        Job_Manager::Settings{
+            {module},
+            std::move(defaults),
+            directory_->file("activity"),
+            {[this](Stored_Definition const& definition) {
+                 return instance_condition_->may_start(definition);
+             },
+             [this](Stored_Definition const& definition) { return pool_condition(definition); }}});
     scheduler_ = std::make_unique<Scheduler>(*jobs_, *definitions_, *runs_);
     watch_ = std::make_shared<Job_Watch>(*runs_);
     probe_->on_searched([this] { scheduler_->wake(); });
@@ -288,17 +296,29 @@ bool Agent_Service::recover(std::string& error) {
     return true;
 }
 
-bool Agent_Service::find_pool(std::string const& pool, Pool_Info& info, std::string& error) const {
-    Storage_Result found;
-    if (is_member()) {
-        found = Remote_Pools().find(pool, info);
-    } else {
-        Pool_Record record;
-        found = pools_->find_record(pool, record);
-        info = record.info();
-    }
-    error = found.text();
-    return static_cast<bool>(found);
+Storage_Result Agent_Service::find_pool(std::string const& pool, Pool_Info& info) const {
+    if (is_member())
+        return Remote_Pools().find(pool, info);
+    Pool_Record record;
+    Storage_Result const found = pools_->find_record(pool, record);
+    info = record.info();
+    return found;
+}
+
+/** A backup to a pool that does not exist any more fails at once. */
+Start_Answer Agent_Service::pool_condition(Stored_Definition const& definition) const {
+    json_spirit::Object const* target = nullptr;
+    if (json_spirit::object_get_str(definition.body, "type") != "backup" ||
+        !json_spirit::object_get(definition.body, "target", target))
+        return {};
+    Pool_Info info;
+    std::string const uuid = json_spirit::object_get_str(*target, "id");
+    // a backup server that cannot be reached now is the job's matter
+    if (find_pool(uuid, info).code() != Storage_Result::NOT_FOUND)
+        return {};
+    return Start_Answer::fail("its pool " + uuid +
+                              " does not exist any more; `zenbrak3 schedule update` gives a "
+                              "schedule another one");
 }
 
 bool Agent_Service::drop_open_sets(std::string const& host_uuid, time_t before,
@@ -385,6 +405,10 @@ void Agent_Service::add_methods() {
     add_agent_methods(methods_, config_, identity_, *database_, *module_);
     add_instance_methods(methods_, identity_, *probe_);
     add_job_methods(methods_, *jobs_, *runs_, *scheduler_);
+    add_schedule_methods(methods_, *jobs_, *scheduler_, [this](std::string const& uuid) {
+        Pool_Info info;
+        return find_pool(uuid, info) ? info.name : uuid;
+    });
     methods_.bind("job.watch", watch_);
     if (is_member())
         forward_catalog_methods(methods_);
@@ -433,6 +457,7 @@ void Agent_Service::reload(Agent_Config const& config) {
     probe_->interval(config.probe_interval);
     set_tool_limits(config);
     set_platform_settings(config);
+    scheduler_->wake();
 }
 
 /** @return false when a job has not ended, not even without its tools */

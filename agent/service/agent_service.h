@@ -77,8 +77,8 @@ private:
     [[nodiscard]] bool drop_open_sets(std::string const& host_uuid, time_t before,
                                       std::string const& uuid = "");
     void drop_set_of(std::string const& run_id);
-    [[nodiscard]] bool find_pool(std::string const& pool, Pool_Info& info,
-                                 std::string& error) const;
+    Storage_Result find_pool(std::string const& pool, Pool_Info& info) const;
+    Start_Answer pool_condition(Stored_Definition const& definition) const;
     [[nodiscard]] bool is_member() const { return config_.role == "member"; }
     /** Removes what a dropped set has in its pools; what cannot be removed now is noted for later.
      */

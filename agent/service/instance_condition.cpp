@@ -8,6 +8,7 @@
 #include "host/http/http_response.h"
 #include "host/rpc/upstream_json_restful_client.h"
 #include "json_spirit/access.h"
+#include "qmrt/names.h"
 
 using json_spirit::Array;
 using json_spirit::Object;
@@ -61,6 +62,29 @@ Start_Answer Instance_Condition::may_start(Stored_Definition const& definition) 
     return Start_Answer::fail("instance \"" + name +
                               "\" is not known on any host; search for it with `zenbrak3 "
                               "instances --refresh` while its database is running");
+}
+
+bool Instance_Condition::find(std::string const& instance, std::string& uuid,
+                              std::string& error) const {
+    uuid.clear();
+    if (std::shared_ptr<Instance> const own = own_instance(instance)) {
+        uuid = own->uuid;
+        return true;
+    }
+    if (!probe_.has_searched())
+        return true;
+    bool elsewhere = false;
+    std::string const fault = "instance \"" + names::shown(instance) + "\" is not on record";
+    if (!others_have(instance, elsewhere, error)) {
+        error = fault + ", and " + error;
+        return false;
+    }
+    if (elsewhere)
+        uuid = Instance_Probe::uuid_of(INSTANCE_TYPE, instance);
+    else
+        error = fault + "; search for it with `zenbrak3 instances --refresh` while its database is "
+                        "running";
+    return elsewhere;
 }
 
 std::string Instance_Condition::fault_of_skip(std::string const& instance) const {

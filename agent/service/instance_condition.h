@@ -26,6 +26,12 @@ public:
 
     /** A Start_Condition. */
     Start_Answer may_start(Stored_Definition const& definition) const;
+    /**
+     * Finds an instance's uuid, as Definition_Defaults::find_instance says. One that only other
+     * hosts of the group have is found, too.
+     */
+    [[nodiscard]] bool find(std::string const& instance, std::string& uuid,
+                            std::string& error) const;
     /** An Agent_Jobs::Skip_Judge: a skip is right if another host has the instance. */
     std::string fault_of_skip(std::string const& instance) const;
 

@@ -57,18 +57,29 @@ public:
     }
 
     bool start(Method_Call const& call, Value& result, Method_Fault& fault) {
-        std::string error, name, run_id, definition_id;
+        std::string error, name, level, run_id, definition_id;
         Object const* run = nullptr;
+        bool keep = true;
         Member_Reader reader(call.params.get_obj(), "", error);
         reader.text("definition", name, names::fault_of_label);
+        reader.text("level", level, names::fault_of_id);
         reader.object("run", run);
+        reader.flag("keep", keep);
+        if (run && !level.empty())
+            reader.blame("level", "give it as run.subtype");
+        if (!run && !keep)
+            reader.blame("keep", "only for \"run\"");
         if (error.empty() && name.empty() == !run)
             reader.blame("definition", "wanted this or \"run\"");
         if (!reader.finish())
             return invalid_params(error, fault);
-        if (!answer(run ? manager_.start_new(*run, run_id, definition_id)
-                        : manager_.start(name, run_id, definition_id),
-                    fault))
+        auto const started = [&] {
+            if (!run)
+                return manager_.start(name, run_id, definition_id, level);
+            return keep ? manager_.start_new(*run, run_id, definition_id)
+                        : manager_.start_once(*run, run_id, definition_id);
+        };
+        if (!answer(started(), fault))
             return false;
         scheduler_.wake();
         result = Object{{"run_id", run_id}, {"definition", definition_id}};

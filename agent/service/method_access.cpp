@@ -100,6 +100,7 @@ struct Method_Access::Table {
             {"catalog.complete", {OR_MEMBER, &A::of_own_record}},
             {"catalog.get_view", {OR_MEMBER | C::RUN, &A::a_view, &A::whether_set_is_there}},
             {"catalog.initialize", {OR_MEMBER, &A::of_own_record}},
+            {"definition.change", {.callers = PEOPLE, .subject = "definition"}},
             {"definition.list", {PEOPLE}},
             {"definition.remove", {.callers = PEOPLE, .subject = "definition"}},
             {"definition.save", {.callers = PEOPLE, .subject = "name"}},
@@ -141,6 +142,8 @@ struct Method_Access::Table {
             {"run.end", {C::MEMBER, &A::any}}, // ends runs of its own host only
             {"run.hold", {C::MEMBER, &A::resources_of_run}},
             {"run.release", {C::MEMBER, &A::any}}, // releases what runs of its own host have
+            {"schedule.list", {PEOPLE}},
+            {"schedule.show", {PEOPLE}},
         };
         return table;
     }

@@ -9,6 +9,7 @@
 #include "qmrt/names.h"
 #include "qmrt/posix_time.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace {
@@ -183,14 +184,29 @@ std::string fault_of_restore_time(GaussDB_Restore_Job_Options const& options) {
            "\", not a time such as \"2026-11-21T10:00:00+08:00\"";
 }
 
+/** A level that a flavour does not have would become another one, or nothing. */
+struct Level_Rule {
+    unsigned flavours;
+    std::vector<Job_Definition_Subtype> levels;
+    char const* expected;
+};
+
 std::string fault_of_level(Job_Definition_Subtype level, Flavour const& flavour) {
-    bool const is_known = level == JOB_DEFINITION_SUBTYPE_FULL ||
-                          level == JOB_DEFINITION_SUBTYPE_INCREMENTAL ||
-                          level == JOB_DEFINITION_SUBTYPE_LOG;
-    if (flavour.bit != F_TPOPS || is_known)
-        return "";
-    return string_sprintf("level \"%s\" is not one of %s (expected full, incremental or log)",
-                          job_def_subtype_to_string(level, nullptr), flavour.name);
+    static Level_Rule const rules[] = {
+        {F_TPOPS,
+         {JOB_DEFINITION_SUBTYPE_FULL, JOB_DEFINITION_SUBTYPE_INCREMENTAL,
+          JOB_DEFINITION_SUBTYPE_LOG},
+         "full, incremental or log"},
+        {F_ALL & ~F_TPOPS,
+         {JOB_DEFINITION_SUBTYPE_FULL, JOB_DEFINITION_SUBTYPE_INCREMENTAL,
+          JOB_DEFINITION_SUBTYPE_CUMULATIVE},
+         "full, incremental or cumulative"}};
+    for (Level_Rule const& rule : rules)
+        if (rule.flavours & flavour.bit && std::ranges::count(rule.levels, level) == 0)
+            return string_sprintf("level \"%s\" is not one of %s (expected %s)",
+                                  job_def_subtype_to_string(level, nullptr), flavour.name,
+                                  rule.expected);
+    return "";
 }
 
 std::string fault_of_restore(GaussDB_Restore_Job_Options const* options,

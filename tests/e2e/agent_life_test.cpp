@@ -197,6 +197,7 @@ TEST_F(Agent_Life_Test, backups_are_found_by_a_table_that_they_hold) {
 Object instance_backup(std::string const& instance) {
     Object definition = backup_definition("of " + instance, 2, 1000, 0);
     definition["source"].get_obj()["restore_as"] = "gaussdb/" + instance;
+    definition["source"].get_obj().erase("id"); // the agent knows it
     return definition;
 }
 

@@ -36,7 +36,7 @@ class Answers_Test(unittest.TestCase):
         return json.loads(done.stdout)
 
     def test_each_command(self):
-        full = self.answer("backup", OTHER, "--pool", "main", "--interval", "0.05")["run_id"]
+        full = self.answer("backup", OTHER, "--pool", "main", "--interval", "0.05", "--name", "kept")["run_id"]
         made = self.answer("backup", OTHER, "--pool", "main", "--incremental", "--no-wait")["run_id"]
         run = self.answer("job", "wait", made)
         self.assertEqual("completed", run["state"], run)
@@ -61,6 +61,16 @@ class Answers_Test(unittest.TestCase):
             file.flush()
             self.answer("definition", "save", file.name)
 
+    def test_schedules(self):
+        self.answer("schedule", "add", OTHER, "--pool", "main", "--full", "Sun 02:00", "--incremental", "hourly",
+                    "--rate", "200M")
+        for words in (["list"], ["list", OTHER], ["show", OTHER], ["pause", OTHER], ["list"], ["resume", OTHER],
+                      ["update", OTHER, "--incremental", "none"], ["run-now", OTHER]):
+            self.answer("schedule", *words)
+        self.answer("schedule", "add", OTHER, "--pool", "main", "--full", "Sun 02:00", status=5)
+        self.answer("schedule", "remove", OTHER)
+        self.answer("schedule", "show", OTHER, status=4)
+
     def test_changes(self):
         with tempfile.TemporaryDirectory(dir="/srv") as directory:
             self.answer("pool", "create", "second", directory)
@@ -70,7 +80,7 @@ class Answers_Test(unittest.TestCase):
         run = self.answer("backup", OTHER, "--pool", "main", "--no-wait")["run_id"]
         self.answer("job", "cancel", run, "--now")
         self.answer("job", "wait", run, status=6)
-        made = self.answer("backup", OTHER, "--pool", "main", "--interval", "0.05")["run_id"]
+        made = self.answer("backup", OTHER, "--pool", "main", "--interval", "0.05", "--name", "kept")["run_id"]
         self.answer("backup", "remove", made, "--with-dependents", "--yes")
 
     def test_failures(self):

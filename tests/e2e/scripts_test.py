@@ -60,8 +60,8 @@ class Scripts_Test(unittest.TestCase):
         done = commands(chapter("docs/operations.md", "## Limits and scripts"))
         self.assertEqual(4, len(done))
         definitions = []
-        for command in done:
-            run(["bash", "-c", command])
+        for number, command in enumerate(done):
+            run(["bash", "-c", "%s --name 'example %d'" % (command.strip(), number)])
             job = newest_run()
             self.assertEqual("completed", job["state"], command)
             definitions.append(tell("definition", "show", job["definition"]))

@@ -80,6 +80,7 @@ protected:
         agent_.on("job.list", Object{{"jobs", Array{Object{{"run_id", "0f3a"}}}}});
         agent_.on("backup.list", Object{{"backups", Array{Object{{"uuid", "6f96"}}}}});
         agent_.on("definition.list", Object{{"definitions", Array{Object{{"name", "nightly"}}}}});
+        agent_.on("schedule.list", Object{{"schedules", Array{Object{{"name", "weekly"}}}}});
     }
     /** What is offered for the last of the words. */
     std::vector<std::string> complete(std::vector<std::string> const& words,
@@ -107,7 +108,7 @@ TEST_F(Completion_Test, commands_and_their_groups) {
     EXPECT_THAT(complete({"ba"}), ElementsAre("backup", "backups"));
     EXPECT_THAT(complete({"pool", ""}), ElementsAre("create", "update", "remove"));
     EXPECT_THAT(complete({"job", "c"}), ElementsAre("cancel"));
-    EXPECT_EQ(21u, complete({""}).size());
+    EXPECT_EQ(22u, complete({""}).size());
 }
 
 TEST_F(Completion_Test, names_come_from_the_agent_and_are_quoted) {
@@ -123,6 +124,13 @@ TEST_F(Completion_Test, names_come_from_the_agent_and_are_quoted) {
     EXPECT_THAT(complete({"job", "log", "--follow", ""}), ElementsAre("0f3a"));
     EXPECT_THAT(complete({"definition", "start", "n"}), ElementsAre("nightly"));
     EXPECT_THAT(complete({"pool", "remove", ""}), ElementsAre("main"));
+    EXPECT_THAT(complete({"schedule", "show", ""}), ElementsAre("weekly"));
+    EXPECT_THAT(complete({"schedule", "list", "prod", ""}), IsEmpty());
+    EXPECT_THAT(complete({"schedule", "add", "--incremental", "daily", "pro"}),
+                UnorderedElementsAre("prod", "pro\\ two"));
+    EXPECT_THAT(complete({"schedule", "update", "--full", "Sun 02:00", ""}), ElementsAre("weekly"));
+    EXPECT_THAT(complete({"schedule", "update", "weekly", "--pool", ""}), ElementsAre("main"));
+    EXPECT_THAT(complete({"schedule", "r"}), UnorderedElementsAre("resume", "remove", "run-now"));
     EXPECT_THAT(complete({"schemas", "prod", ""}), IsEmpty());
 }
 

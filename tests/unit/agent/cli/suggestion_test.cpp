@@ -77,7 +77,7 @@ TEST_F(Mistyped_Test, arguments_that_are_too_many) {
 TEST_F(Mistyped_Test, levels_states_and_forms) {
     EXPECT_THAT(fault({"backup", "prod", "--pool", "p", "--level", "fulll"}),
                 HasSubstr("'fulll' is not a backup level (expected full, incremental, cumulative, "
-                          "differential, log). Did you mean 'full'?"));
+                          "log). Did you mean 'full'?"));
     EXPECT_THAT(fault({"backups", "--type", "incremntal"}),
                 HasSubstr("Did you mean 'incremental'?"));
     EXPECT_THAT(fault({"jobs", "--state", "runing"}), HasSubstr("Did you mean 'running'?"));

@@ -251,8 +251,68 @@ TEST_F(Definition_JSON_Test, a_pool_must_be_there) {
 }
 
 TEST_F(Definition_JSON_Test, a_schedule_must_be_one) {
-    EXPECT_EQ("schedule: \"5-1\" is no day of the week",
+    EXPECT_EQ("schedule: \"5-1\" is not a valid day of the week",
               fault(R"(,"schedule":{"type":"weekly","at":"0 0 * * 5-1"})"));
+}
+
+TEST_F(Definition_JSON_Test, a_schedule_with_levels_gives_the_definition_its_level) {
+    Object given = backup("nightly", R"(,"schedule":{"type":"calendar","times":)"
+                                     R"({"log":"hourly","cumulative":"Sun 02:00"}})");
+    given.erase("subtype");
+    EXPECT_EQ("cumulative", json_spirit::object_get_str(normal(given), "subtype"));
+    given["subtype"] = "log";
+    EXPECT_EQ("log", json_spirit::object_get_str(normal(given), "subtype"));
+    std::string error;
+    Object result;
+    given["subtype"] = "full";
+    EXPECT_FALSE(normalise_definition(given, defaults(), result, error));
+    EXPECT_EQ("subtype: the schedule has no times for level \"full\"", error);
+    given = restore(R"(,"schedule":{"type":"calendar","times":{"full":"daily"}})");
+    EXPECT_FALSE(normalise_definition(given, defaults(), result, error));
+    EXPECT_EQ("schedule.times: only a backup has levels", error);
+}
+
+/** Knows the instance "production", and nothing of the instance "unsearched". */
+Definition_Defaults with_instances(Definition_Defaults defaults) {
+    defaults.find_instance = [](std::string const& name, std::string& uuid, std::string& error) {
+        uuid = name == "production" ? "6f9619ff-8b86-4011-b42d-00cf4fc9648f" : "";
+        if (name == "production" || name == "unsearched")
+            return true;
+        error = "instance \"" + name + "\" is not on record";
+        return false;
+    };
+    return defaults;
+}
+
+TEST_F(Definition_JSON_Test, a_source_gets_the_uuid_of_its_instance) {
+    Definition_Defaults const known = with_instances(defaults());
+    Object given = backup();
+    Object result;
+    std::string error;
+    given["source"].get_obj().erase("id");
+    ASSERT_TRUE(normalise_definition(given, known, result, error)) << error;
+    EXPECT_EQ(RESOURCE, json_spirit::object_get_str(result["source"].get_obj(), "id"));
+    given["source"].get_obj()["id"] = POOL;
+    EXPECT_FALSE(normalise_definition(given, known, result, error));
+    EXPECT_EQ(0u, error.find("source.id: ")) << error;
+    given["source"].get_obj()["id"] = RESOURCE;
+    EXPECT_TRUE(normalise_definition(given, known, result, error)) << error;
+}
+
+TEST_F(Definition_JSON_Test, an_instance_has_to_be_on_record) {
+    Definition_Defaults const known = with_instances(defaults());
+    Object given = backup();
+    Object result;
+    std::string error;
+    given["source"].get_obj()["entries"] = json_spirit::Array{"gaussdb/production2"};
+    EXPECT_FALSE(normalise_definition(given, known, result, error));
+    EXPECT_EQ("source: instance \"production2\" is not on record", error);
+    EXPECT_FALSE(normalise_definition(restore(), known, result, error));
+    EXPECT_EQ("source: instance \"re/hearsal\" is not on record", error);
+    given["source"].get_obj()["entries"] = json_spirit::Array{"gaussdb/unsearched"};
+    given["source"].get_obj()["id"] = POOL;
+    EXPECT_TRUE(normalise_definition(given, known, result, error)) << error;
+    EXPECT_EQ(POOL, json_spirit::object_get_str(result["source"].get_obj(), "id"));
 }
 
 TEST_F(Definition_JSON_Test, the_modules_parsers_have_their_say) {

@@ -259,20 +259,166 @@ TEST_F(Job_Manager_Test, an_earlier_run_of_a_running_job_takes_no_request) {
     EXPECT_EQ(JOB_STATE_RUNNING, run(second).state);
 }
 
-TEST_F(Job_Manager_Test, a_running_job_is_neither_changed_nor_removed) {
+TEST_F(Job_Manager_Test, a_running_job_is_not_removed) {
     std::string const run_id = start_waiting();
     std::string const id = run(run_id).definition;
-    std::string saved;
-    Job_Answer const answer = manager_->save(backup("new", R"(,"id":")" + id + "\""), saved);
+    Job_Answer const answer = manager_->remove(id);
     EXPECT_EQ(Job_Answer::REFUSED, answer.kind);
     EXPECT_NE(std::string::npos, answer.text.find("is running"));
-    EXPECT_EQ(Job_Answer::REFUSED, manager_->remove(id).kind);
     Described_Definition described;
     ASSERT_TRUE(manager_->show(id, described));
-    EXPECT_EQ("nightly", described.stored.name);
     EXPECT_EQ("running", described.state);
     EXPECT_TRUE(described.running);
     EXPECT_EQ(0, described.last_end);
+}
+
+TEST_F(Job_Manager_Test, a_change_of_a_running_job_counts_from_its_next_run_on) {
+    std::vector<std::string> actions;
+    creator_.steps = [&](Job& job, Job_Event_Handler& events) {
+        events.handle_start_job();
+        actions.push_back(job.definition()->pre_action());
+        gate_.pass(job);
+        actions.push_back(job.definition()->pre_action());
+        events.handle_success();
+    };
+    std::string const id = save(backup("nightly", R"(,"pre_action":"before")"));
+    std::string const first = start();
+    ASSERT_TRUE(gate_.wait_for_arrivals(1));
+    save(backup("renamed", R"(,"pre_action":"after","id":")" + id + "\""));
+    EXPECT_EQ(JOB_STATE_RUNNING, run(first).state);
+    EXPECT_TRUE(manager_->is_running(id));
+    EXPECT_EQ(Job_Answer::REFUSED, try_start("renamed").kind) << "the old run is still running";
+    EXPECT_LOGGED(LM_WARNING, "Job nightly cannot be started: it is running already");
+    EXPECT_TRUE(manager_->pause(first)) << "the run still takes requests";
+    EXPECT_TRUE(manager_->resume(first));
+    gate_.open();
+    settle(id);
+    EXPECT_EQ(JOB_STATE_COMPLETED, run(first).state);
+    EXPECT_EQ("nightly", run(first).name);
+    std::string const second = start("renamed");
+    settle(id);
+    EXPECT_EQ("renamed", run(second).name);
+    EXPECT_THAT(actions, testing::ElementsAre("before", "before", "after", "after"));
+    EXPECT_EQ(2, creator_.created);
+}
+
+TEST_F(Job_Manager_Test, a_change_merges_what_is_given) {
+    std::string const id = save(backup(
+        "nightly",
+        R"(,"pre_action":"true","options":{"channels":4},"schedule":{"type":"daily","at":"30 2 * * *"})"));
+    ASSERT_TRUE(manager_->change(
+        "nightly", json(R"({"pre_action":null,"options":{"compression":"zstd"},"name":"daily"})")));
+    Described_Definition described;
+    ASSERT_TRUE(manager_->show("daily", described));
+    Object& body = described.stored.body;
+    EXPECT_EQ(id, described.stored.id);
+    EXPECT_EQ(0u, body.count("pre_action"));
+    EXPECT_EQ(1u, body.count("schedule"));
+    EXPECT_EQ(json_spirit::Value((Object{{"channels", 4}, {"compression", "zstd"}})),
+              body["options"]);
+    EXPECT_EQ(Job_Answer::NOT_FOUND, manager_->change("nightly", {}).kind);
+    EXPECT_EQ(Job_Answer::INVALID, manager_->change("daily", json(R"({"type":"copy"})")).kind);
+    std::string other;
+    ASSERT_TRUE(manager_->save(backup("other"), other));
+    EXPECT_EQ(Job_Answer::REFUSED, manager_->change("daily", json(R"({"name":"other"})")).kind);
+    ASSERT_TRUE(manager_->change("daily", json(R"({"id":")" + other + "\"}")));
+    EXPECT_TRUE(manager_->show(id, described)) << "a change cannot make it another definition";
+}
+
+TEST_F(Job_Manager_Test, new_times_bring_the_level_of_what_a_start_makes) {
+    save(backup("nightly",
+                R"(,"schedule":{"type":"calendar","times":{"full":"Sun","log":"daily"}})"));
+    ASSERT_TRUE(manager_->change("nightly", json(R"({"schedule":{"times":{"full":null}}})")));
+    Described_Definition described;
+    ASSERT_TRUE(manager_->show("nightly", described));
+    EXPECT_EQ("log", json_spirit::object_get_str(described.stored.body, "subtype"));
+}
+
+TEST_F(Job_Manager_Test, a_start_may_name_its_level) {
+    std::string const id = save(backup());
+    std::string run_id, definition_id;
+    ASSERT_TRUE(manager_->start("nightly", run_id, definition_id, "incremental"));
+    settle(id);
+    EXPECT_EQ("incremental", run(run_id).subtype);
+    EXPECT_EQ("full", run(start()).subtype);
+    settle(id);
+    EXPECT_EQ(Job_Answer::REFUSED,
+              manager_->start("nightly", run_id, definition_id, "complete").kind);
+}
+
+TEST_F(Job_Manager_Test, a_schedule_needs_a_time_to_come) {
+    std::string id;
+    Job_Answer const answer = manager_->save(
+        backup("nightly", R"(,"schedule":{"type":"calendar","at":"1999-01-01 02:00"})"), id);
+    EXPECT_EQ(Job_Answer::INVALID, answer.kind);
+    EXPECT_EQ("schedule: \"1999-01-01 02:00\" has no time to come", answer.text);
+}
+
+TEST_F(Job_Manager_Test, each_level_of_a_schedule_is_checked) {
+    creator_.fault_of_level = "log";
+    std::string id;
+    Job_Answer const answer = manager_->save(
+        backup("nightly",
+               R"(,"schedule":{"type":"calendar","times":{"full":"Sun 02:00","log":"hourly"}})"),
+        id);
+    EXPECT_EQ(Job_Answer::INVALID, answer.kind);
+    EXPECT_EQ("schedule.times.log: not this level", answer.text);
+}
+
+TEST_F(Job_Manager_Test, what_is_run_once_leaves_no_definition) {
+    creator_.steps = steps_through(gate_);
+    std::string run_id, id;
+    ASSERT_TRUE(manager_->start_once(backup(), run_id, id));
+    ASSERT_TRUE(gate_.wait_for_arrivals(1));
+    std::vector<Described_Definition> all;
+    ASSERT_TRUE(manager_->list(all));
+    EXPECT_TRUE(all.empty());
+    EXPECT_EQ("nightly", run(run_id).name);
+    EXPECT_EQ("production", run(run_id).instance);
+    EXPECT_EQ(JOB_STATE_RUNNING, run(run_id).state);
+    EXPECT_TRUE(manager_->is_running(id));
+    EXPECT_TRUE(manager_->pause(run_id));
+    EXPECT_TRUE(manager_->resume(run_id));
+    manager_->start_waiting();
+    EXPECT_TRUE(manager_->is_running(id)) << "dropped while it was running";
+    gate_.open();
+    ACE_Thread_Manager::instance()->wait();
+    manager_->start_waiting();
+    EXPECT_EQ(JOB_STATE_COMPLETED, run(run_id).state);
+    EXPECT_EQ(Job_Answer::REFUSED, manager_->cancel(run_id).kind);
+    EXPECT_FALSE(directory_.exists("jobs/" + id));
+}
+
+TEST_F(Job_Manager_Test, what_is_run_once_may_have_the_name_of_a_definition) {
+    std::string const kept = save(backup("nightly", R"(,"pre_action":"true")"));
+    std::string run_id, id;
+    ASSERT_TRUE(manager_->start_once(backup(), run_id, id));
+    EXPECT_NE(kept, id);
+    ACE_Thread_Manager::instance()->wait();
+    Described_Definition described;
+    ASSERT_TRUE(manager_->show("nightly", described));
+    EXPECT_EQ(1u, described.stored.body.count("pre_action"));
+    EXPECT_EQ("idle", described.state);
+}
+
+TEST_F(Job_Manager_Test, what_cannot_be_run_once_is_refused_and_not_on_record) {
+    std::string run_id, id;
+    EXPECT_EQ(Job_Answer::INVALID, manager_->start_once({}, run_id, id).kind);
+    EXPECT_EQ(Job_Answer::INVALID,
+              manager_->start_once(backup("a", std::string(R"(,"id":")") + POOL + "\""), run_id, id)
+                  .kind);
+    EXPECT_EQ(Job_Answer::INVALID,
+              manager_->start_once(backup("a", R"(,"schedule":{"type":"none"})"), run_id, id).kind);
+    EXPECT_EQ(Job_Answer::REFUSED,
+              manager_->start_once(backup("a", R"(,"enabled":false)"), run_id, id).kind);
+    creator_.refuse = true;
+    EXPECT_EQ(Job_Answer::REFUSED, manager_->start_once(backup(), run_id, id).kind);
+    creator_.refuse = false;
+    manager_->shutdown(0);
+    EXPECT_EQ(Job_Answer::REFUSED, manager_->start_once(backup(), run_id, id).kind);
+    std::vector<Job_Run> runs;
+    ASSERT_TRUE(jobs_->list({}, runs));
+    EXPECT_TRUE(runs.empty());
 }
 
 TEST_F(Job_Manager_Test, a_changed_definition_makes_a_new_job) {
@@ -514,13 +660,52 @@ TEST_F(Waiting_Run_Test, is_taken_over_by_its_own_job_alone) {
     EXPECT_EQ(JOB_STATE_COMPLETED, run(id).state);
 }
 
-TEST_F(Waiting_Run_Test, keeps_others_from_starting_changing_or_removing_it) {
+TEST_F(Waiting_Run_Test, keeps_others_from_starting_or_removing_it) {
     start_with(Start_Answer::wait("the tide"));
     EXPECT_EQ("Job nightly cannot be started: it is running already", try_start().text);
-    std::string id;
-    EXPECT_EQ(Job_Answer::REFUSED,
-              manager_->save(backup("nightly", R"(,"id":")" + definition_ + "\""), id).kind);
     EXPECT_EQ(Job_Answer::REFUSED, manager_->remove(definition_).kind);
+}
+
+TEST_F(Waiting_Run_Test, starts_with_the_definition_that_it_began_with) {
+    std::vector<std::string> actions;
+    creator_.steps = [&](Job& job, Job_Event_Handler& events) {
+        events.handle_start_job();
+        actions.push_back(job.definition()->pre_action());
+        events.handle_success();
+    };
+    std::string const id = start_with(Start_Answer::wait("the tide"));
+    save(backup("renamed", R"(,"pre_action":"after","id":")" + definition_ + "\""));
+    second_ = {};
+    manager_->start_waiting();
+    settle(definition_);
+    EXPECT_EQ("nightly", run(id).name);
+    start("renamed");
+    settle(definition_);
+    EXPECT_THAT(actions, testing::ElementsAre("", "after"));
+}
+
+TEST_F(Waiting_Run_Test, that_is_run_once_waits_as_well) {
+    second_ = Start_Answer::wait("the tide");
+    std::string run_id, id;
+    ASSERT_TRUE(manager_->start_once(backup(), run_id, id));
+    EXPECT_EQ("the tide", run(run_id).waiting_for);
+    manager_->start_waiting();
+    second_ = {};
+    manager_->start_waiting();
+    ACE_Thread_Manager::instance()->wait();
+    EXPECT_EQ(JOB_STATE_COMPLETED, run(run_id).state);
+    EXPECT_EQ("production", run(run_id).instance);
+}
+
+TEST_F(Waiting_Run_Test, that_is_due_again_gets_an_alert) {
+    std::string const id = start_with(Start_Answer::wait("the tide"));
+    Stored_Definition stored;
+    ASSERT_TRUE(store_->find(definition_, stored));
+    manager_->start_due(stored, "", "due at noon");
+    ASSERT_EQ(1u, alerts(id).size());
+    EXPECT_EQ("the run that was due at noon is skipped: this run is not over",
+              alerts(id)[0].alert.text);
+    EXPECT_LOGGED(LM_WARNING, "due at noon is skipped");
 }
 
 TEST_F(Waiting_Run_Test, of_a_disabled_definition_is_refused) {

@@ -190,7 +190,7 @@ TEST_F(Job_Schedule_Text_Test, once_at_a_time_that_the_clocks_pass_over_or_show_
 TEST_F(Job_Schedule_Text_Test, once_refuses_what_is_no_time) {
     for (char const* text : {"", "2026-11-22", "2026-02-30 02:30", "2026-13-01 00:00",
                              "2026-11-22 24:00", "2026-11-22 02:30 ", "1926-11-22 02:30", "now"})
-        EXPECT_NE(std::string::npos, refusal("once", text).find("is no time")) << text;
+        EXPECT_NE(std::string::npos, refusal("once", text).find("is not a time")) << text;
 }
 
 TEST_F(Job_Schedule_Text_Test, continuous_counts_from_the_end_of_the_last_run) {
@@ -206,12 +206,12 @@ TEST_F(Job_Schedule_Text_Test, none_and_ondemand_never_come) {
 }
 
 TEST_F(Job_Schedule_Text_Test, says_which_field_is_wrong) {
-    EXPECT_EQ("\"60\" is no minute", refusal("daily", "60 * * * *"));
-    EXPECT_EQ("\"24\" is no hour", refusal("daily", "0 24 * * *"));
-    EXPECT_EQ("\"0\" is no day of the month", refusal("monthly", "0 0 0 * *"));
-    EXPECT_EQ("\"13\" is no month", refusal("monthly", "0 0 1 13 *"));
-    EXPECT_EQ("\"8\" is no day of the week", refusal("weekly", "0 0 * * 8"));
-    EXPECT_EQ("\"5-1\" is no day of the week", refusal("weekly", "0 0 * * 5-1"));
+    EXPECT_EQ("\"60\" is not a valid minute", refusal("daily", "60 * * * *"));
+    EXPECT_EQ("\"24\" is not a valid hour", refusal("daily", "0 24 * * *"));
+    EXPECT_EQ("\"0\" is not a valid day of the month", refusal("monthly", "0 0 0 * *"));
+    EXPECT_EQ("\"13\" is not a valid month", refusal("monthly", "0 0 1 13 *"));
+    EXPECT_EQ("\"8\" is not a valid day of the week", refusal("weekly", "0 0 * * 8"));
+    EXPECT_EQ("\"5-1\" is not a valid day of the week", refusal("weekly", "0 0 * * 5-1"));
 }
 
 TEST_F(Job_Schedule_Text_Test, refuses_what_is_no_field) {
@@ -233,7 +233,7 @@ TEST_F(Job_Schedule_Text_Test, refuses_a_date_that_never_comes) {
 }
 
 TEST_F(Job_Schedule_Text_Test, refuses_an_unknown_type) {
-    EXPECT_NE(std::string::npos, refusal("yearly", "").find("\"yearly\" is no type"));
+    EXPECT_NE(std::string::npos, refusal("yearly", "").find("\"yearly\" is not a type"));
 }
 
 TEST_F(Job_Schedule_Text_Test, a_huge_text_is_refused_and_nothing_else) {
@@ -244,6 +244,156 @@ TEST_F(Job_Schedule_Text_Test, names_every_type_as_it_is_written) {
     EXPECT_STREQ("none", Job_Schedule_Text::type_name(Job_Schedule::TYPE_NONE));
     EXPECT_STREQ("ondemand", Job_Schedule_Text::type_name(Job_Schedule::TYPE_ONDEMAND));
     EXPECT_STREQ("", Job_Schedule_Text::type_name(static_cast<Job_Schedule::Type>(8)));
+}
+
+/** Times in the manner of systemd. */
+class Calendar_Text_Test : public Job_Schedule_Text_Test {
+protected:
+    /** After 2026-01-09, a Friday, at 12:00. */
+    static std::string coming(char const* text, char const* after = "2026-01-09T12:00:00+0100") {
+        return show(schedule("calendar", text).next_run(at(after)));
+    }
+};
+
+TEST_F(Calendar_Text_Test, a_time_alone_comes_daily) {
+    EXPECT_EQ("2026-01-10T02:00:00+0100", coming("02:00"));
+    EXPECT_EQ("2026-01-10T02:00:00+0100", coming("2:00"));
+    EXPECT_EQ("2026-01-10T02:00:00+0100", coming("*-*-* 02:00:00"));
+    EXPECT_EQ("2026-01-10T02:00:00+0100", coming("  02:00  "));
+}
+
+TEST_F(Calendar_Text_Test, days_of_the_week_have_names_lists_and_ranges) {
+    for (char const* text : {"Sun 02:00", "sunday 02:00", "SUN *-*-* 02:00", "Sun,Wed 02:00",
+                             "Sun..Tue 02:00", "Sun-Tue 02:00"})
+        EXPECT_EQ("2026-01-11T02:00:00+0100", coming(text)) << text;
+    EXPECT_EQ("2026-01-12T02:00:00+0100", coming("Mon..Thu 02:00"));
+    EXPECT_EQ("2026-01-09T22:30:00+0100", coming("Mon..Fri 22:30"));
+    EXPECT_EQ("2026-01-12T22:30:00+0100", coming("Mon..Fri 22:30", "2026-01-09T22:30:00+0100"));
+    EXPECT_EQ("2026-01-10T02:00:00+0100", coming("Sat..Mon 02:00"));
+    EXPECT_EQ("2026-01-13T02:00:00+0100", coming("Tue..Thu 02:00", "2026-01-11T03:00:00+0100"));
+}
+
+TEST_F(Calendar_Text_Test, a_day_alone_comes_at_midnight) {
+    EXPECT_EQ("2026-01-11T00:00:00+0100", coming("Sun"));
+    EXPECT_EQ("2026-02-01T00:00:00+0100", coming("*-*-1"));
+}
+
+TEST_F(Calendar_Text_Test, dates_have_a_month_and_a_day) {
+    EXPECT_EQ("2026-02-01T03:00:00+0100", coming("*-*-1 03:00"));
+    EXPECT_EQ("2026-01-15T03:00:00+0100", coming("*-*-1,15 03:00"));
+    EXPECT_EQ("2026-12-24T18:00:00+0100", coming("12-24 18:00"));
+    EXPECT_EQ("2027-01-08T00:00:00+0100", coming("*-jan-8 00:00"));
+    EXPECT_EQ("2026-01-22T00:00:00+0100", coming("*-*-8/14")) << "8 and 22";
+}
+
+TEST_F(Calendar_Text_Test, a_day_has_to_fit_day_and_date) {
+    EXPECT_EQ("2026-02-13T12:00:00+0100", coming("Fri *-*-13 12:00"));
+    EXPECT_EQ("2026-02-01T02:00:00+0100", coming("Sun *-*-1..7 02:00")) << "the first Sunday";
+}
+
+TEST_F(Calendar_Text_Test, hours_and_minutes_have_steps_and_ranges) {
+    EXPECT_EQ("2026-01-09T12:15:00+0100", coming("*:0/15"));
+    EXPECT_EQ("2026-01-09T12:20:00+0100", coming("*:*/20"));
+    EXPECT_EQ("2026-01-09T16:00:00+0100", coming("0/4:00", "2026-01-09T12:00:00+0100"));
+    EXPECT_EQ("2026-01-09T13:30:00+0100", coming("8..18:30", "2026-01-09T12:30:00+0100"));
+    EXPECT_EQ("2026-01-10T08:30:00+0100", coming("8..18:30", "2026-01-09T18:30:00+0100"));
+}
+
+TEST_F(Calendar_Text_Test, a_year_happens_once) {
+    EXPECT_EQ("2050-06-01T02:00:00+0200", coming("2050-06-01 02:00"));
+    EXPECT_EQ("never", coming("2050-06-01 02:00", "2050-06-01T02:00:00+0200"));
+    EXPECT_EQ("never", coming("2025-06-01 02:00"));
+    EXPECT_EQ("2028-02-29T02:00:00+0100", coming("2028-02-29 02:00"));
+    EXPECT_EQ("never", coming("2027-02-29 02:00"));
+}
+
+TEST_F(Calendar_Text_Test, a_leap_day_comes_every_fourth_year) {
+    EXPECT_EQ("2028-02-29T02:00:00+0100", coming("*-02-29 02:00"));
+    EXPECT_EQ("2032-02-29T02:00:00+0100", coming("*-02-29 02:00", "2028-02-29T02:00:00+0100"));
+}
+
+TEST_F(Calendar_Text_Test, has_words_for_usual_times) {
+    EXPECT_EQ("2026-01-09T13:00:00+0100", coming("hourly"));
+    EXPECT_EQ("2026-01-10T00:00:00+0100", coming("daily"));
+    EXPECT_EQ("2026-01-12T00:00:00+0100", coming("Weekly"));
+    EXPECT_EQ("2026-02-01T00:00:00+0100", coming("monthly"));
+    EXPECT_EQ("2026-04-01T00:00:00+0200", coming("quarterly"));
+    EXPECT_EQ("2027-01-01T00:00:00+0100", coming("yearly"));
+}
+
+TEST_F(Calendar_Text_Test, takes_the_five_fields_of_cron) {
+    EXPECT_EQ("2026-01-11T02:30:00+0100", coming("30 2 * * sun"));
+    EXPECT_EQ("2026-01-12T00:00:00+0100", coming("0 0 15 * mon")) << "either day, as cron has it";
+    EXPECT_EQ("\"60\" is not a valid minute", refusal("calendar", "60 2 * * sun"));
+}
+
+TEST_F(Calendar_Text_Test, names_the_word_that_is_wrong) {
+    EXPECT_EQ("\"Sunn\" is not a valid day of the week (expected for example Sun or Mon..Fri)",
+              refusal("calendar", "Sunn 02:00"));
+    EXPECT_EQ("\"25\" is not a valid hour", refusal("calendar", "Sun 25:00"));
+    EXPECT_EQ("\"60\" is not a valid minute", refusal("calendar", "Sun 2:60"));
+    EXPECT_EQ("\"32\" is not a valid day of the month", refusal("calendar", "*-*-32 02:00"));
+    EXPECT_EQ("\"13\" is not a valid month", refusal("calendar", "*-13-1 02:00"));
+    EXPECT_EQ("\"26\" is not a year (expected * or four digits)",
+              refusal("calendar", "26-1-1 02:00"));
+    EXPECT_EQ("\"02:00:30\" is not a time (expected HOUR:MINUTE)",
+              refusal("calendar", "Sun 02:00:30"));
+    for (char const* text : {"Sun 02", "02:00 Sun", "Sun 02:00 Europe/Berlin", "Sun Mon 02:00",
+                             "02:00 03:00", "2", "@daily"})
+        EXPECT_NE(std::string::npos, refusal("calendar", text).find("is not a time")) << text;
+    EXPECT_EQ(0u, refusal("calendar", "").find("a time is missing"));
+    EXPECT_EQ(0u, refusal("calendar", "   ").find("a time is missing"));
+    EXPECT_NE(std::string::npos, refusal("calendar", "*-2-30 02:00").find("never happens"));
+    for (char const* text : {"Sun.. 02:00", "..Sun 02:00", "Mon..Tue..Wed 02:00", ",Sun 02:00",
+                             "5..1:00", "1..2..3:00", "*:0/0", "*:0/60", "*:0/5/5", "*:/5", ":00",
+                             "2:", "*-*- 02:00", "1-2-3-4 02:00", "*:*:*"})
+        EXPECT_NE("", refusal("calendar", text)) << text;
+}
+
+TEST_F(Calendar_Text_Test, shows_no_control_characters_of_a_text) {
+    EXPECT_EQ(std::string::npos, refusal("calendar", "Sun\n\x1b 02:00").find('\x1b'));
+}
+
+TEST(Time_Zone_Test, knows_the_offsets_of_a_zone_for_ever) {
+    Time_Zone berlin;
+    ASSERT_TRUE(Time_Zone::find("Europe/Berlin", berlin));
+    EXPECT_EQ("Europe/Berlin", berlin.name());
+    EXPECT_EQ(3600, berlin.offset_at(1767225600)); // 2026-01-01
+    EXPECT_EQ(7200, berlin.offset_at(1782864000)); // 2026-07-01
+    EXPECT_EQ(7200, berlin.offset_at(3959884800)); // 2095-06-26, beyond the tables of the database
+    EXPECT_EQ(3600, berlin.offset_at(3944160000)); // 2094-12-26
+    Time_Zone utc;
+    ASSERT_TRUE(Time_Zone::find("UTC", utc));
+    EXPECT_EQ(0, utc.offset_at(1782864000));
+}
+
+TEST(Time_Zone_Test, of_the_host_is_that_of_the_process) {
+    Scoped_Env const tokyo("TZ", "Asia/Tokyo");
+    tzset();
+    Time_Zone host;
+    ASSERT_TRUE(Time_Zone::find("", host));
+    EXPECT_EQ("", host.name());
+    EXPECT_EQ(9 * 3600, host.offset_at(1782864000));
+}
+
+TEST(Time_Zone_Test, refuses_what_the_database_does_not_have) {
+    Time_Zone zone;
+    ASSERT_TRUE(Time_Zone::find("Asia/Tokyo", zone));
+    for (std::string const name : {"Europe/Atlantis", "Europe", "../../etc/passwd",
+                                   "/etc/localtime", "localtime", "libc:UTC", "file:/etc/localtime",
+                                   "Europe/Berlin ", "europe/berlin", "Europe/../Europe/Berlin"})
+        EXPECT_FALSE(Time_Zone::find(name, zone)) << name;
+    EXPECT_FALSE(Time_Zone::find("E" + std::string(100000, 'x'), zone));
+    EXPECT_EQ("Asia/Tokyo", zone.name()) << "changed by a refused name";
+}
+
+TEST_F(Calendar_Text_Test, a_schedule_of_another_zone_goes_by_its_clocks) {
+    Time_Zone tokyo;
+    ASSERT_TRUE(Time_Zone::find("Asia/Tokyo", tokyo));
+    Job_Schedule_Text schedule;
+    std::string error;
+    ASSERT_TRUE(Job_Schedule_Text::parse("calendar", "Sun 02:00", schedule, error, tokyo));
+    EXPECT_EQ("2026-01-10T18:00:00+0100", show(schedule.next_run(at("2026-01-09T12:00:00+0100"))));
 }
 
 } // namespace

@@ -99,10 +99,15 @@ public:
         events.handle_start_job();
         events.handle_success();
     };
-    std::string fault_of(Job_Definition const&) override { return fault; }
+    std::string fault_of(Job_Definition const& definition) override {
+        bool const is_level =
+            fault_of_level == job_def_subtype_to_string(definition.subtype(), nullptr);
+        return is_level ? "not this level" : fault;
+    }
 
     bool refuse = false;
-    std::string fault; ///< of every definition
+    std::string fault;          ///< of every definition
+    std::string fault_of_level; ///< the level whose definitions have a fault; "" for none
     std::atomic<int> created = 0;
     std::atomic<int> removals = 0;
 };

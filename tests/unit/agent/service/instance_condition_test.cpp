@@ -67,6 +67,28 @@ TEST_F(Instance_Condition_Test, the_first_search_is_waited_for_with_a_limit) {
     EXPECT_TRUE(server_->rest_calls().empty());
 }
 
+TEST_F(Instance_Condition_Test, finds_the_uuid_of_what_is_on_record) {
+    std::string uuid, error;
+    EXPECT_TRUE(condition_.find("c2", uuid, error)) << "nobody has searched for it";
+    EXPECT_EQ("", uuid);
+    put("c1", "u1");
+    EXPECT_TRUE(condition_.find("c1", uuid, error));
+    EXPECT_EQ("u1", uuid);
+    probe_.probe();
+    EXPECT_TRUE(condition_.find("c1", uuid, error));
+    EXPECT_FALSE(condition_.find("c2", uuid, error));
+    EXPECT_EQ("", uuid);
+    EXPECT_THAT(error, testing::HasSubstr("instance \"c2\" is not on record; search for it"));
+    hosts_are({OWN});
+    EXPECT_FALSE(condition_.find("c2", uuid, error)) << "removed here";
+    hosts_are({"other"});
+    EXPECT_TRUE(condition_.find("c2", uuid, error));
+    EXPECT_EQ(Instance_Probe::uuid_of("gaussdb", "c2"), uuid);
+    server_->serve(HTTP_METHOD_GET, RESOURCES, rest_answer(503, {}));
+    EXPECT_FALSE(condition_.find("c2", uuid, error));
+    EXPECT_THAT(error, testing::HasSubstr("could not be asked"));
+}
+
 TEST_F(Instance_Condition_Test, an_instance_of_another_host_is_that_hosts_to_run) {
     probe_.probe();
     hosts_are({"other"});

@@ -221,7 +221,8 @@ TEST_F(Method_Access_Test, what_only_administrators_may_call_is_a_change_or_asks
     std::set<std::string> const asking{"audit.list",      "definition.list",
                                        "definition.show", "gaussdb.get_instance",
                                        "gaussdb.list",    "gaussdb.list_tpops_instances",
-                                       "instance.try",    "member.list"};
+                                       "instance.try",    "member.list",
+                                       "schedule.list",   "schedule.show"};
     Rpc_Caller const reader{Rpc_Caller::READER, {}, {}, nullptr, 1001};
     for (std::string const& method : described_methods()) {
         bool const is_peoples = may(Rpc_Caller::admin(), method) && !may(reader, method) &&

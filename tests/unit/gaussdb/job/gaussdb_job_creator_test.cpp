@@ -53,6 +53,7 @@ TEST_F(GaussDB_Job_Creator_Test, clusters_that_are_protected_on_their_first_mach
 
 TEST_F(GaussDB_Job_Creator_Test, what_a_definition_may_say_goes_by_its_clusters_flavour) {
     Job_Definition_var const def = backup_of("c1");
+    def->subtype(JOB_DEFINITION_SUBTYPE_FULL);
     EXPECT_EQ("", creator_.fault_of(*def));
     auto options = std::make_unique<GaussDB_Backup_Job_Options>();
     options->cpu_cores_ = 2;

@@ -157,6 +157,28 @@ TEST(Job_Definition_Rules, a_platform_has_levels_of_its_own) {
     EXPECT_EQ("", fault_of_job_definition(definition, GAUSSDB_200));
 }
 
+TEST(Job_Definition_Rules, the_log_is_backed_up_by_a_platform_alone) {
+    Job_Definition definition;
+    definition.type(JOB_DEFINITION_BACKUP);
+    definition.options(Job_Options_var());
+    for (GAUSSDB_VERSION const flavour :
+         {GAUSSDB_200, GAUSSDB_100, GAUSSDB_T, GAUSSDB_DWS, GAUSSDB_FOR_OPENGAUSS}) {
+        for (Job_Definition_Subtype const level :
+             {JOB_DEFINITION_SUBTYPE_FULL, JOB_DEFINITION_SUBTYPE_INCREMENTAL,
+              JOB_DEFINITION_SUBTYPE_CUMULATIVE}) {
+            definition.subtype(level);
+            EXPECT_EQ("", fault_of_job_definition(definition, flavour));
+        }
+        for (Job_Definition_Subtype const level :
+             {JOB_DEFINITION_SUBTYPE_LOG, JOB_DEFINITION_SUBTYPE_TABLE}) {
+            definition.subtype(level);
+            EXPECT_NE(std::string::npos, fault_of_job_definition(definition, flavour)
+                                             .find("(expected full, incremental or cumulative)"));
+        }
+    }
+    EXPECT_EQ("", fault_of_job_definition(definition, GAUSSDB_UNKNOWN));
+}
+
 TEST(Job_Definition_Rules, a_default_is_as_good_as_nothing) {
     for (auto const& [flavour, name] : FLAVOURS) {
         std::string const cache_dir = flavour == GAUSSDB_T ? "/x" : "";
