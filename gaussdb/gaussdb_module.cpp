@@ -1,6 +1,7 @@
 // All that an agent can get out of the module; gaussdb_module.version lets nothing else be seen.
 #include "gaussdb/common/gaussdb_cluster_manager.h"
 #include "gaussdb/common/tpops_token.h"
+#include "gaussdb/instance_handler/gaussdb_guide.h"
 #include "gaussdb/instance_handler/gaussdb_instance_handler.h"
 #include "gaussdb/job/gaussdb_backup_job_options_parser.h"
 #include "gaussdb/job/gaussdb_backup_job_source_parser.h"
@@ -47,6 +48,9 @@ MODULE_FACTORY(JSON_RPC_Roach_Source_Handler, JSON_RPC_Handler, JSON_RPC_Roach_S
 MODULE_FACTORY(JSON_RPC_TPOPS_Add_Instance_Handler, JSON_RPC_Handler,
                JSON_RPC_TPOPS_Add_Instance_Handler)
 MODULE_FACTORY(JSON_RPC_TPOPS_List_Handler, JSON_RPC_Handler, JSON_RPC_TPOPS_List_Handler)
+
+// not one of the fourteen: an agent may do without it, see host/agent/database_guide.h
+MODULE_FACTORY(Database_Guide, Database_Guide, GaussDB_Guide)
 
 /** Frees clusters and tokens, whose code is unloaded with the module. */
 __attribute__((destructor)) static void unload_module() {

@@ -3,6 +3,7 @@
 
 #include "json_spirit/value.h"
 
+#include <chrono>
 #include <string>
 
 /** Why a call gave no result. */
@@ -38,6 +39,9 @@ public:
      */
     [[nodiscard]] virtual bool call(std::string const& method, json_spirit::Value const& params,
                                     json_spirit::Value& result, Rpc_Error& error) = 0;
+
+    /** Limits the time of all later calls together, from now on; then the agent is unreachable. */
+    virtual void time_limit(std::chrono::seconds) {}
 };
 
 #endif

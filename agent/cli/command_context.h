@@ -56,6 +56,8 @@ public:
     /** The same without a word to the user. */
     [[nodiscard]] bool try_to_ask(std::string const& method, json_spirit::Value const& params,
                                   json_spirit::Value& result);
+    /** Limits the time of all later questions together. */
+    void time_limit(std::chrono::seconds limit) { agent_.time_limit(limit); }
 
     /** Tells of a failure and returns @a code. */
     int fail(Exit_Code code, std::string const& what, std::string const& advice = "");

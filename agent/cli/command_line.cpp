@@ -1,5 +1,6 @@
 #include "agent/cli/command_line.h"
 
+#include "agent/cli/guide.h"
 #include "agent/cli/name_check.h"
 #include "agent/cli/suggestion.h"
 #include "agent/cli/terminal.h"
@@ -38,6 +39,10 @@ std::vector<std::string> state_names() {
 
 std::string examples_text(char const* examples) {
     return *examples ? std::string("Examples:\n") + examples : std::string();
+}
+
+bool is_said(int argc, char const* const* argv, std::string_view word) {
+    return std::find(argv, argv + argc, word) != argv + argc;
 }
 
 } // namespace
@@ -173,26 +178,9 @@ void Command_Line::add_consent(CLI::App& command) {
 
 void Command_Line::add_agent_commands() {
     command(app_, "info", "Show what the agent is", "  zenbrak3 info\n", show_info);
-    CLI::App* const checked =
-        command(app_, "check", "Check that an instance can be protected, and say what is missing",
-                "  zenbrak3 check\n  zenbrak3 check prod --pool main\n"
-                "  zenbrak3 check zengine_1888 --cache-dir /var/gaussdb/backup\n",
-                [this](Command_Context& context) {
-                    return check(context, instance_, pool_, cache_dir_, uid_);
-                });
-    checked->add_option("INSTANCE", instance_, "An instance; without one the agent alone")
-        ->check(name_check(names::fault_of_label));
-    checked->add_option("--pool", pool_, "Also the way to this pool")
-        ->check(name_check(names::fault_of_label))
-        ->type_name("POOL");
-    checked
-        ->add_option(
-            "--cache-dir", cache_dir_,
-            "Also the directory that GaussDB T writes its backups to; as last time if it is "
-            "not given")
-        ->check(name_check(names::fault_of_absolute_path))
-        ->type_name("DIRECTORY");
-    add_uid(*checked);
+    command(app_, "flavours", "List the kinds of databases, and what can be done with each",
+            "  zenbrak3 flavours\n", list_flavours);
+    add_check_command();
     CLI::App* const names = command(app_, "complete", "", "", [this](Command_Context& context) {
         if (what_ != "commands")
             return print_names(context, what_);
@@ -223,6 +211,38 @@ void Command_Line::add_audit_command() {
         ->type_name("DAYS")
         ->check(whole_number_check(1, 36500));
     add_list_options(*audit);
+}
+
+void Command_Line::add_check_command() {
+    CLI::App* const checked =
+        command(app_, "check", "Check that an instance can be protected, and say what is missing",
+                "  zenbrak3 check\n  zenbrak3 check prod --pool main\n"
+                "  zenbrak3 check t1 --cache-dir /var/backups/t1\n"
+                "  zenbrak3 check prod --nagios    one line and its exit status, for monitoring\n",
+                [this](Command_Context& context) {
+                    check_.uid = uid_;
+                    return check(context, check_);
+                });
+    checked->add_option("INSTANCE", check_.instance, "An instance; without one the agent alone")
+        ->check(name_check(names::fault_of_label));
+    checked->add_option("--pool", check_.pool, "Also the way to this pool")
+        ->check(name_check(names::fault_of_label))
+        ->type_name("POOL");
+    checked
+        ->add_option("--cache-dir", check_.cache_dir,
+                     "Also the directory that the database writes its backups to, where it does; "
+                     "as last time if it is not given")
+        ->check(name_check(names::fault_of_absolute_path))
+        ->type_name("DIRECTORY");
+    checked
+        ->add_option("--timeout", check_.timeout,
+                     "Seconds for the whole check; what hangs is ended and reported")
+        ->type_name("SECONDS")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 3600));
+    checked->add_flag("--nagios", check_.nagios,
+                      "Print one line, and exit with 0 to 3 (OK, WARNING, CRITICAL, UNKNOWN)");
+    add_uid(*checked);
 }
 
 void Command_Line::add_pool_wishes(CLI::App& pool) {
@@ -355,7 +375,8 @@ void Command_Line::add_backup_command() {
         ->check(name_check(names::fault_of_title));
     backup
         ->add_option("--schema", wishes_.schemas,
-                     "Only this schema (DWS); may be repeated, for schemas of one database")
+                     "Only this schema, of a flavour that has parts (zenbrak3 flavours); may be "
+                     "repeated, for schemas of one database")
         ->type_name("DATABASE.SCHEMA")
         ->expected(1)
         ->take_all();
@@ -398,7 +419,7 @@ void Command_Line::add_backup_command() {
     list->add_option("--type", backup_filter_.type, "Those of this level")
         ->check(one_of("a backup level", LEVELS))
         ->type_name("LEVEL");
-    list->add_option("--table", backup_filter_.table, "Those that hold this table (DWS)")
+    list->add_option("--table", backup_filter_.table, "Those that hold this table")
         ->check(name_check(names::fault_of_line))
         ->type_name("[[DATABASE.]SCHEMA.]TABLE");
     add_watch(*list);
@@ -444,7 +465,7 @@ void Command_Line::add_restore_command() {
                                                            "such as Z or +08:00 unless it is local "
                                                            "time)");
             },
-            "Restore the instance named as BACKUP to this time (TPOPS)")
+            "Restore the instance named as BACKUP to this time, of a flavour that can")
         ->type_name("TIME");
     added
         ->add_option("BACKUP", backup_,
@@ -462,14 +483,14 @@ void Command_Line::add_restore_command() {
     CLI::Option* const config =
         added
             ->add_option("--config", wishes_.config,
-                         "The new cluster's XML configuration, on its database node (DWS, "
-                         "openGauss)")
+                         "The new cluster's XML configuration, on its database node, of a cluster "
+                         "that is reached by ssh")
             ->check(name_check(names::fault_of_bare_path))
             ->type_name("FILE");
     added
         ->add_option("--table", wishes_.tables,
-                     "Only this table (DWS), under another name if one is given; may be repeated, "
-                     "for tables of one database")
+                     "Only this table, of a flavour that can (zenbrak3 flavours), under another "
+                     "name if one is given; may be repeated, for tables of one database")
         ->type_name("[DATABASE.]SCHEMA.TABLE[=SCHEMA.TABLE]")
         ->expected(1)
         ->take_all()
@@ -590,6 +611,8 @@ bool Command_Line::parse(int argc, char const* const* argv, int& status) {
     try {
         app_.parse(argc, argv);
         check_backup();
+        if (json_ && check_.nagios)
+            throw CLI::ValidationError("--nagios", "cannot be combined with --json");
         if (json_ && watch_ > 0)
             throw CLI::ValidationError("--watch",
                                        "cannot be combined with --json, which prints one document");
@@ -607,9 +630,13 @@ bool Command_Line::parse(int argc, char const* const* argv, int& status) {
                 what = word;
                 fault.str(word + "\nRun with --help for more information.\n");
             }
+        if (status != EXIT_OK && is_said(argc, argv, "--nagios")) {
+            std::cout << plugin_failure(what);
+            status = PLUGIN_UNKNOWN;
+            return false;
+        }
         std::cerr << printable_lines(fault.str());
-        if (status != EXIT_OK &&
-            std::find(argv, argv + argc, std::string_view("--json")) != argv + argc)
+        if (status != EXIT_OK && is_said(argc, argv, "--json"))
             std::cout << printable_json(
                 json_spirit::to_text(json_error(status, what,
                                                 "`zenbrak3 --help` lists the commands, `zenbrak3 "

@@ -1,6 +1,7 @@
 #ifndef AGENT_CLI_COMMAND_LINE_H
 #define AGENT_CLI_COMMAND_LINE_H
 
+#include "agent/cli/check_command.h"
 #include "agent/cli/commands.h"
 
 #include <CLI/CLI.hpp>
@@ -55,6 +56,7 @@ private:
 
     void add_agent_commands();
     void add_audit_command();
+    void add_check_command();
     void add_instance_commands();
     void add_declared_instances(CLI::App& instances);
     void add_platform_login(CLI::App& command);
@@ -95,7 +97,7 @@ private:
     std::string username_;
     std::string uid_;
     std::string pool_;
-    std::string cache_dir_;
+    Check_Wishes check_;
     std::string job_;
     std::string backup_;
     bool dependents_ = false;

@@ -57,10 +57,8 @@ int list_schemas(Command_Context& context, std::string const& instance, std::str
 /** Asks for the password, or reads it from stdin. */
 int save_account(Command_Context& context, std::string const& instance, std::string const& username,
                  std::string const& uid);
-int check(Command_Context& context, std::string const& instance, std::string const& pool,
-          std::string const& cache_dir, std::string const& uid);
 
-/** Port of a TPOPS platform's REST interface, unless said otherwise. */
+/** Port of a platform's REST interface, unless said otherwise. */
 constexpr int DEFAULT_PLATFORM_PORT = 8002;
 
 /** Address and user of a platform; the password is asked for, or read from stdin. */

@@ -1,5 +1,6 @@
 #include "agent/cli/consequences.h"
 
+#include "agent/cli/guide.h"
 #include "agent/cli/text_form.h"
 
 #include <algorithm>
@@ -68,15 +69,23 @@ std::string newest_text(Array const& backups, std::string const& uuid) {
            (object_get_str(newest, "uuid") == uuid ? ", this one" : "");
 }
 
-/** Those that a set of schemas lists. */
-std::vector<std::string> schemas_of(Object const& set) {
-    Array tables;
-    std::vector<std::string> schemas;
-    json_spirit::object_get(set, "tables", tables);
-    for (Object const& one : json_spirit::objects_of(tables))
-        if (object_get_str(one, "type") == "schema")
-            schemas.push_back(object_get_str(one, "name"));
-    return schemas;
+/** What the agent's module says is lost: its words instead of the usual ones, and its lines. */
+void add_loss(Object const& said, char const* member, std::string* what_is_lost,
+              Consequences& result) {
+    Object loss;
+    if (!json_spirit::object_get(said, member, loss)) {
+        result.lines.emplace_back("Besides", "unknown: the agent's module does not say it");
+        return;
+    }
+    if (std::string const title = object_get_str(loss, "title"); !title.empty())
+        result.title = printable(title);
+    if (std::string const lost = object_get_str(loss, "lost"); what_is_lost && !lost.empty())
+        *what_is_lost = printable(lost);
+    Array lines;
+    json_spirit::object_get(loss, "lines", lines);
+    for (Object const& line : json_spirit::objects_of(lines))
+        result.lines.emplace_back(printable(object_get_str(line, "label")),
+                                  printable(object_get_str(line, "text")));
 }
 
 /** The sets that build on one, directly or not, with it. */
@@ -126,26 +135,15 @@ Consequences overwriting(Command_Context& context, Object const& set, std::strin
 Consequences restore_consequences(Command_Context& context, Object const& set,
                                   std::string const& target,
                                   std::vector<std::string> const& tables) {
-    std::string const name = printable(target);
     Consequences result = overwriting(
         context, set, target, "restore backup " + object_get_str(set, "uuid"),
         {"Backup", set_text(set)}, static_cast<time_t>(number_of(set, "backup_end_time")));
-    std::string& what_is_lost = result.lines[LOST_LINE].second;
-    if (!tables.empty()) {
-        result.title = "This restores tables to instance " + name + ", which goes on running.";
-        what_is_lost = "a table that has a target's name already";
-        for (std::string const& table : tables)
-            result.lines.emplace_back("Table", printable(table));
-    } else if (object_get_str(set, "granularity") == "schema") {
-        // the set of a few schemas: no other database is touched
-        result.title = "This rebuilds schemas of database " +
-                       text_or_unknown(object_get_str(set, "database")) + " of instance " + name +
-                       ", which goes on running.";
-        what_is_lost = "what these schemas hold, unless the backup tool refuses schemas that are "
-                       "not empty; nothing else";
-        for (std::string const& schema : schemas_of(set))
-            result.lines.emplace_back("Schema", printable(schema));
-    }
+    Object const params{{"backup", object_get_str(set, "uuid")},
+                        {"instance", target},
+                        {"tables", Array(tables.begin(), tables.end())}};
+    std::string what_is_lost = result.lines[LOST_LINE].second;
+    add_loss(guide_answer(context, "guide.backup", params), "restore", &what_is_lost, result);
+    result.lines[LOST_LINE].second = what_is_lost;
     return result;
 }
 
@@ -184,6 +182,8 @@ Consequences backup_consequences(Command_Context& context, Object const& set, bo
             result.lines.emplace_back(dependents ? "Builds on it" : "Needs it", set_text(other));
     }
     result.lines.emplace_back("Last backup left", newest_text(left, ""));
+    add_loss(guide_answer(context, "guide.backup", {{"backup", object_get_str(set, "uuid")}}),
+             "removal", nullptr, result);
     return result;
 }
 
@@ -219,6 +219,8 @@ Consequences instance_consequences(Command_Context& context, std::string const& 
                     {"Accounts", users.empty() ? "none" : users},
                     {"Backups", std::to_string(backups.size())},
                     {"Last backup", newest_text(backups, "")}};
+    add_loss(guide_answer(context, "guide.instance", {{"instance", instance}}), "removal", nullptr,
+             result);
     return result;
 }
 

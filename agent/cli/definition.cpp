@@ -138,13 +138,13 @@ bool read_tables(std::string const& instance, std::vector<std::string> const& ta
     return true;
 }
 
-/** The tool of the flavours that are reached by ssh, and T's SQL, have no number of their own. */
-void add_channels(int64_t flavour, json_spirit::Object& definition) {
-    constexpr int USUAL_CHANNELS = 4;
+/** Adds the options that the flavour's jobs usually have, as far as they are absent. */
+void add_usual_options(json_spirit::Object const& described, json_spirit::Object& definition) {
+    json_spirit::Object usual;
+    json_spirit::object_get(described, "usual_options", usual);
     json_spirit::Object& options = definition["options"].get_obj();
-    if ((flavour == FLAVOUR_T || flavour == FLAVOUR_DWS || flavour == FLAVOUR_OPENGAUSS) &&
-        !options.count("channels"))
-        options["channels"] = USUAL_CHANNELS;
+    for (auto const& [key, value] : usual)
+        options.try_emplace(key, value);
 }
 
 /** Limits the writes of a backup to the pool, or the reads of a restore from it. */
@@ -288,7 +288,7 @@ bool make_backup_definition(json_spirit::Object const& instance, std::string con
     if (!read_schemas(name, wishes.schemas, definition["source"].get_obj(), error) ||
         !read_wishes(wishes, definition, error))
         return false;
-    add_channels(number_of(instance, "version"), definition);
+    add_usual_options(instance, definition);
     return true;
 }
 
@@ -336,6 +336,6 @@ bool make_restore_definition(json_spirit::Object const& backup,
     if (!read_tables(from, wishes.tables, backup, definition, error) ||
         !read_wishes(wishes, definition, error))
         return false;
-    add_channels(number_of(backup, "series"), definition);
+    add_usual_options(backup, definition);
     return true;
 }

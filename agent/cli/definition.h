@@ -30,7 +30,7 @@ struct Job_Wishes {
     /** "[DATABASE.]SCHEMA.TABLE", with "=SCHEMA.TABLE" for another target; restores only. */
     std::vector<std::string> tables;
     std::string config;      ///< the new cluster's, on its node; restores only
-    time_t restore_time = 0; ///< to which an instance of TPOPS is restored; restores only
+    time_t restore_time = 0; ///< to which an instance is restored; restores only
 };
 
 /** A table, schema or database that a set holds, by its path: "sales.public.orders". */
@@ -58,7 +58,7 @@ std::string instance_entry(std::string const& instance);
 
 /**
  * A backup.
- * @param instance  as the agent has it: "name" and "uuid"
+ * @param instance  as instance.show has it: "name", "uuid", and the flavour's "usual_options"
  * @param pool      its name or uuid
  * @param level     "full", "incremental"...
  * @param error     on failure, what is wrong
@@ -77,7 +77,7 @@ std::string instance_entry(std::string const& instance);
 
 /**
  * A restore of a whole backup, or of the tables that are wished for.
- * @param backup      as the agent has it
+ * @param backup      as backup.show has it, and besides the "usual_options" of its flavour
  * @param restore_as  the instance that it goes to, as the agent has it; null for the one that it
  *                    came from
  */

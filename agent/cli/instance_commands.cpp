@@ -1,4 +1,5 @@
 // Instances: those that are found and those that are declared, their databases and accounts.
+#include "agent/cli/check_command.h"
 #include "agent/cli/commands.h"
 #include "agent/cli/consequences.h"
 #include "agent/cli/password.h"
@@ -82,26 +83,7 @@ int list_names(Command_Context& context, Object params, std::string const& uid,
     return EXIT_OK;
 }
 
-std::string check_line(Object const& line) {
-    bool ok = false;
-    json_spirit::object_get(line, "ok", ok);
-    std::string text = (ok ? "ok    " : "FAIL  ") +
-                       value_text(json_spirit::object_get_any(line, "subject")) + ": " +
-                       value_text(json_spirit::object_get_any(line, "text")) + "\n";
-    std::string const advice = json_spirit::object_get_str(line, "advice");
-    return advice.empty() ? text : text + "      -> " + printable(advice) + "\n";
-}
-
 // clusters that are reached by ssh
-
-/** The lines of a check, or of a trial. */
-std::string check_text(Object const& result) {
-    std::string text;
-    Array const lines = array_of(result, "lines");
-    for (Object const& line : json_spirit::objects_of(lines))
-        text += check_line(line);
-    return text;
-}
 
 Object host_key_of(Object const& tried) {
     Object key;
@@ -253,7 +235,7 @@ bool try_options(Command_Context& context, std::string const& doing, Object cons
     return ok;
 }
 
-/** What a trial has found of something: "DWS 8.2.1" of the database. */
+/** What a trial has found of something: flavour and version of the database. */
 std::string found_text(Object const& tried, char const* subject) {
     Array const lines = array_of(tried, "lines");
     for (Object const& line : json_spirit::objects_of(lines))
@@ -346,7 +328,7 @@ int change_instance(Command_Context& context, std::string const& instance,
 
 int list_instances(Command_Context& context, bool refresh, double interval) {
     std::vector<Column> columns{{"NAME", "name"},
-                                {"FLAVOUR", "version", Form::FLAVOUR},
+                                {"FLAVOUR", "flavour", Form::WORD},
                                 {"VERSION", "edition"},
                                 {"LAST BACKUP", "last_backup", Form::TIME},
                                 {"AGE", "age", Form::DURATION},
@@ -388,12 +370,13 @@ int show_instance(Command_Context& context, std::string const& instance) {
                         {"Type", "type"},
                         {"UUID", "uuid"},
                         {"State", "state"},
-                        {"Flavour", "version", Form::FLAVOUR},
+                        {"Flavour", "flavour"},
                         {"Version", "edition"},
                         {"Last backup", "last_backup", Form::TIME},
                         {"Its level", "last_backup_level"},
                         {"Accounts", "accounts"},
-                        {"Options", "options"}});
+                        {"Options", "options"}},
+                       {"version", "usual_options"});
 }
 
 int save_instance(Command_Context& context, std::string const& instance,
@@ -459,24 +442,4 @@ int save_account(Command_Context& context, std::string const& instance, std::str
                      LIST_INSTANCES))
         return context.status();
     return done(context, result, "Account " + username + " of " + instance + " is saved.");
-}
-
-int check(Command_Context& context, std::string const& instance, std::string const& pool,
-          std::string const& cache_dir, std::string const& uid) {
-    Object params;
-    json_spirit::insert(params)("instance", json_spirit::Skip_Empty_Helper(instance))(
-        "pool", json_spirit::Skip_Empty_Helper(pool))("cache_dir",
-                                                      json_spirit::Skip_Empty_Helper(cache_dir))(
-        "uid", json_spirit::Skip_Empty_Helper(uid));
-    Object result;
-    if (!context.ask("agent.check", params, "check", result,
-                     "`zenbrak3 instances` lists the instances, `zenbrak3 pools` the pools."))
-        return context.status();
-    if (context.json())
-        context.print_json(result);
-    else
-        context.print(check_text(result));
-    bool ok = false;
-    json_spirit::object_get(result, "ok", ok);
-    return ok ? EXIT_OK : EXIT_FAILED;
 }

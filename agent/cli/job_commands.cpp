@@ -2,6 +2,7 @@
 #include "agent/cli/commands.h"
 #include "agent/cli/consequences.h"
 #include "agent/cli/definition_file.h"
+#include "agent/cli/guide.h"
 #include "agent/cli/interruption.h"
 #include "agent/cli/job_progress.h"
 #include "agent/cli/results.h"
@@ -247,39 +248,25 @@ bool find_point(Command_Context& context, std::string const& instance, time_t wh
 }
 
 /**
- * Says before the start what becomes of a backup of a platform's instance that is not full.
- * @return false, after a failure was printed, if the platform would refuse it
+ * Says before the start what becomes of a backup that is not full, as far as the agent can tell.
+ * @return false, after a failure was printed, if it would fail
  */
-bool tell_of_base(Command_Context& context, Object const& instance, std::string const& pool,
+bool tell_outlook(Command_Context& context, std::string const& instance, std::string const& pool,
                   std::string const& level) {
-    if (number_of(instance, "version") != FLAVOUR_TPOPS || level == "full")
+    if (level == "full")
         return true;
-    std::string const name = object_get_str(instance, "name");
-    Object const query{{"instance", name}, {"pool", pool}, {"usable", true}};
-    json_spirit::Value answer;
-    if (!context.try_to_ask("backup.list", query, answer))
-        return true; // the job checks this itself
-    Array backups;
-    if (answer.type() == json_spirit::obj_type)
-        backups = array_of(answer.get_obj(), "backups");
-    std::string timeline;
-    bool is_known = false; // the platform knows a backup of the timeline
-    for (Object const& backup : json_spirit::objects_of(backups))
-        if (timeline.empty() && object_get_str(backup, "type") == "full")
-            timeline = object_get_str(backup, "timeline");
-    for (Object const& backup : json_spirit::objects_of(backups))
-        is_known |= object_get_str(backup, "timeline") == timeline &&
-                    !object_get_str(backup, "backup_id").empty();
-    if (timeline.empty())
-        context.tell("Pool " + printable(pool) + " has no full backup of " + printable(name) +
-                     " since its last restore: this becomes a full backup.\n");
-    else if (level == "log" && !is_known) {
-        context.fail(EXIT_REFUSED,
-                     "cannot back up the log of " + name +
-                         ": its platform knows no backup that the log could follow",
-                     "Make a full backup first.");
+    Object outlook;
+    json_spirit::object_get(
+        guide_answer(context, "guide.instance",
+                     {{"instance", instance}, {"pool", pool}, {"level", level}}),
+        "outlook", outlook); // without one the job checks this itself
+    if (std::string const why = object_get_str(outlook, "refusal"); !why.empty()) {
+        context.fail(EXIT_REFUSED, "cannot back up the " + level + " of " + instance + ": " + why,
+                     object_get_str(outlook, "advice"));
         return false;
     }
+    if (std::string const note = object_get_str(outlook, "note"); !note.empty())
+        context.tell(printable(note) + "\n");
     return true;
 }
 
@@ -296,7 +283,7 @@ int back_up(Command_Context& context, std::string const& instance, std::string c
     std::string error;
     if (!make_backup_definition(found, pool, level, wishes, definition, error))
         return context.fail(EXIT_USAGE, "cannot " + doing + ": " + error);
-    if (!tell_of_base(context, found, pool, level))
+    if (!tell_outlook(context, instance, pool, level))
         return context.status();
     return start(context, {{"run", definition}, {"keep", !wishes.name.empty()}}, doing, wait);
 }
@@ -322,6 +309,8 @@ int restore(Command_Context& context, std::string const& backup, std::string con
         !context.ask("instance.show", Object{{"instance", restore_as}}, doing + " as " + restore_as,
                      target, "`zenbrak3 instances --refresh` looks for instances and lists them."))
         return context.status();
+    found["usual_options"] = json_spirit::object_get_any(
+        flavour_of(context, number_of(found, "series")), "usual_options");
     Object definition;
     std::string error;
     if (!make_restore_definition(found, restore_as.empty() ? nullptr : &target, wishes, definition,

@@ -97,8 +97,8 @@ std::string text_in(Object const& row, Column const& column) {
                       column.form == Form::SHORT_ID ? Form::TEXT : column.form);
 }
 
-bool is_flavour_or_flag(Column const& column, Object const& row) {
-    return column.form == Form::FLAVOUR || value_of(row, column).type() == json_spirit::bool_type;
+bool is_word_or_flag(Column const& column, Object const& row) {
+    return column.form == Form::WORD || value_of(row, column).type() == json_spirit::bool_type;
 }
 
 } // namespace
@@ -164,7 +164,7 @@ bool List_Filter::matches(Object const& row) const {
     bool equal = by_number ? order == 0 : shown == (text.empty() ? NO_VALUE : text);
     if (column.form == Form::SHORT_ID && !text.empty())
         equal = shown.starts_with(text);
-    if (is_flavour_or_flag(column, row))
+    if (is_word_or_flag(column, row))
         equal = column_name(shown) == column_name(text.empty() ? NO_VALUE : text);
     // what has no value is neither more nor less than another one
     bool const is_ordered = shown != NO_VALUE && (held || !is_number_form(column.form));

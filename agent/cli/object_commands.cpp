@@ -2,6 +2,7 @@
 #include "agent/cli/commands.h"
 #include "agent/cli/consequences.h"
 #include "agent/cli/definition_file.h"
+#include "agent/cli/guide.h"
 #include "agent/cli/results.h"
 #include "agent/cli/suggestion.h"
 #include "agent/cli/table.h"
@@ -225,7 +226,7 @@ int list_backups(Command_Context& context, Backup_Filter const& filter, double i
         table.add_extra({{"TYPE", "type"},
                          {"STARTED", "backup_start_time", Form::TIME},
                          {"CONTINUES", "prior_backup_key"},
-                         {"FLAVOUR", "series", Form::FLAVOUR},
+                         {"FLAVOUR", "flavour", Form::WORD},
                          {"VERSION", "database_version"},
                          {"HOST", "host"}});
         if (!choose(context, table) || !context.ask("backup.list", params, LISTING_BACKUPS, answer))
@@ -237,8 +238,11 @@ int list_backups(Command_Context& context, Backup_Filter const& filter, double i
         if (backups.empty() && (!is_known(context, "instance", filter.instance, LISTING_BACKUPS) ||
                                 !is_known_pool(context, pools, filter.pool)))
             return false;
+        std::map<int64_t, std::string> const flavours =
+            backups.empty() ? std::map<int64_t, std::string>() : flavour_names(context);
         for (Object const& backup : json_spirit::objects_of(backups)) {
             Object shown = backup;
+            shown["flavour"] = flavour_name(flavours, number_of(backup, "series"));
             shown["pool"] = pool_name(pools, json_spirit::object_get_str(backup, "pool_uuid"));
             shown.try_emplace("level", json_spirit::object_get_any(backup, "type"));
             table.add(shown, backup);
@@ -254,6 +258,17 @@ int list_backups(Command_Context& context, Backup_Filter const& filter, double i
     });
 }
 
+/** Adds what the agent's module says of a backup. */
+static void describe_backup(Command_Context& context, Object& backup) {
+    backup["flavour"] = flavour_name(flavour_names(context), number_of(backup, "series"));
+    Object const said = guide_answer(context, "guide.backup",
+                                     {{"backup", json_spirit::object_get_str(backup, "uuid")}});
+    Array const lines = array_of(said, "contents");
+    for (Object const& line : json_spirit::objects_of(lines))
+        backup[json_spirit::object_get_str(line, "label")] =
+            json_spirit::object_get_str(line, "text");
+}
+
 int show_backup(Command_Context& context, std::string const& backup) {
     Object found;
     if (!context.ask("backup.show", Object{{"backup", backup}}, "show backup " + backup, found,
@@ -265,6 +280,8 @@ int show_backup(Command_Context& context, std::string const& backup) {
     for (char const* const key : {"type", "level_reason"})
         if (is_as_asked)
             shown.erase(key);
+    if (!context.json())
+        describe_backup(context, shown);
     show_object(context, context.json() ? found : shown,
                 {{"Backup", "uuid"},
                  {"Instance", "instance"},
@@ -279,7 +296,7 @@ int show_backup(Command_Context& context, std::string const& backup) {
                  {"Data until", "data_end", Form::TIME},
                  {"Database size", "source_size", Form::SIZE},
                  {"Size", "backup_set_size", Form::SIZE},
-                 {"Flavour", "series", Form::FLAVOUR},
+                 {"Flavour", "flavour"},
                  {"Version", "database_version"},
                  {"Nodes", "nodes"},
                  {"Database", "database"},
@@ -290,7 +307,8 @@ int show_backup(Command_Context& context, std::string const& backup) {
                  {"Depends on", "depends"},
                  {"Needed by", "needed_by"}},
                 // for programs
-                {"storages",
+                {"series",
+                 "storages",
                  "pieces",
                  "tables",
                  "begin_time",

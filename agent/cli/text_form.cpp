@@ -5,7 +5,6 @@
 #include "json_spirit/text.h"
 #include "qmrt/format.h"
 
-#include <array>
 #include <cctype>
 #include <charconv>
 #include <cmath>
@@ -14,16 +13,6 @@
 namespace {
 
 constexpr char UNITS[] = "KMGTPE";
-
-/** The flavours by their number, as administrators know them. */
-constexpr std::array<char const*, 7> FLAVOURS = {"unknown", "100",       "200",  "T",
-                                                 "DWS",     "openGauss", "TPOPS"};
-
-std::string flavour_text(int64_t number) {
-    if (number < 0 || static_cast<size_t>(number) >= FLAVOURS.size())
-        return std::to_string(number);
-    return FLAVOURS[static_cast<size_t>(number)];
-}
 
 std::string number_text(int64_t number, Form form) {
     auto const bytes = static_cast<uint64_t>(number < 0 ? 0 : number);
@@ -40,8 +29,6 @@ std::string number_text(int64_t number, Form form) {
         return duration_text(number);
     case Form::PERCENT:
         return std::to_string(number) + "%";
-    case Form::FLAVOUR:
-        return flavour_text(number);
     default:
         return std::to_string(number);
     }

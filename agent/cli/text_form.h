@@ -23,11 +23,9 @@ std::string duration_text(int64_t seconds);
  */
 [[nodiscard]] bool read_size(std::string const& text, uint64_t& bytes);
 
-/** How the value of a key is shown. A LIMIT is a size of which 0 is none. */
-enum class Form { TEXT, SHORT_ID, SIZE, LIMIT, TIME, DURATION, PERCENT, YES_NO, FLAVOUR, SPEED };
-
-/** Flavours that the commands treat in a special way; values of an instance's "version". */
-enum : int64_t { FLAVOUR_T = 3, FLAVOUR_DWS, FLAVOUR_OPENGAUSS, FLAVOUR_TPOPS };
+/** How the value of a key is shown. A LIMIT is a size of which 0 is none, a WORD a text whose case
+ * does not matter. */
+enum class Form { TEXT, SHORT_ID, SIZE, LIMIT, TIME, DURATION, PERCENT, YES_NO, WORD, SPEED };
 
 /**
  * A value as printable text, whatever it really is: a text as it stands, an array as its elements

@@ -4,7 +4,9 @@
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <poll.h>
 #include <pwd.h>
@@ -89,10 +91,22 @@ bool Unix_Connection::open(Rpc_Error& error) {
     return true;
 }
 
+/** For poll(): -1 without a limit. */
+int Unix_Connection::milliseconds_left() const {
+    if (!end_)
+        return -1;
+    auto const left =
+        std::chrono::ceil<std::chrono::milliseconds>(*end_ - std::chrono::steady_clock::now());
+    return static_cast<int>(std::clamp<int64_t>(left.count(), 0, INT_MAX));
+}
+
 bool Unix_Connection::wait(short events, Rpc_Error& error) {
     for (;;) {
         pollfd polled[] = {{socket_.get(), events, 0}, {Interruption::fd(), POLLIN, 0}};
-        if (poll(polled, 2, -1) == -1 && errno != EINTR)
+        int const left = milliseconds_left();
+        if (left == 0)
+            return lost(error, "no answer within " + std::to_string(limit_.count()) + " seconds");
+        if (poll(polled, 2, left) == -1 && errno != EINTR)
             return lost(error, std::strerror(errno));
         if (Interruption::happened()) {
             broken_ = true; // an answer may still come, to a question nobody asks any more

@@ -4,6 +4,9 @@
 #include "agent/cli/agent_connection.h"
 #include "qmrt/file.h"
 
+#include <chrono>
+#include <optional>
+
 /** Where the agent listens unless it was told otherwise. */
 constexpr char DEFAULT_AGENT_SOCKET[] = "/run/zenbrak3/agent.sock";
 
@@ -27,11 +30,16 @@ public:
 
     [[nodiscard]] bool call(std::string const& method, json_spirit::Value const& params,
                             json_spirit::Value& result, Rpc_Error& error) override;
+    void time_limit(std::chrono::seconds limit) override {
+        limit_ = limit;
+        end_ = std::chrono::steady_clock::now() + limit;
+    }
 
 private:
     [[nodiscard]] bool open(Rpc_Error& error);
     [[nodiscard]] bool send(json_spirit::Value const& request, Rpc_Error& error);
     [[nodiscard]] bool receive_line(std::string& line, Rpc_Error& error);
+    int milliseconds_left() const;
     [[nodiscard]] bool wait(short events, Rpc_Error& error);
     [[nodiscard]] bool lost(Rpc_Error& error, std::string const& why);
 
@@ -39,6 +47,8 @@ private:
     File_Descriptor socket_;
     std::string received_; ///< what came behind the last line
     int64_t last_id_ = 0;
+    std::chrono::seconds limit_{0};
+    std::optional<std::chrono::steady_clock::time_point> end_; ///< of the time for all calls
     bool broken_ = false;
 };
 

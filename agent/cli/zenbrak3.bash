@@ -32,7 +32,7 @@ _zenbrak3_word() {
         backup)
             _zenbrak3_commands backup
             _zenbrak3_names instances ;;
-        instances | pools | members | jobs | definitions | info | audit) ;;
+        flavours | instances | pools | members | jobs | definitions | info | audit) ;;
         "pool create" | "member add" | "platform list" | "platform add") ;;
         "member remove") _zenbrak3_names members ;;
         "pool remove" | "pool update") _zenbrak3_names pools ;;
@@ -55,7 +55,7 @@ _zenbrak3() {
         word=${COMP_WORDS[index]}
         if [[ $previous == --socket ]]; then
             program+=(--socket "$word")
-        elif [[ $word != -* && ! $previous =~ ^(-o|--(option|pool|cache-dir|level|compression|channels|rate|name|url|uid|user|host|platform|xbsa-host|xbsa-port|interval|progress|instance|definition|state|limit|subject|days|columns|sort|filter|type|watch|full|log|time-zone|schema))$ &&
+        elif [[ $word != -* && ! $previous =~ ^(-o|--(option|pool|cache-dir|level|compression|channels|rate|name|url|uid|user|host|platform|xbsa-host|xbsa-port|interval|timeout|progress|instance|definition|state|limit|subject|days|columns|sort|filter|type|watch|full|log|time-zone|schema))$ &&
             ! "${command[*]}:$previous" =~ ^schedule\ (add|update):--(incremental|cumulative)$ ]]; then
             case "${command[*]}:$word" in
                 :*) command=("$word") ;;

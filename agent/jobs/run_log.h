@@ -16,7 +16,7 @@
 /**
  * The log file of one run: what its threads log, each line as
  *
- *     2026-11-22T02:30:00Z INFO GaussRoach.py: Backup is complete
+ *     2026-11-22T02:30:00Z INFO backup_tool: Backup is complete
  *
  * with the time in UTC. A text of several lines goes on in the file as it is. The file does not
  * grow beyond its limit: its last line says then that the rest is cut. When it cannot be written,

@@ -84,6 +84,7 @@ bool Agent_Module::make_all(std::string& error) {
     backup_source_ = make<Parser_Creator>("GaussDB_Backup_Job_Source_Parser_Creator");
     restore_source_ = make<Parser_Creator>("GaussDB_Restore_Job_Source_Parser_Creator");
     instance_handler_ = make<Instance_Handler>("GaussDB_Instance_Handler");
+    guide_ = make<Database_Guide>("Database_Guide");
     for (Method_Row const& row : METHODS)
         if (std::shared_ptr<JSON_RPC_Handler> handler = make<JSON_RPC_Handler>(row.pair))
             methods_.emplace_back(row.method, std::move(handler));

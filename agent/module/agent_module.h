@@ -1,6 +1,7 @@
 #ifndef AGENT_MODULE_AGENT_MODULE_H
 #define AGENT_MODULE_AGENT_MODULE_H
 
+#include "host/agent/database_guide.h"
 #include "host/agent/instance_handler.h"
 #include "host/agent/object_creator.h"
 #include "host/job/job_creator.h"
@@ -44,6 +45,8 @@ public:
     Parser_Creator* backup_source() const { return backup_source_.get(); }
     Parser_Creator* restore_source() const { return restore_source_.get(); }
     std::shared_ptr<Instance_Handler> const& instance_handler() const { return instance_handler_; }
+    /** What the module says of its databases; null if it says nothing. */
+    std::shared_ptr<Database_Guide> const& guide() const { return guide_; }
     /** Method names, as clients call them, and who serves them. */
     std::vector<std::pair<std::string, std::shared_ptr<JSON_RPC_Handler>>> const& methods() const {
         return methods_;
@@ -66,6 +69,7 @@ private:
     std::shared_ptr<Parser_Creator> backup_source_;
     std::shared_ptr<Parser_Creator> restore_source_;
     std::shared_ptr<Instance_Handler> instance_handler_;
+    std::shared_ptr<Database_Guide> guide_;
     std::vector<std::pair<std::string, std::shared_ptr<JSON_RPC_Handler>>> methods_;
 };
 

@@ -14,6 +14,7 @@
 class Agent_Database;
 class Agent_Jobs;
 class Agent_Module;
+class Database_Guide;
 class Group_Members;
 class Group_Server;
 class Instance_Probe;
@@ -41,9 +42,14 @@ void add_agent_methods(Method_Table& methods, Agent_Config const& config,
                        Agent_Module const& module);
 /** Tells the table which of the module's methods and of those here may wait for tools. */
 void note_tool_calls(Method_Table& methods, std::vector<std::string> const& module_methods);
-/** instance.*, account.save */
+/**
+ * instance.*, account.save
+ * @param guide  the module's; null if it has none
+ */
 void add_instance_methods(Method_Table& methods, Agent_Identity const& identity,
-                          Instance_Probe& probe);
+                          Instance_Probe& probe, std::shared_ptr<Database_Guide> guide);
+/** guide.*: what the module says of its databases; the guide may be null */
+void add_guide_methods(Method_Table& methods, std::shared_ptr<Database_Guide> guide);
 /**
  * Part of the table's gate: false, with the fault, for a call that would remove an instance with a
  * run that is running or waits. True for all other calls.

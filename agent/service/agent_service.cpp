@@ -403,7 +403,8 @@ void Agent_Service::add_methods() {
     });
     add_audit_methods(methods_, audit);
     add_agent_methods(methods_, config_, identity_, *database_, *module_);
-    add_instance_methods(methods_, identity_, *probe_);
+    add_instance_methods(methods_, identity_, *probe_, module_->guide());
+    add_guide_methods(methods_, module_->guide());
     add_job_methods(methods_, *jobs_, *runs_, *scheduler_);
     add_schedule_methods(methods_, *jobs_, *scheduler_, [this](std::string const& uuid) {
         Pool_Info info;

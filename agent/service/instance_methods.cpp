@@ -4,10 +4,10 @@
 #include "agent/jobs/agent_jobs.h"
 #include "agent/jobs/member_reader.h"
 #include "agent/service/agent_identity.h"
-#include "agent/service/instance_flavour.h"
 #include "agent/service/instance_probe.h"
 #include "agent/service/readiness_check.h"
 #include "agent/service/ssh_host_key.h"
+#include "host/agent/database_guide.h"
 #include "host/agent/host_services.h"
 #include "host/agent/instance_backend.h"
 #include "host/agent/instance_handler.h"
@@ -25,23 +25,8 @@ namespace {
 
 constexpr char TYPE[] = "gaussdb";
 
-/** How an option of an instance is checked, whose value goes into paths and command lines. */
-struct Option_Rule {
-    char const* key;
-    names::Rule rule;
-};
-constexpr Option_Rule OPTION_RULES[] = {{"user", names::fault_of_account},
-                                        {"tpops_host", names::fault_of_host},
-                                        {"instance", names::fault_of_instance},
-                                        {"name", names::fault_of_instance},
-                                        // of a cluster that is reached by ssh
-                                        {"address", names::fault_of_ssh_address},
-                                        {"meta_path", names::fault_of_bare_path},
-                                        {"ssh_options", names::fault_of_ssh_options},
-                                        {"source_commands", names::fault_of_remote_commands}};
-
 /** Finds fault with an option whose key or text is not a plain one. */
-void check_options(Member_Reader& reader, Object const* options) {
+void check_options(Member_Reader& reader, Object const* options, Database_Guide const* guide) {
     if (!options)
         return;
     for (auto const& [key, value] : *options) {
@@ -53,10 +38,10 @@ void check_options(Member_Reader& reader, Object const* options) {
             reader.blame(path.c_str(), "wanted a text, a number or a flag");
         if (value.type() != json_spirit::str_type || value.get_str().empty())
             continue;
-        auto const special = std::ranges::find(OPTION_RULES, key, &Option_Rule::key);
-        names::Rule const rule =
-            special == std::end(OPTION_RULES) ? names::fault_of_line : special->rule;
-        if (std::string const fault = rule(value.get_str()); !fault.empty())
+        std::string const& text = value.get_str();
+        std::string const fault =
+            guide ? guide->fault_of_option(key, text) : names::fault_of_line(text);
+        if (!fault.empty())
             reader.blame(path.c_str(), fault);
     }
 }
@@ -93,8 +78,9 @@ void add_last_backups(Array& instances) {
 
 class Instance_Methods {
 public:
-    Instance_Methods(Agent_Identity const& identity, Instance_Probe& probe)
-        : identity_(identity), probe_(probe) {}
+    Instance_Methods(Agent_Identity const& identity, Instance_Probe& probe,
+                     std::shared_ptr<Database_Guide> guide)
+        : identity_(identity), probe_(probe), guide_(std::move(guide)) {}
 
     bool list(Method_Call const& call, Value& result, Method_Fault& fault) {
         std::string error;
@@ -140,7 +126,7 @@ public:
         reader.required_text("name", instance->name, names::fault_of_instance);
         reader.text("type", type);
         reader.object("options", options);
-        check_options(reader, options);
+        check_options(reader, options, guide_.get());
         if (type != TYPE)
             reader.blame("type", "only \"gaussdb\" is known");
         if (!reader.finish())
@@ -163,7 +149,7 @@ public:
         Object const* options = nullptr;
         Member_Reader reader(call.params.get_obj(), "", error);
         reader.object("options", options);
-        check_options(reader, options);
+        check_options(reader, options, guide_.get());
         if (!options || json_spirit::object_get_str(*options, "address").empty())
             reader.blame("options.address", "is missing");
         reader.text("accept_host_key", accepted, names::fault_of_line);
@@ -179,8 +165,8 @@ public:
                 return refused(error, fault);
             key.state = Ssh_Host_Key::KNOWN;
         }
-        Readiness_Check check;
-        check.machines(wanted, Instance_Handler::TO_DECLARE);
+        Readiness_Check check(guide_);
+        check.of_module(wanted, Database_Guide::TO_DECLARE);
         Object answer = check.dump();
         answer["host_key"] = key.dump();
         result = std::move(answer);
@@ -253,25 +239,44 @@ private:
             (void)not_found("instance " + name, fault);
         return instance;
     }
-    static Object describe(Instance const& instance, bool with_state) {
+    Object describe(Instance const& instance, bool with_state) const {
         std::string state;
-        Value version;
-        if (is_on_platform(instance))
-            version = int{FLAVOUR_TPOPS};
-        else
-            instance.get_option("version", version);
         if (with_state)
             if (auto const handler = Instance_Manager::instance()->get_handler(TYPE))
                 handler->get_state(instance.name.c_str(), state);
         Object options = instance.options;
         options.erase("password"); // kept encrypted, and nobody's business
-        return {{"name", instance.name}, {"type", instance.type}, {"uuid", instance.uuid},
-                {"state", state},        {"version", version},    {"edition", edition_of(instance)},
-                {"options", options}};
+        Object described{{"name", instance.name},
+                         {"type", instance.type},
+                         {"uuid", instance.uuid},
+                         {"state", state},
+                         {"options", options}};
+        describe_kind(instance, described);
+        return described;
+    }
+    /** Adds flavour and version: the module's words, or as the record has them. */
+    void describe_kind(Instance const& instance, Object& described) const {
+        Value version;
+        std::string edition;
+        Database_Flavour flavour;
+        if (guide_) {
+            Database_Guide::Identity const identity = guide_->identify(instance);
+            for (Database_Flavour const& one : guide_->flavours())
+                if (one.code == identity.flavour)
+                    flavour = one;
+            version = identity.flavour ? Value(identity.flavour) : Value();
+            edition = identity.edition;
+        } else {
+            instance.get_option("version", version);
+            instance.get_option("edition", edition);
+        }
+        json_spirit::insert(described)("version", version)("edition", edition)(
+            "flavour", flavour.name)("usual_options", flavour.usual_options);
     }
 
     Agent_Identity const& identity_;
     Instance_Probe& probe_;
+    std::shared_ptr<Database_Guide> const guide_;
 };
 
 /** The instance that a call names; "" without one. */
@@ -296,6 +301,8 @@ void note_tool_calls(Method_Table& methods, std::vector<std::string> const& modu
                            json_spirit::object_get(params.get_obj(), "refresh", refresh);
         return given && refresh ? std::optional<std::string>("") : std::nullopt;
     });
+    methods.may_wait_for_tools("guide.backup", [](Value const&) { return std::string(); });
+    methods.may_wait_for_tools("guide.instance", instance_of);
     methods.may_wait_for_tools("agent.check", [](Value const&) { return std::string(); });
 }
 
@@ -312,8 +319,8 @@ bool may_remove_instance(Agent_Jobs& runs, Method_Call const& call, Method_Fault
 }
 
 void add_instance_methods(Method_Table& methods, Agent_Identity const& identity,
-                          Instance_Probe& probe) {
-    auto const instances = std::make_shared<Instance_Methods>(identity, probe);
+                          Instance_Probe& probe, std::shared_ptr<Database_Guide> guide) {
+    auto const instances = std::make_shared<Instance_Methods>(identity, probe, std::move(guide));
     add_member_methods<Instance_Methods>(methods, instances,
                                          {{"instance.list", &Instance_Methods::list},
                                           {"instance.show", &Instance_Methods::show},

@@ -116,6 +116,9 @@ struct Method_Access::Table {
             {"group.deliver", {C::BACKUPD}},
             {"group.forward", {C::MEMBER, &A::any}}, // run_of() checks it
             {"group.join", {C::MEMBER, &A::any}},    // admit() checks it
+            {"guide.backup", {LOOKING}},
+            {"guide.flavours", {LOOKING}},
+            {"guide.instance", {LOOKING}},
             {"instance.list", {LOOKING}},
             {"instance.remove", {.callers = PEOPLE, .subject = "instance"}},
             {"instance.save", {.callers = PEOPLE, .subject = "name"}},

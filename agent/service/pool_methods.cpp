@@ -9,6 +9,8 @@
 
 #include <unistd.h>
 
+#include <chrono>
+
 using json_spirit::Array;
 using json_spirit::Object;
 using json_spirit::Value;
@@ -31,7 +33,11 @@ public:
         for (Pool_Record const& record : records)
             if (access_.may_use_pool(call.caller, record.uuid))
                 array.emplace_back(status_.describe(record));
-        result = Object{{"pools", std::move(array)}};
+        // a member compares its clock by it
+        double const now =
+            std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+                .count();
+        result = Object{{"pools", std::move(array)}, {"now", now}};
         return true;
     }
     bool create(Method_Call const& call, Value& result, Method_Fault& fault) {

@@ -2,20 +2,24 @@
 #define AGENT_SERVICE_READINESS_CHECK_H
 
 #include "host/agent/check_lines.h"
+#include "host/agent/database_guide.h"
 #include "json_spirit/value.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 /**
- * Finds out what is missing for a backup of an instance, before one is tried. It looks, and leaves
- * nothing behind: in a pool an empty file is made and removed, as root and as the database's user.
- * A tool of this host is looked for, not run. One object is for one check, on any thread.
+ * Finds out what is missing for a backup of an instance, before one is tried. Changes nothing. What
+ * the database needs is the module's to say. One object is for one check, on any thread.
  */
 class Readiness_Check : private Check_Lines {
 public:
     using Line = Instance_Check;
+
+    /** @param guide  the module's; null if it has none, which is reported */
+    explicit Readiness_Check(std::shared_ptr<Database_Guide> guide) : guide_(std::move(guide)) {}
 
     /** A pool as the check needs it; sizes in bytes. */
     struct Pool {
@@ -28,14 +32,15 @@ public:
         std::string path;   ///< its directory, which has to be there on this host, too
     };
 
-    /** Whether jobs can be made at all. */
-    void module(std::string const& path, std::vector<std::string> const& pairs);
-    /** @param complaints  of the database's own check; empty is good */
+    /** @param makes_jobs  whether the module can make jobs at all */
+    void module(std::string const& path, bool makes_jobs);
+    /** @param complaints  of the agent's database's own check; empty is good */
     void database(std::vector<std::string> const& complaints);
     /**
-     * The record, the state, the user of the operating system, the tools, the account, the link.
+     * The record, alerts, and what the module looks at.
+     * @param uid        whose account of the instance is looked at
      * @param cache_dir  where the database writes its backups; "" where it does not, or as last
-     * time
+     *                   time
      */
     void instance(std::string const& name, std::string const& uid,
                   std::string const& cache_dir = "");
@@ -45,27 +50,27 @@ public:
     void no_pool();
     /** @param why  the backup server did not say what pools there are */
     void pools_unknown(std::string const& why);
+    /**
+     * The backup server's clock.
+     * @param ahead  seconds by which it is ahead of this host's at least; negative: behind
+     */
+    void server_clock(double ahead);
 
-    /** What the module looks at: the way to the instance's machines, for one that needs it. */
-    void machines(Instance const& instance, Instance_Handler::Check_Scope scope);
+    /** What the module looks at of an instance that need not be on record. */
+    void of_module(Instance const& instance, Database_Guide::Check_Scope scope);
 
     std::vector<Line> const& lines() const { return lines_; }
+    /** No line is critical or unknown. */
     [[nodiscard]] bool ok() const;
-    /** {"ok", "lines"}, each line with its four members. */
+    /** {"ok", "lines"}, as docs/rpc.md has it. */
     json_spirit::Object dump() const;
 
 private:
     void alerts(std::string const& name);
-    void state(std::string const& name);
-    void user_and_tools(Instance const& instance, int version);
-    void tools(char const* const* names, std::string const& instance, std::string const& user,
-               std::string const& app_path);
-    void account(std::string const& name, std::string const& uid, int version);
-    void xbsa_link();
-    void passages();
     void user_folder(Pool const& pool);
 
-    std::string user_;     ///< the database's, of the instance that was looked at
+    std::shared_ptr<Database_Guide> const guide_;
+    std::string user_;     ///< who writes to the pool, of the instance that was looked at
     std::string resource_; ///< that instance's uuid
 };
 

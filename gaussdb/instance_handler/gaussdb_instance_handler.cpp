@@ -3,9 +3,6 @@
 #include "gaussdb/common/gaussdb_cluster_manager.h"
 #include "gaussdb/common/gaussdb_non_intrusive_handler.h"
 #include "gaussdb/common/gaussdb_tpops_handler.h"
-#include "gaussdb/instance_handler/gaussdb_node_check.h"
-#include "gaussdb/instance_handler/gaussdb_t_check.h"
-#include "gaussdb/instance_handler/gaussdb_tpops_check.h"
 #include "host/agent/credential.h"
 #include "json_spirit/access.h"
 #include "qmrt/check.h"
@@ -184,20 +181,6 @@ int GaussDB_Instance_Handler::update_options(char const* name, char const* usern
 std::vector<Instance_Alert> GaussDB_Instance_Handler::alerts() {
     GaussDB_Cluster_Manager const* const manager = GaussDB_Cluster_Manager::instance();
     return manager ? manager->alerts() : std::vector<Instance_Alert>();
-}
-
-std::vector<Instance_Check> GaussDB_Instance_Handler::check(Instance const& instance,
-                                                            Check_Scope scope) {
-    int version = GAUSSDB_UNKNOWN;
-    instance.get_option("version", version);
-    if (std::string host; instance.get_option("tpops_host", host))
-        return GaussDB_TPOPS_Check(instance).run(scope);
-    if (version == GAUSSDB_T && scope == TO_BACK_UP)
-        return GaussDB_T_Check(instance).run();
-    bool const is_declared = version == GAUSSDB_UNKNOWN && instance.options.count("address");
-    return is_declared || is_non_intrusive(version)
-               ? GaussDB_Node_Check(instance.options).run(scope)
-               : std::vector<Instance_Check>();
 }
 
 void GaussDB_Instance_Handler::forget(char const* name) {

@@ -40,8 +40,6 @@ public:
                        options_type& options) override;
     /** The processes and profiles that the last discovery refused. */
     std::vector<Instance_Alert> alerts() override;
-    /** See GaussDB_Node_Check, GaussDB_T_Check and GaussDB_TPOPS_Check. Nothing for others. */
-    std::vector<Instance_Check> check(Instance const& instance, Check_Scope scope) override;
     void forget(char const* name) override;
 };
 

@@ -5,6 +5,8 @@
 #include "gaussdb/common/gaussdb_non_intrusive_handler.h"
 #include "gaussdb/common/gaussdb_non_intrusive_record.h"
 #include "gaussdb/common/gaussdb_process_options.h"
+#include "gaussdb/instance_handler/clock_check.h"
+#include "gaussdb/instance_handler/gaussdb_host_check.h"
 #include "gaussdb/job/gaussdb_utils.h"
 #include "host/process/process_options.h"
 #include "host/process/subprocess.h"
@@ -108,7 +110,7 @@ bool listens(uint16_t port) {
 
 GaussDB_Node_Check::GaussDB_Node_Check(json_spirit::Object const& record) : record_(record) {}
 
-std::vector<Instance_Check> GaussDB_Node_Check::run(Instance_Handler::Check_Scope scope) {
+std::vector<Instance_Check> GaussDB_Node_Check::run(Database_Guide::Check_Scope scope) {
     if (!read_record() || !way_in())
         return lines_;
     bool const has_version = version();
@@ -116,7 +118,8 @@ std::vector<Instance_Check> GaussDB_Node_Check::run(Instance_Handler::Check_Scop
     if (!has_version)
         return lines_;
     nodes();
-    if (scope == Instance_Handler::TO_BACK_UP) {
+    if (scope == Database_Guide::TO_BACK_UP) {
+        clock();
         data_service();
         if (version_.model_ == GAUSSDB_DWS)
             media_list();
@@ -145,8 +148,8 @@ int GaussDB_Node_Check::ask(std::string const& command, std::string& output) con
     GaussDB_Process_Options opts;
     set_process_options(opts);
     // nobody could answer a question
-    if (!set_command_line(opts, "ssh -o BatchMode=yes %s %s '%s'", access_.ssh_opts.c_str(),
-                          access_.address.c_str(), command.c_str()))
+    if (!set_command_line(opts, "ssh -o BatchMode=yes -o UpdateHostKeys=no %s %s '%s'",
+                          access_.ssh_opts.c_str(), access_.address.c_str(), command.c_str()))
         return -1;
     return subprocess::spawn_output(opts, output, true);
 }
@@ -294,6 +297,16 @@ void GaussDB_Node_Check::nodes() {
                   " there, gs_guc check -Z coordinator -I all -c "
                   "port and gsql have to work"
             : "start the cluster; as " + user_ + " there, cm_ctl view -N has to work");
+}
+
+void GaussDB_Node_Check::clock() {
+    std::string output;
+    double const before = clock_now();
+    int const status = ask(ASK_CLOCK, output);
+    double const after = clock_now();
+    std::vector<std::string> const lines = lines_of(output);
+    lines_.push_back(clock_line(
+        access_.address, status != 0 || lines.empty() ? "nothing" : lines.back(), before, after));
 }
 
 /** The counterpart of the tool on this host. */

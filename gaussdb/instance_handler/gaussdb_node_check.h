@@ -4,6 +4,7 @@
 #include "gaussdb/common/gaussdb_const.h"
 #include "gaussdb/job/gaussdb_non_intrusive_node.h"
 #include "host/agent/check_lines.h"
+#include "host/agent/database_guide.h"
 
 #include <string>
 #include <vector>
@@ -18,7 +19,7 @@ public:
     /** @param record  as "gaussdb.create_instance" makes it; name and version may be absent */
     explicit GaussDB_Node_Check(json_spirit::Object const& record);
 
-    std::vector<Instance_Check> run(Instance_Handler::Check_Scope scope);
+    std::vector<Instance_Check> run(Database_Guide::Check_Scope scope);
 
 private:
     [[nodiscard]] bool read_record();
@@ -27,6 +28,7 @@ private:
     void tools();
     void backup_tool(std::string const& path);
     void nodes();
+    void clock();
     void data_service();
     void media_list();
     void metadata_path();

@@ -2,6 +2,7 @@
 #define GAUSSDB_INSTANCE_HANDLER_GAUSSDB_T_CHECK_H
 
 #include "host/agent/check_lines.h"
+#include "host/agent/instance.h"
 
 #include <cstdint>
 #include <string>

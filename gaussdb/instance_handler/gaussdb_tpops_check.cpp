@@ -32,7 +32,7 @@ std::string running_route() {
 
 GaussDB_TPOPS_Check::GaussDB_TPOPS_Check(Instance const& instance) : instance_(instance) {}
 
-std::vector<Instance_Check> GaussDB_TPOPS_Check::run(Instance_Handler::Check_Scope scope) {
+std::vector<Instance_Check> GaussDB_TPOPS_Check::run(Database_Guide::Check_Scope scope) {
     if (!read_record())
         return lines_;
     TPOPS_RESTful_Client client;
@@ -46,7 +46,7 @@ std::vector<Instance_Check> GaussDB_TPOPS_Check::run(Instance_Handler::Check_Sco
             "see whether this is the REST interface of a TPOPS platform: zenbrak3 platform change "
             "corrects host and port");
     }
-    if (scope == Instance_Handler::TO_BACK_UP)
+    if (scope == Database_Guide::TO_BACK_UP)
         xbsa_route();
     return lines_;
 }

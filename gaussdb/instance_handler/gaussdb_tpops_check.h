@@ -3,6 +3,7 @@
 
 #include "gaussdb/common/tpops_defs.h"
 #include "host/agent/check_lines.h"
+#include "host/agent/database_guide.h"
 
 #include <vector>
 
@@ -18,7 +19,7 @@ class GaussDB_TPOPS_Check : private Check_Lines {
 public:
     explicit GaussDB_TPOPS_Check(Instance const& instance);
 
-    std::vector<Instance_Check> run(Instance_Handler::Check_Scope scope);
+    std::vector<Instance_Check> run(Database_Guide::Check_Scope scope);
 
 private:
     [[nodiscard]] bool read_record();

@@ -236,3 +236,35 @@ std::string fault_of_job_definition(Job_Definition const& definition, GAUSSDB_VE
     return fault_of_restore(dynamic_cast<GaussDB_Restore_Job_Options const*>(options),
                             dynamic_cast<GaussDB_Restore_Job_Source const*>(source), row);
 }
+
+std::vector<std::string> job_options_of(Job_Definition_Type type, GAUSSDB_VERSION flavour) {
+    bool const is_backup = type == JOB_DEFINITION_BACKUP;
+    std::vector<std::string> options;
+    if (is_backup)
+        options.emplace_back("compression");
+    for (Given_Option const& option : is_backup ? given_options(GaussDB_Backup_Job_Options())
+                                                : given_options(GaussDB_Restore_Job_Options()))
+        if (option.flavours & flavour_row(flavour).bit)
+            options.emplace_back(option.name);
+    return options;
+}
+
+std::vector<std::string> backup_levels_of(GAUSSDB_VERSION flavour) {
+    switch (flavour) {
+    case GAUSSDB_100:
+    case GAUSSDB_200:
+        return {"full", "incremental"};
+    case GAUSSDB_T:
+    case GAUSSDB_DWS:
+    case GAUSSDB_FOR_OPENGAUSS:
+        return {"full", "incremental", "cumulative"};
+    case GAUSSDB_TPOPS:
+        return {"full", "incremental", "log"};
+    default:
+        return {};
+    }
+}
+
+char const* flavour_title(GAUSSDB_VERSION flavour) {
+    return flavour_row(flavour).name;
+}

@@ -5,6 +5,7 @@
 #include "host/job/job_definition.h"
 
 #include <string>
+#include <vector>
 
 /**
  * What the options and the source of a job may say. The executors take no notice of an option of
@@ -17,5 +18,12 @@
  *         GaussDB 200'; "" for none. Logs nothing. Thread-safe.
  */
 std::string fault_of_job_definition(Job_Definition const& definition, GAUSSDB_VERSION flavour);
+
+/** The options that a definition of the flavour may have. Thread-safe. */
+std::vector<std::string> job_options_of(Job_Definition_Type type, GAUSSDB_VERSION flavour);
+/** The levels that a backup of the flavour may have, "full" first. Thread-safe. */
+std::vector<std::string> backup_levels_of(GAUSSDB_VERSION flavour);
+/** What people call a flavour, "GaussDB DWS"; "" for an unknown one. Thread-safe. */
+char const* flavour_title(GAUSSDB_VERSION flavour);
 
 #endif

@@ -38,8 +38,4 @@ std::vector<Instance_Alert> Instance_Handler::alerts() {
     return {};
 }
 
-std::vector<Instance_Check> Instance_Handler::check(Instance const&, Check_Scope) {
-    return {};
-}
-
 void Instance_Handler::forget(char const*) {}

@@ -14,15 +14,6 @@ struct Instance_Alert {
     std::string text;     ///< what is wrong and what to do, one sentence
 };
 
-/** One thing that was looked at, to find out whether an instance can be protected. */
-struct Instance_Check {
-    std::string subject; ///< "tool gs_om"
-    bool ok = false;
-    std::string text;   ///< what was found
-    std::string advice; ///< what to do; "" when it is ok
-    std::string user{}; ///< operating-system user who writes to the pool, if this check found it
-};
-
 /**
  * What a module knows of the instances of one type. The agent calls it on any thread. Without an
  * override there are no instances, every state is "error", and logons are refused.
@@ -64,18 +55,6 @@ public:
 
     /** What was found wrong when instances were last looked for. */
     virtual std::vector<Instance_Alert> alerts();
-    /** How much of an instance check() looks at. */
-    enum Check_Scope {
-        TO_DECLARE, ///< whether it can be reached, and what it is
-        TO_BACK_UP  ///< besides, what a backup needs there and on this host
-    };
-    /**
-     * Looks at what the jobs of an instance need beyond what the agent knows by itself, such as the
-     * machines that it is reached through. Runs tools, and changes nothing.
-     * @param instance  need not be on record
-     * @return here, and for an instance that needs nothing more, nothing
-     */
-    virtual std::vector<Instance_Check> check(Instance const& instance, Check_Scope scope);
     /** The instance is not on record any more: what is still known of it is dropped. */
     virtual void forget(char const* name);
 

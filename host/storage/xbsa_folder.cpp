@@ -92,12 +92,28 @@ void close_others_of_cluster(int cluster) {
     });
 }
 
+/** Makes a file without a name, so that the folder is not changed; -1 if it cannot be written. */
+File_Descriptor open_unnamed(int folder, bool& is_possible) {
+    File_Descriptor file(openat(folder, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, OBJECT_MODE));
+    is_possible = file || (errno != EOPNOTSUPP && errno != EISDIR);
+    return file;
+}
+
+/** A new file in a folder: without a name, or removed again where there are only named ones. */
+File_Descriptor open_scratch(int folder) {
+    bool is_possible = false;
+    File_Descriptor unnamed = open_unnamed(folder, is_possible);
+    if (is_possible)
+        return unnamed;
+    std::string const name = UNFINISHED_PREFIX + uuid_string();
+    File_Descriptor file(
+        openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, OBJECT_MODE));
+    return file && unlinkat(folder, name.c_str(), 0) == 0 ? std::move(file) : File_Descriptor();
+}
+
 bool can_user_write(int folder, uid_t uid) {
     As_File_User const user(uid);
-    std::string const name = UNFINISHED_PREFIX + uuid_string();
-    File_Descriptor const file(openat(user ? folder : -1, name.c_str(),
-                                      O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, OBJECT_MODE));
-    return file && unlinkat(folder, name.c_str(), 0) == 0;
+    return bool(open_scratch(user ? folder : -1));
 }
 
 /** @param path  of the open folder, by which its user has to get there, too */
@@ -195,15 +211,16 @@ Storage_Result check_pool_writable(std::string const& pool_path, std::string con
     if (errno != ENOENT)
         return storage_errno("cannot open " + folder, errno);
     File_Descriptor const pool(open(pool_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    std::string const name = UNFINISHED_PREFIX + uuid_string();
-    File_Descriptor const scratch = make_and_enter(pool.get(), name, CLOSED_MODE);
-    if (!scratch)
-        return storage_errno("cannot make a folder in " + pool_path, errno);
-    set_owner_and_mode(scratch.get(), entry.uid(), entry.gid(), CLOSED_MODE);
-    Storage_Result const result =
-        check_folder_writable(scratch.get(), pool_path + "/" + name, entry);
-    unlinkat(pool.get(), name.c_str(), AT_REMOVEDIR);
-    return result;
+    // root makes the user's folder there before the first backup
+    File_Descriptor const file = open_scratch(pool.get());
+    if (!file)
+        return storage_errno("cannot write to " + pool_path, errno);
+    set_owner_and_mode(file.get(), entry.uid(), entry.gid(), OBJECT_MODE);
+    As_File_User const rights(entry.uid());
+    std::string const own = "/proc/self/fd/" + std::to_string(file.get());
+    if (rights && File_Descriptor(open(own.c_str(), O_WRONLY | O_CLOEXEC)))
+        return {};
+    return failed("the user " + user + " cannot write to what root makes for it in " + pool_path);
 }
 
 Storage_Result separate_pool(std::string const& path) {
@@ -229,14 +246,11 @@ std::string fault_of_separation(std::string const& path) {
     struct stat status;
     if (!pool || fstat(pool.get(), &status) == -1)
         return "its directory cannot be opened: " + std::string(strerror(errno));
-    std::string const name = UNFINISHED_PREFIX + uuid_string();
-    File_Descriptor const file(
-        openat(pool.get(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, OBJECT_MODE));
+    File_Descriptor const file = open_scratch(pool.get());
     if (!file)
         return "its directory cannot be written: " + std::string(strerror(errno));
     bool const has_owners =
         geteuid() != 0 || set_owner_and_mode(file.get(), ANYBODY, ANYBODY, OBJECT_MODE);
-    unlinkat(pool.get(), name.c_str(), 0);
     if (!has_owners)
         return "its file system does not keep owners, or root cannot set them: the databases' "
                "users "

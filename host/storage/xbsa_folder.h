@@ -37,9 +37,10 @@ Storage_Result check_xbsa_folder_readable(std::string const& pool_url,
                                           std::string const& cluster_id, std::string const& user);
 
 /**
- * Checks that a cluster's user can write to a pool as the XBSA library will. A file is made and
- * removed as that user, by its whole path: in the cluster's folder, or before its first backup in a
- * scratch folder that is given to the user as that one will be.
+ * Checks that a cluster's user can write to a pool as the XBSA library will, and that the user can
+ * pass to it. A file without a name is made in the cluster's folder as that user, or before its
+ * first backup in the pool as root, and given to the user. Nothing changes in the pool, but for the
+ * times of a folder on a file system that has only files with names.
  * @param pool_path  the pool's directory
  * @return FAILED with what is in the way, such as a directory that the user cannot pass through
  */
@@ -54,8 +55,8 @@ Storage_Result check_pool_writable(std::string const& pool_path, std::string con
 Storage_Result separate_pool(std::string const& path);
 
 /**
- * Why the users of a pool are not separated, and what to do; "" when they are. Makes and removes an
- * empty file in the pool's directory.
+ * Why the users of a pool are not separated, and what to do; "" when they are. Makes a
+ * file as check_pool_writable() does.
  */
 std::string fault_of_separation(std::string const& path);
 

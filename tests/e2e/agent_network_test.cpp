@@ -141,7 +141,7 @@ TEST_F(Agent_Group_Test, a_member_checks_the_servers_pools) {
     EXPECT_THAT(checked("main"), HasSubstr("pool main does not exist"));
     EXPECT_THAT(checked(""), HasSubstr("zenbrak3 pool create"));
     server_.agent().ask("pool.create", pool);
-    EXPECT_THAT(checked("main"), HasSubstr(R"("ok":true,"subject":"pool main")"));
+    EXPECT_THAT(checked("main"), HasSubstr(R"("state":"ok","subject":"pool main")"));
     server_.agent().kill();
     EXPECT_TRUE(wait_for([&] {
         return checked("main").find("the backup server was not asked") != std::string::npos;

@@ -124,34 +124,34 @@ TEST_F(Consent_Test, a_restore_tells_what_it_overwrites_and_what_is_lost) {
     EXPECT_THAT(out(), HasSubstr("Last backup of rehearsal:  none\n"));
 }
 
-TEST_F(Consent_Test, a_restore_of_schemas_tells_that_only_they_are_rebuilt) {
-    Object set{{"uuid", "b-1"},           {"instance", "prod"},    {"type", "full"},
-               {"resource_uuid", "u-1"},  {"backup_key", "k1"},    {"backup_end_time", 1795314600},
-               {"granularity", "schema"}, {"database", "sh\033op"}};
-    set["tables"] = Array{Object{{"type", "database"}, {"name", "shop"}},
-                          Object{{"type", "schema"}, {"name", "sale"}},
-                          Object{{"type", "table"}, {"name", "orders"}},
-                          Object{{"type", "schema"}, {"name", "archive"}}};
-    agent_->on("backup.show", set);
-    EXPECT_EQ(0, run({"restore", "b", "--dry-run"}));
-    EXPECT_THAT(out(),
-                testing::StartsWith("This rebuilds schemas of database sh\\x1bop of instance "
-                                    "prod, which goes on running.\n"));
-    EXPECT_THAT(out(), HasSubstr("Lost:                 what these schemas hold, unless "));
-    EXPECT_THAT(out(), HasSubstr("Schema:               sale\n"));
-    EXPECT_THAT(out(), HasSubstr("Schema:               archive\n"));
-    EXPECT_THAT(out(), Not(HasSubstr("orders")));
-    EXPECT_THAT(out(), Not(HasSubstr("overwrites")));
-    EXPECT_THAT(out(), Not(HasSubstr("all changes")));
+TEST_F(Consent_Test, a_loss_is_told_in_the_words_of_the_module) {
+    Object const said{{"title", "This rebuilds schemas of sh\033op."},
+                      {"lost", "what they hold"},
+                      {"lines", Array{Object{{"label", "Schema"}, {"text", "sale"}}}}};
+    agent_->on("guide.backup", Object{{"restore", said}, {"removal", said}});
+    agent_->on("guide.instance", Object{{"removal", said}});
     EXPECT_EQ(0, run({"restore", "b", "--dry-run", "--table", "shop.sale.orders"}));
-    EXPECT_THAT(out(), testing::StartsWith("This restores tables to instance prod, "));
-    EXPECT_THAT(out(), Not(HasSubstr("Schema:")));
-    set.erase("tables");
-    set.erase("database");
-    agent_->on("backup.show", set);
-    EXPECT_EQ(0, run({"restore", "b", "--dry-run"}));
-    EXPECT_THAT(out(),
-                testing::StartsWith("This rebuilds schemas of database unknown of instance"));
+    EXPECT_THAT(out(), testing::StartsWith("This rebuilds schemas of sh\\x1bop.\n"));
+    EXPECT_THAT(out(), HasSubstr("Lost:                 what they hold\n"));
+    EXPECT_THAT(out(), HasSubstr("Schema:               sale\n"));
+    EXPECT_THAT(out(), Not(HasSubstr("overwrites")));
+    EXPECT_THAT(
+        agent_->calls("guide.backup"),
+        ElementsAre(Value(Object{
+            {"backup", "b-1"}, {"instance", "prod"}, {"tables", Array{"shop.sale.orders"}}})));
+    EXPECT_EQ(0, run({"backup", "remove", "b", "--dry-run"}));
+    EXPECT_THAT(out(), HasSubstr("Schema:"));
+    EXPECT_EQ(0, run({"instance", "remove", "prod", "--dry-run"}));
+    EXPECT_THAT(out(), HasSubstr("Schema:"));
+}
+
+TEST_F(Consent_Test, a_loss_that_nobody_can_tell_is_unknown) {
+    for (std::vector<std::string> const& command : {std::vector<std::string>{"restore", "b"},
+                                                    {"backup", "remove", "b"},
+                                                    {"instance", "remove", "prod"}}) {
+        EXPECT_EQ(0, run(with(command, "--dry-run")));
+        EXPECT_THAT(out(), testing::ContainsRegex("Besides: +unknown: the agent's module does "));
+    }
 }
 
 TEST_F(Consent_Test, a_removal_of_a_backup_tells_what_goes_and_what_is_left) {

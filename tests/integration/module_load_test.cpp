@@ -131,9 +131,10 @@ TEST(module, the_pairs_that_there_are) {
     for (std::string const& name : exported_names())
         if (name.starts_with("_make_"))
             made.insert(name.substr(6));
+    // the fourteen that every agent looks for, and what tells an agent of the databases
     EXPECT_EQ(
         (std::set<std::string>{
-            "GaussDB_Backup_Job_Options_Parser_Creator",
+            "Database_Guide", "GaussDB_Backup_Job_Options_Parser_Creator",
             "GaussDB_Restore_Job_Options_Parser_Creator",
             "GaussDB_Backup_Job_Source_Parser_Creator", "GaussDB_Restore_Job_Source_Parser_Creator",
             "GaussDB_Instance_Handler", "GaussDB_Job_Creator",

@@ -43,8 +43,9 @@ private:
 /** A cluster whose tools are the test's: no process is started. */
 class Scripted_Cluster : public GaussDB_Cluster_Handler {
 public:
-    explicit Scripted_Cluster(GaussDB_Version const& version = {GAUSSDB_200, 8, 1, 3})
-        : GaussDB_Cluster_Handler(GaussDB_Env(), "nobody", version) {}
+    explicit Scripted_Cluster(GaussDB_Version const& version = {GAUSSDB_200, 8, 1, 3},
+                              GaussDB_Env const& env = {}, std::string const& user = "nobody")
+        : GaussDB_Cluster_Handler(env, user, version) {}
     /** Enters one into the process's registry, which owns it. */
     static Scripted_Cluster* enter(char const* name,
                                    GaussDB_Version const& version = {GAUSSDB_200, 8, 1, 3}) {

@@ -81,11 +81,12 @@ TEST_F(Command_Line_Test, backup_is_a_verb_and_a_group) {
     agent_.answers("backup.show", Object{{"uuid", "b-1"}});
     EXPECT_EQ(EXIT_OK, run({"backup", "show", "b1"}));
     EXPECT_EQ((Object{{"backup", "b1"}}), params(0));
+    agent_.calls.clear();
 
     agent_.answers("instance.show", Object{{"name", "show"}, {"uuid", "u-1"}});
     agent_.answers("job.start", Object{{"run_id", "r-1"}, {"definition", "d-1"}});
     EXPECT_EQ(EXIT_OK, run({"backup", "--pool", "main", "--no-wait", "--", "show"}));
-    EXPECT_EQ((Object{{"instance", "show"}}), params(1));
+    EXPECT_EQ((Object{{"instance", "show"}}), params(0));
     EXPECT_EQ("job.start", agent_.calls.back().first);
 }
 
@@ -109,9 +110,9 @@ TEST_F(Command_Line_Test, a_backup_with_everything) {
     EXPECT_EQ(EXIT_OK, run({"backup", "prod", "--pool", "main", "--incremental", "--compression",
                             "zstd:3", "--channels", "4", "--name", "n", "-o", "a=1", "--option",
                             "b=x", "--uid", "u", "--no-wait"}));
-    EXPECT_THAT(agent_.methods(), ElementsAre("instance.show", "job.start"))
+    EXPECT_THAT(agent_.methods(), ElementsAre("instance.show", "guide.instance", "job.start"))
         << "a name of the user's own is not looked up";
-    Object const definition = params(1).at("run").get_obj();
+    Object const definition = params(2).at("run").get_obj();
     EXPECT_EQ("incremental", definition.at("subtype").get_str());
     EXPECT_EQ(Value(Object{{"compression", "zstd"},
                            {"compression_level", 3},

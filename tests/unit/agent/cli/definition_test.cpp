@@ -202,28 +202,28 @@ TEST(Definition, a_backup_that_cannot_be_restored_says_what_is_missing) {
     EXPECT_TRUE(definition.empty());
 }
 
-TEST(Definition, a_flavour_that_has_no_number_of_its_own_gets_a_number_of_streams) {
-    auto const channels = [](int version, Job_Wishes const& wishes) {
-        Object const options = backup(wishes, {{"name", "c"}, {"uuid", "u"}, {"version", version}})
-                                   .at("options")
-                                   .get_obj();
+TEST(Definition, a_flavour_s_usual_options_are_added_where_they_are_absent) {
+    auto const channels = [](Object const& usual, Job_Wishes const& wishes) {
+        Object const options =
+            backup(wishes, {{"name", "c"}, {"uuid", "u"}, {"usual_options", usual}})
+                .at("options")
+                .get_obj();
         return json_spirit::object_get_any(options, "channels");
     };
-    for (int const version : {3, 4, 5}) {
-        EXPECT_EQ(Value(4), channels(version, {}));
-        Job_Wishes wishes;
-        wishes.channels = 2;
-        EXPECT_EQ(Value(2), channels(version, wishes));
-        wishes.channels = 0;
-        wishes.options = {"channels=3"};
-        EXPECT_EQ(Value(3), channels(version, wishes));
-        Object set = BACKUP, definition;
-        set["series"] = version;
-        std::string error;
-        ASSERT_TRUE(make_restore_definition(set, nullptr, {}, definition, error));
-        EXPECT_EQ(Value(Object{{"channels", 4}}), definition.at("options"));
-    }
-    EXPECT_EQ(Value(), channels(2, {}));
+    Object const usual{{"channels", 4}};
+    EXPECT_EQ(Value(4), channels(usual, {}));
+    Job_Wishes wishes;
+    wishes.channels = 2;
+    EXPECT_EQ(Value(2), channels(usual, wishes));
+    wishes.channels = 0;
+    wishes.options = {"channels=3"};
+    EXPECT_EQ(Value(3), channels(usual, wishes));
+    EXPECT_EQ(Value(), channels({}, {}));
+    Object set = BACKUP, definition;
+    set["usual_options"] = usual;
+    std::string error;
+    ASSERT_TRUE(make_restore_definition(set, nullptr, {}, definition, error));
+    EXPECT_EQ(Value(usual), definition.at("options"));
 }
 
 // schemas and tables

@@ -163,40 +163,32 @@ TEST_F(Platform_Commands_Test, a_backup_shows_from_when_its_data_are) {
 
 // what a backup becomes
 
-TEST_F(Platform_Commands_Test, a_backup_without_a_full_one_before_it_says_what_it_becomes) {
-    for (char const* const level : {"incremental", "log"}) {
-        ASSERT_EQ(EXIT_OK, run({"backup", "prod", "--pool", "main", "--level", level, "--no-wait"}))
-            << err_;
-        EXPECT_EQ(
-            "Pool main has no full backup of prod since its last restore: this becomes a full "
-            "backup.\n",
-            err_);
-    }
-    EXPECT_EQ((Object{{"instance", "prod"}, {"pool", "main"}, {"usable", true}}),
+TEST_F(Platform_Commands_Test, what_the_agent_knows_of_a_backup_is_told_before_it) {
+    agent_.answers("guide.instance",
+                   Object{{"outlook", Object{{"note", "It becomes a full one.\x1b"}}}});
+    ASSERT_EQ(EXIT_OK,
+              run({"backup", "prod", "--pool", "main", "--level", "incremental", "--no-wait"}));
+    EXPECT_EQ("It becomes a full one.\\x1b\n", err_);
+    EXPECT_EQ((Object{{"instance", "prod"}, {"pool", "main"}, {"level", "incremental"}}),
               agent_.calls.at(1).second.get_obj());
 }
 
-TEST_F(Platform_Commands_Test, a_log_backup_without_a_known_backup_is_refused) {
-    agent_.answers("backup.list", Object{{"backups", Array{set("f-1", "full")}}});
+TEST_F(Platform_Commands_Test, a_backup_that_would_fail_is_refused) {
+    agent_.answers("guide.instance",
+                   Object{{"outlook", Object{{"refusal", "nothing is known"},
+                                             {"advice", "Make a full backup first."}}}});
     EXPECT_EQ(EXIT_REFUSED, run({"backup", "prod", "--pool", "main", "--level", "log"}));
-    EXPECT_THAT(err_, HasSubstr("cannot back up the log of prod: its platform knows no backup"));
+    EXPECT_EQ("zenbrak3: cannot back up the log of prod: nothing is known\nMake a full backup "
+              "first.\n",
+              err_);
     EXPECT_NE("job.start", agent_.calls.back().first);
-    EXPECT_EQ(EXIT_OK,
-              run({"backup", "prod", "--pool", "main", "--level", "incremental", "--no-wait"}));
-    Object known = set("d-1", "incremental");
-    known["backup_id"] = "b-1";
-    agent_.answers("backup.list", Object{{"backups", Array{known, set("f-1", "full")}}});
-    EXPECT_EQ(EXIT_OK, run({"backup", "prod", "--pool", "main", "--level", "log", "--no-wait"}));
-    EXPECT_EQ("", err_);
 }
 
-TEST_F(Platform_Commands_Test, other_instances_and_full_backups_are_not_asked_about) {
+TEST_F(Platform_Commands_Test, full_backups_and_agents_that_cannot_tell_start_at_once) {
     ASSERT_EQ(EXIT_OK, run({"backup", "prod", "--pool", "main", "--no-wait"}));
-    agent_.answers("instance.show", Object{{"name", "prod"}, {"uuid", "u-1"}, {"version", 4}});
-    ASSERT_EQ(EXIT_OK,
-              run({"backup", "prod", "--pool", "main", "--level", "incremental", "--no-wait"}));
     for (auto const& [method, sent] : agent_.calls)
-        EXPECT_NE("backup.list", method);
+        EXPECT_NE("guide.instance", method);
+    ASSERT_EQ(EXIT_OK, run({"backup", "prod", "--pool", "main", "--level", "log", "--no-wait"}));
     EXPECT_EQ("", err_);
 }
 

@@ -74,9 +74,6 @@ TEST(Text_Form, values_by_their_form) {
     EXPECT_EQ("0 B", value_text(0, Form::SIZE));
     EXPECT_EQ("42%", value_text(42, Form::PERCENT));
     EXPECT_EQ("42%", value_text(42.9, Form::PERCENT));
-    EXPECT_EQ("openGauss", value_text(5, Form::FLAVOUR));
-    EXPECT_EQ("7", value_text(7, Form::FLAVOUR));
-    EXPECT_EQ("-1", value_text(-1, Form::FLAVOUR));
     EXPECT_EQ("6f9619ff", value_text("6f9619ff-8b86-d011", Form::SHORT_ID));
     EXPECT_EQ("yes", value_text(true));
     EXPECT_EQ("no", value_text(false, Form::YES_NO));
@@ -99,8 +96,7 @@ TEST(Text_Form, values_of_another_kind_than_their_form) {
     EXPECT_THAT(value_lines(Value(1024), Form::SIZE), testing::ElementsAre("1.0 KiB"));
     EXPECT_THAT(value_lines(Object{}), testing::ElementsAre("-"));
     EXPECT_EQ("0 B", value_text(-1, Form::SIZE));
-    EXPECT_EQ("18446744073709551615",
-              value_text(std::numeric_limits<uint64_t>::max(), Form::FLAVOUR));
+    EXPECT_EQ("18446744073709551615", value_text(std::numeric_limits<uint64_t>::max(), Form::SIZE));
     EXPECT_EQ("1e+300", value_text(1e300, Form::SIZE));
     EXPECT_EQ("\\x1b[31m", value_text("\x1b[31m"));
 }

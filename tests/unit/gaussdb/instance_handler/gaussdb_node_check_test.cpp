@@ -1,6 +1,6 @@
 #include "gaussdb/instance_handler/gaussdb_node_check.h"
 
-#include "gaussdb/instance_handler/gaussdb_instance_handler.h"
+#include "gaussdb/instance_handler/gaussdb_guide.h"
 #include "json_spirit/access.h"
 #include "tests/support/data_service.h"
 #include "tests/support/log_capture.h"
@@ -68,7 +68,7 @@ protected:
         return record;
     }
     void run(Object const& changes = {},
-             Instance_Handler::Check_Scope scope = Instance_Handler::TO_BACK_UP) {
+             Database_Guide::Check_Scope scope = Database_Guide::TO_BACK_UP) {
         lines_ = GaussDB_Node_Check(record(changes)).run(scope);
     }
     Instance_Check line(std::string const& subject) const {
@@ -128,7 +128,7 @@ TEST_F(Node_Check_Test, an_opengauss_cluster_with_all_that_a_backup_needs) {
 }
 
 TEST_F(Node_Check_Test, to_declare_it_only_the_node_is_looked_at) {
-    run({}, Instance_Handler::TO_DECLARE);
+    run({}, Database_Guide::TO_DECLARE);
     EXPECT_TRUE(all_good());
     EXPECT_TRUE(has("nodes"));
     for (char const* subject : {"roach_client", "media list", "metadata path"})
@@ -138,22 +138,22 @@ TEST_F(Node_Check_Test, to_declare_it_only_the_node_is_looked_at) {
 TEST_F(Node_Check_Test, the_prefix_may_end_in_any_way) {
     std::string const prefix = json_spirit::object_get_str(record(), "source_commands");
     for (char const* end : {"", ";", "; ", " "}) {
-        run({{"source_commands", prefix + end}}, Instance_Handler::TO_DECLARE);
+        run({{"source_commands", prefix + end}}, Database_Guide::TO_DECLARE);
         EXPECT_TRUE(all_good()) << "'" << end << "'";
     }
 }
 
 TEST_F(Node_Check_Test, the_handler_looks_at_clusters_without_an_agent_alone) {
-    GaussDB_Instance_Handler handler;
+    GaussDB_Guide guide;
     Instance instance;
     instance.options = record();
-    EXPECT_LT(1u, handler.check(instance, Instance_Handler::TO_DECLARE).size());
+    EXPECT_LT(1u, guide.check(instance, Database_Guide::TO_DECLARE).size());
     instance.options["version"] = GAUSSDB_DWS;
-    EXPECT_LT(1u, handler.check(instance, Instance_Handler::TO_DECLARE).size());
+    EXPECT_LT(1u, guide.check(instance, Database_Guide::TO_DECLARE).size());
     instance.options["version"] = GAUSSDB_200;
-    EXPECT_TRUE(handler.check(instance, Instance_Handler::TO_DECLARE).empty());
+    EXPECT_TRUE(guide.check(instance, Database_Guide::TO_DECLARE).empty());
     instance.options.clear();
-    EXPECT_TRUE(handler.check(instance, Instance_Handler::TO_DECLARE).empty());
+    EXPECT_TRUE(guide.check(instance, Database_Guide::TO_DECLARE).empty());
 }
 
 // the way in
@@ -213,24 +213,24 @@ TEST_F(Node_Check_Test, a_record_that_could_be_more_reaches_no_shell) {
 
 TEST_F(Node_Check_Test, a_tool_that_is_not_on_the_path) {
     std::filesystem::remove(files_.path("bin/GaussRoach.py"));
-    run({}, Instance_Handler::TO_DECLARE);
+    run({}, Database_Guide::TO_DECLARE);
     expect_bad("tool GaussRoach.py", "not found on the PATH", files_.path("bin"));
     expect_good("tool gs_om", "");
     EXPECT_TRUE(has("nodes")) << "the rest is looked at";
 }
 
 TEST_F(Node_Check_Test, the_backup_tool_tells_its_version) {
-    run({}, Instance_Handler::TO_DECLARE);
+    run({}, Database_Guide::TO_DECLARE);
     EXPECT_EQ(files_.path("bin/GaussRoach.py") + ", GaussDB 8.2.1 build 39c1",
               line("tool GaussRoach.py").text);
     for (char const* silent :
          {"echo '[GAUSS-50000] : Unrecognized parameter: --version' >&2; exit 1", "echo ')5.1('"}) {
         tool("GaussRoach.py", silent);
-        run({}, Instance_Handler::TO_DECLARE);
+        run({}, Database_Guide::TO_DECLARE);
         expect_good("tool GaussRoach.py", "bin/GaussRoach.py, which does not tell its version");
     }
     tool("GaussRoach.py", "printf '(\\033[2J8.2.1)'");
-    run({}, Instance_Handler::TO_DECLARE);
+    run({}, Database_Guide::TO_DECLARE);
     EXPECT_EQ(std::string::npos, line("tool GaussRoach.py").text.find('\033'));
 }
 
@@ -242,7 +242,7 @@ TEST_F(Node_Check_Test, a_backup_tool_that_does_not_run) {
           {"exec /no/such/python3", "/no/such/python3"},
           {"exit 3", "nothing was printed"}}) {
         tool("GaussRoach.py", script);
-        run({}, Instance_Handler::TO_DECLARE);
+        run({}, Database_Guide::TO_DECLARE);
         expect_bad("tool GaussRoach.py", said, "GaussRoach.py --version");
         expect_bad("tool GaussRoach.py", files_.path("bin/GaussRoach.py"), files_.path("bin"));
         EXPECT_TRUE(has("nodes")) << "the rest is looked at";
@@ -261,7 +261,7 @@ TEST_F(Node_Check_Test, a_wrong_prefix) {
 
 TEST_F(Node_Check_Test, versions_that_cannot_be_protected_so) {
     tool("gs_check", "echo 'gs_check (GaussDB 7.1.0 build 1)'");
-    run({}, Instance_Handler::TO_DECLARE);
+    run({}, Database_Guide::TO_DECLARE);
     expect_bad("database", "version 7.1.0 of this series cannot be protected over ssh",
                "install the agent");
     tool("gs_check", "echo 'gs_check (GaussDB 8.2.1 build 1)'");
@@ -272,11 +272,11 @@ TEST_F(Node_Check_Test, versions_that_cannot_be_protected_so) {
 
 TEST_F(Node_Check_Test, a_database_that_does_not_run) {
     tool("gs_guc", "exit 1");
-    run({}, Instance_Handler::TO_DECLARE);
+    run({}, Database_Guide::TO_DECLARE);
     expect_bad("nodes", "could not be asked", "start the database");
     opengauss();
     tool("cm_ctl", "exit 1");
-    run({}, Instance_Handler::TO_DECLARE);
+    run({}, Database_Guide::TO_DECLARE);
     expect_bad("nodes", "could not be asked", "cm_ctl view -N");
 }
 

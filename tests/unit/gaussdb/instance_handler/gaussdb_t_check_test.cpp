@@ -2,7 +2,7 @@
 
 #include "gaussdb/common/gaussdb_cluster_manager.h"
 #include "gaussdb/common/gaussdb_t_single_handler.h"
-#include "gaussdb/instance_handler/gaussdb_instance_handler.h"
+#include "gaussdb/instance_handler/gaussdb_guide.h"
 #include "host/agent/instance_manager.h"
 #include "qmrt/file.h"
 #include "tests/support/database_tools.h"
@@ -91,9 +91,16 @@ TEST_F(T_Check_Test, an_instance_with_all_that_a_backup_needs) {
 }
 
 TEST_F(T_Check_Test, the_agent_asks_for_it_before_a_backup) {
-    GaussDB_Instance_Handler handler;
-    EXPECT_EQ(3u, handler.check(instance_, Instance_Handler::TO_BACK_UP).size());
-    EXPECT_TRUE(handler.check(instance_, Instance_Handler::TO_DECLARE).empty());
+    GaussDB_Guide guide;
+    auto const has = [&](char const* subject) {
+        return std::ranges::count(guide.check(instance_, Database_Guide::TO_BACK_UP), subject,
+                                  &Instance_Check::subject);
+    };
+    EXPECT_EQ(1, has("mount"));
+    EXPECT_EQ(1, has("database as backup"));
+    Log_Capture::instance().claim_all(LM_ERROR, "");
+    Log_Capture::instance().claim_all(LM_WARNING, "");
+    EXPECT_TRUE(guide.check(instance_, Database_Guide::TO_DECLARE).empty());
 }
 
 TEST_F(T_Check_Test, a_database_that_is_not_open) {

@@ -1,6 +1,5 @@
 #include "gaussdb/instance_handler/gaussdb_tpops_check.h"
 
-#include "gaussdb/instance_handler/gaussdb_instance_handler.h"
 #include "host/process/ace_process_ex.h"
 #include "tests/support/child_options.h"
 #include "tests/support/log_capture.h"
@@ -47,8 +46,8 @@ protected:
                      R"({"node_list": [1, 2, 3]})");
     }
     /** Looks, by way of the instance handler. */
-    void look(Instance_Handler::Check_Scope scope = Instance_Handler::TO_BACK_UP) {
-        lines_ = GaussDB_Instance_Handler().check(instance_, scope);
+    void look(Database_Guide::Check_Scope scope = Database_Guide::TO_BACK_UP) {
+        lines_ = GaussDB_TPOPS_Check(instance_).run(scope);
     }
     /** The line of a subject that begins so: "ok TEXT", or "FAIL TEXT -> ADVICE". */
     std::string line(std::string const& subject) const {
@@ -84,7 +83,7 @@ TEST_F(GaussDB_TPOPS_Check_Test, all_is_well) {
 
 TEST_F(GaussDB_TPOPS_Check_Test, a_declaration_needs_no_route) {
     offers(R"({"id": "i1"})");
-    look(Instance_Handler::TO_DECLARE);
+    look(Database_Guide::TO_DECLARE);
     EXPECT_EQ("none", line("XBSA route"));
     EXPECT_EQ("ok state not reported, 3 nodes", line("instance on the platform"));
 }
