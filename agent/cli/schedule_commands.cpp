@@ -56,7 +56,7 @@ std::string times_text(Object const& schedule) {
 }
 
 std::string state_text_of(Object const& schedule) {
-    if (!object_get_str(schedule, "error").empty())
+    if (!object_get_str(schedule, "fault").empty())
         return "unreadable";
     std::string const state = object_get_str(schedule, "state");
     return is_true(schedule, "paused") && state == "disabled" ? "paused" : state;
@@ -206,15 +206,15 @@ int show_schedule(Command_Context& context, std::string const& schedule) {
                           ? "made up for once, when the agent is back (the level that covers most)"
                           : "not made up for";
     shown["overlap"] = "skipped, with an alert of the run that is still running";
-    if (object_get_str(found, "error").empty())
-        shown.erase("error");
+    if (object_get_str(found, "fault").empty())
+        shown.erase("fault");
     context.print(fields_text(shown,
                               {{"Schedule", "name"},
                                {"Type", "type"},
                                {"Instance", "instance"},
                                {"Pool", "pool"},
                                {"State", "state"},
-                               {"Error", "error"},
+                               {"Fault", "fault"},
                                {"Times", "times"},
                                {"Time zone", "time_zone"},
                                {"Missed runs", "missed"},

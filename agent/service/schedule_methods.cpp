@@ -99,7 +99,7 @@ private:
                          {"catch_up", schedule.catches_up()},
                          {"next_runs", next_runs(definition, count)},
                          {"last_run", int64_t{definition.last_start}},
-                         {"error", error}};
+                         {"fault", error}};
         Object const* options = nullptr;
         if (json_spirit::object_get(stored.body, "options", options))
             described["options"] = *options;

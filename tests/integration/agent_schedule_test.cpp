@@ -18,7 +18,7 @@ Object const WEEKLY{{"id", "d-1"},
                     {"next_runs", Array{Object{{"time", 1795312800}, {"level", "full"}},
                                         Object{{"time", 1795399200}, {"level", "incremental"}}}},
                     {"last_run", 0},
-                    {"error", ""},
+                    {"fault", ""},
                     {"options", Object{}}};
 
 class Agent_Schedule_Test : public Agent_Command_Test {
@@ -199,11 +199,11 @@ TEST_F(Agent_Schedule_Test, is_shown_with_its_rules) {
     EXPECT_THAT(out(), HasSubstr("skipped, with an alert"));
     EXPECT_THAT(out(), HasSubstr("that of the agent's host"));
     EXPECT_THAT(out(), HasSubstr("2026-11-23 02:00:00Z  incremental"));
-    EXPECT_THAT(out(), Not(HasSubstr("Error")));
+    EXPECT_THAT(out(), Not(HasSubstr("Fault")));
     Object strict = WEEKLY;
     strict["catch_up"] = false;
     strict["time_zone"] = "Asia/Tokyo";
-    strict["error"] = "schedule.time_zone: no";
+    strict["fault"] = "schedule.time_zone: no";
     agent_->on("schedule.show", strict);
     EXPECT_EQ(0, run({"schedule", "show", "prod"}));
     EXPECT_THAT(out(), HasSubstr("not made up for"));
