@@ -24,7 +24,7 @@ void Command_Line::add_schedule_wishes(CLI::App& command) {
     for (Level const& level : {Level{"full", "When a full backup is made"},
                                Level{"cumulative", "When a cumulative backup is made"},
                                Level{"incremental", "When an incremental backup is made"},
-                               Level{"log", "When the log is backed up (TPOPS)"}})
+                               Level{"log", "When the log is backed up, of a flavour that can"}})
         command
             .add_option_function<std::string>(
                 std::string("--") + level.name,
@@ -76,8 +76,9 @@ void Command_Line::add_schedule_changes(CLI::App& schedules) {
         ->check(name_check(names::fault_of_title))
         ->type_name("NAME");
     add_schedule_wishes(*add);
-    add->add_option("--schema", wishes_.schemas,
-                    "Only this schema (DWS); may be repeated, for schemas of one database")
+    add->add_option(
+           "--schema", wishes_.schemas,
+           "Only this schema, of a flavour that can; may be repeated, for schemas of one database")
         ->type_name("DATABASE.SCHEMA")
         ->expected(1)
         ->take_all();

@@ -108,7 +108,7 @@ TEST_F(Completion_Test, commands_and_their_groups) {
     EXPECT_THAT(complete({"ba"}), ElementsAre("backup", "backups"));
     EXPECT_THAT(complete({"pool", ""}), ElementsAre("create", "update", "remove"));
     EXPECT_THAT(complete({"job", "c"}), ElementsAre("cancel"));
-    EXPECT_EQ(22u, complete({""}).size());
+    EXPECT_EQ(23u, complete({""}).size());
 }
 
 TEST_F(Completion_Test, names_come_from_the_agent_and_are_quoted) {
