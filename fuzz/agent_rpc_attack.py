@@ -318,7 +318,16 @@ class Target:
         return connection
 
     def tls(self):
-        return self.context.wrap_socket(self.tcp(), server_hostname=self.options.host)
+        """Each user has a share of the room for clients that have not shown the key yet. Those of the
+        attacks that are answered late fill it for a while."""
+        end = time.monotonic() + PATIENCE
+        while True:
+            try:
+                return self.context.wrap_socket(self.tcp(), server_hostname=self.options.host)
+            except (ssl.SSLEOFError, ConnectionResetError):
+                if time.monotonic() > end:
+                    raise
+                time.sleep(0.1)
 
     def request(self, start="GET / HTTP/1.1", key=None, fields=""):
         return (f"{start}\r\nHost: {self.options.host}\r\n{fields}"
