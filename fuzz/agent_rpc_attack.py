@@ -57,6 +57,8 @@ SET = {"uuid": ID, "resource_uuid": ID, "backup_key": "k", "prior_backup_key": "
 # Params of each method that change nothing when one text is no name, and its members that are names.
 # A member of "*" is one by which something is looked for: only what is no text at all is refused.
 METHODS = {
+    "guide.backup": ({"backup": "none", "instance": "none"}, ["backup", "instance"]),
+    "guide.instance": ({"instance": "none", "pool": "none", "level": "full"}, ["instance", "pool"]),
     "audit.list": ({"user": "nobody", "subject": "none"}, ["*user", "*subject"]),
     "agent.check": ({"instance": "none", "pool": "none", "uid": ID}, ["*instance", "pool", "uid"]),
     "instance.show": ({"instance": "none"}, ["instance"]),
@@ -138,7 +140,7 @@ CLOSED = ["group.deliver", "group.forward", "group.join", "run.begin", "run.end"
 HARMLESS = [method for method in METHODS
             if method.endswith((".show", ".list", ".find", ".log", ".get_view"))]
 # Methods without a text in their params.
-NAMELESS = ["agent.info", "instance.list", "pool.list", "definition.list", "member.list"]
+NAMELESS = ["agent.info", "guide.flavours", "instance.list", "pool.list", "definition.list", "member.list"]
 
 
 class Failure(Exception):

@@ -324,9 +324,10 @@ void Job_Manager::start_due(Stored_Definition const& stored, std::string const& 
         (void)start_later(leveled, Start_Answer::fail(answer.text), run_id);
 }
 
-Job_Answer Job_Manager::start_now(Stored_Definition const& stored, std::string& run_id) {
+Job_Answer Job_Manager::start_now(Stored_Definition const& stored, std::string& run_id,
+                                  bool is_kept) {
     Job_var job;
-    Job_Answer const answer = job_of(stored, job);
+    Job_Answer const answer = job_of(stored, job, is_kept);
     if (!answer)
         return answer;
     std::string refusal;
@@ -348,7 +349,7 @@ Start_Answer Job_Manager::may_start(Stored_Definition const& stored) const {
 
 /** Puts a run on record that waits, or that has ended already since it can never start. */
 Job_Answer Job_Manager::start_later(Stored_Definition const& stored, Start_Answer const& may,
-                                    std::string& run_id) {
+                                    std::string& run_id, bool is_kept) {
     std::string const hindrance = runs(stored.id)   ? "it is running already"
                                   : !stored.enabled ? "it is disabled"
                                                     : "";
@@ -364,7 +365,7 @@ Job_Answer Job_Manager::start_later(Stored_Definition const& stored, Start_Answe
     if (!jobs_.add_unstarted(run))
         return Job_Answer::failed();
     run_id = run.run_id;
-    Waiting const waiting{run_id, clock_.steady_ns(), stored};
+    Waiting const waiting{run_id, clock_.steady_ns(), stored, is_kept};
     if (goes_on_waiting(waiting, may))
         waiting_[stored.id] = waiting;
     return {};
@@ -386,7 +387,7 @@ bool Job_Manager::goes_on_waiting(Waiting const& waiting, Start_Answer may) {
     Stored_Definition const& stored = waiting.stored;
     if (may.kind == Start_Answer::START) {
         std::string run_id;
-        Job_Answer const answer = start_now(stored, run_id);
+        Job_Answer const answer = start_now(stored, run_id, waiting.is_kept);
         if (answer)
             return false;
         may = Start_Answer::fail(answer.text);
@@ -452,10 +453,13 @@ Job_Answer Job_Manager::start_once(Object const& given, std::string& run_id,
     if (closing_)
         return Job_Answer::refused("Job " + stored.name +
                                    " cannot be started: the agent is about to end");
+    Start_Answer const may = may_start(stored);
     Job_var job;
-    answer = job_of(stored, job, false);
+    // before it may start, the module may not know the instance yet, and make a job that is skipped
+    if (may.kind == Start_Answer::START)
+        answer = job_of(stored, job, false);
     if (answer) // the run's record cannot take the instance from the definition's
-        answer = start_later(stored, may_start(stored), run_id);
+        answer = start_later(stored, may, run_id, false);
     if (answer)
         definition_id = stored.id;
     else

@@ -126,6 +126,7 @@ private:
         std::string run_id;
         int64_t since;            ///< by the steady clock
         Stored_Definition stored; ///< as it was when the run was put on record
+        bool is_kept;             ///< the definition is
     };
     struct Live_Job {
         Job_var job;
@@ -141,9 +142,9 @@ private:
     Job_Answer start_stored(Stored_Definition const& stored, std::string& run_id);
     Job_Answer complete(json_spirit::Object const& given, json_spirit::Object& normal,
                         Stored_Definition& stored) const;
-    Job_Answer start_now(Stored_Definition const& stored, std::string& run_id);
+    Job_Answer start_now(Stored_Definition const& stored, std::string& run_id, bool is_kept = true);
     Job_Answer start_later(Stored_Definition const& stored, Start_Answer const& may,
-                           std::string& run_id);
+                           std::string& run_id, bool is_kept = true);
     Start_Answer may_start(Stored_Definition const& stored) const;
     [[nodiscard]] bool goes_on_waiting(Waiting const& waiting, Start_Answer may);
     Job_Answer remove_i(Stored_Definition const& stored);

@@ -180,7 +180,7 @@ class Schedule_Test(unittest.TestCase):
         for words, status, text in (
                 (["add", "prod", "--pool", "main", "--full", "daily"], 5, "`zenbrak3 schedule update prod` changes it"),
                 (["add", "prot", "--pool", "main", "--full", "daily"], 4, "prot"),
-                (["add", "prod", "--name", "b", "--pool", "mian", "--full", "daily"], 2, "mian"),
+                (["add", "prod", "--name", "b", "--pool", "mian", "--full", "daily"], 4, "mian"),
                 (["add", "prod", "--name", "b", "--pool", "main", "--full", "Sunn 2:00"], 2, "\"Sunn\" is not a valid day"),
                 (["add", "prod", "--name", "b", "--pool", "main", "--full", "2001-01-01 2:00"], 2, "no time to come"),
                 (["add", "prod", "--name", "b", "--pool", "main", "--full", "daily", "--time-zone", "Berlin"], 2,

@@ -214,9 +214,15 @@ TEST_F(Agent_Command_Test, a_user_who_may_not_ask_is_told_who_may) {
     ASSERT_EQ(0, bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address));
     ASSERT_EQ(0, listen(listener.get(), 1));
     ASSERT_EQ(0, chmod(path.c_str(), 0600));
+    // that user may not reach the directory of the build
+    std::filesystem::copy_file(ZENBRAK3_COMMAND, directory.path("zenbrak3"));
+    std::filesystem::copy_file(ZENBRAK3_HOST_LIBRARY, directory.path("libzenbrak3_host.so.0"));
+    for (char const* name : {"zenbrak3", "libzenbrak3_host.so.0"})
+        ASSERT_EQ(0, chmod(directory.path(name).c_str(), 0755));
     child_.emplace(std::vector<std::string>{"/usr/bin/setpriv", "--reuid", "65534", "--regid",
-                                            "65534", "--clear-groups", ZENBRAK3_COMMAND, "--socket",
-                                            path, "pools"},
+                                            "65534", "--clear-groups", "/usr/bin/env",
+                                            "LD_LIBRARY_PATH=" + directory.path(),
+                                            directory.path("zenbrak3"), "--socket", path, "pools"},
                    setting_);
     EXPECT_EQ(5, child_->wait());
     EXPECT_EQ("zenbrak3: cannot list the pools: cannot connect to " + path +

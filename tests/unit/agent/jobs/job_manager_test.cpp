@@ -689,6 +689,7 @@ TEST_F(Waiting_Run_Test, that_is_run_once_waits_as_well) {
     std::string run_id, id;
     ASSERT_TRUE(manager_->start_once(backup(), run_id, id));
     EXPECT_EQ("the tide", run(run_id).waiting_for);
+    EXPECT_EQ(0, creator_.created) << "the module may not know the instance yet";
     manager_->start_waiting();
     second_ = {};
     manager_->start_waiting();
