@@ -63,12 +63,6 @@ std::vector<std::string> words_of(std::string const& text) {
     return words;
 }
 
-bool is_number(std::string const& text) {
-    constexpr size_t MAX_DIGITS = 9;
-    return !text.empty() && text.size() <= MAX_DIGITS &&
-           text.find_first_not_of("0123456789") == std::string::npos;
-}
-
 bool find_word(char const* const* words, std::string const& text, int& index) {
     for (index = 0; words && words[index]; ++index)
         if (strcasecmp(text.c_str(), words[index]) == 0)
@@ -77,7 +71,7 @@ bool find_word(char const* const* words, std::string const& text, int& index) {
 }
 
 bool parse_value(Field const& field, std::string const& text, int& value) {
-    if (is_number(text)) {
+    if (is_short_number(text)) {
         value = natoi<int>(text);
         return value >= field.least && value <= field.largest;
     }
@@ -89,7 +83,7 @@ bool parse_value(Field const& field, std::string const& text, int& value) {
 }
 
 bool parse_step(std::string const& text, int& step) {
-    if (!is_number(text))
+    if (!is_short_number(text))
         return false;
     step = natoi<int>(text);
     return true;
@@ -190,7 +184,7 @@ bool parse_date(std::string const& text, Calendar_Fields& fields, std::string& e
         return false;
     }
     if (parts[0] != "*") {
-        fields.year = is_number(parts[0]) ? natoi<int>(parts[0]) : 0;
+        fields.year = is_short_number(parts[0]) ? natoi<int>(parts[0]) : 0;
         if (parts[0].size() != 4 || fields.year < 1970) {
             error = "\"" + names::shown(parts[0]) + "\" is not a year (expected * or four digits)";
             return false;
@@ -238,6 +232,12 @@ bool refuse_never(std::string const& text, std::string& error) {
 }
 
 } // namespace
+
+bool is_short_number(std::string const& text) {
+    constexpr size_t MAX_DIGITS = 9;
+    return !text.empty() && text.size() <= MAX_DIGITS &&
+           text.find_first_not_of("0123456789") == std::string::npos;
+}
 
 bool Calendar_Fields::parse_cron(std::string const& text, Calendar_Fields& result,
                                  std::string& error) {

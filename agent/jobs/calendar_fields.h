@@ -5,6 +5,9 @@
 #include <ctime>
 #include <string>
 
+/** True for 1 to 9 decimal digits. */
+[[nodiscard]] bool is_short_number(std::string const& text);
+
 /** Minutes of the calendar, as people write them: by cron's five fields or as systemd does. */
 struct Calendar_Fields {
     uint64_t minutes = 0; ///< a bit for each, here and below

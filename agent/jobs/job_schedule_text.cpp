@@ -23,12 +23,6 @@ constexpr char const* SCHEDULE_TYPES[] = {"none",   "once",    "hourly",     "da
 static_assert(std::size(SCHEDULE_TYPES) == Job_Schedule::TYPE_ONDEMAND + 1);
 constexpr char CALENDAR[] = "calendar"; // for the module this is TYPE_DAILY
 
-bool is_number(std::string const& text) {
-    constexpr size_t MAX_DIGITS = 9;
-    return !text.empty() && text.size() <= MAX_DIGITS &&
-           text.find_first_not_of("0123456789") == std::string::npos;
-}
-
 /** The clock was set back a little earlier, and shows this time for the second time. */
 bool shown_before(Time_Zone const& zone, time_t time) {
     time_t const offset = zone.offset_at(time);
@@ -100,7 +94,7 @@ bool Job_Schedule_Text::parse_at(std::string& error) {
     case TYPE_ONCE:
         return parse_once(error);
     case TYPE_HOURLY:
-        if (is_number(at_))
+        if (is_short_number(at_))
             return Calendar_Fields::parse_cron(at_ + " * * * *", fields_, error);
         error = "\"" + names::shown(at_) + "\" is not a minute of an hour (expected 0 to 59)";
         return false;
@@ -142,7 +136,7 @@ void Job_Schedule_Text::begin_at_year() {
 }
 
 bool Job_Schedule_Text::parse_seconds(std::string& error) {
-    pause_ = is_number(at_) ? natoi<int>(at_) : 0;
+    pause_ = is_short_number(at_) ? natoi<int>(at_) : 0;
     if (pause_ >= 1 && pause_ <= MAX_PAUSE)
         return true;
     error = "\"" + names::shown(at_) +

@@ -36,10 +36,10 @@ struct Tools_Row {
     int flavour;
     char const* tools[6];
 };
-constexpr char BACKUP_TOOL[] = "GaussRoach.py";
+constexpr char ROACH_SCRIPT[] = "GaussRoach.py";
 constexpr Tools_Row TOOLS[] = {
-    {GAUSSDB_100, {BACKUP_TOOL, "gs_om", "zsql", "gs_check", nullptr}},
-    {GAUSSDB_200, {BACKUP_TOOL, "gs_om", "gs_guc", "gsql", "gs_check", nullptr}},
+    {GAUSSDB_100, {ROACH_SCRIPT, "gs_om", "zsql", "gs_check", nullptr}},
+    {GAUSSDB_200, {ROACH_SCRIPT, "gs_om", "gs_guc", "gsql", "gs_check", nullptr}},
     {GAUSSDB_T, {"zengine", "zsql", "zctl.py", nullptr}},
     {GAUSSDB_DWS, {"ssh", "scp", nullptr}},
     {GAUSSDB_FOR_OPENGAUSS, {"ssh", "scp", nullptr}},
@@ -66,7 +66,7 @@ constexpr char CACHE[] = "/var/cache/quilmot/zenbrak3/gaussdb";
 constexpr char SYSTEM_LINK[] = "/usr/openv/lib/libxbsa64.so";
 constexpr char OWN_LIBRARIES[] = "/opt/quilmot/zenbrak3/lib";
 /** The tool's metadata of a backup takes much less than its data. */
-constexpr uint64_t LEAST_ROOM = uint64_t(64) << 20;
+constexpr uint64_t LEAST_POLICY_ROOM = uint64_t(64) << 20;
 constexpr uint64_t LEAST_FILES = 1000;
 
 bool is_over_ssh(int flavour) {
@@ -333,7 +333,7 @@ void GaussDB_Host_Check::backup_tool() {
     constexpr char WRONG_PARAMETER[] = "[GAUSS-500";
     std::string output;
     int const status = ask("GaussRoach.py --version", output);
-    std::string const subject = std::string(BACKUP_TOOL) + " --version";
+    std::string const subject = std::string(ROACH_SCRIPT) + " --version";
     if (status == 0)
         return good(subject, names::shown(last_line_of(output)));
     if (output.find(WRONG_PARAMETER) != std::string::npos)
@@ -486,9 +486,9 @@ void GaussDB_Host_Check::policies() {
     uint64_t const left = static_cast<uint64_t>(space.f_bavail) * space.f_frsize;
     std::string const text = mib_text(left) + " free for policies and metadata";
     bool const has_files = space.f_files == 0 || space.f_favail >= LEAST_FILES;
-    if (left < LEAST_ROOM || !has_files)
+    if (left < LEAST_POLICY_ROOM || !has_files)
         bad(subject, has_files ? text : "its file system has no room for more files",
-            "make room there: " + mib_text(LEAST_ROOM) + " at least");
+            "make room there: " + mib_text(LEAST_POLICY_ROOM) + " at least");
     else
         good(subject, text);
     measure("metadata_free", static_cast<double>(left), "B");
