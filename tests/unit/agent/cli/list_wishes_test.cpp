@@ -200,6 +200,8 @@ TEST_F(List_Commands_Test, a_filter_looks_at_all_rows) {
 
 TEST_F(List_Commands_Test, numbers_are_bounded_and_the_message_is_short) {
     std::string const huge(309, '9');
+    std::string const level = "zstd:" + huge;
+    std::string const port = "h:" + huge;
     std::vector<std::vector<char const*>> const lines{
         {"jobs", "--limit", huge.c_str()},
         {"jobs", "--limit", "-1"},
@@ -213,9 +215,9 @@ TEST_F(List_Commands_Test, numbers_are_bounded_and_the_message_is_short) {
         {"backup", "prod", "--pool", "p", "--channels", "0"},
         {"backup", "prod", "--pool", "p", "--interval", huge.c_str()},
         {"pool", "create", "p", "/p", "--limit", huge.c_str()},
-        {"pool", "create", "p", "/p", "--compression", ("zstd:" + huge).c_str()},
+        {"pool", "create", "p", "/p", "--compression", level.c_str()},
         {"instance", "add", "x", "--backup-port", huge.c_str()},
-        {"platform", "list", ("h:" + huge).c_str(), "--user", "u"}};
+        {"platform", "list", port.c_str(), "--user", "u"}};
     for (auto const& line : lines) {
         EXPECT_EQ(EXIT_USAGE, run(line)) << line[0] << line[2] << err_;
         EXPECT_THAT(err_.size(), testing::Lt(400u)) << err_;
