@@ -178,8 +178,10 @@ void Command_Line::add_consent(CLI::App& command) {
 
 void Command_Line::add_agent_commands() {
     command(app_, "info", "Show what the agent is", "  zenbrak3 info\n", show_info);
-    command(app_, "flavours", "List the kinds of databases, and what can be done with each",
-            "  zenbrak3 flavours\n", list_flavours);
+    CLI::App* const flavours =
+        command(app_, "flavours", "List the kinds of databases, and what can be done with each",
+                "  zenbrak3 flavours\n", list_flavours);
+    add_list_options(*flavours);
     add_check_command();
     CLI::App* const names = command(app_, "complete", "", "", [this](Command_Context& context) {
         if (what_ != "commands")

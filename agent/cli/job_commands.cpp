@@ -310,7 +310,7 @@ int restore(Command_Context& context, std::string const& backup, std::string con
                      target, "`zenbrak3 instances --refresh` looks for instances and lists them."))
         return context.status();
     found["usual_options"] = json_spirit::object_get_any(
-        flavour_of(context, number_of(found, "series")), "usual_options");
+        flavour_of(list_of_flavours(context), number_of(found, "series")), "usual_options");
     Object definition;
     std::string error;
     if (!make_restore_definition(found, restore_as.empty() ? nullptr : &target, wishes, definition,

@@ -238,8 +238,7 @@ int list_backups(Command_Context& context, Backup_Filter const& filter, double i
         if (backups.empty() && (!is_known(context, "instance", filter.instance, LISTING_BACKUPS) ||
                                 !is_known_pool(context, pools, filter.pool)))
             return false;
-        std::map<int64_t, std::string> const flavours =
-            backups.empty() ? std::map<int64_t, std::string>() : flavour_names(context);
+        Array const flavours = backups.empty() ? Array() : list_of_flavours(context);
         for (Object const& backup : json_spirit::objects_of(backups)) {
             Object shown = backup;
             shown["flavour"] = flavour_name(flavours, number_of(backup, "series"));
@@ -260,7 +259,7 @@ int list_backups(Command_Context& context, Backup_Filter const& filter, double i
 
 /** Adds what the agent's module says of a backup. */
 static void describe_backup(Command_Context& context, Object& backup) {
-    backup["flavour"] = flavour_name(flavour_names(context), number_of(backup, "series"));
+    backup["flavour"] = flavour_name(list_of_flavours(context), number_of(backup, "series"));
     Object const said = guide_answer(context, "guide.backup",
                                      {{"backup", json_spirit::object_get_str(backup, "uuid")}});
     Array const lines = array_of(said, "contents");
