@@ -1,6 +1,7 @@
 #include "agent/cli/unix_connection.h"
 
 #include "agent/cli/interruption.h"
+#include "host/process/password_file_entry.h"
 #include "json_spirit/access.h"
 #include "json_spirit/text.h"
 
@@ -9,7 +10,6 @@
 #include <climits>
 #include <cstring>
 #include <poll.h>
-#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -42,8 +42,8 @@ bool read_answer(json_spirit::Object const& answer, json_spirit::Value& result, 
 /** The user of this process: its name, or its number. */
 std::string user_text() {
     uid_t const uid = geteuid();
-    passwd const* const user = getpwuid(uid);
-    return user ? user->pw_name : std::to_string(uid);
+    Password_File_Entry user;
+    return user.get_by_uid(uid) == 0 ? user.name() : std::to_string(uid);
 }
 
 /** Why a socket cannot be connected to, in words that help. */

@@ -87,18 +87,16 @@ public:
 
 protected:
     int send_i(JSON_RPC_Object const& object) override {
-        if (is_reply(object) && on_answer_ && !told_.exchange(true))
-            on_answer_(object);
         std::shared_ptr<Rpc_Peer> const peer = peer_.lock();
-        if (!peer)
-            return -1;
         if (!is_reply(object)) {
-            JSON_RPC_Channel_var const channel = peer->channel();
+            JSON_RPC_Channel_var const channel = peer ? peer->channel() : JSON_RPC_Channel_var();
             return channel.null() ? -1 : channel->send(object);
         }
         if (answered_.exchange(true))
             return -1;
-        return peer->settle(key_, *batch_, object.text()) ? 0 : -1;
+        if (on_answer_) // also if the peer has disconnected: the work is done
+            on_answer_(object);
+        return peer && peer->settle(key_, *batch_, object.text()) ? 0 : -1;
     }
 
     bool request_i(JSON_RPC_Request const& request, std::chrono::milliseconds timeout,
@@ -117,7 +115,6 @@ private:
     std::shared_ptr<Batch> const batch_;
     std::shared_ptr<Cancellation> const cancellation_ = std::make_shared<Cancellation>();
     std::atomic<bool> answered_ = false;
-    std::atomic<bool> told_ = false;
     std::function<void(JSON_RPC_Object const&)> on_answer_;
 };
 

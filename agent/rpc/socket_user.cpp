@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <fstream>
-#include <grp.h>
+#include <limits.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
@@ -28,15 +28,6 @@ std::optional<uid_t> login_of(pid_t process) {
 }
 
 } // namespace
-
-std::optional<gid_t> find_group(std::string const& name) {
-    std::vector<char> buffer(16384);
-    group entry{};
-    group* found = nullptr;
-    while (getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found) == ERANGE)
-        buffer.resize(buffer.size() * 2);
-    return found ? std::optional(found->gr_gid) : std::nullopt;
-}
 
 Rpc_Caller caller_at(int socket, std::optional<gid_t> const& readers) {
     ucred peer{};

@@ -3,9 +3,6 @@
 
 #include "agent/rpc/rpc_caller.h"
 
-/** The id of a group of the operating system; none if it does not exist. May block. */
-std::optional<gid_t> find_group(std::string const& name);
-
 /**
  * Who has connected to a socket of this host, by the kernel's record of the connection (SO_PEERCRED
  * and SO_PEERGROUPS of unix(7)): LOCAL for root and for the agent's own user, READER for a process

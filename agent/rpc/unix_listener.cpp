@@ -123,16 +123,16 @@ bool Unix_Listener::bind(std::string& error) {
 void Unix_Listener::let_in(std::string const& readers) {
     if (readers.empty())
         return;
-    std::optional<gid_t> const group = find_group(readers);
-    if (!group)
+    struct stat status {};
+    bool const given = chown_r(path_.c_str(), nullptr, readers.c_str(), false) == 0;
+    if (!given && errno == ENOENT)
         QMRT_LOG(LM_INFO, "Only root can look: the group %s does not exist\n",
                  qmrt::to_one_line(readers).c_str());
-    else if (::chown(path_.c_str(), static_cast<uid_t>(-1), *group) == -1 ||
-             ::chmod(path_.c_str(), 0660) == -1)
+    else if (!given || ::chmod(path_.c_str(), 0660) == -1 || ::lstat(path_.c_str(), &status) == -1)
         QMRT_LOG(LM_WARNING, "Only root can look: failed to give %s to the group %s, %m\n",
                  path_.c_str(), qmrt::to_one_line(readers).c_str());
     else
-        readers_ = group;
+        readers_ = status.st_gid;
 }
 
 void Unix_Listener::start() {

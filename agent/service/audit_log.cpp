@@ -4,10 +4,9 @@
 #include "agent/jobs/member_reader.h"
 #include "agent/service/agent_methods.h"
 #include "agent/service/method_access.h"
+#include "host/process/password_file_entry.h"
 #include "qmrt/log.h"
 #include "qmrt/names.h"
-
-#include <pwd.h>
 
 // The number ascends, so that entries of one second keep their order.
 char const AUDIT_TABLES[] = R"sql(
@@ -29,11 +28,8 @@ namespace {
 
 /** "" for a user without a name. */
 std::string user_name(uid_t uid) {
-    std::vector<char> buffer(16384);
-    passwd entry{};
-    passwd* found = nullptr;
-    getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found);
-    return found ? found->pw_name : "";
+    Password_File_Entry entry;
+    return entry.get_by_uid(uid) == 0 ? entry.name() : "";
 }
 
 std::string name_or_number(uid_t uid) {
