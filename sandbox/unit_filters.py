@@ -84,7 +84,7 @@ class Filter(object):
         self.native_only = True
 
     def restrict_families(self, value):
-        families = sorted(getattr(socket, name) for name in value.split())  # a "~" is no such name
+        families = sorted(getattr(socket, name) for name in value.split())  # fails for a "~"
         denied = [(LESS, families[0]), (GREATER, families[-1])]
         denied += [(EQUAL, family) for family in range(families[0], families[-1]) if family not in families]
         for operator, family in denied:

@@ -36,7 +36,7 @@ Value const& name_in(Value const& element) {
                : element;
 }
 
-/** Why a list of databases or schemas failed: often there is no account to log on with. */
+/** Why a list of databases or schemas failed: often no account has been saved. */
 int tell_list_failure(Command_Context& context, std::string const& instance,
                       std::string const& doing, Rpc_Error const& error) {
     constexpr char NO_ACCOUNT[] = "get login info fail"; // the module's words
@@ -67,8 +67,9 @@ int list_names(Command_Context& context, Object params, std::string const& uid,
         return tell_list_failure(context, json_spirit::object_get_str(params, "instance"), doing,
                                  error);
     if (answer.type() != json_spirit::obj_type)
-        return context.fail(EXIT_FAILED, "cannot " + doing +
-                                             ": the agent's answer to gaussdb.list is no object");
+        return context.fail(EXIT_FAILED,
+                            "cannot " + doing +
+                                ": the agent's answer to gaussdb.list is not an object");
     Object result = answer.get_obj();
     for (Value const& element : array_of(result, key))
         table.add(Object{{"name", name_in(element)}}, element);

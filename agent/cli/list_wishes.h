@@ -48,7 +48,7 @@ Column const* find_column(std::vector<Column> const& columns, std::string const&
 
 /**
  * Reads COLUMN=TEXT. Further operators are !=, ~ (contains), <, <=, > and >=. Sizes have units,
- * times are ISO 8601, an id is compared by its beginning, and the text "" is no value.
+ * times are ISO 8601, ids match by their prefix, and "" matches an absent value.
  * @return false, with @a error set, for an unknown column, a missing operator and a wrong number
  */
 [[nodiscard]] bool read_filter(std::vector<Column> const& columns, std::string const& text,

@@ -31,7 +31,7 @@ struct Calendar_Fields {
                                          std::string& error);
     /**
      * "[DAYS] [[YEAR-]MONTH-DAY] [HOUR:MINUTE]" in the manner of systemd.time(7), such as
-     * "Mon..Fri 22:30", "*-*-1 03:00" or "*:0/15". A day has to fit all that is given. Without a
+     * "Mon..Fri 22:30", "*-*-1 03:00" or "*:0/15". A day has to match every given part. Without a
      * time it is 00:00. Also hourly, daily, weekly, monthly, quarterly, yearly, and cron's fields.
      */
     [[nodiscard]] static bool parse(std::string const& text, Calendar_Fields& result,

@@ -38,8 +38,8 @@ struct Definition_Defaults {
      */
     std::function<bool(std::string const& pool, Pool_Info& info, std::string& error)> find_pool;
     /**
-     * Finds the uuid of an instance by its name; "" while nobody knows whether there is one. If
-     * there is no function, instances are not looked at.
+     * Finds the uuid of an instance by its name; "" if it is not known yet whether the instance
+     * exists. Without this function instances are not checked.
      * @return false, with the reason in @a error
      */
     std::function<bool(std::string const& instance, std::string& uuid, std::string& error)>

@@ -17,9 +17,9 @@ public:
 
     /**
      * Makes the socket with mode 0600, or 0660 for @a readers, a group of the operating system
-     * whose members may look. A group that does not exist or cannot get the socket is logged, and
-     * then there are no readers. One that nobody answers at is replaced; one that somebody
-     * does, or a file that is no socket, is left alone. A file beside it with ".lock" behind its
+     * whose members may look. If the group does not exist or cannot get the socket, a line is
+     * logged and nobody is a reader. A socket on which nobody listens is replaced; one that is in
+     * use, or a file that is not a socket, is left alone. A file beside it with ".lock" behind its
      * name keeps two that begin at once apart.
      * @return false with what is wrong and what to do
      */
